@@ -1,0 +1,31 @@
+#pragma once
+// Threads of the library. A host's signals are for the host's threads: a thread started here takes
+// none of them, so neither a SIGINT handler of the host nor a SIGPIPE ever runs or strikes on it.
+
+#include <functional>
+#include <thread>
+
+/// One running thread; joined by its owner or by the destructor. Threads: one owner at a time.
+class ZrThread {
+ public:
+  ZrThread() = default;
+  ZrThread(ZrThread&&) noexcept = default;
+  /// Joins the thread held so far.
+  ZrThread& operator=(ZrThread&& other) noexcept;
+  /// Joins.
+  ~ZrThread() { Join(); }
+
+  /// Starts `body` on a new thread. The name is for debuggers and is cut at 15 characters.
+  /// Every asynchronous signal is blocked on it (processes started from it inherit that mask and
+  /// have to reset it). An exception that leaves `body` is dropped: bodies catch their own.
+  /// Throws std::system_error when the system gives no thread.
+  static ZrThread Start(const char* name, std::function<void()> body);
+
+  bool Joinable() const noexcept { return thread_.joinable(); }
+  /// Waits for the end of the thread. Does nothing when there is none. A thread that would wait
+  /// for itself is let go instead.
+  void Join() noexcept;
+
+ private:
+  std::thread thread_;
+};

@@ -1,0 +1,166 @@
+// Files opened beneath a directory, and whole files.
+
+#include "platform/zrfile.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/zrfilesystem.h"
+#include "tests/support/temporary_folder.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+std::string Content(const ZrFile& file) {
+  std::string bytes(file.Size(), '\0');
+  bytes.resize(file.ReadAt(0, bytes).value_or(0));
+  return bytes;
+}
+
+class BeneathTest : public testing::Test {
+ protected:
+  BeneathTest() {
+    folder_.Write("site/page.txt", "page");
+    folder_.Write("site/sub/a..b", "dots");
+    folder_.Write("site/odd\\name", "backslash");
+    folder_.Write("secret.txt", "secret");
+    folder_.Write("site2/page.txt", "neighbour");
+    Link("sub/a..b", "inside");
+    Link("sub/../page.txt", "round");
+    Link(folder_.Path("site/page.txt"), "absolute");
+    Link("../secret.txt", "out");
+    Link(folder_.Path("secret.txt"), "absolute-out");
+    Link(folder_.Path("site2"), "neighbour");
+    Link("loop", "loop");
+    Link("/proc/self/root", "magic");
+    ::mkfifo(folder_.Path("site/fifo").c_str(), 0600);
+  }
+  void Link(const std::string& target, const std::string& name) const {
+    std::filesystem::create_symlink(target, folder_.Path("site/" + name));
+  }
+
+  zrtest::TemporaryFolder folder_;
+};
+
+TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
+  const struct {
+    const char* name;
+    std::string path;
+    const char* content;  // null: does not exist
+  } cases[] = {
+      {"plain", "page.txt", "page"},
+      {"dots inside a name", "sub/a..b", "dots"},
+      {"more separators", "//sub///a..b", "dots"},
+      {"backslash is a character", "odd\\name", "backslash"},
+      {"link inside", "inside", "dots"},
+      {"link with parent piece inside", "round", "page"},
+      {"absolute link inside", "absolute", "page"},
+      {"directory", "sub", ""},
+      {"the start itself", "/", ""},
+      {"empty", "", nullptr},
+      {"missing", "nothing", nullptr},
+      {"file as directory", "page.txt/", nullptr},
+      {"NUL byte", "page.txt\0.html"s, nullptr},
+      {"parent first", "../secret.txt", nullptr},
+      {"parent that stays inside", "sub/../page.txt", nullptr},
+      {"parent last", "sub/..", nullptr},
+      {"link out", "out", nullptr},
+      {"absolute link out", "absolute-out", nullptr},
+      {"link to a neighbour with the same beginning", "neighbour/page.txt", nullptr},
+      {"link loop", "loop", nullptr},
+      {"link through the process's own root", "magic/etc/passwd", nullptr},
+      {"FIFO", "fifo", nullptr},
+      {"absolute path", folder_.Path("secret.txt"), nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto file = ZrFile::OpenBeneath(folder_.Path("site"), c.path);
+    ASSERT_EQ(file != nullptr, c.content != nullptr);
+    if (file == nullptr) continue;
+    EXPECT_EQ(file->IsDirectory(), *c.content == '\0');
+    EXPECT_EQ(file->IsDirectory() ? "" : Content(*file), c.content);
+  }
+}
+
+TEST_F(BeneathTest, TakesTheStoredFormOfTheDirectoryOnly) {
+  std::string stored = folder_.Path("site") + "\\sub\\";
+  EXPECT_NE(ZrFile::OpenBeneath(stored, "a..b"), nullptr);
+  EXPECT_EQ(ZrFile::OpenBeneath("", "page.txt"), nullptr);
+  EXPECT_EQ(ZrFile::OpenBeneath(folder_.Path("site/page.txt"), "/"), nullptr);
+}
+
+TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {
+  const auto file = ZrFile::OpenBeneath(folder_.Path("site"), "page.txt");
+  ASSERT_NE(file, nullptr);
+  ASSERT_EQ(zr::ReplaceFile(folder_.Path("site/page.txt"), "other page", 0600), 0);
+  EXPECT_EQ(Content(*file), "page");
+  std::array<char, 8> rest{};
+  EXPECT_EQ(file->ReadAt(2, rest), 2U);
+  EXPECT_EQ(file->ReadAt(4, rest), 0U);
+  EXPECT_EQ(file->ReadAt(~std::uint64_t{0}, rest), 0U);
+}
+
+TEST_F(BeneathTest, LengthsGoBeyond32Bits) {
+  constexpr std::uint64_t kHuge = (std::uint64_t{5} << 30) + 3;
+  folder_.Write("site/huge", "");
+  std::filesystem::resize_file(folder_.Path("site/huge"), kHuge);  // sparse: takes no disk
+  const auto file = ZrFile::OpenBeneath(folder_.Path("site"), "huge");
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(file->Size(), kHuge);
+  std::array<char, 8> end{'x', 'x', 'x', 'x'};
+  EXPECT_EQ(file->ReadAt(kHuge - 3, end), 3U);
+  EXPECT_EQ(end[2], '\0');
+}
+
+TEST(WholeFile, ReplacesInOneStepAndReadsWithinALimit) {
+  const zrtest::TemporaryFolder folder;
+  const std::string path = folder.Path("deep/er/file");
+  EXPECT_EQ(zr::ReplaceFile(path, "x", 0600), ENOENT);
+  ASSERT_EQ(zr::MakeDirectories(folder.Path("deep/er"), 0700), 0);
+  ASSERT_EQ(zr::MakeDirectories(folder.Path("deep/er/"), 0700), 0);
+  ASSERT_EQ(zr::ReplaceFile(path, "12345", 0640), 0);
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0640U);
+  EXPECT_EQ(zr::MakeDirectories(path + "/below", 0700), ENOTDIR);
+
+  int error = 0;
+  EXPECT_EQ(zr::ReadWholeFile(path, 5, &error), "12345");
+  EXPECT_EQ(zr::ReadWholeFile(path, 4, &error), std::nullopt);
+  EXPECT_EQ(error, EFBIG);
+  EXPECT_EQ(zr::ReadWholeFile(folder.Path("deep"), 9, &error), std::nullopt);
+  EXPECT_EQ(error, EISDIR);
+  EXPECT_EQ(zr::ReadWholeFile(folder.Path("no"), 9, &error), std::nullopt);
+  EXPECT_EQ(error, ENOENT);
+  // Its status says 0 bytes, as for all files of that file system.
+  EXPECT_TRUE(zr::ReadWholeFile("/proc/self/status", 1 << 20)->starts_with("Name:"));
+
+  EXPECT_EQ(zr::DirectoryNames(folder.Path("deep/er")), std::vector<std::string>{"file"});
+  EXPECT_EQ(zr::RemoveFile(path), 0);
+  EXPECT_EQ(zr::RemoveFile(path), 0);
+  EXPECT_EQ(zr::PathKind(path), zr::ZrPathKind::kMissing);
+}
+
+TEST(AppendFile, KeepsTheOldFileWhenTheNewOneCannotBeOpened) {
+  const zrtest::TemporaryFolder folder;
+  ZrAppendFile log;
+  EXPECT_FALSE(log.Write("lost\n"));
+  ASSERT_EQ(log.Open(folder.Path("log")), 0);
+  EXPECT_TRUE(log.Write("one\n"));
+  std::filesystem::rename(folder.Path("log"), folder.Path("log.1"));
+  EXPECT_NE(log.Open(folder.Path("no/log")), 0);
+  EXPECT_TRUE(log.Write("two\n"));
+  ASSERT_EQ(log.Open(folder.Path("log")), 0);
+  EXPECT_TRUE(log.Write("three\n"));
+  EXPECT_EQ(zrtest::ReadFile(folder.Path("log.1")), "one\ntwo\n");
+  EXPECT_EQ(zrtest::ReadFile(folder.Path("log")), "three\n");
+}
+
+}  // namespace

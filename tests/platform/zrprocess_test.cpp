@@ -1,0 +1,104 @@
+#include "platform/zrprocess.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <string>
+
+#include "platform/zrpipe.h"
+
+namespace {
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+std::string ReadToEnd(int descriptor) {
+  std::string text;
+  std::array<char, 4096> chunk;
+  const auto deadline = steady_clock::now() + seconds(20);
+  for (;;) {
+    const zr::PipeTransfer got = zr::ReadPipe(descriptor, chunk);
+    if (got.result == zr::PipeResult::kClosed) return text;
+    text.append(chunk.data(), got.count);
+    zr::PollItem item{descriptor};
+    if (got.result == zr::PipeResult::kBlocked && !zr::PollDescriptors({&item, 1}, deadline)) {
+      ADD_FAILURE() << "no end after 20 s; read: " << text;
+      return text;
+    }
+  }
+}
+
+class ProcessTest : public ::testing::Test {
+ protected:
+  std::error_code StartShell(const std::string& script) {
+    return Start({.program = "sh", .arguments = {"-c", script}, .environment = &environment_});
+  }
+  std::error_code Start(ZrProcessStart start) {
+    EXPECT_FALSE(zr::MakePipe(output_));
+    EXPECT_FALSE(zr::SetNonBlocking(output_.read.Get()));
+    start.standardOutput = start.standardError = output_.write.Get();
+    const std::error_code failed = process_.Start(start);
+    output_.write.Close();
+    return failed;
+  }
+  std::string Output() { return ReadToEnd(output_.read.Get()); }
+
+  ZrEnvironment environment_ = ZrEnvironment::OfThisProcess();
+  zr::Pipe output_;
+  ZrProcess process_;
+};
+
+TEST_F(ProcessTest, ChildHasOnlyItsOwnVariablesDescriptorsAndSignals) {
+  // Descriptors of the host that would survive an exec, and dispositions that would too.
+  std::FILE* hostFile = std::fopen("/dev/null", "r");
+  const auto previous = std::signal(SIGTERM, SIG_IGN);
+  environment_ = {};
+  ASSERT_TRUE(environment_.Set("A", "1"));
+  ASSERT_TRUE(environment_.Set("AB", "2"));
+  ASSERT_TRUE(environment_.Set("A", "3"));
+  EXPECT_FALSE(environment_.Set("N", std::string_view("x\0y", 3)));
+  EXPECT_FALSE(environment_.Set("N=", ""));
+  ASSERT_FALSE(
+      StartShell("/usr/bin/env | grep -v -e ^PWD= -e ^_= -e ^OLDPWD= -e ^SHLVL= | sort; ls "
+                 "/proc/self/fd | wc -l;"
+                 "sed -n 's/^Sig\\(Blk\\|Ign\\):.*\\(.......\\)$/\\1 \\2/p' /proc/self/status; "
+                 "read x || echo no input;"
+                 "set -- $(cat /proc/$$/stat); [ $5 = $$ ] && echo leader"));
+  // "ls" itself holds a fourth descriptor, the folder. The masks' last digits cover signals 1 to
+  // 28; above 31 come two that belong to the C library and are not ours to change.
+  EXPECT_EQ(Output(), "A=3\nAB=2\n4\nBlk 0000000\nIgn 0000000\nno input\nleader\n");
+  EXPECT_EQ(process_.Collect(), 0);
+  EXPECT_FALSE(process_.IsHeld());
+  std::signal(SIGTERM, previous);
+  std::fclose(hostFile);
+}
+
+TEST_F(ProcessTest, ProgramTextIsAFileName) {
+  for (const char* program : {"/bin/echo hello", "zr-no-such-program", ""}) {
+    EXPECT_EQ(Start({.program = program, .environment = &environment_}),
+              std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(process_.IsHeld());
+  }
+  EXPECT_EQ(zr::FindProgram("sh", "/zr/none:/bin"), "/bin/sh");
+  EXPECT_EQ(zr::FindProgram("sh", "/zr/none"), std::nullopt);
+}
+
+TEST_F(ProcessTest, HeldChildEndsWithItsObject) {
+  ASSERT_FALSE(StartShell("sleep 1000"));
+  process_ = ZrProcess();
+  EXPECT_EQ(Output(), "");
+}
+
+TEST_F(ProcessTest, HostThatCollectsItsChildrenIsSurvived) {
+  const auto previous = std::signal(SIGCHLD, SIG_IGN);
+  ASSERT_FALSE(StartShell("exit 3"));
+  EXPECT_TRUE(process_.WaitForEnd(steady_clock::now() + seconds(20)));
+  EXPECT_TRUE(process_.HasEnded());
+  process_.KillGroup();
+  EXPECT_EQ(process_.Collect(), std::nullopt);
+  std::signal(SIGCHLD, previous);
+}
+
+}  // namespace

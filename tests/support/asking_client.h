@@ -1,0 +1,127 @@
+#pragma once
+// A client that sends requests and keeps what became of each, for tests of outgoing requests.
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "http/zrtransceiver.h"
+#include "http/zrtransceiverclient.h"
+#include "http/zrxheader.h"
+#include "jobs/zrjobregistry.h"
+#include "jobs/zrscheduler.h"
+#include "net/zrprotocolservers.h"
+#include "net/zrurlhookservice.h"
+#include "tests/support/wait.h"
+
+namespace zrtest {
+
+/// What became of a request: an answer or a failure.
+struct Outcome {
+  std::shared_ptr<ZrXHeader> answer;
+  ZrSendFailure failure;
+  /// The outcome in a line, for comparison.
+  std::string Text() const {
+    if (!answer) return std::string(zr::SendFailureReason(failure.kind));
+    return std::to_string(answer->status) + " " + std::string(answer->body->Unread());
+  }
+};
+
+class AskingClient : public ZrTransceiverClient {
+ public:
+  using ZrTransceiverClient::ZrTransceiverClient;
+
+  bool AcceptSocketAnswer(const std::string& name,
+                          const std::shared_ptr<ZrXHeader>& answer) override {
+    return Keep(name, {answer, {}});
+  }
+  bool AcceptQuarnAnswer(const std::string& name,
+                         const std::shared_ptr<ZrXHeader>& answer) override {
+    return Keep(name, {answer, {}});
+  }
+  bool AcceptHttpAnswer(const std::string& name,
+                        const std::shared_ptr<ZrXHeader>& answer) override {
+    return Keep(name, {answer, {}}) && ZrTransceiverClient::AcceptHttpAnswer(name, answer);
+  }
+  void MessageFailed(const std::string& name, const ZrSendFailure& failure) override {
+    Keep(name, {nullptr, failure});
+  }
+  /// All outcomes so far, in their order.
+  std::vector<std::pair<std::string, Outcome>> Outcomes() {
+    ZrLock hold(outcomeLock_);
+    return outcomes_;
+  }
+
+ private:
+  bool Keep(const std::string& name, Outcome outcome) {
+    ZrLock hold(outcomeLock_);
+    outcomes_.emplace_back(name, std::move(outcome));
+    return true;
+  }
+  ZrMutex outcomeLock_;
+  std::vector<std::pair<std::string, Outcome>> outcomes_ ZR_GUARDED_BY(outcomeLock_);
+};
+
+/// A transceiver with one asking client.
+class AskingBed {
+ public:
+  explicit AskingBed(const ZrClock& clock = ZrClock::System())
+      : transceiver(scheduler, zr::ProtocolServers(zr::OutgoingPools()), clock),
+        client(zr::MakeJob<AskingClient>([](ZrServerCallback_t&) { return true; }, ZrOptionMap(),
+                                         nullptr, nullptr)) {
+    transceiver.AddClient(client);
+  }
+  ~AskingBed() { Stop(); }
+
+  void Stop() {
+    transceiver.StopServers();
+    transceiver.RemoveClient(client);
+  }
+
+  /// A GET for that path on 127.0.0.1, or a POST when there is a body.
+  static std::shared_ptr<ZrXHeader> Request(int port, std::string_view path = "/",
+                                            std::string_view body = {},
+                                            std::uint32_t kind = zr::kProtocolHttp) {
+    auto head =
+        zr::MakeJob<ZrXHeader>(body.empty() ? ZrMessageType::kGet : ZrMessageType::kPost, kind);
+    head->kind = ZrMessageKind::kRequest;
+    head->host = "127.0.0.1";
+    head->port = static_cast<std::uint64_t>(port);
+    head->path = path;
+    head->connectOptions.Set("quiet", "yes");
+    if (!body.empty()) {
+      head->boundary = "x";
+      head->body = std::make_unique<ZrStringBuf>(std::string(body));
+    }
+    head->SetState(zr::kHeadStateComplete);
+    return head;
+  }
+  /// Sends and waits for the outcome, as text, and for the end of the exchange: a worker whose
+  /// connection lives is idle then.
+  std::string Ask(const std::shared_ptr<ZrXHeader>& head) {
+    client->SendMessage(head, true);
+    const std::string outcome = OutcomeOf(head->JobName());
+    const bool ended =
+        WaitFor([&] { return !ZrJobRegistry::Instance().TaskText(head->AttachedTask()); });
+    return ended ? outcome : "an exchange without end";
+  }
+  std::string OutcomeOf(const std::string& name) {
+    std::optional<std::string> text;
+    const bool came = WaitFor([&] {
+      for (const auto& [of, outcome] : client->Outcomes()) {
+        if (of == name) text = outcome.Text();
+      }
+      return text.has_value();
+    });
+    return came ? *text : "nothing";
+  }
+
+  ZrRinvalScheduler2 scheduler;
+  ZrTransceiver transceiver;
+  std::shared_ptr<AskingClient> client;
+};
+
+}  // namespace zrtest

@@ -1,0 +1,39 @@
+#pragma once
+// A plain TCP client on 127.0.0.1 that sends bytes exactly as told: in pieces, half closed, reset.
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+namespace zrtest {
+
+class RawClient {
+ public:
+  /// Connects; Connected() is false when nobody listens there. A receive window of that many bytes
+  /// (0: the system's choice) makes a slow reader.
+  explicit RawClient(int port, int receiveWindow = 0);
+  ~RawClient();
+  RawClient(RawClient&& other) noexcept;
+  RawClient& operator=(RawClient&&) = delete;
+
+  bool Connected() const { return descriptor_ >= 0; }
+  /// False when the peer no longer takes bytes.
+  bool Send(std::string_view bytes);
+  /// No more bytes from this side; reading goes on.
+  void FinishSending();
+  /// At most `capacity` bytes that are there within the limit; empty at the end or when none came.
+  std::string ReadSome(std::size_t capacity = 65536,
+                       std::chrono::seconds limit = std::chrono::seconds(20));
+  /// Reads until the text ends with, or the whole holds, `end`; what came so far at the limit.
+  std::string ReadUntil(std::string_view end);
+  /// Reads to the end of the stream. `ended` tells whether the peer closed in order.
+  std::string ReadToEnd(bool* ended = nullptr);
+  /// Closes with a reset instead of an orderly end.
+  void Reset();
+
+ private:
+  int descriptor_ = -1;
+  bool closed_ = false;
+};
+
+}  // namespace zrtest

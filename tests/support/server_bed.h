@@ -1,0 +1,114 @@
+#pragma once
+// A transceiver with real servers on port 0 and a handler whose answers the test decides.
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "http/zrmessagehandler.h"
+#include "http/zrtransceiver.h"
+#include "http/zrtransceiverconnection.h"
+#include "http/zrxresponseheader.h"
+#include "http/zrxserverheader.h"
+#include "jobs/zrscheduler.h"
+#include "net/zrprotocolservers.h"
+#include "tests/support/manual_clock.h"
+#include "tests/support/wait.h"
+
+namespace zrtest {
+
+class ServerBed;
+
+/// Hands every message to the bed's answer function.
+class BedHandler : public ZrJob, public ZrMessageHandler {
+ public:
+  explicit BedHandler(ServerBed& bed) : bed_(bed) {}
+  ZrJob& HandlerJob() override { return *this; }
+  bool AttachTransceiver(ZrTransceiver&) override { return true; }
+  void DetachTransceiver(ZrTransceiver&) override {}
+  int HandleMessage(const std::string& name, std::shared_ptr<ZrXHeader> message) override;
+  bool OnHeadComplete(ZrXHeader&) override { return true; }
+
+ private:
+  ServerBed& bed_;
+};
+
+class ServerBed {
+  // First, as servers report until their end.
+  ZrMutex lock_;
+  std::vector<ZrServerCallback_t> records_ ZR_GUARDED_BY(lock_);
+
+ public:
+  using Message = std::shared_ptr<ZrXHeader>;
+
+  explicit ServerBed(const ZrClock& clock = ZrClock::System())
+      : transceiver(scheduler, zr::ProtocolServers(), clock),
+        handler(zr::MakeJob<BedHandler>(*this)) {
+    transceiver.AddClient(handler);
+  }
+  ~ServerBed() {
+    transceiver.StopServers();
+    transceiver.RemoveClient(handler);
+  }
+
+  /// Opens a server of that protocol kind and waits until it listens; returns its port, 0 when it
+  /// does not.
+  int Open(std::uint32_t kind, const std::map<std::string, std::string>& options = {}) {
+    const std::size_t before = Records(ZrServerCallback_t::kListening).size();
+    Start(kind, options);
+    if (!WaitFor([&] { return Records(ZrServerCallback_t::kListening).size() > before; })) return 0;
+    return std::stoi(Records(ZrServerCallback_t::kListening).back().info.Get("port"));
+  }
+  void Start(std::uint32_t kind, const std::map<std::string, std::string>& options) {
+    configuration = zr::MakeJob<ZrXServerHeader>(true, kind);
+    configuration->SetOption("tcp_port", "0");
+    for (const auto& [name, value] : options) configuration->SetOption(name, value);
+    opened = transceiver.OpenServer(*handler, configuration, callback);
+  }
+  /// The reports of one kind so far.
+  std::vector<ZrServerCallback_t> Records(std::int32_t kind) {
+    ZrLock hold(lock_);
+    std::vector<ZrServerCallback_t> found;
+    for (const auto& record : records_) {
+      if (record.kind == kind) found.push_back(record);
+    }
+    return found;
+  }
+  /// Answers a request; an empty body is sent as such. Any thread.
+  void Answer(const ZrXHeader& request, std::string_view body) {
+    const auto answer = request.MakeResponse();
+    answer->SetBodyText(body);
+    Send(request, answer);
+  }
+  void Send(const ZrXHeader& request, const std::shared_ptr<ZrXHeader>& answer) {
+    answer->SetState(zr::kHeadStateComplete);
+    transceiver.Send(*handler, answer, callback, request.target, 1);
+  }
+  bool WaitForConnections(std::size_t count) {
+    return WaitFor([&] { return transceiver.ConnectionCount() == count; });
+  }
+
+  ZrRinvalScheduler2 scheduler;
+  std::function<int(ServerBed&, const Message&)> onMessage = [](ServerBed& bed, const Message& m) {
+    bed.Answer(*m, m->path + "|" + std::string(m->body->Unread()));
+    return 1;
+  };
+  ZrServerCallback callback = [this](ZrServerCallback_t& record) {
+    ZrLock hold(lock_);
+    records_.push_back(record);
+    return true;
+  };
+  ZrTransceiver transceiver;
+  std::shared_ptr<BedHandler> handler;
+  std::shared_ptr<ZrXServerHeader> configuration;
+  std::string opened;  // what OpenServer answered last
+};
+
+inline int BedHandler::HandleMessage(const std::string&, std::shared_ptr<ZrXHeader> message) {
+  return bed_.onMessage(bed_, message);
+}
+
+}  // namespace zrtest

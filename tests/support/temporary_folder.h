@@ -1,0 +1,33 @@
+#pragma once
+// A folder of a test's own, gone with the object.
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "http/zrcertificate.h"
+
+namespace zrtest {
+
+class TemporaryFolder {
+ public:
+  TemporaryFolder();
+  ~TemporaryFolder();
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  std::string Path(std::string_view name = {}) const;
+  /// Writes a file, making the folders on the way; returns its path.
+  std::string Write(std::string_view name, std::string_view bytes) const;
+
+ private:
+  std::filesystem::path folder_;
+};
+
+/// The whole file; empty when there is none.
+std::string ReadFile(const std::string& path);
+
+/// A certificate for localhost, 127.0.0.1 and ::1 with its key, made once in a test program's life.
+const zr::CertificateFiles& TestCertificate();
+
+}  // namespace zrtest
