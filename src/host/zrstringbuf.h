@@ -1,0 +1,66 @@
+#pragma once
+// The byte buffer of the whole system: received bytes, bodies, message heads and output queues. One
+// contiguous piece of memory with a read position, so that a reader can scan what has arrived as a
+// view, and a writer can fill it in place. It is also a stream buffer: a std::istream over it reads
+// (and consumes) from the front, a std::ostream over it appends at the end. It is not seekable.
+// Threads: one at a time; whoever shares a buffer guards it.
+
+#include <cstddef>
+#include <span>
+#include <streambuf>
+#include <string>
+#include <string_view>
+
+/// Bytes that are appended at the end and consumed from the front. Every operation costs time
+/// linear in the bytes it moves; consumed space is used again before the memory grows.
+class ZrStringBuf : public std::streambuf {
+ public:
+  ZrStringBuf() = default;
+  /// A buffer that holds these bytes; nothing is copied.
+  explicit ZrStringBuf(std::string bytes) noexcept;
+  /// Moving hands over the memory and leaves the other buffer empty.
+  ZrStringBuf(ZrStringBuf&& other) noexcept;
+  ZrStringBuf& operator=(ZrStringBuf&& other) noexcept;
+  ZrStringBuf(const ZrStringBuf&) = delete;
+  ZrStringBuf& operator=(const ZrStringBuf&) = delete;
+  ~ZrStringBuf() override = default;
+
+  /// Adds bytes at the end. They must not lie in this buffer. Invalidates views.
+  void Append(std::string_view bytes);
+  void Append(char byte) { Append(std::string_view(&byte, 1)); }
+  /// Makes room for that many bytes in all without growing again. Invalidates views.
+  void Reserve(std::size_t bytes);
+  /// Gives `bytes` bytes of writable space behind the end, for a read into the buffer; Commit()
+  /// then says how many of them were filled (at most as many), and only those count.
+  std::span<char> Prepare(std::size_t bytes);
+  void Commit(std::size_t bytes) noexcept;
+
+  /// The bytes not yet consumed. Valid until the next operation that changes the buffer.
+  std::string_view Unread() const noexcept {
+    return {gptr(), static_cast<std::size_t>(egptr() - gptr())};
+  }
+  /// The number of bytes not yet consumed.
+  std::size_t Size() const noexcept { return static_cast<std::size_t>(egptr() - gptr()); }
+  bool Empty() const noexcept { return gptr() == egptr(); }
+  /// Drops that many bytes at the front, at most all of them.
+  void Consume(std::size_t bytes) noexcept;
+  /// Moves the unread bytes out; the buffer is empty afterwards.
+  std::string Take();
+  /// Forgets all bytes; keeps a small buffer's memory for the next ones.
+  void Clear() noexcept;
+
+ protected:
+  int_type underflow() override;
+  int_type overflow(int_type byte) override;
+  std::streamsize xsputn(const char* bytes, std::streamsize count) override;
+
+ private:
+  std::size_t ReadOffset() const noexcept { return static_cast<std::size_t>(gptr() - eback()); }
+  void SetArea(std::size_t readOffset) noexcept;
+  void MakeRoom(std::size_t bytes);
+
+  // The get area of the base class is the bytes from the start of storage_ to end_; its next
+  // pointer is the read position. There is no put area: writing always comes through Append().
+  std::string storage_;
+  std::size_t end_ = 0;  // beyond it lies only space that Prepare() gave out
+};

@@ -1,0 +1,78 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "host/zrexception.h"
+#include "host/zrnumber.h"
+#include "host/zroptionmap.h"
+#include "host/zrpath.h"
+
+namespace {
+
+TEST(Base, DirectoryPathsTakeTheStoredForm) {
+  struct Case {
+    const char* path;
+    const char* stored;
+  };
+  constexpr Case kCases[] = {{"C:/www", "C:\\www\\"}, {"docs\\", "docs\\"}, {"a/b/", "a\\b\\"},
+                             {"www", "www\\"},        {"/", "\\"},          {"", ""}};
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(zr::NormalizeDirectoryPath(c.path), c.stored);
+    EXPECT_EQ(zr::NormalizeDirectoryPath(c.stored), c.stored);
+  }
+}
+
+TEST(Base, ExceptionsCarryOnlyTheirMessage) {
+  const ZrException_SSL tls("problem with SSL key pair", 963, "zrtransceiver");
+  const ZrException copy = tls;
+  EXPECT_STREQ(copy.what(), "(SSL) problem with SSL key pair");
+}
+
+TEST(Base, OptionDefaultsAreOnlyForAbsentNames) {
+  ZrOptionMap options;
+  options.Set("empty", "");
+  EXPECT_EQ(options.Get("empty", "default"), "");
+  EXPECT_EQ(options.Get("absent", "default"), "default");
+}
+
+TEST(Base, UnsignedNumbersStopAtTheFirstOtherCharacter) {
+  EXPECT_EQ(zr::ParseUnsignedLong(" 443x"), 443u);
+  EXPECT_EQ(zr::ParseUnsignedLong("4294967295"), 4294967295u);
+  EXPECT_EQ(zr::ParseUnsignedLong("-1"), 4294967295u);
+  for (const char* text : {"", " ", "x1", "- 1", "+-1"}) {
+    SCOPED_TRACE(text);
+    try {
+      zr::ParseUnsignedLong(text);
+      ADD_FAILURE() << "accepted";
+    } catch (const std::invalid_argument& e) {
+      EXPECT_STREQ(e.what(), "invalid stoul argument");
+    }
+  }
+  try {
+    zr::ParseUnsignedLong("4294967296");
+    ADD_FAILURE() << "accepted";
+  } catch (const std::out_of_range& e) {
+    EXPECT_STREQ(e.what(), "stoul argument out of range");
+  }
+}
+
+TEST(Base, DigitsAreTheWholeText) {
+  EXPECT_EQ(zr::ParseDigits("18446744073709551615"), 18446744073709551615ull);
+  for (const char* text : {"", "-1", "+1", " 1", "1 ", "18446744073709551616", "0x1"}) {
+    EXPECT_FALSE(zr::ParseDigits(text)) << text;
+  }
+}
+
+TEST(Base, GeneralNotationHasSixDigits) {
+  struct Case {
+    double value;
+    const char* text;
+  };
+  constexpr Case kCases[] = {{0.1, "0.1"}, {1234567.0, "1.23457e+06"},
+                             {50.0, "50"}, {100.0 / 3, "33.3333"},
+                             {0.0, "0"},   {1e-5, "1e-05"}};
+  for (const Case& c : kCases) EXPECT_EQ(zr::FormatGeneral(c.value), c.text);
+}
+
+}  // namespace
