@@ -1,0 +1,151 @@
+#pragma once
+// Names of elements and attributes. A document repeats a few names thousands of times, so a name is
+// a counted reference to one immutable text: nodes made from the same ZrName share it, and whoever
+// passes a plain string gets a text of its own. The count is atomic: two trees that share names may
+// live on two threads.
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace zr {
+
+/// The shared text behind a ZrName. Only ZrName and its helpers touch the count.
+struct NameText {
+  /// Marks a text that is never freed and therefore not counted.
+  static constexpr std::uint32_t kPermanent = 0x80000000u;
+
+  std::atomic<std::uint32_t> references;
+  const std::string text;
+};
+
+}  // namespace zr
+
+class ZrName;
+
+/// A name as an argument: converts from every kind of text and borrows it for the call. Made from a
+/// ZrName it carries the shared text along, so that the receiver can keep it without a copy. Small
+/// enough to travel in two registers.
+class ZrNameView {
+ public:
+  // Implicit on purpose: callers pass whatever text they have.
+  ZrNameView(const char* text) : ZrNameView(std::string_view(text)) {}
+  ZrNameView(const std::string& text) : ZrNameView(std::string_view(text)) {}
+  ZrNameView(std::string_view text) : text_(text.data()), size_(text.size()) {}
+  inline ZrNameView(const ZrName& name);
+
+  std::string_view text() const {
+    return size_ == kShared ? std::string_view(shared_->text) : std::string_view(text_, size_);
+  }
+  bool empty() const { return size_ == 0; }
+
+ private:
+  friend class ZrName;
+  friend class ZrPermanentName;
+  static constexpr std::size_t kShared = static_cast<std::size_t>(-1);
+  explicit ZrNameView(zr::NameText* shared)
+      : shared_(shared), size_(shared != nullptr ? kShared : 0) {}
+
+  union {
+    const char* text_;
+    zr::NameText* shared_;  // with size_ kShared
+  };
+  std::size_t size_;
+};
+
+/// A shared, immutable byte string the size of a pointer. Copying never allocates. The empty name
+/// is represented by no text at all.
+class ZrName {
+ public:
+  ZrName() = default;
+  /// Shares the text that the view carries, or copies the text it borrows.
+  explicit ZrName(ZrNameView name) : shared_(Share(name)) {}
+  ZrName(const ZrName& other) noexcept : shared_(other.shared_) { Hold(shared_); }
+  ZrName(ZrName&& other) noexcept : shared_(std::exchange(other.shared_, nullptr)) {}
+  ZrName& operator=(ZrName other) noexcept {
+    std::swap(shared_, other.shared_);
+    return *this;
+  }
+  ~ZrName() { Drop(shared_); }
+
+  /// The text; lives at least as long as this name.
+  const std::string& str() const noexcept { return shared_ != nullptr ? shared_->text : Empty(); }
+  bool empty() const noexcept { return shared_ == nullptr; }
+
+  friend bool operator==(const ZrName& a, const ZrName& b) noexcept {
+    return a.shared_ == b.shared_ || a.str() == b.str();
+  }
+  friend bool operator==(const ZrName& a, std::string_view b) noexcept { return a.str() == b; }
+
+ private:
+  friend class ZrNameView;
+  friend class ZrElementExtras;
+
+  static const std::string& Empty() noexcept;
+  static zr::NameText* Share(ZrNameView name) {
+    if (name.size_ != ZrNameView::kShared) return Copy(name.text());
+    Hold(name.shared_);
+    return name.shared_;
+  }
+  static zr::NameText* Copy(std::string_view text);
+  static void Hold(zr::NameText* shared) noexcept {
+    if (shared != nullptr &&
+        (shared->references.load(std::memory_order_relaxed) & zr::NameText::kPermanent) == 0) {
+      shared->references.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+  static void Drop(zr::NameText* shared) noexcept {
+    if (shared != nullptr &&
+        (shared->references.load(std::memory_order_relaxed) & zr::NameText::kPermanent) == 0 &&
+        shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+      delete shared;
+    }
+  }
+
+  zr::NameText* shared_ = nullptr;
+};
+
+inline ZrNameView::ZrNameView(const ZrName& name) : ZrNameView(name.shared_) {}
+
+/// A name known to the program, for static storage: never counted and never freed, so nodes that
+/// outlive the program's other statics keep it. Up to 15 bytes take no memory of their own.
+class ZrPermanentName {
+ public:
+  explicit ZrPermanentName(const char* text)
+      : text_{{zr::NameText::kPermanent}, std::string(text)} {}
+  ZrPermanentName(const ZrPermanentName&) = delete;
+  ZrPermanentName& operator=(const ZrPermanentName&) = delete;
+  ~ZrPermanentName() {}  // leaves the text in place on purpose
+
+  operator ZrNameView() const { return ZrNameView(&text_); }  // implicit on purpose
+
+ private:
+  union {
+    mutable zr::NameText text_;
+  };
+};
+
+/// Hands out one shared ZrName for each distinct text. Not locked; belongs to one reader.
+class ZrNameTable {
+ public:
+  /// The name for the text, entered when it is new; good as long as the table. Texts chosen to
+  /// collide cannot slow it down: a text that finds no free place near its own gets a name of its
+  /// own each time.
+  ZrNameView Intern(std::string_view text);
+
+ private:
+  struct Slot {
+    std::size_t hash = 0;
+    ZrName name;
+  };
+  static constexpr std::size_t kLongestProbe = 16;
+
+  void Grow();
+
+  std::vector<Slot> slots_;  // power-of-two size, linear probing
+  std::size_t used_ = 0;
+  std::vector<ZrName> unshared_;
+};
