@@ -1,0 +1,152 @@
+// What the element classes write, and the script they make of themselves.
+
+#include "html/zrhtmlelements.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "host/zrexception.h"
+#include "html/zrcssnodes.h"
+#include "html/zrhtmldocument2.h"
+#include "html/zrhtmlerrormsg404.h"
+#include "html/zrhtmlformelements.h"
+#include "html/zrhtmlplainelements.h"
+#include "html/zrhtmltext2.h"
+#include "markup/zrxmlnodes.h"
+
+namespace {
+
+TEST(HtmlElements, WriteTheirAttributesAndText) {
+  struct Case {
+    std::string written, expected;
+  };
+  ZrHTML_progress2 progress;
+  progress.value.SetFromString("0.10");
+  progress.max.SetFromString("1234567");
+  ZrHTML_input2 input;
+  input.type.SetFromText("text");
+  input.value.SetFromString("");
+  ZrHTML_p2 styled;
+  styled.style.SetFromString("margin: 0;color:red");
+  styled.class_.SetFromString("warn");
+  styled.id.SetFromString("x");
+  styled.AppendText("a");
+  styled.AppendText("b");
+  ZrHTML_option2 chosen("1", "One", true);
+  const Case cases[] = {
+      {ZrHTML_div2("x", true).ToText(),
+       "<div id=\"x\" onmousedown=\"quarn_start_drag(this);\"></div>"},
+      {ZrHTML_div2().ToText(), "<div></div>"},
+      {ZrHTML_br2().ToText(), "<br />"},
+      {ZrHTML_p2().ToText(), "<p></p>"},
+      {ZrHTML_title2("Hi").ToText(), "<title>\nHi\n</title>"},
+      {ZrHTML_a2("/x", "<b>&").ToText(), "<a href=\"/x\">\n<b>&\n</a>"},
+      {ZrHTML_a2("", "").ToText(), "<a href=\"\">\n\n</a>"},
+      {ZrHTML_option2("1", "One").ToText(), "<option value=\"1\">\nOne\n</option>"},
+      {chosen.ToText(), "<option selected=\"1\" value=\"1\">\nOne\n</option>"},
+      {ZrHTML_form2().ToText(), "<form method=\"POST\"></form>"},
+      {ZrHTML_form2("/do", "").ToText(), "<form action=\"/do\"></form>"},
+      {ZrHTML_link2("a.css").ToText(),
+       "<link href=\"a.css\" rel=\"stylesheet\" type=\"text/css\" />"},
+      {ZrHTML_meta2("charset=\"utf-8\"").ToText(), "<meta charset=\"utf-8\" />"},
+      {ZrHTML_meta2().ToText(), "<meta />"},
+      {ZrHTML_img2("i.png", "", "T").ToText(), "<img src=\"i.png\" title=\"T\" />"},
+      {ZrHTML_iframe2("/f", "10", "").ToText(), "<iframe src=\"/f\" width=\"10\">\n\n</iframe>"},
+      {ZrHTML_label2("f", "Name").ToText(), "<label for=\"f\">\nName\n</label>"},
+      {ZrHTML_label2().ToText(), "<label></label>"},
+      {ZrHTML_select2("", "").ToText(), "<select name=\"\"></select>"},
+      {ZrHTML_select2("s", "n").ToText(), "<select id=\"s\" name=\"n\"></select>"},
+      {progress.ToText(), "<progress max=\"1.23457e+06\" value=\"0.1\"></progress>"},
+      {input.ToText(), "<input type=\"text\" value=\"\" />"},
+      {styled.ToText(), "<p class=\"warn\" id=\"x\" style=\"color: red;margin: 0;\">\na\nb\n</p>"},
+      {ZrHTML_Doctype2("html").Name(), "HTMLDoctype"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(c.written, c.expected);
+}
+
+TEST(HtmlElements, ScriptsStandBetweenTheirBrackets) {
+  ZrHTML_script2 script;
+  script.AddChild(new ZrHTML_text2("go();"));
+  EXPECT_EQ(script.ToText(),
+            "<script type=\"text/javascript\">\n<!--\n\ngo();\n//-->\n\n</script>");
+}
+
+TEST(HtmlElements, TextGrowsAndIsFoundAsText) {
+  ZrHTML_span2 span;
+  ZrHTML_text2& text = span.AppendText("1 ");
+  text.AddText("< 2 & more");
+  span.FlushText();
+  std::ostringstream content;
+  span.WriteText(content);
+  EXPECT_EQ(content.str(), "1 < 2 & more");
+  EXPECT_TRUE(span.Children()[1]->IsTextNode());
+  EXPECT_EQ(text.AddChild(nullptr), nullptr);
+  EXPECT_THROW(text.Adopt(std::make_unique<ZrHTML_text2>()), ZrException);
+}
+
+TEST(HtmlElements, StyleSheetsTakeOnlyStyleNodes) {
+  ZrHTML_style2 sheet;
+  sheet.Adopt(std::make_unique<ZrXMLGenericWhitespace>("\n"));
+  auto* const rule = sheet.Adopt(std::make_unique<ZrCSSRule>("p"));
+  rule->Adopt(std::make_unique<ZrCSSProperty>("color:red", false));
+  auto* const print = sheet.Adopt(std::make_unique<ZrCSSMediaQuery>("@media print"));
+  print->Adopt(std::make_unique<ZrCSSRule>("a"));
+  sheet.Adopt(std::make_unique<ZrCSSHTMLComment>());
+  EXPECT_EQ(sheet.ToText(),
+            "<style type=\"text/css\">\np{color: red;}@media print{a{}}<!----></style>");
+  try {
+    sheet.Adopt(std::make_unique<ZrHTML_br2>());
+    ADD_FAILURE() << "accepted";
+  } catch (const ZrException& e) {
+    EXPECT_STREQ(e.what(), "must be an CSS element");
+  }
+  EXPECT_EQ(sheet.Children().size(), 5u) << "the refused child belongs to the tree";
+}
+
+TEST(HtmlScript, BuildsTheElementInThePage) {
+  EXPECT_EQ(ZrHTML_div2("main").ToScript(),
+            "{\nvar newelem = document.createElement('div');\n"
+            "newelem.setAttribute('id','main');\nnewelem.innerHTML=\"\";\n"
+            "document.appendChild(newelem);\n }");
+  ZrHTML_div2 div;
+  div.SetAttribute("title", "it's");
+  div.AddAttribute("hidden", nullptr);
+  div.Adopt(std::make_unique<ZrHTML_b2>())->SetAttribute("x", "1");
+  div.AppendText("a\r\n\t\f\b\\\"'\x01/");
+  EXPECT_EQ(div.ToScript(),
+            "{\nvar newelem = document.createElement('div');\n"
+            "newelem.setAttribute('title','it's');\n"
+            "newelem.innerHTML=\"<b x=\\\"1\\\"></b>a\\r\\n\\t\\f\\b\\\\\\\"\\'\x01/\";\n"
+            "document.appendChild(newelem);\n }");
+}
+
+TEST(HtmlDocument, MakesTheFrameThatIsMissing) {
+  ZrHTML_Document2 page;
+  page.AddToBody(std::make_unique<ZrHTML_p2>());
+  page.AddToHead(std::make_unique<ZrHTML_title2>("T"));
+  page.AddToBody(std::make_unique<ZrHTML_hr2>());
+  EXPECT_EQ(page.ToText(),
+            "<!DOCTYPE html>\n<html>\n<head>\n<title>\nT\n</title>\n</head>\n"
+            "<body>\n<p></p>\n<hr />\n</body>\n</html>");
+
+  ZrHTML_Document2 other;
+  auto* const outer = other.Adopt(std::make_unique<ZrHTML_div2>());
+  auto* const html = outer->Adopt(std::make_unique<ZrHTML_html2>());
+  EXPECT_EQ(&other.HtmlRoot(), html);
+  EXPECT_EQ(other.Children()[0]->Name(), "HTMLDoctype");
+  EXPECT_EQ(other.Children().size(), 2u);
+  auto* const body =
+      html->Adopt(std::make_unique<ZrHTML_div2>())->Adopt(std::make_unique<ZrHTML_body2>());
+  EXPECT_EQ(&html->Body(), body);
+}
+
+TEST(HtmlDocument, TheErrorPageShowsMessageAndLink) {
+  EXPECT_EQ(ZrHTML_ErrorMsg404().ToText(),
+            "<!DOCTYPE html>\n<html>\n<head>\n<title>\nError 404 - not found\n</title>\n</head>\n"
+            "<body>\n<h1>Error 404 - not found</h1>The requested page was not found or the project "
+            "was timed out.\n<br />\n<a href=\"/\">\nStartseite\n</a>\n</body>\n</html>");
+}
+
+}  // namespace
