@@ -1,0 +1,42 @@
+// velkoro animate: what the animation command of stored pages writes.
+
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "cli/command.h"
+#include "html/zrcommandcompiler.h"
+
+namespace zr::cli {
+namespace {
+
+constexpr const char* kExample =
+    "Example:\n"
+    "  velkoro animate '!linearanimation(.lamp, 3s, infinite, 3, opacity: 1;, opacity: 0;, 5)'\n"
+    "lights .lamp0, .lamp1 and .lamp2 in turn. The arguments are the selector, the duration, the\n"
+    "repetition, the number of elements, the declarations of the lit and of the dark state, and "
+    "the\n"
+    "ramps in percent. A malformed command writes /* error */ and ends with status 1.";
+
+int Animate(const std::string& text) {
+  const std::string answer = EvaluateCommand(text);
+  std::cout << answer << std::flush;
+  if (!std::cout) {
+    PrintError("cannot write to the standard output");
+    return kFailure;
+  }
+  return answer == kCommandError ? kFailure : kSuccess;
+}
+
+}  // namespace
+
+void AddAnimate(CLI::App& program, Run& chosen) {
+  const auto text = std::make_shared<std::string>();
+  CLI::App& animate =
+      *program.add_subcommand("animate", "Write the style rules of an animation command");
+  animate.add_option("TEXT", *text, "The command, with its leading \"!\"")->required();
+  animate.footer(kExample);
+  animate.callback([text, &chosen] { chosen = [text] { return Animate(*text); }; });
+}
+
+}  // namespace zr::cli

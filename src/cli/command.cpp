@@ -1,0 +1,70 @@
+#include "cli/command.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "cli/version.h"
+#include "platform/zroutput.h"
+
+namespace zr::cli {
+namespace {
+
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  velkoro serve                     serve the current directory on https://127.0.0.1:8443/\n"
+    "  velkoro serve www --open          serve www and show it in the browser\n"
+    "  velkoro serve --help              all options of one command";
+
+/// The words that the failing command's help is asked for with.
+std::string HelpHint(const CLI::App& program) {
+  std::string words = "velkoro";
+  for (const CLI::App* command : program.get_subcommands()) {
+    words += " " + command->get_name();
+  }
+  return words + " --help";
+}
+
+}  // namespace
+
+void PrintError(const std::string& text) {
+  std::string line = "velkoro: " + text;
+  std::replace(line.begin(), line.end(), '\n', ' ');
+  WriteErrorLine(line);
+}
+
+int Main(int count, const char* const* arguments) {
+  CLI::App program{"Web server for files, pages and programs, in one process.", "velkoro"};
+  program.set_version_flag("--version", "velkoro " VELKORO_VERSION, "Print the version and exit");
+  program.set_help_flag("-h,--help", "Print this help and exit");
+  program.footer(kExamples);
+  program.require_subcommand(0, 1);
+  Run chosen;
+  AddServe(program, chosen);
+  AddStore(program, chosen);
+  AddGet(program, chosen);
+  AddAnimate(program, chosen);
+  AddMarkup(program, chosen);
+  try {
+    program.parse(count, arguments);
+  } catch (const CLI::ParseError& stopped) {
+    if (stopped.get_exit_code() == 0) {  // the help or the version was asked for
+      return program.exit(stopped);
+    }
+    PrintError(std::string(stopped.what()) + "; see " + HelpHint(program));
+    return kUsage;
+  }
+  try {
+    if (!chosen) {
+      throw UsageError("a command is missing");
+    }
+    return chosen();
+  } catch (const UsageError& wrong) {
+    PrintError(std::string(wrong.what()) + "; see " + HelpHint(program));
+    return kUsage;
+  } catch (const std::exception& failure) {
+    PrintError(failure.what());
+    return kFailure;
+  }
+}
+
+}  // namespace zr::cli

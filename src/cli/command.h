@@ -1,0 +1,40 @@
+#pragma once
+// The frame of the subcommands. Each stands in a file of its own, with one function that adds it to
+// the program and, when the user asks for it, leaves what is to be run.
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace zr::cli {
+
+// The exit statuses of the program.
+inline constexpr int kSuccess = 0;
+inline constexpr int kFailure = 1;  // something went wrong while it ran
+inline constexpr int kUsage = 2;    // the arguments make no sense
+
+/// What a subcommand runs once the command line is known to be right; returns the exit status.
+/// Exceptions become one line on standard error and kFailure, or kUsage for a UsageError.
+using Run = std::function<int()>;
+
+/// Arguments that each are right and together are not.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Each adds a subcommand; `chosen` gets its run when the user names it.
+void AddServe(CLI::App& program, Run& chosen);
+void AddStore(CLI::App& program, Run& chosen);
+void AddGet(CLI::App& program, Run& chosen);
+void AddAnimate(CLI::App& program, Run& chosen);
+void AddMarkup(CLI::App& program, Run& chosen);
+
+/// One line on standard error, headed by the program's name. Line ends within become blanks.
+void PrintError(const std::string& text);
+
+/// Runs the program with its arguments; returns its exit status.
+int Main(int count, const char* const* arguments);
+
+}  // namespace zr::cli

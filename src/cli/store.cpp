@@ -1,0 +1,163 @@
+// `velkoro store`: looks into an application's configuration file from the shell.
+
+#include <iostream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "cli/command.h"
+#include "platform/zrfilesystem.h"
+#include "platform/zroutput.h"
+#include "storage/zrpersistentappstorage.h"
+
+namespace zr::cli {
+
+namespace {
+
+constexpr std::size_t kMaxTextBytes = std::size_t{256} << 20;
+constexpr char kUser[] = "velkoro store";
+
+struct StoreArguments {
+  std::string application;
+  std::string path;
+  std::string defaultText;
+  std::string project;
+  std::string name;
+  std::string file;
+  std::vector<std::string> mappings;
+};
+
+// What is asked for goes to standard output; the storage's own notices do not get in its way.
+std::unique_ptr<ZrPersistentAppStorage> Open(const StoreArguments& arguments) {
+  auto storage = std::make_unique<ZrPersistentAppStorage>();
+  storage->SetNoticeSink([](std::string_view line) { zr::WriteErrorLine(line); });
+  storage->LoadApplication(arguments.application);
+  storage->SetApplication(arguments.application);
+  return storage;
+}
+
+ZrXMLDatabase* OpenProject(ZrPersistentAppStorage& storage, const std::string& name) {
+  if (!storage.OpenProject(name, false, [](const std::string&) {})) {
+    throw std::runtime_error("project '" + name +
+                             "' cannot be opened: it is not listed, or its file is not there or "
+                             "cannot be read; see `velkoro store --application APP projects`");
+  }
+  return storage.AcquireProject(name, kUser);
+}
+
+std::string ReadText(const std::string& file) {
+  if (file == "-") return {std::istreambuf_iterator<char>(std::cin), {}};
+  std::optional<std::string> text = zr::ReadWholeFile(file, kMaxTextBytes);
+  if (!text)
+    throw std::runtime_error(file +
+                             ": cannot be read; give a readable file, or - for "
+                             "standard input");
+  return std::move(*text);
+}
+
+int PrintOptions(const StoreArguments& arguments) {
+  std::map<std::string, std::string> options;
+  Open(arguments)->GetOptions(options);
+  std::string out;
+  for (const auto& [name, value] : options) out.append(name).append("=").append(value).append("\n");
+  return zr::WriteOutput(out) ? kSuccess : kFailure;
+}
+
+int PrintProjects(const StoreArguments& arguments) {
+  const std::unique_ptr<ZrPersistentAppStorage> storage = Open(arguments);
+  ZrXMLElementList projects;
+  storage->FindElements(arguments.application + ".projects.project", projects);
+  std::string out;
+  for (const ZrXMLGenericElement* const project : projects) {
+    const std::string name = project->AttributeValue("name", "");
+    if (name.empty()) continue;
+    std::string path = project->AttributeValue("projectpath", "");
+    if (path.size() < 2 || path[1] != ':') {
+      path = storage->ProjectStorageDirectory() + "/" + (path.empty() ? name : path);
+    }
+    out.append(name).append("\t").append(path).append("\n");
+  }
+  return zr::WriteOutput(out) ? kSuccess : kFailure;
+}
+
+int PrintValue(const StoreArguments& arguments) {
+  return zr::WriteOutputLine(Open(arguments)->GetValue(arguments.path, arguments.defaultText))
+             ? kSuccess
+             : kFailure;
+}
+
+int PrintVariable(const StoreArguments& arguments) {
+  const std::unique_ptr<ZrPersistentAppStorage> storage = Open(arguments);
+  ZrXMLDatabase* const project = OpenProject(*storage, arguments.project);
+  if (!project->HasStringVariable(arguments.name)) {
+    throw std::runtime_error("project '" + arguments.project + "' has no string variable '" +
+                             arguments.name + "'");
+  }
+  return zr::WriteOutputLine(project->GetStringVariable(arguments.name, "")) ? kSuccess : kFailure;
+}
+
+int PrintExpanded(const StoreArguments& arguments) {
+  const std::unique_ptr<ZrPersistentAppStorage> storage = Open(arguments);
+  if (!arguments.project.empty()) OpenProject(*storage, arguments.project);
+  for (const std::string& mapping : arguments.mappings) {
+    const std::size_t equals = mapping.find('=');
+    if (equals == 0 || equals == std::string::npos) {
+      throw UsageError("--set " + mapping + ": give NAME=TEXT");
+    }
+    storage->SetMapping(mapping.substr(0, equals), mapping.substr(equals + 1));
+  }
+  std::string text = ReadText(arguments.file);
+  storage->ExpandMarkers(arguments.project, text);
+  return zr::WriteOutput(text) ? kSuccess : kFailure;
+}
+
+}  // namespace
+
+void AddStore(CLI::App& program, Run& chosen) {
+  CLI::App* const store = program.add_subcommand(
+      "store", "Look into an application's configuration file, APP.xml in the current directory");
+  auto arguments = std::make_shared<StoreArguments>();
+  store->add_option("--application", arguments->application, "Name of the application")
+      ->required()
+      ->type_name("APP");
+  store->require_subcommand(1);
+  store->footer("Example:\n  velkoro store --application demo options");
+  const auto add = [&](const char* name, const char* text, const char* example,
+                       int (*run)(const StoreArguments&)) {
+    CLI::App* const command = store->add_subcommand(name, text);
+    command->footer(std::string("Example:\n  velkoro store --application demo ") + example);
+    command->callback(
+        [&chosen, arguments, run] { chosen = [arguments, run] { return run(*arguments); }; });
+    return command;
+  };
+  add("options", "Print each option as name=value", "options", PrintOptions);
+  add("projects", "Print each project's name and, behind a tab, its directory", "projects",
+      PrintProjects);
+
+  CLI::App* const get = add("get", "Print the value at a dotted path",
+                            "get demo.server.port --default 8443", PrintValue);
+  get->add_option("PATH", arguments->path, "Element names and an attribute name, between dots")
+      ->required();
+  get->add_option("--default", arguments->defaultText, "What to print when there is none")
+      ->type_name("TEXT");
+
+  CLI::App* const variable = add("variable", "Print a string variable of a project",
+                                 "variable garden greeting", PrintVariable);
+  variable->add_option("PROJECT", arguments->project, "Name of the project")->required();
+  variable->add_option("NAME", arguments->name, "Name of the variable")->required();
+
+  CLI::App* const expand =
+      add("expand", "Print a text with its [[markers]] replaced",
+          "expand --project garden --set visitor=Ada greeting.txt", PrintExpanded);
+  expand->add_option("--project", arguments->project, "Replace by this project's string variables")
+      ->type_name("PROJECT");
+  expand->add_option("--set", arguments->mappings, "Replace [[NAME]] by TEXT; may be repeated")
+      ->type_name("NAME=TEXT")
+      ->expected(1)
+      ->take_all();
+  expand->add_option("FILE", arguments->file, "The text; - reads standard input")->required();
+}
+
+}  // namespace zr::cli
