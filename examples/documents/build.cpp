@@ -1,0 +1,34 @@
+// Builds a page from element classes and prints it.
+
+#include <iostream>
+#include <memory>
+
+#include "html/zrhtmldocument2.h"
+#include "html/zrhtmlelements.h"
+#include "html/zrhtmlformelements.h"
+#include "html/zrhtmlplainelements.h"
+#include "html/zrhtmltext2.h"
+
+int main() {
+  ZrHTML_Document2 page;
+  page.AddToHead(std::make_unique<ZrHTML_title2>("Lamps"));
+
+  auto list = std::make_unique<ZrHTML_ul2>();
+  list->id.SetFromString("lamps");
+  for (const char* colour : {"red", "green"}) {
+    ZrHTML_li2* const item = list->Adopt(std::make_unique<ZrHTML_li2>());
+    item->style.Property("color")->SetPropertyValue(colour);
+    item->Adopt(std::make_unique<ZrHTML_text2>(colour));
+  }
+  page.AddToBody(std::move(list));
+
+  auto form = std::make_unique<ZrHTML_form2>("/switch", "POST");
+  form->AppendText("Lamp:");
+  ZrHTML_input2* const name = form->Adopt(std::make_unique<ZrHTML_input2>());
+  name->type.SetFromText("text");
+  name->name.SetFromText("lamp");
+  page.AddToBody(std::move(form));
+
+  page.Write(std::cout);
+  std::cout << '\n';
+}
