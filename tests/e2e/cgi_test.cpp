@@ -1,0 +1,213 @@
+// Programs and PHP pages as users see them: real curl, real php-cgi, the program `velkoro serve`.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <memory>
+
+#include "tests/e2e/served.h"
+#include "tests/support/raw_client.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+using zrtest::BackgroundProgram;
+using zrtest::CurlWords;
+using zrtest::Pattern;
+using zrtest::RawClient;
+using zrtest::RunProgram;
+using zrtest::RunResult;
+using zrtest::Served;
+using zrtest::TemporaryFolder;
+using zrtest::WaitFor;
+
+const std::string kServer = "Server: velkoro/1.28.1(96)\r\n";
+
+/// An answer with these head lines of the program (each with its CR LF) and this page.
+std::string Answer(const std::string& page, const std::string& lines = "") {
+  return "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: " + std::to_string(page.size()) +
+         "\r\n" + lines + "\r\n" + page;
+}
+
+void WriteProgram(const TemporaryFolder& folder, const std::string& name,
+                  const std::string& commands) {
+  const std::string path = folder.Write("cgi-bin/" + name, "#!/bin/sh\n" + commands + "\n");
+  ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+}
+
+/// Whether any process has this text in its command line.
+bool Runs(const std::string& text) { return RunProgram({"pgrep", "-f", "--", text}).status == 0; }
+
+TEST(Cgi, OutputOfProgramsIsTheAnswer) {
+  const TemporaryFolder outside;
+  outside.Write("program", "#!/bin/sh\necho outside\n");
+  const TemporaryFolder folder;
+  struct Case {
+    const char* name;
+    const char* commands;
+    std::string answer;
+  };
+  const Case cases[] = {
+      {"crlf", R"(printf 'Content-Type: text/x\r\nX-A: 1\r\n\r\n<p>page\r\n\r\n')",
+       Answer("<p>page\r\n\r\n", "Content-Type: text/x\r\nX-A: 1\r\n")},
+      {"line_feeds", R"(printf 'Content-Type: text/x\n\npage')",
+       Answer("Content-Type: text/x\n\npage")},
+      {"status", R"(printf 'Status: 404 Gone\r\n\r\n')", Answer("", "Status: 404 Gone\r\n")},
+      {"nothing", ":", Answer("")},
+      {"failure", R"(printf 'A: b\r\n\r\ntext'; exit 3)", Answer("text", "A: b\r\n")},
+      {"crash", R"(printf 'A: b\r\n\r\ntext'; kill -SEGV $$)", Answer("text", "A: b\r\n")},
+      {"errors", "printf one; printf two >&2", Answer("onetwo")},
+      {"grandchild", "sleep 3 & printf text", Answer("text")},
+      {"path", R"(cd /; printf '%s' "$SCRIPT_FILENAME $REDIRECT_STATUS $QUERY_STRING")",
+       Answer(folder.Path("cgi-bin/path") + " CGI a=1&b=%20")},
+  };
+  for (const Case& c : cases) WriteProgram(folder, c.name, c.commands);
+  folder.Write("cgi-bin/plain", "#!/bin/sh\necho text\n");
+  std::filesystem::create_symlink(outside.Path("program"), folder.Path("cgi-bin/out"));
+  Served served(folder, {"http"});
+  for (const Case& c : cases) {
+    const RunResult got =
+        served.Curl("http", std::string("/cgi-bin/") + c.name + "?a=1&b=%20", {"-i"});
+    EXPECT_EQ(got.out, c.answer) << c.name << got.err;
+  }
+  EXPECT_EQ(served.Curl("http", "/cgi-bin/plain", {"-i"}).out, Answer(""));
+  EXPECT_NE(served.Program().Output().find("Error on CreateProcess\n"), std::string::npos);
+  for (const char* missing : {"/cgi-bin/none", "/cgi-bin/out", "/none.php"}) {
+    const std::string answer = served.Curl("http", missing, {"-i"}).out;
+    EXPECT_TRUE(answer.starts_with("HTTP/1.1 404 Not Found\r\n")) << missing << answer;
+  }
+  EXPECT_EQ(served.Stop(), 0);
+}
+
+/// A folder with a copy of one of the examples.
+std::unique_ptr<TemporaryFolder> CopyOf(const char* example) {
+  auto folder = std::make_unique<TemporaryFolder>();
+  std::filesystem::copy(example, folder->Path(), std::filesystem::copy_options::recursive);
+  return folder;
+}
+
+TEST(Cgi, BodiesOfEverySizePassThroughTheExamples) {
+  const auto site = CopyOf(ZR_EXAMPLE_SITE);
+  const TemporaryFolder bodies;
+  Served served(*site, {"https", "http"});
+  for (const std::size_t size : {0U, 5U, 65536U, 65537U, 10U << 20}) {
+    const std::string sent = Pattern(size);
+    const std::string file = bodies.Write("body", sent);
+    for (const char* protocol : {"https", "http"}) {
+      const RunResult got =
+          served.Curl(protocol, "/cgi-bin/echo", {"--data-binary", "@" + file, "-H", "Expect:"});
+      EXPECT_TRUE(got.out == sent) << protocol << size << got.err;
+    }
+  }
+  const std::string hello =
+      served.Curl("https", "/cgi-bin/hello.sh?a=b", {"-i", "-A", "tester"}).out;
+  EXPECT_NE(hello.find("Content-Type: text/plain; charset=utf-8\r\n\r\nHello from a shell"),
+            std::string::npos);
+  EXPECT_NE(hello.find("Method: GET\nQuery: a=b\n"), std::string::npos) << hello;
+  EXPECT_NE(hello.find("Browser: tester\n"), std::string::npos) << hello;
+}
+
+TEST(Cgi, RunsAtTheSameTimeSeeOnlyTheirOwnVariables) {
+  const TemporaryFolder folder;
+  // Both are in the program before either writes.
+  WriteProgram(
+      folder, "meet",
+      "touch \"$(dirname \"$SCRIPT_FILENAME\")/../$QUERY_STRING\"\n"
+      "while [ ! -e \"$(dirname \"$SCRIPT_FILENAME\")/../$HTTP_X_OTHER\" ]; do sleep 0.01; done\n"
+      "printf 'A: b\\r\\n\\r\\n'; env | grep -e ^HTTP_X_ -e ^QUERY | sort");
+  Served served(folder, {"http"});
+  const auto start = [&](const std::string& own, const std::string& other) {
+    return std::make_unique<BackgroundProgram>(
+        CurlWords({"-H", "X-Other: " + other, "-H", "X-" + own + ": 1", "-H", "Proxy: evil",
+                   served.Url("http", "/cgi-bin/meet?" + own)}));
+  };
+  const auto first = start("one", "two");
+  const auto second = start("two", "one");
+  EXPECT_TRUE(first->WaitForEnd() && second->WaitForEnd());
+  EXPECT_EQ(first->Output(), "HTTP_X_ONE=1\nHTTP_X_OTHER=two\nQUERY_STRING=one\n");
+  EXPECT_EQ(second->Output(), "HTTP_X_OTHER=one\nHTTP_X_TWO=1\nQUERY_STRING=two\n");
+}
+
+TEST(Cgi, RunHoldsUpItsOwnConnectionOnly) {
+  const TemporaryFolder folder;
+  folder.Write("page", "page");
+  WriteProgram(folder, "wait",
+               "while [ ! -e \"$(dirname \"$SCRIPT_FILENAME\")/../go\" ]; do sleep 0.01; done\n"
+               "printf 'A: b\\r\\n\\r\\nwaited'");
+  Served served(folder, {"http"});
+  RawClient waiting(served.Port("http"));
+  // The second request and the wish to close come while the program runs.
+  waiting.Send("GET /cgi-bin/wait HTTP/1.1\r\n\r\nGET /page HTTP/1.1\r\nConnection: close\r\n\r\n");
+  RawClient closing(served.Port("http"));
+  closing.Send("GET /cgi-bin/wait HTTP/1.1\r\nConnection: close\r\n\r\n");
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(served.Curl("http", "/page").out, "page");
+  folder.Write("go", "");
+  bool ended = false;
+  EXPECT_EQ(waiting.ReadToEnd(&ended), Answer("waited", "A: b\r\n") + Answer("page"));
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(closing.ReadToEnd(&ended), Answer("waited", "A: b\r\n"));
+  EXPECT_TRUE(ended);
+}
+
+TEST(Cgi, EndOfTheServerEndsItsPrograms) {
+  const TemporaryFolder folder;
+  const std::string mark =
+      "9" + std::to_string(std::filesystem::hash_value(folder.Path()) % 100000);
+  WriteProgram(folder, "stubborn", "trap '' TERM; sleep " + mark + " & wait; sleep " + mark);
+  Served served(folder, {"http"}, {"--grace", "0"});
+  // More than happen at once, so that some wait for their turn.
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 40; ++i) {
+    clients.emplace_back(served.Port("http"));
+    clients.back().Send("GET /cgi-bin/stubborn HTTP/1.1\r\n\r\n");
+  }
+  ASSERT_TRUE(WaitFor([&] { return Runs("sleep " + mark); }));
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(served.Stop(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
+  EXPECT_FALSE(Runs("sleep " + mark));
+}
+
+TEST(Php, FormOfTheExampleIsAnswered) {
+  const auto site = CopyOf(ZR_PHP_EXAMPLE);
+  const TemporaryFolder uploads;
+  const std::string file = uploads.Write("photo.bin", Pattern(200000));
+  const std::string md5 = RunProgram({"md5sum", file}).out.substr(0, 32);
+  Served served(*site, {"https"});  // the interpreter is found on PATH
+
+  const std::string form = served.Curl("https", "/", {"-i"}).out;
+  EXPECT_TRUE(form.starts_with("HTTP/1.1 200 OK\r\n")) << form;
+  EXPECT_NE(form.find("\r\nContent-type: text/html; charset=UTF-8\r\n"), std::string::npos);
+  EXPECT_NE(form.find("<form method=\"post\""), std::string::npos) << form;
+
+  const std::string encoded =
+      served.Curl("https", "/index.php", {"--data-urlencode", "name=J\xC3\xBCrgen & <Co>"}).out;
+  EXPECT_NE(encoded.find("Hello, J\xC3\xBCrgen &amp; &lt;Co&gt;!"), std::string::npos) << encoded;
+
+  const std::string multipart =
+      served.Curl("https", "/", {"-F", "name=Ada", "-F", "file=@" + file}).out;
+  EXPECT_NE(multipart.find("Hello, Ada!"), std::string::npos) << multipart;
+  EXPECT_NE(multipart.find("photo.bin: 200000 bytes,\nmd5 " + md5), std::string::npos) << multipart;
+}
+
+TEST(Php, ApplicationOfOthersShowsItsFirstPage) {
+  const TemporaryFolder folder;
+  std::filesystem::copy_file("/usr/share/adminer/adminer.php", folder.Path("index.php"));
+  Served served(folder, {"https"});
+  const std::string page = served.Curl("https", "/", {"-i"}).out;
+  EXPECT_TRUE(page.starts_with("HTTP/1.1 200 OK\r\n")) << page;
+  EXPECT_NE(page.find("<title>Login - Adminer</title>"), std::string::npos) << page;
+  // Its style sheet comes out of the same script, by the query.
+  const std::string sheet = served.Curl("https", "/?file=default.css&version=4.8.1", {"-i"}).out;
+  EXPECT_NE(sheet.find("Content-Type: text/css; charset=utf-8\r\n"), std::string::npos) << sheet;
+  EXPECT_NE(sheet.find("body{"), std::string::npos) << sheet;
+}
+
+TEST(Php, MissingInterpreterGivesAnEmptyAnswer) {
+  const TemporaryFolder folder;
+  folder.Write("page.php", "<?php echo 'text';");
+  Served served(folder, {"http"}, {"--php", "zr-no-such-interpreter"});
+  EXPECT_EQ(served.Curl("http", "/page.php", {"-i"}).out, Answer(""));
+}
+
+}  // namespace

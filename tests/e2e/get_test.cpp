@@ -1,0 +1,187 @@
+// velkoro get as a user runs it, against our program, a scripted peer and nginx.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/e2e/served.h"
+#include "tests/support/run.h"
+#include "tests/support/scripted_peer.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/wait.h"
+
+using zrtest::PeerConnection;
+using zrtest::RunResult;
+using zrtest::ScriptedPeer;
+using zrtest::TemporaryFolder;
+
+namespace {
+
+RunResult Get(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), {VELKORO_PROGRAM, "get"});
+  return zrtest::RunProgram(arguments);
+}
+
+std::string Url(const char* scheme, int port, const std::string& path = "/") {
+  return std::string(scheme) + "://127.0.0.1:" + std::to_string(port) + path;
+}
+
+std::size_t Lines(const std::string& text) {
+  return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+}  // namespace
+
+TEST(Get, WritesBodiesInOrder) {
+  ScriptedPeer peer([](int, PeerConnection& connection) {
+    for (;;) {
+      const std::string request = connection.ReadRequest();
+      if (request.empty()) return;
+      const std::string path = request.substr(4, request.find(' ', 4) - 4);
+      connection.Send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n" + path +
+                      "\r\n0\r\n\r\n");
+    }
+  });
+  TemporaryFolder folder;
+  const std::string file = folder.Path("bodies");
+  const RunResult run = Get({Url("http", peer.Port(), "/a"), Url("http", peer.Port(), "/b"),
+                             "--repeat", "300", "--output", file, "--verbose"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  std::string expected;
+  for (const char* path : {"/a", "/b"}) {
+    for (int i = 0; i < 300; ++i) expected += path;
+  }
+  EXPECT_EQ(zrtest::ReadFile(file), expected);
+  EXPECT_EQ(Lines(run.err), 600u);
+  EXPECT_LE(peer.Count(), 10);
+}
+
+TEST(Get, SendsFormsThatOthersCanRead) {
+  std::string seen;
+  {
+    ScriptedPeer peer([&seen](int, PeerConnection& connection) {
+      seen = connection.ReadRequest();
+      connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    EXPECT_EQ(Get({Url("http", peer.Port()), "--post", "a=1", "--post", "b\"c=x\ny"}).status, 0);
+  }
+  const std::size_t mark = seen.find("boundary=") + 9;
+  const std::string boundary = seen.substr(mark, seen.find("\r\n", mark) - mark);
+  EXPECT_EQ(seen.substr(seen.find("\r\n\r\n") + 4),
+            "--" + boundary + "\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--" +
+                boundary + "\r\nContent-Disposition: form-data; name=\"b%22c\"\r\n\r\nx\ny\r\n--" +
+                boundary + "--\r\n");
+}
+
+TEST(Get, EveryFailureIsOneLine) {
+  ScriptedPeer silent([](int, PeerConnection& connection) { connection.WaitForEnd(); });
+  ScriptedPeer garbage([](int, PeerConnection& connection) {
+    connection.ReadRequest();
+    connection.Send("garbage\r\n");
+  });
+  ScriptedPeer plain(
+      [](int, PeerConnection& connection) { connection.Send("HTTP/1.1 400 Bad Request\r\n\r\n"); });
+  ScriptedPeer missing([](int, PeerConnection& connection) {
+    connection.ReadRequest();
+    connection.Send("HTTP/1.1 404 Gone\r\nContent-Length: 4\r\n\r\nbody");
+  });
+  int closedPort = 0;
+  {
+    ScriptedPeer gone([](int, PeerConnection&) {});
+    closedPort = gone.Port();
+  }
+  struct Case {
+    std::string url;
+    std::vector<std::string> options;
+    const char* said;
+    int status = 1;
+  };
+  const std::vector<Case> cases = {
+      {"http://no-such-host.invalid/", {}, "no such host"},
+      {Url("http", closedPort), {"--repeat", "50"}, "connection refused"},
+      {Url("http", silent.Port()), {"--timeout", "0.5"}, "timed out"},
+      {Url("https", silent.Port()), {"--timeout", "0.5"}, "timed out"},
+      {Url("http", garbage.Port()), {}, "unreadable answer"},
+      {Url("https", plain.Port()), {"--insecure"}, "TLS failure"},
+      {Url("http", missing.Port()), {}, "status 404"},
+      {Url("http", missing.Port()), {"--output", "/nowhere/file"}, "/nowhere/file"},
+      {Url("https", missing.Port()), {"--ca", "/nowhere.pem"}, "/nowhere.pem"},
+      {"http:/half", {}, "http:/half", 2},
+      {"ftp://127.0.0.1/", {}, "https, http or quarn", 2},
+      {"http://127.0.0.1:0/", {}, "port", 2},
+      {"http://[::1/", {}, "brackets", 2},
+      {Url("http", missing.Port()), {"--post", "=x"}, "NAME=VALUE", 2},
+      {Url("http", missing.Port()), {"--repeat", "0"}, "--repeat", 2},
+      {Url("https", missing.Port()), {"--ca", "a.pem", "--insecure"}, "--insecure", 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.url + " " + c.said);
+    std::vector<std::string> arguments = {c.url};
+    arguments.insert(arguments.end(), c.options.begin(), c.options.end());
+    const RunResult run = Get(arguments);
+    EXPECT_EQ(run.status, c.status);
+    EXPECT_EQ(Lines(run.err), 1u) << run.err;
+    EXPECT_NE(run.err.find(c.said), std::string::npos) << run.err;
+  }
+}
+
+// A server of another make, with and without TLS: kept connections, chunks, big bodies, old
+// versions of the protocol.
+TEST(Get, NginxAnswers) {
+  TemporaryFolder folder;
+  const auto& keys = zrtest::TestCertificate();
+  const std::string big(3'000'000, 'b');
+  folder.Write("www/big", big);
+  folder.Write("www/page.html", "<!--# echo var=\"request_method\" -->!");
+  // nginx takes no port 0: one that was free a moment ago is tried, and another if it is gone.
+  std::unique_ptr<zrtest::BackgroundProgram> nginx;
+  int plain = 0;
+  int secure = 0;
+  for (int attempt = 0; attempt < 5 && !nginx; ++attempt) {
+    {
+      ScriptedPeer one([](int, PeerConnection&) {});
+      ScriptedPeer two([](int, PeerConnection&) {});
+      plain = one.Port();
+      secure = two.Port();
+    }
+    const std::string configuration = folder.Write(
+        "nginx.conf",
+        "daemon off; master_process off; pid " + folder.Path("pid") + "; error_log " +
+            folder.Path("error") + ";\nevents {}\nhttp { access_log off; client_body_temp_path " +
+            folder.Path("t1") + "; proxy_temp_path " + folder.Path("t2") + "; fastcgi_temp_path " +
+            folder.Path("t3") + "; uwsgi_temp_path " + folder.Path("t4") + "; scgi_temp_path " +
+            folder.Path("t5") + ";\nserver { listen 127.0.0.1:" + std::to_string(plain) +
+            "; listen 127.0.0.1:" + std::to_string(secure) + " ssl; ssl_certificate " +
+            keys.certificate + "; ssl_certificate_key " + keys.privateKey + "; root " +
+            folder.Path("www") +
+            "; keepalive_requests 7; location /page.html { ssi on; ssi_types *; } } }\n");
+    auto started = std::make_unique<zrtest::BackgroundProgram>(
+        std::vector<std::string>{"nginx", "-e", folder.Path("error"), "-c", configuration});
+    const bool listens = zrtest::WaitFor([&] {
+      return started->WaitForEnd(std::chrono::seconds(0)) ||
+             !zrtest::ReadFile(folder.Path("pid")).empty();
+    });
+    if (listens && started->Status() == -1) nginx = std::move(started);
+  }
+  ASSERT_TRUE(nginx) << zrtest::ReadFile(folder.Path("error"));
+  const std::vector<std::pair<const char*, int>> servers = {{"http", plain}, {"https", secure}};
+  for (const auto& [scheme, port] : servers) {
+    SCOPED_TRACE(scheme);
+    const RunResult page = Get({Url(scheme, port, "/page.html"), "--ca", keys.certificate,
+                                "--repeat", "50", "--timeout", "30"});
+    EXPECT_EQ(page.status, 0) << page.err;
+    std::string pages;
+    for (int i = 0; i < 50; ++i) pages += "GET!";
+    EXPECT_EQ(page.out, pages);
+    const RunResult file = Get({Url(scheme, port, "/big"), "--ca", keys.certificate});
+    EXPECT_EQ(file.status, 0) << file.err;
+    EXPECT_EQ(file.out, big);
+    const RunResult example =
+        zrtest::RunProgram({VELKORO_OUTGOING, "127.0.0.1", std::to_string(plain), "/page.html"});
+    EXPECT_EQ(example.out, "GET!") << example.err;
+    const RunResult none = Get({Url(scheme, port, "/none"), "--ca", keys.certificate});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_NE(none.err.find("status 404"), std::string::npos) << none.err;
+  }
+}

@@ -1,0 +1,163 @@
+// A host program around the shared library: loaded, started, stopped, unloaded, forked. The library
+// is reached through dlopen alone, by the names that it exports.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include "tests/e2e/served.h"
+#include "tests/support/raw_client.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+using zrtest::CurlWords;
+using zrtest::RawClient;
+using zrtest::RunProgram;
+using zrtest::TestCertificate;
+using zrtest::WaitFor;
+
+std::size_t ThreadCount() {
+  return static_cast<std::size_t>(
+      std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
+class Library {
+ public:
+  Library() : library_(dlopen(VELKORO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
+    if (library_ == nullptr) {
+      throw std::runtime_error(dlerror());
+    }
+    Find(start, "_Z15StartHTTPServerPKciS0_S0_S0_S0_");
+    Find(port, "_Z10ServerPortPv");
+    Find(stop, "_Z14StopHTTPserverPv");
+  }
+  ~Library() { dlclose(library_); }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
+  /// A server that listens.
+  void* Start() const {
+    void* const handle = start("127.0.0.1", 0, ".", ".", TestCertificate().certificate.c_str(),
+                               TestCertificate().privateKey.c_str());
+    EXPECT_TRUE(WaitFor([&] { return port(handle) != 0; }));
+    return handle;
+  }
+
+  void* (*start)(const char*, int, const char*, const char*, const char*, const char*) = nullptr;
+  int (*port)(void*) = nullptr;
+  int (*stop)(void*) = nullptr;
+
+ private:
+  template <class Function>
+  void Find(Function& function, const char* name) {
+    function = reinterpret_cast<Function>(dlsym(library_, name));
+    ASSERT_NE(function, nullptr) << name;
+  }
+  void* library_;
+};
+
+/// The status of a GET of "/", "000" when there was no answer.
+std::string StatusOf(int port) {
+  return RunProgram(CurlWords({"-o", "/dev/null", "-w", "%{http_code}",
+                               "https://127.0.0.1:" + std::to_string(port) + "/"}))
+      .out;
+}
+
+TEST(Host, StartsServesStopsAndUnloads) {
+  std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first one
+  const std::size_t threads = ThreadCount();
+  struct sigaction before {};
+  sigaction(SIGPIPE, nullptr, &before);
+  {
+    const Library library;
+    EXPECT_EQ(ThreadCount(), threads);  // loading starts none
+    void* const first = library.Start();
+    void* const second = library.Start();
+    EXPECT_NE(library.port(first), library.port(second));
+    EXPECT_EQ(StatusOf(library.port(first)), "404");  // it has no document directory
+    EXPECT_EQ(StatusOf(library.port(second)), "404");
+    EXPECT_EQ(library.stop(first), 0);
+    EXPECT_EQ(StatusOf(library.port(second)), "404");
+    EXPECT_EQ(library.stop(second), 0);
+  }
+  struct sigaction after {};
+  sigaction(SIGPIPE, nullptr, &after);
+  EXPECT_EQ(before.sa_handler, after.sa_handler);
+  // Gone for good: nothing pins it, and it left no thread behind.
+  EXPECT_EQ(dlopen(VELKORO_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr);
+  EXPECT_TRUE(WaitFor([&] { return ThreadCount() == threads; }));
+}
+
+TEST(Host, StopsUnderLoadAHundredTimes) {
+  const Library library;
+  for (int round = 0; round < 100; ++round) {
+    void* const handle = library.Start();
+    const int port = library.port(handle);
+    std::atomic<bool> loading = true;
+    std::thread load([&] {
+      // Handshakes begun, garbage, half-finished exchanges: all of it is cut off by the stop.
+      while (loading) {
+        RawClient client(port);
+        if (client.Connected()) {
+          client.Send("\x16\x03\x01\x02\x00\x01");
+        }
+      }
+    });
+    std::unique_ptr<zrtest::BackgroundProgram> curl;
+    if (round % 10 == 0) {
+      curl = std::make_unique<zrtest::BackgroundProgram>(
+          CurlWords({"--parallel", "--fail-early",
+                     "https://127.0.0.1:" + std::to_string(port) + "/[1-5000]"}));
+      EXPECT_TRUE(WaitFor([&] { return !curl->Output().empty(); }));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(library.stop(handle), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    loading = false;
+    load.join();
+  }
+}
+
+TEST(Host, ServesBehindElevenHundredOpenDescriptors) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<int> open;
+  for (int i = 0; i < 1100; ++i) {
+    open.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_GE(open.back(), 0);
+  }
+  const Library library;
+  void* const handle = library.Start();
+  EXPECT_EQ(StatusOf(library.port(handle)), "404");
+  EXPECT_EQ(library.stop(handle), 0);
+  for (const int descriptor : open) {
+    close(descriptor);
+  }
+}
+
+TEST(Host, StartsInAChildOfTheProcessThatLoadedIt) {
+  TestCertificate();
+  const Library library;
+  const pid_t child = fork();
+  if (child == 0) {
+    void* const handle = library.Start();
+    const bool served = StatusOf(library.port(handle)) == "404";
+    _exit(served && library.stop(handle) == 0 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+}  // namespace

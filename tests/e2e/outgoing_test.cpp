@@ -1,0 +1,280 @@
+// Requests of our own, against our servers, a scripted peer and nginx.
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/support/asking_client.h"
+#include "tests/support/manual_clock.h"
+#include "tests/support/run.h"
+#include "tests/support/scripted_peer.h"
+#include "tests/support/server_bed.h"
+#include "tests/support/temporary_folder.h"
+
+using zrtest::AskingBed;
+using zrtest::PeerConnection;
+using zrtest::ScriptedPeer;
+using zrtest::ServerBed;
+using zrtest::WaitFor;
+
+namespace {
+
+std::map<std::string, std::string> KeyOptions() {
+  const auto& files = zrtest::TestCertificate();
+  return {{"cacertificate", files.certificate}, {"privatekey", files.privateKey}};
+}
+
+std::string Answer(std::string_view body) {
+  return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+         std::string(body);
+}
+
+}  // namespace
+
+TEST(Outgoing, EveryProtocolIsAnswered) {
+  ServerBed server;
+  AskingBed bed;
+  for (const std::uint32_t kind : {zr::kProtocolHttp, zr::kProtocolHttps, zr::kProtocolQuarn}) {
+    SCOPED_TRACE(zr::ProtocolSchemeName(kind));
+    const int port = server.Open(kind, KeyOptions());
+    ASSERT_GT(port, 0);
+    // The second and third go over the idle worker of the first.
+    EXPECT_EQ(bed.Ask(AskingBed::Request(port, "/a?b=1", {}, kind)), "200 /a|");
+    EXPECT_EQ(bed.Ask(AskingBed::Request(port, "/c", "body", kind)), "200 /c|body");
+    EXPECT_EQ(bed.Ask(AskingBed::Request(port, "/d", std::string(300'000, 'x'), kind)),
+              "200 /d|" + std::string(300'000, 'x'));
+  }
+  EXPECT_EQ(server.Records(ZrServerCallback_t::kConnectionAccepted).size(), 3u);
+}
+
+TEST(Outgoing, RawBytesAreAnswered) {
+  ScriptedPeer peer([](int, PeerConnection& connection) {
+    for (int i = 0; i < 2; ++i) connection.Send("re:" + connection.ReadBytes(4));
+    connection.WaitForEnd();
+  });
+  AskingBed bed;
+  for (const char* text : {"ping", "pong"}) {
+    EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port(), {}, text, zr::kProtocolSocket)),
+              std::string("500 re:") + text);
+  }
+  EXPECT_EQ(peer.Count(), 1);
+}
+
+TEST(Outgoing, AThousandRequestsThroughTenWorkers) {
+  ServerBed server;
+  const int port = server.Open(zr::kProtocolHttp);
+  AskingBed bed;
+  std::map<std::string, std::string> expected;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string path = "/" + std::to_string(i);
+    const auto head = AskingBed::Request(port, path);
+    expected[head->JobName()] = "200 " + path + "|";
+    ASSERT_EQ(bed.client->SendMessage(head, true), head->JobName());
+  }
+  ASSERT_TRUE(WaitFor([&] { return bed.client->Outcomes().size() == 1000; }));
+  std::map<std::string, std::string> got;
+  for (const auto& [name, outcome] : bed.client->Outcomes()) got[name] = outcome.Text();
+  EXPECT_EQ(got, expected);
+  EXPECT_LE(server.Records(ZrServerCallback_t::kConnectionAccepted).size(), 10u);
+}
+
+// What a peer does to each connection, and what becomes of one request.
+TEST(Outgoing, WhatAPeerCanDo) {
+  const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  struct Case {
+    const char* name;
+    std::string sent;  // by every connection, which is then closed
+    std::string expected;
+    int connections = 1;
+  };
+  const std::vector<Case> cases = {
+      {"closes at once", "", "connection closed", 2},
+      {"closes in the first line", "HTTP/1.1 2", "unreadable answer"},
+      {"closes in the head", "HTTP/1.1 200 OK\r\nContent-Len", "unreadable answer"},
+      {"closes behind the head", "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n",
+       "unreadable answer"},
+      {"closes in the body", "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nab", "unreadable answer"},
+      {"closes in a chunk", chunked + "4\r\nab", "unreadable answer"},
+      {"closes behind the last chunk", chunked + "2\r\nab\r\n0\r\n", "unreadable answer"},
+      {"length", Answer("abcd"), "200 abcd"},
+      {"no body", "HTTP/1.1 204 No Content\r\n\r\n", "204 "},
+      {"until the end", "HTTP/1.1 200 OK\r\n\r\nabcd", "200 abcd"},
+      {"chunks", chunked + "3\r\nabc\r\n1;x=y\r\nd\r\n0\r\nTrailer: t\r\n\r\n", "200 abcd"},
+      {"interim answers",
+       "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nA: b\r\n\r\n" + Answer("x"), "200 x"},
+      {"answers twice", Answer("one") + Answer("two"), "200 one"},
+      {"an error", "HTTP/1.1 503 Busy\r\nContent-Length: 2\r\n\r\nno", "503 no"},
+      {"garbage", "\x16\x03\x01garbage\r\n\r\n", "unreadable answer"},
+      {"a request", "GET / HTTP/1.1\r\n\r\n", "unreadable answer"},
+      {"a bad length", "HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n", "unreadable answer"},
+      {"two lengths", "HTTP/1.1 200 OK\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nab",
+       "unreadable answer"},
+      {"a bad chunk", chunked + "zz\r\n", "unreadable answer"},
+      {"an unknown coding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\n",
+       "unreadable answer"},
+  };
+  for (const Case& c : cases) {
+    for (const bool piecewise : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (piecewise ? ", byte by byte" : ""));
+      ScriptedPeer peer([&](int, PeerConnection& connection) {
+        connection.ReadRequest();
+        for (std::size_t at = 0; at < c.sent.size(); at += piecewise ? 1 : c.sent.size()) {
+          connection.Send(std::string_view(c.sent).substr(at, piecewise ? 1 : c.sent.size()));
+        }
+      });
+      AskingBed bed;
+      EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), c.expected);
+      EXPECT_EQ(peer.Count(), c.connections);
+    }
+  }
+}
+
+// The first connection dies with the request on it; a fresh one serves it, body and all.
+TEST(Outgoing, ARequestLostWithItsConnectionIsSentOnceMore) {
+  ScriptedPeer peer([](int number, PeerConnection& connection) {
+    const std::string request = connection.ReadRequest();
+    if (number == 0) connection.Send(Answer("first"));
+    if (number == 0) connection.ReadRequest();
+    if (number > 0) connection.Send(Answer(request.substr(request.size() - 4)));
+    if (number > 0) connection.WaitForEnd();
+  });
+  AskingBed bed;
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 first");
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port(), "/", "body")), "200 body");
+  EXPECT_EQ(peer.Count(), 2);
+}
+
+// The second answer never becomes the answer to the next request.
+TEST(Outgoing, AnAnswerThatNobodyAskedForEndsTheConnection) {
+  ScriptedPeer peer([](int number, PeerConnection& connection) {
+    while (!connection.ReadRequest().empty()) {
+      connection.Send(Answer("right " + std::to_string(number)));
+      if (number == 0) connection.Send(Answer("wrong"));
+    }
+  });
+  AskingBed bed;
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 right 0");
+  ASSERT_TRUE(WaitFor([&] { return bed.transceiver.ConnectionCount() == 0; }));
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 right 1");
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 right 1");
+}
+
+TEST(Outgoing, SlowIsNotSilent) {
+  zrtest::ManualClock clock;
+  const std::string answer = Answer("slow");
+  std::atomic<std::size_t> allowed{0};
+  std::atomic<bool> thirdArrived{false};
+  ScriptedPeer peer([&](int, PeerConnection& connection) {
+    connection.ReadRequest();
+    connection.Send(Answer("quick"));
+    connection.ReadRequest();
+    for (std::size_t at = 0; at < answer.size(); ++at) {
+      WaitFor([&] { return allowed > at; });
+      connection.Send(answer.substr(at, 1));
+    }
+    connection.ReadRequest();  // and never answers the third
+    thirdArrived = true;
+    connection.WaitForEnd();
+  });
+  AskingBed bed(clock);
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 quick");
+  const auto route = bed.client->Outcomes()[0].second.answer->route;
+  const auto connection = bed.transceiver.FindConnection(route[0]);
+  const auto worker = bed.transceiver.FindServer(route[1]);
+  ASSERT_TRUE(connection && worker);
+
+  // A byte in 20 seconds: the whole takes longer than any limit, the silence between does not.
+  const auto head = AskingBed::Request(peer.Port());
+  bed.client->SendMessage(head, true);
+  while (allowed < answer.size()) {
+    clock.Advance(std::chrono::seconds(20));
+    bed.transceiver.WakeHousekeeper();
+    ++allowed;
+    const std::int64_t now = clock.MonotonicNs();
+    ASSERT_TRUE(WaitFor([&] {
+      return connection->ExpiryNs() > now + 114'000'000'000 &&
+             worker->ServerJob().ExpiryNs() > now + 114'000'000'000;
+    }));
+  }
+  EXPECT_EQ(bed.OutcomeOf(head->JobName()), "200 slow");
+
+  const auto silent = AskingBed::Request(peer.Port(), "/silent");
+  bed.client->SendMessage(silent, true);
+  // Before it is on its way, an expiry would be the idle connection's, and a fresh one would serve it.
+  ASSERT_TRUE(WaitFor([&] { return thirdArrived.load(); }));
+  EXPECT_TRUE(WaitFor([&] {
+    clock.Advance(std::chrono::seconds(30));
+    bed.transceiver.WakeHousekeeper();
+    return bed.client->Outcomes().size() == 3;
+  }));
+  EXPECT_EQ(bed.OutcomeOf(silent->JobName()), "timed out");
+}
+
+TEST(Outgoing, TargetsThatCannotBeReachedSayWhy) {
+  AskingBed bed;
+  int closedPort = 0;
+  {
+    ScriptedPeer gone([](int, PeerConnection&) {});
+    closedPort = gone.Port();
+  }
+  const auto refused = AskingBed::Request(closedPort);
+  EXPECT_EQ(bed.client->SendMessage(refused, true), ZrJob::CommonErrorName());
+  EXPECT_EQ(bed.OutcomeOf(refused->JobName()), "connection refused");
+  const auto unknown = AskingBed::Request(80);
+  unknown->host = "no-such-host.invalid";
+  EXPECT_EQ(bed.Ask(unknown), "no such host");
+
+  ScriptedPeer silent([](int, PeerConnection& connection) { connection.WaitForEnd(); });
+  const auto hanging = AskingBed::Request(silent.Port(), "/", {}, zr::kProtocolHttps);
+  hanging->connectOptions.Set("timeout", "200");
+  EXPECT_EQ(bed.Ask(hanging), "timed out");
+  ScriptedPeer plain(
+      [](int, PeerConnection& connection) { connection.Send("HTTP/1.1 400 Bad Request\r\n\r\n"); });
+  EXPECT_EQ(bed.Ask(AskingBed::Request(plain.Port(), "/", {}, zr::kProtocolHttps)), "TLS failure");
+}
+
+TEST(Outgoing, CertificatesAreVerifiedWhenAsked) {
+  ServerBed server;
+  const int port = server.Open(zr::kProtocolHttps, KeyOptions());
+  AskingBed bed;
+  struct Case {
+    const char* name;
+    const char* host;
+    std::optional<std::string> trust;
+    const char* expected;
+  };
+  const std::string own = zrtest::TestCertificate().certificate;
+  const Case cases[] = {{"nobody verifies", "127.0.0.1", std::nullopt, "200 /|"},
+                        {"by its own file", "127.0.0.1", own, "200 /|"},
+                        {"by name", "localhost", own, "200 /|"},
+                        {"another address", "127.0.0.2", own, "TLS failure"},
+                        {"the system's store", "127.0.0.1", "", "TLS failure"},
+                        {"no such file", "127.0.0.1", "/nowhere.pem", "TLS failure"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto head = AskingBed::Request(port, "/", {}, zr::kProtocolHttps);
+    head->host = c.host;
+    if (c.trust) head->connectOptions.Set("cacertificate", *c.trust);
+    EXPECT_EQ(bed.Ask(head), c.expected);
+  }
+}
+
+TEST(Outgoing, StopWithRequestsInFlight) {
+  ScriptedPeer peer([](int, PeerConnection& connection) { connection.WaitForEnd(); });
+  for (int round = 0; round < 20; ++round) {
+    AskingBed bed;
+    for (int i = 0; i < 30; ++i) bed.client->SendMessage(AskingBed::Request(peer.Port()), true);
+    // Another thread hangs in a handshake that nobody answers.
+    std::thread sender([&] {
+      bed.client->SendMessage(AskingBed::Request(peer.Port(), "/", {}, zr::kProtocolHttps), true);
+    });
+    const int before = round * 11;
+    EXPECT_TRUE(WaitFor([&] { return peer.Count() == before + 11; }));
+    const auto start = std::chrono::steady_clock::now();
+    bed.Stop();
+    sender.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  }
+}
