@@ -1,0 +1,71 @@
+// A head that arrives in pieces is the head that arrives at once, and its answer has one head. The
+// first byte of the input gives the size of the pieces, the rest is the message.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "fuzz/check.h"
+#include "http/zrxheader.h"
+#include "http/zrxresponseheader.h"
+
+namespace {
+
+struct Outcome {
+  std::shared_ptr<ZrXHeader> head;
+  ZrReadResult result;
+  int callbacks;
+};
+
+Outcome Read(std::string_view bytes, std::size_t pieceSize) {
+  Outcome outcome{zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, zr::kProtocolHttp),
+                  ZrReadResult::kIncomplete, 0};
+  outcome.head->body = std::make_unique<ZrStringBuf>();
+  do {
+    outcome.head->body->Append(bytes.substr(0, pieceSize));
+    bytes.remove_prefix(std::min(pieceSize, bytes.size()));
+    outcome.result = outcome.head->ReadHead([&outcome](ZrXHeader&) {
+      ++outcome.callbacks;
+      return true;
+    });
+  } while (!bytes.empty());
+  return outcome;
+}
+
+std::string Dump(const ZrXHeader& head) {
+  std::string text = head.path + "\n" + head.query + "\n" + std::to_string(head.declaredLength);
+  for (const auto& [name, values] : head.headers) {
+    for (const std::string_view value : values) text.append("\n").append(name).append(value);
+  }
+  for (const auto& block : head.blocks) text.append("\n").append(block->Text());
+  return text.append("\n\n").append(head.body->Unread());
+}
+
+void ExpectSame(const Outcome& a, const Outcome& b) {
+  ZR_FUZZ_CHECK(a.result == b.result);
+  ZR_FUZZ_CHECK(a.callbacks == b.callbacks && a.callbacks <= 1);
+  ZR_FUZZ_CHECK(a.head->InHead() == b.head->InHead());
+  // What was read before a limit was passed depends on the pieces, and goes with the connection.
+  if (a.result == ZrReadResult::kRejected && a.head->InHead()) return;
+  ZR_FUZZ_CHECK(a.head->kind == b.head->kind && a.head->messageType == b.head->messageType);
+  ZR_FUZZ_CHECK(a.head->closeRequested == b.head->closeRequested);
+  ZR_FUZZ_CHECK(Dump(*a.head) == Dump(*b.head));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const std::string_view message(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const Outcome whole = Read(message, message.size() + 1);
+  ExpectSame(whole, Read(message, std::size_t{data[0]} + 1));
+  if (size < 4096) ExpectSame(whole, Read(message, 1));
+
+  const auto answer = whole.head->MakeResponse();
+  answer->SetBodyText("text");
+  ZrStringBuf out;
+  ZR_FUZZ_CHECK(answer->WriteHead(out));
+  ZR_FUZZ_CHECK(out.Unread().find("\r\n\r\n") == out.Size() - 4);
+  return 0;
+}
