@@ -1,6 +1,5 @@
 // velkoro animate: what the animation command of stored pages writes.
 
-#include <iostream>
 #include <memory>
 #include <string>
 
@@ -20,12 +19,8 @@ constexpr const char* kExample =
 
 int Animate(const std::string& text) {
   const std::string answer = EvaluateCommand(text);
-  std::cout << answer << std::flush;
-  if (!std::cout) {
-    PrintError("cannot write to the standard output");
-    return kFailure;
-  }
-  return answer == kCommandError ? kFailure : kSuccess;
+  const int printed = Print(answer);
+  return answer == kCommandError ? kFailure : printed;
 }
 
 }  // namespace

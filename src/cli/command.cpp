@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <fstream>
+#include <iostream>
 
 #include "cli/version.h"
 #include "platform/zroutput.h"
@@ -18,18 +20,41 @@ constexpr const char* kExamples =
 /// The words that the failing command's help is asked for with.
 std::string HelpHint(const CLI::App& program) {
   std::string words = "velkoro";
-  for (const CLI::App* command : program.get_subcommands()) {
-    words += " " + command->get_name();
+  for (auto named = program.get_subcommands(); !named.empty();
+       named = named.front()->get_subcommands()) {
+    words += " " + named.front()->get_name();
   }
   return words + " --help";
 }
 
 }  // namespace
 
-void PrintError(const std::string& text) {
-  std::string line = "velkoro: " + text;
+void PrintFault(const std::string& input, const std::string& text) {
+  std::string line = input + ": " + text;
   std::replace(line.begin(), line.end(), '\n', ' ');
   WriteErrorLine(line);
+}
+
+void PrintError(const std::string& text) { PrintFault("velkoro", text); }
+
+int Print(std::string_view text) {
+  if (WriteOutput(text)) return kSuccess;
+  PrintError("cannot write to the standard output");
+  return kFailure;
+}
+
+std::string ReadInput(const std::string& file) {
+  std::ifstream named;
+  if (file != "-") named.open(file, std::ios::binary);
+  std::istream& stream = file == "-" ? std::cin : named;
+  std::string text;
+  char block[64 * 1024];
+  while (stream.read(block, sizeof block) || stream.gcount() != 0) {
+    text.append(block, static_cast<std::size_t>(stream.gcount()));
+  }
+  // A directory opens like a file and fails when it is read.
+  if (!stream.eof()) throw std::runtime_error("cannot be read");
+  return text;
 }
 
 int Main(int count, const char* const* arguments) {

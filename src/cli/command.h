@@ -6,6 +6,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace zr::cli {
 
@@ -33,6 +34,16 @@ void AddMarkup(CLI::App& program, Run& chosen);
 
 /// One line on standard error, headed by the program's name. Line ends within become blanks.
 void PrintError(const std::string& text);
+/// The same for an input that is at fault, headed by its name.
+void PrintFault(const std::string& input, const std::string& text);
+
+/// Writes what was asked for to standard output; returns kSuccess, or kFailure after saying that it
+/// was lost.
+int Print(std::string_view text);
+
+/// The bytes of a file, which may be a pipe, or of the standard input for "-". Throws
+/// std::runtime_error "cannot be read" for what is not there, is a directory or fails on the way.
+std::string ReadInput(const std::string& file);
 
 /// Runs the program with its arguments; returns its exit status.
 int Main(int count, const char* const* arguments);

@@ -2,22 +2,19 @@
 // script.
 
 #include <exception>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "cli/command.h"
-#include "host/zrexception.h"
-#include "html/zrhtmlbaseelement2.h"
+#include "html/zrhtmldocument2.h"
 #include "html/zrhtmldtd.h"
 #include "markup/zrdtdelementreaderstream.h"
 #include "markup/zrparse.h"
-#include "platform/zroutput.h"
 
 namespace zr::cli {
 namespace {
@@ -40,32 +37,28 @@ struct MarkupArguments {
   std::optional<std::string> attribute;
 };
 
-// A document that was read; failures of the input are said with the file's name in front.
+// A document that was read.
 class Document {
  public:
   explicit Document(const MarkupArguments& arguments)
-      : stream_(Text(arguments.file)), reader_(stream_, HtmlDocumentKinds()) {
+      : stream_(ReadInput(arguments.file)), reader_(stream_, HtmlDocumentKinds()) {
     Parse(reader_.Splitter(), reader_, arguments.kind, false);
   }
 
   ZrXMLGenericElement& Top() { return *reader_.Splitter().top; }
-  /// The first top-level node that the test accepts, null when there is none.
-  template <class Test>
-  ZrXMLComplexElement* First(Test&& accepts) {
+  /// The first element; null when there is none. Text and the type line of a page are none.
+  ZrXMLGenericElement* Root() {
     for (ZrXMLComplexElement* node : Top().Children()) {
-      if (accepts(*node)) return node;
+      ZrXMLGenericElement* const element = node->AsGeneric();
+      if (element != nullptr && element->OwnLine() && !element->IsTextNode() &&
+          dynamic_cast<ZrHTML_Doctype2*>(element) == nullptr) {
+        return element;
+      }
     }
     return nullptr;
   }
 
  private:
-  static std::string Text(const std::string& file) {
-    if (file == "-") return {std::istreambuf_iterator<char>(std::cin), {}};
-    std::ifstream stream(file, std::ios::binary);  // a pipe will do as well
-    if (!stream) throw ZrException("cannot be read", __LINE__, "src");
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
-
   std::istringstream stream_;
   ZrDTDElementReaderStream reader_;
 };
@@ -74,19 +67,16 @@ int Write(const MarkupArguments& arguments) {
   Document document(arguments);
   std::ostringstream out;
   for (const ZrXMLComplexElement* node : document.Top().Children()) node->Write(out);
-  return WriteOutput(out.str()) ? kSuccess : kFailure;
+  return Print(std::move(out).str());
 }
 
 int Query(const MarkupArguments& arguments) {
   Document document(arguments);
-  ZrXMLComplexElement* const root = document.First([](const ZrXMLComplexElement& node) {
-    return node.OwnLine() && !node.IsTextNode() && node.Name() != "HTMLDoctype" &&
-           node.AsGeneric() != nullptr;
-  });
+  ZrXMLGenericElement* const root = document.Root();
   if (root == nullptr) return kFailure;
   std::ostringstream out;
   bool found = false;
-  const auto elements = root->AsGeneric()->Query(arguments.path);
+  const auto elements = root->Query(arguments.path);
   for (const ZrXMLGenericElement* element : *elements) {
     if (!arguments.attribute) {
       if (found) out << '\n';
@@ -98,17 +88,14 @@ int Query(const MarkupArguments& arguments) {
     }
     found = true;
   }
-  return WriteOutput(out.str()) && found ? kSuccess : kFailure;
+  return found ? Print(std::move(out).str()) : kFailure;
 }
 
 int Script(const MarkupArguments& arguments) {
   Document document(arguments);
-  const auto* const element =
-      dynamic_cast<ZrHTML_BaseElement2*>(document.First([](const ZrXMLComplexElement& node) {
-        return dynamic_cast<const ZrHTML_BaseElement2*>(&node) != nullptr && !node.IsTextNode();
-      }));
-  if (element == nullptr) throw ZrException("no HTML element to make a script of", __LINE__, "src");
-  return WriteOutput(element->ToScript()) ? kSuccess : kFailure;
+  const auto* const element = dynamic_cast<ZrHTML_BaseElement2*>(document.Root());
+  if (element == nullptr) throw std::runtime_error("no HTML element to make a script of");
+  return Print(element->ToScript());
 }
 
 // One of the three commands; what they have in common.
@@ -121,7 +108,7 @@ CLI::App& Add(CLI::App& markup, Run& chosen, const std::shared_ptr<MarkupArgumen
       try {
         return run(*arguments);
       } catch (const std::exception& failure) {
-        WriteErrorLine(arguments->file + ": " + failure.what());
+        PrintFault(arguments->file, failure.what());
         return kFailure;
       }
     };
@@ -129,13 +116,12 @@ CLI::App& Add(CLI::App& markup, Run& chosen, const std::shared_ptr<MarkupArgumen
   return command;
 }
 
-void AddKind(CLI::App& command, MarkupArguments& arguments, const char* usual) {
+// The kinds in which the command can find something, the usual one first.
+void AddKind(CLI::App& command, MarkupArguments& arguments, const std::vector<std::string>& kinds) {
   command
-      .add_option(
-          "--dtd", arguments.kind,
-          std::string("The document kind, ") + usual + " unless given: xml, html, xmlhtml or css")
-      ->check(CLI::IsMember({"xml", "html", "xmlhtml", "css"}));
-  command.parse_complete_callback([&arguments, usual] {
+      .add_option("--dtd", arguments.kind, "The document kind, " + kinds.front() + " unless given")
+      ->check(CLI::IsMember(kinds));
+  command.parse_complete_callback([&arguments, usual = kinds.front()] {
     if (arguments.kind.empty()) arguments.kind = usual;
   });
 }
@@ -149,17 +135,17 @@ void AddMarkup(CLI::App& program, Run& chosen) {
   markup.footer(kExamples);
   CLI::App& write = Add(markup, chosen, arguments, "write",
                         "Write a document back, with all around its root", Write);
-  AddKind(write, *arguments, "xml");
+  AddKind(write, *arguments, {"xml", "html", "xmlhtml", "css"});
   CLI::App& query =
       Add(markup, chosen, arguments, "query", "Print the elements a path finds", Query);
-  AddKind(query, *arguments, "xml");
+  AddKind(query, *arguments, {"xml", "html", "xmlhtml"});
   query.add_option("PATH", arguments->path, "Names with conditions, from the root element")
       ->required();
   query.add_option("--attribute", arguments->attribute,
                    "Print the values of this attribute instead, a line each");
   CLI::App& script = Add(markup, chosen, arguments, "script",
                          "Write client-side script that builds an element", Script);
-  AddKind(script, *arguments, "html");
+  AddKind(script, *arguments, {"html", "xmlhtml"});
 }
 
 }  // namespace zr::cli

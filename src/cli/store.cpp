@@ -1,6 +1,5 @@
 // `velkoro store`: looks into an application's configuration file from the shell.
 
-#include <iostream>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -8,7 +7,6 @@
 #include <vector>
 
 #include "cli/command.h"
-#include "platform/zrfilesystem.h"
 #include "platform/zroutput.h"
 #include "storage/zrpersistentappstorage.h"
 
@@ -16,7 +14,6 @@ namespace zr::cli {
 
 namespace {
 
-constexpr std::size_t kMaxTextBytes = std::size_t{256} << 20;
 constexpr char kUser[] = "velkoro store";
 
 struct StoreArguments {
@@ -47,14 +44,12 @@ ZrXMLDatabase* OpenProject(ZrPersistentAppStorage& storage, const std::string& n
   return storage.AcquireProject(name, kUser);
 }
 
-std::string ReadText(const std::string& file) {
-  if (file == "-") return {std::istreambuf_iterator<char>(std::cin), {}};
-  std::optional<std::string> text = zr::ReadWholeFile(file, kMaxTextBytes);
-  if (!text)
-    throw std::runtime_error(file +
-                             ": cannot be read; give a readable file, or - for "
-                             "standard input");
-  return std::move(*text);
+std::string TextOf(const std::string& file) {
+  try {
+    return ReadInput(file);
+  } catch (const std::runtime_error& failure) {
+    throw std::runtime_error(file + ": " + failure.what());
+  }
 }
 
 int PrintOptions(const StoreArguments& arguments) {
@@ -62,7 +57,7 @@ int PrintOptions(const StoreArguments& arguments) {
   Open(arguments)->GetOptions(options);
   std::string out;
   for (const auto& [name, value] : options) out.append(name).append("=").append(value).append("\n");
-  return zr::WriteOutput(out) ? kSuccess : kFailure;
+  return Print(out);
 }
 
 int PrintProjects(const StoreArguments& arguments) {
@@ -79,13 +74,11 @@ int PrintProjects(const StoreArguments& arguments) {
     }
     out.append(name).append("\t").append(path).append("\n");
   }
-  return zr::WriteOutput(out) ? kSuccess : kFailure;
+  return Print(out);
 }
 
 int PrintValue(const StoreArguments& arguments) {
-  return zr::WriteOutputLine(Open(arguments)->GetValue(arguments.path, arguments.defaultText))
-             ? kSuccess
-             : kFailure;
+  return Print(Open(arguments)->GetValue(arguments.path, arguments.defaultText) + "\n");
 }
 
 int PrintVariable(const StoreArguments& arguments) {
@@ -95,7 +88,7 @@ int PrintVariable(const StoreArguments& arguments) {
     throw std::runtime_error("project '" + arguments.project + "' has no string variable '" +
                              arguments.name + "'");
   }
-  return zr::WriteOutputLine(project->GetStringVariable(arguments.name, "")) ? kSuccess : kFailure;
+  return Print(project->GetStringVariable(arguments.name, "") + "\n");
 }
 
 int PrintExpanded(const StoreArguments& arguments) {
@@ -108,9 +101,9 @@ int PrintExpanded(const StoreArguments& arguments) {
     }
     storage->SetMapping(mapping.substr(0, equals), mapping.substr(equals + 1));
   }
-  std::string text = ReadText(arguments.file);
+  std::string text = TextOf(arguments.file);
   storage->ExpandMarkers(arguments.project, text);
-  return zr::WriteOutput(text) ? kSuccess : kFailure;
+  return Print(text);
 }
 
 }  // namespace

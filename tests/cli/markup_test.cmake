@@ -24,7 +24,8 @@ expect(0 "<p>\nx\n</p>" "" "<!DOCTYPE html><html><body><p>x</p></body></html>"
 expect(0 "{\nvar newelem = document.createElement('div');\nnewelem.setAttribute('id','a');\nnewelem.innerHTML=\"\";\ndocument.appendChild(newelem);\n }"
        "" "<div id='a'></div>" script -)
 expect(1 "" "-: wrong closing tag '/a' instead '/b' around line 2\n" "<a>\n<b></a>" write -)
-expect(1 "" "-: no HTML element to make a script of\n" "<unknown/>" script -)
+expect(1 "" "-: style syntax wrong at: >a :b:c<  around line 2\n" "<p style='a\n:b:c'/>" write --dtd html -)
+expect(1 "" "-: no HTML element to make a script of\n" "<unknown/><p/>" script -)
 expect(1 "" "${FOLDER}/none: cannot be read\n" "" write ${FOLDER}/none)
 
 execute_process(COMMAND "${VELKORO}" markup write "${FOLDER}" RESULT_VARIABLE result
