@@ -1,9 +1,10 @@
 #include "html/zrcssnodes.h"
 
-#include <ostream>
+#include <string_view>
 
 #include "host/zrexception.h"
 #include "html/zrcssproperty.h"
+#include "markup/zrwrite.h"
 #include "markup/zrxmlnodes.h"
 
 namespace {
@@ -13,8 +14,15 @@ bool Is(const ZrXMLComplexElement& node) {
   return dynamic_cast<const Node*>(&node) != nullptr;
 }
 
-void WriteChildren(const ZrXMLComplexElement& node, std::ostream& stream) {
+// A node of a style sheet: what opens it, its children, what closes it.
+void WriteBlock(const ZrXMLComplexElement& node, std::ostream& stream, std::string_view selector,
+                std::string_view open, std::string_view close) {
+  node.WritePrologue(stream);
+  zr::TagWriter opening(stream);
+  opening << selector << open;
+  opening.Flush();
   for (const ZrXMLComplexElement* child : node.Children()) child->Write(stream);
+  zr::Put(stream, close);
 }
 
 }  // namespace
@@ -28,10 +36,7 @@ void ZrCSSHTMLComment::ChildAdded(ZrXMLComplexElement* child) {
 }
 
 void ZrCSSHTMLComment::Write(std::ostream& stream) const {
-  WritePrologue(stream);
-  stream << "<!--";
-  WriteChildren(*this, stream);
-  stream << "-->";
+  WriteBlock(*this, stream, "", "<!--", "-->");
 }
 
 void ZrCSSMediaQuery::ChildAdded(ZrXMLComplexElement* child) {
@@ -41,10 +46,7 @@ void ZrCSSMediaQuery::ChildAdded(ZrXMLComplexElement* child) {
 }
 
 void ZrCSSMediaQuery::Write(std::ostream& stream) const {
-  WritePrologue(stream);
-  stream << selector_ << '{';
-  WriteChildren(*this, stream);
-  stream << '}';
+  WriteBlock(*this, stream, selector_, "{", "}");
 }
 
 void ZrCSSRule::ChildAdded(ZrXMLComplexElement* child) {
@@ -54,10 +56,7 @@ void ZrCSSRule::ChildAdded(ZrXMLComplexElement* child) {
 }
 
 void ZrCSSRule::Write(std::ostream& stream) const {
-  WritePrologue(stream);
-  stream << selector_ << '{';
-  WriteChildren(*this, stream);
-  stream << '}';
+  WriteBlock(*this, stream, selector_, "{", "}");
 }
 
 std::string ZrCSSRule::Value(ZrNameView newValue) {

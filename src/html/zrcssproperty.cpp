@@ -1,10 +1,10 @@
 #include "html/zrcssproperty.h"
 
-#include <ostream>
 #include <string_view>
 
 #include "host/zrexception.h"
 #include "html/zrnodename.h"
+#include "markup/zrwrite.h"
 
 namespace {
 
@@ -37,7 +37,9 @@ ZrCSSProperty::ZrCSSProperty(const std::string& text, bool nameOnly)
 void ZrCSSProperty::Write(std::ostream& stream) const {
   if (propertyValue_.empty()) return;
   WritePrologue(stream);
-  stream << propertyName_ << ": " << propertyValue_ << ';';
+  zr::TagWriter declaration(stream);
+  declaration << propertyName_ << ": " << propertyValue_ << ';';
+  declaration.Flush();
 }
 
 void ZrCSSProperty::ChildAdded(ZrXMLComplexElement* /*child*/) {

@@ -1,12 +1,12 @@
 #include "html/zrhtmldocument2.h"
 
-#include <ostream>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "host/zrexception.h"
 #include "html/zrhtmlplainelements.h"
+#include "markup/zrwrite.h"
 
 namespace {
 
@@ -51,7 +51,9 @@ ZrHTML_Doctype2::ZrHTML_Doctype2(const std::string& documentType)
 
 void ZrHTML_Doctype2::Write(std::ostream& stream) const {
   WritePrologue(stream);
-  stream << "<!DOCTYPE " << text_ << ">\n";
+  zr::TagWriter line(stream);
+  line << "<!DOCTYPE " << text_ << ">\n";
+  line.Flush();
 }
 
 ZrXMLComplexElement& ZrHTML_html2::Body() {

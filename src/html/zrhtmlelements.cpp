@@ -1,11 +1,11 @@
 #include "html/zrhtmlelements.h"
 
 #include <memory>
-#include <ostream>
 
 #include "host/zrexception.h"
 #include "html/zrcssnodes.h"
 #include "html/zrhtmltext2.h"
+#include "markup/zrwrite.h"
 
 namespace {
 
@@ -76,9 +76,9 @@ ZrHTML_script2::ZrHTML_script2() : Group(zr::html::NodeName<ZrHTML_script2>("scr
   type.SetFromText("text/javascript");
 }
 
-void ZrHTML_script2::WriteAfterStartTag(std::ostream& stream) const { stream << "\n<!--\n"; }
+void ZrHTML_script2::WriteAfterStartTag(std::ostream& stream) const { zr::Put(stream, "\n<!--\n"); }
 
-void ZrHTML_script2::WriteBeforeEndTag(std::ostream& stream) const { stream << "\n//-->\n"; }
+void ZrHTML_script2::WriteBeforeEndTag(std::ostream& stream) const { zr::Put(stream, "\n//-->\n"); }
 
 ZrHTML_style2::ZrHTML_style2() : Group(zr::html::NodeName<ZrHTML_style2>("style")) {
   EnterMember("src", src);

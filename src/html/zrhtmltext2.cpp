@@ -1,10 +1,10 @@
 #include "html/zrhtmltext2.h"
 
-#include <ostream>
+#include "markup/zrwrite.h"
 
 void ZrHTML_text2::Write(std::ostream& stream) const {
   WritePrologue(stream);
-  stream << text_;
+  zr::Put(stream, text_);
 }
 
-void ZrHTML_text2::WriteText(std::ostream& stream) const { stream << text_; }
+void ZrHTML_text2::WriteText(std::ostream& stream) const { zr::Put(stream, text_); }

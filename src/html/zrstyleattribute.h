@@ -20,8 +20,8 @@ class ZrStyleAttribute : public ZrXMLComplexAttribute2 {
   void SetFromText(const char* text) override;
   /// Adds the declarations of a text such as "color: red; margin: 0"; a property of the same name
   /// is replaced, others are kept. Linear in the text. Throws ZrException "style syntax wrong at:
-  /// >", the text, "< " at the first piece between two
-  /// ";" that is neither blank nor a name, one ":" and a value; the pieces before it stay.
+  /// >TEXT< " at the first piece between two ";" that is neither blank nor a name, one ":" and a
+  /// value; the pieces before it stay.
   void SetFromString(const std::string& text) override { AddFromString(text); }
   /// The same for callers that know the attribute's type.
   virtual void AddFromString(const std::string& text);

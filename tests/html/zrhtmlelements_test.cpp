@@ -79,6 +79,7 @@ TEST(HtmlElements, TextGrowsAndIsFoundAsText) {
   text.AddText("< 2 & more");
   span.FlushText();
   std::ostringstream content;
+  content.width(40);
   span.WriteText(content);
   EXPECT_EQ(content.str(), "1 < 2 & more");
   EXPECT_TRUE(span.Children()[1]->IsTextNode());
