@@ -97,11 +97,15 @@ void ZrPersistentAppStorage::SetApplication(const std::string& name) {
   applicationSelected_ = true;
 }
 
-void ZrPersistentAppStorage::GetProjectNames(std::vector<std::string>& list) {
+ZrXMLElementList ZrPersistentAppStorage::ListedProjects() {
   if (!applicationSelected_) throw ZrException("no application selected", 742, "src");
   ZrXMLElementList projects;
   FindElements(applicationName_ + ".projects.project", projects);
-  for (const ZrXMLGenericElement* const project : projects) {
+  return projects;
+}
+
+void ZrPersistentAppStorage::GetProjectNames(std::vector<std::string>& list) {
+  for (const ZrXMLGenericElement* const project : ListedProjects()) {
     std::string name = project->AttributeValue("name", "");
     if (!name.empty()) list.push_back(std::move(name));
   }
@@ -119,12 +123,7 @@ void ZrPersistentAppStorage::GetOptions(std::map<std::string, std::string>& map)
 }
 
 ZrXMLGenericElement* ZrPersistentAppStorage::FindProject(const std::string& name) {
-  std::vector<std::string> names;
-  GetProjectNames(names);
-  if (std::find(names.begin(), names.end(), name) == names.end()) return nullptr;
-  ZrXMLElementList projects;
-  FindElements(applicationName_ + ".projects.project", projects);
-  for (ZrXMLGenericElement* const project : projects) {
+  for (ZrXMLGenericElement* const project : ListedProjects()) {
     if (project->AttributeEquals("name", name)) return project;
   }
   return nullptr;

@@ -79,6 +79,7 @@ class ZrPersistentAppStorage : public ZrXMLDatabase {
 
  private:
   std::string ApplicationFile(const std::string& name) const;
+  ZrXMLElementList ListedProjects();
   ZrXMLGenericElement* FindProject(const std::string& name);
   const std::string& ProjectFile(const std::string& name) const;
   std::string ReplaceMarker(ZrXMLDatabase* project, std::string_view name);

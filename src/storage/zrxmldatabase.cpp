@@ -104,8 +104,8 @@ void ZrXMLDatabase::Save(const std::string& path) {
 void ZrXMLDatabase::Load(const std::string& path, const OnMissing& onMissing) {
   const std::string systemPath = zr::SystemDirectory(path);
   if (zr::PathKind(systemPath) == zr::ZrPathKind::kMissing) onMissing(path);
-  directory_ = DirectoryOf(path);
   const ZrLock hold(mutex_);
+  directory_ = DirectoryOf(path);
   // What a file that cannot be read, a directory among them, reports as its error.
   std::string error = "error in stream around line 1";
   std::unique_ptr<ZrXMLGenericElement> element;
