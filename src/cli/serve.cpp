@@ -2,6 +2,7 @@
 // servers report on threads of their own; this thread sleeps until one of them or a signal has
 // news.
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <filesystem>
@@ -23,6 +24,7 @@
 #include "platform/zrsignals.h"
 #include "platform/zrsync.h"
 #include "platform/zrsystem.h"
+#include "platform/zrthread.h"
 #include "storage/zrpersistentappstorage.h"
 
 namespace zr::cli {
@@ -32,8 +34,6 @@ constexpr const char* kDefaultUrl = "https://127.0.0.1:8443";
 constexpr const char* kPhpProgram = "php-cgi";
 constexpr double kDefaultGrace = 5;
 constexpr double kMaxGrace = 86400;
-// How long answers are waited for before the signals are looked at again.
-constexpr std::chrono::milliseconds kGraceStep(20);
 
 constexpr const char* kExamples =
     "Every server takes connections on all local addresses; ADDRESS is what it is called.\n"
@@ -235,8 +235,6 @@ class Serving {
             }
           }
           break;
-        case Signal::kNone:
-          break;
       }
     }
   }
@@ -271,14 +269,17 @@ class Serving {
   /// Answers in progress are finished, unless that takes too long or another signal comes.
   void Finish(ZrQuarnApplication2& application, ZrSignalWaiter& signals) const {
     application.stopAccepting();
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                               std::chrono::duration<double>(options_.grace));
-    while (std::chrono::steady_clock::now() < end && !application.waitForAnswers(kGraceStep)) {
-      if (signals.Wait(std::chrono::steady_clock::now()) == Signal::kStop) {
-        return;
-      }
+    std::atomic<bool> over{false};
+    ZrThread answers = ZrThread::Start("velkoro_grace", [&] {
+      application.waitForAnswers(std::chrono::duration_cast<std::chrono::nanoseconds>(
+          std::chrono::duration<double>(options_.grace)));
+      over = true;
+      signals.Wake();
+    });
+    while (!over && signals.Wait() != Signal::kStop) {
     }
+    application.abandonAnswers();
+    answers.Join();
   }
 
   const ServeOptions& options_;

@@ -95,6 +95,8 @@ class ZrQuarnApplication2 {
   /// Waits until the requests in progress are answered and their answers sent; whether they were in
   /// that time. The application is then destroyed.
   bool waitForAnswers(std::chrono::nanoseconds limit) { return transceiver_.WaitForAnswers(limit); }
+  /// Has that return at once, now and later.
+  void abandonAnswers() { transceiver_.AbandonAnswers(); }
   /// Ends the servers with the requests that they are answering, and waits for them; no operation
   /// of the application is called by a request afterwards. The destructor does this itself, but by
   /// then a derived application is gone: one that overrides what requests ask (nullQuery,

@@ -107,6 +107,8 @@ class ZrTransceiver final : public ZrJob {
   /// Has the send job look for queued output on all connections. FlushConnection() is the cheap
   /// way.
   void WakeSender();
+  /// An item ended, bytes were written or a connection went: whoever waits for answers looks again.
+  void NoteProgress();
   /// A connection that reading had paused on may be read again.
   void ResumeReading(ZrTransceiverConnection& connection);
 
@@ -122,6 +124,8 @@ class ZrTransceiver final : public ZrJob {
   void StopAccepting();
   /// ... the requests in progress are answered and their answers sent, if that happens in time ...
   bool WaitForAnswers(std::chrono::nanoseconds limit);
+  /// (which another thread can give up: it returns at once, now and later)
+  void AbandonAnswers();
   /// ... and no server runs any more. Waits for messages being handled; the caller holds no lock.
   void StopServers();
 
@@ -223,6 +227,12 @@ class ZrTransceiver final : public ZrJob {
   std::atomic<bool> flushAll_{false};  // WakeSender() was called
   ZrPoller receivePoller_;
   ZrPoller sendPoller_;
+
+  std::atomic<bool> draining_{false};  // WaitForAnswers() was called; traffic pays for it only then
+  ZrMutex drainLock_;
+  ZrCondition progress_;
+  bool progressed_ ZR_GUARDED_BY(drainLock_) = false;
+  bool abandoned_ ZR_GUARDED_BY(drainLock_) = false;
 
   // The housekeeper. Each connection stands in watched_ once, at a time at which it cannot have
   // expired earlier; it is looked at then and put at its next time, so that traffic costs nothing

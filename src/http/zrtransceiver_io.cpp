@@ -19,8 +19,6 @@
 namespace {
 
 constexpr std::chrono::nanoseconds kForEver{-1};
-// How often a stop looks whether the answers in progress are out.
-constexpr std::chrono::milliseconds kDrainPause{10};
 
 }  // namespace
 
@@ -78,6 +76,7 @@ void ZrTransceiver::RemoveConnection(const std::string& name, bool) {
   PostEvent(removed.connection->ReceiverName(), event);
   PostEvent(name, std::move(event));
   Unbind(*removed.connection);
+  NoteProgress();
 }
 
 void ZrTransceiver::Unbind(ZrTransceiverConnection& connection) {
@@ -299,6 +298,7 @@ void ZrTransceiver::FlushConnection(ZrTransceiverConnection& connection) {
             (connection.WriteToSocket(*connection.socket_) && EndOutputWhenDone(connection));
   }
   if (!alive) return RemoveConnection(connection.JobName(), true);
+  NoteProgress();
   if (connection.TakeStalled()) connection.Announce();
 }
 
@@ -352,18 +352,35 @@ void ZrTransceiver::FinishConnection(ZrTransceiverConnection& connection) {
   FlushConnection(connection);
 }
 
+// Looks anew whenever something went on; what goes on during a look is seen by the next one.
 bool ZrTransceiver::WaitForAnswers(std::chrono::nanoseconds limit) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  ZrMutex lock;
-  ZrCondition never;
+  draining_ = true;
   for (;;) {
+    {
+      ZrLock hold(drainLock_);
+      progressed_ = false;
+    }
     bool busy = false;
     for (const ConnectionPointer& connection : Connections()) {
       busy = busy || connection->IsBusy() || connection->SendPending();
     }
     if (!busy) return true;
-    if (std::chrono::steady_clock::now() >= end) return false;
-    ZrLock hold(lock);
-    never.WaitFor(lock, kDrainPause, [] { return false; });
+    ZrLock hold(drainLock_);
+    const auto changed = [this]() ZR_REQUIRES(drainLock_) { return progressed_ || abandoned_; };
+    if (!progress_.WaitUntil(drainLock_, end, changed) || abandoned_) return false;
   }
+}
+
+void ZrTransceiver::AbandonAnswers() {
+  ZrLock hold(drainLock_);
+  abandoned_ = true;
+  progress_.NotifyAll();
+}
+
+void ZrTransceiver::NoteProgress() {
+  if (!draining_) return;
+  ZrLock hold(drainLock_);
+  progressed_ = true;
+  progress_.NotifyAll();
 }

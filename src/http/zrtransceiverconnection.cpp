@@ -14,6 +14,8 @@ namespace {
 
 // What one pass writes at most, so that a fast reader does not hold the send job for long.
 constexpr std::size_t kWriteBudget = 1024 * 1024;
+constexpr std::int64_t kAnswerExtraTime =
+    ZrTransceiverConnection::kAnswerTimeLimit - ZrTransceiverConnection::kTimeLimit * 1000;
 
 }  // namespace
 
@@ -97,11 +99,17 @@ bool ZrTransceiverConnection::HasExpired() {
   if (head != 0 && now - head >= kHeadTimeLimit) return true;
   const std::int64_t linger = lingerUntil_;
   if (linger != 0 && now >= linger) return true;
+  if (AwaitsAnswer() && now < ExpiryNs() + kAnswerExtraTime) return false;
   return ZrJobWithTimeout::HasExpired();
 }
 
-std::int64_t ZrTransceiverConnection::NextExpiryNs() const {
-  std::int64_t due = ExpiryNs();
+bool ZrTransceiverConnection::AwaitsAnswer() {
+  ZrLock hold(receiveLock_);
+  return busy_ && !IsClosing() && !SendPending();
+}
+
+std::int64_t ZrTransceiverConnection::NextExpiryNs() {
+  std::int64_t due = ExpiryNs() + (AwaitsAnswer() ? kAnswerExtraTime : 0);
   if (const std::int64_t head = headSince_; head != 0) due = std::min(due, head + kHeadTimeLimit);
   if (const std::int64_t linger = lingerUntil_; linger != 0) due = std::min(due, linger);
   return due;
@@ -210,6 +218,7 @@ ZrTransceiverConnection::AfterItem ZrTransceiverConnection::EndItem() {
     resume = TakeResume();
   }
   if (resume) owner_.ResumeReading(*this);
+  if (next == AfterItem::kNothing) owner_.NoteProgress();
   return next;
 }
 

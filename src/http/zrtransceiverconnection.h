@@ -33,6 +33,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   /// Without traffic for that long (microseconds) the connection is closed.
   static constexpr std::uint64_t kTimeLimit = 115'000'000;
+  /// While a request is in progress the silence is not the peer's: only after that long (nanoseconds)
+  /// is its answer given up. Programs may run for 300 s, and wait their turn before that.
+  static constexpr std::int64_t kAnswerTimeLimit = 900'000'000'000;
   /// A message head, and a TLS handshake, must be complete within that time (nanoseconds).
   static constexpr std::int64_t kHeadTimeLimit = 60'000'000'000;
   /// A closed connection whose peer does not end its side goes after that time (nanoseconds).
@@ -54,7 +57,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   bool Attach(std::string_view task) override;
   bool Detach(std::string_view task) override;
-  /// True when the time limit or the limit of an incomplete head has passed.
+  /// True when the time limit or the limit of an incomplete head has passed. A request in progress
+  /// with nothing to send has kAnswerTimeLimit instead.
   bool HasExpired() override;
 
   /// Leaves the joined task, forgets received bytes and everything queued.
@@ -149,7 +153,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// After output went: whether the server waits for that and must be told. Answers yes once.
   bool TakeStalled();
   /// Monotonic time (nanoseconds) from which on HasExpired() answers yes, as things stand.
-  std::int64_t NextExpiryNs() const;
+  std::int64_t NextExpiryNs();
   /// Its time limit has passed: it is not drained but goes at once.
   void MarkExpired() { expired_.store(true, std::memory_order_release); }
   bool IsExpired() const { return expired_.load(std::memory_order_acquire); }
@@ -180,6 +184,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   void Queue(Piece piece) ZR_EXCLUDES(sendLock_);
   void DropQueue() ZR_EXCLUDES(sendLock_);
   AfterItem EndItemLocked() ZR_REQUIRES(receiveLock_);
+  bool AwaitsAnswer();
   /// Whether reading had paused and may go on; answers yes once.
   bool TakeResume() ZR_REQUIRES(receiveLock_);
 

@@ -2,16 +2,12 @@
 // Signals as something a program waits for, for the command line only: the library never touches
 // its host's signals.
 
-#include <chrono>
-#include <optional>
-
 namespace zr {
 
 enum class Signal {
   kStop,    // SIGINT or SIGTERM
   kReopen,  // SIGHUP
   kWake,    // Wake() was called
-  kNone,    // the deadline passed
 };
 
 /// Takes SIGINT, SIGTERM and SIGHUP out of their usual delivery for the rest of the process and
@@ -24,9 +20,8 @@ class ZrSignalWaiter {
   ZrSignalWaiter(const ZrSignalWaiter&) = delete;
   ZrSignalWaiter& operator=(const ZrSignalWaiter&) = delete;
 
-  /// Waits for a signal or a wake-up, without end when there is no deadline. Threads: one at a
-  /// time.
-  Signal Wait(std::optional<std::chrono::steady_clock::time_point> deadline = std::nullopt);
+  /// Waits for a signal or a wake-up. Threads: one at a time.
+  Signal Wait();
   /// Ends a wait, or the next one. Threads: any.
   void Wake() noexcept;
 

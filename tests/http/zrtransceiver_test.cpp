@@ -169,6 +169,44 @@ TEST(Transceiver, EndsConnectionsThatAreSilentTooLong) {
   EXPECT_TRUE(bed.WaitForConnections(0));
 }
 
+TEST(Transceiver, ARequestInProgressIsGivenTimeButNotForEver) {
+  ManualClock clock;
+  ServerBed bed(clock);
+  Line answered(bed);
+  Line forgotten(bed);
+  const auto advance = [&](std::chrono::seconds time) {
+    clock.Advance(time);
+    bed.transceiver.WakeHousekeeper();
+  };
+  ASSERT_TRUE(answered.connection->BeginItem());
+  ASSERT_TRUE(forgotten.connection->BeginItem());
+  for (int i = 0; i < 8; ++i) advance(100s);
+  answered.Send("late");
+  bed.transceiver.FlushConnection(*answered.connection);
+  EXPECT_EQ(answered.client->ReadUntil("late"), "late");
+  EXPECT_EQ(answered.connection->EndItem(), ZrTransceiverConnection::AfterItem::kNothing);
+  advance(110s);
+  EXPECT_TRUE(bed.WaitForConnections(1));
+  EXPECT_TRUE(bed.transceiver.FindConnection(answered.name));
+  advance(66s);
+  EXPECT_TRUE(bed.WaitForConnections(0));
+}
+
+TEST(Transceiver, WaitsForAnswersUntilTheyAreOutOrGivenUp) {
+  ServerBed bed;
+  Line line(bed);
+  EXPECT_TRUE(bed.transceiver.WaitForAnswers(0s));
+  ASSERT_TRUE(line.connection->BeginItem());
+  EXPECT_FALSE(bed.transceiver.WaitForAnswers(1ms));
+  std::thread ending([&] { line.connection->EndItem(); });
+  EXPECT_TRUE(bed.transceiver.WaitForAnswers(60s));
+  ending.join();
+  ASSERT_TRUE(line.connection->BeginItem());
+  std::thread giving([&] { bed.transceiver.AbandonAnswers(); });
+  EXPECT_FALSE(bed.transceiver.WaitForAnswers(60s));
+  giving.join();
+}
+
 TEST(Transceiver, ALingeringPeerIsLetGo) {
   ManualClock clock;
   ServerBed bed(clock);

@@ -71,7 +71,7 @@ TEST(Listener, ReportsItsPeersAndWhereItListens) {
       WaitFor([&] { return bed.Records(ZrServerCallback_t::kConnectionAccepted).size() == 1; }));
   const auto accepted = bed.Records(ZrServerCallback_t::kConnectionAccepted).front();
   EXPECT_EQ(accepted.info.Get("ID"), listening.info.Get("ID"));
-  EXPECT_EQ(accepted.info.Get("remoteaddress"), "::ffff:127.0.0.1");
+  EXPECT_EQ(accepted.info.Get("remoteaddress"), "127.0.0.1");
   EXPECT_EQ(accepted.info.Get("localport"), std::to_string(port));
   EXPECT_EQ(accepted.info.Get("localprotocolstring"), "http");
   EXPECT_FALSE(accepted.info.Get("remoteport").empty());

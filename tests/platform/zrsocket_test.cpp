@@ -134,8 +134,10 @@ TEST(Socket, NamesAndPorts) {
   EXPECT_FALSE(zr::IsNumericAddress("1.2.3"));
   EXPECT_FALSE(zr::ResolveListener(65536).error.empty());
   EXPECT_FALSE(zr::ResolveHost("127.0.0.1", -1).error.empty());
-  const ZrNumericName name = zr::NumericName(Loopback(65535));
+  ZrNumericName name = zr::NumericName(Loopback(65535));
   EXPECT_EQ(name.host + " " + name.service, "127.0.0.1 65535");
+  name = zr::NumericName(zr::ResolveHost("::ffff:10.0.0.1", 80).addresses.at(0));
+  EXPECT_EQ(name.host + " " + name.service, "10.0.0.1 80") << "an IPv4 peer of an IPv6 socket";
 }
 
 }  // namespace

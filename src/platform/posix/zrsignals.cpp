@@ -7,7 +7,6 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <system_error>
@@ -35,9 +34,8 @@ ZrSignalWaiter::~ZrSignalWaiter() {
   close(wake_);
 }
 
-Signal ZrSignalWaiter::Wait(std::optional<std::chrono::steady_clock::time_point> deadline) {
+Signal ZrSignalWaiter::Wait() {
   while (true) {
-    // Both descriptors are looked at before the time, so a deadline in the past still reports.
     signalfd_siginfo info{};
     if (read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
       return info.ssi_signo == SIGHUP ? Signal::kReopen : Signal::kStop;
@@ -46,17 +44,8 @@ Signal ZrSignalWaiter::Wait(std::optional<std::chrono::steady_clock::time_point>
     if (read(wake_, &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
       return Signal::kWake;
     }
-    int milliseconds = -1;
-    if (deadline) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-          *deadline - std::chrono::steady_clock::now());
-      if (left.count() <= 0) {
-        return Signal::kNone;
-      }
-      milliseconds = static_cast<int>(std::min<std::int64_t>(left.count(), 3'600'000));
-    }
     pollfd sources[2] = {{signals_, POLLIN, 0}, {wake_, POLLIN, 0}};
-    poll(sources, 2, milliseconds);
+    poll(sources, 2, -1);
   }
 }
 
