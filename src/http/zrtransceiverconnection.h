@@ -33,8 +33,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   /// Without traffic for that long (microseconds) the connection is closed.
   static constexpr std::uint64_t kTimeLimit = 115'000'000;
-  /// While a request is in progress the silence is not the peer's: only after that long (nanoseconds)
-  /// is its answer given up. Programs may run for 300 s, and wait their turn before that.
+  /// While a request is in progress the silence is not the peer's: only after that long
+  /// (nanoseconds) is its answer given up. Programs may run for 300 s, and wait their turn before
+  /// that.
   static constexpr std::int64_t kAnswerTimeLimit = 900'000'000'000;
   /// A message head, and a TLS handshake, must be complete within that time (nanoseconds).
   static constexpr std::int64_t kHeadTimeLimit = 60'000'000'000;

@@ -202,7 +202,8 @@ TEST(Outgoing, SlowIsNotSilent) {
 
   const auto silent = AskingBed::Request(peer.Port(), "/silent");
   bed.client->SendMessage(silent, true);
-  // Before it is on its way, an expiry would be the idle connection's, and a fresh one would serve it.
+  // Before it is on its way, an expiry would be the idle connection's, and a fresh one would serve
+  // it.
   ASSERT_TRUE(WaitFor([&] { return thirdArrived.load(); }));
   EXPECT_TRUE(WaitFor([&] {
     clock.Advance(std::chrono::seconds(30));
