@@ -3,19 +3,12 @@
 #include <string_view>
 
 #include "host/zrexception.h"
+#include "host/zrtrim.h"
 #include "html/zrnodename.h"
 #include "markup/zrwrite.h"
 
 namespace {
-
-std::string_view Trim(std::string_view text, std::string_view characters) {
-  const std::size_t first = text.find_first_not_of(characters);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(characters) + 1 - first);
-}
-
 constexpr std::string_view kAroundValues = " ;\n\t\r";
-
 }  // namespace
 
 ZrCSSProperty::ZrCSSProperty(const std::string& text, bool nameOnly)
@@ -23,15 +16,15 @@ ZrCSSProperty::ZrCSSProperty(const std::string& text, bool nameOnly)
   const std::string_view whole = text;
   if (nameOnly) {
     if (text.empty()) throw ZrException("CSS property must have a name", 962, "src");
-    propertyName_ = Trim(whole, kAroundValues);
+    propertyName_ = zr::Trim(whole, kAroundValues);
     return;
   }
   const std::size_t colon = whole.find(':');
   if (colon == std::string_view::npos) {
     throw ZrException("CSS property not well formed (missing ':').", 969, "src");
   }
-  propertyName_ = Trim(whole.substr(0, colon), " ");
-  propertyValue_ = Trim(whole.substr(colon + 1), kAroundValues);
+  propertyName_ = zr::Trim(whole.substr(0, colon));
+  propertyValue_ = zr::Trim(whole.substr(colon + 1), kAroundValues);
 }
 
 void ZrCSSProperty::Write(std::ostream& stream) const {

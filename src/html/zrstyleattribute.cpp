@@ -5,14 +5,9 @@
 #include <string_view>
 
 #include "host/zrexception.h"
+#include "host/zrtrim.h"
 
 namespace {
-
-std::string_view TrimBlanks(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(' ');
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(' ') + 1 - first);
-}
 
 /// Cuts the text up to the next separator off and returns it. Pieces between two separators may be
 /// empty; an empty one at the end of the text is none.
@@ -39,15 +34,15 @@ void ZrStyleAttribute::SetFromText(const char* text) {
 void ZrStyleAttribute::AddFromString(const std::string& text) {
   std::string_view rest = text;
   while (const auto piece = NextPiece(rest, ';')) {
-    std::string_view declaration = TrimBlanks(*piece);
+    std::string_view declaration = zr::Trim(*piece);
     const auto name = NextPiece(declaration, ':');
     if (!name) continue;
     const auto value = NextPiece(declaration, ':');
     if (!value || !declaration.empty()) {
       throw ZrException("style syntax wrong at: >" + text + "< ", 59, "src");
     }
-    std::string canonical(TrimBlanks(*name));
-    canonical.append(":").append(TrimBlanks(*value)).append(";");
+    std::string canonical(zr::Trim(*name));
+    canonical.append(":").append(zr::Trim(*value)).append(";");
     auto property = std::make_shared<ZrCSSProperty>(canonical, false);
     std::string key = property->PropertyName();
     properties_.insert_or_assign(std::move(key), std::move(property));

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <vector>
 
+#include "host/zrtrim.h"
 #include "http/zrformbody.h"
 
 namespace {
@@ -45,12 +46,6 @@ class Finder {
   std::vector<std::size_t> back_;  // length of the longest border of each prefix
 };
 
-std::string_view TrimSpaces(std::string_view text) {
-  const std::size_t start = text.find_first_not_of(' ');
-  if (start == std::string_view::npos) return {};
-  return text.substr(start, text.find_last_not_of(' ') + 1 - start);
-}
-
 // The name="..." parameter of a content disposition, empty when there is none. The pieces lie
 // between spaces; the first one counts, since a file name behind it may hold anything.
 std::string_view DispositionName(std::string_view value) {
@@ -78,10 +73,10 @@ void ParsePartLine(ZrHTTPMessageBlock& block, std::string_view line) {
     std::cerr << "oh oh ... problem...\n";
     return;
   }
-  std::string name(TrimSpaces(line.substr(0, colon)));
+  std::string name(zr::Trim(line.substr(0, colon)));
   std::transform(name.begin(), name.end(), name.begin(),
                  [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; });
-  const std::string_view value = TrimSpaces(line.substr(colon + 1));
+  const std::string_view value = zr::Trim(line.substr(colon + 1));
   if (name.empty() || value.empty()) return;
   if (name == "content-type") block.attributes["mimetype"] = value;
   if (name == "content-disposition") {

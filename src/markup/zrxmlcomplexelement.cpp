@@ -43,17 +43,18 @@ void ZrXMLComplexElement::SetSelfClosesWhenEmpty(bool selfCloses) {
   SetFlag(kSelfCloses, selfCloses);
 }
 
+bool ZrXMLComplexElement::EndStartTag(zr::TagWriter& tag) const {
+  const bool goesOn = !IsClosed() && !(SelfClosesWhenEmpty() && Children().empty());
+  tag << (goesOn ? ">" : " />");
+  tag.Flush();
+  return goesOn;
+}
+
 void ZrXMLComplexElement::Write(std::ostream& stream) const {
   WritePrologue(stream);
   zr::TagWriter tag(stream);
   tag << '<' << name_.str();
-  if (IsClosed() || (SelfClosesWhenEmpty() && Children().empty())) {
-    tag << " />";
-    tag.Flush();
-    return;
-  }
-  tag << '>';
-  tag.Flush();
+  if (!EndStartTag(tag)) return;
   for (const ZrXMLComplexElement* child : Children()) child->Write(stream);
   tag << "</" << name_.str() << '>';
   tag.Flush();

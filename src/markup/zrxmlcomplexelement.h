@@ -30,6 +30,9 @@
 
 class ZrXMLComplexElement;
 class ZrXMLGenericElement;
+namespace zr {
+class TagWriter;
+}
 
 /// Results of a search, in document order. The pointers do not own: each is good until its node is
 /// destroyed or its tree goes away.
@@ -157,6 +160,8 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     node->link_.parent = parent;
   }
   void SetError(const char* text);
+  /// Writes the end of the start tag. False when that is all of the element: it has no end tag.
+  bool EndStartTag(zr::TagWriter& tag) const;
   void MarkGeneric() { SetFlag(kGeneric, true); }
   /// The stored value, as Value("") of this class answers it.
   const std::string& StoredValue() const { return Extras().value(); }

@@ -159,13 +159,7 @@ void ZrXMLGenericElement::Write(std::ostream& stream) const {
     }
     tag << '"';
   });
-  if (IsClosed() || (SelfClosesWhenEmpty() && Children().empty())) {
-    tag << " />";
-    tag.Flush();
-    return;
-  }
-  tag << '>';
-  tag.Flush();
+  if (!EndStartTag(tag)) return;
   WriteAfterStartTag(stream);
   bool previousOwnLine = true;
   for (const ZrXMLComplexElement* child : Children()) {
