@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace {
 
@@ -38,32 +40,20 @@ TEST(EvaluateCommand, MiddleElementsAreLitDuringTheirShare) {
 }
 
 TEST(EvaluateCommand, MalformedCommandsGiveTheErrorText) {
-  const std::string cases[] = {"",
-                               "!",
-                               "! ",
-                               "linearanimation(.a,1s,1,2,a,b,5)",
-                               "!linearanimation",
-                               "!linearanimation ",
-                               "!linearanimation (.a,1s,1,2,a,b,5)",
-                               "!linearAnimation(.a,1s,1,2,a,b,5)",
-                               "!x(",
-                               "!9(",
-                               "!linearanimation(",
-                               "!linearanimation()",
-                               "!linearanimation(.a,1s,1,2,a,b)",
-                               "!linearanimation(.a,1s,1,2,a,b,5",  // the last argument has no end
-                               Lit("", "5"),
-                               Lit("-2", "5"),
-                               Lit("+2", "5"),
-                               Lit("'2'", "5"),
-                               Lit("10001", "5"),
-                               Lit("4294967297", "5"),
-                               Lit("2", ""),
-                               Lit("2", "-5"),
-                               Lit("2", "99999999999"),
-                               Lit("1", "x"),
-                               std::string("!linearanimation(.a,1s,1,2,a,b,5\0", 33)};
-  for (const std::string& text : cases) EXPECT_EQ(zr::EvaluateCommand(text), kError) << text;
+  for (const std::string text :
+       {"", "!", "! ", "linearanimation(.a,1s,1,2,a,b,5)", "!linearanimation", "!linearanimation ",
+        "!linearanimation (.a,1s,1,2,a,b,5)", "!linearAnimation(.a,1s,1,2,a,b,5)", "!x(", "!9(",
+        "!linearanimation(", "!linearanimation()", "!linearanimation(.a,1s,1,2,a,b)",
+        "!linearanimation(.a,1s,1,2,a,b,5"}) {
+    EXPECT_EQ(zr::EvaluateCommand(text), kError) << text;
+    EXPECT_EQ(zr::EvaluateCommand(text + '\0'), kError) << text;
+  }
+  constexpr std::pair<const char*, const char*> kNumbers[] = {
+      {"", "5"},   {"-2", "5"},         {"+2", "5"}, {"'2'", "5"}, {"10001", "5"},
+      {"2", "-5"}, {"4294967297", "5"}, {"2", ""},   {"1", "x"},   {"2", "99999999999"}};
+  for (const auto& [count, ramp] : kNumbers) {
+    EXPECT_EQ(zr::EvaluateCommand(Lit(count, ramp)), kError) << count << ' ' << ramp;
+  }
 }
 
 TEST(EvaluateCommand, TakesNumbersAfterBlanksAndUpToTheLimit) {
@@ -87,13 +77,11 @@ TEST(EvaluateCommand, AnswersBeyondTheLimitAreRefused) {
 }
 
 TEST(EvaluateCommand, QuotesOfEitherKindEncloseAnArgument) {
-  struct Case {
-    std::string_view argument, text;
-  };
-  constexpr Case kCases[] = {{"'a'", "a"}, {"\"a'", "a"}, {"'", ""},        {"", ""},
-                             {"'a", "'a"}, {"a'", "a'"},  {"'a' ", "'a' "}, {"'a'b'", "a'b"}};
-  for (const Case& c : kCases) {
-    EXPECT_EQ(ZrCommandCompiler().Unquote(c.argument), c.text) << c.argument;
+  constexpr std::pair<std::string_view, std::string_view> kCases[] = {
+      {"'a'", "a"}, {"\"a'", "a"}, {"'", ""},        {"", ""},
+      {"'a", "'a"}, {"a'", "a'"},  {"'a' ", "'a' "}, {"'a'b'", "a'b"}};
+  for (const auto& [argument, text] : kCases) {
+    EXPECT_EQ(ZrCommandCompiler().Unquote(argument), text) << argument;
   }
 }
 

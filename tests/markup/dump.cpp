@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
-#include <streambuf>
 
-#include "host/zrexception.h"
 #include "markup/zrdtdelementreaderstream.h"
 #include "markup/zrparse.h"
 #include "markup/zrxmlnodes.h"
@@ -13,19 +11,6 @@
 namespace zr_test {
 
 namespace {
-
-struct ByteBuffer : std::streambuf {
-  explicit ByteBuffer(std::string_view text) : rest(text) {}
-  int underflow() override {
-    if (rest.empty()) return -1;
-    byte = rest.front();
-    rest.remove_prefix(1);
-    setg(&byte, &byte, &byte + 1);
-    return static_cast<unsigned char>(byte);
-  }
-  std::string_view rest;
-  char byte = 0;
-};
 
 struct CharacterReader : ZrDTDElementReader {
   CharacterReader(std::string_view text, std::span<const ZrDTDDefinition> kinds)
@@ -45,23 +30,19 @@ struct CharacterReader : ZrDTDElementReader {
   bool ended = false;
 };
 
-std::string ReadWith(ZrDTDElementReader& reader, std::string_view dtd) {
-  std::string error;
-  try {
-    zr::Parse(reader.Splitter(), reader, dtd, false);
-  } catch (const ZrException& e) {
-    error = std::string(" # ") + e.what();
-  }
+std::string ReadWith(ZrDTDElementReader& reader, std::string_view kind) {
+  const std::string error = MessageOf([&] { zr::Parse(reader.Splitter(), reader, kind, false); });
   std::string dump;
   for (const ZrXMLComplexElement* node : reader.Splitter().top->Children()) {
     dump += Dump(*node) + " ";
   }
-  return dump + "@" + std::to_string(reader.Line()) + error;
+  return dump + "@" + std::to_string(reader.Line()) + (error == kNoMessage ? "" : " # " + error);
 }
 
 std::string Attributes(const ZrXMLGenericElement& element) {
   std::ostringstream text;
   element.ForEachAttribute([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
+    if (attribute != nullptr && !attribute->IsSet()) return;
     text << (text.str().empty() ? "" : " ") << name;
     if (attribute == nullptr) return;
     text << '=';
@@ -82,6 +63,11 @@ std::string Dump(const ZrXMLComplexElement& node) {
     for (const char c : text) marks += c == '\n' ? 'n' : c == '\t' ? 't' : c == '\r' ? 'r' : '.';
     return "{" + marks + "}";
   }
+  if (node.IsTextNode()) {
+    std::ostringstream text;
+    node.WriteText(text);
+    return '"' + text.str() + '"';
+  }
   std::string dump = node.Name();
   if (node.AsGeneric() != nullptr) dump += Attributes(*node.AsGeneric());
   std::string below;
@@ -97,20 +83,36 @@ std::string Written(const ZrXMLComplexElement& node) {
   return text.str();
 }
 
-std::string Read(std::string_view input, std::string_view dtd,
+std::string ReadAndWritten(const std::string& text, std::string_view kind,
+                           std::span<const ZrDTDDefinition> kinds) {
+  std::istringstream stream(text);
+  ZrDTDElementReaderStream reader(stream, kinds);
+  std::ostringstream written;
+  const ZrXMLGenericElement* const top = zr::Parse(reader.Splitter(), reader, kind, false);
+  for (const ZrXMLComplexElement* node : top->Children()) node->Write(written);
+  return written.str();
+}
+
+std::string Read(std::string_view input, std::string_view kind,
                  std::span<const ZrDTDDefinition> kinds) {
-  std::istringstream wholeStream{std::string(input)};
-  ZrDTDElementReaderStream whole(wholeStream, kinds);
-  const std::string result = ReadWith(whole, dtd);
-
-  ByteBuffer bytes(input);
-  std::istream byteStream(&bytes);
-  ZrDTDElementReaderStream pieces(byteStream, kinds);
-  EXPECT_EQ(ReadWith(pieces, dtd), result);
-
-  CharacterReader characters(input, kinds);
-  EXPECT_EQ(ReadWith(characters, dtd), result);
+  std::istringstream stream{std::string(input)};
+  ZrDTDElementReaderStream whole(stream, kinds);
+  const std::string result = ReadWith(whole, kind);
+  CharacterReader bytes(input, kinds);
+  EXPECT_EQ(ReadWith(bytes, kind), result);
   return result;
+}
+
+void ExpectRead(std::span<const ReadCase> cases, std::string_view kind,
+                std::span<const ZrDTDDefinition> kinds) {
+  for (const ReadCase& c : cases) EXPECT_EQ(Read(c.input, kind, kinds), c.result) << c.name;
+}
+
+std::string Repeated(std::string_view text, std::size_t times) {
+  std::string all;
+  all.reserve(text.size() * times);
+  while (times-- != 0) all += text;
+  return all;
 }
 
 }  // namespace zr_test

@@ -5,32 +5,21 @@
 #include <fstream>
 #include <sstream>
 
-#include "host/zrexception.h"
-#include "markup/zrdtdelementread_css.h"
 #include "markup/zrdtdelementread_element.h"
+#include "markup/zrdtdelementread_text.h"
 #include "markup/zrdtdelementreaderstream.h"
 #include "markup/zrxmlnodes.h"
 #include "tests/markup/dump.h"
 
 namespace {
 
+using zr_test::Dump;
 using zr_test::Read;
-
-std::string Repeated(std::string_view text, std::size_t times) {
-  std::string all;
-  all.reserve(text.size() * times);
-  while (times-- != 0) all += text;
-  return all;
-}
-
-struct Case {
-  const char* name;
-  std::string_view input;
-  std::string_view result;
-};
+using zr_test::ReadCase;
+using zr_test::Repeated;
 
 TEST(Parse, XmlTokensBecomeNodes) {
-  constexpr Case kCases[] = {
+  constexpr ReadCase kCases[] = {
       {"nothing", "", "@1"},
       {"attributes", "<a x='1' y=\"2\" z>", "a[x=1 y=2 z=true] @1"},
       {"attributes without blanks between", "<a x='1'y=\"2\"z/>", "a[x=1 y=2 z=true] @1"},
@@ -52,14 +41,11 @@ TEST(Parse, XmlTokensBecomeNodes) {
       {"open elements stay", "<a><b>x", "a(b('x')) @1"},
       {"greater-than is text", "a>b", "'a>b' @1"},
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(Read(c.input), c.result);
-  }
+  zr_test::ExpectRead(kCases);
 }
 
 TEST(Parse, FailuresNameTheLine) {
-  constexpr Case kCases[] = {
+  constexpr ReadCase kCases[] = {
       {"mismatch", "<a><b></a>", "a(b) @1 # wrong closing tag '/a' instead '/b' around line 1"},
       {"nothing to close", "\n</a>",
        "{n} @2 # wrong closing tag '/a' instead '/ZrXMLContentSplitter::TOP' around line 2"},
@@ -80,10 +66,7 @@ TEST(Parse, FailuresNameTheLine) {
       {"doctype is none of xml", "<!DOCTYPE a>", "@1 # reading error  around line 1"},
       {"end", "</", "@1 # reading error  around line 1"},
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(Read(c.input), c.result);
-  }
+  zr_test::ExpectRead(kCases);
 }
 
 TEST(Parse, TokensLongerThanTheWindowAreTheSameTokens) {
@@ -92,57 +75,8 @@ TEST(Parse, TokensLongerThanTheWindowAreTheSameTokens) {
        {std::pair{"<!--", "-->"}, std::pair{"<?", "?>"}, std::pair{"<a x='", "'/>"},
         std::pair{"<a><!--\n", "--></a>"}}) {
     SCOPED_TRACE(open);
-    const std::string input = open + longText + close;
-    std::istringstream stream(input);
-    ZrDTDElementReaderStream reader(stream);
-    const ZrXMLGenericElement& top = *zr::Parse(reader.Splitter(), reader, "xml", false);
-    ASSERT_EQ(top.Children().size(), 1u);
-    EXPECT_NE(zr_test::Dump(top).find(longText), std::string::npos);
+    EXPECT_NE(Read(open + longText + close).find(longText), std::string::npos);
   }
-}
-
-// A small family of style sheets, with plain nodes, so that the states are seen without HTML.
-std::unique_ptr<ZrXMLComplexElement> MakeMarked(const char* mark, std::string_view text) {
-  return std::make_unique<ZrXMLGenericText>(mark + std::string(text));
-}
-
-struct Rule : ZrXMLGenericElement {
-  explicit Rule(std::string_view selector) : ZrXMLGenericElement("rule", true) {
-    SetAttribute("s", selector);
-  }
-  std::string Value(ZrNameView newValue) override {
-    const std::string stored = ZrXMLGenericElement::Value(newValue);
-    return newValue.empty() ? stored : "sheet";
-  }
-};
-
-void FillSheet(ZrDTD& dtd) {
-  dtd.AddState(
-      std::make_unique<ZrDTDElementRead_WhitespaceCSS>(),
-      [](std::string_view text, ZrDTD&) -> std::unique_ptr<ZrXMLComplexElement> {
-        return std::make_unique<ZrXMLGenericWhitespace>(text);
-      },
-      false);
-  dtd.AddState(
-      std::make_unique<ZrDTDElementRead_WhitespaceCSSHTMLComment>(),
-      [](std::string_view text, ZrDTD&) -> std::unique_ptr<ZrXMLComplexElement> {
-        return std::make_unique<Rule>(text);
-      },
-      true);
-  dtd.AddCloser(std::make_unique<ZrDTDElementRead_WhitespaceCSSHTMLCommentCloser>());
-  dtd.AddCloser(std::make_unique<ZrDTDElementRead_CloserCSS>());
-  dtd.AddState(
-      std::make_unique<ZrDTDElementRead_CommentCSS>(),
-      [](std::string_view text, ZrDTD&) { return MakeMarked("c:", text); }, false);
-  const ZrDTD::Factory rule = [](std::string_view text,
-                                 ZrDTD&) -> std::unique_ptr<ZrXMLComplexElement> {
-    return std::make_unique<Rule>(text);
-  };
-  dtd.AddState(std::make_unique<ZrDTDElementRead_MediaQueryCSS>(), rule, true);
-  dtd.AddState(std::make_unique<ZrDTDElementRead_RuleCSS>(), rule, true);
-  dtd.AddState(
-      std::make_unique<ZrDTDElementRead_PropertyCSS>(),
-      [](std::string_view text, ZrDTD&) { return MakeMarked("p:", text); }, false);
 }
 
 // Failing factories and a void element.
@@ -168,33 +102,15 @@ void FillBroken(ZrDTD& dtd) {
       false);
 }
 
-constexpr ZrDTDDefinition kKinds[] = {{"sheet", FillSheet}, {"broken", FillBroken}};
-
-TEST(Parse, StyleSheetTokens) {
-  constexpr Case kCases[] = {
-      {"rule", "body { color: red }", "rule[s=body ]({.} 'p:color: red' {.}) @1"},
-      {"declarations", "a{b:c;d:e;}", "rule[s=a]('p:b:c;' 'p:d:e;') @1"},
-      // The declaration was first tried as a rule, to the end of the input; then the whitespace
-      // before the brace was taken and given back: its line feeds count three times.
-      {"line feeds given back", "a{b:c\n\n}", "rule[s=a]('p:b:c' {nn}) @7"},
-      {"comment", "/*/ a **/", "'c:/*/ a **/' @1"},
-      {"media", "@media x {a{}}", "rule[s=@media x ](rule[s=a]) @1"},
-      {"bracket", "<!--a{}-->", "rule[s=<!--](rule[s=a]) @1"},
-      {"comment open", "/* a", "@1 # reading error  around line 1"},
-      {"brace missing", "#a\n", "@2 # reading error  around line 2"},
-      // Each declaration was first tried as a rule, to the end of the input.
-      {"declarations without a rule", "a:b;\nc:d;\n", "'p:a:b;' {n} 'p:c:d;' {n} @6"},
-      {"nothing to close", "}",
-       "@1 # wrong closing tag '}' instead '/ZrXMLContentSplitter::TOP' around line 1"},
-  };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(Read(c.input, "sheet", kKinds), c.result);
+void FillTwice(ZrDTD& dtd) {
+  for (int i = 0; i < 2; ++i) {
+    dtd.AddState(std::make_unique<ZrDTDElementRead_Text>(), nullptr, false);
   }
 }
 
 TEST(Parse, BrokenKindsAreReported) {
-  constexpr Case kCases[] = {
+  constexpr ZrDTDDefinition kKinds[] = {{"broken", FillBroken}, {"twice", FillTwice}};
+  constexpr ReadCase kCases[] = {
       {"null", "<null>", "@1 # problem in DTD with 'xmlelement' around line 1"},
       {"throws", "<throws>", "@1 # element type 'xmlelement' not defined in DTD around line 1"},
       {"refuses", "<refuses>", "@1 # refused around line 1"},
@@ -206,103 +122,70 @@ TEST(Parse, BrokenKindsAreReported) {
       {"void element refuses another tag", "<v><a/>",
        "v @1 # wrong closing tag 'a' instead '/v' around line 1"},
   };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
-    std::string result = Read(c.input, "broken", kKinds);
-    EXPECT_EQ(result, c.result);
-  }
+  zr_test::ExpectRead(kCases, "broken", kKinds);
+  EXPECT_EQ(Read("x", "twice", kKinds), "@1 # name can't be twice around line 1");
   EXPECT_EQ(Read("x", "other", kKinds), "@1 # DTD 'other' not defined around line 1");
   EXPECT_EQ(Read("x", ""), "@1 # DTD can't be empty");
+}
+
+/// What a stream gives: the dump of its root or else the message.
+std::string RootOf(std::istream& stream) {
+  std::string error = "no root";
+  const auto root = zr::ParseStream(stream, "xml", error);
+  if (root == nullptr) return error;
+  EXPECT_EQ(root->Parent(), nullptr);
+  return Dump(*root);
+}
+
+TEST(Parse, StreamsGiveTheirRootAlone) {
+  std::istringstream document("<?xml version=\"1.0\"?>\n<!-- c -->\n<a><b/></a>\n<second/>");
+  EXPECT_EQ(RootOf(document), "a(b)");
+  std::istringstream empty;
+  EXPECT_EQ(RootOf(empty), "no root");
+  std::ifstream absent("/nonexistent/file.xml");
+  EXPECT_EQ(RootOf(absent), "error in stream around line 1");
+  std::istringstream throwing("<a/>");
+  throwing.exceptions(std::ios_base::eofbit | std::ios_base::failbit);
+  EXPECT_EQ(RootOf(throwing), "catched an error while processing input");
 }
 
 TEST(Parse, NestingIsBounded) {
   for (const std::size_t depth : {std::size_t{1000}, std::size_t{1001}}) {
     std::istringstream stream(Repeated("<a>", depth) + "x\n" + Repeated("</a>", depth));
-    std::string error;
-    const auto root = zr::ParseStream(stream, "xml", error);
-    EXPECT_EQ(root != nullptr, depth == 1000);
-    EXPECT_EQ(error, depth == 1000 ? "" : "elements nested deeper than 1000 around line 1");
+    const std::string result = RootOf(stream);
+    EXPECT_EQ(result.starts_with("a(a("), depth == 1000);
+    EXPECT_EQ(result == "elements nested deeper than 1000 around line 1", depth == 1001);
   }
-}
-
-TEST(Parse, StreamsThatFailAreReported) {
-  std::string error = "as it was";
-  std::istringstream empty;
-  EXPECT_EQ(zr::ParseStream(empty, "xml", error), nullptr);
-  EXPECT_EQ(error, "as it was");
-  std::ifstream absent("/nonexistent/file.xml");
-  EXPECT_EQ(zr::ParseStream(absent, "xml", error), nullptr);
-  EXPECT_EQ(error, "error in stream around line 1");
-  std::istringstream throwing("<a/>");
-  throwing.exceptions(std::ios_base::eofbit | std::ios_base::failbit);
-  EXPECT_EQ(zr::ParseStream(throwing, "xml", error), nullptr);
-  EXPECT_EQ(error, "catched an error while processing input");
-}
-
-TEST(Parse, StreamGivesTheRootAlone) {
-  std::istringstream stream("<?xml version=\"1.0\"?>\n<!-- c -->\n<a><b/></a>\n<second/>");
-  std::string error;
-  const auto root = zr::ParseStream(stream, "xml", error);
-  ASSERT_NE(root, nullptr);
-  EXPECT_EQ(zr_test::Dump(*root), "a(b)");
-  EXPECT_EQ(root->Parent(), nullptr);
 }
 
 TEST(Parse, OneTokenAtATime) {
   std::istringstream stream("<a>x</a>");
   ZrDTDElementReaderStream reader(stream);
-  std::string seen;
-  for (int i = 0; i < 4; ++i) {
-    seen += zr_test::Dump(*zr::Parse(reader.Splitter(), reader, i == 0 ? "xml" : "", true)) + " ";
-    seen += reader.Splitter().current->Name() + "; ";
+  const std::string top = reader.Splitter().top->Name();
+  for (const std::string& expected :
+       {top + "(a) a", top + "(a('x')) a", top + "(a('x')) " + top, top + "(a('x')) " + top}) {
+    const char* const kind = reader.Splitter().dtdName.empty() ? "xml" : "";
+    const auto* const root = zr::Parse(reader.Splitter(), reader, kind, true);
+    EXPECT_EQ(Dump(*root) + " " + reader.Splitter().current->Name(), expected);
   }
-  const std::string top = "ZrXMLContentSplitter::TOP";
-  EXPECT_EQ(seen, top + "(a) a; " + top + "(a('x')) a; " + top + "(a('x')) " + top + "; " + top +
-                      "(a('x')) " + top + "; ");
   reader.Splitter().current = nullptr;
   EXPECT_THROW(zr::Parse(reader.Splitter(), reader, "xml", true), ZrException);
 }
 
 // Each of these took minutes if an attempt cost what lies in the buffer and not what it consumed.
 TEST(Parse, HostileInputIsLinear) {
-  const struct {
-    const char* name;
-    const char* dtd;
-    std::string input;
-  } cases[] = {
-      {"declarations that could be rules", "sheet", Repeated("a:b;\n", 400'000)},
-      {"blanks before a brace", "sheet", "a{b:c" + Repeated(" ", 2'000'000) + "}"},
-      {"an open comment far behind", "xml",
-       Repeated("text ", 400'000) + "<!-- " + Repeated("-", 500'000)},
-      {"attributes in falling order", "xml",
-       [] {
-         std::string tag = "<a";
-         for (int i = 300'000; i-- > 100'000;) tag += " a" + std::to_string(i) + "='" + "1'";
-         return tag + "/>";
-       }()},
-      {"children of one element", "xml", "<a>" + Repeated("<b/>", 500'000)},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::istringstream stream(c.input);
-    ZrDTDElementReaderStream reader(stream, kKinds);
-    try {
-      EXPECT_FALSE(zr::Parse(reader.Splitter(), reader, c.dtd, false)->Children().empty());
-    } catch (const ZrException& e) {
-      EXPECT_STREQ(e.what(), "reading error  around line 1");
-    }
-  }
-}
-
-TEST(Parse, StatesOfOneNameAreRefused) {
-  ZrNameTable names;
-  ZrDTD dtd("twice", names);
-  dtd.AddCloser(std::make_unique<ZrDTDElementRead_CloserCSS>());
-  try {
-    dtd.AddCloser(std::make_unique<ZrDTDElementRead_CloserCSS>());
-    ADD_FAILURE() << "accepted";
-  } catch (const ZrException& e) {
-    EXPECT_STREQ(e.what(), "name can't be twice");
+  std::string attributes = "<a";
+  for (int i = 300'000; i-- > 100'000;) attributes += " a" + std::to_string(i) + "='1'";
+  for (const std::string& input :
+       {Repeated("text ", 400'000) + "<!-- " + Repeated("-", 500'000),  // a comment left open
+        attributes + "/>",                                              // in falling order
+        "<a>" + Repeated("<b/>", 500'000)}) {
+    std::istringstream stream(input);
+    ZrDTDElementReaderStream reader(stream);
+    const std::string error =
+        zr_test::MessageOf([&] { zr::Parse(reader.Splitter(), reader, "xml", false); });
+    EXPECT_EQ(error, input[0] == 't' ? "reading error  around line 1" : "nothing thrown");
+    EXPECT_FALSE(reader.Splitter().top->Children().empty());
   }
 }
 
