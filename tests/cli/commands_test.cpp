@@ -78,9 +78,10 @@ TEST(Commands, PrintTheirResultOrSayWhatIsWrong) {
       {"store --application bad options", 1, "",
        "velkoro: no config was found - ./bad.xml with wrong closing tag '/quarn' instead '/a' "
        "around line 3\n"},
-      {"store options", 2, "", "velkoro: --application is required; see velkoro store --help\n"},
+      {"store options", 2, "",
+       "velkoro: --application is required; see velkoro store options --help\n"},
       {"store --application demo", 2, "",
-       "velkoro: A subcommand is required; see velkoro store --help\n"},
+       "velkoro: A subcommand is required; see velkoro store options --help\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
