@@ -43,8 +43,8 @@ namespace zr {
 std::string AbsolutePath(std::string path) {
   if (path.starts_with('/')) return path;
   std::error_code failed;
-  const std::filesystem::path current = std::filesystem::current_path(failed);
-  return failed ? path : (current / path).string();
+  const std::string current = std::filesystem::current_path(failed).string();
+  return failed ? path : current + (current.ends_with('/') ? "" : "/") + path;
 }
 
 ZrPathKind PathKind(const std::string& path) {
