@@ -10,6 +10,7 @@
 #include "host/zrpath.h"
 #include "host/zrserverhandle.h"
 #include "http/zrprotocolkind.h"
+#include "jobs/zrjobregistry.h"
 #include "velkoro/host.h"
 
 namespace {
@@ -73,6 +74,8 @@ int StopHTTPserver(void* server) {
     const std::unique_ptr<ZrServerHandle> handle(static_cast<ZrServerHandle*>(server));
     handle->application->beforeStop();
     handle->application.reset();
+    // A thread of the jobs may still be destroying what was dropped by an event.
+    ZrJobRegistry::Instance().WaitForReaper();
   }
   return 0;
 }

@@ -32,7 +32,7 @@ class ZrPersistentAppStorage;
 /// everything else may be called from any thread where nothing else is said.
 class ZrQuarnApplication2 {
  public:
-  /// Sees every report of every server, on that server's thread, before the application acts on it.
+  /// Sees every report of every server, on that server's thread, after the application acted on it.
   using Observer = std::function<void(const ZrServerCallback_t&)>;
   /// Takes one access-log line, without line end, on the thread that sent the answer.
   using LogSink = std::function<void(std::string_view)>;
