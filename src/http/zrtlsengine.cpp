@@ -15,8 +15,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kWaitSlice{24};
-
 ZrTlsTransport& TransportOf(BIO* bio) { return *static_cast<ZrTlsTransport*>(BIO_get_data(bio)); }
 
 int BioWrite(BIO* bio, const char* bytes, std::size_t length, std::size_t* written) {
@@ -149,7 +147,7 @@ void ZrTlsEngine::ConnectWithin(milliseconds limit, const std::function<bool()>&
       throw ZrException("Error getting SSL_connect", 529, "src");
     }
     // Short waits, so that the wish to cancel is noticed.
-    const auto slice = std::min(kWaitSlice, std::chrono::ceil<milliseconds>(deadline - now));
+    const auto slice = std::min(zr::kCancelSlice, std::chrono::ceil<milliseconds>(deadline - now));
     if (!full) {
       roomDeadline = steady_clock::time_point::max();
       if (zr::WaitReadable(transport_.Socket(), slice) == ZrWaitStatus::kFailed) {

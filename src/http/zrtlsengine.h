@@ -56,9 +56,9 @@ class ZrTlsEngine {
   ZrTlsStatus Handshake();
   /// Runs the handshake of the client side to its end on the calling thread. Throws ZrException
   /// "Error getting SSL_connect" when the limit passed or `cancelled` (may be empty; asked every
-  /// 24 ms) answers true, "Error getting SSL read" or "Error getting SSL write" when the socket
-  /// cannot be waited for, and "Error in TLS handshake: ..." with the reason when the peer or its
-  /// certificate is refused.
+  /// zr::kCancelSlice) answers true, "Error getting SSL read" or "Error getting SSL write" when the
+  /// socket cannot be waited for, and "Error in TLS handshake: ..." with the reason when the peer
+  /// or its certificate is refused.
   void ConnectWithin(std::chrono::milliseconds limit, const std::function<bool()>& cancelled = {});
   /// The handshake is finished.
   bool IsEstablished() const;

@@ -142,14 +142,14 @@ int ZrSocketIPvx::acceptStep(int listener, ZrSocketIPvx& newSocket, const PeerFi
 
 ZrSocketResult ZrSocketIPvx::connect(const std::string& host, int port, milliseconds limit,
                                      const std::function<bool()>& cancelled) {
-  const ZrResolution resolution = zr::ResolveHost(host, port);
+  const auto deadline = steady_clock::now() + limit;
+  const ZrResolution resolution = zr::ResolveHost(host, port, limit, cancelled);
   if (!resolution.error.empty()) {
-    connectFailure_ = ZrConnectFailure::kNoHost;
+    connectFailure_ = resolution.failure;
     connectErrorText_ = resolution.error;
     Complain("getaddrinfo: " + resolution.error);
     return ZrSocketResult::kConnectFailed;
   }
-  const auto deadline = steady_clock::now() + limit;
   int attempted = -1;
   connectFailure_ = ZrConnectFailure::kTimedOut;  // unless an attempt fails in another way
   connectErrorText_ = "no answer";

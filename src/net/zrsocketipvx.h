@@ -29,7 +29,7 @@ class ZrSocketIPvx {
   /// Decides on a peer by its numeric address; false closes it. The record may be changed.
   using PeerFilter = std::function<bool(ZrHostInfo_t&)>;
 
-  /// How long all attempts of connect may take together.
+  /// How long the lookup and all attempts of connect may take together.
   static constexpr std::chrono::milliseconds kConnectLimit{20'000};
 
   /// The argument has no effect.
@@ -66,10 +66,10 @@ class ZrSocketIPvx {
   /// looks. An empty filter throws std::bad_function_call.
   int accept(ZrSocketIPvx& newSocket, int timeoutMillis, const PeerFilter& filter);
 
-  /// Opens a connection, trying the host's addresses in turn within `limit` altogether. Answers
-  /// kSuccess, or kConnectFailed after a line on standard error; connectFailure() and
-  /// connectErrorText() then say why. The name lookup is not in the limit. `cancelled` (may be
-  /// empty) is asked now and then; yes ends the attempt.
+  /// Opens a connection: looks the host up and tries its addresses in turn, within `limit`
+  /// altogether. Answers kSuccess, or kConnectFailed after a line on standard error;
+  /// connectFailure() and connectErrorText() then say why. `cancelled` (may be empty) is asked now
+  /// and then; yes ends the attempt.
   [[nodiscard]] ZrSocketResult connect(const std::string& host, int port,
                                        std::chrono::milliseconds limit = kConnectLimit,
                                        const std::function<bool()>& cancelled = {});

@@ -30,10 +30,21 @@ struct ZrSocketAddress {
   ZrAddressFamily family = ZrAddressFamily::kIPv4;
 };
 
+/// Why no connection came about.
+enum class ZrConnectFailure {
+  kNone = 0,       ///< It did, or nobody has tried yet.
+  kNoHost = 1,     ///< The host's name has no address, or the lookup failed.
+  kRefused = 2,    ///< Nobody listens there.
+  kTimedOut = 3,   ///< No answer within the limit.
+  kCancelled = 4,  ///< The caller did not want it any more.
+  kOther = 5,      ///< The system's error number says why.
+};
+
 /// The addresses of a name, in the resolver's order, or why there are none.
 struct ZrResolution {
   std::vector<ZrSocketAddress> addresses;
   std::string error;  ///< The resolver's text for the failure; empty on success.
+  ZrConnectFailure failure = ZrConnectFailure::kNone;  ///< kNoHost, kTimedOut, kCancelled
 };
 
 /// Numeric host and service of an address.
@@ -65,16 +76,6 @@ enum class ZrWaitStatus {
   kFailed = 2,   ///< The wait itself failed (no such descriptor).
 };
 
-/// Why no connection came about.
-enum class ZrConnectFailure {
-  kNone = 0,       ///< It did, or nobody has tried yet.
-  kNoHost = 1,     ///< The host's name has no address.
-  kRefused = 2,    ///< Nobody listens there.
-  kTimedOut = 3,   ///< No answer within the limit.
-  kCancelled = 4,  ///< The caller did not want it any more.
-  kOther = 5,      ///< The system's error number says why.
-};
-
 namespace zr {
 
 inline constexpr int kHighestPort = 65535;
@@ -82,8 +83,15 @@ inline constexpr int kHighestPort = 65535;
 /// The wildcard addresses for a listener on that port (decimal). A port outside 0..65535 is an
 /// error with the resolver's text for an unusable service.
 ZrResolution ResolveListener(int port);
-/// The stream addresses of a host. May take as long as the system's resolver does.
-ZrResolution ResolveHost(const std::string& host, int port);
+/// The stream addresses of a host, looked up within the time limit (negative: as long as the
+/// system's resolver takes). `cancelled` (may be empty) is asked every kCancelSlice. A lookup that
+/// is given up goes on by itself to its end, and keeps the library that holds this code from being
+/// unloaded.
+ZrResolution ResolveHost(const std::string& host, int port,
+                         std::chrono::milliseconds limit = std::chrono::milliseconds(-1),
+                         const std::function<bool()>& cancelled = {});
+/// A wait that somebody may call off is made of short ones.
+inline constexpr std::chrono::milliseconds kCancelSlice{24};
 /// True for a numeric IPv4 or IPv6 address (no name lookup is made).
 bool IsNumericAddress(const std::string& host);
 
@@ -100,7 +108,8 @@ ZrNumericName NumericName(const ZrSocketAddress& address);
 
 /// Connects within the time limit. The result is closed when it failed or took too long; `error`
 /// (may be null) then gets the error number and `attempted` (may be null) always the descriptor
-/// number that was tried, -1 when there was none. `cancelled` (may be empty) is asked every 24 ms.
+/// number that was tried, -1 when there was none. `cancelled` (may be empty) is asked every
+/// kCancelSlice.
 ZrDescriptor ConnectTo(const ZrSocketAddress& address, std::chrono::milliseconds limit,
                        int* error = nullptr, int* attempted = nullptr,
                        const std::function<bool()>& cancelled = {});

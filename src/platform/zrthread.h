@@ -25,6 +25,8 @@ class ZrThread {
   /// Waits for the end of the thread. Does nothing when there is none. A thread that would wait
   /// for itself is let go instead.
   void Join() noexcept;
+  /// Lets the thread run on by itself; its code must stay loaded.
+  void Abandon() noexcept { thread_.detach(); }
 
  private:
   std::thread thread_;

@@ -1,16 +1,32 @@
 #include "net/zrsocketipvx.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <sstream>
+#include <string_view>
+#include <thread>
 
 #include "net/zrtrace.h"
 #include "platform/zrsocket.h"
 
 using namespace std::chrono_literals;
+
+// The resolver of this program: it has no answer for one name until the test ends.
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result) {
+  static const auto real =
+      reinterpret_cast<decltype(&::getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (node != nullptr && std::string_view(node) == "hangs.test") {
+    std::this_thread::sleep_for(std::chrono::seconds(30));
+    return EAI_AGAIN;
+  }
+  return real(node, service, hints, result);
+}
 
 namespace {
 
@@ -196,6 +212,24 @@ TEST_F(SocketTest, ConnectSaysWhatFailed) {
     EXPECT_TRUE(testing::internal::GetCapturedStderr().starts_with(c.said));
     EXPECT_TRUE(client.closed());
     EXPECT_EQ(client.primaryDescriptor(), -1);
+  }
+}
+
+TEST_F(SocketTest, ConnectDoesNotWaitForTheResolver) {
+  struct Case {
+    std::chrono::milliseconds limit;
+    bool cancelled;
+    ZrConnectFailure failure;
+  };
+  for (const Case& c : {Case{50ms, false, ZrConnectFailure::kTimedOut},
+                        Case{30s, true, ZrConnectFailure::kCancelled}}) {
+    ZrSocketIPvx socket;
+    socket.setQuiet(true);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(socket.connect("hangs.test", 80, c.limit, [&c] { return c.cancelled; }),
+              ZrSocketResult::kConnectFailed);
+    EXPECT_EQ(socket.connectFailure(), c.failure);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);
   }
 }
 

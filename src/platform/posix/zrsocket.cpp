@@ -30,35 +30,6 @@ ZrSocketAddress FromNative(const void* address, socklen_t length, int family) {
   return result;
 }
 
-ZrResolution Resolve(const char* node, int port, int flags) {
-  ZrResolution result;
-  if (port < 0 || port > zr::kHighestPort) {
-    // The resolver itself would cut the number to 16 bits and open some other port.
-    result.error = ::gai_strerror(EAI_SERVICE);
-    return result;
-  }
-  addrinfo hints{};
-  hints.ai_flags = flags;
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_protocol = IPPROTO_TCP;
-  addrinfo* list = nullptr;
-  int failure = 0;
-  do {
-    failure = ::getaddrinfo(node, std::to_string(port).c_str(), &hints, &list);
-  } while (failure == EAI_SYSTEM && errno == EINTR);
-  if (failure != 0) {
-    result.error = failure == EAI_SYSTEM ? zr::SystemErrorText(errno) : ::gai_strerror(failure);
-    return result;
-  }
-  for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
-    if (entry->ai_family != AF_INET && entry->ai_family != AF_INET6) continue;
-    result.addresses.push_back(FromNative(entry->ai_addr, entry->ai_addrlen, entry->ai_family));
-  }
-  ::freeaddrinfo(list);
-  return result;
-}
-
 ZrDescriptor OpenSocket(const ZrSocketAddress& address) {
   return ZrDescriptor(
       ::socket(NativeFamily(address), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
@@ -97,12 +68,6 @@ bool IsPeerError(int error) {
 }  // namespace
 
 namespace zr {
-
-ZrResolution ResolveListener(int port) { return Resolve(nullptr, port, AI_PASSIVE); }
-
-ZrResolution ResolveHost(const std::string& host, int port) {
-  return Resolve(host.c_str(), port, 0);
-}
 
 bool IsNumericAddress(const std::string& host) {
   // A zone behind an IPv6 address ("fe80::1%eth0") does not make a name of it.
@@ -196,9 +161,6 @@ ZrNumericName NumericName(const ZrSocketAddress& given) {
 
 namespace {
 
-// A wait that somebody may call off is made of short ones.
-constexpr std::chrono::milliseconds kWaitSlice{24};
-
 // 0 when the socket became writable, otherwise the error number.
 int WaitConnected(int socket, std::chrono::milliseconds limit,
                   const std::function<bool()>& cancelled) {
@@ -209,7 +171,7 @@ int WaitConnected(int socket, std::chrono::milliseconds limit,
     const auto left =
         std::max(std::chrono::milliseconds::zero(),
                  std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now()));
-    const auto slice = cancelled ? std::min(left, kWaitSlice) : left;
+    const auto slice = cancelled ? std::min(left, kCancelSlice) : left;
     if (WaitWritable(socket, slice) == ZrWaitStatus::kReady) return 0;
     if (left <= slice) return ETIMEDOUT;
   }
