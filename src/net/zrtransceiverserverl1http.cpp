@@ -9,6 +9,19 @@
 #include "net/zraccesslog.h"
 #include "net/zrheadoutput.h"
 
+namespace {
+
+// Such bytes begin no message whatever follows, and the end of their line may never come: a peer
+// that speaks TLS to a plain port waits for an answer to them.
+bool BeginsNoMessage(const ZrXHeader& head) {
+  const std::string_view bytes = head.body->Unread();
+  if (!head.InHead() || head.LineCount() > 0 || bytes.empty()) return false;
+  const char first = bytes.front();
+  return static_cast<unsigned char>(first) < 0x20 && first != '\t' && first != '\r';
+}
+
+}  // namespace
+
 // A closed connection goes through the queue like its bytes do: its message is dropped behind the
 // last item that may still work on it.
 bool ZrTransceiverServerL1HTTP::ReceiveEvent(const ZrJobEvent& event) {
@@ -67,6 +80,7 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
     connection->TakeReceived(*head->body);
     result = head->ReadHead([&client](ZrXHeader& read) { return client->OnHeadComplete(read); });
   }
+  if (BeginsNoMessage(*head)) result = ZrReadResult::kRejected;
   if (result == ZrReadResult::kIncomplete && head->InHead()) {
     connection->BeginHead();
     return false;

@@ -121,7 +121,7 @@ TEST(Http, EndsConnectionsAsTheRequestAsks) {
       {"half-close in a body", "POST /a HTTP/1.1\r\nContent-Length: 9\r\n\r\nx", true, ""},
       {"nothing at all", "", true, ""},
       {"unknown method", "PUT /a HTTP/1.1\r\n\r\n", false, ""},
-      {"garbage", "\x16\x03\x01\x02garbage\r\n\r\n", false, ""},
+      {"TLS on the plain port", "\x16\x03\x01\x02", false, ""},
       {"an answer nobody asked for", "HTTP/1.1 200 OK\r\n\r\n", false, ""},
       {"more than declared", "POST /a HTTP/1.1\r\nContent-Length: 1\r\n\r\nxyz", false, ""},
   };
