@@ -157,9 +157,9 @@ void ZrTransceiverConnection::TakeReceived(ZrStringBuf& target) {
   if (resume) owner_.ResumeReading(*this);
 }
 
-void ZrTransceiverConnection::KeepReceived() {
+void ZrTransceiverConnection::ExpectAnswers() {
   ZrLock hold(receiveLock_);
-  keepReceived_ = true;
+  expectsAnswers_ = true;
 }
 
 void ZrTransceiverConnection::PutBack(ZrStringBuf& bytes) {
@@ -200,7 +200,7 @@ int ZrTransceiverConnection::ReadFromSocket(ZrSocketIPvx& socket) {
 bool ZrTransceiverConnection::BeginItem() {
   ZrLock hold(receiveLock_);
   if (IsClosing()) return false;
-  if (busy_ || QueuedBytes() > kOutputMark) {
+  if (busy_ || (!expectsAnswers_ && QueuedBytes() > kOutputMark)) {
     stalled_ = true;
     return false;
   }
@@ -271,7 +271,7 @@ bool ZrTransceiverConnection::PeerFinished() {
 void ZrTransceiverConnection::BeginClosing() {
   ZrLock hold(receiveLock_);
   closing_ = true;
-  if (keepReceived_) return;
+  if (expectsAnswers_) return;
   received_.Clear();
   hasReceived_ = false;
 }
@@ -316,8 +316,6 @@ ZrTransceiverConnection::Piece* ZrTransceiverConnection::Front() {
   return sendQueue_.empty() ? nullptr : &sendQueue_.front();
 }
 
-// A file that turns out shorter than announced ends the connection behind its last byte: what comes
-// next would be taken for the rest of it.
 void ZrTransceiverConnection::DropQueue() {
   std::deque<Piece> dropped;  // files and buffers are released without the lock
   ZrLock hold(sendLock_);
@@ -326,6 +324,8 @@ void ZrTransceiverConnection::DropQueue() {
   sendPending_ = false;
 }
 
+// A file that turns out shorter than announced ends the connection behind its last byte: what comes
+// next would be taken for the rest of it.
 std::string_view ZrTransceiverConnection::FrontView() {
   Piece* front = Front();
   if (front == nullptr) return {};

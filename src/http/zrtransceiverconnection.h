@@ -102,8 +102,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// file that turns out shorter closes the connection behind its last byte.
   void SendFileBytes(std::shared_ptr<const ZrFile> file, std::uint64_t offset,
                      std::uint64_t length);
-  /// What has arrived when the connection closes is not dropped: TakeReceived() still gives it.
-  void KeepReceived();
+  /// What arrives from now on are answers to what is sent here: they are taken also while much is
+  /// still to be sent, and not dropped when the connection closes: TakeReceived() still gives them.
+  void ExpectAnswers();
   /// Puts bytes back in front of what was received, as they belong to the next message. The buffer
   /// is left empty.
   void PutBack(ZrStringBuf& bytes);
@@ -209,11 +210,11 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   ZrMutex receiveLock_;
   ZrStringBuf received_ ZR_GUARDED_BY(receiveLock_);
-  bool keepReceived_ ZR_GUARDED_BY(receiveLock_) = false;  // beyond the end of the connection
-  bool announced_ ZR_GUARDED_BY(receiveLock_) = false;     // an event for the bytes is under way
-  bool busy_ ZR_GUARDED_BY(receiveLock_) = false;          // between BeginItem() and EndItem()
-  bool stalled_ ZR_GUARDED_BY(receiveLock_) = false;       // an item was turned away
-  bool paused_ ZR_GUARDED_BY(receiveLock_) = false;        // reading is to be resumed
+  bool expectsAnswers_ ZR_GUARDED_BY(receiveLock_) = false;
+  bool announced_ ZR_GUARDED_BY(receiveLock_) = false;  // an event for the bytes is under way
+  bool busy_ ZR_GUARDED_BY(receiveLock_) = false;       // between BeginItem() and EndItem()
+  bool stalled_ ZR_GUARDED_BY(receiveLock_) = false;    // an item was turned away
+  bool paused_ ZR_GUARDED_BY(receiveLock_) = false;     // reading is to be resumed
   bool closeAfterItem_ ZR_GUARDED_BY(receiveLock_) = false;
   bool peerFinished_ ZR_GUARDED_BY(receiveLock_) = false;
   std::atomic<bool> hasReceived_{false};

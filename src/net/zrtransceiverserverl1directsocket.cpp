@@ -90,7 +90,7 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const std::string& connectionNa
   ConnectionPointer connection =
       transceiver ? transceiver->FindConnection(connectionName) : nullptr;
   if (connection && asks) {
-    connection->KeepReceived();
+    connection->ExpectAnswers();
     {
       ZrLock hold(askedLock_);
       asked_ = connection;

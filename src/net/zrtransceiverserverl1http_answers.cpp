@@ -18,7 +18,7 @@ bool ZrTransceiverServerL1HTTP::BeginExchange(ZrTransceiver& transceiver,
     ZrLock hold(requestLock_);
     asked_ = asked;
   }
-  connection->KeepReceived();
+  connection->ExpectAnswers();
   // From here on the end of the connection finds the exchange. One that came before did not.
   return transceiver.FindConnection(connection->JobName()) != nullptr || !EndExchange(asked);
 }
@@ -118,12 +118,12 @@ void ZrTransceiverServerL1HTTP::HandOutAnswer(ZrTransceiver& transceiver,
   }
   if (connection) {
     // A connection on which more has come than was asked for, or that still sends a request whose
-    // answer is there, is not used again.
-    if (!taken || !asked->reader.KeepsConnection() || !asked->input.Empty() ||
-        connection->HasReceived() || connection->SendPending()) {
-      connection->Close();
-    }
+    // answer is there, is not used again. The rest of that request is dropped before: a peer that
+    // has answered early may never read it.
+    const bool useless = !taken || !asked->reader.KeepsConnection() || !asked->input.Empty() ||
+                         connection->HasReceived() || connection->SendPending();
     connection->Reset();
+    if (useless) connection->Close();
     EndTurn(connection);
   }
   transceiver.ReleaseServerTask(JobName());
@@ -139,6 +139,7 @@ void ZrTransceiverServerL1HTTP::FailExchange(const std::shared_ptr<Asked>& asked
     failure = {ZrSendFailureKind::kClosed, "no answer came", true};
   }
   if (connection) {
+    connection->Reset();
     connection->Close();
     EndTurn(connection);
   }
