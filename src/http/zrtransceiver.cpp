@@ -306,6 +306,7 @@ std::shared_ptr<ZrOutgoingLink> ZrTransceiver::OutgoingFor(const std::string& cl
   std::shared_ptr<ZrOutgoingLink> pool =
       factories_.outgoing(scheduler_, *this, clientName, callback, workers->second, JobName());
   ZrLock hold(clientLock_);
+  if (!clients_.contains(clientName)) return nullptr;  // taken out meanwhile, with its pools
   const auto [place, added] = hookServices_[clientName].try_emplace(poolKey, pool);
   if (added) hookServicesByName_.emplace(pool->OutgoingJob().JobName(), pool);
   return place->second;

@@ -85,8 +85,11 @@ void ZrTransceiverClient::OnUnanswered(const ZrJobEvent& event) {
     return;
   }
   {
+    // Of an answer and the word that there is none, the first one counts.
     ZrLock hold(lock_);
-    ownedNames_.erase(head->second);
+    if (ownedNames_.erase(head->second) == 0) {
+      return;
+    }
   }
   MessageFailed(head->second, {zr::SendFailureKindOf(reason->second), error->second});
 }
@@ -147,14 +150,15 @@ std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message,
   message->Attach(task);
   const std::string name = transceiver.Get()->Send(*this, std::move(message), callback, task, flag);
   if (name != expected) {
-    // Left by an event, behind the one that tells the reason: jobs without a task hear nothing.
+    // By an event, behind the one that tells a better reason where there is one.
     ZrJobEvent event;
     event.jobName = JobName();
     event.code = kZrEventLastMember;
-    event.fields["ctask"] = task;
+    event.fields = {{"ctask", task},
+                    {"head", expected},
+                    {"reason", std::string(zr::SendFailureReason(ZrSendFailureKind::kNotSent))},
+                    {"error", "there is no way to its target"}};
     ZrJobRegistry::Instance().Post(JobName(), std::move(event));
-    ZrLock hold(lock_);
-    ownedNames_.erase(expected);
   }
   return name;
 }
@@ -211,6 +215,17 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
 
 int ZrTransceiverClient::AcceptAnswer(const std::string& name,
                                       const std::shared_ptr<ZrXHeader>& answer) {
+  {
+    // The name of a message is forgotten with its first answer; a server's stays.
+    ZrLock hold(lock_);
+    const auto found = ownedNames_.find(name);
+    if (found == ownedNames_.end()) {
+      return kHandled;
+    }
+    if (found->second == Owned::kMessage) {
+      ownedNames_.erase(found);
+    }
+  }
   bool accepted = false;
   switch (answer->ProtocolKind()) {
     case zr::kProtocolSocket:
@@ -225,13 +240,6 @@ int ZrTransceiverClient::AcceptAnswer(const std::string& name,
       break;
     default:
       return kMeaningless;
-  }
-  if (accepted) {
-    ZrLock hold(lock_);
-    const auto found = ownedNames_.find(name);
-    if (found != ownedNames_.end() && found->second == Owned::kMessage) {
-      ownedNames_.erase(found);
-    }
   }
   return accepted ? kHandled : kMeaningless;
 }

@@ -15,24 +15,26 @@ enum class ZrSendFailureKind : std::uint32_t {
   kUnreadable = 5,  ///< An answer that makes no sense, is cut short or beyond a limit.
   kClosed = 6,      ///< The peer closed the connection without a word of answer, twice.
   kNotSent = 7,     ///< The request could not be sent; the detail says why.
+  kStopped = 8,     ///< This side stopped while the request waited or was out.
 };
 
 struct ZrSendFailure {
   ZrSendFailureKind kind = ZrSendFailureKind::kNone;
-  std::string detail;      ///< The cause in words; may be empty.
-  bool mayResend = false;  ///< Nothing of an answer has arrived: another connection may do better.
+  std::string detail = {};  ///< The cause in words; may be empty.
+  bool mayResend = false;   ///< Nothing of an answer has arrived: another connection may do better.
 };
 
 namespace zr {
 
-inline constexpr std::array<std::string_view, 8> kSendFailureReasons = {"",
+inline constexpr std::array<std::string_view, 9> kSendFailureReasons = {"",
                                                                         "no such host",
                                                                         "connection refused",
                                                                         "timed out",
                                                                         "TLS failure",
                                                                         "unreadable answer",
                                                                         "connection closed",
-                                                                        "not sent"};
+                                                                        "not sent",
+                                                                        "stopped"};
 
 /// The kind in words, as the entry "reason" carries it.
 constexpr std::string_view SendFailureReason(ZrSendFailureKind kind) {

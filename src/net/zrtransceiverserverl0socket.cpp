@@ -6,6 +6,7 @@
 
 #include "host/zrexception.h"
 #include "host/zrnumber.h"
+#include "http/zrtlsengine.h"
 #include "http/zrtransceiver.h"
 #include "http/zrtransceiverconnection.h"
 #include "http/zrxserverheader.h"
@@ -76,7 +77,9 @@ ZrTransceiverServerL0Socket::ZrTransceiverServerL0Socket(
       configuration_(std::move(configuration)),
       type_(std::move(type)),
       connectionCap_(ConnectionCap()),
-      running_(true) {}
+      running_(true) {
+  poller_.emplace();
+}
 
 ZrTransceiverServerL0Socket::ZrTransceiverServerL0Socket(
     ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver, std::string clientName,
@@ -122,7 +125,7 @@ void ZrTransceiverServerL0Socket::stop() {
   ZrLock hold(stopLock_);
   running_ = false;
   stopped_.NotifyAll();
-  poller_.Wake();
+  if (poller_) poller_->Wake();
 }
 
 void ZrTransceiverServerL0Socket::EndTasks() {
@@ -151,18 +154,18 @@ void ZrTransceiverServerL0Socket::AcceptLoop() {
   ZrServerCallback_t record;
   if (!Listen(listener, record)) return;
   for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()}) {
-    if (descriptor >= 0 && !poller_.Add(descriptor, 0, ZrInterest::kRead)) {
+    if (descriptor >= 0 && !poller_->Add(descriptor, 0, ZrInterest::kRead)) {
       throw ZrException("the system cannot watch the listening socket", __LINE__, "src");
     }
   }
   record.kind = ZrServerCallback_t::kListening;
   Callback()(record);
   while (Running()) {
-    poller_.Wait(std::chrono::nanoseconds(-1));
+    poller_->Wait(std::chrono::nanoseconds(-1));
     AcceptWaiting(listener, record);
   }
   for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()}) {
-    if (descriptor >= 0) poller_.Remove(descriptor);
+    if (descriptor >= 0) poller_->Remove(descriptor);
   }
 }
 
@@ -196,7 +199,10 @@ void ZrTransceiverServerL0Socket::AcceptWaiting(ZrSocketIPvx& listener,
   while (Running()) {
     if (!prepared) prepared = std::make_shared<ZrSocketIPvx>(1);
     if (listener.accept(*prepared, 0, everyone) < 0) {
-      if (listener.lastAccept() == ZrAcceptStatus::kExhausted) Pause(kExhaustedPause);
+      const ZrAcceptStatus status = listener.lastAccept();
+      if (status == ZrAcceptStatus::kExhausted || status == ZrAcceptStatus::kFailed) {
+        Pause(kExhaustedPause);
+      }
       return;
     }
     TakePeer(std::exchange(prepared, nullptr), listening);
@@ -238,7 +244,17 @@ ZrSendFailure ZrTransceiverServerL0Socket::StartFailure() const {
 bool ZrTransceiverServerL0Socket::FailStart(ZrSendFailureKind kind, std::string detail) {
   ZrLock hold(lock_);
   startFailure_ = {kind, std::move(detail)};
+  if (startStopped_) startFailure_ = {ZrSendFailureKind::kStopped};
   return false;
+}
+
+bool ZrTransceiverServerL0Socket::HasExpired() {
+  ZrTransceiver* const transceiver = Transceiver();
+  if (!persistent_ && transceiver != nullptr) {
+    const auto connection = transceiver->FindConnection(Result());
+    if (connection && connection->NextExpiryNs() > transceiver->Clock().MonotonicNs()) Touch();
+  }
+  return ZrTransceiverServerL0::HasExpired();
 }
 
 bool ZrTransceiverServerL0Socket::IsStartCancelled() const {
@@ -261,20 +277,22 @@ bool ZrTransceiverServerL0Socket::StartConnecting() {
                       [this] { return IsStartCancelled(); }) != ZrSocketResult::kSuccess ||
       socket->primaryDescriptor() < 0) {
     const ZrSendFailureKind kind = KindOf(socket->connectFailure());
-    const bool said = kind == ZrSendFailureKind::kRefused || kind == ZrSendFailureKind::kTimedOut;
-    return FailStart(kind, said ? "no connection" : socket->connectErrorText());
+    if (kind == ZrSendFailureKind::kRefused) return FailStart(kind, {});
+    const bool late = kind == ZrSendFailureKind::kTimedOut;
+    return FailStart(kind, late ? "no connection" : socket->connectErrorText());
   }
   ZrServerCallback_t record;
   record.kind = ZrServerCallback_t::kConnectionOpened;
   record.info = HostRecord(type_, target_->host, std::to_string(target_->port));
   const bool secure = protocolKind_ == zr::kProtocolHttps;
+  const auto handshakeEnd = steady_clock::now() + ZrTlsEngine::kHandshakeLimit;
   try {
     SetResult(transceiver->AddConnection(
         socket, createConnection(*transceiver, JobName(), std::move(record), socket)));
     return true;
   } catch (const std::exception& problem) {
     // The TLS handshake failed, in most cases; a line here would be noise for every worker.
-    if (secure && steady_clock::now().time_since_epoch().count() >= startDeadline_) {
+    if (secure && (IsStartCancelled() || steady_clock::now() >= handshakeEnd)) {
       return FailStart(ZrSendFailureKind::kTimedOut, "no answer in the TLS handshake");
     }
     return FailStart(secure ? ZrSendFailureKind::kTls : ZrSendFailureKind::kNotSent,

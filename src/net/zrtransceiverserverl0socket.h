@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "http/fwd.h"
@@ -46,6 +47,9 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
   /// The accept loop ends at once and closes its sockets.
   void stop() override;
   void EndTasks() override;
+  /// A worker whose connection lives does not expire: sending is traffic of the connection, which
+  /// has a time limit of its own.
+  bool HasExpired() override;
   ZrSendFailure StartFailure() const override;
 
   /// Makes the connection object for a connected socket. The record describes the peer.
@@ -85,6 +89,6 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
   ZrMutex stopLock_;
   ZrCondition stopped_;  // running_ was cleared
   std::uint64_t listenerTask_ ZR_GUARDED_BY(stopLock_) = 0;
-  std::atomic<bool> running_;  // changes under stopLock_
-  ZrPoller poller_;            // waits for peers on both listening sockets, or for stop()
+  std::atomic<bool> running_;       // changes under stopLock_
+  std::optional<ZrPoller> poller_;  // listening servers: for peers on both sockets, or for stop()
 };

@@ -35,22 +35,24 @@ std::uint64_t ZrURLHookService::load() {
 std::shared_ptr<ZrXHeader> ZrURLHookService::submit(std::shared_ptr<ZrXHeader> head,
                                                     bool& startFailed, bool inFront) {
   if (!head || Transceiver() == nullptr) return nullptr;
+  if (!factory_) throw std::bad_function_call();
   const Request request{std::move(head)};
-  startFailed = false;
   WorkerPointer worker;
   {
     ZrLock hold(lock_);
-    if (ended_) return nullptr;
+    startFailed = ended_;
     // A request does not overtake those that wait.
-    if (waiting_.empty() || inFront) worker = takeIdleWorker(request);
-    if (!worker && (!HasPlace() || (!waiting_.empty() && !inFront))) {
+    if (!ended_ && (waiting_.empty() || inFront)) worker = takeIdleWorker(request);
+    if (!ended_ && !worker && (!HasPlace() || (!waiting_.empty() && !inFront))) {
       waiting_.insert(inFront ? waiting_.begin() : waiting_.end(), request);
       WakePump();
       return nullptr;
     }
-    if (!worker) ++starting_;
+    if (!ended_ && !worker) ++starting_;
   }
-  if (worker) {
+  if (startFailed) {
+    Report({request.head, {ZrSendFailureKind::kStopped}});
+  } else if (worker) {
     deliverToWorker(worker, request);
   } else {
     startFailed = !StartWorker(request);
@@ -103,7 +105,7 @@ void ZrURLHookService::deliverToWorker(const WorkerPointer& worker, const Reques
 // For a request for which a place was reserved. No: none could be started, and the request has been
 // reported. The place is given back in every case.
 bool ZrURLHookService::StartWorker(const Request& request) {
-  ZrSendFailure failure{ZrSendFailureKind::kNotSent, "the pool has ended"};
+  ZrSendFailure failure{ZrSendFailureKind::kStopped};
   WorkerPointer worker;
   bool started = false;
   bool late = false;  // the pool ended meanwhile
@@ -116,11 +118,8 @@ bool ZrURLHookService::StartWorker(const Request& request) {
       if (started) Transceiver()->AddServer(worker);
     }
   } catch (...) {
-    ZrLock hold(lock_);
-    --starting_;
-    startingWorkers_.erase(worker);
-    WakePump();
-    throw;
+    started = false;
+    failure = {ZrSendFailureKind::kNotSent, "the connection could not be made"};
   }
   {
     ZrLock hold(lock_);
@@ -145,7 +144,6 @@ bool ZrURLHookService::StartWorker(const Request& request) {
 // Made outside the lock as well: a worker with TLS loads certificates.
 ZrURLHookService::WorkerPointer ZrURLHookService::MakeWorker(const Request& request,
                                                              ZrSendFailure& failure) {
-  if (!factory_) throw std::bad_function_call();
   try {
     return factory_(Scheduler(), *Transceiver(), ClientName(), request.head->JobName(),
                     request.head, JobName(), Callback());
@@ -275,25 +273,38 @@ void ZrURLHookService::Resolve(Request request, ZrSendFailure failure) {
   WakePump();
 }
 
-// By the end of the joined task, which the handler leaves on this event, and to the owner.
-void ZrURLHookService::Report(const Failed& failed) {
-  const std::string reason(zr::SendFailureReason(failed.failure.kind));
+// By the end of the joined task, which the handler leaves on this event.
+void ZrURLHookService::TellSender(const Failed& failed) {
   ZrJobEvent event;
   event.jobName = JobName();
   event.code = kZrEventLastMember;
   event.fields = {{"ctask", failed.head->target},
                   {"head", failed.head->JobName()},
-                  {"reason", reason},
+                  {"reason", std::string(zr::SendFailureReason(failed.failure.kind))},
                   {"error", failed.failure.detail}};
   ZrJobRegistry::Instance().Post(ClientName(), std::move(event));
+}
+
+void ZrURLHookService::Report(const Failed& failed) {
+  TellSender(failed);
   if (!Callback()) return;
   ZrServerCallback_t record;
   record.kind = ZrServerCallback_t::kRequestFailed;
   record.info.Set("ID", failed.head->JobName());
   record.info.Set("url", failed.head->TargetUrl());
-  record.info.Set("reason", reason);
+  record.info.Set("reason", std::string(zr::SendFailureReason(failed.failure.kind)));
   record.info.Set("error", failed.failure.detail);
   Callback()(record);
+}
+
+void ZrURLHookService::ReportAll(const std::vector<Failed>& failed) noexcept {
+  for (const Failed& one : failed) {
+    try {
+      Report(one);
+    } catch (...) {
+      // The owner's own failure; the others are told all the same.
+    }
+  }
 }
 
 // ---- The pump ----------------------------------------------------------------------------------
@@ -301,8 +312,7 @@ void ZrURLHookService::Report(const Failed& failed) {
 void ZrURLHookService::WakePump() {
   pumpAgain_ = true;
   if (pumping_ || ended_) return;
-  pumping_ = true;
-  RunLater("ZrURLHookService_pump", [this] { Pump(); });
+  pumping_ = RunLater("ZrURLHookService_pump", [this] { Pump(); });
 }
 
 void ZrURLHookService::Pump() {
@@ -318,13 +328,7 @@ void ZrURLHookService::Pump() {
       failed.swap(failed_);
     }
     if (!gone.empty()) DropLater(std::move(gone));
-    for (const Failed& one : failed) {
-      try {
-        Report(one);
-      } catch (...) {
-        // The owner's own failure; the others are told all the same.
-      }
-    }
+    ReportAll(failed);
     while (PumpOne()) {
     }
   }
@@ -348,16 +352,26 @@ bool ZrURLHookService::PumpOne() {
     waiting_.pop_front();
     if (!worker) {
       ++starting_;
-      RunLater("ZrURLHookService_start", [this, request] { StartWorker(request); });
+      if (!RunLater("ZrURLHookService_start", [this, request] { StartWorker(request); })) {
+        --starting_;
+        failed_.push_back({request.head, {ZrSendFailureKind::kNotSent, "there is no thread left"}});
+        pumpAgain_ = true;
+      }
       return true;
     }
   }
-  deliverToWorker(worker, request);
+  try {
+    deliverToWorker(worker, request);
+  } catch (...) {
+    // The owner's callback failed, behind the request; those that wait are handed out all the same.
+  }
   return true;
 }
 
 // On a task of its own. Tasks that have ended are fetched here, so that their number stays small.
-void ZrURLHookService::RunLater(const char* name, std::function<void()> run) {
+// No: the system has no thread for it. That is so when the task is done already, for one that takes
+// the lock before it ends.
+bool ZrURLHookService::RunLater(const char* name, std::function<void()> run) {
   std::erase_if(tasks_, [this](std::uint64_t id) {
     if (!Scheduler().IsDone(id)) return false;
     Scheduler().FetchResult(id);
@@ -375,6 +389,7 @@ void ZrURLHookService::RunLater(const char* name, std::function<void()> run) {
         return record;
       },
       nullptr, description));
+  return !Scheduler().IsDone(tasks_.back());
 }
 
 void ZrURLHookService::EndStarts() {
@@ -409,6 +424,13 @@ void ZrURLHookService::EndTasks() {
   }
   for (const auto& [name, worker] : workers) DropWorker(worker.server);
   for (const WorkerPointer& worker : gone) DropWorker(worker);
+  ReportAll(failed);
+  // No answer comes any more. A sender that has taken one already does not listen to this.
+  for (const Request& request : waiting) TellSender({request.head, {ZrSendFailureKind::kStopped}});
+  for (const auto& [name, worker] : workers) {
+    if (!worker.request.head) continue;
+    TellSender({worker.request.head, {ZrSendFailureKind::kStopped}});
+  }
 }
 
 ZrOutgoingFactory zr::OutgoingPools() {

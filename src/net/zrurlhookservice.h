@@ -46,8 +46,9 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   /// Hands the request to an idle worker or to a new one, which is started before this returns:
   /// the head is returned. With a full pool it waits, in front of or behind those that wait
   /// already, and nothing is returned; likewise without a head or a transceiver. A worker that
-  /// cannot be started sets `startFailed`; the request is then reported as failed and the head
-  /// returned. Throws std::bad_function_call without a factory. The caller holds no lock.
+  /// cannot be started, and a pool that has ended, set `startFailed`; the request is then reported
+  /// as failed and the head returned. Throws std::bad_function_call without a factory. The caller
+  /// holds no lock.
   std::shared_ptr<ZrXHeader> submit(std::shared_ptr<ZrXHeader> head, bool& startFailed,
                                     bool inFront) override;
   /// Requests that wait for a worker.
@@ -58,8 +59,9 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   std::string connectionOwnerName() const { return PeerName(); }
   ZrJobWithTimeout& OutgoingJob() override { return *this; }
   void EndStarts() override;
-  /// Waits for the tasks, also those of the workers, and closes their connections. Requests that
-  /// wait or are not answered are dropped. Not called by a handler that a worker has called.
+  /// Waits for the tasks, also those of the workers, and closes their connections. The sender is
+  /// told of the requests that wait or are not answered. Not called by a handler that a worker has
+  /// called.
   void EndTasks() override;
 
  private:
@@ -96,12 +98,14 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   bool EnterStarting(const WorkerPointer& worker) ZR_EXCLUDES(lock_);
   void DropWorker(const WorkerPointer& worker) ZR_EXCLUDES(lock_);
   void DropLater(std::vector<WorkerPointer> workers) ZR_EXCLUDES(lock_);
+  void TellSender(const Failed& failed) ZR_EXCLUDES(lock_);
   void Report(const Failed& failed) ZR_EXCLUDES(lock_);
+  void ReportAll(const std::vector<Failed>& failed) noexcept ZR_EXCLUDES(lock_);
 
   void WakePump() ZR_REQUIRES(lock_);
   void Pump() ZR_EXCLUDES(lock_);
   bool PumpOne() ZR_EXCLUDES(lock_);
-  void RunLater(const char* name, std::function<void()> run) ZR_REQUIRES(lock_);
+  bool RunLater(const char* name, std::function<void()> run) ZR_REQUIRES(lock_);
 
   const ZrConnectingFactory factory_;
 

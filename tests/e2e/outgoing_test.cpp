@@ -213,8 +213,49 @@ TEST(Outgoing, SlowIsNotSilent) {
   EXPECT_EQ(bed.OutcomeOf(silent->JobName()), "timed out");
 }
 
+// A limit would cut it if only what is received counted.
+TEST(Outgoing, ASlowUploadIsNotSilent) {
+  constexpr std::size_t kStep = 2'000'000;
+  constexpr std::size_t kSteps = 8;
+  zrtest::ManualClock clock;
+  std::atomic<std::size_t> allowed{0};
+  std::atomic<std::size_t> taken{0};
+  ScriptedPeer peer([&](int, PeerConnection& connection) {
+    for (; taken < kSteps; ++taken) {
+      WaitFor([&] { return allowed > taken; });
+      connection.ReadBytes(kStep);
+    }
+    connection.Send(Answer("got it"));
+    connection.WaitForEnd();
+  });
+  AskingBed bed(clock);
+  const auto head = AskingBed::Request(peer.Port(), "/", std::string(kStep * kSteps, 'x'));
+  bed.client->SendMessage(head, true);
+  while (allowed < kSteps) {
+    clock.Advance(std::chrono::seconds(20));
+    bed.transceiver.WakeHousekeeper();
+    ++allowed;
+    ASSERT_TRUE(WaitFor([&] { return taken == allowed; }));
+  }
+  EXPECT_EQ(bed.OutcomeOf(head->JobName()), "200 got it");
+}
+
+TEST(Outgoing, AnAnswerMayComeBeforeTheRequestIsThrough) {
+  std::atomic<bool> told{false};
+  ScriptedPeer peer([&told](int, PeerConnection& connection) {
+    connection.ReadBytes(16);  // and no more of it
+    connection.Send("HTTP/1.1 413 Too Large\r\nContent-Length: 0\r\n\r\n");
+    WaitFor([&told] { return told.load(); });
+  });
+  AskingBed bed;
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port(), "/", std::string(16'000'000, 'x'))), "413 ");
+  EXPECT_TRUE(WaitFor([&bed] { return bed.transceiver.ConnectionCount() == 0; }));
+  told = true;
+}
+
 TEST(Outgoing, TargetsThatCannotBeReachedSayWhy) {
   AskingBed bed;
+  EXPECT_EQ(bed.Ask(AskingBed::Request(80, "/", {}, zr::kProtocolFile)), "not sent");
   int closedPort = 0;
   {
     ScriptedPeer gone([](int, PeerConnection&) {});
@@ -277,5 +318,8 @@ TEST(Outgoing, StopWithRequestsInFlight) {
     bed.Stop();
     sender.join();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    // Each sender is told, once.
+    ASSERT_TRUE(WaitFor([&] { return bed.client->Outcomes().size() == 31; }));
+    for (const auto& [name, outcome] : bed.client->Outcomes()) EXPECT_EQ(outcome.Text(), "stopped");
   }
 }

@@ -113,6 +113,10 @@ class PoolTest : public testing::Test {
     ZrLock hold(lock_);
     return starts_;
   }
+  void FailSends(bool fail) {
+    ZrLock hold(lock_);
+    failSends_ = fail;
+  }
 
   ZrMutex lock_;
   ZrCondition released_;
@@ -121,6 +125,7 @@ class PoolTest : public testing::Test {
   bool holdStarts_ ZR_GUARDED_BY(lock_) = false;
   bool failStarts_ ZR_GUARDED_BY(lock_) = false;
   int starts_ ZR_GUARDED_BY(lock_) = 0;
+  bool failSends_ ZR_GUARDED_BY(lock_) = false;
 
   zrtest::ManualClock clock_;
   zrtest::RecordingJob sender_;
@@ -150,6 +155,7 @@ bool NotingWorker::start() { return test_.Start(); }
 bool NotingWorker::SendHead(const std::string&, const std::shared_ptr<ZrXHeader>& head) {
   ZrLock hold(test_.lock_);
   test_.given_.push_back({JobName(), head->JobName()});
+  if (test_.failSends_) throw std::bad_function_call();
   return true;
 }
 
@@ -232,6 +238,17 @@ TEST_F(PoolTest, ARequestIsSentTwiceAtMost) {
   EXPECT_EQ(events.at(0).fields.at("head"), head);
   EXPECT_EQ(events.at(0).fields.at("reason"), "connection closed");
   EXPECT_EQ(pool_->load(), 0u);
+}
+
+// As an owner's callback does that fails when it is told of the request that went out.
+TEST_F(PoolTest, ASendThatThrowsHoldsNobodyUp) {
+  for (int i = 0; i < 12; ++i) Submit();
+  FailSends(true);
+  Tell(kZrEventWorkerDone, Given_()[0].worker);
+  ASSERT_EQ(GivenAfter(11).size(), 11u);
+  FailSends(false);
+  Tell(kZrEventWorkerDone, Given_()[1].worker);
+  EXPECT_EQ(GivenAfter(12).size(), 12u);
 }
 
 TEST_F(PoolTest, StartsHoldNothingUpAndTheirFailureIsTold) {
