@@ -3,6 +3,7 @@
 // this thread sends, waits and writes.
 
 #include <chrono>
+#include <deque>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -32,7 +33,10 @@ using std::chrono::steady_clock;
 
 constexpr std::uint64_t kFirstErrorStatus = 400;
 constexpr double kMaxTimeout = 86400;
+constexpr const char* kNoAnswerInTime = "no answer within --timeout";
 constexpr int kMaxRepeat = 1'000'000;
+// Requests that are sent and not written yet, at most: their answers are held in memory.
+constexpr std::size_t kMostOpen = 64;
 
 constexpr const char* kExamples =
     "Certificates are verified against the system's store unless --ca or --insecure is given.\n"
@@ -88,7 +92,7 @@ class Asker final : public ZrTransceiverClient {
     if (!deadline) {
       arrived_.Wait(outcomeLock_, came);
     } else if (!arrived_.WaitFor(outcomeLock_, *deadline - steady_clock::now(), came)) {
-      return {nullptr, {ZrSendFailureKind::kTimedOut, "no answer within --timeout"}};
+      return {nullptr, {ZrSendFailureKind::kTimedOut, kNoAnswerInTime}};
     }
     return std::move(outcomes_.extract(name).mapped());
   }
@@ -117,20 +121,20 @@ FormFields Fields(const std::vector<std::string>& given) {
   return fields;
 }
 
-/// Where the bodies go: a file or the standard output.
+/// Where the bodies go: a file or the standard output. The file keeps its old content until the
+/// first answer is there.
 class Output {
  public:
   explicit Output(const std::string& path) : path_(path) {
-    if (path_.empty()) {
-      return;
-    }
-    file_.open(path_, std::ios::binary | std::ios::trunc);
-    if (!file_) {
+    if (!path_.empty() && !std::ofstream(path_, std::ios::binary | std::ios::app)) {
       throw std::runtime_error("the file '" + path_ +
                                "' cannot be written; choose another with --output");
     }
   }
   void Write(std::string_view bytes) {
+    if (!path_.empty() && !file_.is_open()) {
+      file_.open(path_, std::ios::binary | std::ios::trunc);
+    }
     std::ostream& out = path_.empty() ? std::cout : file_;
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     out.flush();
@@ -171,8 +175,10 @@ class Getting {
     const auto asker = MakeJob<Asker>();
     transceiver.AddClient(asker);
     try {
-      SendAll(*asker, urls);
-      TakeAll(*asker, output);
+      SendAll(*asker, urls, output);
+      while (!asked_.empty()) {
+        TakeFirst(*asker, output);
+      }
     } catch (...) {
       End(transceiver, asker);
       throw;
@@ -202,7 +208,6 @@ class Getting {
     head->kind = ZrMessageKind::kRequest;
     head->host = url.host;
     head->port = static_cast<std::uint64_t>(url.port);
-    head->userInfo = url.userInfo;
     head->path = url.target;
     head->connectOptions.Set("quiet", "yes");
     if (!options_.insecure) {
@@ -221,38 +226,40 @@ class Getting {
   bool TimeIsUp() const { return deadline_ && steady_clock::now() >= *deadline_; }
 
   // A target that cannot be reached is not tried again for each of the repetitions.
-  void SendAll(Asker& asker, const std::vector<RequestUrl>& urls) {
+  void SendAll(Asker& asker, const std::vector<RequestUrl>& urls, Output& output) {
     for (std::size_t i = 0; i < urls.size(); ++i) {
-      for (int round = 0; round < options_.repeat && !TimeIsUp(); ++round) {
-        const auto head = Request(urls[i]);
-        asked_.push_back({head->JobName(), &options_.urls[i]});
-        if (asker.SendMessage(head, true) != head->JobName()) {
+      bool reached = true;
+      for (int round = 0; round < options_.repeat && reached; ++round) {
+        if (asked_.size() == kMostOpen) {
+          TakeFirst(asker, output);
+        }
+        if (TimeIsUp()) {
+          Fail(options_.urls[i], {ZrSendFailureKind::kTimedOut, kNoAnswerInTime});
           break;
         }
-      }
-      if (TimeIsUp() && (asked_.empty() || asked_.back().url != &options_.urls[i])) {
-        Fail(options_.urls[i], {ZrSendFailureKind::kTimedOut, "no time was left for it"});
+        const auto head = Request(urls[i]);
+        asked_.push_back({head->JobName(), &options_.urls[i]});
+        reached = asker.SendMessage(head, true) == head->JobName();
       }
     }
   }
 
-  void TakeAll(Asker& asker, Output& output) {
-    for (const Asked& one : asked_) {
-      const Outcome outcome = asker.Take(one.name, deadline_);
-      if (!outcome.answer) {
-        Fail(*one.url, outcome.failure);
-        continue;
-      }
-      const ZrXHeader& answer = *outcome.answer;
-      if (options_.verbose) {
-        WriteErrorLine(StatusLine(answer) + " " + *one.url + " (" +
-                       std::to_string(answer.body->Size()) + " bytes)");
-      } else if (answer.status >= kFirstErrorStatus) {
-        Say(*one.url + ": answered with status " + std::to_string(answer.status));
-      }
-      succeeded_ = succeeded_ && answer.status < kFirstErrorStatus;
-      output.Write(answer.body->Unread());
+  void TakeFirst(Asker& asker, Output& output) {
+    const Asked one = std::move(asked_.front());
+    asked_.pop_front();
+    const Outcome outcome = asker.Take(one.name, deadline_);
+    if (!outcome.answer) {
+      return Fail(*one.url, outcome.failure);
     }
+    const ZrXHeader& answer = *outcome.answer;
+    if (options_.verbose) {
+      WriteErrorLine(StatusLine(answer) + " " + *one.url + " (" +
+                     std::to_string(answer.body->Size()) + " bytes)");
+    } else if (answer.status >= kFirstErrorStatus) {
+      Say(*one.url + ": answered with status " + std::to_string(answer.status));
+    }
+    succeeded_ = succeeded_ && answer.status < kFirstErrorStatus;
+    output.Write(answer.body->Unread());
   }
 
   static std::string StatusLine(const ZrXHeader& answer) {
@@ -282,7 +289,7 @@ class Getting {
   const GetOptions options_;
   FormFields fields_;
   std::optional<steady_clock::time_point> deadline_;
-  std::vector<Asked> asked_;
+  std::deque<Asked> asked_;  // sent and not written, in order
   std::set<std::string> said_;
   bool succeeded_ = true;
 };

@@ -78,9 +78,8 @@ RequestUrl ParseRequestUrl(std::string_view text) {
   const std::string_view target =
       targetStart == std::string_view::npos ? std::string_view() : rest.substr(targetStart);
   url.target = (target.starts_with('/') ? "" : "/") + EncodedTarget(target);
-  if (const std::size_t at = place.rfind('@'); at != std::string_view::npos) {
-    url.userInfo = place.substr(0, at);
-    place.remove_prefix(at + 1);
+  if (place.find('@') != std::string_view::npos) {
+    Refuse(text, "user names and passwords are not sent; give the address without");
   }
   std::optional<std::string_view> port;
   if (const std::size_t colon = place.rfind(':');

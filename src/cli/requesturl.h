@@ -7,11 +7,10 @@
 
 namespace zr::cli {
 
-/// One address: scheme://[USER@]HOST[:PORT][/PATH][?QUERY].
+/// One address: scheme://HOST[:PORT][/PATH][?QUERY].
 struct RequestUrl {
   std::uint32_t protocolKind = 0;  ///< http, https or quarn
-  std::string userInfo;
-  std::string host;  ///< a name, an IPv4 address, or an IPv6 address in brackets
+  std::string host;                ///< a name, an IPv4 address, or an IPv6 address in brackets
   int port = 0;
   std::string target;  ///< path and query as they are sent; a part behind "#" is not
 };

@@ -55,6 +55,9 @@ TEST(Get, WritesBodiesInOrder) {
   EXPECT_EQ(zrtest::ReadFile(file), expected);
   EXPECT_EQ(Lines(run.err), 600u);
   EXPECT_LE(peer.Count(), 10);
+  // What stands in the file is not lost to a request that fails.
+  EXPECT_EQ(Get({"http://no-such-host.invalid/", "--output", file}).status, 1);
+  EXPECT_EQ(zrtest::ReadFile(file), expected);
 }
 
 TEST(Get, SendsFormsThatOthersCanRead) {
@@ -111,6 +114,7 @@ TEST(Get, EveryFailureIsOneLine) {
       {"ftp://127.0.0.1/", {}, "https, http or quarn", 2},
       {"http://127.0.0.1:0/", {}, "port", 2},
       {"http://[::1/", {}, "brackets", 2},
+      {"http://user@127.0.0.1/", {}, "user names", 2},
       {Url("http", missing.Port()), {"--post", "=x"}, "NAME=VALUE", 2},
       {Url("http", missing.Port()), {"--repeat", "0"}, "--repeat", 2},
       {Url("https", missing.Port()), {"--ca", "a.pem", "--insecure"}, "--insecure", 2},
