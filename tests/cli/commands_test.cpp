@@ -81,7 +81,7 @@ TEST(Commands, PrintTheirResultOrSayWhatIsWrong) {
       {"store options", 2, "",
        "velkoro: --application is required; see velkoro store options --help\n"},
       {"store --application demo", 2, "",
-       "velkoro: A subcommand is required; see velkoro store options --help\n"},
+       "velkoro: A subcommand is required; see velkoro store --help\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.command);
