@@ -46,18 +46,13 @@ class Page:
     def expect(self, what, script, expected):
         """Evaluates a script until it gives the value: a click returns before the page it leads to
         is there."""
-        actual = None
-
-        def right(browser):
-            nonlocal actual
-            actual = browser.execute_script("return " + script)
-            return actual == expected
-
         with contextlib.suppress(TimeoutException):
-            WebDriverWait(self.browser, WAIT, 0.02, [WebDriverException]).until(right)
-        good = actual == expected
-        self.failures += not good
-        print(f"ok   {what}" if good else f"FAIL {what}: {actual!r}, not {expected!r}")
+            WebDriverWait(self.browser, WAIT, 0.02, [WebDriverException]).until(
+                lambda browser: browser.execute_script("return " + script) == expected)
+        actual = self.browser.execute_script("return " + script)
+        self.failures += actual != expected
+        print(f"ok   {what}" if actual == expected else
+              f"FAIL {what}: {actual!r}, not {expected!r}")
 
     def expect_title(self, what, expected):
         self.expect(what, "document.title", expected)

@@ -50,20 +50,14 @@ class PipeExecTest : public ::testing::Test {
 };
 
 TEST_F(PipeExecTest, WhatChildrenWriteIsTheOutput) {
-  struct Case {
-    const char* name;
-    const char* commands;
-    const char* output;
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {"echo text; exec >&- 2>&-; sleep 0.2", "text\n"},         // output closed early
+      {"exec <&-; sleep 0.1; echo text", "text\n"},              // input ignored
+      {"head -c 10 >/dev/null; echo text", "text\n"},            // input half read
+      {"(sleep 0.2; echo late) & echo first", "first\nlate\n"},  // a pipeline that outlives it
   };
-  const Case cases[] = {
-      {"output closed early", "echo text; exec >&- 2>&-; sleep 0.2", "text\n"},
-      {"input ignored", "exec <&-; sleep 0.1; echo text", "text\n"},
-      {"input half read", "head -c 10 >/dev/null; echo text", "text\n"},
-      {"pipeline that outlives it", "(sleep 0.2; echo late) & echo first", "first\nlate\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(Run(Shell(c.commands), std::string(1 << 20, 'x')), c.output);
+  for (const auto& [commands, output] : kCases) {
+    EXPECT_EQ(Run(Shell(commands), std::string(1 << 20, 'x')), output) << commands;
     EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
   }
 }

@@ -59,20 +59,16 @@ std::vector<Row> AllTags() {
   std::vector<Row> rows;
   const char* kinds = nullptr;
 #define ROW(tag) rows.push_back({#tag, kinds, std::make_unique<ZrHTML_##tag##2>()});
-  kinds = "0";
-  TYPE_0(ROW)
-  kinds = "0A";
-  TYPE_0_A(ROW)
-  kinds = "0AB";
-  TYPE_0_AB(ROW)
-  kinds = "0ABC";
-  TYPE_0_ABC(ROW)
-  kinds = "1";
-  TYPE_1(ROW)
-  kinds = "1ABC";
-  TYPE_1_ABC(ROW)
-  kinds = "2";
-  TYPE_2(ROW)
+#define ROWS(group, TAGS) \
+  kinds = group;          \
+  TAGS(ROW)
+  ROWS("0", TYPE_0)
+  ROWS("0A", TYPE_0_A)
+  ROWS("0AB", TYPE_0_AB)
+  ROWS("0ABC", TYPE_0_ABC)
+  ROWS("1", TYPE_1)
+  ROWS("1ABC", TYPE_1_ABC)
+  ROWS("2", TYPE_2)
   return rows;
 }
 
