@@ -12,8 +12,9 @@
 
 namespace {
 
-// What one pass writes at most, so that a fast reader does not hold the send job for long.
-constexpr std::size_t kWriteBudget = 1024 * 1024;
+// What one pass writes at most: other connections have their turn, and what the peer reads next is
+// still in the cache.
+constexpr std::size_t kWriteBudget = 128 * 1024;
 constexpr std::int64_t kAnswerExtraTime =
     ZrTransceiverConnection::kAnswerTimeLimit - ZrTransceiverConnection::kTimeLimit * 1000;
 
