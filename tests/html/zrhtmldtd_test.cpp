@@ -38,11 +38,13 @@ TEST(HtmlReader, ReadsPagesAndStyleSheets) {
       {"html", "<option selected>One</option>", "option[selected=true value=](\"\" \"One\") @1",
        "<option selected=\"true\" value=\"\">\n\nOne\n</option>"},
       {"xmlhtml", "<p>a</p>", "p('a') @1", "<p>a</p>"},
-      {"html", "<style>\n p { color : red;/* c */ margin:0 }\n@media x { a{} }<!--/*c*/--></style>",
+      {"html",
+       "<style>\n p { color : red;/* c */ margin:0 }\n@media x { a{}/*c*/<!--/*d*/--> }"
+       "<!--/*e*/--></style>",
        "style[type=text/css]({n.} cssrule({.} cssproperty '/* c */' {.} cssproperty {.}) {n} "
-       "cssmediaquery({.} cssrule {.}) csshtmlcomment('/*c*/')) @3",
-       "<style type=\"text/css\">\n p { color: red;/* c */ margin: 0; }\n@media x { a{} }"
-       "<!--/*c*/--></style>"},
+       "cssmediaquery({.} cssrule '/*c*/' csshtmlcomment('/*d*/') {.}) csshtmlcomment('/*e*/')) @3",
+       "<style type=\"text/css\">\n p { color: red;/* c */ margin: 0; }\n"
+       "@media x { a{}/*c*/<!--/*d*/--> }<!--/*e*/--></style>"},
       {"html", "<style/><p></p>", "style[type=text/css] p @1",
        "<style type=\"text/css\"></style><p></p>"},
       {"css", "#a .b,*{x:1;y:;}\n.c{}", "cssrule(cssproperty cssproperty) {n} cssrule @2",

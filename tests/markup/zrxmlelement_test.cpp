@@ -323,22 +323,20 @@ TEST(XmlElement, TypedAttributesReadTheSameInEveryLocale) {
     const char* text;
     const char* number;  // as written after reading, or the message
     const char* truth;
-  } kCases[] = {
-      {"0.1", "0.1", "0"},
-      {"1234567.0", "1.23457e+06", "1"},
-      {" \t-3,5", "-3", "1"},
-      {"+2.50x", "2.5", "1"},
-      {"1e400", "stod argument out of range", "1"},
-      {"0", "0", "0"},
-      {"TRUE", "invalid stod argument", "1"},
-      {"no", "invalid stod argument", "0"},
-      {"", "invalid stod argument", "0"},
-      {"99999999999999999999", "1e+20", "0"},
-      {"0x10", "16", "0"},
-      {"+-1", "invalid stod argument", "0"},
-      {"--1", "invalid stod argument", "0"},
-      {"-0x", "-0", "0"},
-  };
+  } kCases[] = {{"0.1", "0.1", "0"},
+                {"1234567.0", "1.23457e+06", "1"},
+                {" \t-3,5", "-3", "1"},
+                {"+2.50x", "2.5", "1"},
+                {"1e400", "stod argument out of range", "1"},
+                {"0", "0", "0"},
+                {"TRUE", "invalid stod argument", "1"},
+                {"no", "invalid stod argument", "0"},
+                {"", "invalid stod argument", "0"},
+                {"99999999999999999999", "1e+20", "0"},
+                {"0x10", "16", "0"},
+                {"+-1", "invalid stod argument", "0"},
+                {"--1", "invalid stod argument", "0"},
+                {"-0x", "-0", "0"}};
   for (const char* locale : {"C", "de_DE.UTF-8"}) {
     if (std::setlocale(LC_NUMERIC, locale) == nullptr) continue;
     for (const auto& c : kCases) {
