@@ -19,12 +19,6 @@
 namespace {
 
 TEST(HtmlElements, WriteTheirAttributesAndText) {
-  ZrHTML_progress2 progress;
-  progress.value.SetFromString("0.10");
-  progress.max.SetFromString("1234567");
-  ZrHTML_input2 input;
-  input.type.SetFromText("text");
-  input.value.SetFromString("");
   ZrHTML_p2 styled;
   styled.style.SetFromString("margin: 0;color:red");
   styled.class_.SetFromString("warn");
@@ -37,15 +31,11 @@ TEST(HtmlElements, WriteTheirAttributesAndText) {
   const std::pair<std::string, std::string> cases[] = {
       {ZrHTML_div2("x", true).ToText(),
        "<div id=\"x\" onmousedown=\"quarn_start_drag(this);\"></div>"},
-      {ZrHTML_div2().ToText(), "<div></div>"},
-      {ZrHTML_br2().ToText(), "<br />"},
-      {ZrHTML_p2().ToText(), "<p></p>"},
       {ZrHTML_title2("Hi").ToText(), "<title>\nHi\n</title>"},
       {ZrHTML_a2("/x", "<b>&").ToText(), "<a href=\"/x\">\n<b>&\n</a>"},
       {ZrHTML_a2("", "").ToText(), "<a href=\"\">\n\n</a>"},
       {ZrHTML_option2("1", "One").ToText(), "<option value=\"1\">\nOne\n</option>"},
       {chosen.ToText(), "<option selected=\"1\" value=\"1\">\nOne\n</option>"},
-      {ZrHTML_form2().ToText(), "<form method=\"POST\"></form>"},
       {ZrHTML_form2("/do", "").ToText(), "<form action=\"/do\"></form>"},
       {ZrHTML_link2("a.css").ToText(),
        "<link href=\"a.css\" rel=\"stylesheet\" type=\"text/css\" />"},
@@ -57,8 +47,6 @@ TEST(HtmlElements, WriteTheirAttributesAndText) {
       {ZrHTML_label2().ToText(), "<label></label>"},
       {ZrHTML_select2("", "").ToText(), "<select name=\"\"></select>"},
       {ZrHTML_select2("s", "n").ToText(), "<select id=\"s\" name=\"n\"></select>"},
-      {progress.ToText(), "<progress max=\"1.23457e+06\" value=\"0.1\"></progress>"},
-      {input.ToText(), "<input type=\"text\" value=\"\" />"},
       {styled.ToText(), "<p class=\"warn\" id=\"x\" style=\"color: red;margin: 0;\">\na\nb\n</p>"},
       {script.ToText(), "<script type=\"text/javascript\">\n<!--\n\ngo();\n//-->\n\n</script>"},
   };

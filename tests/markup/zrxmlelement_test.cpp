@@ -366,13 +366,17 @@ TEST(XmlElement, TypedAttributesReadTheSameInEveryLocale) {
 // That a path finds what a plain recursion over its steps finds is the fuzz target's; its corpus
 // has the odd paths.
 TEST(XmlElement, QueryFindsInDocumentOrderWithinItsBounds) {
-  const auto root = Tree("<r><p n='a'><q k/><q k='1'/></p><p n='b.c'><q k='1'/></p><s n='a'/></r>");
+  const auto root =
+      Tree("<r><p n='a'><q k/><q k='1'/></p><p n='b.c'><q k='1'/></p><s nx='a' t='\\]\"'/></r>");
   constexpr std::pair<const char*, const char*> kCases[] = {
       {"r.p[n=a]", "p[n=a](q[k=true] q[k=1]) "},
       {"p[n=\"b.c\"].q[k]", "q[k=1] "},
       {"p.q", "q[k=true] q[k=1] q[k=1] "},
       {"p[n=a]xq", "q[k=true] q[k=1] "},  // whatever follows the bracket separates
       {"p[n=a].", ""},                    // and nothing follows this one
+      {"s[t=\"\\\\]\\\"\"]", "s[nx=a t=\\]\"] "},
+      {"s[t=\"\\\\]\"]", ""},
+      {"s[n\"=\"x=a]", "s[nx=a t=\\]\"] "},  // "=" is stored nowhere
       {"p[]", ""},
   };
   for (const auto& [path, expected] : kCases) {
