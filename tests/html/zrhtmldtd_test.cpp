@@ -40,11 +40,12 @@ TEST(HtmlReader, ReadsPagesAndStyleSheets) {
       {"xmlhtml", "<p>a</p>", "p('a') @1", "<p>a</p>"},
       {"html",
        "<style>\n p { color : red;/* c */ margin:0 }\n@media x { a{}/*c*/<!--/*d*/--> }"
-       "<!--/*e*/--></style>",
+       "<!--/*e*/-->/*f*/</style>",
        "style[type=text/css]({n.} cssrule({.} cssproperty '/* c */' {.} cssproperty {.}) {n} "
-       "cssmediaquery({.} cssrule '/*c*/' csshtmlcomment('/*d*/') {.}) csshtmlcomment('/*e*/')) @3",
+       "cssmediaquery({.} cssrule '/*c*/' csshtmlcomment('/*d*/') {.}) csshtmlcomment('/*e*/') "
+       "'/*f*/') @3",
        "<style type=\"text/css\">\n p { color: red;/* c */ margin: 0; }\n"
-       "@media x { a{}/*c*/<!--/*d*/--> }<!--/*e*/--></style>"},
+       "@media x { a{}/*c*/<!--/*d*/--> }<!--/*e*/-->/*f*/</style>"},
       {"html", "<style/><p></p>", "style[type=text/css] p @1",
        "<style type=\"text/css\"></style><p></p>"},
       {"css", "#a .b,*{x:1;y:;}\n.c{}", "cssrule(cssproperty cssproperty) {n} cssrule @2",

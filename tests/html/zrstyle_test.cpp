@@ -107,6 +107,8 @@ TEST(CssNodes, KeepWhatTheyRefuse) {
               node == &rule ? zr_test::kNoMessage : message);
     EXPECT_EQ(Written(*node), written);
   }
+  rule.Adopt(std::make_unique<ZrCSSHTMLComment>());
+  EXPECT_EQ(Written(rule), "a {<b></b>p: v;<!---->}");
 }
 
 }  // namespace
