@@ -17,6 +17,9 @@ constexpr const char* kExamples =
     "  velkoro serve www --open          serve www and show it in the browser\n"
     "  velkoro serve --help              all options of one command";
 
+// A device has no end; and the tree of a document takes many times the room of its text.
+constexpr std::size_t kMaxInputBytes = std::size_t{1} << 30;
+
 /// The words that the failing command's help is asked for with.
 std::string HelpHint(const CLI::App& program) {
   std::string words = "velkoro";
@@ -51,6 +54,7 @@ std::string ReadInput(const std::string& file) {
   char block[64 * 1024];
   while (stream.read(block, sizeof block) || stream.gcount() != 0) {
     text.append(block, static_cast<std::size_t>(stream.gcount()));
+    if (text.size() > kMaxInputBytes) throw std::runtime_error("is longer than 1 GiB");
   }
   // A directory opens like a file and fails when it is read.
   if (!stream.eof()) throw std::runtime_error("cannot be read");

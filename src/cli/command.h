@@ -42,7 +42,8 @@ void PrintFault(const std::string& input, const std::string& text);
 int Print(std::string_view text);
 
 /// The bytes of a file, which may be a pipe, or of the standard input for "-". Throws
-/// std::runtime_error "cannot be read" for what is not there, is a directory or fails on the way.
+/// std::runtime_error "cannot be read" for what is not there, is a directory or fails on the way,
+/// and "is longer than 1 GiB".
 std::string ReadInput(const std::string& file);
 
 /// Runs the program with its arguments; returns its exit status.
