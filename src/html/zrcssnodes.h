@@ -6,6 +6,7 @@
 
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 #include "html/zrnodename.h"
 #include "markup/zrxmlcomplexelement.h"
@@ -33,7 +34,7 @@ class ZrCSSHTMLComment : public ZrXMLComplexElement {
 class ZrCSSMediaQuery : public ZrXMLComplexElement {
  public:
   /// The text before the brace, kept as it is.
-  explicit ZrCSSMediaQuery(const std::string& selector)
+  explicit ZrCSSMediaQuery(std::string_view selector)
       : ZrXMLComplexElement(zr::html::NodeName<ZrCSSMediaQuery>("cssmediaquery"), false, true),
         selector_(selector) {}
 
@@ -52,7 +53,7 @@ class ZrCSSMediaQuery : public ZrXMLComplexElement {
 class ZrCSSRule : public ZrXMLComplexElement {
  public:
   /// The text before the brace, kept as it is.
-  explicit ZrCSSRule(const std::string& selector)
+  explicit ZrCSSRule(std::string_view selector)
       : ZrXMLComplexElement(zr::html::NodeName<ZrCSSRule>("cssrule"), false, true),
         selector_(selector) {}
 

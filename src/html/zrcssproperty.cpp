@@ -1,7 +1,5 @@
 #include "html/zrcssproperty.h"
 
-#include <string_view>
-
 #include "host/zrexception.h"
 #include "host/zrtrim.h"
 #include "html/zrnodename.h"
@@ -11,20 +9,19 @@ namespace {
 constexpr std::string_view kAroundValues = " ;\n\t\r";
 }  // namespace
 
-ZrCSSProperty::ZrCSSProperty(const std::string& text, bool nameOnly)
+ZrCSSProperty::ZrCSSProperty(std::string_view text, bool nameOnly)
     : ZrXMLComplexElement(zr::html::NodeName<ZrCSSProperty>("cssproperty"), false, true) {
-  const std::string_view whole = text;
   if (nameOnly) {
     if (text.empty()) throw ZrException("CSS property must have a name", 962, "src");
-    propertyName_ = zr::Trim(whole, kAroundValues);
+    propertyName_ = zr::Trim(text, kAroundValues);
     return;
   }
-  const std::size_t colon = whole.find(':');
+  const std::size_t colon = text.find(':');
   if (colon == std::string_view::npos) {
     throw ZrException("CSS property not well formed (missing ':').", 969, "src");
   }
-  propertyName_ = zr::Trim(whole.substr(0, colon));
-  propertyValue_ = zr::Trim(whole.substr(colon + 1), kAroundValues);
+  propertyName_ = zr::Trim(text.substr(0, colon));
+  propertyValue_ = zr::Trim(text.substr(colon + 1), kAroundValues);
 }
 
 void ZrCSSProperty::Write(std::ostream& stream) const {

@@ -4,6 +4,7 @@
 
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 #include "markup/zrxmlcomplexelement.h"
 
@@ -15,7 +16,7 @@ class ZrCSSProperty : public ZrXMLComplexElement {
   /// the first ":"; the name is trimmed of blanks, the value like a name alone.
   /// Throws ZrException "CSS property must have a name" for an empty text with `nameOnly`, and
   /// "CSS property not well formed (missing ':')." for a text without ":" otherwise.
-  ZrCSSProperty(const std::string& text, bool nameOnly);
+  ZrCSSProperty(std::string_view text, bool nameOnly);
 
   virtual const std::string& PropertyName() const { return propertyName_; }
   const std::string& PropertyValue() const { return propertyValue_; }

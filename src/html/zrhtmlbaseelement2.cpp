@@ -22,10 +22,18 @@ const MemberNames& Names() {
 ZrHTML_BaseElement2::ZrHTML_BaseElement2(ZrNameView elementName, bool closed,
                                          bool selfClosesWhenEmpty)
     : ZrXMLGenericElement(elementName, closed, selfClosesWhenEmpty, true) {
+  SetMembersDeferred(true);
+}
+
+void ZrHTML_BaseElement2::EnterMembers() {
   ReserveAttributes(3);
   EnterMember(Names().id, id);
   EnterMember(Names().class_, class_);
   EnterMember(Names().style, style);
+}
+
+bool ZrHTML_BaseElement2::AnyMemberSet() const {
+  return id.IsSet() || class_.IsSet() || style.IsSet();
 }
 
 void ZrHTML_BaseElement2::EnterMember(ZrNameView name, ZrXMLComplexAttribute2& member) {

@@ -46,7 +46,7 @@ Node& AdoptFront(ZrXMLComplexElement& parent, std::unique_ptr<Node> child) {
 
 }  // namespace
 
-ZrHTML_Doctype2::ZrHTML_Doctype2(const std::string& documentType)
+ZrHTML_Doctype2::ZrHTML_Doctype2(std::string_view documentType)
     : ZrXMLGenericElement("HTMLDoctype", true), text_(documentType) {}
 
 void ZrHTML_Doctype2::Write(std::ostream& stream) const {

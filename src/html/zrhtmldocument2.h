@@ -5,13 +5,14 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "html/zrhtmlelementtypes.h"
 
 /// The document type line, "<!DOCTYPE html>"; named "HTMLDoctype" in searches.
 class ZrHTML_Doctype2 : public ZrXMLGenericElement {
  public:
-  explicit ZrHTML_Doctype2(const std::string& documentType);
+  explicit ZrHTML_Doctype2(std::string_view documentType);
 
   /// Writes the line with its line feed.
   void Write(std::ostream& stream) const override;

@@ -28,7 +28,7 @@ Node MakeTag(const std::string& /*text*/) {
 
 template <typename Element>
 Node FromText(std::string_view text, ZrDTD& /*dtd*/) {
-  return std::make_unique<Element>(std::string(text));
+  return std::make_unique<Element>(text);
 }
 
 Node FromTag(std::string_view text, ZrDTD& dtd) { return zr::CreateElement(dtd, text); }
@@ -73,7 +73,7 @@ void FillCssRule(ZrDTD& dtd) {
   dtd.AddState(
       std::make_unique<ZrDTDElementRead_PropertyCSS>(),
       [](std::string_view text, ZrDTD& /*dtd*/) -> Node {
-        return std::make_unique<ZrCSSProperty>(std::string(text), false);
+        return std::make_unique<ZrCSSProperty>(text, false);
       },
       false);
 }

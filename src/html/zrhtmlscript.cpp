@@ -45,8 +45,8 @@ std::string Escaped(std::string_view text) {
 std::string ZrHTML_BaseElement2::ToScript() const {
   std::ostringstream script;
   script << "{\nvar newelem = document.createElement('" << Name() << "');\n";
-  ForEachAttribute([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
-    if (attribute == nullptr || !attribute->IsSet()) return;
+  ForEachWrittenAttribute([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
+    if (attribute == nullptr) return;
     script << "newelem.setAttribute('" << name << "','";
     attribute->WriteValue(script);
     script << "');\n";

@@ -174,6 +174,9 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   /// For ZrXMLGenericElement; null while no attribute was ever entered.
   ZrAttributeMap* Attributes() const { return body_ != nullptr ? &body_->attributes : nullptr; }
   ZrAttributeMap& MakeAttributes() { return MakeBody().attributes; }
+  /// Whether typed members are still to be entered, see ZrXMLGenericElement::EnterMembers().
+  bool MembersDeferred() const { return (flags_ & kMembersDeferred) != 0; }
+  void SetMembersDeferred(bool deferred) { SetFlag(kMembersDeferred, deferred); }
   void EraseSlot(std::size_t index) { body_->children.Erase(index); }
 
  private:
@@ -203,6 +206,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     kError = 8,
     kGeneric = 16,
     kOrphan = 32,  // is being destroyed by an element further up, link_ names its graveyard
+    kMembersDeferred = 64,
   };
   const ZrElementExtras& Extras() const {
     return body_ != nullptr ? body_->extras : kNoBody.body.extras;

@@ -49,7 +49,7 @@ void ZrXMLGenericElement::AssignAttributeText(const std::string& text) {
 }
 
 bool ZrXMLGenericElement::SetAttribute(ZrNameView name, std::string_view value) {
-  ZrAttributeMap::Owner& owner = MakeAttributes().Obtain(name).owner;
+  ZrAttributeMap::Owner& owner = MakeEntered().Obtain(name).owner;
   if (owner == nullptr) {
     // Not there so far, or there as a bare name.
     owner = std::make_unique<ZrXMLGenericAttribute>(value);
@@ -60,7 +60,7 @@ bool ZrXMLGenericElement::SetAttribute(ZrNameView name, std::string_view value) 
 }
 
 ZrXMLComplexAttribute2* ZrXMLGenericElement::Attribute(ZrNameView name) {
-  const ZrAttributeMap::Place place = MakeAttributes().Obtain(name);
+  const ZrAttributeMap::Place place = MakeEntered().Obtain(name);
   if (place.fresh) place.owner = std::make_unique<ZrXMLGenericAttribute>();
   return place.owner.get();
 }
@@ -86,7 +86,7 @@ bool ZrXMLGenericElement::HasAttribute(std::string_view name) const {
 }
 
 bool ZrXMLGenericElement::RemoveAttribute(std::string_view name) {
-  return Attributes() != nullptr && Attributes()->Erase(name);
+  return Entered() != nullptr && Attributes()->Erase(name);
 }
 
 bool ZrXMLGenericElement::PutByAttribute(ZrXMLGenericElement* newElement, ZrNameView attrName,
@@ -134,23 +134,29 @@ bool ZrXMLGenericElement::ReplaceByAttribute(ZrXMLGenericElement* newElement, Zr
 }
 
 bool ZrXMLGenericElement::AddAttribute(ZrNameView name, ZrXMLComplexAttribute2* attribute) {
-  const ZrAttributeMap::Place place = MakeAttributes().Obtain(name);
+  const ZrAttributeMap::Place place = MakeEntered().Obtain(name);
   if (!place.fresh) throw 2;
   place.owner.reset(attribute);
   return true;
+}
+
+void ZrXMLGenericElement::EnterMembers() {}
+
+bool ZrXMLGenericElement::AnyMemberSet() const { return false; }
+
+void ZrXMLGenericElement::EnterDeferred() {
+  SetMembersDeferred(false);
+  EnterMembers();
 }
 
 void ZrXMLGenericElement::Write(std::ostream& stream) const {
   WritePrologue(stream);
   zr::TagWriter tag(stream);
   tag << '<' << Name();
-  ForEachAttribute([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
-    if (attribute == nullptr) {
-      tag << ' ' << name;
-      return;
-    }
-    if (!attribute->IsSet()) return;
-    tag << ' ' << name << "=\"";
+  ForEachWrittenAttribute([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
+    tag << ' ' << name;
+    if (attribute == nullptr) return;
+    tag << "=\"";
     if (const auto plain = PlainText(*attribute)) {
       tag << *plain;
     } else {

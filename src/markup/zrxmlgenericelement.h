@@ -102,11 +102,19 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
   /// attribute in name order; the attribute is null for a bare name.
   template <class Visitor>
   void ForEachAttribute(Visitor&& visit) const {
-    if (const ZrAttributeMap* const attributes = Attributes()) attributes->ForEach(visit);
+    if (const ZrAttributeMap* const attributes = Entered()) attributes->ForEach(visit);
+  }
+  /// The same for those that are written: bare ones and those that are set.
+  template <class Visitor>
+  void ForEachWrittenAttribute(Visitor&& visit) const {
+    if (MembersDeferred() && !AnyMemberSet()) return;
+    ForEachAttribute([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
+      if (attribute == nullptr || attribute->IsSet()) visit(name, attribute);
+    });
   }
   /// Makes room for so many attributes.
   void ReserveAttributes(std::size_t count) {
-    if (count != 0) MakeAttributes().Reserve(count);
+    if (count != 0) MakeEntered().Reserve(count);
   }
 
  protected:
@@ -117,9 +125,26 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
     SetOwnLine(ownLine);
   }
 
+  /// A class with typed members may defer entering them, with SetMembersDeferred(true) in its
+  /// constructor: EnterMembers() then enters them when the attributes are first looked at or added
+  /// to. Most nodes of a page are never asked and go without a map. A const operation may be the
+  /// first to ask. AnyMemberSet() tells whether one of them has something to write.
+  virtual void EnterMembers();
+  virtual bool AnyMemberSet() const;
+
  private:
+  void EnterDeferred();
+  // The attributes with the members among them; null when there are none.
+  const ZrAttributeMap* Entered() const {
+    if (MembersDeferred()) const_cast<ZrXMLGenericElement*>(this)->EnterDeferred();
+    return Attributes();
+  }
+  ZrAttributeMap& MakeEntered() {
+    if (MembersDeferred()) EnterDeferred();
+    return MakeAttributes();
+  }
   const ZrAttributeMap::Owner* FindAttribute(std::string_view name) const {
-    const ZrAttributeMap* const attributes = Attributes();
+    const ZrAttributeMap* const attributes = Entered();
     return attributes != nullptr ? attributes->Find(name) : nullptr;
   }
 };

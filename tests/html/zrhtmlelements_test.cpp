@@ -63,6 +63,8 @@ TEST(HtmlElements, TextGrowsAndIsFoundAsText) {
   span.WriteText(content);
   EXPECT_EQ(content.str(), "1 < 2 & more");
   EXPECT_TRUE(span.Children()[1]->IsTextNode());
+  EXPECT_TRUE(text.HasAttribute("id"));
+  EXPECT_THROW(ZrHTML_p2().AddAttribute("style", nullptr), int);
   EXPECT_EQ(text.AddChild(nullptr), nullptr);
   EXPECT_THROW(text.Adopt(std::make_unique<ZrHTML_text2>()), ZrException);
 }
