@@ -11,15 +11,7 @@
 
 namespace {
 
-using zrtest::BackgroundProgram;
-using zrtest::CurlWords;
-using zrtest::Pattern;
-using zrtest::RawClient;
-using zrtest::RunProgram;
-using zrtest::RunResult;
-using zrtest::Served;
-using zrtest::TemporaryFolder;
-using zrtest::WaitFor;
+using namespace zrtest;
 
 const std::string kServer = "Server: velkoro/1.28.1(96)\r\n";
 
@@ -64,13 +56,17 @@ TEST(Cgi, OutputOfProgramsIsTheAnswer) {
   for (const Case& c : cases) WriteProgram(folder, c.name, c.commands);
   folder.Write("cgi-bin/plain", "#!/bin/sh\necho text\n");
   std::filesystem::create_symlink(outside.Path("program"), folder.Path("cgi-bin/out"));
-  Served served(folder, {"http"});
+  folder.Write("page.php", "<?php echo 'text';");
+  Served served(folder, {"http"}, {"--php", "zr-no-such-interpreter"});
   for (const Case& c : cases) {
     const RunResult got =
         served.Curl("http", std::string("/cgi-bin/") + c.name + "?a=1&b=%20", {"-i"});
     EXPECT_EQ(got.out, c.answer) << c.name << got.err;
   }
-  EXPECT_EQ(served.Curl("http", "/cgi-bin/plain", {"-i"}).out, Answer(""));
+  // What cannot be run, for want of a permission or of an interpreter.
+  for (const char* dead : {"/cgi-bin/plain", "/page.php"}) {
+    EXPECT_EQ(served.Curl("http", dead, {"-i"}).out, Answer("")) << dead;
+  }
   EXPECT_NE(served.Program().Output().find("Error on CreateProcess\n"), std::string::npos);
   for (const char* missing : {"/cgi-bin/none", "/cgi-bin/out", "/none.php"}) {
     const std::string answer = served.Curl("http", missing, {"-i"}).out;
@@ -99,12 +95,8 @@ TEST(Cgi, BodiesOfEverySizePassThroughTheExamples) {
       EXPECT_TRUE(got.out == sent) << protocol << size << got.err;
     }
   }
-  const std::string hello =
-      served.Curl("https", "/cgi-bin/hello.sh?a=b", {"-i", "-A", "tester"}).out;
-  EXPECT_NE(hello.find("Content-Type: text/plain; charset=utf-8\r\n\r\nHello from a shell"),
-            std::string::npos);
+  const std::string hello = served.Curl("https", "/cgi-bin/hello.sh?a=b").out;
   EXPECT_NE(hello.find("Method: GET\nQuery: a=b\n"), std::string::npos) << hello;
-  EXPECT_NE(hello.find("Browser: tester\n"), std::string::npos) << hello;
 }
 
 TEST(Cgi, RunsAtTheSameTimeSeeOnlyTheirOwnVariables) {
@@ -197,17 +189,6 @@ TEST(Php, ApplicationOfOthersShowsItsFirstPage) {
   const std::string page = served.Curl("https", "/", {"-i"}).out;
   EXPECT_TRUE(page.starts_with("HTTP/1.1 200 OK\r\n")) << page;
   EXPECT_NE(page.find("<title>Login - Adminer</title>"), std::string::npos) << page;
-  // Its style sheet comes out of the same script, by the query.
-  const std::string sheet = served.Curl("https", "/?file=default.css&version=4.8.1", {"-i"}).out;
-  EXPECT_NE(sheet.find("Content-Type: text/css; charset=utf-8\r\n"), std::string::npos) << sheet;
-  EXPECT_NE(sheet.find("body{"), std::string::npos) << sheet;
-}
-
-TEST(Php, MissingInterpreterGivesAnEmptyAnswer) {
-  const TemporaryFolder folder;
-  folder.Write("page.php", "<?php echo 'text';");
-  Served served(folder, {"http"}, {"--php", "zr-no-such-interpreter"});
-  EXPECT_EQ(served.Curl("http", "/page.php", {"-i"}).out, Answer(""));
 }
 
 }  // namespace

@@ -13,18 +13,14 @@
 
 namespace {
 
-using zrtest::RunProgram;
-using zrtest::TemporaryFolder;
-using zrtest::WaitFor;
+using namespace zrtest;
 
 /// Does what the command says.
 class Obedient : public ZrRequestHandler {
  public:
   std::string Name() const override { return "it"; }
   void Request(ZrXHeader& request, ZrXResponseHeader& answer, const std::string& command) override {
-    if (command == "throw") {
-      throw std::runtime_error("told so");
-    }
+    if (command == "throw") throw std::runtime_error("told so");
     if (command == "move") {
       answer.SetStatus(303);
       answer.location = "/elsewhere";
@@ -65,8 +61,6 @@ TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
   application.setLogSink([](std::string_view) {});
   application.startServers();
   ASSERT_TRUE(WaitFor([&] { return application.getOptions().Has("tcp_port_http"); }));
-  EXPECT_EQ(application.getOptions().Get("tcp_address_http"), "127.0.0.1");
-  EXPECT_FALSE(application.getOptions().Has("tcp_port_https"));
   const std::string url = "http://127.0.0.1:" + application.getOptions().Get("tcp_port_http");
 
   struct Case {

@@ -11,16 +11,13 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/support/wait.h"
 
-using zrtest::PeerConnection;
-using zrtest::RunResult;
-using zrtest::ScriptedPeer;
-using zrtest::TemporaryFolder;
+using namespace zrtest;
 
 namespace {
 
 RunResult Get(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), {VELKORO_PROGRAM, "get"});
-  return zrtest::RunProgram(arguments);
+  return RunProgram(arguments);
 }
 
 std::string Url(const char* scheme, int port, const std::string& path = "/") {
@@ -33,7 +30,7 @@ std::size_t Lines(const std::string& text) {
 
 }  // namespace
 
-TEST(Get, WritesBodiesInOrder) {
+TEST(Get, AThousandRequestsThroughTenWorkersAreWrittenInOrder) {
   ScriptedPeer peer([](int, PeerConnection& connection) {
     for (;;) {
       const std::string request = connection.ReadRequest();
@@ -46,18 +43,18 @@ TEST(Get, WritesBodiesInOrder) {
   TemporaryFolder folder;
   const std::string file = folder.Path("bodies");
   const RunResult run = Get({Url("http", peer.Port(), "/a"), Url("http", peer.Port(), "/b"),
-                             "--repeat", "300", "--output", file, "--verbose"});
+                             "--repeat", "500", "--output", file, "--verbose"});
   EXPECT_EQ(run.status, 0) << run.err;
   std::string expected;
   for (const char* path : {"/a", "/b"}) {
-    for (int i = 0; i < 300; ++i) expected += path;
+    for (int i = 0; i < 500; ++i) expected += path;
   }
-  EXPECT_EQ(zrtest::ReadFile(file), expected);
-  EXPECT_EQ(Lines(run.err), 600u);
+  EXPECT_EQ(ReadFile(file), expected);
+  EXPECT_EQ(Lines(run.err), 1000u);
   EXPECT_LE(peer.Count(), 10);
   // What stands in the file is not lost to a request that fails.
   EXPECT_EQ(Get({"http://no-such-host.invalid/", "--output", file}).status, 1);
-  EXPECT_EQ(zrtest::ReadFile(file), expected);
+  EXPECT_EQ(ReadFile(file), expected);
 }
 
 TEST(Get, SendsFormsThatOthersCanRead) {
@@ -78,7 +75,7 @@ TEST(Get, SendsFormsThatOthersCanRead) {
 }
 
 TEST(Get, EveryFailureIsOneLine) {
-  ScriptedPeer silent([](int, PeerConnection& connection) { connection.WaitForEnd(); });
+  ScriptedPeer silent([](int, PeerConnection& connection) { connection.ReadToEnd(); });
   ScriptedPeer garbage([](int, PeerConnection& connection) {
     connection.ReadRequest();
     connection.Send("garbage\r\n");
@@ -113,10 +110,8 @@ TEST(Get, EveryFailureIsOneLine) {
       {"http:/half", {}, "http:/half", 2},
       {"ftp://127.0.0.1/", {}, "https, http or quarn", 2},
       {"http://127.0.0.1:0/", {}, "port", 2},
-      {"http://[::1/", {}, "brackets", 2},
       {"http://user@127.0.0.1/", {}, "user names", 2},
       {Url("http", missing.Port()), {"--post", "=x"}, "NAME=VALUE", 2},
-      {Url("http", missing.Port()), {"--repeat", "0"}, "--repeat", 2},
       {Url("https", missing.Port()), {"--ca", "a.pem", "--insecure"}, "--insecure", 2},
   };
   for (const Case& c : cases) {
@@ -134,12 +129,12 @@ TEST(Get, EveryFailureIsOneLine) {
 // versions of the protocol.
 TEST(Get, NginxAnswers) {
   TemporaryFolder folder;
-  const auto& keys = zrtest::TestCertificate();
+  const auto& keys = TestCertificate();
   const std::string big(3'000'000, 'b');
   folder.Write("www/big", big);
   folder.Write("www/page.html", "<!--# echo var=\"request_method\" -->!");
   // nginx takes no port 0: one that was free a moment ago is tried, and another if it is gone.
-  std::unique_ptr<zrtest::BackgroundProgram> nginx;
+  std::unique_ptr<BackgroundProgram> nginx;
   int plain = 0;
   int secure = 0;
   for (int attempt = 0; attempt < 5 && !nginx; ++attempt) {
@@ -149,43 +144,42 @@ TEST(Get, NginxAnswers) {
       plain = one.Port();
       secure = two.Port();
     }
+    const auto listen = [](int port) { return "listen 127.0.0.1:" + std::to_string(port); };
     const std::string configuration = folder.Write(
         "nginx.conf",
-        "daemon off; master_process off; pid " + folder.Path("pid") + "; error_log " +
-            folder.Path("error") + ";\nevents {}\nhttp { access_log off; client_body_temp_path " +
-            folder.Path("t1") + "; proxy_temp_path " + folder.Path("t2") + "; fastcgi_temp_path " +
-            folder.Path("t3") + "; uwsgi_temp_path " + folder.Path("t4") + "; scgi_temp_path " +
-            folder.Path("t5") + ";\nserver { listen 127.0.0.1:" + std::to_string(plain) +
-            "; listen 127.0.0.1:" + std::to_string(secure) + " ssl; ssl_certificate " +
-            keys.certificate + "; ssl_certificate_key " + keys.privateKey + "; root " +
-            folder.Path("www") +
-            "; keepalive_requests 7; location /page.html { ssi on; ssi_types *; } } }\n");
-    auto started = std::make_unique<zrtest::BackgroundProgram>(
-        std::vector<std::string>{"nginx", "-e", folder.Path("error"), "-c", configuration});
-    const bool listens = zrtest::WaitFor([&] {
-      return started->WaitForEnd(std::chrono::seconds(0)) ||
-             !zrtest::ReadFile(folder.Path("pid")).empty();
+        "daemon off; master_process off; pid pid; error_log error;\nevents {}\nhttp {\n"
+        "access_log off; client_body_temp_path t1; proxy_temp_path t2; fastcgi_temp_path t3;\n"
+        "uwsgi_temp_path t4; scgi_temp_path t5;\nserver { " +
+            listen(plain) + "; " + listen(secure) + " ssl; ssl_certificate " + keys.certificate +
+            "; ssl_certificate_key " + keys.privateKey + "; root www; keepalive_requests 7;\n" +
+            "location /page.html { ssi on; ssi_types *; } } }\n");
+    auto started = std::make_unique<BackgroundProgram>(
+        std::vector<std::string>{"nginx", "-p", folder.Path(), "-e", "error", "-c", configuration});
+    const bool listens = WaitFor([&] {
+      return started->WaitForEnd(std::chrono::seconds(0)) || !ReadFile(folder.Path("pid")).empty();
     });
     if (listens && started->Status() == -1) nginx = std::move(started);
   }
-  ASSERT_TRUE(nginx) << zrtest::ReadFile(folder.Path("error"));
-  const std::vector<std::pair<const char*, int>> servers = {{"http", plain}, {"https", secure}};
-  for (const auto& [scheme, port] : servers) {
-    SCOPED_TRACE(scheme);
-    const RunResult page = Get({Url(scheme, port, "/page.html"), "--ca", keys.certificate,
-                                "--repeat", "50", "--timeout", "30"});
+  ASSERT_TRUE(nginx) << ReadFile(folder.Path("error"));
+  std::string pages;
+  for (int i = 0; i < 50; ++i) pages += "GET!";
+  for (const std::string& url : {Url("http", plain, ""), Url("https", secure, "")}) {
+    SCOPED_TRACE(url);
+    const RunResult page = Get({url + "/page.html", "--ca", keys.certificate, "--repeat", "50"});
     EXPECT_EQ(page.status, 0) << page.err;
-    std::string pages;
-    for (int i = 0; i < 50; ++i) pages += "GET!";
     EXPECT_EQ(page.out, pages);
-    const RunResult file = Get({Url(scheme, port, "/big"), "--ca", keys.certificate});
+    const RunResult file = Get({url + "/big", "--ca", keys.certificate});
     EXPECT_EQ(file.status, 0) << file.err;
     EXPECT_EQ(file.out, big);
-    const RunResult example =
-        zrtest::RunProgram({VELKORO_OUTGOING, "127.0.0.1", std::to_string(plain), "/page.html"});
-    EXPECT_EQ(example.out, "GET!") << example.err;
-    const RunResult none = Get({Url(scheme, port, "/none"), "--ca", keys.certificate});
+    const RunResult none = Get({url + "/none", "--ca", keys.certificate});
     EXPECT_EQ(none.status, 1);
     EXPECT_NE(none.err.find("status 404"), std::string::npos) << none.err;
   }
+  // By default the system's store decides, which does not know the certificate.
+  const RunResult unknown = Get({Url("https", secure, "/big")});
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_NE(unknown.err.find("TLS failure"), std::string::npos) << unknown.err;
+  const RunResult example =
+      RunProgram({VELKORO_OUTGOING, "127.0.0.1", std::to_string(plain), "/page.html"});
+  EXPECT_EQ(example.out, "GET!") << example.err;
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 
@@ -19,11 +20,7 @@
 
 namespace {
 
-using zrtest::CurlWords;
-using zrtest::RawClient;
-using zrtest::RunProgram;
-using zrtest::TestCertificate;
-using zrtest::WaitFor;
+using namespace zrtest;
 
 std::size_t ThreadCount() {
   return static_cast<std::size_t>(
@@ -33,9 +30,7 @@ std::size_t ThreadCount() {
 class Library {
  public:
   Library() : library_(dlopen(VELKORO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
-    if (library_ == nullptr) {
-      throw std::runtime_error(dlerror());
-    }
+    if (library_ == nullptr) throw std::runtime_error(dlerror());
     Find(start, "_Z15StartHTTPServerPKciS0_S0_S0_S0_");
     Find(port, "_Z10ServerPortPv");
     Find(stop, "_Z14StopHTTPserverPv");
@@ -107,14 +102,12 @@ TEST(Host, StopsUnderLoadAHundredTimes) {
       // Handshakes begun, garbage, half-finished exchanges: all of it is cut off by the stop.
       while (loading) {
         RawClient client(port);
-        if (client.Connected()) {
-          client.Send("\x16\x03\x01\x02\x00\x01");
-        }
+        if (client.Connected()) client.Send("\x16\x03\x01\x02");
       }
     });
-    std::unique_ptr<zrtest::BackgroundProgram> curl;
+    std::unique_ptr<BackgroundProgram> curl;
     if (round % 10 == 0) {
-      curl = std::make_unique<zrtest::BackgroundProgram>(
+      curl = std::make_unique<BackgroundProgram>(
           CurlWords({"--parallel", "--fail-early",
                      "https://127.0.0.1:" + std::to_string(port) + "/[1-5000]"}));
       EXPECT_TRUE(WaitFor([&] { return !curl->Output().empty(); }));
@@ -141,9 +134,7 @@ TEST(Host, ServesBehindElevenHundredOpenDescriptors) {
   void* const handle = library.Start();
   EXPECT_EQ(StatusOf(library.port(handle)), "404");
   EXPECT_EQ(library.stop(handle), 0);
-  for (const int descriptor : open) {
-    close(descriptor);
-  }
+  for (const int descriptor : open) close(descriptor);
 }
 
 TEST(Host, StartsInAChildOfTheProcessThatLoadedIt) {
@@ -158,6 +149,22 @@ TEST(Host, StartsInAChildOfTheProcessThatLoadedIt) {
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+TEST(HostDeathTest, MayExitWithoutAStop) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const auto exitUnderLoad = [] {
+    static const auto* const library = new Library;  // never unloaded
+    const int port = library->port(library->Start());
+    std::atomic<int> turns = 0;
+    for (int i = 0; i < 2; ++i) {
+      std::thread([&turns, port] {
+        for (;; ++turns) RawClient(port).Send("\x16\x03\x01\x02");
+      }).detach();
+    }
+    std::exit(WaitFor([&turns] { return turns >= 200; }) && StatusOf(port) == "404" ? 7 : 8);
+  };
+  EXPECT_EXIT(exitUnderLoad(), testing::ExitedWithCode(7), "");
 }
 
 }  // namespace

@@ -10,11 +10,7 @@
 
 namespace {
 
-using zrtest::CurlWords;
-using zrtest::ReadFile;
-using zrtest::RunProgram;
-using zrtest::TemporaryFolder;
-using zrtest::TestCertificate;
+using namespace zrtest;
 
 /// Runs a step of a build; its output shows only when it fails.
 void Step(const std::vector<std::string>& words) {
@@ -29,12 +25,12 @@ class Install : public testing::Test {
   }
   /// Starts a built host program and asks it for a page until it answers.
   static void ExpectServes(const std::string& program) {
-    zrtest::BackgroundProgram host(
-        {program, TestCertificate().certificate, TestCertificate().privateKey}, std::nullopt);
+    BackgroundProgram host({program, TestCertificate().certificate, TestCertificate().privateKey},
+                           std::nullopt);
     std::smatch url;
     std::string out;
     const std::regex pattern("https://127.0.0.1:[1-9][0-9]*/");
-    ASSERT_TRUE(zrtest::WaitFor([&] {
+    ASSERT_TRUE(WaitFor([&] {
       out = host.Output();
       return std::regex_search(out, url, pattern);
     })) << host.Errors();
@@ -85,9 +81,7 @@ TEST_F(Install, PkgConfigKnowsTheLibrary) {
   std::vector<std::string> words = {"c++", VELKORO_SOURCE_DIR "/examples/host/main.cpp", "-o",
                                     folder_.Path("host"), "-Wl,-rpath," + folder_.Path("usr/lib")};
   std::istringstream text(flags.out);
-  for (std::string word; text >> word;) {
-    words.push_back(word);
-  }
+  for (std::string word; text >> word;) words.push_back(word);
   Step(words);
   ExpectServes(folder_.Path("host"));
 }

@@ -27,9 +27,7 @@ std::vector<std::string> Words(const TemporaryFolder& folder,
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
 
@@ -42,9 +40,7 @@ Served::Served(const TemporaryFolder& folder, const std::vector<std::string>& pr
   const bool listens = WaitFor([&] {
     for (const std::string& line : Lines(program_.Output())) {
       std::smatch found;
-      if (std::regex_search(line, found, serving)) {
-        ports_[found[1]] = std::stoi(found[2]);
-      }
+      if (std::regex_search(line, found, serving)) ports_[found[1]] = std::stoi(found[2]);
     }
     return ports_.size() == protocols.size() || program_.WaitForEnd(std::chrono::seconds(0));
   });

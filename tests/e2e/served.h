@@ -12,8 +12,7 @@ namespace zrtest {
 /// One running server; ended with the object. Serves `folder` with the certificate of the tests.
 class Served {
  public:
-  /// The protocols get one server each; further options of the command may follow. The limit is on
-  /// open files, 0 for the one of the test.
+  /// The protocols get one server each; further options of the command may follow.
   explicit Served(const TemporaryFolder& folder,
                   const std::vector<std::string>& protocols = {"https"},
                   const std::vector<std::string>& options = {});

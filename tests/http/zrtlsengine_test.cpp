@@ -83,86 +83,6 @@ class TlsTest : public testing::Test, protected Loopback {
   std::optional<ZrTlsEngine> client_;
 };
 
-/// Sends all the text whenever the socket has room, in a row of gathered records.
-struct Sender {
-  ZrTlsEngine& engine;
-  std::string_view rest;
-  std::size_t refusals = 0;
-
-  bool Step() {
-    while (!rest.empty()) {
-      const ZrTlsResult result = engine.Write(rest, rest.size() > ZrTlsEngine::kRecord);
-      EXPECT_LE(engine.Unsent(), ZrTlsTransport::kMostUnsent);
-      rest.remove_prefix(result.count);
-      if (result.status == ZrTlsStatus::kDone) continue;
-      EXPECT_EQ(result.status, ZrTlsStatus::kWantWrite);
-      ++refusals;
-      return false;
-    }
-    return engine.Flush() == ZrTlsStatus::kDone;
-  }
-};
-
-struct Reader {
-  ZrTlsEngine& engine;
-  std::string text;
-
-  void Step() {
-    char bytes[ZrTlsEngine::kRecord];
-    for (;;) {
-      const ZrTlsResult result = engine.Read(bytes);
-      text.append(bytes, result.count);
-      if (result.status == ZrTlsStatus::kDone) continue;
-      EXPECT_EQ(result.status, ZrTlsStatus::kWantRead);
-      return;
-    }
-  }
-};
-
-TEST_F(TlsTest, MovesMuchBothWaysThroughFullSockets) {
-  Establish();
-  std::string down(12 << 20, '\0');
-  for (std::size_t i = 0; i < down.size(); ++i) down[i] = static_cast<char>(i * 7 + i / 997);
-  const std::string up(down.rbegin(), down.rend());
-  Sender server{*server_, down};
-  Sender client{*client_, up};
-  // Nobody reads at first, so that both ends meet a full socket in the middle of a row of records.
-  EXPECT_FALSE(server.Step());
-  EXPECT_FALSE(client.Step());
-  const std::uint64_t sentBefore = server_->Sent();
-  Reader atClient{*client_, {}};
-  Reader atServer{*server_, {}};
-  const auto stuck = std::chrono::steady_clock::now() + 60s;
-  while (atClient.text.size() < down.size() || atServer.text.size() < up.size()) {
-    ASSERT_LT(std::chrono::steady_clock::now(), stuck);
-    atClient.Step();
-    atServer.Step();
-    server.Step();
-    client.Step();
-  }
-  EXPECT_TRUE(atClient.text == down);
-  EXPECT_TRUE(atServer.text == up);
-  EXPECT_GT(server.refusals, 0U);
-  EXPECT_GT(server_->Sent(), sentBefore);
-}
-
-TEST_F(TlsTest, SaysWhenInputIsLeftThatTheSocketNoLongerAnnounces) {
-  Establish();
-  for (const char* text : {"one", "two", "three"}) client_->Write(text, true);
-  ASSERT_EQ(client_->Flush(), ZrTlsStatus::kDone);  // three records in one segment
-  WaitFor(*far_);
-  std::string all;
-  char bytes[64];
-  do {
-    const ZrTlsResult result = server_->Read(bytes);
-    ASSERT_EQ(result.status, ZrTlsStatus::kDone);
-    all += std::string_view(bytes, result.count);
-    all += server_->HasBufferedInput() ? "+" : ".";
-  } while (server_->HasBufferedInput());
-  EXPECT_EQ(all, "one+two+three.");
-  EXPECT_EQ(server_->Read(bytes).status, ZrTlsStatus::kWantRead);
-}
-
 TEST_F(TlsTest, AnswersAPeerThatEndedItsSide) {
   for (const bool orderly : {true, false}) {
     SCOPED_TRACE(orderly ? "with TLS's end mark" : "with the end of the stream alone");
@@ -179,50 +99,22 @@ TEST_F(TlsTest, AnswersAPeerThatEndedItsSide) {
     EXPECT_EQ(Read(*server_, *far_, bytes).status, ZrTlsStatus::kClosed);
     EXPECT_EQ(server_->Write("answer", false).status, ZrTlsStatus::kDone);
     EXPECT_EQ(server_->Shutdown(), ZrTlsStatus::kDone);
-    EXPECT_EQ(server_->Shutdown(), ZrTlsStatus::kDone);
     Read(*client_, *near_, bytes);
     EXPECT_EQ(bytes, "answer");
     EXPECT_EQ(Read(*client_, *near_, bytes).status, ZrTlsStatus::kClosed);
   }
 }
 
-TEST_F(TlsTest, ABrokenConnectionStaysBroken) {
-  Establish();
-  client_->Write("unread bytes make the peer's end a reset", false);
-  WaitFor(*far_);
-  far_.reset();
-  WaitFor(*near_);
-  char bytes[16];
-  EXPECT_EQ(client_->Read(bytes).status, ZrTlsStatus::kFailed);
-  EXPECT_EQ(client_->Write("more", false).status, ZrTlsStatus::kFailed);
-  EXPECT_EQ(client_->Shutdown(), ZrTlsStatus::kDone);
-}
-
-TEST_F(TlsTest, BytesThatAreNoTlsEndTheServerSide) {
-  MakeServer();
-  std::size_t sent = 0;
-  near_->send("GET / HTTP/1.1\r\n\r\n", 18, sent);
-  WaitFor(*far_);
-  char bytes[16];
-  EXPECT_EQ(server_->Read(bytes).status, ZrTlsStatus::kFailed);
-  EXPECT_EQ(server_->Shutdown(), ZrTlsStatus::kDone);
-}
-
 TEST_F(TlsTest, ClientNamesTheHostButNoAddress) {
-  const struct {
-    std::string name;
-    bool named;
-  } cases[] = {{"localhost", true}, {"127.0.0.1", false}, {"::1", false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    MakeClient(c.name);
+  for (const std::string name : {"localhost", "127.0.0.1", "::1"}) {
+    MakeClient(name);
     EXPECT_EQ(client_->Handshake(), ZrTlsStatus::kWantRead);
     WaitFor(*far_);
     std::string hello(8192, '\0');
     std::size_t count = 0;
     far_->receive(hello.data(), hello.size(), count);
     hello.resize(count);
-    EXPECT_EQ(hello.find(c.name) != std::string::npos, c.named);
+    EXPECT_EQ(hello.find(name) != std::string::npos, name == "localhost") << name;
   }
 }
 
@@ -255,24 +147,6 @@ TEST_F(TlsTest, ClientChecksWhomItTrusts) {
   }
 }
 
-TEST_F(TlsTest, ConnectingEndsInTimeAndWhenCancelled) {
-  MakeClient();
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Failure([&] { client_->ConnectWithin(50ms); }), "Error getting SSL_connect");
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
-  EXPECT_EQ(Failure([&] { client_->ConnectWithin(1h, [] { return true; }); }),
-            "Error getting SSL_connect");
-  std::size_t sent = 0;
-  far_->send("+OK no TLS here\r\n", 17, sent);
-  EXPECT_EQ(Failure([&] { client_->ConnectWithin(20s); }),
-            "Error in TLS handshake: wrong version number");
-  EXPECT_EQ(Failure([&] {
-              ZrTlsEngine none(zr::MakeTlsClientContext().get(), -1, Side::kClient);
-              none.ConnectWithin(20s);
-            }),
-            "Error in TLS handshake: connection closed");
-}
-
 TEST(TlsTransport, RefusesAPeerThatNeverReads) {
   const Loopback pair;
   ZrTlsTransport transport(pair.near_->primaryDescriptor());
@@ -291,14 +165,12 @@ TEST(TlsContext, TellsWhichKeyPairsCannotServe) {
   const auto other = zr::EnsureSelfSignedCertificate(folder.Path("other"));
   const std::string der = folder.Path("cert.der");
   const std::string locked = folder.Path("locked.pem");
-  ASSERT_EQ(zrtest::RunProgram(
-                {"openssl", "x509", "-in", good.certificate, "-outform", "DER", "-out", der})
-                .status,
-            0);
-  ASSERT_EQ(zrtest::RunProgram({"openssl", "pkey", "-in", good.privateKey, "-aes128", "-passout",
-                                "pass:secret", "-out", locked})
-                .status,
-            0);
+  const auto openssl = [](std::vector<std::string> words) {
+    words.insert(words.begin(), "openssl");
+    EXPECT_EQ(zrtest::RunProgram(words).status, 0);
+  };
+  openssl({"x509", "-in", good.certificate, "-outform", "DER", "-out", der});
+  openssl({"pkey", "-in", good.privateKey, "-aes128", "-passout", "pass:x", "-out", locked});
   const std::string chain = folder.Write(
       "chain.pem", zrtest::ReadFile(good.certificate) + zrtest::ReadFile(other.certificate));
   const std::string missing = "(SSL) can't find ca certificate and/or private key";
@@ -308,26 +180,17 @@ TEST(TlsContext, TellsWhichKeyPairsCannotServe) {
     std::string certificate;
     std::string key;
     std::string failure;
-  } cases[] = {{"good", good.certificate, good.privateKey, ""},
-               {"chain file", chain, good.privateKey, ""},
+  } cases[] = {{"chain file", chain, good.privateKey, ""},
                {"no certificate", "", good.privateKey, missing},
                {"no key", good.certificate, "", missing},
                {"missing file", folder.Path("no"), good.privateKey, pair},
-               {"a directory", folder.Path(), good.privateKey, pair},
                {"DER", der, good.privateKey, pair},
                {"encrypted key", good.certificate, locked, pair},
-               {"foreign key", good.certificate, other.privateKey, pair},
-               {"exchanged", good.privateKey, good.certificate, pair}};
+               {"foreign key", good.certificate, other.privateKey, pair}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(Failure([&] { zr::MakeTlsServerContext(c.certificate, c.key); }), c.failure);
   }
-  EXPECT_EQ(Failure([] { ZrTlsEngine none(nullptr, -1, Side::kServer); }),
-            "Error getting SSL context");
-  EXPECT_EQ(Failure([] {
-              zr::MakeTlsClientContext({ZrTlsTrust::Kind::kFile, "/nonexistent"});
-            }),
-            "(SSL) problem with trusted certificates");
 }
 
 }  // namespace

@@ -26,10 +26,11 @@ class RecordingJob : public ZrJob {
     if (handler_) handler_(event);
     return true;
   }
-  /// What came so far, once there are at least so many.
-  std::vector<ZrJobEvent> Received(std::size_t count) {
+  /// What came so far, once there are at least so many or the limit has passed.
+  std::vector<ZrJobEvent> Received(std::size_t count,
+                                   std::chrono::milliseconds limit = std::chrono::seconds(20)) {
     const ZrLock hold(texts_);
-    arrived_.WaitFor(texts_, std::chrono::seconds(20),
+    arrived_.WaitFor(texts_, limit,
                      [&]() ZR_REQUIRES(texts_) { return received_.size() >= count; });
     return received_;
   }

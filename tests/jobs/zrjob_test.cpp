@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "jobs/zrjobregistry.h"
-
 namespace {
 
 TEST(Job, StatesAreApprovedOnceEach) {
@@ -23,22 +21,6 @@ TEST(Job, StatesAreApprovedOnceEach) {
   EXPECT_EQ(job.RequestedState(), 6u);
 }
 
-TEST(Job, DetachForgetsTheAttachedTask) {
-  ZrJob owner;
-  ZrJob member;
-  const std::string task = owner.CreateJoinedTaskFor("housekeeping");
-  EXPECT_EQ(ZrJobRegistry::Instance().TaskText(task), "housekeeping");
-  EXPECT_TRUE(member.Attach(task));
-  EXPECT_EQ(member.AttachedTask(), task);
-  EXPECT_TRUE(member.Detach(""));
-  EXPECT_EQ(member.AttachedTask(), "");
-  EXPECT_FALSE(member.Detach(""));
-  EXPECT_FALSE(member.Attach("joinedtask*nowhere"));
-  EXPECT_EQ(member.AttachedTask(), "joinedtask*nowhere");
-  EXPECT_FALSE(member.LeaveAllJoinedTasks());
-  EXPECT_TRUE(owner.LeaveAllJoinedTasks());
-}
-
 TEST(Job, ARetiredJobJoinsNothing) {
   ZrJob owner;
   const std::string task = owner.CreateJoinedTask("");
@@ -47,7 +29,6 @@ TEST(Job, ARetiredJobJoinsNothing) {
   member.Retire();
   EXPECT_FALSE(member.Attach(task));
   EXPECT_EQ(member.CreateJoinedTask(""), "");
-  member.Retire();
 }
 
 }  // namespace

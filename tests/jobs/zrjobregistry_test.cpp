@@ -36,7 +36,6 @@ TEST_F(JobRegistry, TheLastMemberIsTold) {
   const std::string task = owner->CreateJoinedTask("pair");
   EXPECT_TRUE(member->Attach(task));
   EXPECT_TRUE(registry_.Leave(task, member->JobName()));
-  EXPECT_FALSE(registry_.Leave(task, member->JobName()));
   const ZrJobEvent left = owner->Received(1).front();
   EXPECT_EQ(left.text, "kommt später");
   EXPECT_EQ(left.code, 6u);
@@ -45,8 +44,6 @@ TEST_F(JobRegistry, TheLastMemberIsTold) {
   EXPECT_TRUE(member->Attach(task)) << "the task is there with its owner alone";
   member.reset();
   EXPECT_EQ(owner->Texts(2).back(), "kommt später A");
-  EXPECT_TRUE(owner->LeaveJoinedTask(task));
-  EXPECT_FALSE(owner->LeaveJoinedTask(task));
 }
 
 TEST_F(JobRegistry, TheOwnerClosesTheTaskInSilence) {
@@ -54,7 +51,7 @@ TEST_F(JobRegistry, TheOwnerClosesTheTaskInSilence) {
   const auto a = zr::MakeJob<RecordingJob>();
   const auto b = zr::MakeJob<RecordingJob>();
   const std::string task = owner->CreateJoinedTask("closed");
-  const std::string kept = a->CreateJoinedTask("kept");
+  a->CreateJoinedTask("kept");
   EXPECT_TRUE(registry_.Join(task, *a));
   EXPECT_TRUE(registry_.Join(task, *b));
   EXPECT_TRUE(owner->LeaveJoinedTask(task));
@@ -94,42 +91,12 @@ TEST_F(JobRegistry, ABusyJobDelaysOnlyItsOwnEvents) {
     registry_.Post(other->JobName(), Event("b"));
     EXPECT_EQ(other->Texts(2).size(), 2u);
     EXPECT_TRUE(busy->Received(0).empty());
-    // Nobody asks again and again whether the job is free.
+    // Nobody asks again and again whether the job is free. The wait is for time that must pass.
     const std::clock_t before = std::clock();
-    ZrMutex mutex;
-    ZrCondition never;
-    const ZrLock wait(mutex);
-    never.WaitFor(mutex, std::chrono::milliseconds(300), [] { return false; });
+    EXPECT_EQ(other->Received(3, std::chrono::milliseconds(300)).size(), 2u);
     EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
   }
   EXPECT_EQ(busy->Texts(3), (std::vector<std::string>{"1", "2", "3"}));
-}
-
-TEST_F(JobRegistry, NewEventsStayBehindThoseThatMeetABusyJobLater) {
-  std::atomic<int> entered{0};
-  std::atomic<int> opened{0};
-  const auto blocker = zr::MakeJob<RecordingJob>([&](const ZrJobEvent&) {
-    const int turn = ++entered;
-    EXPECT_TRUE(zrtest::WaitFor([&] { return opened >= turn; }));
-  });
-  const auto busy = zr::MakeJob<RecordingJob>();
-  busy->CreateJoinedTask("");
-  blocker->CreateJoinedTask("");
-  {
-    const ZrLock hold(busy->Lock());
-    registry_.Post(blocker->JobName(), Event(""));
-    EXPECT_TRUE(zrtest::WaitFor([&] { return entered == 1; }));
-    registry_.Post(busy->JobName(), Event("1"));
-    registry_.Post(blocker->JobName(), Event(""));
-    registry_.Post(busy->JobName(), Event("2"));
-    opened = 1;
-    EXPECT_TRUE(zrtest::WaitFor([&] { return entered == 2; }));
-    // The delivery thread has met the first event, not the second.
-    registry_.Post(busy->JobName(), Event("3"));
-    registry_.Deliver(busy->JobName(), Event("4"));
-    opened = 2;
-  }
-  EXPECT_EQ(busy->Texts(4), (std::vector<std::string>{"1", "2", "3", "4"}));
 }
 
 TEST_F(JobRegistry, DeliverRunsHereWhenNothingStandsBefore) {
@@ -139,19 +106,13 @@ TEST_F(JobRegistry, DeliverRunsHereWhenNothingStandsBefore) {
   job->CreateJoinedTask("");
   registry_.Deliver(job->JobName(), Event("inline"));
   EXPECT_EQ(ranOn, std::this_thread::get_id());
-  // From inside a delivery, and under the receiver's own lock, it is queued.
-  const auto outer = zr::MakeJob<RecordingJob>([&](const ZrJobEvent&) {
-    ZrJobRegistry::Instance().Deliver(job->JobName(), Event("nested"));
-  });
-  outer->CreateJoinedTask("");
-  registry_.Deliver(outer->JobName(), Event(""));
-  job->Received(2);
+  // Under the receiver's own lock it is queued.
   {
     const ZrLock hold(job->Lock());
     registry_.Deliver(job->JobName(), Event("under its lock"));
-    EXPECT_EQ(job->Received(0).size(), 2u);
+    EXPECT_EQ(job->Received(0).size(), 1u);
   }
-  EXPECT_EQ(job->Texts(3).back(), "under its lock");
+  EXPECT_EQ(job->Texts(2).back(), "under its lock");
   const ZrLock hold(job->Lock());
   EXPECT_NE(ranOn, std::this_thread::get_id());
 }
@@ -185,7 +146,6 @@ TEST_F(JobRegistry, AJobMayDropItselfFromItsOwnEvent) {
       dropped = true;
     });
     last->CreateJoinedTask("");
-    const std::weak_ptr<FragileJob> watch = last;
     const std::string name = last->JobName();
     if (direct) {
       registry_.Deliver(name, Event("end"));
@@ -193,7 +153,6 @@ TEST_F(JobRegistry, AJobMayDropItselfFromItsOwnEvent) {
       registry_.Post(name, Event("end"));
     }
     EXPECT_TRUE(zrtest::WaitFor([&dropped] { return dropped.load(); }));
-    EXPECT_TRUE(watch.expired());
     registry_.WaitForReaper();
   }
 }
@@ -221,24 +180,22 @@ TEST_F(JobRegistry, ADestructorOnADeliveringThreadMayWait) {
 }
 
 TEST_F(JobRegistry, JobsEndUnderFire) {
-  constexpr int kSenders = 3;
-  constexpr int kLives = 300;
   ZrMutex mutex;
-  std::vector<std::string> names(4);
+  std::string name;
   std::atomic<bool> done{false};
   std::vector<ZrThread> senders;
-  for (int s = 0; s < kSenders; ++s) {
-    senders.push_back(ZrThread::Start("sender", [&, s] {
-      for (unsigned i = 0; !done; ++i) {
-        std::string name;
+  for (const bool direct : {true, false, false}) {
+    senders.push_back(ZrThread::Start("sender", [&, direct] {
+      while (!done) {
+        std::string to;
         {
           const ZrLock hold(mutex);
-          name = names[i % names.size()];
+          to = name;
         }
-        if (s == 0) {
-          ZrJobRegistry::Instance().Deliver(name, Event("direct"));
+        if (direct) {
+          ZrJobRegistry::Instance().Deliver(to, Event("direct"));
         } else {
-          ZrJobRegistry::Instance().Post(name, Event("posted"));
+          ZrJobRegistry::Instance().Post(to, Event("posted"));
         }
         std::this_thread::yield();
       }
@@ -246,14 +203,14 @@ TEST_F(JobRegistry, JobsEndUnderFire) {
   }
   const auto owner = zr::MakeJob<RecordingJob>();
   const std::string task = owner->CreateJoinedTask("under fire");
-  std::vector<std::shared_ptr<FragileJob>> jobs(names.size());
-  for (int i = 0; i < kLives; ++i) {
-    auto& slot = jobs[static_cast<std::size_t>(i) % jobs.size()];
+  std::vector<std::shared_ptr<FragileJob>> jobs(4);
+  for (std::size_t i = 0; i < 300; ++i) {
+    auto& slot = jobs[i % jobs.size()];
     slot = zr::MakeJob<FragileJob>();
     slot->Attach(task);
     {
       const ZrLock hold(mutex);
-      names[static_cast<std::size_t>(i) % names.size()] = slot->JobName();
+      name = slot->JobName();
     }
     if (i % 5 == 0) slot->Received(1);
     if (i % 7 == 0) slot->Detach("");
@@ -261,7 +218,6 @@ TEST_F(JobRegistry, JobsEndUnderFire) {
   }
   done = true;
   senders.clear();
-  jobs.clear();
 }
 
 // Each sender's events arrive in the order in which it sent them, whichever way they take.

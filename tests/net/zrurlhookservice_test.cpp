@@ -1,288 +1,157 @@
-// The pool by itself: its workers only note what they are given.
+// The pool of one target: ten workers, and requests that wait for one.
 
 #include "net/zrurlhookservice.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "http/zrtransceiver.h"
-#include "http/zrxheader.h"
-#include "jobs/zrscheduler.h"
-#include "tests/jobs/recording_job.h"
+#include "tests/support/asking_client.h"
 #include "tests/support/manual_clock.h"
-#include "tests/support/wait.h"
+#include "tests/support/scripted_peer.h"
 
-using zrtest::WaitFor;
+using namespace zrtest;
 
 namespace {
 
-class PoolTest;
+constexpr char kAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 
-class NotingWorker : public ZrTransceiverServerL0 {
+/// A peer that answers when it is told to, and keeps what it was asked for in order.
+class HoldingPeer {
  public:
-  NotingWorker(PoolTest& test, ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-               const std::string& clientName, const std::string& headName,
-               const std::string& ownerName, const ZrServerCallback& callback)
-      : ZrTransceiverServerL0(scheduler, transceiver, clientName, headName, ownerName, callback),
-        test_(test) {
-    persistent_ = false;
-  }
-  bool start() override;
-  bool SendHead(const std::string& connectionName, const std::shared_ptr<ZrXHeader>& head) override;
-  void stop() override {}
-
- private:
-  PoolTest& test_;
-};
-
-class PoolTest : public testing::Test {
- public:
-  struct Given {
-    std::string worker;
-    std::string head;
-  };
-
- protected:
-  PoolTest() { task_ = sender_.CreateJoinedTask("sender"); }
-  ~PoolTest() override {
-    Release();
-    pool_->EndTasks();
-    sender_.Retire();
-  }
-  friend class NotingWorker;
-
-  std::shared_ptr<ZrXHeader> Head() {
-    auto head = zr::MakeJob<ZrXHeader>(ZrMessageType::kGet, zr::kProtocolHttp);
-    head->kind = ZrMessageKind::kRequest;
-    return head;
-  }
-  /// Submits a request and returns its name.
-  std::string Submit() {
-    const auto head = Head();
-    bool startFailed = false;
-    pool_->submit(head, startFailed, false);
-    return head->JobName();
-  }
-  void Tell(std::uint32_t code, const std::string& worker,
-            std::map<std::string, std::string> fields = {}) {
-    ZrJobEvent event;
-    event.code = code;
-    event.jobName = worker;
-    event.fields = std::move(fields);
-    ZrLock hold(pool_->Lock());
-    pool_->ReceiveEvent(event);
-  }
-  std::vector<Given> GivenAfter(std::size_t count) {
-    WaitFor([&] { return Given_().size() >= count; });
-    return Given_();
-  }
-  std::vector<Given> Given_() {
-    ZrLock hold(lock_);
-    return given_;
-  }
-  std::vector<std::string> FailedAfter(std::size_t count) {
-    std::vector<std::string> reasons;
+  /// What each connection does with its first request instead of an answer, once it may.
+  explicit HoldingPeer(std::function<bool(int number, PeerConnection&)> first = {})
+      : peer_([this, first = std::move(first)](int number, PeerConnection& connection) {
+          for (bool again = false;; again = true) {
+            const std::string request = connection.ReadRequest();
+            if (request.empty()) return;
+            {
+              ZrLock hold(lock_);
+              asked_.push_back(request.substr(4, request.find(' ', 4) - 4));
+            }
+            EXPECT_TRUE(WaitFor([&] { return released == kAll || released == number; }));
+            if (!again && first && first(number, connection)) return;
+            connection.Send(kAnswer);
+          }
+        }) {}
+  ~HoldingPeer() { released = kAll; }
+  std::vector<std::string> AskedAfter(std::size_t count) {
+    std::vector<std::string> asked;
     WaitFor([&] {
       ZrLock hold(lock_);
-      reasons = failed_;
-      return failed_.size() >= count;
+      asked = asked_;
+      return asked.size() >= count;
     });
-    return reasons;
-  }
-  /// Starts wait until they are released, and then fail or not.
-  void HoldStarts(bool fail) {
-    ZrLock hold(lock_);
-    holdStarts_ = true;
-    failStarts_ = fail;
-  }
-  void Release() {
-    ZrLock hold(lock_);
-    holdStarts_ = false;
-    released_.NotifyAll();
-  }
-  bool Start() {
-    ZrLock hold(lock_);
-    ++starts_;
-    released_.Wait(lock_, [this]() ZR_REQUIRES(lock_) { return !holdStarts_; });
-    return !failStarts_;
-  }
-  int Starts() {
-    ZrLock hold(lock_);
-    return starts_;
-  }
-  void FailSends(bool fail) {
-    ZrLock hold(lock_);
-    failSends_ = fail;
+    return asked;
   }
 
+  static constexpr int kAll = -1;
+  std::atomic<int> released{1000};  // the number of a connection, or all
+
+ private:
   ZrMutex lock_;
-  ZrCondition released_;
-  std::vector<Given> given_ ZR_GUARDED_BY(lock_);
-  std::vector<std::string> failed_ ZR_GUARDED_BY(lock_);
-  bool holdStarts_ ZR_GUARDED_BY(lock_) = false;
-  bool failStarts_ ZR_GUARDED_BY(lock_) = false;
-  int starts_ ZR_GUARDED_BY(lock_) = 0;
-  bool failSends_ ZR_GUARDED_BY(lock_) = false;
+  std::vector<std::string> asked_ ZR_GUARDED_BY(lock_);
+  ScriptedPeer peer_;
 
-  zrtest::ManualClock clock_;
-  zrtest::RecordingJob sender_;
-  std::string task_;
-  ZrRinvalScheduler2 scheduler_;
-  ZrTransceiver transceiver_{scheduler_, {}, clock_};
-  std::shared_ptr<ZrURLHookService> pool_ = zr::MakeServer<ZrURLHookService>(
-      scheduler_, transceiver_, sender_.JobName(),
-      [this](ZrServerCallback_t& record) {
-        if (record.kind != ZrServerCallback_t::kRequestFailed) return true;
-        ZrLock hold(lock_);
-        failed_.push_back(record.info.Get("reason"));
-        return true;
-      },
-      [this](ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-             const std::string& clientName, const std::string& headName,
-             const std::shared_ptr<ZrXHeader>&, const std::string& ownerName,
-             const ZrServerCallback&) -> std::shared_ptr<ZrTransceiverServerL0> {
-        return zr::MakeServer<NotingWorker>(*this, scheduler, transceiver, clientName, headName,
-                                            ownerName, ZrServerCallback());
-      },
-      "owner");
+ public:
+  const ScriptedPeer& Peer() const { return peer_; }
 };
 
-bool NotingWorker::start() { return test_.Start(); }
-
-bool NotingWorker::SendHead(const std::string&, const std::shared_ptr<ZrXHeader>& head) {
-  ZrLock hold(test_.lock_);
-  test_.given_.push_back({JobName(), head->JobName()});
-  if (test_.failSends_) throw std::bad_function_call();
-  return true;
-}
-
-TEST_F(PoolTest, RequestsBeyondTenWaitAndGoOutInOrder) {
+/// Sends that many requests, one after the other; returns their names.
+std::vector<std::string> SendAll(AskingBed& bed, int port, int count) {
   std::vector<std::string> names;
-  for (int i = 0; i < 13; ++i) names.push_back(Submit());
-  EXPECT_EQ(Starts(), 10);
-  EXPECT_EQ(pool_->waitingCount(), 3u);
-  EXPECT_EQ(pool_->load(), 13u);
-
-  const std::string busy = Given_()[4].worker;
-  for (std::size_t next = 10; next < 13; ++next) {
-    Tell(kZrEventWorkerDone, busy);
-    const auto given = GivenAfter(next + 1);
-    ASSERT_EQ(given.size(), next + 1);
-    EXPECT_EQ(given.back().worker, busy);
-    EXPECT_EQ(given.back().head, names[next]);
+  for (int i = 0; i < count; ++i) {
+    const auto head = AskingBed::Request(port, "/" + std::to_string(i));
+    names.push_back(head->JobName());
+    bed.client->SendMessage(head, true);
   }
-  Tell(kZrEventWorkerDone, busy);
-  EXPECT_EQ(pool_->load(), 9u);
-  EXPECT_EQ(Starts(), 10);
+  return names;
 }
 
-TEST_F(PoolTest, AFinishedTaskIsPassedOnToTheSender) {
-  Submit();
-  Tell(kZrEventWorkerDone, Given_()[0].worker, {{"ctask", "joinedtask*1"}});
-  const auto events = sender_.Received(1);
-  ASSERT_EQ(events.size(), 1u);
-  EXPECT_EQ(events[0].code, std::uint32_t{kZrEventLastMember});
-  EXPECT_EQ(events[0].fields.at("ctask"), "joinedtask*1");
+TEST(Pool, RequestsBeyondTenWaitForAWorkerAndGoOutInOrder) {
+  HoldingPeer peer;
+  // An owner whose callback fails, when it is told of a request that went out, holds nobody up.
+  std::atomic<bool> fails{false};
+  AskingBed bed(ZrClock::System(), [&fails](ZrServerCallback_t& record) {
+    if (fails && record.kind == ZrServerCallback_t::kMessageLogged) throw std::bad_function_call();
+    return true;
+  });
+  const auto names = SendAll(bed, peer.Peer().Port(), 13);
+  ASSERT_EQ(peer.AskedAfter(10).size(), 10u);
+  EXPECT_TRUE(bed.client->Outcomes().empty());
+  fails = true;
+  peer.released = 4;  // one worker alone serves those that wait
+  const auto asked = peer.AskedAfter(13);
+  EXPECT_EQ(std::vector<std::string>(asked.begin() + 10, asked.end()),
+            (std::vector<std::string>{"/10", "/11", "/12"}));
+  peer.released = HoldingPeer::kAll;
+  for (const std::string& name : names) EXPECT_EQ(bed.OutcomeOf(name), "200 ok");
+  EXPECT_EQ(peer.Peer().Count(), 10);
 }
 
-TEST_F(PoolTest, AnIdleWorkerPastItsTimeIsReplaced) {
-  Submit();
-  const std::string first = Given_()[0].worker;
-  Tell(kZrEventWorkerDone, first);
-  clock_.Advance(std::chrono::seconds(121));
-  Submit();
-  ASSERT_EQ(Given_().size(), 2u);
-  EXPECT_NE(Given_()[1].worker, first);
-  EXPECT_EQ(pool_->load(), 1u);
-}
-
-TEST_F(PoolTest, AWorkerThatDropsOutMakesRoomForAWaitingRequest) {
+TEST(Pool, AWorkerThatDropsOutMakesRoomForAWaitingRequest) {
   struct Case {
-    const char* name;
-    std::uint32_t code;
-    bool resent;  // what the worker had goes out once more, before the one that waits
+    const char* sent;  // by a connection that then closes
+    std::size_t answers;
   };
-  const Case cases[] = {{"its time limit", kZrEventTimeLimit, false},
-                        {"no answer", kZrEventUnanswered, true}};
-  for (int i = 0; i < 10; ++i) Submit();
-  std::size_t given = 10;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto dropped = Given_()[c.resent ? 1 : 0];
-    const std::string waiting = Submit();
-    EXPECT_EQ(pool_->waitingCount(), 1u);
-    Tell(c.code, dropped.worker, {{"reason", "connection closed"}, {"resend", "yes"}});
-    given += 1;
-    ASSERT_EQ(GivenAfter(given).size(), given);
-    EXPECT_EQ(Given_().back().head, c.resent ? dropped.head : waiting);
-    EXPECT_NE(Given_().back().worker, dropped.worker);
-  }
-  EXPECT_EQ(FailedAfter(1), std::vector<std::string>{"timed out"});
-  EXPECT_EQ(pool_->waitingCount(), 1u);
-}
-
-TEST_F(PoolTest, ARequestIsSentTwiceAtMost) {
-  const std::string head = Submit();
-  for (std::size_t attempt = 1; attempt <= 2; ++attempt) {
-    const auto given = GivenAfter(attempt);
-    ASSERT_EQ(given.size(), attempt);
-    EXPECT_EQ(given.back().head, head);
-    Tell(kZrEventUnanswered, given.back().worker,
-         {{"reason", "connection closed"}, {"error", ""}, {"resend", "yes"}});
-  }
-  EXPECT_EQ(FailedAfter(1), std::vector<std::string>{"connection closed"});
-  const auto events = sender_.Received(1);
-  EXPECT_EQ(events.at(0).fields.at("head"), head);
-  EXPECT_EQ(events.at(0).fields.at("reason"), "connection closed");
-  EXPECT_EQ(pool_->load(), 0u);
-}
-
-// As an owner's callback does that fails when it is told of the request that went out.
-TEST_F(PoolTest, ASendThatThrowsHoldsNobodyUp) {
-  for (int i = 0; i < 12; ++i) Submit();
-  FailSends(true);
-  Tell(kZrEventWorkerDone, Given_()[0].worker);
-  ASSERT_EQ(GivenAfter(11).size(), 11u);
-  FailSends(false);
-  Tell(kZrEventWorkerDone, Given_()[1].worker);
-  EXPECT_EQ(GivenAfter(12).size(), 12u);
-}
-
-TEST_F(PoolTest, StartsHoldNothingUpAndTheirFailureIsTold) {
-  HoldStarts(true);
-  std::vector<std::thread> senders;
-  std::atomic<int> refused{0};
-  for (int i = 0; i < 10; ++i) {
-    senders.emplace_back([this, &refused] {
-      bool startFailed = false;
-      const auto head = Head();
-      if (pool_->submit(head, startFailed, false) == head && startFailed) ++refused;
+  // Where nothing of an answer came, the request goes out once more, before the one that waits.
+  for (const Case& c : {Case{"", 11}, Case{"HTTP/1.1 200 OK\r\nContent-Le", 10}}) {
+    SCOPED_TRACE(c.sent);
+    HoldingPeer peer([&c](int number, PeerConnection& connection) {
+      return number == 4 && connection.Send(c.sent);
     });
+    AskingBed bed;
+    SendAll(bed, peer.Peer().Port(), 11);
+    const auto before = peer.AskedAfter(10);
+    ASSERT_EQ(before.size(), 10u);
+    peer.released = 4;
+    const auto after = peer.AskedAfter(11);
+    ASSERT_EQ(after.size(), 11u);
+    EXPECT_EQ(after.back() == "/10", c.answers == 10);
+    peer.released = HoldingPeer::kAll;
+    ASSERT_TRUE(WaitFor([&] { return bed.client->Outcomes().size() == 11; }));
+    std::multiset<std::string> outcomes;
+    for (const auto& [name, outcome] : bed.client->Outcomes()) outcomes.insert(outcome.Text());
+    EXPECT_EQ(outcomes.count("200 ok"), c.answers);
+    EXPECT_EQ(outcomes.count("unreadable answer"), 11 - c.answers);
   }
-  ASSERT_TRUE(WaitFor([&] { return Starts() == 10; }));
-  // All places are taken by starts that hang; the pool answers all the same.
-  Submit();
-  Submit();
-  EXPECT_EQ(pool_->waitingCount(), 2u);
-  EXPECT_EQ(pool_->load(), 12u);
-  Release();
-  for (std::thread& sender : senders) sender.join();
-  EXPECT_EQ(refused, 10);
-  // Those that waited got their own attempts.
-  EXPECT_EQ(FailedAfter(12).size(), 12u);
-  EXPECT_EQ(Starts(), 12);
-  EXPECT_EQ(pool_->load(), 0u);
 }
 
-TEST_F(PoolTest, WithoutAFactoryTheCallThrows) {
-  const auto pool = zr::MakeServer<ZrURLHookService>(scheduler_, transceiver_, sender_.JobName(),
-                                                     ZrServerCallback(), nullptr, "owner");
-  bool startFailed = false;
-  EXPECT_THROW(pool->submit(Head(), startFailed, false), std::bad_function_call);
-  EXPECT_EQ(pool->load(), 0u);
+TEST(Pool, AnIdleWorkerPastItsTimeIsReplaced) {
+  ManualClock clock;
+  HoldingPeer peer;
+  peer.released = HoldingPeer::kAll;
+  AskingBed bed(clock);
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Peer().Port())), "200 ok");
+  clock.Advance(std::chrono::seconds(121));
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Peer().Port())), "200 ok");
+  EXPECT_EQ(peer.Peer().Count(), 2);
+}
+
+TEST(Pool, StartsHoldNothingUpAndTheirFailureIsTold) {
+  std::atomic<bool> released{false};
+  ScriptedPeer peer([&](int, PeerConnection&) {  // silent in the handshake, then gone
+    EXPECT_TRUE(WaitFor([&] { return released.load(); }));
+  });
+  AskingBed bed;
+  const auto send = [&] {
+    bed.client->SendMessage(AskingBed::Request(peer.Port(), "/", {}, zr::kProtocolHttps), true);
+  };
+  std::vector<std::thread> senders;
+  for (int i = 0; i < 10; ++i) senders.emplace_back(send);
+  EXPECT_TRUE(WaitFor([&] { return peer.Count() == 10; }));
+  // All places are taken by starts that hang; the pool takes more all the same.
+  send();
+  send();
+  EXPECT_TRUE(bed.client->Outcomes().empty());
+  released = true;
+  for (std::thread& sender : senders) sender.join();
+  // Those that waited got their own attempts.
+  EXPECT_TRUE(WaitFor([&] { return bed.client->Outcomes().size() == 12; }));
+  EXPECT_EQ(peer.Count(), 12);
 }
 
 }  // namespace

@@ -8,9 +8,7 @@
 #include "tests/support/temporary_folder.h"
 #include "tests/support/wait.h"
 
-using zrtest::ReadFile;
-using zrtest::TemporaryFolder;
-using zrtest::WaitFor;
+using namespace zrtest;
 
 TEST(DetachedProgram, StartsWithTheWordsGivenAndLeavesNoChild) {
   const TemporaryFolder folder;

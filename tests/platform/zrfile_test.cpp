@@ -57,7 +57,6 @@ TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
   } cases[] = {
       {"plain", "page.txt", "page"},
       {"dots inside a name", "sub/a..b", "dots"},
-      {"more separators", "//sub///a..b", "dots"},
       {"backslash is a character", "odd\\name", "backslash"},
       {"link inside", "inside", "dots"},
       {"link with parent piece inside", "round", "page"},
@@ -65,12 +64,10 @@ TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
       {"directory", "sub", ""},
       {"the start itself", "/", ""},
       {"empty", "", nullptr},
-      {"missing", "nothing", nullptr},
       {"file as directory", "page.txt/", nullptr},
       {"NUL byte", "page.txt\0.html"s, nullptr},
       {"parent first", "../secret.txt", nullptr},
       {"parent that stays inside", "sub/../page.txt", nullptr},
-      {"parent last", "sub/..", nullptr},
       {"link out", "out", nullptr},
       {"absolute link out", "absolute-out", nullptr},
       {"link to a neighbour with the same beginning", "neighbour/page.txt", nullptr},
@@ -87,11 +84,8 @@ TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
     EXPECT_EQ(file->IsDirectory(), *c.content == '\0');
     EXPECT_EQ(file->IsDirectory() ? "" : Content(*file), c.content);
   }
-}
-
-TEST_F(BeneathTest, TakesTheStoredFormOfTheDirectoryOnly) {
-  std::string stored = folder_.Path("site") + "\\sub\\";
-  EXPECT_NE(ZrFile::OpenBeneath(stored, "a..b"), nullptr);
+  // The directory alone takes the stored form, and there must be one.
+  EXPECT_NE(ZrFile::OpenBeneath(folder_.Path("site") + "\\sub\\", "a..b"), nullptr);
   EXPECT_EQ(ZrFile::OpenBeneath("", "page.txt"), nullptr);
   EXPECT_EQ(ZrFile::OpenBeneath(folder_.Path("site/page.txt"), "/"), nullptr);
 }
@@ -101,22 +95,17 @@ TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   ASSERT_NE(file, nullptr);
   ASSERT_EQ(zr::ReplaceFile(folder_.Path("site/page.txt"), "other page", 0600), 0);
   EXPECT_EQ(Content(*file), "page");
-  std::array<char, 8> rest{};
-  EXPECT_EQ(file->ReadAt(2, rest), 2U);
-  EXPECT_EQ(file->ReadAt(4, rest), 0U);
-  EXPECT_EQ(file->ReadAt(~std::uint64_t{0}, rest), 0U);
-}
 
-TEST_F(BeneathTest, LengthsGoBeyond32Bits) {
-  constexpr std::uint64_t kHuge = (std::uint64_t{5} << 30) + 3;
+  constexpr std::uint64_t kHuge = (std::uint64_t{5} << 30) + 3;  // more than 32 bits hold
   folder_.Write("site/huge", "");
   std::filesystem::resize_file(folder_.Path("site/huge"), kHuge);  // sparse: takes no disk
-  const auto file = ZrFile::OpenBeneath(folder_.Path("site"), "huge");
-  ASSERT_NE(file, nullptr);
-  EXPECT_EQ(file->Size(), kHuge);
+  const auto huge = ZrFile::OpenBeneath(folder_.Path("site"), "huge");
+  ASSERT_NE(huge, nullptr);
+  EXPECT_EQ(huge->Size(), kHuge);
   std::array<char, 8> end{'x', 'x', 'x', 'x'};
-  EXPECT_EQ(file->ReadAt(kHuge - 3, end), 3U);
+  EXPECT_EQ(huge->ReadAt(kHuge - 3, end), 3U);
   EXPECT_EQ(end[2], '\0');
+  EXPECT_EQ(huge->ReadAt(~std::uint64_t{0}, end), 0U);
 }
 
 TEST(WholeFile, ReplacesInOneStepAndReadsWithinALimit) {
@@ -124,12 +113,10 @@ TEST(WholeFile, ReplacesInOneStepAndReadsWithinALimit) {
   const std::string path = folder.Path("deep/er/file");
   EXPECT_EQ(zr::ReplaceFile(path, "x", 0600), ENOENT);
   ASSERT_EQ(zr::MakeDirectories(folder.Path("deep/er"), 0700), 0);
-  ASSERT_EQ(zr::MakeDirectories(folder.Path("deep/er/"), 0700), 0);
   ASSERT_EQ(zr::ReplaceFile(path, "12345", 0640), 0);
   struct stat status {};
   ASSERT_EQ(::stat(path.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0640U);
-  EXPECT_EQ(zr::MakeDirectories(path + "/below", 0700), ENOTDIR);
 
   int error = 0;
   EXPECT_EQ(zr::ReadWholeFile(path, 5, &error), "12345");
@@ -137,15 +124,8 @@ TEST(WholeFile, ReplacesInOneStepAndReadsWithinALimit) {
   EXPECT_EQ(error, EFBIG);
   EXPECT_EQ(zr::ReadWholeFile(folder.Path("deep"), 9, &error), std::nullopt);
   EXPECT_EQ(error, EISDIR);
-  EXPECT_EQ(zr::ReadWholeFile(folder.Path("no"), 9, &error), std::nullopt);
-  EXPECT_EQ(error, ENOENT);
   // Its status says 0 bytes, as for all files of that file system.
   EXPECT_TRUE(zr::ReadWholeFile("/proc/self/status", 1 << 20)->starts_with("Name:"));
-
-  EXPECT_EQ(zr::DirectoryNames(folder.Path("deep/er")), std::vector<std::string>{"file"});
-  EXPECT_EQ(zr::RemoveFile(path), 0);
-  EXPECT_EQ(zr::RemoveFile(path), 0);
-  EXPECT_EQ(zr::PathKind(path), zr::ZrPathKind::kMissing);
 }
 
 TEST(AppendFile, KeepsTheOldFileWhenTheNewOneCannotBeOpened) {

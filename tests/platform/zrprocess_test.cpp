@@ -33,17 +33,15 @@ std::string ReadToEnd(int descriptor) {
 class ProcessTest : public ::testing::Test {
  protected:
   std::error_code StartShell(const std::string& script) {
-    return Start({.program = "sh", .arguments = {"-c", script}, .environment = &environment_});
-  }
-  std::error_code Start(ZrProcessStart start) {
     EXPECT_FALSE(zr::MakePipe(output_));
     EXPECT_FALSE(zr::SetNonBlocking(output_.read.Get()));
+    ZrProcessStart start{
+        .program = "sh", .arguments = {"-c", script}, .environment = &environment_};
     start.standardOutput = start.standardError = output_.write.Get();
     const std::error_code failed = process_.Start(start);
     output_.write.Close();
     return failed;
   }
-  std::string Output() { return ReadToEnd(output_.read.Get()); }
 
   ZrEnvironment environment_ = ZrEnvironment::OfThisProcess();
   zr::Pipe output_;
@@ -58,8 +56,6 @@ TEST_F(ProcessTest, ChildHasOnlyItsOwnVariablesDescriptorsAndSignals) {
   ASSERT_TRUE(environment_.Set("A", "1"));
   ASSERT_TRUE(environment_.Set("AB", "2"));
   ASSERT_TRUE(environment_.Set("A", "3"));
-  EXPECT_FALSE(environment_.Set("N", std::string_view("x\0y", 3)));
-  EXPECT_FALSE(environment_.Set("N=", ""));
   ASSERT_FALSE(
       StartShell("/usr/bin/env | grep -v -e ^PWD= -e ^_= -e ^OLDPWD= -e ^SHLVL= | sort; ls "
                  "/proc/self/fd | wc -l;"
@@ -68,27 +64,11 @@ TEST_F(ProcessTest, ChildHasOnlyItsOwnVariablesDescriptorsAndSignals) {
                  "set -- $(cat /proc/$$/stat); [ $5 = $$ ] && echo leader"));
   // "ls" itself holds a fourth descriptor, the folder. The masks' last digits cover signals 1 to
   // 28; above 31 come two that belong to the C library and are not ours to change.
-  EXPECT_EQ(Output(), "A=3\nAB=2\n4\nBlk 0000000\nIgn 0000000\nno input\nleader\n");
+  EXPECT_EQ(ReadToEnd(output_.read.Get()),
+            "A=3\nAB=2\n4\nBlk 0000000\nIgn 0000000\nno input\nleader\n");
   EXPECT_EQ(process_.Collect(), 0);
-  EXPECT_FALSE(process_.IsHeld());
   std::signal(SIGTERM, previous);
   std::fclose(hostFile);
-}
-
-TEST_F(ProcessTest, ProgramTextIsAFileName) {
-  for (const char* program : {"/bin/echo hello", "zr-no-such-program", ""}) {
-    EXPECT_EQ(Start({.program = program, .environment = &environment_}),
-              std::errc::no_such_file_or_directory);
-    EXPECT_FALSE(process_.IsHeld());
-  }
-  EXPECT_EQ(zr::FindProgram("sh", "/zr/none:/bin"), "/bin/sh");
-  EXPECT_EQ(zr::FindProgram("sh", "/zr/none"), std::nullopt);
-}
-
-TEST_F(ProcessTest, HeldChildEndsWithItsObject) {
-  ASSERT_FALSE(StartShell("sleep 1000"));
-  process_ = ZrProcess();
-  EXPECT_EQ(Output(), "");
 }
 
 TEST_F(ProcessTest, HostThatCollectsItsChildrenIsSurvived) {
@@ -96,7 +76,6 @@ TEST_F(ProcessTest, HostThatCollectsItsChildrenIsSurvived) {
   ASSERT_FALSE(StartShell("exit 3"));
   EXPECT_TRUE(process_.WaitForEnd(steady_clock::now() + seconds(20)));
   EXPECT_TRUE(process_.HasEnded());
-  process_.KillGroup();
   EXPECT_EQ(process_.Collect(), std::nullopt);
   std::signal(SIGCHLD, previous);
 }

@@ -68,10 +68,11 @@ class AskingClient : public ZrTransceiverClient {
 /// A transceiver with one asking client.
 class AskingBed {
  public:
-  explicit AskingBed(const ZrClock& clock = ZrClock::System())
+  explicit AskingBed(
+      const ZrClock& clock = ZrClock::System(),
+      const ZrServerCallback& callback = [](ZrServerCallback_t&) { return true; })
       : transceiver(scheduler, zr::ProtocolServers(zr::OutgoingPools()), clock),
-        client(zr::MakeJob<AskingClient>([](ZrServerCallback_t&) { return true; }, ZrOptionMap(),
-                                         nullptr, nullptr)) {
+        client(zr::MakeJob<AskingClient>(callback, ZrOptionMap(), nullptr, nullptr)) {
     transceiver.AddClient(client);
   }
   ~AskingBed() { Stop(); }

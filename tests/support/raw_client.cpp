@@ -2,60 +2,47 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <utility>
+#include "platform/zrsocket.h"
 
 namespace zrtest {
 
-RawClient::RawClient(int port, int receiveWindow) {
-  descriptor_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+using namespace std::chrono_literals;
+
+RawClient::RawClient(int port, int receiveWindow)
+    : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   if (receiveWindow > 0) {
-    setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveWindow, sizeof receiveWindow);
+    setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVBUF, &receiveWindow, sizeof receiveWindow);
   }
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
   peer.sin_port = htons(static_cast<std::uint16_t>(port));
   peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(descriptor_, reinterpret_cast<sockaddr*>(&peer), sizeof peer) != 0) {
-    close(descriptor_);
-    descriptor_ = -1;
+  if (connect(socket_.Get(), reinterpret_cast<sockaddr*>(&peer), sizeof peer) != 0) {
+    socket_.Close();
   }
 }
-
-RawClient::~RawClient() {
-  if (descriptor_ >= 0) {
-    close(descriptor_);
-  }
-}
-
-RawClient::RawClient(RawClient&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)), closed_(other.closed_) {}
 
 bool RawClient::Send(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t sent = send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent <= 0) {
-      return false;
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(sent));
+    const ZrIoResult result = zr::SendBytes(socket_.Get(), bytes);
+    bytes.remove_prefix(result.count);
+    if (result.status == ZrIoStatus::kDone) continue;
+    if (result.status != ZrIoStatus::kWouldBlock) return false;
+    if (zr::WaitWritable(socket_.Get(), 60s) != ZrWaitStatus::kReady) return false;
   }
   return true;
 }
 
-void RawClient::FinishSending() { shutdown(descriptor_, SHUT_WR); }
+void RawClient::FinishSending() { zr::ShutdownSend(socket_.Get()); }
 
 std::string RawClient::ReadSome(std::size_t capacity, std::chrono::seconds limit) {
-  pollfd readable{descriptor_, POLLIN, 0};
-  if (poll(&readable, 1, static_cast<int>(limit.count() * 1000)) != 1) {
-    return {};
-  }
+  if (zr::WaitReadable(socket_.Get(), limit) != ZrWaitStatus::kReady) return {};
   std::string bytes(capacity, '\0');
-  const ssize_t count = recv(descriptor_, bytes.data(), bytes.size(), 0);
-  closed_ = count == 0;
-  bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  const ZrIoResult result = zr::ReceiveBytes(socket_.Get(), bytes);
+  closed_ = result.status == ZrIoStatus::kClosed && result.error == 0;
+  bytes.resize(result.count);
   return bytes;
 }
 
@@ -63,9 +50,7 @@ std::string RawClient::ReadUntil(std::string_view end) {
   std::string all;
   while (all.find(end) == std::string::npos) {
     const std::string more = ReadSome();
-    if (more.empty()) {
-      break;
-    }
+    if (more.empty()) break;
     all += more;
   }
   return all;
@@ -73,19 +58,15 @@ std::string RawClient::ReadUntil(std::string_view end) {
 
 std::string RawClient::ReadToEnd(bool* ended) {
   std::string all;
-  for (std::string more = ReadSome(); !more.empty(); more = ReadSome()) {
-    all += more;
-  }
-  if (ended != nullptr) {
-    *ended = closed_;
-  }
+  for (std::string more = ReadSome(); !more.empty(); more = ReadSome()) all += more;
+  if (ended != nullptr) *ended = closed_;
   return all;
 }
 
 void RawClient::Reset() {
   const linger now{1, 0};
-  setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-  close(std::exchange(descriptor_, -1));
+  setsockopt(socket_.Get(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+  socket_.Close();
 }
 
 }  // namespace zrtest

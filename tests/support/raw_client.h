@@ -4,6 +4,9 @@
 #include <chrono>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "platform/zrdescriptor.h"
 
 namespace zrtest {
 
@@ -12,11 +15,10 @@ class RawClient {
   /// Connects; Connected() is false when nobody listens there. A receive window of that many bytes
   /// (0: the system's choice) makes a slow reader.
   explicit RawClient(int port, int receiveWindow = 0);
-  ~RawClient();
-  RawClient(RawClient&& other) noexcept;
-  RawClient& operator=(RawClient&&) = delete;
+  /// One end of a connection that is there.
+  explicit RawClient(ZrDescriptor socket) : socket_(std::move(socket)) {}
 
-  bool Connected() const { return descriptor_ >= 0; }
+  bool Connected() const { return socket_.IsOpen(); }
   /// False when the peer no longer takes bytes.
   bool Send(std::string_view bytes);
   /// No more bytes from this side; reading goes on.
@@ -32,7 +34,7 @@ class RawClient {
   void Reset();
 
  private:
-  int descriptor_ = -1;
+  ZrDescriptor socket_;
   bool closed_ = false;
 };
 

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,49 +12,49 @@
 #include <utility>
 
 namespace zrtest {
+namespace {
+
+/// The texts and a null pointer behind them, as exec takes them.
+std::vector<char*> Pointers(const std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+}  // namespace
 
 BackgroundProgram::BackgroundProgram(const std::vector<std::string>& arguments,
                                      const std::optional<std::string>& input,
                                      const std::vector<std::string>& environment) {
-  std::vector<char*> words;
-  for (const std::string& word : arguments) {
-    words.push_back(const_cast<char*>(word.c_str()));
-  }
-  words.push_back(nullptr);
-  std::vector<char*> entries;
-  for (const std::string& entry : environment) {
-    entries.push_back(const_cast<char*>(entry.c_str()));
-  }
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    entries.push_back(*entry);
-  }
+  std::vector<char*> entries = Pointers(environment);
+  entries.pop_back();
+  for (char** entry = environ; *entry != nullptr; ++entry) entries.push_back(*entry);
   entries.push_back(nullptr);
-
-  const std::string in = files_.Write("in", input.value_or(""));
-  int open[2] = {-1, -1};
-  if (!input && pipe2(open, O_CLOEXEC) != 0) {
+  const std::vector<char*> words = Pointers(arguments);
+  int in[2] = {-1, -1};
+  if (input) {
+    in[0] = open(files_.Write("in", *input).c_str(), O_RDONLY | O_CLOEXEC);
+  } else if (pipe2(in, O_CLOEXEC) != 0) {
     throw std::runtime_error("no pipe");
   }
-  const std::string out = files_.Path("out");
-  const std::string err = files_.Path("err");
-  posix_spawn_file_actions_t streams;
-  posix_spawn_file_actions_init(&streams);
-  if (input) {
-    posix_spawn_file_actions_addopen(&streams, 0, in.c_str(), O_RDONLY, 0);
-  } else {
-    posix_spawn_file_actions_adddup2(&streams, open[0], 0);
-    input_ = open[1];
+  input_ = in[1];
+  const auto create = [this](const char* name) {
+    return open(files_.Path(name).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  };
+  const int streams[] = {in[0], create("out"), create("err")};
+  const pid_t parent = getpid();
+  id_ = fork();
+  if (id_ == 0) {
+    // A test program that is killed, as by its time limit, leaves nothing running behind.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);
+    for (int i = 0; i < 3; ++i) dup2(streams[i], i);
+    execvpe(words[0], words.data(), entries.data());
+    _exit(127);
   }
-  posix_spawn_file_actions_addopen(&streams, 1, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  posix_spawn_file_actions_addopen(&streams, 2, err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  const int failure = posix_spawnp(&id_, words[0], &streams, nullptr, words.data(), entries.data());
-  posix_spawn_file_actions_destroy(&streams);
-  if (!input) {
-    close(open[0]);
-  }
-  if (failure != 0) {
-    throw std::runtime_error("cannot run " + arguments.at(0));
-  }
+  for (const int stream : streams) close(stream);
+  if (id_ < 0) throw std::runtime_error("cannot run " + arguments.at(0));
   // The C library of this age declares pidfd_open without C linkage.
   watch_ = static_cast<int>(syscall(SYS_pidfd_open, id_, 0));
 }
@@ -69,25 +69,17 @@ BackgroundProgram::~BackgroundProgram() {
 }
 
 void BackgroundProgram::EndInput() {
-  if (input_ >= 0) {
-    close(std::exchange(input_, -1));
-  }
+  if (input_ >= 0) close(std::exchange(input_, -1));
 }
 
 void BackgroundProgram::Signal(int number) const {
-  if (status_ < 0) {
-    kill(id_, number);
-  }
+  if (status_ < 0) kill(id_, number);
 }
 
 bool BackgroundProgram::WaitForEnd(std::chrono::seconds limit) {
-  if (status_ >= 0) {
-    return true;
-  }
+  if (status_ >= 0) return true;
   pollfd ended{watch_, POLLIN, 0};
-  if (poll(&ended, 1, static_cast<int>(limit.count() * 1000)) != 1) {
-    return false;
-  }
+  if (poll(&ended, 1, static_cast<int>(limit.count() * 1000)) != 1) return false;
   int status = 0;
   waitpid(id_, &status, 0);
   status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

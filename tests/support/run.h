@@ -11,8 +11,9 @@
 
 namespace zrtest {
 
-/// A program running beside the test; ended and reaped with the object. The first argument is the
-/// program, looked up on PATH when it has no "/".
+/// A program running beside the test; ended and reaped with the object, killed with the thread that
+/// started it. The first argument is the program, looked up on PATH when it has no "/"; one that
+/// cannot be run ends with status 127.
 class BackgroundProgram {
  public:
   /// The environment entries ("NAME=value") come before those of the test program. Without input

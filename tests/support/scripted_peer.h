@@ -5,30 +5,24 @@
 #include <atomic>
 #include <functional>
 #include <string>
-#include <string_view>
 #include <thread>
-#include <vector>
 
 #include "platform/zrdescriptor.h"
-#include "platform/zrsync.h"
+#include "tests/support/raw_client.h"
 
 namespace zrtest {
 
 /// One accepted connection, closed with the object.
-class PeerConnection {
+class PeerConnection : public RawClient {
  public:
-  explicit PeerConnection(ZrDescriptor socket) : socket_(std::move(socket)) {}
+  using RawClient::RawClient;
   /// Reads a whole request, head and declared body; empty when the other side ended first.
   std::string ReadRequest();
   /// Reads until at least that many bytes have come in all.
   std::string ReadBytes(std::size_t count);
-  bool Send(std::string_view bytes);
-  /// Returns when the other side has ended the connection; false when it does not within a limit.
-  bool WaitForEnd();
 
  private:
   bool ReadMore();
-  ZrDescriptor socket_;
   std::string unread_;
 };
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -54,12 +55,13 @@ class ServerBed {
     transceiver.RemoveClient(handler);
   }
 
-  /// Opens a server of that protocol kind and waits until it listens; returns its port, 0 when it
-  /// does not.
+  /// Opens a server of that protocol kind and waits until it listens; returns its port.
   int Open(std::uint32_t kind, const std::map<std::string, std::string>& options = {}) {
     const std::size_t before = Records(ZrServerCallback_t::kListening).size();
     Start(kind, options);
-    if (!WaitFor([&] { return Records(ZrServerCallback_t::kListening).size() > before; })) return 0;
+    if (!WaitFor([&] { return Records(ZrServerCallback_t::kListening).size() > before; })) {
+      throw std::runtime_error("no server");
+    }
     return std::stoi(Records(ZrServerCallback_t::kListening).back().info.Get("port"));
   }
   void Start(std::uint32_t kind, const std::map<std::string, std::string>& options) {

@@ -10,9 +10,7 @@ namespace zrtest {
 
 TemporaryFolder::TemporaryFolder() {
   std::string name = (std::filesystem::temp_directory_path() / "velkoro_test_XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) {
-    throw std::runtime_error("no temporary folder: " + name);
-  }
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder: " + name);
   folder_ = name;
 }
 
@@ -30,9 +28,7 @@ std::string TemporaryFolder::Write(std::string_view name, std::string_view bytes
   std::filesystem::create_directories(path.parent_path());
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  if (!out.flush()) {
-    throw std::runtime_error("cannot write " + path.string());
-  }
+  if (!out.flush()) throw std::runtime_error("cannot write " + path.string());
   return path.string();
 }
 

@@ -15,9 +15,7 @@ bool WaitFor(Condition holds, std::chrono::seconds limit = std::chrono::seconds(
   ZrCondition never;
   ZrLock hold(mutex);
   while (!holds()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
     never.WaitFor(mutex, std::chrono::milliseconds(2), [] { return false; });
   }
   return true;
