@@ -13,14 +13,6 @@ namespace {
 
 using namespace zrtest;
 
-const std::string kServer = "Server: velkoro/1.28.1(96)\r\n";
-
-/// An answer with these head lines of the program (each with its CR LF) and this page.
-std::string Answer(const std::string& page, const std::string& lines = "") {
-  return "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: " + std::to_string(page.size()) +
-         "\r\n" + lines + "\r\n" + page;
-}
-
 void WriteProgram(const TemporaryFolder& folder, const std::string& name,
                   const std::string& commands) {
   const std::string path = folder.Write("cgi-bin/" + name, "#!/bin/sh\n" + commands + "\n");

@@ -18,17 +18,28 @@ using namespace zrtest;
 /// Does what the command says.
 class Obedient : public ZrRequestHandler {
  public:
+  explicit Obedient(std::string title = {}, ZrRequestHandler* next = nullptr)
+      : title_(std::move(title)), next_(next) {}
   std::string Name() const override { return "it"; }
   void Request(ZrXHeader& request, ZrXResponseHeader& answer, const std::string& command) override {
     if (command == "throw") throw std::runtime_error("told so");
+    if (command == "handover") answer.HandoverRecord() = {"it", next_};
+    if (command == "mistaken") answer.HandoverRecord() = {"another", next_};
     if (command == "move") {
       answer.SetStatus(303);
       answer.location = "/elsewhere";
     } else if (command != "nothing") {
-      answer.SetBodyText(command + ":" + std::string(zr::FieldText(request.allFields, "x")));
+      answer.SetBodyText(title_ + command + ":" +
+                         std::string(zr::FieldText(request.allFields, "x")));
     }
   }
-  void Release() override {}
+  void Release() override { released = true; }
+
+  bool released = false;
+
+ private:
+  const std::string title_;
+  ZrRequestHandler* const next_;
 };
 
 /// Has an object for its command address.
@@ -54,14 +65,16 @@ TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
   options.Set("_baseDirectoryHTTP", folder.Path());
   options.Set("_app_context_commandurl", "/command");
   options.Set("no_browser_popup", "true");
-  Obedient handler;
-  Commanding application(
-      &storage, {{.address = "127.0.0.1", .port = 0, .protocolKind = zr::kProtocolHttp}}, options);
-  application.registerHandler(&handler);
-  application.setLogSink([](std::string_view) {});
-  application.startServers();
-  ASSERT_TRUE(WaitFor([&] { return application.getOptions().Has("tcp_port_http"); }));
-  const std::string url = "http://127.0.0.1:" + application.getOptions().Get("tcp_port_http");
+  Obedient next("next ");
+  Obedient handler("", &next);
+  const ZrServerDefinition server{
+      .address = "127.0.0.1", .port = 0, .protocolKind = zr::kProtocolHttp};
+  auto application = std::make_unique<Commanding>(&storage, std::vector{server}, options);
+  application->registerHandler(&handler);
+  application->setLogSink([](std::string_view) {});
+  application->startServers();
+  ASSERT_TRUE(WaitFor([&] { return application->getOptions().Has("tcp_port_http"); }));
+  const std::string url = "http://127.0.0.1:" + application->getOptions().Get("tcp_port_http");
 
   struct Case {
     std::vector<std::string> words;  // of curl; the last one is the path
@@ -82,6 +95,10 @@ TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
       // The command address has an object of its own.
       {{"/command?x=1"}, "&new:1 200 "},
       {{"/stored"}, "page 200 "},
+      // Behind the command another handler takes the place, but only that of its own name.
+      {{"/?quarnid=it&quarncommand=mistaken"}, "mistaken: 200 "},
+      {{"/?quarnid=it&quarncommand=handover"}, "handover: 200 "},
+      {{"/?quarnid=it&quarncommand=do"}, "next do: 200 "},
   };
   for (const Case& c : cases) {
     std::vector<std::string> words = {"curl", "-sS",     "-m", "20",
@@ -91,6 +108,8 @@ TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
     const auto got = RunProgram(words);
     EXPECT_EQ(got.out, c.answer) << c.words.back() << got.err;
   }
+  application.reset();
+  EXPECT_TRUE(next.released && !handler.released);
 }
 
 }  // namespace

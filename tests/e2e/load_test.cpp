@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "tests/e2e/served.h"
 #include "tests/support/raw_client.h"
@@ -23,25 +23,17 @@ constexpr long kMaxKilobytes = 128 * 1024;
 
 /// User and system time of a process in clock ticks.
 long CpuTicks(int id) {
-  std::ifstream in("/proc/" + std::to_string(id) + "/stat");
-  std::string text;
-  std::getline(in, text);
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::string skipped;
-  for (int i = 0; i < 11; ++i) fields >> skipped;
-  long user = 0;
-  long system = 0;
-  fields >> user >> system;
-  return user + system;
+  const std::string text = ReadFile("/proc/" + std::to_string(id) + "/stat");
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  std::vector<std::string> words;
+  for (std::string word; fields >> word;) words.push_back(word);
+  return std::stol(words.at(11)) + std::stol(words.at(12));
 }
 
 /// The largest resident size of a process so far in KiB.
 long PeakKilobytes(int id) {
-  std::ifstream in("/proc/" + std::to_string(id) + "/status");
-  for (std::string line; std::getline(in, line);) {
-    if (line.starts_with("VmHWM:")) return std::stol(line.substr(6));
-  }
-  return -1;
+  const std::string text = ReadFile("/proc/" + std::to_string(id) + "/status");
+  return std::stol(text.substr(text.find("VmHWM:") + 6));
 }
 
 TEST(Load, AnswersTwoHundredTlsConnectionsAtOnce) {

@@ -84,6 +84,11 @@ std::vector<std::string> CurlWords(const std::vector<std::string>& more) {
   return words;
 }
 
+std::string Answer(const std::string& page, const std::string& lines) {
+  return "HTTP/1.1 200 OK\r\nServer: velkoro/1.28.1(96)\r\nContent-Length: " +
+         std::to_string(page.size()) + "\r\n" + lines + "\r\n" + page;
+}
+
 std::string Pattern(std::size_t size) {
   std::string bytes(size, '\0');
   std::uint64_t state = 0x9E3779B97F4A7C15u;

@@ -39,6 +39,9 @@ class Served {
 /// Words of a curl command that checks the certificate of the tests and shows no progress.
 std::vector<std::string> CurlWords(const std::vector<std::string>& more);
 
+/// The answer 200 with that page; the head lines of a program may follow, each with its CR LF.
+std::string Answer(const std::string& page, const std::string& lines = {});
+
 /// Bytes that differ from place to place, so that a shifted or repeated piece shows.
 std::string Pattern(std::size_t size);
 

@@ -49,15 +49,4 @@ TEST(Base, DigitsAreTheWholeText) {
   }
 }
 
-TEST(Base, GeneralNotationHasSixDigits) {
-  struct Case {
-    double value;
-    const char* text;
-  };
-  constexpr Case kCases[] = {{0.1, "0.1"}, {1234567.0, "1.23457e+06"},
-                             {50.0, "50"}, {100.0 / 3, "33.3333"},
-                             {0.0, "0"},   {1e-5, "1e-05"}};
-  for (const Case& c : kCases) EXPECT_EQ(zr::FormatGeneral(c.value), c.text);
-}
-
 }  // namespace

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <istream>
-#include <ostream>
 #include <random>
 #include <string>
 #include <utility>
@@ -56,24 +54,6 @@ TEST(StringBuf, EveryMixOfOperationsKeepsTheBytes) {
     ASSERT_EQ(buffer.Unread(), model);
     ASSERT_EQ(buffer.Size(), model.size());
   }
-}
-
-TEST(StringBuf, StreamsReadAtTheFrontAndWriteAtTheEnd) {
-  ZrStringBuf buffer(std::string("one two\nthree"));
-  std::istream in(&buffer);
-  std::string word;
-  in >> word;
-  EXPECT_EQ(word, "one");
-  EXPECT_EQ(buffer.Unread(), " two\nthree");
-  std::ostream(&buffer) << '!' << 42;
-  std::getline(in, word);
-  EXPECT_EQ(word, " two");
-  EXPECT_EQ(buffer.Take(), "three!42");
-  EXPECT_FALSE(std::getline(in, word));
-  in.clear();
-  buffer.Append("again");
-  in >> word;
-  EXPECT_EQ(word, "again");
 }
 
 }  // namespace

@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
-#include "host/zrexception.h"
 #include "http/zrssladdon.h"
 #include "net/zrsocketipvx.h"
 #include "tests/support/raw_client.h"
@@ -19,17 +16,11 @@ using zrtest::WaitFor;
 
 namespace {
 
-std::shared_ptr<ZrXServerHeader> Configuration(const std::string& certificate,
-                                               const std::string& key) {
-  auto head = zr::MakeJob<ZrXServerHeader>(true, 4U);
-  head->SetOption("cacertificate", certificate);
-  head->SetOption("privatekey", key);
+std::shared_ptr<ZrXServerHeader> Configuration() {
+  auto head = zr::MakeJob<ZrXServerHeader>(true, zr::kProtocolHttps);
+  head->SetOption("cacertificate", zrtest::TestCertificate().certificate);
+  head->SetOption("privatekey", zrtest::TestCertificate().privateKey);
   return head;
-}
-
-std::shared_ptr<ZrXServerHeader> GoodConfiguration() {
-  const auto& files = zrtest::TestCertificate();
-  return Configuration(files.certificate, files.privateKey);
 }
 
 // A registered server-side connection and a raw socket that is connected to it.
@@ -62,35 +53,12 @@ struct Line {
       ASSERT_EQ(zr::WaitWritable(socket.primaryDescriptor(), 20s), ZrWaitStatus::kReady);
     }
   }
-  ZrTransceiverServerL1_SSLAddon addon{*GoodConfiguration()};
+  ZrTransceiverServerL1_SSLAddon addon{*Configuration()};
   ZrTlsContextPtr context = zr::MakeTlsClientContext();
   ZrSocketIPvx socket;
   std::shared_ptr<ZrTransceiverConnection_SSLAddon> connection;
   std::unique_ptr<ZrTlsEngine> client;
 };
-
-// Whether a failure is thrown depends on what was built before: in a process of its own the order
-// of the tests does not matter.
-TEST(TlsAddonDeathTest, OnlyTheFirstAddonOfAProcessThrows) {
-  const auto first = [] {
-    const auto outcome = [](const ZrXServerHeader& head) {
-      try {
-        return ZrTransceiverServerL1_SSLAddon(head).HasContext() ? "serves " : "refuses ";
-      } catch (const ZrException_SSL&) {
-        return "throws ";
-      }
-    };
-    const auto bad = Configuration("", "key.pem");
-    std::string said = outcome(*bad);
-    said += outcome(*bad);  // a failed one does not count
-    said += outcome(*GoodConfiguration());
-    said += outcome(*bad);  // one that is gone again does
-    std::fputs(said.c_str(), stderr);
-    std::_Exit(0);
-  };
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(first(), testing::ExitedWithCode(0), "throws throws serves .*refuses ");
-}
 
 TEST(TlsAddon, WithoutAContextEveryPeerIsClosedAndTheNextOneAccepted) {
   const ZrTransceiverServerL1_SSLAddon other{ZrTransceiverServerL1_SSLAddon::ClientForm{}};

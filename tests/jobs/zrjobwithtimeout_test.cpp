@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <limits>
 
 #include "tests/support/manual_clock.h"
 
@@ -31,15 +30,6 @@ TEST(JobWithTimeout, AnExpiryIsReportedOnceAndArmedAgain) {
   EXPECT_FALSE(job.HasExpired());
   clock.Advance(115s);
   EXPECT_TRUE(job.HasExpired());
-}
-
-TEST(Deadline, ALimitBeyondTheClocksRangeNeverPasses) {
-  zrtest::ManualClock clock;
-  ZrDeadline deadline(0, clock);
-  EXPECT_TRUE(deadline.Expired());
-  deadline.Restart(std::numeric_limits<std::uint64_t>::max());
-  clock.Advance(24h * 36500);
-  EXPECT_FALSE(deadline.Expired());
 }
 
 }  // namespace

@@ -108,39 +108,4 @@ TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   EXPECT_EQ(huge->ReadAt(~std::uint64_t{0}, end), 0U);
 }
 
-TEST(WholeFile, ReplacesInOneStepAndReadsWithinALimit) {
-  const zrtest::TemporaryFolder folder;
-  const std::string path = folder.Path("deep/er/file");
-  EXPECT_EQ(zr::ReplaceFile(path, "x", 0600), ENOENT);
-  ASSERT_EQ(zr::MakeDirectories(folder.Path("deep/er"), 0700), 0);
-  ASSERT_EQ(zr::ReplaceFile(path, "12345", 0640), 0);
-  struct stat status {};
-  ASSERT_EQ(::stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0640U);
-
-  int error = 0;
-  EXPECT_EQ(zr::ReadWholeFile(path, 5, &error), "12345");
-  EXPECT_EQ(zr::ReadWholeFile(path, 4, &error), std::nullopt);
-  EXPECT_EQ(error, EFBIG);
-  EXPECT_EQ(zr::ReadWholeFile(folder.Path("deep"), 9, &error), std::nullopt);
-  EXPECT_EQ(error, EISDIR);
-  // Its status says 0 bytes, as for all files of that file system.
-  EXPECT_TRUE(zr::ReadWholeFile("/proc/self/status", 1 << 20)->starts_with("Name:"));
-}
-
-TEST(AppendFile, KeepsTheOldFileWhenTheNewOneCannotBeOpened) {
-  const zrtest::TemporaryFolder folder;
-  ZrAppendFile log;
-  EXPECT_FALSE(log.Write("lost\n"));
-  ASSERT_EQ(log.Open(folder.Path("log")), 0);
-  EXPECT_TRUE(log.Write("one\n"));
-  std::filesystem::rename(folder.Path("log"), folder.Path("log.1"));
-  EXPECT_NE(log.Open(folder.Path("no/log")), 0);
-  EXPECT_TRUE(log.Write("two\n"));
-  ASSERT_EQ(log.Open(folder.Path("log")), 0);
-  EXPECT_TRUE(log.Write("three\n"));
-  EXPECT_EQ(zrtest::ReadFile(folder.Path("log.1")), "one\ntwo\n");
-  EXPECT_EQ(zrtest::ReadFile(folder.Path("log")), "three\n");
-}
-
 }  // namespace

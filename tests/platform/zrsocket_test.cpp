@@ -72,12 +72,6 @@ TEST(Socket, UrgentReadinessWithoutUrgentDataIsNoFailure) {
   EXPECT_EQ(zr::DropUrgentByte(both.server.Get()).status, ZrIoStatus::kWouldBlock);
 }
 
-TEST(Socket, AnIPv4PeerOfAnIPv6SocketHasItsOwnName) {
-  const ZrNumericName name =
-      zr::NumericName(zr::ResolveHost("::ffff:10.0.0.1", 80).addresses.at(0));
-  EXPECT_EQ(name.host + " " + name.service, "10.0.0.1 80");
-}
-
 TEST(Socket, ConnectingIsBounded) {
   int error = 0;
   // A listener that accepts nobody answers until its queue is full, and then leaves peers waiting.

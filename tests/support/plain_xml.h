@@ -11,37 +11,28 @@ namespace zr_test {
 inline std::string PlainXml(std::string_view xml) {
   std::string plain;
   plain.reserve(xml.size());
-  const auto copyThrough = [&](std::string_view end) {
-    const std::size_t stop = xml.find(end);
-    const std::size_t count = stop == std::string_view::npos ? xml.size() : stop + end.size();
-    plain.append(xml.substr(0, count));
-    xml.remove_prefix(count);
+  const auto through = [&xml](std::size_t from, std::string_view end) {
+    const std::size_t stop = xml.find(end, from);
+    return stop == std::string_view::npos ? xml.size() : stop + end.size();
   };
-  while (!xml.empty()) {
-    if (xml.starts_with("<!--")) {
-      copyThrough("-->");
-    } else if (xml.starts_with("<?")) {
-      copyThrough("?>");
-    } else if (xml.starts_with("<!DOCTYPE")) {
-      const std::size_t bracket = xml.find_first_of("[>");
-      const std::size_t end = xml[bracket] == '[' ? xml.find("]>") + 2 : bracket + 1;
-      xml.remove_prefix(end);
-    } else if (xml.front() == '<') {
-      char quote = 0;
-      for (bool inside = true; inside && !xml.empty(); xml.remove_prefix(1)) {
-        const char c = xml.front();
-        if (quote == 0 && c == ':') continue;
-        if (quote == 0 && (c == '"' || c == '\'')) {
-          quote = c;
-        } else if (c == quote) {
-          quote = 0;
-        }
-        inside = quote != 0 || c != '>';
-        plain.push_back(c);
-      }
+  bool inTag = false;
+  char quote = 0;
+  for (std::size_t at = 0; at < xml.size();) {
+    const std::string_view rest = xml.substr(at);
+    if (!inTag && (rest.starts_with("<!--") || rest.starts_with("<?"))) {
+      const std::size_t end = through(at, rest[1] == '?' ? "?>" : "-->");
+      plain.append(xml.substr(at, end - at));
+      at = end;
+    } else if (!inTag && rest.starts_with("<!DOCTYPE")) {
+      at = xml[xml.find_first_of("[>", at)] == '[' ? through(at, "]>") : through(at, ">");
     } else {
-      plain.push_back(xml.front());
-      xml.remove_prefix(1);
+      const char c = xml[at++];
+      if (!inTag || quote != 0 || c != ':') plain.push_back(c);
+      if (inTag && (c == quote || (quote == 0 && (c == '"' || c == '\'')))) {
+        quote = quote == 0 ? c : 0;
+      } else if (quote == 0 && (c == '<' || (inTag && c == '>'))) {
+        inTag = c == '<';
+      }
     }
   }
   return plain;

@@ -21,20 +21,19 @@
 
 namespace zrtest {
 
-class ServerBed;
-
-/// Hands every message to the bed's answer function.
+/// Hands every message to a function.
 class BedHandler : public ZrJob, public ZrMessageHandler {
  public:
-  explicit BedHandler(ServerBed& bed) : bed_(bed) {}
+  using Message = std::shared_ptr<ZrXHeader>;
+  explicit BedHandler(std::function<int(const Message&)> handle) : handle_(std::move(handle)) {}
   ZrJob& HandlerJob() override { return *this; }
   bool AttachTransceiver(ZrTransceiver&) override { return true; }
   void DetachTransceiver(ZrTransceiver&) override {}
-  int HandleMessage(const std::string& name, std::shared_ptr<ZrXHeader> message) override;
+  int HandleMessage(const std::string&, Message message) override { return handle_(message); }
   bool OnHeadComplete(ZrXHeader&) override { return true; }
 
  private:
-  ServerBed& bed_;
+  const std::function<int(const Message&)> handle_;
 };
 
 class ServerBed {
@@ -43,11 +42,11 @@ class ServerBed {
   std::vector<ZrServerCallback_t> records_ ZR_GUARDED_BY(lock_);
 
  public:
-  using Message = std::shared_ptr<ZrXHeader>;
+  using Message = BedHandler::Message;
 
   explicit ServerBed(const ZrClock& clock = ZrClock::System())
       : transceiver(scheduler, zr::ProtocolServers(), clock),
-        handler(zr::MakeJob<BedHandler>(*this)) {
+        handler(zr::MakeJob<BedHandler>([this](const Message& m) { return onMessage(*this, m); })) {
     transceiver.AddClient(handler);
   }
   ~ServerBed() {
@@ -108,9 +107,5 @@ class ServerBed {
   std::shared_ptr<ZrXServerHeader> configuration;
   std::string opened;  // what OpenServer answered last
 };
-
-inline int BedHandler::HandleMessage(const std::string&, std::shared_ptr<ZrXHeader> message) {
-  return bed_.onMessage(bed_, message);
-}
 
 }  // namespace zrtest
