@@ -102,8 +102,8 @@ TEST(CssNodes, KeepWhatTheyRefuse) {
       {&sheet, "must be an CSS element", "<style type=\"text/css\">\n<b></b>p: v;</style>"}};
   for (const auto& [node, message, written] : cases) {
     SCOPED_TRACE(message);
-    EXPECT_EQ(MessageOf([&] { node->Adopt(std::make_unique<ZrHTML_b2>()); }), message);
-    EXPECT_EQ(MessageOf([&] { node->Adopt(std::make_unique<ZrCSSProperty>("p:v", false)); }),
+    EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrHTML_b2>()); }), message);
+    EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrCSSProperty>("p:v", false)); }),
               node == &rule ? zr_test::kNoMessage : message);
     EXPECT_EQ(Written(*node), written);
   }

@@ -79,7 +79,9 @@ TEST(XMLDatabase, AFailedLoadLeavesTheTree) {
   };
   for (const auto& [path, reason] : cases) {
     std::string told;
-    EXPECT_EQ(MessageOf([&] { database.Load(path, [&](const auto& name) { told = name; }); }),
+    EXPECT_EQ(MessageOf([&, &from = path] {
+                database.Load(from, [&](const auto& name) { told = name; });
+              }),
               "no config was found - " + path + " with " + reason);
     EXPECT_EQ(told, path == missing ? missing : "");
     EXPECT_EQ(Written(*database.Current()), "<quarn x=\"1\" />");
