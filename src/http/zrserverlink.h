@@ -2,6 +2,8 @@
 // What the transceiver needs of the servers it holds. The server classes stand in a layer above it;
 // this interface is a base of theirs.
 
+#include <atomic>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -49,6 +51,10 @@ class ZrOutgoingLink {
   /// waits.
   virtual std::shared_ptr<ZrXHeader> submit(std::shared_ptr<ZrXHeader> head, bool& startFailed,
                                             bool inFront) = 0;
+  /// Holds neither a request nor a connection at this moment. Takes no lock.
+  virtual bool IsUnused() const = 0;
+  /// Who is about to hand it a request. Goes up under the transceiver's lock only.
+  std::atomic<std::size_t> senders{0};
   /// Takes no further request and calls off connections that are being opened; returns at once.
   virtual void EndStarts() = 0;
   /// Stops the pool's workers, ends all tasks and waits for them. The caller holds no lock.

@@ -280,6 +280,8 @@ std::string ZrTransceiver::SendRequest(const std::string& clientName,
   const std::shared_ptr<ZrOutgoingLink> pool =
       OutgoingFor(clientName, PoolKey(*message), message->ProtocolKind(), callback);
   if (!pool) return CommonErrorName();
+  const auto leave = [](ZrOutgoingLink* left) { --left->senders; };
+  const std::unique_ptr<ZrOutgoingLink, decltype(leave)> counted(pool.get(), leave);
   pool->OutgoingJob().Attach(message->target);
   const std::string name = message->JobName();
   bool startFailed = false;
@@ -287,8 +289,22 @@ std::string ZrTransceiver::SendRequest(const std::string& clientName,
   return startFailed ? CommonErrorName() : name;
 }
 
-// The pool of one handler for one target. It is made outside the lock; of two made at once the
-// first one entered stays.
+// Takes out the pools that hold nothing and that nobody is about to use: a handler that asks ever
+// new targets keeps those in use only.
+void ZrTransceiver::TakeUnused(Pools& pools, std::vector<std::shared_ptr<ZrOutgoingLink>>& unused) {
+  for (auto pool = pools.begin(); pool != pools.end();) {
+    if (pool->second->senders > 0 || !pool->second->IsUnused()) {
+      ++pool;
+      continue;
+    }
+    hookServicesByName_.erase(pool->second->OutgoingJob().JobName());
+    unused.push_back(std::move(pool->second));
+    pool = pools.erase(pool);
+  }
+}
+
+// The pool of one handler for one target, with the caller counted as its sender. It is made outside
+// the lock; of two made at once the first one entered stays.
 std::shared_ptr<ZrOutgoingLink> ZrTransceiver::OutgoingFor(const std::string& clientName,
                                                            const std::string& poolKey,
                                                            std::uint32_t kind,
@@ -298,17 +314,24 @@ std::shared_ptr<ZrOutgoingLink> ZrTransceiver::OutgoingFor(const std::string& cl
     const auto ofClient = hookServices_.find(clientName);
     if (ofClient != hookServices_.end()) {
       const auto found = ofClient->second.find(poolKey);
-      if (found != ofClient->second.end()) return found->second;
+      if (found != ofClient->second.end()) {
+        ++found->second->senders;
+        return found->second;
+      }
     }
   }
   const auto workers = factories_.connecting.find(kind);
   if (!factories_.outgoing || workers == factories_.connecting.end()) return nullptr;
   std::shared_ptr<ZrOutgoingLink> pool =
       factories_.outgoing(scheduler_, *this, clientName, callback, workers->second, JobName());
+  std::vector<std::shared_ptr<ZrOutgoingLink>> unused;  // released without the lock, like the pool
   ZrLock hold(clientLock_);
   if (!clients_.contains(clientName)) return nullptr;  // taken out meanwhile, with its pools
-  const auto [place, added] = hookServices_[clientName].try_emplace(poolKey, pool);
+  Pools& pools = hookServices_[clientName];
+  TakeUnused(pools, unused);
+  const auto [place, added] = pools.try_emplace(poolKey, pool);
   if (added) hookServicesByName_.emplace(pool->OutgoingJob().JobName(), pool);
+  ++place->second->senders;
   return place->second;
 }
 

@@ -164,6 +164,9 @@ class ZrTransceiver final : public ZrJob {
   std::shared_ptr<ZrOutgoingLink> OutgoingFor(const std::string& clientName,
                                               const std::string& poolKey, std::uint32_t kind,
                                               const ZrServerCallback& callback);
+  using Pools = std::map<std::string, std::shared_ptr<ZrOutgoingLink>>;  // by target
+  void TakeUnused(Pools& pools, std::vector<std::shared_ptr<ZrOutgoingLink>>& unused)
+      ZR_REQUIRES(clientLock_);
   std::vector<std::shared_ptr<ZrServerLink>> Servers();
   std::vector<ConnectionPointer> Connections();
 
@@ -210,8 +213,7 @@ class ZrTransceiver final : public ZrJob {
   std::unordered_map<std::string, std::shared_ptr<ZrServerLink>> servers_
       ZR_GUARDED_BY(clientLock_);
   // By handler name and target; and by the pool's own name.
-  std::map<std::string, std::map<std::string, std::shared_ptr<ZrOutgoingLink>>> hookServices_
-      ZR_GUARDED_BY(clientLock_);
+  std::map<std::string, Pools> hookServices_ ZR_GUARDED_BY(clientLock_);
   std::map<std::string, std::shared_ptr<ZrOutgoingLink>> hookServicesByName_
       ZR_GUARDED_BY(clientLock_);
 

@@ -41,6 +41,7 @@ std::shared_ptr<ZrXHeader> ZrURLHookService::submit(std::shared_ptr<ZrXHeader> h
   {
     ZrLock hold(lock_);
     startFailed = ended_;
+    unused_ = false;
     // A request does not overtake those that wait.
     if (!ended_ && (waiting_.empty() || inFront)) worker = takeIdleWorker(request);
     if (!ended_ && !worker && (!HasPlace() || (!waiting_.empty() && !inFront))) {
@@ -185,9 +186,13 @@ void ZrURLHookService::DropLater(std::vector<WorkerPointer> workers) {
     gone_.insert(gone_.end(), workers.begin(), workers.end());
     return;
   }
-  RunLater("ZrURLHookService_drop", [this, workers = std::move(workers)] {
+  const bool runs = RunLater("ZrURLHookService_drop", [this, workers = std::move(workers)] {
     for (const WorkerPointer& worker : workers) DropWorker(worker);
+    ZrLock ended(lock_);
+    --dropping_;
+    WakePump();
   });
+  if (runs) ++dropping_;
 }
 
 // ---- Events ------------------------------------------------------------------------------------
@@ -322,6 +327,8 @@ void ZrURLHookService::Pump() {
     {
       ZrLock hold(lock_);
       pumping_ = pumpAgain_ && !ended_;
+      // Whatever goes wakes the pump, so the last to go is seen here.
+      unused_ = workers_.empty() && waiting_.empty() && starting_ + dropping_ == 0 && !pumping_;
       if (!pumping_) return;
       pumpAgain_ = false;
       gone.swap(gone_);

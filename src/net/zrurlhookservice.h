@@ -12,6 +12,7 @@
 // is sent once more over a fresh connection when no byte of an answer had come, because then the
 // connection, as likely as not, had been closed before the request reached the peer.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -58,6 +59,7 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
 
   std::string connectionOwnerName() const { return PeerName(); }
   ZrJobWithTimeout& OutgoingJob() override { return *this; }
+  bool IsUnused() const override { return unused_; }
   void EndStarts() override;
   /// Waits for the tasks, also those of the workers, and closes their connections. The sender is
   /// told of the requests that wait or are not answered. Not called by a handler that a worker has
@@ -108,12 +110,14 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   bool RunLater(const char* name, std::function<void()> run) ZR_REQUIRES(lock_);
 
   const ZrConnectingFactory factory_;
+  std::atomic<bool> unused_{true};  // changes under the job's lock
 
   // Guarded by the job's lock.
   Workers workers_ ZR_GUARDED_BY(lock_);  // by job name
   std::set<std::string> idle_ ZR_GUARDED_BY(lock_);
   std::deque<Request> waiting_ ZR_GUARDED_BY(lock_);
   std::size_t starting_ ZR_GUARDED_BY(lock_) = 0;  // places reserved for workers being started
+  std::size_t dropping_ ZR_GUARDED_BY(lock_) = 0;  // tasks that drop workers
   std::set<WorkerPointer> startingWorkers_ ZR_GUARDED_BY(lock_);
   std::vector<WorkerPointer> gone_ ZR_GUARDED_BY(lock_);   // left the pool, to be dropped
   std::vector<Failed> failed_ ZR_GUARDED_BY(lock_);        // to be reported

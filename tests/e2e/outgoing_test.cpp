@@ -228,6 +228,26 @@ TEST(Outgoing, AnAnswerMayComeBeforeTheRequestIsThrough) {
   EXPECT_EQ(bed.Ask(AskingBed::Request(80, "/", {}, zr::kProtocolFile)), "not sent");
 }
 
+TEST(Outgoing, PoolsOfTargetsThatAreDoneAreDropped) {
+  AskingBed bed;
+  std::size_t most = 0;
+  const std::size_t before = ZrJobRegistry::Instance().Count().tasks;
+  const auto askAnother = [&bed] {
+    ScriptedPeer peer([](int, PeerConnection& connection) {
+      connection.ReadRequest();
+      connection.Send(Answer("once"));
+    });
+    EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 once");
+    ASSERT_TRUE(WaitFor([&bed] { return bed.transceiver.ConnectionCount() == 0; }));
+  };
+  for (int i = 0; i < 30; ++i) askAnother();
+  EXPECT_TRUE(WaitFor([&] {
+    askAnother();
+    most = ZrJobRegistry::Instance().Count().tasks;
+    return most < before + 10;
+  })) << most;
+}
+
 TEST(Outgoing, StopWithRequestsInFlight) {
   ScriptedPeer peer([](int, PeerConnection& connection) { connection.ReadToEnd(); });
   for (int round = 0; round < 20; ++round) {
