@@ -19,6 +19,8 @@
 namespace {
 
 constexpr std::chrono::nanoseconds kForEver{-1};
+// Out-of-band data is no part of any protocol here; it is watched for to be dropped.
+constexpr unsigned kInput = ZrInterest::kRead | ZrInterest::kUrgent;
 
 }  // namespace
 
@@ -47,7 +49,7 @@ std::string ZrTransceiver::AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
     }
     WatchConnection(connection);
     connection->socket_ = std::move(socket);
-    watched = receivePoller_.Add(descriptor, connection->token_, ZrInterest::kRead);
+    watched = receivePoller_.Add(descriptor, connection->token_, kInput);
   }
   if (!watched) RemoveConnection(name, true);
   return name;
@@ -225,8 +227,8 @@ void ZrTransceiver::ResumeReading(ZrTransceiverConnection& connection) {
   ZrLock hold(ioLock_);
   const auto found = sockets_.find(connection.JobName());
   if (found == sockets_.end() || !found->second.paused || connection.PeerFinished()) return;
-  found->second.paused = !receivePoller_.Add(found->second.socket->primaryDescriptor(),
-                                             found->second.token, ZrInterest::kRead);
+  found->second.paused =
+      !receivePoller_.Add(found->second.socket->primaryDescriptor(), found->second.token, kInput);
   if (connection.HasBufferedInput()) ReadAgain(found->second.token);
 }
 
