@@ -73,6 +73,7 @@ void ZrJobRegistry::RemoveMember(Membership* member) {
 }
 
 void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
+  if (stopping_) return;
   try {
     ZrJobLink& last = *task.members->job;
     std::list<Entry> entry(1);

@@ -57,10 +57,6 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
       ZrTransceiver& transceiver, const std::string& serverName, ZrServerCallback_t record,
       const std::shared_ptr<ZrSocketIPvx>& socket);
 
-  const std::string& Type() const { return type_; }
-  /// The head that names the host of a connecting server; nothing on a listening one.
-  const std::shared_ptr<ZrXHeader>& Target() const { return target_; }
-
  protected:
   /// Whether a connecting start is to be given up: it was stopped, or takes too long.
   bool IsStartCancelled() const;
