@@ -279,15 +279,19 @@ void ZrURLHookService::Resolve(Request request, ZrSendFailure failure) {
 }
 
 // By the end of the joined task, which the handler leaves on this event.
-void ZrURLHookService::TellSender(const Failed& failed) {
-  ZrJobEvent event;
-  event.jobName = JobName();
-  event.code = kZrEventLastMember;
-  event.fields = {{"ctask", failed.head->target},
-                  {"head", failed.head->JobName()},
-                  {"reason", std::string(zr::SendFailureReason(failed.failure.kind))},
-                  {"error", failed.failure.detail}};
-  ZrJobRegistry::Instance().Post(ClientName(), std::move(event));
+void ZrURLHookService::TellSender(const Failed& failed) noexcept {
+  try {
+    ZrJobEvent event;
+    event.jobName = JobName();
+    event.code = kZrEventLastMember;
+    event.fields = {{"ctask", failed.head->target},
+                    {"head", failed.head->JobName()},
+                    {"reason", std::string(zr::SendFailureReason(failed.failure.kind))},
+                    {"error", failed.failure.detail}};
+    ZrJobRegistry::Instance().Post(ClientName(), std::move(event));
+  } catch (const std::exception&) {
+    // Without memory, or a thread for events, nobody can be told anything.
+  }
 }
 
 void ZrURLHookService::Report(const Failed& failed) {

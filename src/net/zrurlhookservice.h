@@ -100,7 +100,7 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   bool EnterStarting(const WorkerPointer& worker) ZR_EXCLUDES(lock_);
   void DropWorker(const WorkerPointer& worker) ZR_EXCLUDES(lock_);
   void DropLater(std::vector<WorkerPointer> workers) ZR_EXCLUDES(lock_);
-  void TellSender(const Failed& failed) ZR_EXCLUDES(lock_);
+  void TellSender(const Failed& failed) noexcept ZR_EXCLUDES(lock_);
   void Report(const Failed& failed) ZR_EXCLUDES(lock_);
   void ReportAll(const std::vector<Failed>& failed) noexcept ZR_EXCLUDES(lock_);
 
