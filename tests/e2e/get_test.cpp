@@ -90,11 +90,7 @@ TEST(Get, EveryFailureIsOneLine) {
     connection.ReadRequest();
     connection.Send("HTTP/1.1 404 Gone\r\nContent-Length: 4\r\n\r\nbody");
   });
-  int closedPort = 0;
-  {
-    ScriptedPeer gone([](int, PeerConnection&) {});
-    closedPort = gone.Port();
-  }
+  const RawClient closed(silent.Port());
   struct Case {
     std::string url;
     std::vector<std::string> options;
@@ -103,7 +99,7 @@ TEST(Get, EveryFailureIsOneLine) {
   };
   const std::vector<Case> cases = {
       {"http://no-such-host.invalid/", {}, "no such host"},
-      {Url("http", closedPort), {"--repeat", "50"}, "connection refused"},
+      {Url("http", closed.LocalPort()), {"--repeat", "50"}, "connection refused"},
       {Url("http", silent.Port()), {"--timeout", "0.5"}, "timed out"},
       {Url("https", silent.Port()), {"--timeout", "0.5"}, "timed out"},
       {Url("http", garbage.Port()), {}, "unreadable answer"},

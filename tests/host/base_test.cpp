@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 #include "host/zrnumber.h"
 #include "host/zrpath.h"
@@ -8,16 +10,12 @@
 namespace {
 
 TEST(Base, DirectoryPathsTakeTheStoredForm) {
-  struct Case {
-    const char* path;
-    const char* stored;
-  };
-  constexpr Case kCases[] = {{"C:/www", "C:\\www\\"}, {"docs\\", "docs\\"}, {"a/b/", "a\\b\\"},
-                             {"www", "www\\"},        {"/", "\\"},          {"", ""}};
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.path);
-    EXPECT_EQ(zr::NormalizeDirectoryPath(c.path), c.stored);
-    EXPECT_EQ(zr::NormalizeDirectoryPath(c.stored), c.stored);
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {"C:/www", "C:\\www\\"}, {"docs\\", "docs\\"}, {"a/b/", "a\\b\\"},
+      {"www", "www\\"},        {"/", "\\"},          {"", ""}};
+  for (const auto& [path, stored] : kCases) {
+    EXPECT_EQ(zr::NormalizeDirectoryPath(path), stored);
+    EXPECT_EQ(zr::NormalizeDirectoryPath(stored), stored);
   }
 }
 
@@ -25,20 +23,14 @@ TEST(Base, UnsignedNumbersStopAtTheFirstOtherCharacter) {
   EXPECT_EQ(zr::ParseUnsignedLong(" 443x"), 443u);
   EXPECT_EQ(zr::ParseUnsignedLong("4294967295"), 4294967295u);
   EXPECT_EQ(zr::ParseUnsignedLong("-1"), 4294967295u);
-  for (const char* text : {"", " ", "x1", "- 1", "+-1"}) {
-    SCOPED_TRACE(text);
+  for (const char* text : {"", " ", "x1", "- 1", "+-1", "4294967296"}) {
+    std::string said;
     try {
       zr::ParseUnsignedLong(text);
-      ADD_FAILURE() << "accepted";
-    } catch (const std::invalid_argument& e) {
-      EXPECT_STREQ(e.what(), "invalid stoul argument");
+    } catch (const std::logic_error& e) {
+      said = e.what();
     }
-  }
-  try {
-    zr::ParseUnsignedLong("4294967296");
-    ADD_FAILURE() << "accepted";
-  } catch (const std::out_of_range& e) {
-    EXPECT_STREQ(e.what(), "stoul argument out of range");
+    EXPECT_EQ(said, *text == '4' ? "stoul argument out of range" : "invalid stoul argument");
   }
 }
 

@@ -48,12 +48,10 @@ TEST(Http, OneRequestOfAConnectionIsInProgressAtATime) {
   ServerBed::Message held;
   std::atomic<int> handled = 0;
   bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) {
-    if (m->path == "/hold") {
-      held = m;  // the answer is still to come
-    } else {
-      self.Answer(*m, "ok");
-    }
+    const bool holds = m->path == "/hold";  // the answer is still to come
+    if (holds) held = m;
     ++handled;
+    if (!holds) self.Answer(*m, "ok");
     return 1;
   };
   const int port = bed.Open(zr::kProtocolHttp);
@@ -152,12 +150,12 @@ TEST_P(Transport, SendsFilesWholeBeforeItCloses) {
   for (std::size_t i = 0; i < content.size(); i += 97) content[i] = static_cast<char>(i);
   const std::string path = folder.Write("big", content);
   const std::string small = folder.Write("small", "small file");
-  ServerBed bed;
   const std::map<std::string, std::pair<std::string, std::uint64_t>> files = {
       {"/big", {path, content.size()}},
       {"/cut", {path, content.size() + 1}},
       {"/small", {small, 10}},
       {"/gone", {folder.Path("gone"), 5}}};
+  ServerBed bed;
   bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) {
     const auto answer = m->MakeResponse();
     answer->SetStatus(200);
@@ -226,7 +224,7 @@ TEST(Http, WhatAPeerDoesNotReadHoldsItUpAlone) {
   EXPECT_LT(handled, kRequests / 2);
   std::size_t received = 0;
   while (received < kRequests * Answer(body).size()) {
-    const std::size_t count = greedy.ReadSome(1 << 20).size();
+    const std::size_t count = greedy.ReadSome().size();
     ASSERT_GT(count, 0u) << "the answers stopped after " << received << " bytes";
     received += count;
   }

@@ -50,6 +50,8 @@ class SocketTest : public testing::Test {
 };
 
 TEST_F(SocketTest, PeersOfBothFamiliesReachTheOnePort) {
+  int beyond = 65536;
+  EXPECT_EQ(ZrSocketIPvx().listen("", beyond, 16), ZrSocketResult::kListenFailed);
   Listen();
   for (const std::string host : {"127.0.0.1", "::1"}) {
     SCOPED_TRACE(host);

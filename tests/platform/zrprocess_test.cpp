@@ -14,22 +14,6 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-std::string ReadToEnd(int descriptor) {
-  std::string text;
-  std::array<char, 4096> chunk;
-  const auto deadline = steady_clock::now() + seconds(20);
-  for (;;) {
-    const zr::PipeTransfer got = zr::ReadPipe(descriptor, chunk);
-    if (got.result == zr::PipeResult::kClosed) return text;
-    text.append(chunk.data(), got.count);
-    zr::PollItem item{descriptor};
-    if (got.result == zr::PipeResult::kBlocked && !zr::PollDescriptors({&item, 1}, deadline)) {
-      ADD_FAILURE() << "no end after 20 s; read: " << text;
-      return text;
-    }
-  }
-}
-
 class ProcessTest : public ::testing::Test {
  protected:
   std::error_code StartShell(const std::string& script) {
@@ -64,7 +48,10 @@ TEST_F(ProcessTest, ChildHasOnlyItsOwnVariablesDescriptorsAndSignals) {
                  "set -- $(cat /proc/$$/stat); [ $5 = $$ ] && echo leader"));
   // "ls" itself holds a fourth descriptor, the folder. The masks' last digits cover signals 1 to
   // 28; above 31 come two that belong to the C library and are not ours to change.
-  EXPECT_EQ(ReadToEnd(output_.read.Get()),
+  ASSERT_TRUE(process_.WaitForEnd(steady_clock::now() + seconds(20)));
+  std::array<char, 4096> bytes;
+  const std::size_t count = zr::ReadPipe(output_.read.Get(), bytes).count;
+  EXPECT_EQ(std::string(bytes.data(), count),
             "A=3\nAB=2\n4\nBlk 0000000\nIgn 0000000\nno input\nleader\n");
   EXPECT_EQ(process_.Collect(), 0);
   std::signal(SIGTERM, previous);

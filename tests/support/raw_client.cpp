@@ -24,6 +24,8 @@ RawClient::RawClient(int port, int receiveWindow)
   }
 }
 
+int RawClient::LocalPort() const { return zr::LocalPort(socket_.Get()); }
+
 bool RawClient::Send(std::string_view bytes) {
   while (!bytes.empty()) {
     const ZrIoResult result = zr::SendBytes(socket_.Get(), bytes);

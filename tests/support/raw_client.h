@@ -19,6 +19,8 @@ class RawClient {
   explicit RawClient(ZrDescriptor socket) : socket_(std::move(socket)) {}
 
   bool Connected() const { return socket_.IsOpen(); }
+  /// The port of this end: nobody listens there, nor can while the client lives.
+  int LocalPort() const;
   /// False when the peer no longer takes bytes.
   bool Send(std::string_view bytes);
   /// No more bytes from this side; reading goes on.
