@@ -3,8 +3,9 @@
 //
 // The idea: what has been scanned is written out, what is still to be scanned stands in a buffer
 // with free space in front of it, and a replacement is laid into that space. So scanning goes on
-// where the replacement starts, markers that it brings along are found in turn, and a byte is moved
-// twice at the most: the cost is that of the text and of what was inserted, however they nest.
+// where the replacement starts, markers that it brings along are found in turn, and the space grows
+// by as much as there is text, so the cost is that of the text and of what was inserted, however
+// they nest.
 
 #include <cstddef>
 #include <functional>

@@ -237,20 +237,24 @@ std::uint32_t ZrPersistentAppStorage::FindVariable(const std::string& name) {
   return found == variables_.end() ? 0 : found->second.number;
 }
 
-std::string ZrPersistentAppStorage::ReplaceMarker(ZrXMLDatabase* project, std::string_view name) {
-  if (name.starts_with('!')) return zr::EvaluateCommand(name);
-  if (project != nullptr && project->HasStringVariable(std::string(name))) {
-    return project->GetStringVariable(std::string(name), "");
-  }
-  const auto mapping = mappings_.find(name);
-  return mapping == mappings_.end() ? std::string() : mapping->second;
-}
-
 void ZrPersistentAppStorage::ExpandMarkers(const std::string& project, std::string& text) {
+  // The project's text blocks by name, so that a marker costs no walk through all of them; the
+  // first of a name counts.
+  std::map<std::string, ZrXMLGenericElement*, std::less<>> blocks;
   const auto open = openProjects_.find(project);
-  ZrXMLDatabase* const database = open == openProjects_.end() ? nullptr : open->second.get();
-  const bool complete =
-      zr::ExpandMarkers(text, [&](std::string_view name) { return ReplaceMarker(database, name); });
+  if (open != openProjects_.end() && text.find("[[") != std::string::npos) {
+    for (ZrXMLGenericElement* const block : open->second->StringVariables()) {
+      blocks.try_emplace(block->AttributeValue("name", ""), block);
+    }
+  }
+  const bool complete = zr::ExpandMarkers(text, [&](std::string_view name) {
+    if (name.starts_with('!')) return zr::EvaluateCommand(name);
+    if (const auto block = blocks.find(name); block != blocks.end()) {
+      return ZrXMLDatabase::InnerMarkup(*block->second);
+    }
+    const auto mapping = mappings_.find(name);
+    return mapping == mappings_.end() ? std::string() : mapping->second;
+  });
   if (!complete) {
     zr::WriteErrorLine("markers of a text call for more than " +
                        std::to_string(zr::kMaxMarkerReplacements) + " replacements or " +

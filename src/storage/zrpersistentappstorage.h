@@ -82,7 +82,6 @@ class ZrPersistentAppStorage : public ZrXMLDatabase {
   ZrXMLElementList ListedProjects();
   ZrXMLGenericElement* FindProject(const std::string& name);
   const std::string& ProjectFile(const std::string& name) const;
-  std::string ReplaceMarker(ZrXMLDatabase* project, std::string_view name);
 
   std::string applicationName_;
   bool applicationSelected_ = false;

@@ -163,10 +163,14 @@ void ZrXMLDatabase::FindAllByName(const std::string& name, ZrXMLElementList& lis
   current_->FindElementsByName(name, list, ZrXMLComplexElement::kUnlimited);
 }
 
-ZrXMLGenericElement* ZrXMLDatabase::FindStringVariable(const std::string& name) {
+ZrXMLElementList ZrXMLDatabase::StringVariables() {
   ZrXMLElementList variables;
   FindElements(kStringVariables, variables);
-  for (ZrXMLGenericElement* const variable : variables) {
+  return variables;
+}
+
+ZrXMLGenericElement* ZrXMLDatabase::FindStringVariable(const std::string& name) {
+  for (ZrXMLGenericElement* const variable : StringVariables()) {
     if (variable->AttributeValue("name", "") == name) return variable;
   }
   return nullptr;
@@ -175,9 +179,12 @@ ZrXMLGenericElement* ZrXMLDatabase::FindStringVariable(const std::string& name) 
 std::string ZrXMLDatabase::GetStringVariable(const std::string& name,
                                              const std::string& defaultValue) {
   ZrXMLGenericElement* const variable = FindStringVariable(name);
-  if (variable == nullptr) return defaultValue;
+  return variable != nullptr ? InnerMarkup(*variable) : defaultValue;
+}
+
+std::string ZrXMLDatabase::InnerMarkup(ZrXMLGenericElement& variable) {
   ZrXMLElementList children;
-  variable->CollectElementChildren(children);
+  variable.CollectElementChildren(children);
   std::ostringstream text;
   for (const ZrXMLGenericElement* const child : children) child->Write(text);
   return std::move(text).str();

@@ -63,6 +63,12 @@ class ZrXMLDatabase {
   /// The names of those who hold this database open.
   virtual std::set<std::string>& Users() { return users_; }
 
+  /// The project's text blocks in the file's order; good as long as the tree. Throws as
+  /// FindElements() does.
+  ZrXMLElementList StringVariables();
+  /// A text block's inner markup, as it would be written.
+  static std::string InnerMarkup(ZrXMLGenericElement& variable);
+
   /// After Load(): the loaded path without its last component, the separator behind it kept.
   const std::string& Directory() const { return directory_; }
   const std::string& BaseName() const { return baseName_; }
