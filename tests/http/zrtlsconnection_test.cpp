@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "http/zrssladdon.h"
 #include "net/zrsocketipvx.h"
 #include "tests/support/raw_client.h"
@@ -23,7 +25,7 @@ std::shared_ptr<ZrXServerHeader> Configuration() {
   return head;
 }
 
-// A registered server-side connection and a raw socket that is connected to it.
+// A registered server-side connection and a client that is connected to it.
 struct Line {
   explicit Line(ServerBed& bed) {
     ZrSocketIPvx listener;
@@ -34,30 +36,21 @@ struct Line {
     EXPECT_GE(listener.accept(*accepted, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
     connection = addon.CreateConnection(bed.transceiver, "nobody", "nobody", {}, accepted);
     bed.transceiver.AddConnection(accepted, connection);
-  }
-  void Connect() {
-    client = std::make_unique<ZrTlsEngine>(context.get(), socket.primaryDescriptor(),
-                                           ZrTlsEngine::Side::kClient);
+    client.emplace(context.get(), socket.primaryDescriptor(), ZrTlsEngine::Side::kClient);
     client->ConnectWithin(20s);
   }
-  void Send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const ZrTlsResult result = client->Write(bytes, bytes.size() > ZrTlsEngine::kRecord);
-      ASSERT_NE(result.status, ZrTlsStatus::kFailed);
-      bytes.remove_prefix(result.count);
-      if (result.status == ZrTlsStatus::kWantWrite) {
-        ASSERT_EQ(zr::WaitWritable(socket.primaryDescriptor(), 20s), ZrWaitStatus::kReady);
-      }
-    }
+  void Send(std::string_view record) {
+    EXPECT_EQ(client->Write(record, false).count, record.size());
     while (client->Flush() == ZrTlsStatus::kWantWrite) {
       ASSERT_EQ(zr::WaitWritable(socket.primaryDescriptor(), 20s), ZrWaitStatus::kReady);
     }
   }
+
   ZrTransceiverServerL1_SSLAddon addon{*Configuration()};
   ZrTlsContextPtr context = zr::MakeTlsClientContext();
   ZrSocketIPvx socket;
   std::shared_ptr<ZrTransceiverConnection_SSLAddon> connection;
-  std::unique_ptr<ZrTlsEngine> client;
+  std::optional<ZrTlsEngine> client;
 };
 
 TEST(TlsAddon, WithoutAContextEveryPeerIsClosedAndTheNextOneAccepted) {
@@ -76,7 +69,6 @@ TEST(TlsAddon, WithoutAContextEveryPeerIsClosedAndTheNextOneAccepted) {
 TEST(TlsConnection, ReadsOnAfterAPauseToTheLastByte) {
   ServerBed bed;
   Line line(bed);
-  line.Connect();
   const std::string record(997, 'x');
   const std::size_t reached = ZrTransceiverConnection::kReadMark / record.size() + 1;
   for (std::size_t i = 0; i < reached - 13; ++i) line.Send(record);

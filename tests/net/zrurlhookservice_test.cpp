@@ -21,19 +21,20 @@ constexpr char kAnswer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
 
 /// A peer that answers when it is told to, and keeps what it was asked for in order.
 class HoldingPeer {
+  ZrMutex lock_;
+  std::vector<std::string> asked_ ZR_GUARDED_BY(lock_);
+
  public:
-  /// What each connection does with its first request instead of an answer, once it may.
-  explicit HoldingPeer(std::function<bool(int number, PeerConnection&)> first = {})
-      : peer_([this, first = std::move(first)](int number, PeerConnection& connection) {
-          for (bool again = false;; again = true) {
-            const std::string request = connection.ReadRequest();
-            if (request.empty()) return;
+  /// What a connection does with its request instead of an answer; it closes where that says so.
+  explicit HoldingPeer(std::function<bool(int number, PeerConnection&)> refuses = {})
+      : peer([this, refuses = std::move(refuses)](int number, PeerConnection& connection) {
+          for (std::string request; !(request = connection.ReadRequest()).empty();) {
             {
               ZrLock hold(lock_);
               asked_.push_back(request.substr(4, request.find(' ', 4) - 4));
             }
             EXPECT_TRUE(WaitFor([&] { return released == kAll || released == number; }));
-            if (!again && first && first(number, connection)) return;
+            if (refuses && refuses(number, connection)) return;
             connection.Send(kAnswer);
           }
         }) {}
@@ -50,14 +51,7 @@ class HoldingPeer {
 
   static constexpr int kAll = -1;
   std::atomic<int> released{1000};  // the number of a connection, or all
-
- private:
-  ZrMutex lock_;
-  std::vector<std::string> asked_ ZR_GUARDED_BY(lock_);
-  ScriptedPeer peer_;
-
- public:
-  const ScriptedPeer& Peer() const { return peer_; }
+  ScriptedPeer peer;
 };
 
 /// Sends that many requests, one after the other; returns their names.
@@ -79,7 +73,7 @@ TEST(Pool, RequestsBeyondTenWaitForAWorkerAndGoOutInOrder) {
     if (fails && record.kind == ZrServerCallback_t::kMessageLogged) throw std::bad_function_call();
     return true;
   });
-  const auto names = SendAll(bed, peer.Peer().Port(), 13);
+  const auto names = SendAll(bed, peer.peer.Port(), 13);
   ASSERT_EQ(peer.AskedAfter(10).size(), 10u);
   EXPECT_TRUE(bed.client->Outcomes().empty());
   fails = true;
@@ -89,7 +83,7 @@ TEST(Pool, RequestsBeyondTenWaitForAWorkerAndGoOutInOrder) {
             (std::vector<std::string>{"/10", "/11", "/12"}));
   peer.released = HoldingPeer::kAll;
   for (const std::string& name : names) EXPECT_EQ(bed.OutcomeOf(name), "200 ok");
-  EXPECT_EQ(peer.Peer().Count(), 10);
+  EXPECT_EQ(peer.peer.Count(), 10);
 }
 
 TEST(Pool, AWorkerThatDropsOutMakesRoomForAWaitingRequest) {
@@ -104,7 +98,7 @@ TEST(Pool, AWorkerThatDropsOutMakesRoomForAWaitingRequest) {
       return number == 4 && connection.Send(c.sent);
     });
     AskingBed bed;
-    SendAll(bed, peer.Peer().Port(), 11);
+    SendAll(bed, peer.peer.Port(), 11);
     const auto before = peer.AskedAfter(10);
     ASSERT_EQ(before.size(), 10u);
     peer.released = 4;
@@ -125,10 +119,10 @@ TEST(Pool, AnIdleWorkerPastItsTimeIsReplaced) {
   HoldingPeer peer;
   peer.released = HoldingPeer::kAll;
   AskingBed bed(clock);
-  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Peer().Port())), "200 ok");
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.peer.Port())), "200 ok");
   clock.Advance(std::chrono::seconds(121));
-  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Peer().Port())), "200 ok");
-  EXPECT_EQ(peer.Peer().Count(), 2);
+  EXPECT_EQ(bed.Ask(AskingBed::Request(peer.peer.Port())), "200 ok");
+  EXPECT_EQ(peer.peer.Count(), 2);
 }
 
 TEST(Pool, StartsHoldNothingUpAndTheirFailureIsTold) {
