@@ -49,7 +49,7 @@ bool SendStoredPage(ZrTransceiverClient& client, const ZrXHeader& request,
 }  // namespace
 
 ZrStaticFiles::ZrStaticFiles(std::shared_ptr<ZrScriptRunner> scripts)
-    : scripts_(std::move(scripts)) {}
+    : scripts_(std::move(scripts)), notFoundPage_(ZrHTML_ErrorMsg404().ToText()) {}
 
 bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
                                  const std::shared_ptr<ZrXHeader>& request) {
@@ -98,11 +98,9 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
 
 void ZrStaticFiles::AnswerNotFound(ZrTransceiverClient& client,
                                    const std::shared_ptr<ZrXHeader>& request) {
-  // The page is the same for every request: built with the first one.
-  static const std::string kPage = ZrHTML_ErrorMsg404().ToText();
   const auto answer = request->MakeResponse();
   answer->SetStatus(404);
   answer->body = std::make_unique<ZrStringBuf>();
-  answer->body->Append(kPage);
+  answer->body->Append(notFoundPage_);
   client.SendAnswer(*request, answer);
 }

@@ -30,4 +30,7 @@ class ZrStaticFiles : public ZrContentHandler {
                  const std::string& path);
 
   const std::shared_ptr<ZrScriptRunner> scripts_;
+  // The same for every request. Not one for all applications: it would be destroyed at the exit of
+  // a host that does not stop its servers, and their tasks still read it then.
+  const std::string notFoundPage_;
 };

@@ -155,7 +155,8 @@ TEST(HostDeathTest, MayExitWithoutAStop) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   const auto exitUnderLoad = [] {
     static const auto* const library = new Library;  // never unloaded
-    const int port = library->port(library->Start());
+    static void* const handle = library->Start();    // never stopped
+    const int port = library->port(handle);
     std::atomic<int> turns = 0;
     for (int i = 0; i < 2; ++i) {
       std::thread([&turns, port] {
