@@ -172,7 +172,7 @@ TEST(Outgoing, SlowIsNotSilent) {
              worker->ServerJob().ExpiryNs() > now + 114'000'000'000;
     }));
   }
-  EXPECT_EQ(bed.OutcomeOf(head->JobName()), "200 slow");
+  EXPECT_EQ(bed.EndOf(head), "200 slow");
 
   const auto silent = AskingBed::Request(peer.Port(), "/silent");
   bed.client->SendMessage(silent, true);

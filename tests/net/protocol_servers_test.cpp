@@ -215,8 +215,8 @@ TEST(Http, WhatAPeerDoesNotReadHoldsItUpAlone) {
     return 1;
   };
   const int port = bed.Open(zr::kProtocolHttp);
-  RawClient greedy(port, 4096);
-  constexpr int kRequests = 100;  // 20 MB of answers, far more than the sockets hold
+  RawClient greedy(port);
+  constexpr int kRequests = 300;  // 60 MB of answers, far more than the sockets hold
   for (int i = 0; i < kRequests; ++i) greedy.Send(kGetA);
   RawClient modest(port);
   modest.Send("GET /m HTTP/1.1\r\nConnection: close\r\n\r\n");

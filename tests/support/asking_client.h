@@ -100,10 +100,14 @@ class AskingBed {
     head->SetState(zr::kHeadStateComplete);
     return head;
   }
-  /// Sends and waits for the outcome, as text, and for the end of the exchange: a worker whose
-  /// connection lives is idle then.
+  /// Sends and waits for the end.
   std::string Ask(const std::shared_ptr<ZrXHeader>& head) {
     client->SendMessage(head, true);
+    return EndOf(head);
+  }
+  /// Waits for the outcome, as text, and for the end of the exchange: a worker whose connection
+  /// lives is idle then.
+  std::string EndOf(const std::shared_ptr<ZrXHeader>& head) {
     const std::string outcome = OutcomeOf(head->JobName());
     const bool ended =
         WaitFor([&] { return !ZrJobRegistry::Instance().TaskText(head->AttachedTask()); });
