@@ -86,5 +86,5 @@ class ZrShortText {
     }
   }
 
-  char bytes_[kInside + 1];
+  alignas(char*) char bytes_[kInside + 1];
 };
