@@ -35,5 +35,6 @@ VELKORO_EXPORT int ServerPort(void* server);
 
 /// Stops the server, closes its connections and frees the handle. Answers 0, also for a null
 /// handle. Returns when no thread of the server runs any more. Call it once, from a thread of the
-/// host's.
+/// host's. A host may exit without it; one that has used OpenSSL itself before the first server was
+/// started must stop them all, or OpenSSL's clean-up at exit meets threads that still use it.
 VELKORO_EXPORT int StopHTTPserver(void* server);

@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "host/zrexception.h"
+#include "http/zropenssl.h"
 #include "platform/zrprivatefile.h"
 
 // The pair is written into a folder beside the one asked for, which is then renamed: a rename of a
@@ -87,6 +88,7 @@ std::string Bytes(BIO* memory) {
 }
 
 void WritePair(const std::filesystem::path& folder) {
+  InitialiseOpenSsl();
   const Key key(EVP_EC_gen("P-256"));
   Require(key != nullptr, "the key");
   const Certificate certificate = MakeCertificate(key.get());

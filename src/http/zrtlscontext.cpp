@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "host/zrexception.h"
+#include "http/zropenssl.h"
 
 namespace {
 
@@ -19,13 +20,6 @@ constexpr const char* kCiphersTls12 = "ECDHE+AESGCM:ECDHE+CHACHA20:ECDHE+AES:!aN
 constexpr const char* kCiphersTls13 =
     "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256";
 constexpr std::string_view kHttp11 = "http/1.1";
-
-void InitialiseOpenSsl() {
-  // OpenSSL's own clean-up at exit would pull its tables away from under the threads of a host that
-  // leaves without stopping its server. Its first initialisation decides; later calls do nothing.
-  ::OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
-  ::ERR_clear_error();
-}
 
 // A server has nobody to ask: an encrypted key is an unusable one.
 int RefusePassword(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*user*/) { return -1; }
