@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "markup/zrsparechunks.h"
+
 #if defined(__SANITIZE_ADDRESS__)
 #define ZR_POISONS 1
 #elif defined(__has_feature)
@@ -37,6 +39,8 @@ struct NodePool::ThreadMemory {
 constinit thread_local NodePool::ThreadMemory NodePool::thread{nullptr, 0, nullptr, 0};
 
 namespace {
+
+constinit SpareChunks spareChunks;
 
 // Each piece is preceded by its chunk, null for a piece from the heap; both lie so that the piece
 // is aligned.
@@ -165,7 +169,12 @@ NodeFreeing::~NodeFreeing() {
 }
 
 void NodePool::Drop(Chunk* chunk, std::uint64_t count) noexcept {
-  if (chunk->pieces.fetch_sub(count, std::memory_order_acq_rel) == count) std::free(chunk);
+  const std::uint64_t left = chunk->pieces.fetch_sub(count, std::memory_order_acq_rel) - count;
+  if (left == kLarge) {
+    spareChunks.Keep(chunk);
+  } else if (left == 0) {
+    std::free(chunk);
+  }
 }
 
 void NodePool::Retire() noexcept {
@@ -174,13 +183,15 @@ void NodePool::Retire() noexcept {
 
 namespace {
 
-// Freed by std::free(). The chunks of a large document lie in large pages: fetching small ones one
-// by one took a third of the time to read ten megabytes.
-void* AllocateChunk(std::size_t size) {
-  const bool large = size % kLargePage == 0;
-  void* const memory = large ? std::aligned_alloc(kLargePage, size) : std::malloc(size);
+// The chunks of a large document lie in large pages: fetching small ones one by one took a third of
+// the time to read ten megabytes.
+void* AllocateChunk(std::size_t size, bool large) {
+  void* memory = large ? spareChunks.Take() : std::malloc(size);
+  if (large && memory == nullptr) {
+    memory = std::aligned_alloc(kLargePage, size);
+    if (memory != nullptr) PreferLargePages(memory, size);
+  }
   if (memory == nullptr) throw std::bad_alloc();
-  if (large) PreferLargePages(memory, size);
   return memory;
 }
 
@@ -190,9 +201,10 @@ void NodePool::Renew(std::size_t size) {
   static_assert(sizeof(Chunk) + kLead <= kAlign);
   const std::size_t room = std::max(chunkSize_, size + kAlign);
   chunkSize_ = std::min(chunkSize_ * 2, kLargestChunk);
-  char* const memory = static_cast<char*>(AllocateChunk(room));
+  const bool large = room == kLargePage;
+  char* const memory = static_cast<char*>(AllocateChunk(room, large));
   Retire();
-  chunk_ = new (memory) Chunk{{kInUse}};
+  chunk_ = new (memory) Chunk{{kInUse + (large ? kLarge : 0)}};
   // The first piece's lead lies in the first aligned block, behind the chunk's count.
   next_ = memory + kAlign;
   end_ = memory + room;

@@ -46,9 +46,11 @@ class NodePool {
   friend void FreeNodeMemory(void* piece, std::size_t size) noexcept;
 
   struct Chunk {
-    std::atomic<std::uint64_t> pieces;  // not yet freed, and kInUse while the pool cuts from it
+    // Those not yet freed, and kInUse while the pool cuts from it; above them kLarge or nothing.
+    std::atomic<std::uint64_t> pieces;
   };
   static constexpr std::uint64_t kInUse = std::uint64_t{1} << 32;
+  static constexpr std::uint64_t kLarge = std::uint64_t{1} << 48;  // of kLargePage bytes
   static constexpr std::size_t kFirstChunk = std::size_t{4} * 1024;
   static constexpr std::size_t kLargestChunk = kLargePage;
   static constexpr std::size_t kLargestPiece = 1024;  // larger ones come from the heap

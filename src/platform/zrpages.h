@@ -13,4 +13,8 @@ inline constexpr std::size_t kLargePage = std::size_t{2} << 20;
 /// once, where the system would else fetch page by page. A system that has none ignores it.
 void PreferLargePages(void* memory, std::size_t size) noexcept;
 
+/// Lets the system take the pages of this memory when it needs them; the memory stays, its content
+/// is lost by then. Writing to it takes them back.
+void LendPages(void* memory, std::size_t size) noexcept;
+
 }  // namespace zr

@@ -11,4 +11,10 @@ void PreferLargePages([[maybe_unused]] void* memory, [[maybe_unused]] std::size_
 #endif
 }
 
+void LendPages([[maybe_unused]] void* memory, [[maybe_unused]] std::size_t size) noexcept {
+#ifdef MADV_FREE
+  (void)::madvise(memory, size, MADV_FREE);
+#endif
+}
+
 }  // namespace zr
