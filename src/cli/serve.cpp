@@ -113,7 +113,7 @@ CertificateFiles KeyPair(const ServeOptions& options) {
         "there is no home directory to keep a certificate in; name a directory with --state");
   }
   try {
-    return EnsureSelfSignedCertificate((std::filesystem::path(state) / "localhost").string());
+    return EnsureSelfSignedCertificate(state + "/localhost");
   } catch (const ZrException& failure) {
     throw std::runtime_error(std::string(failure.what()) + "; name another directory with --state");
   }

@@ -35,8 +35,8 @@ using Certificate = std::unique_ptr<X509, Freed<X509_free>>;
 using Memory = std::unique_ptr<BIO, Freed<BIO_free>>;
 
 constexpr long kValidDays = 3650;
-constexpr const char* kCertificateName = "certificate.pem";
-constexpr const char* kKeyName = "private-key.pem";
+constexpr const char* kCertificateName = "/certificate.pem";
+constexpr const char* kKeyName = "/private-key.pem";
 
 void Require(bool made, const char* what) {
   if (!made) {
@@ -87,7 +87,7 @@ std::string Bytes(BIO* memory) {
   return std::string(data, static_cast<std::size_t>(size));
 }
 
-void WritePair(const std::filesystem::path& folder) {
+void WritePair(const std::string& folder) {
   InitialiseOpenSsl();
   const Key key(EVP_EC_gen("P-256"));
   Require(key != nullptr, "the key");
@@ -99,28 +99,27 @@ void WritePair(const std::filesystem::path& folder) {
                                             nullptr) == 1 &&
               PEM_write_bio_X509(certificateText.get(), certificate.get()) == 1,
           "the PEM text");
-  WritePrivateFile((folder / kKeyName).string(), Bytes(keyText.get()));
-  WritePrivateFile((folder / kCertificateName).string(), Bytes(certificateText.get()));
+  WritePrivateFile(folder + kKeyName, Bytes(keyText.get()));
+  WritePrivateFile(folder + kCertificateName, Bytes(certificateText.get()));
 }
 
 }  // namespace
 
 CertificateFiles EnsureSelfSignedCertificate(const std::string& folder) {
-  const std::filesystem::path home(folder);
-  const CertificateFiles files{(home / kCertificateName).string(), (home / kKeyName).string()};
+  const CertificateFiles files{folder + kCertificateName, folder + kKeyName};
   std::error_code ignored;
   if (std::filesystem::exists(files.certificate, ignored) &&
       std::filesystem::exists(files.privateKey, ignored)) {
     return files;
   }
   try {
-    if (home.has_parent_path()) {
+    if (const std::filesystem::path home(folder); home.has_parent_path()) {
       std::filesystem::create_directories(home.parent_path());
     }
-    const std::filesystem::path fresh = MakePrivateFolder(home.string());
+    const std::string fresh = MakePrivateFolder(folder);
     WritePair(fresh);
     std::error_code lost;
-    std::filesystem::rename(fresh, home, lost);
+    std::filesystem::rename(fresh, folder, lost);
     if (lost) {
       std::filesystem::remove_all(fresh, ignored);
       if (!std::filesystem::exists(files.certificate, ignored)) {

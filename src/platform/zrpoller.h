@@ -23,7 +23,7 @@ inline constexpr unsigned kUrgent = 4;  ///< Out-of-band data.
 
 /// One ready descriptor.
 struct ZrReadiness {
-  std::uint64_t token = 0;  ///< As given to Add() or Change().
+  std::uint64_t token = 0;  ///< As given to Add().
   bool readable = false;
   bool writable = false;
   bool urgent = false;
@@ -32,7 +32,7 @@ struct ZrReadiness {
   bool hangup = false;
 };
 
-/// A set of descriptors and a wake-up. Threads: Add, Change, Remove and Wake from any; Wait from
+/// A set of descriptors and a wake-up. Threads: Add, Remove and Wake from any; Wait from
 /// one at a time. Descriptors are not owned: Remove() before closing one. Those of the poller
 /// itself are close-on-exec. EINTR is retried with the time that is left.
 class ZrPoller {
@@ -46,8 +46,6 @@ class ZrPoller {
   /// Watches a descriptor. False when it is watched already, is no socket or pipe, or the system's
   /// limits are reached. The highest token is kept for the wake-up.
   [[nodiscard]] bool Add(int descriptor, std::uint64_t token, unsigned interest);
-  /// Replaces token and interest. False when the descriptor is not watched.
-  [[nodiscard]] bool Change(int descriptor, std::uint64_t token, unsigned interest);
   /// Stops watching; unknown descriptors are ignored. A wait that is returning at this moment may
   /// still report the token once.
   void Remove(int descriptor);

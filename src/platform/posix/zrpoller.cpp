@@ -59,10 +59,6 @@ bool ZrPoller::Add(int descriptor, std::uint64_t token, unsigned interest) {
   return Control(poll_.Get(), EPOLL_CTL_ADD, descriptor, token, interest);
 }
 
-bool ZrPoller::Change(int descriptor, std::uint64_t token, unsigned interest) {
-  return Control(poll_.Get(), EPOLL_CTL_MOD, descriptor, token, interest);
-}
-
 void ZrPoller::Remove(int descriptor) {
   Control(poll_.Get(), EPOLL_CTL_DEL, descriptor, 0, ZrInterest::kNone);
 }
