@@ -312,6 +312,7 @@ void ZrTransceiver::AfterOutput(ZrTransceiverConnection& connection) {
     alive = !connection.socket_ || EndOutputWhenDone(connection);
   }
   if (!alive) return RemoveConnection(connection.JobName(), true);
+  NoteProgress();
   if (connection.TakeStalled()) connection.Announce();
 }
 
