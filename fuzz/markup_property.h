@@ -12,8 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/zrexception.h"
 #include "fuzz/check.h"
-#include "host/zrexception.h"
 #include "markup/zrdtdelementreaderstream.h"
 #include "markup/zrparse.h"
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/zrexception.h"
 #include "fuzz/check.h"
-#include "host/zrexception.h"
 #include "markup/zrparse.h"
 
 namespace {

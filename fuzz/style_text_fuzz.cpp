@@ -5,8 +5,8 @@
 #include <sstream>
 #include <string>
 
+#include "base/zrexception.h"
 #include "fuzz/check.h"
-#include "host/zrexception.h"
 #include "html/zrstyleattribute.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "html/zrhtmldtd.h"
 #include "html/zrhtmlplainelements.h"
 #include "html/zrhtmltext2.h"

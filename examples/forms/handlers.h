@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "http/zrrequesthandler.h"
+#include "handlers/zrrequesthandler.h"
 
 namespace forms {
 

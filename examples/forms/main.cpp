@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
+#include "base/zrexception.h"
+#include "base/zrnumber.h"
+#include "base/zrservercallback.h"
 #include "handlers.h"
-#include "host/zrexception.h"
-#include "host/zrnumber.h"
 #include "host/zrquarnapplication2.h"
 #include "http/zrprotocolkind.h"
-#include "net/zrservercallback.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 #include <memory>
 #include <string>
 
-#include "http/zrtransceiver.h"
-#include "http/zrtransceiverclient.h"
+#include "handlers/zrtransceiverclient.h"
 #include "http/zrxheader.h"
 #include "jobs/zrscheduler.h"
-#include "net/zrprotocolservers.h"
-#include "net/zrurlhookservice.h"
+#include "servers/zrprotocolservers.h"
+#include "servers/zrurlhookservice.h"
+#include "transceiver/zrtransceiver.h"
 
 namespace {
 

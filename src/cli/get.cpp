@@ -16,15 +16,15 @@
 
 #include "cli/command.h"
 #include "cli/requesturl.h"
+#include "handlers/zrtransceiverclient.h"
 #include "http/zrformwriter.h"
-#include "http/zrtransceiver.h"
-#include "http/zrtransceiverclient.h"
 #include "http/zrxheader.h"
 #include "jobs/zrscheduler.h"
-#include "net/zrprotocolservers.h"
-#include "net/zrurlhookservice.h"
 #include "platform/zroutput.h"
 #include "platform/zrsync.h"
+#include "servers/zrprotocolservers.h"
+#include "servers/zrurlhookservice.h"
+#include "transceiver/zrtransceiver.h"
 
 namespace zr::cli {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <optional>
 
+#include "base/zrnumber.h"
 #include "cli/command.h"
-#include "host/zrnumber.h"
 #include "http/zrprotocolkind.h"
 
 namespace zr::cli {

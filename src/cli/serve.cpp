@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "base/zrexception.h"
 #include "cli/accesslog.h"
 #include "cli/command.h"
 #include "cli/listenurl.h"
-#include "host/zrexception.h"
 #include "host/zrquarnapplication2.h"
-#include "http/zrcertificate.h"
 #include "http/zrprotocolkind.h"
+#include "net/zrcertificate.h"
 #include "platform/zrfilesystem.h"
 #include "platform/zroutput.h"
 #include "platform/zrprocess.h"

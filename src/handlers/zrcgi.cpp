@@ -2,9 +2,9 @@
 
 #include <utility>
 
+#include "base/zrpath.h"
 #include "handlers/zrcgivariables.h"
-#include "host/zrpath.h"
-#include "http/zrtransceiverclient.h"
+#include "handlers/zrtransceiverclient.h"
 #include "http/zrxheader.h"
 #include "http/zrxresponseheader.h"
 #include "platform/zrfile.h"

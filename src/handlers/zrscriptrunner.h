@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "http/fwd.h"
+#include "transceiver/fwd.h"
 
 class ZrTransceiverClient;
 

@@ -5,11 +5,11 @@
 #include <string>
 #include <utility>
 
+#include "base/zrpath.h"
+#include "base/zrstringbuf.h"
 #include "handlers/zrscriptrunner.h"
-#include "host/zrpath.h"
-#include "host/zrstringbuf.h"
+#include "handlers/zrtransceiverclient.h"
 #include "html/zrhtmlerrormsg404.h"
-#include "http/zrtransceiverclient.h"
 #include "http/zrxheader.h"
 #include "http/zrxresponseheader.h"
 #include "platform/zrfile.h"

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "http/zrcontenthandler.h"
+#include "handlers/zrcontenthandler.h"
 
 class ZrScriptRunner;
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/zrstringbuf.h"
+#include "base/zrstringbuf.h"
 #include "platform/zrpipe.h"
 #include "platform/zrprocess.h"
 

@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
-#include "host/zrexception.h"
-#include "host/zrnumber.h"
-#include "host/zrpath.h"
+#include "base/zrexception.h"
+#include "base/zrnumber.h"
+#include "base/zrpath.h"
 #include "host/zrserverhandle.h"
 #include "http/zrprotocolkind.h"
 #include "jobs/zrjobregistry.h"

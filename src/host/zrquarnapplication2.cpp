@@ -5,13 +5,13 @@
 
 #include "handlers/zrcgi.h"
 #include "handlers/zrstaticfiles.h"
+#include "handlers/zrtransceiverclient.h"
 #include "http/zrprotocolkind.h"
-#include "http/zrtransceiverclient.h"
 #include "http/zrxresponseheader.h"
 #include "http/zrxserverheader.h"
-#include "net/zrprotocolservers.h"
-#include "net/zrurlhookservice.h"
 #include "platform/zroutput.h"
+#include "servers/zrprotocolservers.h"
+#include "servers/zrurlhookservice.h"
 #include "storage/zrpersistentappstorage.h"
 
 /// The application has no base class: derived applications override its own operations, and the

@@ -13,16 +13,16 @@
 #include <string_view>
 #include <vector>
 
+#include "base/zroptionmap.h"
+#include "handlers/zrcontenthandler.h"
+#include "handlers/zrrequestapplication.h"
+#include "handlers/zrrequesthandler.h"
 #include "host/zrbrowserlauncher.h"
-#include "host/zroptionmap.h"
 #include "host/zrserverdefinition.h"
-#include "http/zrcontenthandler.h"
-#include "http/zrrequestapplication.h"
-#include "http/zrrequesthandler.h"
-#include "http/zrtransceiver.h"
 #include "jobs/zrnamedidsource.h"
 #include "jobs/zrscheduler.h"
 #include "platform/zrsync.h"
+#include "transceiver/zrtransceiver.h"
 
 class ZrCgi;
 class ZrPersistentAppStorage;

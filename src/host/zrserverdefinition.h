@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "host/zroptionmap.h"
+#include "base/zroptionmap.h"
 
 class ZrTransceiverClient;
 

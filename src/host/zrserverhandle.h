@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "host/zroptionmap.h"
+#include "base/zroptionmap.h"
 #include "host/zrquarnapplication2.h"
 #include "storage/zrpersistentappstorage.h"
 

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "html/zrcssproperty.h"
 #include "markup/zrwrite.h"
 #include "markup/zrxmlnodes.h"

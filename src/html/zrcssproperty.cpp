@@ -1,7 +1,7 @@
 #include "html/zrcssproperty.h"
 
-#include "host/zrexception.h"
-#include "host/zrtrim.h"
+#include "base/zrexception.h"
+#include "base/zrtrim.h"
 #include "html/zrnodename.h"
 #include "markup/zrwrite.h"
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "html/zrhtmlplainelements.h"
 #include "markup/zrwrite.h"
 

@@ -5,6 +5,7 @@
 
 #include "html/zrcssnodes.h"
 #include "html/zrcssproperty.h"
+#include "html/zrdtdelementread_css.h"
 #include "html/zrhtmldocument2.h"
 #include "html/zrhtmlelements.h"
 #include "html/zrhtmlformelements.h"
@@ -12,7 +13,6 @@
 #include "html/zrhtmltags.h"
 #include "html/zrhtmltext2.h"
 #include "markup/zrdtdelementread_bracketed.h"
-#include "markup/zrdtdelementread_css.h"
 #include "markup/zrdtdelementread_element.h"
 #include "markup/zrdtdelementread_text.h"
 #include "markup/zrxmlnodes.h"

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "html/zrcssnodes.h"
 #include "html/zrhtmltext2.h"
 #include "markup/zrwrite.h"

@@ -2,7 +2,7 @@
 #include <initializer_list>
 #include <stdexcept>
 
-#include "host/zrnumber.h"
+#include "base/zrnumber.h"
 #include "html/zrcommandcompiler.h"
 
 namespace {

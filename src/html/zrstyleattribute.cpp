@@ -4,8 +4,8 @@
 #include <ostream>
 #include <string_view>
 
-#include "host/zrexception.h"
-#include "host/zrtrim.h"
+#include "base/zrexception.h"
+#include "base/zrtrim.h"
 
 namespace {
 

@@ -1,15 +1,10 @@
 #pragma once
 // Classes of this folder that other headers only name.
 
-class ZrFile;
+class ZrFile;  // of the platform
 class ZrHeaderFields;
 class ZrHTTPMessageBlockDisposition;
-class ZrMessageHandler;
-class ZrOutgoingLink;
-class ZrRequestHandler;
-class ZrServerLink;
-class ZrTransceiver;
-class ZrTransceiverConnection;
+class ZrRequestHandler;  // answers form commands; of a layer above
 class ZrXHeader;
 class ZrXResponseHeader;
 class ZrXServerHeader;

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "host/zrnumber.h"
+#include "base/zrnumber.h"
 
 namespace {
 

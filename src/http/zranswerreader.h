@@ -9,7 +9,7 @@
 #include <functional>
 #include <string>
 
-#include "host/zrstringbuf.h"
+#include "base/zrstringbuf.h"
 #include "http/zrxheader.h"
 
 /// One answer. Threads: one at a time.

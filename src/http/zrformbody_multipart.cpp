@@ -7,7 +7,7 @@
 #include <iostream>
 #include <vector>
 
-#include "host/zrtrim.h"
+#include "base/zrtrim.h"
 #include "http/zrformbody.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/zrstringbuf.h"
+#include "base/zrstringbuf.h"
 
 /// A field of a form. Belongs to its message head; threads: as that head.
 struct ZrHTTPMessageBlock {

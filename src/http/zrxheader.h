@@ -18,14 +18,14 @@
 #include <string_view>
 #include <vector>
 
-#include "host/zroptionmap.h"
-#include "host/zrstringbuf.h"
+#include "base/zroptionmap.h"
+#include "base/zrservercallback.h"
+#include "base/zrstringbuf.h"
 #include "http/fwd.h"
 #include "http/zrheaderfields.h"
 #include "http/zrhttpmessageblock.h"
 #include "http/zrprotocolkind.h"
 #include "jobs/zrjob.h"
-#include "net/zrservercallback.h"
 #include "platform/zrsync.h"
 
 /// The type of a message, by the first word of its first line.

@@ -7,7 +7,7 @@
 #include <array>
 #include <utility>
 
-#include "host/zrnumber.h"
+#include "base/zrnumber.h"
 #include "http/zrformbody.h"
 #include "http/zrxheader.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/zroptionmap.h"
+#include "base/zroptionmap.h"
 #include "http/zrxheader.h"
 
 /// Options of a server by name. GetOption and SetOption may be called from any thread.

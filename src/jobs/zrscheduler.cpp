@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "jobs/zrscheduledtask.h"
 #include "platform/zrclock.h"
 #include "platform/zroutput.h"

@@ -4,7 +4,7 @@
 #include <bit>
 #include <stdexcept>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrdtdelementreader.h"
 
 void ZrDTD::AddState(std::unique_ptr<ZrDTDElementRead> prototype, Factory factory, bool container) {

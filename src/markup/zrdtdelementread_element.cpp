@@ -1,6 +1,6 @@
 #include "markup/zrdtdelementread_element.h"
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrreadtransaction.h"
 #include "markup/zrwindowcursor.h"
 

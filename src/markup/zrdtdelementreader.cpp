@@ -1,6 +1,6 @@
 #include "markup/zrdtdelementreader.h"
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrdtdelementread_bracketed.h"
 #include "markup/zrdtdelementread_element.h"
 #include "markup/zrdtdelementread_text.h"

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrdtdelementreaderstream.h"
 
 namespace {

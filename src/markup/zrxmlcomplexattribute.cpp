@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "host/zrnumber.h"
+#include "base/zrnumber.h"
 #include "markup/zrwrite.h"
 
 void ZrXMLComplexAttribute2::WriteValue(std::ostream&) const {}

@@ -1,6 +1,6 @@
 #include "markup/zrxmlcomplexelement.h"
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrwrite.h"
 
 constinit const ZrXMLComplexElement::NoBody ZrXMLComplexElement::kNoBody;

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <typeinfo>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrwrite.h"
 
 namespace {

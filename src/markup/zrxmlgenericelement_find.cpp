@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrxmlgenericelement.h"
 
 void ZrXMLGenericElement::FindWithAttribute(ZrXMLElementList& list, std::string_view attrName) {

@@ -4,7 +4,7 @@
 #include <span>
 #include <string_view>
 
-#include "net/zrtrace.h"
+#include "base/zrtrace.h"
 #include "platform/zroutput.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <functional>
 #include <string>
 
-#include "net/zrhostinfo.h"
+#include "base/zrhostinfo.h"
 #include "platform/zrdescriptor.h"
 #include "platform/zrsocket.h"
 

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <utility>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "html/zrcommandcompiler.h"
 #include "platform/zrfile.h"
 #include "platform/zrfilesystem.h"

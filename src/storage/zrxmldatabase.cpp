@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrparse.h"
 #include "markup/zrxmlnodes.h"
 #include "platform/zrfile.h"

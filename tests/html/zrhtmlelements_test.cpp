@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "html/zrhtmldocument2.h"
 #include "html/zrhtmlerrormsg404.h"
 #include "html/zrhtmlformelements.h"

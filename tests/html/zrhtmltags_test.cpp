@@ -8,7 +8,7 @@
 #include <typeindex>
 #include <vector>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "html/zrhtmldocument2.h"
 #include "html/zrhtmldtd.h"
 #include "html/zrhtmlelements.h"

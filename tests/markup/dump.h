@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/zrexception.h"
+#include "base/zrexception.h"
 #include "markup/zrdtd.h"
 #include "markup/zrxmlcomplexelement.h"
 

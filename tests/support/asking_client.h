@@ -8,14 +8,14 @@
 #include <utility>
 #include <vector>
 
-#include "http/zrtransceiver.h"
-#include "http/zrtransceiverclient.h"
+#include "handlers/zrtransceiverclient.h"
 #include "http/zrxheader.h"
 #include "jobs/zrjobregistry.h"
 #include "jobs/zrscheduler.h"
-#include "net/zrprotocolservers.h"
-#include "net/zrurlhookservice.h"
+#include "servers/zrprotocolservers.h"
+#include "servers/zrurlhookservice.h"
 #include "tests/support/wait.h"
+#include "transceiver/zrtransceiver.h"
 
 namespace zrtest {
 

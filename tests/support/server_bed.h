@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "http/zrmessagehandler.h"
-#include "http/zrtransceiver.h"
-#include "http/zrtransceiverconnection.h"
 #include "http/zrxresponseheader.h"
 #include "http/zrxserverheader.h"
 #include "jobs/zrscheduler.h"
-#include "net/zrprotocolservers.h"
+#include "servers/zrprotocolservers.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/wait.h"
+#include "transceiver/zrmessagehandler.h"
+#include "transceiver/zrtransceiver.h"
+#include "transceiver/zrtransceiverconnection.h"
 
 namespace zrtest {
 

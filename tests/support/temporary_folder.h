@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "http/zrcertificate.h"
+#include "net/zrcertificate.h"
 
 namespace zrtest {
 

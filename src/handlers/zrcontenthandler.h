@@ -1,0 +1,23 @@
+#pragma once
+// What a request handler does with a request that no form command answered. The content handlers
+// stand in a layer above and are plugged in here.
+
+#include <memory>
+
+#include "transceiver/fwd.h"
+
+class ZrTransceiverClient;
+
+/// Called on the servers' threads, several at once, with no lock held.
+class ZrContentHandler {
+ public:
+  virtual ~ZrContentHandler() = default;
+
+  /// Serves an HTTP request from pages, scripts and files. True when an answer was sent or will be
+  /// (a script that runs keeps a reference to the request); false when the request is not served.
+  virtual bool ServeRequest(ZrTransceiverClient& client,
+                            const std::shared_ptr<ZrXHeader>& request) = 0;
+  /// Sends the answer to a request that nothing served.
+  virtual void AnswerNotFound(ZrTransceiverClient& client,
+                              const std::shared_ptr<ZrXHeader>& request) = 0;
+};

@@ -1,0 +1,10 @@
+#pragma once
+// Classes of this folder, and those that its contracts name.
+
+#include "http/fwd.h"
+
+class ZrMessageHandler;
+class ZrOutgoingLink;
+class ZrServerLink;
+class ZrTransceiver;
+class ZrTransceiverConnection;

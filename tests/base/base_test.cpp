@@ -1,0 +1,44 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "base/zrnumber.h"
+#include "base/zrpath.h"
+
+namespace {
+
+TEST(Base, DirectoryPathsTakeTheStoredForm) {
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {"C:/www", "C:\\www\\"}, {"docs\\", "docs\\"}, {"a/b/", "a\\b\\"},
+      {"www", "www\\"},        {"/", "\\"},          {"", ""}};
+  for (const auto& [path, stored] : kCases) {
+    EXPECT_EQ(zr::NormalizeDirectoryPath(path), stored);
+    EXPECT_EQ(zr::NormalizeDirectoryPath(stored), stored);
+  }
+}
+
+TEST(Base, UnsignedNumbersStopAtTheFirstOtherCharacter) {
+  EXPECT_EQ(zr::ParseUnsignedLong(" 443x"), 443u);
+  EXPECT_EQ(zr::ParseUnsignedLong("4294967295"), 4294967295u);
+  EXPECT_EQ(zr::ParseUnsignedLong("-1"), 4294967295u);
+  for (const char* text : {"", " ", "x1", "- 1", "+-1", "4294967296"}) {
+    std::string said;
+    try {
+      zr::ParseUnsignedLong(text);
+    } catch (const std::logic_error& e) {
+      said = e.what();
+    }
+    EXPECT_EQ(said, *text == '4' ? "stoul argument out of range" : "invalid stoul argument");
+  }
+}
+
+TEST(Base, DigitsAreTheWholeText) {
+  EXPECT_EQ(zr::ParseDigits("18446744073709551615"), 18446744073709551615ull);
+  for (const char* text : {"", "-1", "+1", " 1", "1 ", "18446744073709551616", "0x1"}) {
+    EXPECT_FALSE(zr::ParseDigits(text)) << text;
+  }
+}
+
+}  // namespace
