@@ -6,9 +6,9 @@
 #include <functional>
 #include <string>
 
-#include "http/zrformbody.h"
-#include "http/zrxheader.h"
-#include "http/zrxresponseheader.h"
+#include "http/form_body.h"
+#include "http/message_head.h"
+#include "http/response_head.h"
 
 namespace {
 

@@ -7,14 +7,14 @@
 #include <sstream>
 #include <string>
 
-#include "html/zrcommandcompiler.h"
-#include "html/zrhtmldocument2.h"
-#include "html/zrhtmldtd.h"
-#include "html/zrhtmlelements.h"
-#include "html/zrhtmlerrormsg404.h"
-#include "html/zrhtmlplainelements.h"
-#include "html/zrhtmltext2.h"
-#include "markup/zrparse.h"
+#include "html/command_compiler.h"
+#include "html/error_page_404.h"
+#include "html/html_document.h"
+#include "html/html_dtd.h"
+#include "html/html_elements.h"
+#include "html/html_text.h"
+#include "html/plain_elements.h"
+#include "markup/parse.h"
 
 namespace {
 

@@ -7,11 +7,11 @@
 #include <memory>
 #include <string>
 
-#include "jobs/zrjob.h"
-#include "jobs/zrjobregistry.h"
-#include "jobs/zrnamedidsource.h"
-#include "jobs/zrscheduler.h"
-#include "platform/zrsync.h"
+#include "jobs/job.h"
+#include "jobs/job_registry.h"
+#include "jobs/named_id_source.h"
+#include "jobs/scheduler.h"
+#include "platform/sync.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <streambuf>
 #include <string>
 
-#include "markup/zrparse.h"
+#include "markup/parse.h"
 #include "tests/support/plain_xml.h"
 
 namespace {

@@ -10,8 +10,8 @@
 #include <string_view>
 
 #include "fuzz/check.h"
-#include "http/zranswerreader.h"
-#include "http/zrxheader.h"
+#include "http/answer_reader.h"
+#include "http/message_head.h"
 
 namespace {
 

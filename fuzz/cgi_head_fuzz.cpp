@@ -6,8 +6,8 @@
 #include <string>
 
 #include "fuzz/check.h"
-#include "http/zrxheader.h"
-#include "http/zrxresponseheader.h"
+#include "http/message_head.h"
+#include "http/response_head.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string output(reinterpret_cast<const char*>(data), size);

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "fuzz/check.h"
-#include "html/zrcommandcompiler.h"
+#include "html/command_compiler.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "fuzz/check.h"
-#include "http/zrformbody.h"
+#include "http/form_body.h"
 
 inline std::shared_ptr<ZrXHeader> DecodeForm(std::string_view contentType, std::string_view body) {
   // What the decoder reports to its user is no finding.

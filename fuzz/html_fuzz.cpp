@@ -4,8 +4,8 @@
 #include <string>
 
 #include "fuzz/markup_property.h"
-#include "html/zrhtmlbaseelement2.h"
-#include "html/zrhtmldtd.h"
+#include "html/base_element.h"
+#include "html/html_dtd.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "fuzz/check.h"
-#include "storage/zrmarkerexpansion.h"
+#include "storage/marker_expansion.h"
 
 namespace {
 

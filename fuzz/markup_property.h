@@ -12,10 +12,10 @@
 #include <string>
 #include <string_view>
 
-#include "base/zrexception.h"
+#include "base/exception.h"
 #include "fuzz/check.h"
-#include "markup/zrdtdelementreaderstream.h"
-#include "markup/zrparse.h"
+#include "markup/element_reader_stream.h"
+#include "markup/parse.h"
 
 namespace zr::fuzz {
 

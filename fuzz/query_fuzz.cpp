@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "base/zrexception.h"
+#include "base/exception.h"
 #include "fuzz/check.h"
-#include "markup/zrparse.h"
+#include "markup/parse.h"
 
 namespace {
 

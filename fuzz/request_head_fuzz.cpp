@@ -7,8 +7,8 @@
 #include <string>
 
 #include "fuzz/check.h"
-#include "http/zrxheader.h"
-#include "http/zrxresponseheader.h"
+#include "http/message_head.h"
+#include "http/response_head.h"
 
 namespace {
 

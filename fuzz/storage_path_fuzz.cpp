@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "fuzz/check.h"
-#include "storage/zrxmldatabase.h"
+#include "storage/xml_database.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view rest(reinterpret_cast<const char*>(data), size);

@@ -5,9 +5,9 @@
 #include <sstream>
 #include <string>
 
-#include "base/zrexception.h"
+#include "base/exception.h"
 #include "fuzz/check.h"
-#include "html/zrstyleattribute.h"
+#include "html/style_attribute.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <iostream>
 #include <memory>
 
-#include "html/zrhtmldocument2.h"
-#include "html/zrhtmlelements.h"
-#include "html/zrhtmlformelements.h"
-#include "html/zrhtmlplainelements.h"
-#include "html/zrhtmltext2.h"
+#include "html/form_elements.h"
+#include "html/html_document.h"
+#include "html/html_elements.h"
+#include "html/html_text.h"
+#include "html/plain_elements.h"
 
 int main() {
   ZrHTML_Document2 page;

@@ -5,11 +5,11 @@
 #include <sstream>
 #include <string>
 
-#include "base/zrexception.h"
-#include "html/zrhtmldtd.h"
-#include "html/zrhtmlplainelements.h"
-#include "html/zrhtmltext2.h"
-#include "markup/zrparse.h"
+#include "base/exception.h"
+#include "html/html_dtd.h"
+#include "html/html_text.h"
+#include "html/plain_elements.h"
+#include "markup/parse.h"
 
 int main() {
   std::istringstream input("<p>\n  <b>bold</p>");

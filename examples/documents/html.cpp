@@ -5,10 +5,10 @@
 #include <sstream>
 #include <string>
 
-#include "html/zrcssnodes.h"
-#include "html/zrhtmlbaseelement2.h"
-#include "html/zrhtmldtd.h"
-#include "markup/zrparse.h"
+#include "html/base_element.h"
+#include "html/css_nodes.h"
+#include "html/html_dtd.h"
+#include "markup/parse.h"
 
 int main() {
   std::istringstream input(

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string>
 
-#include "markup/zrparse.h"
+#include "markup/parse.h"
 
 int main() {
   std::istringstream input(

@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "http/zrhttpmessageblock.h"
-#include "http/zrxresponseheader.h"
+#include "http/message_block.h"
+#include "http/response_head.h"
 #include "pages.h"
 
 namespace forms {
@@ -27,7 +27,7 @@ std::string UploadReport(const ZrXHeader& request) {
          " came: " + Escaped(content.substr(0, kShown));
 }
 
-void HandOver(ZrXResponseHeader& answer, ZrRequestHandler* next) {
+void HandOver(ZrXResponseHeader& answer, ZrCommandHandler* next) {
   answer.HandoverRecord() = {"forms", next};
 }
 

@@ -4,36 +4,36 @@
 
 #include <string>
 
-#include "handlers/zrrequesthandler.h"
+#include "handlers/command_handler.h"
 
 namespace forms {
 
 /// Answers with a message until the command "restart" hands back to the other handler.
-class ClosedHandler : public ZrRequestHandler {
+class ClosedHandler : public ZrCommandHandler {
  public:
   /// The handler that is given the name back; outlives this one.
-  void SetNext(ZrRequestHandler* next) { next_ = next; }
+  void SetNext(ZrCommandHandler* next) { next_ = next; }
 
   std::string Name() const override { return "forms"; }
   void Request(ZrXHeader& request, ZrXResponseHeader& answer, const std::string& command) override;
   void Release() override {}  // main() owns it
 
  private:
-  ZrRequestHandler* next_ = nullptr;
+  ZrCommandHandler* next_ = nullptr;
 };
 
 /// Answers the forms of the start page.
-class FormHandler : public ZrRequestHandler {
+class FormHandler : public ZrCommandHandler {
  public:
   /// Takes over the name when a visitor finishes; outlives this handler.
-  explicit FormHandler(ZrRequestHandler* next) : next_(next) {}
+  explicit FormHandler(ZrCommandHandler* next) : next_(next) {}
 
   std::string Name() const override { return "forms"; }
   void Request(ZrXHeader& request, ZrXResponseHeader& answer, const std::string& command) override;
   void Release() override {}  // main() owns it
 
  private:
-  ZrRequestHandler* const next_;
+  ZrCommandHandler* const next_;
 };
 
 }  // namespace forms

@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "base/zrexception.h"
-#include "base/zrnumber.h"
-#include "base/zrservercallback.h"
+#include "base/exception.h"
+#include "base/number.h"
+#include "base/server_callback.h"
 #include "handlers.h"
-#include "host/zrquarnapplication2.h"
-#include "http/zrprotocolkind.h"
+#include "host/application.h"
+#include "http/protocol_kind.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ namespace {
 class FormsApplication : public ZrQuarnApplication2 {
  public:
   FormsApplication(std::vector<ZrServerDefinition> servers, ZrOptionMap options,
-                   ZrRequestHandler* first)
+                   ZrCommandHandler* first)
       : ZrQuarnApplication2(nullptr, std::move(servers), std::move(options)), first_(first) {
     registerHandler(first);
   }
@@ -33,10 +33,10 @@ class FormsApplication : public ZrQuarnApplication2 {
   // Requests may be on their way to nullQuery(): they end while it is still there.
   ~FormsApplication() override { stopServers(); }
 
-  ZrRequestHandler* nullQuery(const std::string& /*name*/) override { return first_; }
+  ZrCommandHandler* nullQuery(const std::string& /*name*/) override { return first_; }
 
  private:
-  ZrRequestHandler* const first_;
+  ZrCommandHandler* const first_;
 };
 
 ZrServerDefinition DefinitionOf(const std::vector<std::string>& arguments) {

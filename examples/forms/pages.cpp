@@ -2,14 +2,14 @@
 
 #include <memory>
 
-#include "html/zrcommandcompiler.h"
-#include "html/zrcssnodes.h"
-#include "html/zrhtmldocument2.h"
-#include "html/zrhtmlelements.h"
-#include "html/zrhtmlformelements.h"
-#include "html/zrhtmlplainelements.h"
-#include "html/zrhtmltext2.h"
-#include "markup/zrxmlnodes.h"
+#include "html/command_compiler.h"
+#include "html/css_nodes.h"
+#include "html/form_elements.h"
+#include "html/html_document.h"
+#include "html/html_elements.h"
+#include "html/html_text.h"
+#include "html/plain_elements.h"
+#include "markup/xml_nodes.h"
 
 namespace forms {
 namespace {

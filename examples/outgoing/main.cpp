@@ -6,12 +6,12 @@
 #include <memory>
 #include <string>
 
-#include "handlers/zrtransceiverclient.h"
-#include "http/zrxheader.h"
-#include "jobs/zrscheduler.h"
-#include "servers/zrprotocolservers.h"
-#include "servers/zrurlhookservice.h"
-#include "transceiver/zrtransceiver.h"
+#include "handlers/request_handler.h"
+#include "http/message_head.h"
+#include "jobs/scheduler.h"
+#include "servers/protocol_servers.h"
+#include "servers/request_pool.h"
+#include "transceiver/transceiver.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "cli/command.h"
-#include "platform/zrio.h"
+#include "platform/io.h"
 
 namespace zr::cli {
 

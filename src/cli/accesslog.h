@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/zrfilesystem.h"
-#include "platform/zrsync.h"
+#include "platform/filesystem.h"
+#include "platform/sync.h"
 
 namespace zr::cli {
 

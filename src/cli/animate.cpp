@@ -4,7 +4,7 @@
 #include <string>
 
 #include "cli/command.h"
-#include "html/zrcommandcompiler.h"
+#include "html/command_compiler.h"
 
 namespace zr::cli {
 namespace {

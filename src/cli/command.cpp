@@ -6,7 +6,7 @@
 #include <iostream>
 
 #include "cli/version.h"
-#include "platform/zroutput.h"
+#include "platform/output.h"
 
 namespace zr::cli {
 namespace {

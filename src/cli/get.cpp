@@ -16,15 +16,15 @@
 
 #include "cli/command.h"
 #include "cli/requesturl.h"
-#include "handlers/zrtransceiverclient.h"
-#include "http/zrformwriter.h"
-#include "http/zrxheader.h"
-#include "jobs/zrscheduler.h"
-#include "platform/zroutput.h"
-#include "platform/zrsync.h"
-#include "servers/zrprotocolservers.h"
-#include "servers/zrurlhookservice.h"
-#include "transceiver/zrtransceiver.h"
+#include "handlers/request_handler.h"
+#include "http/form_writer.h"
+#include "http/message_head.h"
+#include "jobs/scheduler.h"
+#include "platform/output.h"
+#include "platform/sync.h"
+#include "servers/protocol_servers.h"
+#include "servers/request_pool.h"
+#include "transceiver/transceiver.h"
 
 namespace zr::cli {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "base/zrnumber.h"
+#include "base/number.h"
 #include "cli/command.h"
-#include "http/zrprotocolkind.h"
+#include "http/protocol_kind.h"
 
 namespace zr::cli {
 namespace {

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "cli/command.h"
-#include "html/zrhtmldocument2.h"
-#include "html/zrhtmldtd.h"
-#include "markup/zrdtdelementreaderstream.h"
-#include "markup/zrparse.h"
+#include "html/html_document.h"
+#include "html/html_dtd.h"
+#include "markup/element_reader_stream.h"
+#include "markup/parse.h"
 
 namespace zr::cli {
 namespace {

@@ -11,21 +11,21 @@
 #include <string>
 #include <vector>
 
-#include "base/zrexception.h"
+#include "base/exception.h"
 #include "cli/accesslog.h"
 #include "cli/command.h"
 #include "cli/listenurl.h"
-#include "host/zrquarnapplication2.h"
-#include "http/zrprotocolkind.h"
-#include "net/zrcertificate.h"
-#include "platform/zrfilesystem.h"
-#include "platform/zroutput.h"
-#include "platform/zrprocess.h"
-#include "platform/zrsignals.h"
-#include "platform/zrsync.h"
-#include "platform/zrsystem.h"
-#include "platform/zrthread.h"
-#include "storage/zrpersistentappstorage.h"
+#include "host/application.h"
+#include "http/protocol_kind.h"
+#include "net/certificate.h"
+#include "platform/filesystem.h"
+#include "platform/output.h"
+#include "platform/process.h"
+#include "platform/signals.h"
+#include "platform/sync.h"
+#include "platform/system.h"
+#include "platform/thread.h"
+#include "storage/app_storage.h"
 
 namespace zr::cli {
 namespace {

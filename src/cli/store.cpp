@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "cli/command.h"
-#include "platform/zroutput.h"
-#include "storage/zrpersistentappstorage.h"
+#include "platform/output.h"
+#include "storage/app_storage.h"
 
 namespace zr::cli {
 

@@ -4,7 +4,7 @@
 class ZrFile;  // of the platform
 class ZrHeaderFields;
 class ZrHTTPMessageBlockDisposition;
-class ZrRequestHandler;  // answers form commands; of a layer above
+class ZrCommandHandler;  // answers form commands; of a layer above
 class ZrXHeader;
 class ZrXResponseHeader;
 class ZrXServerHeader;

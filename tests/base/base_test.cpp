@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
-#include "base/zrnumber.h"
-#include "base/zrpath.h"
+#include "base/number.h"
+#include "base/path.h"
 
 namespace {
 

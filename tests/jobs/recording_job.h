@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "jobs/zrjob.h"
-#include "platform/zrsync.h"
+#include "jobs/job.h"
+#include "platform/sync.h"
 #include "tests/support/wait.h"
 
 namespace zrtest {

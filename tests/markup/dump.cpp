@@ -4,9 +4,9 @@
 
 #include <sstream>
 
-#include "markup/zrdtdelementreaderstream.h"
-#include "markup/zrparse.h"
-#include "markup/zrxmlnodes.h"
+#include "markup/element_reader_stream.h"
+#include "markup/parse.h"
+#include "markup/xml_nodes.h"
 
 namespace zr_test {
 

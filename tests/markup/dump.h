@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "base/zrexception.h"
-#include "markup/zrdtd.h"
-#include "markup/zrxmlcomplexelement.h"
+#include "base/exception.h"
+#include "markup/complex_element.h"
+#include "markup/dtd.h"
 
 namespace zr_test {
 

@@ -7,8 +7,8 @@
 
 #include <thread>
 
-#include "jobs/zrjobregistry.h"
-#include "platform/zrfile.h"
+#include "jobs/job_registry.h"
+#include "platform/file.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/run.h"
 #include "tests/support/server_bed.h"

@@ -8,14 +8,14 @@
 #include <utility>
 #include <vector>
 
-#include "handlers/zrtransceiverclient.h"
-#include "http/zrxheader.h"
-#include "jobs/zrjobregistry.h"
-#include "jobs/zrscheduler.h"
-#include "servers/zrprotocolservers.h"
-#include "servers/zrurlhookservice.h"
+#include "handlers/request_handler.h"
+#include "http/message_head.h"
+#include "jobs/job_registry.h"
+#include "jobs/scheduler.h"
+#include "servers/protocol_servers.h"
+#include "servers/request_pool.h"
 #include "tests/support/wait.h"
-#include "transceiver/zrtransceiver.h"
+#include "transceiver/transceiver.h"
 
 namespace zrtest {
 

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "platform/zrclock.h"
+#include "platform/clock.h"
 
 namespace zrtest {
 

@@ -4,7 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "platform/zrsocket.h"
+#include "platform/socket.h"
 
 namespace zrtest {
 

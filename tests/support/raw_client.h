@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/zrdescriptor.h"
+#include "platform/descriptor.h"
 
 namespace zrtest {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/zrsocket.h"
+#include "platform/socket.h"
 
 namespace zrtest {
 

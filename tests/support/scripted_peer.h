@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/zrdescriptor.h"
+#include "platform/descriptor.h"
 #include "tests/support/raw_client.h"
 
 namespace zrtest {

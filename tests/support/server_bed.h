@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "http/zrxresponseheader.h"
-#include "http/zrxserverheader.h"
-#include "jobs/zrscheduler.h"
-#include "servers/zrprotocolservers.h"
+#include "http/response_head.h"
+#include "http/server_head.h"
+#include "jobs/scheduler.h"
+#include "servers/protocol_servers.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/wait.h"
-#include "transceiver/zrmessagehandler.h"
-#include "transceiver/zrtransceiver.h"
-#include "transceiver/zrtransceiverconnection.h"
+#include "transceiver/connection.h"
+#include "transceiver/message_handler.h"
+#include "transceiver/transceiver.h"
 
 namespace zrtest {
 

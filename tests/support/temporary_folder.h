@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "net/zrcertificate.h"
+#include "net/certificate.h"
 
 namespace zrtest {
 

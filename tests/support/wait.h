@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "platform/zrsync.h"
+#include "platform/sync.h"
 
 namespace zrtest {
 

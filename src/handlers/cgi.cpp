@@ -1,0 +1,61 @@
+#include "handlers/cgi.h"
+
+#include <utility>
+
+#include "base/path.h"
+#include "handlers/cgi_variables.h"
+#include "handlers/request_handler.h"
+#include "http/message_head.h"
+#include "http/response_head.h"
+#include "platform/file.h"
+#include "platform/filesystem.h"
+
+namespace zr {
+
+bool RunCgi(const std::string& program, const ZrCgiVariables& variables, ZrStringBuf& input,
+            ZrStringBuf& output, const ZrPipeExecSettings& settings) {
+  ZrWinPipeExec(program, settings).Run(variables, input, output);
+  return true;
+}
+
+}  // namespace zr
+
+ZrCgi::ZrCgi(ZrRinvalScheduler2& scheduler, ZrPipeExecLimits limits, std::size_t mostRuns)
+    : limits_(limits), runs_(scheduler, mostRuns) {}
+
+bool ZrCgi::RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
+                      const std::string& path, ZrScriptKind kind) {
+  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  if (!ZrFile::OpenBeneath(directory, path)) return false;
+  // Programs change their working directory: the path must hold from everywhere.
+  const std::string script = zr::AbsolutePath(zr::SystemDirectory(directory) + path);
+  ZrCgiVariables variables = {{"REDIRECT_STATUS", "CGI"}, {"SCRIPT_FILENAME", script}};
+  if (!zr::BuildCgiVariables(*request, variables)) return false;
+  runs_.Submit([this, &client, request, variables = std::move(variables),
+                program = kind == ZrScriptKind::kPhp ? client.phpInterpreter : script](
+                   const ZrWakeFlag& stop) { Answer(client, *request, program, variables, stop); });
+  return true;
+}
+
+void ZrCgi::Answer(ZrTransceiverClient& client, ZrXHeader& request, const std::string& program,
+                   const ZrCgiVariables& variables, const ZrWakeFlag& stop) {
+  try {
+    const auto answer = request.MakeResponse();
+    answer->body = std::make_unique<ZrStringBuf>();
+    ZrStringBuf nothing;
+    ZrStringBuf& input = request.body ? *request.body : nothing;
+    if (!stop.IsRaised()) {
+      zr::RunCgi(program, variables, input, *answer->body, {limits_, &environment_, &stop});
+    }
+    if (!stop.IsRaised()) {
+      // The exit code says nothing: whatever was written is the answer.
+      answer->SetStatus(200);
+      answer->cgiHeadPending = true;
+      client.SendAnswer(request, answer);
+      return;
+    }
+  } catch (const std::exception&) {
+    // Out of memory or descriptors; the connection still waits for its answer.
+  }
+  client.SendAnswer(request, request.MakeResponse());
+}

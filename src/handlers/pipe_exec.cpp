@@ -1,0 +1,163 @@
+#include "handlers/pipe_exec.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <utility>
+
+#include "platform/output.h"
+
+namespace {
+
+using std::chrono::steady_clock;
+
+// One read or write moves at most what a pipe holds.
+constexpr std::size_t kChunk = 65536;
+// How often the child's end is looked for where the system cannot report it.
+constexpr std::chrono::milliseconds kEndPollInterval{10};
+// A killed process ends at once unless the system itself holds it; then it is left to the system.
+constexpr std::chrono::milliseconds kKillLimit{1000};
+
+/// Creates one pipe and makes the end that stays here never block. An end that would block could
+/// hold the run up, so it is given up like one that was not created.
+void MakeRunPipe(zr::Pipe& pipe, ZrDescriptor zr::Pipe::*kept, const char* pipeMessage,
+                 const char* endMessage) {
+  if (zr::MakePipe(pipe)) zr::WriteOutputLine(pipeMessage);
+  if (zr::SetNonBlocking((pipe.*kept).Get())) {
+    zr::WriteOutputLine(endMessage);
+    pipe = {};
+  }
+}
+
+}  // namespace
+
+ZrWinPipeExec::ZrWinPipeExec(std::string program, ZrPipeExecSettings settings)
+    : program_(std::move(program)), settings_(settings) {
+  zr::Pipe output;
+  MakeRunPipe(output, &zr::Pipe::read, "ERROR StdoutRd CreatePipe",
+              "ERROR Stdout SetHandleInformation");
+  stdoutRead_ = std::move(output.read);
+  stdoutWrite_ = std::move(output.write);
+  zr::Pipe input;
+  MakeRunPipe(input, &zr::Pipe::write, "ERROR Stdin CreatePipe",
+              "ERROR Stdin SetHandleInformation");
+  stdinRead_ = std::move(input.read);
+  stdinWrite_ = std::move(input.write);
+}
+
+ZrWinPipeExec::~ZrWinPipeExec() {
+  if (process_.IsHeld()) EndGroup();
+}
+
+ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& input,
+                                 ZrStringBuf& output) {
+  if (!Start(variables)) {
+    zr::WriteOutputLine("Error on CreateProcess");
+    return ZrPipeExecEnd::kNotStarted;
+  }
+  const ZrPipeExecEnd end = Move(input, output);
+  if (end == ZrPipeExecEnd::kEnded) {
+    process_.Collect();
+  } else {
+    EndGroup();
+  }
+  return end;
+}
+
+bool ZrWinPipeExec::Start(const ZrCgiVariables& variables) {
+  ZrEnvironment environment =
+      settings_.environment != nullptr ? *settings_.environment : ZrEnvironment::OfThisProcess();
+  for (const auto& [name, value] : variables) environment.Set(name, value);
+  ZrProcessStart start;
+  start.program = program_;
+  start.environment = &environment;
+  start.standardInput = stdinRead_.Get();
+  start.standardOutput = stdoutWrite_.Get();
+  start.standardError = stdoutWrite_.Get();
+  const bool started = !process_.Start(start);
+  // The child's ends are its own now: only without copies here does a pipe end with the child.
+  stdinRead_.Close();
+  stdoutWrite_.Close();
+  return started;
+}
+
+ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrStringBuf& output) {
+  const auto runEnd = steady_clock::now() + settings_.limits.run;
+  std::optional<steady_clock::time_point> drainEnd;  // set once the child has ended
+  std::size_t room = settings_.limits.output;
+  const bool reportsEnd = process_.EndDescriptor() >= 0;
+
+  while (!drainEnd || stdoutRead_.IsOpen()) {
+    // Closed at once when there is nothing (more) to deliver: the child then reads its end.
+    if (input.Empty()) stdinWrite_.Close();
+    enum { kOutput, kInput, kEnd, kStop, kItems };
+    std::array<zr::PollItem, kItems> items;
+    items[kOutput].descriptor = stdoutRead_.Get();
+    items[kInput] = {stdinWrite_.Get(), true};
+    items[kEnd].descriptor = drainEnd ? -1 : process_.EndDescriptor();
+    items[kStop].descriptor = settings_.stop != nullptr ? settings_.stop->Descriptor() : -1;
+
+    auto deadline = drainEnd ? std::min(*drainEnd, runEnd) : runEnd;
+    if (!drainEnd && !reportsEnd) {
+      deadline = std::min(deadline, steady_clock::now() + kEndPollInterval);
+    }
+    zr::PollDescriptors(items, deadline);
+
+    if (items[kStop].ready) return ZrPipeExecEnd::kStopped;
+    if (items[kInput].ready) Deliver(input);
+    // A limit is looked at in every round: who writes for ever always has something ready.
+    const auto now = steady_clock::now();
+    bool withinLimit = true;
+    if (items[kEnd].ready || (!drainEnd && !reportsEnd && process_.HasEnded())) {
+      drainEnd = now + settings_.limits.drain;
+      // All the child wrote is in the pipe now and is read without a look at the time; one byte
+      // more asks at the same time whether the pipe has ended.
+      withinLimit = Collect(output, room, zr::PendingBytes(stdoutRead_.Get()) + 1);
+    } else if (items[kOutput].ready) {
+      withinLimit = Collect(output, room, kChunk);
+    }
+    if (!withinLimit) return ZrPipeExecEnd::kOutputLimit;
+    if (!drainEnd && now >= runEnd) return ZrPipeExecEnd::kRunLimit;
+    if (drainEnd && now >= std::min(*drainEnd, runEnd)) break;
+  }
+  return ZrPipeExecEnd::kEnded;
+}
+
+void ZrWinPipeExec::Deliver(ZrStringBuf& input) {
+  const zr::PipeTransfer moved = zr::WritePipe(stdinWrite_.Get(), input.Unread().substr(0, kChunk));
+  input.Consume(moved.count);
+  // The child has stopped reading; the rest is its own loss, and no reason to end it.
+  if (moved.result == zr::PipeResult::kClosed) stdinWrite_.Close();
+}
+
+// Reads until `wanted` bytes have come or nothing more is there; false when the child wrote beyond
+// the limit. `room` is what the limit still allows.
+bool ZrWinPipeExec::Collect(ZrStringBuf& output, std::size_t& room, std::size_t wanted) {
+  while (stdoutRead_.IsOpen() && wanted > 0) {
+    const std::size_t size = std::min(kChunk, std::max<std::size_t>(room, 1));
+    const zr::PipeTransfer moved = zr::ReadPipe(stdoutRead_.Get(), output.Prepare(size));
+    if (moved.result == zr::PipeResult::kBlocked) return true;
+    if (moved.result == zr::PipeResult::kClosed) {
+      stdoutRead_.Close();
+      return true;
+    }
+    if (room == 0) return false;
+    output.Commit(moved.count);
+    room -= moved.count;
+    wanted -= std::min(wanted, moved.count);
+  }
+  return true;
+}
+
+// Asks the group to end, then ends it, grandchildren included. They are signalled while the child
+// is not yet collected: until then the group's number cannot become another's.
+void ZrWinPipeExec::EndGroup() {
+  process_.TerminateGroup();
+  process_.WaitForEnd(steady_clock::now() + settings_.limits.terminationGrace);
+  process_.KillGroup();
+  if (process_.WaitForEnd(steady_clock::now() + kKillLimit)) {
+    process_.Collect();
+  } else {
+    process_.Abandon();
+  }
+}

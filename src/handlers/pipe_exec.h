@@ -1,0 +1,92 @@
+#pragma once
+// Runs one child process to its end: what a request carries goes to its standard input, what it
+// writes on its standard output and standard error is collected. Input and output move at the same
+// time on pipes that never block this side, so that no size of either can hold the run up; a child
+// that writes for ever, never ends or leaves the pipe to a grandchild meets a limit.
+// A run blocks its caller. Threads: one at a time per object, any number of objects.
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "base/string_buffer.h"
+#include "platform/pipe.h"
+#include "platform/process.h"
+
+namespace zr {
+
+/// The longest run; then the child's group is ended and what was read is the output.
+inline constexpr std::chrono::milliseconds kCgiRunLimit = std::chrono::seconds(300);
+/// The most bytes of output; a child that writes more is ended, and so many bytes are the output.
+inline constexpr std::size_t kCgiOutputLimit = std::size_t{256} << 20;
+/// How long the output of a grandchild is still read after the child's end. What the child itself
+/// wrote is read in any case.
+inline constexpr std::chrono::milliseconds kCgiDrainLimit{1000};
+/// The time between asking a child's group to end and ending it.
+inline constexpr std::chrono::milliseconds kCgiTerminationGrace{500};
+
+}  // namespace zr
+
+/// The variables of one run, by name.
+using ZrCgiVariables = std::map<std::string, std::string>;
+
+/// What bounds a run.
+struct ZrPipeExecLimits {
+  std::chrono::milliseconds run = zr::kCgiRunLimit;
+  std::size_t output = zr::kCgiOutputLimit;
+  std::chrono::milliseconds drain = zr::kCgiDrainLimit;
+  std::chrono::milliseconds terminationGrace = zr::kCgiTerminationGrace;
+};
+
+/// What a run is given besides its program. Both pointers are borrowed for the object's life.
+struct ZrPipeExecSettings {
+  ZrPipeExecLimits limits = {};
+  /// The variables every child inherits; none: those this process has when the run starts.
+  const ZrEnvironment* environment = nullptr;
+  /// Once raised, the child's group is ended and the run returns within about the grace time.
+  const ZrWakeFlag* stop = nullptr;
+};
+
+/// How a run ended.
+enum class ZrPipeExecEnd {
+  kEnded,        ///< The child ended by itself; its exit code is not looked at.
+  kNotStarted,   ///< No such program, not executable, ...: nothing ran, the output is unchanged.
+  kRunLimit,     ///< It took too long and was ended with its group.
+  kOutputLimit,  ///< It wrote too much and was ended with its group.
+  kStopped,      ///< The stop flag was raised and it was ended with its group.
+};
+
+/// Owns the two pipes and the child of one run.
+class ZrWinPipeExec {
+ public:
+  /// Creates the pipes. The program is a file name, looked up on PATH when it holds no "/"; the
+  /// whole text is the name. A failure is reported on the standard output, the child then runs
+  /// without that pipe.
+  explicit ZrWinPipeExec(std::string program, ZrPipeExecSettings settings = {});
+  /// Ends and collects a child that still runs.
+  ~ZrWinPipeExec();
+  ZrWinPipeExec(const ZrWinPipeExec&) = delete;
+  ZrWinPipeExec& operator=(const ZrWinPipeExec&) = delete;
+
+  /// Starts the child with the inherited variables and these (which win), delivers `input` (what
+  /// the child took is consumed), appends its output to `output`, and returns when the child has
+  /// ended and been collected. A variable with a NUL byte is left out. At most one run per object.
+  ZrPipeExecEnd Run(const ZrCgiVariables& variables, ZrStringBuf& input, ZrStringBuf& output);
+
+ private:
+  bool Start(const ZrCgiVariables& variables);
+  ZrPipeExecEnd Move(ZrStringBuf& input, ZrStringBuf& output);
+  void Deliver(ZrStringBuf& input);
+  bool Collect(ZrStringBuf& output, std::size_t& room, std::size_t wanted);
+  void EndGroup();
+
+  ZrDescriptor stdinRead_;
+  ZrDescriptor stdinWrite_;
+  ZrDescriptor stdoutRead_;
+  ZrDescriptor stdoutWrite_;
+  ZrProcess process_;
+  std::string program_;
+  ZrPipeExecSettings settings_;
+};

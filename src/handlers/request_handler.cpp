@@ -1,0 +1,304 @@
+#include "handlers/request_handler.h"
+
+#include <exception>
+#include <utility>
+
+#include "handlers/command_handler.h"
+#include "http/form_body.h"
+#include "http/message_head.h"
+#include "http/protocol_kind.h"
+#include "http/response_head.h"
+#include "http/server_head.h"
+#include "jobs/job_event.h"
+#include "jobs/job_registry.h"
+#include "transceiver/transceiver.h"
+
+namespace {
+
+/// An answer starts with this status; one that a handler left at it was not answered.
+constexpr std::uint64_t kUnansweredStatus = 500;
+
+// The results of HandleMessage; all but the first end the message's assembly.
+constexpr int kMeaningless = 0;
+constexpr int kHandled = 1;
+
+bool IsHttp(std::uint32_t protocolKind) {
+  return protocolKind == zr::kProtocolHttp || protocolKind == zr::kProtocolHttps;
+}
+
+}  // namespace
+
+/// One call into the transceiver, with no lock held: DetachTransceiver waits for its end.
+class ZrTransceiverClient::TransceiverUse {
+ public:
+  explicit TransceiverUse(ZrTransceiverClient& client) : client_(client) {
+    ZrLock hold(client_.lock_);
+    transceiver_ = client_.transceiver_;
+    ++client_.uses_;
+  }
+  ~TransceiverUse() {
+    ZrLock hold(client_.lock_);
+    if (--client_.uses_ == 0) {
+      client_.unused_.NotifyAll();
+    }
+  }
+  TransceiverUse(const TransceiverUse&) = delete;
+  TransceiverUse& operator=(const TransceiverUse&) = delete;
+
+  /// Null when the client is not attached.
+  ZrTransceiver* Get() const { return transceiver_; }
+
+ private:
+  ZrTransceiverClient& client_;
+  ZrTransceiver* transceiver_ = nullptr;
+};
+
+ZrTransceiverClient::ZrTransceiverClient(ZrServerCallback reports, ZrOptionMap settings,
+                                         ZrRequestApplication* asked,
+                                         std::shared_ptr<ZrContentHandler> content)
+    : startDirectory(settings.Get("_baseDirectoryHTTP")),
+      phpInterpreter(settings.Get("_phpbinname", "php-cgi.exe")),
+      callback(std::move(reports)),
+      options(std::move(settings)),
+      commandUrl(options.Get("_app_context_commandurl")),
+      application(asked),
+      content_(std::move(content)) {}
+
+ZrTransceiverClient::~ZrTransceiverClient() = default;
+
+bool ZrTransceiverClient::ReceiveEvent(const ZrJobEvent& event) {
+  if (event.code == kZrEventLastMember) {
+    if (const auto task = event.fields.find("ctask"); task != event.fields.end()) {
+      Detach(task->second);
+      OnUnanswered(event);
+    }
+  }
+  return true;
+}
+
+void ZrTransceiverClient::OnUnanswered(const ZrJobEvent& event) {
+  const auto head = event.fields.find("head");
+  const auto reason = event.fields.find("reason");
+  const auto error = event.fields.find("error");
+  const auto end = event.fields.end();
+  if (head == end || reason == end || error == end) {
+    return;
+  }
+  {
+    // Of an answer and the word that there is none, the first one counts.
+    ZrLock hold(lock_);
+    if (ownedNames_.erase(head->second) == 0) {
+      return;
+    }
+  }
+  MessageFailed(head->second, {zr::SendFailureKindOf(reason->second), error->second});
+}
+
+bool ZrTransceiverClient::AttachTransceiver(ZrTransceiver& transceiver) {
+  ZrLock hold(lock_);
+  if (transceiver_ != nullptr) {
+    return false;
+  }
+  transceiver_ = &transceiver;
+  return true;
+}
+
+void ZrTransceiverClient::DetachTransceiver(ZrTransceiver& transceiver) {
+  ZrLock hold(lock_);
+  if (transceiver_ == &transceiver) {
+    transceiver_ = nullptr;
+    unused_.Wait(lock_, [this]() ZR_REQUIRES(lock_) { return uses_ == 0; });
+  }
+}
+
+std::string ZrTransceiverClient::Remember(const std::string& name, Owned owned) {
+  if (!name.empty()) {
+    ZrLock hold(lock_);
+    ownedNames_[name] = owned;
+  }
+  return name;
+}
+
+std::string ZrTransceiverClient::OpenServer(std::shared_ptr<ZrXServerHeader> configuration) {
+  // The name is known before the server runs, so that its first message finds it.
+  const std::string expected = configuration->JobName();
+  Remember(expected, Owned::kServer);
+  const TransceiverUse transceiver(*this);
+  std::string name;
+  if (transceiver.Get() != nullptr) {
+    name = transceiver.Get()->OpenServer(*this, std::move(configuration), callback);
+  }
+  if (name != expected) {
+    ZrLock hold(lock_);
+    ownedNames_.erase(expected);
+  }
+  return name == expected ? name : Remember(name, Owned::kServer);
+}
+
+std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message, bool flag) {
+  const TransceiverUse transceiver(*this);
+  if (!message || transceiver.Get() == nullptr) {
+    return {};
+  }
+  // The answer may be there before Send returns.
+  if (message->kind == ZrMessageKind::kUnrecognised) {
+    message->kind = ZrMessageKind::kRequest;  // nobody has read it: it was made here
+  }
+  const std::string expected = message->JobName();
+  Remember(expected, Owned::kMessage);
+  const std::string task = CreateJoinedTask("send_" + expected);
+  message->Attach(task);
+  const std::string name = transceiver.Get()->Send(*this, std::move(message), callback, task, flag);
+  if (name != expected) {
+    // By an event, behind the one that tells a better reason where there is one.
+    ZrJobEvent event;
+    event.jobName = JobName();
+    event.code = kZrEventLastMember;
+    event.fields = {{"ctask", task},
+                    {"head", expected},
+                    {"reason", std::string(zr::SendFailureReason(ZrSendFailureKind::kNotSent))},
+                    {"error", "there is no way to its target"}};
+    ZrJobRegistry::Instance().Post(JobName(), std::move(event));
+  }
+  return name;
+}
+
+void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
+                                     const std::shared_ptr<ZrXResponseHeader>& answer) {
+  answer->SetState(zr::kHeadStateComplete);
+  const TransceiverUse transceiver(*this);
+  if (transceiver.Get() != nullptr) {
+    transceiver.Get()->Send(*this, answer, callback, request.target, true);
+  }
+}
+
+int ZrTransceiverClient::HandleMessage(const std::string& name,
+                                       std::shared_ptr<ZrXHeader> message) {
+  {
+    ZrLock hold(lock_);
+    if (ownedNames_.find(name) == ownedNames_.end()) {
+      return kHandled;
+    }
+  }
+  switch (message->kind.load()) {
+    case ZrMessageKind::kRequest:
+      return AnswerRequest(message);
+    case ZrMessageKind::kResponse:
+      return AcceptAnswer(name, message);
+    case ZrMessageKind::kUnrecognised:
+      break;
+  }
+  return kMeaningless;
+}
+
+int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request) {
+  switch (request->ProtocolKind()) {
+    case zr::kProtocolSocket:
+      return kHandled;
+    case zr::kProtocolHttp:
+    case zr::kProtocolHttps:
+      if (!FormCommandStep(request) && content_ && !content_->ServeRequest(*this, request)) {
+        content_->AnswerNotFound(*this, request);
+      }
+      return kHandled;
+    case zr::kProtocolQuarn:
+      if (!FormCommandStep(request)) {
+        const auto answer = request->MakeResponse();
+        answer->SetStatus(404);
+        SendAnswer(*request, answer);
+      }
+      return kHandled;
+    default:
+      return kMeaningless;
+  }
+}
+
+int ZrTransceiverClient::AcceptAnswer(const std::string& name,
+                                      const std::shared_ptr<ZrXHeader>& answer) {
+  {
+    // The name of a message is forgotten with its first answer; a server's stays.
+    ZrLock hold(lock_);
+    const auto found = ownedNames_.find(name);
+    if (found == ownedNames_.end()) {
+      return kHandled;
+    }
+    if (found->second == Owned::kMessage) {
+      ownedNames_.erase(found);
+    }
+  }
+  bool accepted = false;
+  switch (answer->ProtocolKind()) {
+    case zr::kProtocolSocket:
+      accepted = AcceptSocketAnswer(name, answer);
+      break;
+    case zr::kProtocolHttp:
+    case zr::kProtocolHttps:
+      accepted = AcceptHttpAnswer(name, answer);
+      break;
+    case zr::kProtocolQuarn:
+      accepted = AcceptQuarnAnswer(name, answer);
+      break;
+    default:
+      return kMeaningless;
+  }
+  return accepted ? kHandled : kMeaningless;
+}
+
+bool ZrTransceiverClient::FormCommandStep(const std::shared_ptr<ZrXHeader>& request) {
+  if (!IsHttp(request->ProtocolKind())) {
+    return false;
+  }
+  // A body that cannot be read as a form leaves the fields of the query.
+  static_cast<void>(ParseFormBody(*request));
+  return RunCommand(request, std::string(zr::FieldText(request->allFields, idField)));
+}
+
+bool ZrTransceiverClient::RunCommand(const std::shared_ptr<ZrXHeader>& request,
+                                     const std::string& id) {
+  ZrCommandHandler* handler = nullptr;
+  if (application == nullptr) {
+    return false;
+  }
+  if (id.empty()) {
+    if (commandUrl.empty() || commandUrl != request->path) {
+      return false;
+    }
+    handler = application->nullQuery(idField);
+    if (handler == nullptr) {
+      return false;
+    }
+  }
+  const auto answer = request->MakeResponse();
+  try {
+    if (handler != nullptr) {
+      handler->Request(*request, *answer, "&new");
+    } else {
+      application->dispatchToHandler(id, *request, *answer,
+                                     std::string(zr::FieldText(request->allFields, commandField)));
+    }
+  } catch (const std::exception&) {
+    return false;
+  }
+  if (answer->status == kUnansweredStatus) {
+    return false;
+  }
+  SendAnswer(*request, answer);
+  return true;
+}
+
+bool ZrTransceiverClient::AcceptSocketAnswer(const std::string&,
+                                             const std::shared_ptr<ZrXHeader>&) {
+  return true;
+}
+
+bool ZrTransceiverClient::AcceptHttpAnswer(const std::string&,
+                                           const std::shared_ptr<ZrXHeader>& answer) {
+  answer->answered = true;
+  return true;
+}
+
+bool ZrTransceiverClient::AcceptQuarnAnswer(const std::string&, const std::shared_ptr<ZrXHeader>&) {
+  return true;
+}
+
+bool ZrTransceiverClient::OnHeadComplete(ZrXHeader&) { return true; }

@@ -1,0 +1,36 @@
+#pragma once
+// Maps the path of a request onto stored pages, scripts and the files beneath the client's start
+// directory. A file is answered by reference: it is opened here, once, and its bytes are read as
+// the socket takes them. What leaves the start directory, links included, does not exist.
+
+#include <memory>
+#include <string>
+
+#include "handlers/content_handler.h"
+
+class ZrScriptRunner;
+
+/// The routing of one application; it keeps no state between requests. Threads: any.
+class ZrStaticFiles : public ZrContentHandler {
+ public:
+  /// Without runner no script is served.
+  explicit ZrStaticFiles(std::shared_ptr<ZrScriptRunner> scripts);
+
+  /// Answers from, in this order: the default documents for "/", a stored page, a program under
+  /// "cgi-bin/", a PHP script, a plain file. False when the start directory is empty, the path
+  /// begins with "/." or nothing of these is there.
+  bool ServeRequest(ZrTransceiverClient& client,
+                    const std::shared_ptr<ZrXHeader>& request) override;
+  void AnswerNotFound(ZrTransceiverClient& client,
+                      const std::shared_ptr<ZrXHeader>& request) override;
+
+ private:
+  bool ServeDefaultDocument(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request);
+  bool ServePath(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
+                 const std::string& path);
+
+  const std::shared_ptr<ZrScriptRunner> scripts_;
+  // The same for every request. Not one for all applications: it would be destroyed at the exit of
+  // a host that does not stop its servers, and their tasks still read it then.
+  const std::string notFoundPage_;
+};

@@ -1,0 +1,19 @@
+#pragma once
+// One server that an application is to run.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/option_map.h"
+
+class ZrTransceiverClient;
+
+/// An entry of an application's server list.
+struct ZrServerDefinition {
+  std::string address;    ///< reported back when the server listens; every local address is bound
+  std::int32_t port = 0;  ///< 0 lets the system choose
+  std::int32_t protocolKind = 0;  ///< a number of http/zrprotocolkind.h
+  ZrOptionMap options = {};       ///< https: "cacertificate" and "privatekey", names of PEM files
+  std::shared_ptr<ZrTransceiverClient> client = nullptr;  ///< filled by startServers()
+};

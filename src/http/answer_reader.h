@@ -1,0 +1,68 @@
+#pragma once
+// Reads the answer to an outgoing request: the head through the incremental head reader, then the
+// body as the head frames it: by a length, in chunks, or by the end of the connection. The answers
+// of other servers come in more forms than the ones written here, and the peer is not trusted:
+// whatever does not add up makes the answer unreadable, because guessing where it ends could hand
+// its rest to the next request.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "base/string_buffer.h"
+#include "http/message_head.h"
+
+/// One answer. Threads: one at a time.
+class ZrAnswerReader {
+ public:
+  enum class Result {
+    kIncomplete,  ///< Read again when more has arrived.
+    kInterim,     ///< A 1xx answer was read: go on with a new head.
+    kComplete,    ///< The head and its decoded body are there; the input keeps what follows.
+    kUnreadable,  ///< Problem() says why; close the connection.
+  };
+  /// What has become of the connection when the reader is called.
+  enum class Line { kOpen, kEnded, kBroken };
+
+  static constexpr std::size_t kMaxChunkLine = 4096;  ///< bytes of a chunk's size line
+  static constexpr std::size_t kMaxTrailers = 65536;  ///< bytes of the fields behind the last chunk
+
+  /// Consumes from the input what belongs to the answer. The head is a new one for every answer and
+  /// the same for all calls of one; its `status` is set and `body` gets the decoded body. The
+  /// callback is that of ReadHead(), called for the final answer only. Cost is linear in the input.
+  Result Read(ZrXHeader& head, ZrStringBuf& input, Line line,
+              const std::function<bool(ZrXHeader&)>& onHeadComplete);
+
+  /// Why an answer is unreadable; a fixed text.
+  const char* Problem() const { return problem_; }
+  /// Whether the peer keeps the connection open behind this answer. Asked when it is complete.
+  bool KeepsConnection() const { return keepsConnection_; }
+
+ private:
+  enum class Step {
+    kHead,
+    kLength,
+    kUntilEnd,
+    kChunkSize,
+    kChunkData,
+    kChunkEnd,
+    kTrailers,
+    kDone,
+  };
+
+  Result ReadHead(ZrXHeader& head, ZrStringBuf& input,
+                  const std::function<bool(ZrXHeader&)>& onHeadComplete);
+  Result TakeHead(ZrXHeader& head, const std::function<bool(ZrXHeader&)>& onHeadComplete);
+  bool ChooseFraming(const ZrXHeader& head);
+  Result ReadBody(ZrXHeader& head, ZrStringBuf& input);
+  Result ReadChunkSize(ZrStringBuf& input);
+  Result ReadTrailers(ZrStringBuf& input);
+  bool MoveBytes(ZrXHeader& head, ZrStringBuf& input);
+  Result Unreadable(const char* problem);
+
+  Step step_ = Step::kHead;
+  std::uint64_t remaining_ = 0;   // of the body or the chunk
+  std::size_t trailerBytes_ = 0;  // read so far
+  bool keepsConnection_ = false;
+  const char* problem_ = "";
+};

@@ -1,0 +1,164 @@
+#include "http/message_head.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <iterator>
+#include <utility>
+
+#include "http/response_head.h"
+#include "http/server_head.h"
+#include "platform/clock.h"
+
+namespace {
+
+struct Reason {
+  std::uint64_t status;
+  std::string_view phrase;
+};
+constexpr std::array<Reason, 8> kReasons = {{{200, "OK"},
+                                             {201, "Created"},
+                                             {303, "Redirect"},
+                                             {400, "Bad Request"},
+                                             {404, "Not Found"},
+                                             {417, "Expectation Failed"},
+                                             {500, "Internal Error"},
+                                             {502, "Server Error"}}};
+
+// What IsReadyToSend() also takes for ready; nothing here sets it.
+constexpr std::uint32_t kStateAlmostComplete = 5;
+
+constexpr std::int64_t kTicksPerMicrosecond = 10;
+
+}  // namespace
+
+std::string zr::BareHost(std::string_view host) {
+  const bool bracketed = host.size() > 2 && host.starts_with('[') && host.ends_with(']');
+  return std::string(bracketed ? host.substr(1, host.size() - 2) : host);
+}
+
+std::string_view zr::StatusReason(std::uint64_t status) {
+  for (const Reason& reason : kReasons) {
+    if (reason.status == status) return reason.phrase;
+  }
+  return {};
+}
+
+ZrXHeader::ZrXHeader(ZrMessageType type, std::uint32_t protocolKind)
+    : ZrXHeader(type, protocolKind, ZrClock::System().SystemTicks()) {}
+
+ZrXHeader::ZrXHeader(ZrMessageType type, std::uint32_t protocolKind, std::int64_t createdTicks)
+    : protocol(protocolKind), messageType(type), created(createdTicks) {}
+
+ZrXHeader::~ZrXHeader() = default;
+ZrXResponseHeader::~ZrXResponseHeader() = default;
+
+bool ZrXHeader::IsReadyToSend() {
+  ZrLock hold(headLock);
+  const std::uint32_t state = State();
+  return (state == zr::kHeadStateComplete || state == kStateAlmostComplete) && !headWritten_ &&
+         status >= 100;
+}
+
+bool ZrXHeader::HeadWritten() const {
+  ZrLock hold(headLock);
+  return headWritten_;
+}
+
+std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
+  auto answer = zr::MakeJob<ZrXResponseHeader>(protocol, created);
+  answer->kind = ZrMessageKind::kResponse;
+  answer->path = path;
+  answer->requestHeaders = headers;
+  const ZrHeaderFields::Values words = headers[zr::kFirstLine];
+  if (words.size() >= 2) {
+    answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
+  }
+  answer->route.assign(route.rbegin(), route.rend());
+  return answer;
+}
+
+void ZrXHeader::SetStatus(std::uint64_t code) {
+  if (!zr::StatusReason(code).empty()) status = code;
+}
+
+void ZrXHeader::SetBodyText(std::string_view text) {
+  if (!body) body = std::make_unique<ZrStringBuf>();
+  body->Append(text);
+  status = 200;
+  SetState(zr::kHeadStateComplete);
+}
+
+void ZrXHeader::SetFileBody(std::string filePathText, std::uint64_t length) {
+  filePath = std::move(filePathText);
+  contentLength = length;
+}
+
+void ZrXHeader::SetBodyFile(std::shared_ptr<const ZrFile> file) { bodyFile = std::move(file); }
+
+std::unique_ptr<ZrStringBuf> ZrXHeader::TakeBody() {
+  return body ? std::move(body) : std::make_unique<ZrStringBuf>();
+}
+
+void ZrXHeader::FillAccessFields(ZrOptionMap& fields) const {
+  const std::int64_t ticks = ZrClock::System().SystemTicks() - created;
+  // The clock of the system may have been set back meanwhile.
+  const char* const sign = ticks < 0 ? "-" : "";
+  const std::int64_t size = std::abs(ticks);
+  fields.Set("time_used", sign + std::to_string(size / kTicksPerMicrosecond) + "." +
+                              std::to_string(size % kTicksPerMicrosecond) + "00000");
+  fields.Set("status_code", std::to_string(status));
+}
+
+std::string_view ZrXHeader::SchemeName() const {
+  const bool named = protocol != zr::kProtocolFile && zr::ProtocolSchemeName(protocol) != "none";
+  return named ? zr::ProtocolSchemeName(protocol) : "unknown";
+}
+
+void ZrXHeader::SetPeerRecord(const ZrServerCallback_t& record) {
+  peerRecord_ = std::make_shared<const ZrServerCallback_t>(record);
+}
+
+void ZrXHeader::SetPeerRecord(std::shared_ptr<const ZrServerCallback_t> record) {
+  peerRecord_ = std::move(record);
+}
+
+const ZrServerCallback_t& ZrXHeader::PeerRecord() const {
+  static const ZrServerCallback_t kNone;
+  return peerRecord_ ? *peerRecord_ : kNone;
+}
+
+std::string ZrXHeader::TargetUrl() const {
+  if (host.empty()) return {};
+  std::string url(SchemeName());
+  url += "://";
+  if (!userInfo.empty()) url.append(userInfo).append(1, '@');
+  return url.append(host).append(1, ':').append(std::to_string(port));
+}
+
+bool ZrXHeader::AcceptsPeer(const ZrOptionMap& peer) const {
+  const std::string type = peer.Get("type", "none");
+  return type == "HTTP" || type == "HTTPS" || type == "DirectSocket" || type == "QUARN";
+}
+
+ZrHTTPMessageBlock& ZrXHeader::AddBlock() {
+  blocks.push_back(std::make_unique<ZrHTTPMessageBlock>());
+  ZrHTTPMessageBlock& block = *blocks.back();
+  byPosition.insert_or_assign(std::to_string(blocks.size() - 1), &block);
+  return block;
+}
+
+ZrXServerHeader::ZrXServerHeader(bool enabledFlag, std::uint32_t protocolKind)
+    : ZrXHeader(ZrMessageType::kPost, protocolKind), enabled(enabledFlag) {}
+
+ZrXServerHeader::~ZrXServerHeader() = default;
+
+std::string ZrXServerHeader::GetOption(std::string_view name, std::string_view defaultValue) const {
+  ZrLock hold(headLock);
+  return options_.Get(name, defaultValue);
+}
+
+void ZrXServerHeader::SetOption(std::string_view name, std::string value) {
+  ZrLock hold(headLock);
+  options_.Set(name, std::move(value));
+}

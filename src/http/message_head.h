@@ -1,0 +1,220 @@
+#pragma once
+// The head of a message: the one object that carries a request or an answer through the system. A
+// protocol server makes one per message of a connection, moves received bytes into its body and
+// runs the incremental reader until the message is complete; the request handler makes the answer
+// from it; the server writes that answer's head and sends its body. The reader is in
+// zrxheader_read.cpp, the writer in zrxheader_write.cpp.
+//
+// Threads: one at a time works on a head. What several threads ask of it is atomic or under
+// headLock.
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/option_map.h"
+#include "base/server_callback.h"
+#include "base/string_buffer.h"
+#include "http/fwd.h"
+#include "http/header_fields.h"
+#include "http/message_block.h"
+#include "http/protocol_kind.h"
+#include "jobs/job.h"
+#include "platform/sync.h"
+
+/// The type of a message, by the first word of its first line.
+enum class ZrMessageType : std::uint32_t {
+  kNone = 0,    ///< "NONE"; such a message is never written.
+  kGet = 1,     ///< "GET"
+  kPost = 2,    ///< "POST"; also what every incoming head has before its first line.
+  kAnswer = 3,  ///< "ANSWER"; every answer made here.
+};
+
+/// What the first line of a received message says it is.
+enum class ZrMessageKind : std::uint32_t {
+  /// Neither of the two: the head ends at once, the connection is to be closed.
+  kUnrecognised = 0,
+  kResponse = 1,  ///< It begins with a version.
+  kRequest = 2,   ///< It begins with the name of a message type.
+};
+
+/// How far a message has arrived.
+enum class ZrReadResult : int {
+  kIncomplete = 0,  ///< Bytes are missing: read again when more have arrived.
+  kRejected = 1,    ///< Refused, beyond a limit or longer than declared: close the connection.
+  kComplete = 2,    ///< The head and the declared body are there.
+};
+
+namespace zr {
+
+/// Limits of a received message; ReadHead() rejects what goes past one of them.
+inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;  // the empty line included
+inline constexpr std::size_t kMaxHeadLines = 200;                     // the first line included
+inline constexpr std::uint64_t kMaxBodyBytes = 256ull * 1024 * 1024;
+
+/// The job state in which a message is complete and its head may be written.
+inline constexpr std::uint32_t kHeadStateComplete = 6;
+
+/// The name under which `headers` keeps the words of the first line.
+inline constexpr std::string_view kFirstLine = ":first:";
+
+/// How the server names itself in the heads that it writes.
+inline constexpr std::string_view kServerProduct = "velkoro/1.28.1(96)";
+
+/// The host as connecting and certificates name it: an IPv6 address without its brackets.
+std::string BareHost(std::string_view host);
+
+/// The reason phrase of a status, empty for one that is never written.
+std::string_view StatusReason(std::uint64_t status);
+
+}  // namespace zr
+
+/// A message with its fields, target, body and status. Held in shared ownership (zr::MakeJob).
+class ZrXHeader : public ZrJob {
+ public:
+  /// The protocol kind is one of zrprotocolkind.h. Servers construct incoming heads as kPost; the
+  /// first line then tells the type.
+  ZrXHeader(ZrMessageType type, std::uint32_t protocolKind);
+  /// The same with the time at which the exchange began, in 100-ns ticks since 1970.
+  ZrXHeader(ZrMessageType type, std::uint32_t protocolKind, std::int64_t createdTicks);
+  ~ZrXHeader() override;
+
+  /// Writes the head of a request or an answer into the buffer, under headLock. False and nothing
+  /// written in any job state but 6 and for a message of type kNone. For an answer whose body
+  /// begins with the head of a program, that head is moved out of `body`.
+  virtual bool WriteHead(ZrStringBuf& out) ZR_EXCLUDES(headLock);
+  /// True when the job state is 5 or 6, no head was written and there is a status of at least 100.
+  virtual bool IsReadyToSend() ZR_EXCLUDES(headLock);
+  virtual std::uint32_t ProtocolKind() const { return protocol; }
+
+  /// The same head as text of a stream.
+  bool WriteHead(std::ostream& out) ZR_EXCLUDES(headLock);
+
+  /// Consumes the head from the front of `body` as far as it has arrived; afterwards `body` holds
+  /// the message's body. Call it each time bytes were appended; the cost is linear in the bytes
+  /// however they are cut. `callback` is called once, when the empty line was read; if it answers
+  /// no the message is rejected at once. An exception of the callback passes through.
+  ZrReadResult ReadHead(const std::function<bool(ZrXHeader&)>& callback);
+  /// How the bytes in `body` compare with the declared length: fewer, more or as many.
+  ZrReadResult BodyState() const;
+
+  /// The answer to this request: kind, time, path, route (reversed), request fields and summary are
+  /// taken over, the status is 500. The fields are shared, not copied.
+  std::shared_ptr<ZrXResponseHeader> MakeResponse() const;
+
+  /// Sets the status if it has a reason phrase; otherwise nothing changes.
+  void SetStatus(std::uint64_t code);
+  /// Appends to the body, sets status 200 and job state 6.
+  void SetBodyText(std::string_view text);
+  /// The body is that file of `length` bytes, to be read when it is sent.
+  void SetFileBody(std::string path, std::uint64_t length);
+  /// The open file of SetFileBody(): status and bytes then come from this one descriptor.
+  void SetBodyFile(std::shared_ptr<const ZrFile> file);
+  /// Hands over the body, an empty buffer when there is none.
+  std::unique_ptr<ZrStringBuf> TakeBody();
+  /// Sets "time_used" (microseconds since `created`, six decimals) and "status_code".
+  void FillAccessFields(ZrOptionMap& fields) const;
+
+  /// The values of a field (lower-case name) of the request that this answer belongs to.
+  ZrHeaderFields::Values RequestField(std::string_view name) const { return requestHeaders[name]; }
+  /// "http", "https", "quarn", "quarns", "socket", or "unknown".
+  std::string_view SchemeName() const;
+  /// Keeps the record of the connection that the message came in on. The second form shares it, for
+  /// a connection that serves many messages; it must not be changed any more.
+  void SetPeerRecord(const ZrServerCallback_t& record);
+  void SetPeerRecord(std::shared_ptr<const ZrServerCallback_t> record);
+  const ZrServerCallback_t& PeerRecord() const;
+  /// The address of an outgoing request, scheme://user@host:port; empty without a host.
+  std::string TargetUrl() const;
+  /// Whether a server with this configuration head takes a peer: its "type" must name a protocol.
+  bool AcceptsPeer(const ZrOptionMap& peer) const;
+
+  /// Adds a form field at the end of `blocks` and enters it into `byPosition`.
+  ZrHTTPMessageBlock& AddBlock();
+
+  /// True once a head was written.
+  bool HeadWritten() const ZR_EXCLUDES(headLock);
+  /// False once the head of a received message has ended.
+  bool InHead() const { return inHead_; }
+  /// The number of head lines read, the first one included and the empty one not.
+  std::size_t LineCount() const { return lineCount_; }
+
+  // Who sent what.
+  const std::uint32_t protocol;
+  std::atomic<ZrMessageType> messageType;
+  std::atomic<ZrMessageKind> kind{ZrMessageKind::kUnrecognised};
+  std::string version = "1.1";
+  ZrHeaderFields headers;         // a received head; the words of its first line under ":first:"
+  ZrHeaderFields requestHeaders;  // answers: the fields of the request
+  std::string requestSummary = "-";
+  std::string path;            // the target before the first "?"
+  std::string query;           // GET: the target after it
+  const std::int64_t created;  // system time in 100-ns ticks since 1970
+
+  // The body. Received: the input buffer, the body once the head is read. To send: the bytes, or
+  // `filePath` with `contentLength` and, when it is open already, the file.
+  std::unique_ptr<ZrStringBuf> body;
+  std::uint64_t contentLength = 0;   // to send: the length last written
+  std::uint64_t declaredLength = 0;  // received: the "content-length" field
+  std::string filePath;
+  std::shared_ptr<const ZrFile> bodyFile;
+  bool cgiHeadPending = false;  // `body` begins with the head lines of a program
+  bool closeRequested = false;  // the "connection" field asks for "close"
+
+  // The answer.
+  std::uint64_t status = 500;
+  std::string location;   // for status 303
+  bool answered = false;  // an answer to one of our own requests was accepted
+
+  // Form fields; the indexes point into the blocks.
+  std::vector<std::unique_ptr<ZrHTTPMessageBlock>> blocks;
+  ZrHTTPMessageBlockDisposition byPosition;   // "0", "1", ...
+  ZrHTTPMessageBlockDisposition allFields;    // by name
+  ZrHTTPMessageBlockDisposition queryFields;  // by name, the fields of the target's query
+  ZrHTTPMessageBlockDisposition bodyFields;   // by name, the fields known when the body was parsed
+
+  // The way through the system.
+  std::vector<std::string> route;  // connection name, server name; reversed in an answer
+  std::string target;              // the joined task that the message belongs to
+
+  // Outgoing requests.
+  std::string host;
+  std::string userInfo;
+  std::uint64_t port = 0;
+  std::string boundary;
+  /// How the connection is made; requests share one only when they agree on all of these.
+  /// "cacertificate": the peer's certificate and host name are verified against that PEM file, or
+  /// the system's store when it is empty; without the entry nobody is verified. "timeout": the
+  /// limit for connecting with the TLS handshake, in milliseconds. "quiet": failures are not
+  /// written to standard error, as the sender reports them.
+  ZrOptionMap connectOptions;
+
+  /// Guards head writing and the options of a configuration head; taken after the job's own lock.
+  mutable ZrMutex headLock;
+
+ private:
+  void WriteRequestHead(ZrStringBuf& out);
+  void WriteResponseHead(ZrStringBuf& out);
+  bool ParseHeadLine(std::string_view line);
+  bool ParseFirstLine(std::string_view line);
+  void ParseFieldLine(std::string_view line);
+  void ParseTarget(std::string_view text);
+  ZrReadResult FinishHead();
+
+  bool headWritten_ ZR_GUARDED_BY(headLock) = false;
+  std::shared_ptr<const ZrServerCallback_t> peerRecord_;  // none before SetPeerRecord()
+
+  // The reader's place.
+  bool inHead_ = true;
+  bool pastLimit_ = false;
+  std::size_t lineCount_ = 0;
+  std::size_t headBytes_ = 0;  // consumed by the head so far
+  std::size_t scanned_ = 0;    // unread bytes that were searched for the end of a line in vain
+  std::string scratch_;        // one field line without its blanks
+};

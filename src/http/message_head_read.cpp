@@ -1,0 +1,168 @@
+// The incremental head reader. Lines end at CR LF only; a lone CR or LF belongs to its line. The
+// bytes of an unfinished line stay in `body` until its end has arrived, and the reader remembers
+// how far it searched for it, so every byte is searched once and copied once however the input is
+// cut.
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "base/number.h"
+#include "http/form_body.h"
+#include "http/message_head.h"
+
+namespace {
+
+constexpr std::string_view kLineEnd = "\r\n";
+
+// A first guess at a head's fields; the container grows past it.
+constexpr std::size_t kUsualLines = 16;
+
+struct TypeName {
+  std::string_view name;
+  ZrMessageType type;
+};
+constexpr std::array<TypeName, 4> kTypeNames = {{{"NONE", ZrMessageType::kNone},
+                                                 {"GET", ZrMessageType::kGet},
+                                                 {"POST", ZrMessageType::kPost},
+                                                 {"ANSWER", ZrMessageType::kAnswer}}};
+
+constexpr bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+constexpr char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
+constexpr char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c; }
+
+void MakeUpper(std::string& text) { std::transform(text.begin(), text.end(), text.begin(), Upper); }
+
+// Takes a word from the front of the line: leading spaces are skipped, tabs are dropped, a space
+// ends the word and goes with it. False when the word ran to the end of the line instead.
+bool TakeWord(std::string_view& line, std::string& word) {
+  for (std::size_t at = 0; at < line.size(); ++at) {
+    if (line[at] == ' ') {
+      if (word.empty()) continue;
+      line.remove_prefix(at + 1);
+      return true;
+    }
+    if (line[at] != '\t') word += line[at];
+  }
+  line = {};
+  return false;
+}
+
+}  // namespace
+
+ZrReadResult ZrXHeader::ReadHead(const std::function<bool(ZrXHeader&)>& callback) {
+  if (pastLimit_) return ZrReadResult::kRejected;
+  while (inHead_) {
+    const std::string_view unread = body ? body->Unread() : std::string_view();
+    const std::size_t end = unread.find(kLineEnd, scanned_);
+    const bool ended = end != std::string_view::npos;
+    const std::size_t lineBytes = ended ? end + kLineEnd.size() : unread.size();
+    // What is unread belongs to the head as long as its line has no end.
+    if (headBytes_ + lineBytes > zr::kMaxHeadBytes ||
+        (ended && end != 0 && lineCount_ == zr::kMaxHeadLines)) {
+      pastLimit_ = true;
+      return ZrReadResult::kRejected;
+    }
+    if (!ended) {
+      // A CR at the end may be half of a line's end.
+      scanned_ = unread.size() - (unread.ends_with('\r') ? 1 : 0);
+      return ZrReadResult::kIncomplete;
+    }
+    inHead_ = end != 0 && ParseHeadLine(unread.substr(0, end));
+    body->Consume(lineBytes);
+    headBytes_ += lineBytes;
+    scanned_ = 0;
+    if (end == 0 && !callback(*this)) return ZrReadResult::kRejected;
+  }
+  return FinishHead();
+}
+
+ZrReadResult ZrXHeader::FinishHead() {
+  if (headers.First("connection").find("close") != std::string_view::npos) closeRequested = true;
+  const ZrHeaderFields::Values lengths = headers["content-length"];
+  if (lengths.empty()) return ZrReadResult::kComplete;
+  declaredLength = zr::ParseDigits(lengths.front()).value_or(0);
+  if (declaredLength > zr::kMaxBodyBytes) return ZrReadResult::kRejected;
+  return BodyState();
+}
+
+ZrReadResult ZrXHeader::BodyState() const {
+  const std::uint64_t size = body ? body->Size() : 0;
+  if (size == declaredLength) return ZrReadResult::kComplete;
+  return size < declaredLength ? ZrReadResult::kIncomplete : ZrReadResult::kRejected;
+}
+
+bool ZrXHeader::ParseHeadLine(std::string_view line) {
+  const bool goOn = lineCount_ == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
+  ++lineCount_;
+  return goOn;
+}
+
+// Answers whether the line was recognised; any other ends the head.
+bool ZrXHeader::ParseFirstLine(std::string_view line) {
+  headers.Reserve(std::min(body->Size(), zr::kMaxHeadBytes), kUsualLines);
+  std::string first;
+  std::string second;
+  const bool firstEnded = TakeWord(line, first);
+  const bool secondEnded = firstEnded && TakeWord(line, second);
+  std::string third(secondEnded ? line : std::string_view());
+  MakeUpper(first);
+  MakeUpper(third);
+
+  ZrMessageKind lineKind = ZrMessageKind::kUnrecognised;
+  if (firstEnded) {
+    const auto known =
+        std::find_if(kTypeNames.begin(), kTypeNames.end(),
+                     [&first](const TypeName& entry) { return entry.name == first; });
+    if (known != kTypeNames.end()) {
+      messageType = known->type;
+      lineKind = ZrMessageKind::kRequest;
+    } else if (first.starts_with("HTTP/") || first.starts_with("QUARN/")) {
+      lineKind = ZrMessageKind::kResponse;
+    }
+  }
+  kind = lineKind;
+  for (const std::string* word : {&first, &second, &third}) {
+    if (!word->empty()) headers.Append(zr::kFirstLine, *word);
+  }
+  if (!second.empty()) ParseTarget(second);
+  return lineKind != ZrMessageKind::kUnrecognised;
+}
+
+// "Name: value" with all blanks dropped and the name in lower case. A colon in front of a name or
+// of a value is skipped; the first one behind the name ends it, later ones belong to the value.
+void ZrXHeader::ParseFieldLine(std::string_view line) {
+  scratch_.resize(line.size());
+  char* out = scratch_.data();
+  std::size_t at = 0;
+  for (; at < line.size(); ++at) {
+    const char c = line[at];
+    if (c == ':') {
+      if (out != scratch_.data()) break;
+    } else if (!IsBlank(c)) {
+      *out++ = Lower(c);
+    }
+  }
+  const std::string_view name(scratch_.data(), static_cast<std::size_t>(out - scratch_.data()));
+  const char* const value = out;
+  while (at < line.size() && (line[at] == ':' || IsBlank(line[at]))) ++at;
+  for (; at < line.size(); ++at) {
+    *out = line[at];
+    out += IsBlank(line[at]) ? 0 : 1;
+  }
+  const std::string_view text(value, static_cast<std::size_t>(out - value));
+  if (!name.empty() && !text.empty()) headers.Append(name, text);
+}
+
+void ZrXHeader::ParseTarget(std::string_view text) {
+  const std::size_t mark = text.find('?');
+  path = text.substr(0, mark);
+  if (mark == std::string_view::npos || messageType != ZrMessageType::kGet) return;
+  query = text.substr(mark + 1);
+  zr::AppendUrlEncoded(*this, query, false);
+  for (const auto& block : blocks) {
+    if (block->Name().empty()) continue;
+    allFields.insert_or_assign(std::string(block->Name()), block.get());
+    queryFields.insert_or_assign(std::string(block->Name()), block.get());
+  }
+}

@@ -1,0 +1,50 @@
+#pragma once
+// What the registry keeps about a job, apart from the job itself: the queue and the job's lock hold
+// on to links, so that an event on its way to a job that has retired meets an empty link instead
+// of freed memory. Private to the registry's sources; all members are guarded by its lock.
+
+#include <cstddef>
+#include <list>
+#include <string>
+
+#include "jobs/job_event.h"
+#include "jobs/job_registry.h"
+
+/// An event on its way.
+struct ZrJobRegistry::Entry {
+  Link target;
+  ZrJobEvent event;
+};
+
+/// One job in one joined task; stands in two lists, the job's and the task's, and is owned by both
+/// together: RemoveMember() takes it out of both and deletes it.
+struct ZrJobRegistry::Membership {
+  ZrJobLink* job;
+  Task* task;
+  Membership* nextOfJob = nullptr;
+  Membership* previousOfJob = nullptr;
+  Membership* nextOfTask = nullptr;
+  Membership* previousOfTask = nullptr;
+};
+
+/// A joined task. The owner is known by name only: it may leave, and go, before the task does.
+struct ZrJobRegistry::Task {
+  std::string name;
+  std::string text;
+  std::string ownerName;
+  Membership* members = nullptr;
+  std::size_t memberCount = 0;
+};
+
+/// The registry's end of a job.
+struct ZrJobLink {
+  explicit ZrJobLink(ZrJob* linked) : job(linked) {}
+
+  ZrJob* job;               // null once the job has retired
+  bool delivering = false;  // an event is being delivered to the job
+  bool parked = false;      // the job was busy; its events gather in `backlog` until it is free
+  unsigned retiring = 0;    // threads that wait for the end of the delivery
+  std::size_t pending = 0;  // events for the job in the queue and in `backlog`
+  std::list<ZrJobRegistry::Entry> backlog;           // older than all its events in the queue
+  ZrJobRegistry::Membership* memberships = nullptr;  // empty: the job is not listed
+};

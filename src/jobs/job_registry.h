@@ -1,0 +1,145 @@
+#pragma once
+// The one registry of the process: which jobs belong to which joined tasks, and the events on
+// their way to jobs.
+//
+// A job is listed while it belongs to at least one joined task; only listed jobs receive events.
+// Posted events are delivered by one thread, in the order of posting. When the receiver is busy
+// (its lock is held), its events wait aside and those of other jobs go on; an event never overtakes
+// another one to the same job. Deliver() spares the way over that thread when nothing stands
+// before its event.
+//
+// Joined tasks know their owner by name and jobs are reached through links that Retire() empties,
+// so neither can dangle. The delivery thread and the reaper, which ends jobs dropped by delivering
+// threads, start when first needed and are joined when the library is unloaded or the process
+// exits. The registry's memory is never given back: a host may exit while its threads go on using
+// it; events sent from then on are dropped.
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "jobs/job_event.h"
+#include "platform/sync.h"
+#include "platform/thread.h"
+
+class ZrJob;
+struct ZrJobLink;
+
+/// The job registry. Threads: any. Its lock is the last in the lock order; no operation calls out
+/// with it held.
+class ZrJobRegistry {
+ public:
+  ZrJobRegistry(const ZrJobRegistry&) = delete;
+  ZrJobRegistry& operator=(const ZrJobRegistry&) = delete;
+
+  static ZrJobRegistry& Instance();
+
+  /// Makes a joined task with the owner as its first member; returns its name ("joinedtask*...").
+  /// The text says what the task is for. An owner that has retired gets an empty name.
+  std::string Create(ZrJob& owner, std::string_view text) ZR_EXCLUDES(lock_);
+  /// Makes the job a member, also when it is one already. No when there is no such task or the
+  /// job has retired.
+  bool Join(std::string_view task, ZrJob& job) ZR_EXCLUDES(lock_);
+  /// Takes the job of that name out of the task. When it is the task's owner, the task is closed
+  /// for all members and nobody is told; when one member stays behind, that one is sent an event
+  /// with code 6 and the text "kommt später". No for unknown tasks and for jobs that are no member.
+  bool Leave(std::string_view task, std::string_view jobName) ZR_EXCLUDES(lock_);
+  /// Takes the job of that name out of all its tasks, the owner like any member; a member that
+  /// stays behind alone is sent an event with code 6 and the text "kommt später A". No when it is
+  /// in none.
+  bool LeaveAll(std::string_view jobName) ZR_EXCLUDES(lock_);
+
+  /// Queues an event for the job of that name; without such a job it is dropped silently. Answers
+  /// yes. Throws std::system_error when the delivery thread cannot be started; the event stays
+  /// queued then.
+  bool Post(std::string_view target, ZrJobEvent event) ZR_EXCLUDES(lock_);
+  /// Delivers an event on the calling thread, at once, when no other event for that job is queued
+  /// or being delivered, its lock is free, and this thread is not delivering already; otherwise
+  /// the same as Post(). The caller holds no lock.
+  bool Deliver(std::string_view target, ZrJobEvent event) ZR_EXCLUDES(lock_);
+  /// Makes the delivery thread look at its queue now.
+  void WakeDelivery() ZR_EXCLUDES(lock_);
+
+  /// The text that the joined task was created with; nothing when there is no such task.
+  std::optional<std::string> TaskText(std::string_view task) const ZR_EXCLUDES(lock_);
+  /// How much the registry holds at this moment.
+  struct Counts {
+    std::size_t jobs = 0;    ///< jobs that belong to a joined task
+    std::size_t tasks = 0;   ///< joined tasks
+    std::size_t events = 0;  ///< events waiting for their delivery
+  };
+  Counts Count() const ZR_EXCLUDES(lock_);
+
+  /// Returns when every job that was handed to the reaper before this call has been destroyed. For
+  /// owners of what jobs refer to, before they release it. Not called by destructors of jobs nor
+  /// on a thread that delivers an event, which the reaper may be waiting for.
+  void WaitForReaper() ZR_EXCLUDES(lock_);
+
+ private:
+  friend class ZrJob;
+  friend class ZrJobLock;
+  friend struct ZrJobLink;
+
+  struct Task;
+  struct Membership;
+  struct Entry;
+  struct Holder;
+  using Link = std::shared_ptr<ZrJobLink>;
+
+  ZrJobRegistry();
+  ~ZrJobRegistry() = delete;
+
+  // Joined tasks (zrjobregistry.cpp).
+  void AddMember(Task& task, ZrJob& job) ZR_REQUIRES(lock_);
+  void RemoveMember(Membership* member) ZR_REQUIRES(lock_);
+  void TellLastMember(const Task& task, const char* text) ZR_REQUIRES(lock_);
+  void LeaveAllOf(ZrJobLink& job) ZR_REQUIRES(lock_);
+  void Retire(ZrJob& job) noexcept ZR_EXCLUDES(lock_);
+  void ReleaseTables() ZR_EXCLUDES(lock_);
+
+  // Delivery (zrjobregistry_delivery.cpp).
+  Link FindTarget(std::string_view target) const ZR_REQUIRES(lock_);
+  ZrJob* Claim(const Link& link) ZR_REQUIRES(lock_);
+  void Hand(ZrJob& job, const Link& link, const ZrJobEvent& event) noexcept ZR_EXCLUDES(lock_);
+  void Park(ZrJobLink& link, std::list<Entry>& entry) ZR_REQUIRES(lock_);
+  void Unpark(ZrJobLink& link) noexcept ZR_REQUIRES(lock_);
+  void Resume(const Link& link) noexcept ZR_EXCLUDES(lock_);
+  void Queue(std::list<Entry>& entry, bool urgent) ZR_REQUIRES(lock_);
+  void WakeNow() ZR_REQUIRES(lock_);
+  void StartDelivery() ZR_REQUIRES(lock_);
+  void DeliveryLoop() ZR_EXCLUDES(lock_);
+  ZrJob* TakeFront(std::list<Entry>& taken) ZR_REQUIRES(lock_);
+
+  // The reaper and the end (zrjobregistry_end.cpp).
+  static bool OnDeliveringThread() noexcept;
+  static bool IsDeliveredHere(const ZrJobLink& link) noexcept;
+  bool Reap(ZrJob* job) noexcept ZR_EXCLUDES(lock_);
+  void ReaperLoop() ZR_EXCLUDES(lock_);
+  void EndReaped(ZrJob* chain) noexcept ZR_EXCLUDES(lock_);
+  void Shutdown() noexcept ZR_EXCLUDES(lock_);
+
+  mutable ZrMutex lock_;  // guards all that follows, and the links of all jobs
+
+  // By names that live in the tasks, and in the jobs, which leave before they go.
+  std::unordered_map<std::string_view, std::unique_ptr<Task>> tasks_ ZR_GUARDED_BY(lock_);
+  std::unordered_map<std::string_view, Link> jobs_ ZR_GUARDED_BY(lock_);
+
+  ZrCondition wake_;  // queue_ is empty no more, drain_ or stopping_ was set
+  std::list<Entry> queue_ ZR_GUARDED_BY(lock_);
+  std::size_t events_ ZR_GUARDED_BY(lock_) = 0;  // in queue_ and parked
+  bool drain_ ZR_GUARDED_BY(lock_) = false;      // queue_ is to be emptied without a pause
+  bool stopping_ ZR_GUARDED_BY(lock_) = false;
+  ZrThread delivery_ ZR_GUARDED_BY(lock_);
+  ZrCondition delivered_;  // a delivery ended whose receiver is retiring
+
+  ZrCondition reap_;                                  // reaped_ or stopping_ was set
+  ZrCondition reapedAll_;                             // reapedCount_ grew
+  ZrJob* reaped_ ZR_GUARDED_BY(lock_) = nullptr;      // jobs to end, chained, the last one first
+  std::size_t handedCount_ ZR_GUARDED_BY(lock_) = 0;  // jobs handed to the reaper so far
+  std::size_t reapedCount_ ZR_GUARDED_BY(lock_) = 0;  // jobs it has ended so far
+  ZrThread reaper_ ZR_GUARDED_BY(lock_);
+};

@@ -1,0 +1,6 @@
+#include "jobs/task_record.h"
+
+void ZrRinvalJobParametersAndResult::Assign(const ZrRinvalJobParametersAndResult& other) {
+  jobId = other.jobId;
+  status = other.status;
+}

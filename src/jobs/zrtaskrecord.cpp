@@ -1,6 +1,0 @@
-#include "jobs/zrtaskrecord.h"
-
-void ZrRinvalJobParametersAndResult::Assign(const ZrRinvalJobParametersAndResult& other) {
-  jobId = other.jobId;
-  status = other.status;
-}

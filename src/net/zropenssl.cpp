@@ -1,9 +1,0 @@
-#include "net/zropenssl.h"
-
-#include <openssl/crypto.h>
-#include <openssl/err.h>
-
-void zr::InitialiseOpenSsl() {
-  ::OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-  ::ERR_clear_error();
-}

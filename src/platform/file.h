@@ -1,0 +1,64 @@
+#pragma once
+// Files that are served: opened once, so that status and bytes come from the same descriptor, and
+// only when they lie beneath the directory that they are asked for in.
+// Rules: descriptors are close-on-exec, EINTR is retried, nothing blocks on a FIFO, and every
+// failure to open (missing, forbidden, leads out, no regular file or directory) is "does not
+// exist".
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "platform/descriptor.h"
+
+/// An open regular file or directory. Immutable after opening, so any number of threads may use it;
+/// held in shared ownership by every answer that sends it.
+class ZrFile {
+ public:
+  /// Opens `path` beneath `directory`. The directory's text is in the stored form and goes through
+  /// zr::SystemDirectory(); the bytes of the path are taken as they are, whoever sent them.
+  /// Symbolic links are followed as long as they end beneath the directory as it stands on disk.
+  /// Returns nothing when there is no such file: also for an empty directory or path, a NUL byte, a
+  /// ".." piece anywhere, and anything that is neither a regular file nor a directory.
+  static std::shared_ptr<const ZrFile> OpenBeneath(std::string_view directory,
+                                                   std::string_view path);
+  /// Opens a file by its path in the system's form, wherever it lies. Nothing when it is not there.
+  static std::shared_ptr<const ZrFile> Open(const std::string& path);
+
+  bool IsRegular() const noexcept { return !directory_; }
+  bool IsDirectory() const noexcept { return directory_; }
+  /// Bytes in the file when it was opened; 0 for a directory.
+  std::uint64_t Size() const noexcept { return size_; }
+  /// Seconds since 1970 of the last change of the content when it was opened.
+  std::int64_t ModifiedSeconds() const noexcept { return modified_; }
+  /// Fills the target from that offset. Returns the bytes read, fewer than asked for only at the
+  /// end of the file (which may have moved since the opening); nothing when the disk failed.
+  std::optional<std::size_t> ReadAt(std::uint64_t offset, std::span<char> target) const;
+  /// For zr::SendFile(). Stays owned by this object.
+  int Descriptor() const noexcept { return descriptor_.Get(); }
+
+ private:
+  ZrFile(ZrDescriptor descriptor, bool directory, std::uint64_t size,
+         std::int64_t modified) noexcept
+      : descriptor_(std::move(descriptor)),
+        directory_(directory),
+        size_(size),
+        modified_(modified) {}
+  static std::shared_ptr<const ZrFile> FromDescriptor(ZrDescriptor descriptor);
+
+  ZrDescriptor descriptor_;
+  bool directory_;
+  std::uint64_t size_;
+  std::int64_t modified_;
+};
+
+namespace zr {
+
+/// The system's form of a directory text that is stored with backslashes. This is the only place
+/// where that form is turned; bytes of a request never come through here.
+std::string SystemDirectory(std::string_view storedDirectory);
+
+}  // namespace zr

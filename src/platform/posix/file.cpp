@@ -1,0 +1,135 @@
+// Opening beneath a directory: the kernel resolves the whole path with one call that cannot leave
+// the directory (openat2), so a link that is swapped meanwhile changes nothing. That call also
+// refuses absolute links that end inside, and old kernels do not have it; then the file is opened
+// without reading rights first, and the place where the descriptor really is decides.
+
+#include "platform/file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+namespace {
+
+// Without O_NONBLOCK a FIFO would hold the thread until somebody writes to it.
+constexpr int kReadFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+template <class Call>
+int Retried(Call call) {
+  int result = 0;
+  do {
+    result = call();
+  } while (result < 0 && errno == EINTR);
+  return result;
+}
+
+int OpenInside(int directory, const char* path) {
+  open_how how{};
+  how.flags = kReadFlags;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  return Retried(
+      [&] { return static_cast<int>(::syscall(SYS_openat2, directory, path, &how, sizeof how)); });
+}
+
+// The absolute path of an open descriptor; empty when the system does not tell.
+std::string PlaceOf(int descriptor) {
+  const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+  std::array<char, 4097> text;
+  const ssize_t length = ::readlink(link.c_str(), text.data(), text.size());
+  if (length <= 0 || static_cast<std::size_t>(length) == text.size()) return {};
+  return {text.data(), static_cast<std::size_t>(length)};
+}
+
+bool IsInside(const std::string& place, std::string directory) {
+  if (place.empty() || directory.empty()) return false;
+  if (place == directory) return true;
+  if (!directory.ends_with('/')) directory += '/';
+  return place.starts_with(directory);
+}
+
+int OpenAndCheckPlace(int directory, const char* path) {
+  const ZrDescriptor place(Retried([&] { return ::openat(directory, path, O_PATH | O_CLOEXEC); }));
+  if (!place.IsOpen() || !IsInside(PlaceOf(place.Get()), PlaceOf(directory))) return -1;
+  // The very file that was checked, not its name, is opened for reading.
+  const std::string same = "/proc/self/fd/" + std::to_string(place.Get());
+  return Retried([&] { return ::open(same.c_str(), kReadFlags); });
+}
+
+bool HasParentPiece(std::string_view path) {
+  while (!path.empty()) {
+    const std::size_t end = std::min(path.find('/'), path.size());
+    if (path.substr(0, end) == "..") return true;
+    path.remove_prefix(std::min(end + 1, path.size()));
+  }
+  return false;
+}
+
+}  // namespace
+
+std::shared_ptr<const ZrFile> ZrFile::FromDescriptor(ZrDescriptor descriptor) {
+  struct stat status {};
+  if (!descriptor.IsOpen() || ::fstat(descriptor.Get(), &status) != 0) return nullptr;
+  const bool directory = S_ISDIR(status.st_mode);
+  if (!directory && !S_ISREG(status.st_mode)) return nullptr;
+  const auto size = directory ? 0 : static_cast<std::uint64_t>(status.st_size);
+  return std::shared_ptr<const ZrFile>(
+      new ZrFile(std::move(descriptor), directory, size, status.st_mtim.tv_sec));
+}
+
+std::shared_ptr<const ZrFile> ZrFile::OpenBeneath(std::string_view directory,
+                                                  std::string_view path) {
+  if (directory.empty() || path.empty() || path.find('\0') != std::string_view::npos ||
+      directory.find('\0') != std::string_view::npos || HasParentPiece(path)) {
+    return nullptr;
+  }
+  // The two texts are thought of as joined, so separators at the path's start are just more of
+  // them.
+  path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+  const std::string inside = path.empty() ? "." : std::string(path);
+  const std::string base = zr::SystemDirectory(directory);
+  const ZrDescriptor start(
+      Retried([&] { return ::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+  if (!start.IsOpen()) return nullptr;
+  ZrDescriptor file(OpenInside(start.Get(), inside.c_str()));
+  // EXDEV: a link led out, or only seemed to; ENOSYS and EPERM: the call is missing or filtered.
+  if (!file.IsOpen() && (errno == EXDEV || errno == ENOSYS || errno == EPERM || errno == EAGAIN)) {
+    file = ZrDescriptor(OpenAndCheckPlace(start.Get(), inside.c_str()));
+  }
+  return FromDescriptor(std::move(file));
+}
+
+std::shared_ptr<const ZrFile> ZrFile::Open(const std::string& path) {
+  if (path.empty() || path.find('\0') != std::string::npos) return nullptr;
+  return FromDescriptor(ZrDescriptor(Retried([&] { return ::open(path.c_str(), kReadFlags); })));
+}
+
+std::optional<std::size_t> ZrFile::ReadAt(std::uint64_t offset, std::span<char> target) const {
+  std::size_t filled = 0;
+  if (offset > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return filled;
+  while (filled < target.size()) {
+    const ssize_t count = ::pread(descriptor_.Get(), target.data() + filled, target.size() - filled,
+                                  static_cast<off_t>(offset + filled));
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;
+    filled += static_cast<std::size_t>(count);
+  }
+  return filled;
+}
+
+namespace zr {
+
+std::string SystemDirectory(std::string_view storedDirectory) {
+  std::string result(storedDirectory);
+  std::replace(result.begin(), result.end(), '\\', '/');
+  return result;
+}
+
+}  // namespace zr

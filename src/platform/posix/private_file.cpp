@@ -1,0 +1,55 @@
+#include "platform/private_file.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace zr {
+namespace {
+
+[[noreturn]] void Fail(const std::string& path) {
+  throw std::system_error(errno, std::generic_category(), path);
+}
+
+bool WriteAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(descriptor, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written <= 0) {
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return fsync(descriptor) == 0;
+}
+
+}  // namespace
+
+void WritePrivateFile(const std::string& path, std::string_view bytes) {
+  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (descriptor < 0) {
+    Fail(path);
+  }
+  const bool written = WriteAll(descriptor, bytes);
+  const int failure = errno;
+  close(descriptor);
+  if (!written) {
+    errno = failure;
+    Fail(path);
+  }
+}
+
+std::string MakePrivateFolder(const std::string& path) {
+  std::string name = path + ".XXXXXX";
+  if (mkdtemp(name.data()) == nullptr) {
+    Fail(path);
+  }
+  return name;
+}
+
+}  // namespace zr

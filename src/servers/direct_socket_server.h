@@ -1,0 +1,41 @@
+#pragma once
+// The server of raw bytes: what arrives is handed out as it comes, what is sent has no head.
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "http/protocol_kind.h"
+#include "servers/tcp_server.h"
+
+/// Threads: any. Made with zr::MakeServer().
+class ZrTransceiverServerL1DirectSocket : public ZrTransceiverServerL0Socket {
+ public:
+  /// Listening or connecting, with the arguments of the base.
+  template <class... Args>
+  explicit ZrTransceiverServerL1DirectSocket(Args&&... args)
+      : ZrTransceiverServerL0Socket(std::forward<Args>(args)...) {
+    protocolKind_ = zr::kProtocolSocket;
+  }
+
+  bool ReceiveEvent(const ZrJobEvent& event) override ZR_REQUIRES(lock_);
+  void wake(const std::string& connectionName) override;
+  /// Hands out all bytes that have arrived as the body of one message.
+  void processItem(const std::string& connectionName, const std::string& clientName) override;
+  /// Sends the body and reports kind 6.
+  bool SendHead(const std::string& connectionName, const std::shared_ptr<ZrXHeader>& head) override;
+
+ private:
+  using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
+
+  /// The connection on which a worker's request is out; whoever takes it tells the pool how it
+  /// ended.
+  ConnectionPointer TakeAsked(const std::string& connectionName) ZR_EXCLUDES(askedLock_);
+  /// The end of a worker's connection: the rest of what it received, or no answer.
+  void EndConnection(ZrTransceiver& transceiver, const std::string& connectionName,
+                     ZrMessageHandler* client);
+  bool HandOut(ZrTransceiverConnection& connection, ZrMessageHandler& client);
+
+  ZrMutex askedLock_;
+  ConnectionPointer asked_ ZR_GUARDED_BY(askedLock_);
+};

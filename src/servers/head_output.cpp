@@ -1,0 +1,64 @@
+#include "servers/head_output.h"
+
+#include <memory>
+#include <span>
+#include <utility>
+
+#include "http/message_head.h"
+#include "platform/file.h"
+#include "transceiver/connection.h"
+
+namespace {
+
+// The head stands in the buffer. A small file is read in behind it: one call to the system then
+// sends both. The length was announced; a file that has fewer bytes by now ends the connection.
+void QueueFile(ZrTransceiverConnection& connection, std::unique_ptr<ZrStringBuf> out,
+               std::shared_ptr<const ZrFile> file, std::uint64_t length) {
+  std::uint64_t inlined = 0;
+  if (length <= zr::kInlineFileSize) {
+    const std::span<char> space = out->Prepare(static_cast<std::size_t>(length));
+    const std::size_t got =
+        file->ReadAt(0, space.first(static_cast<std::size_t>(length))).value_or(0);
+    out->Commit(got);
+    inlined = got;
+  }
+  connection.SendBuffer(out);
+  if (inlined < length) connection.SendFileBytes(std::move(file), inlined, length - inlined);
+}
+
+std::unique_ptr<ZrStringBuf> CopyOf(const std::unique_ptr<ZrStringBuf>& body) {
+  auto copy = std::make_unique<ZrStringBuf>();
+  if (body) copy->Append(body->Unread());
+  return copy;
+}
+
+}  // namespace
+
+std::uint64_t zr::QueueMessage(ZrTransceiverConnection& connection, ZrXHeader& head) {
+  auto out = std::make_unique<ZrStringBuf>();
+  if (!head.WriteHead(*out)) return out->Size();
+  const std::uint64_t headSize = out->Size();
+  if (head.filePath.empty()) {
+    // A request may have to be sent again.
+    std::unique_ptr<ZrStringBuf> body =
+        head.kind == ZrMessageKind::kRequest ? CopyOf(head.body) : head.TakeBody();
+    const std::uint64_t bodySize = body->Size();
+    if (bodySize <= kInlineFileSize) {
+      out->Append(body->Unread());
+      connection.SendBuffer(out);
+    } else {
+      connection.SendBuffer(out);
+      connection.SendBuffer(body);
+    }
+    return headSize + bodySize;
+  }
+  std::shared_ptr<const ZrFile> file =
+      head.bodyFile ? std::move(head.bodyFile) : ZrFile::Open(head.filePath);
+  if (!file) {
+    connection.SendBuffer(out);
+    if (head.contentLength > 0) connection.CloseAfterItem();
+    return headSize;
+  }
+  QueueFile(connection, std::move(out), std::move(file), head.contentLength);
+  return headSize + head.contentLength;
+}

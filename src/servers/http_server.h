@@ -1,0 +1,87 @@
+#pragma once
+// The server of the HTTP family: it assembles the messages that arrive on its connections, hands
+// each complete one to its handler, and sends heads with their bodies, one access-log line each.
+// One message of a connection is in progress at a time; what arrives behind it waits in the
+// connection until the answer is on its way. As a worker it is the other side: it sends a request
+// and takes what comes as its answer (zrtransceiverserverl1http_answers.cpp).
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "http/answer_reader.h"
+#include "http/protocol_kind.h"
+#include "servers/tcp_server.h"
+#include "transceiver/connection.h"
+
+/// Threads: any. Made with zr::MakeServer().
+class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
+ public:
+  /// Listening or connecting, with the arguments of the base.
+  template <class... Args>
+  explicit ZrTransceiverServerL1HTTP(Args&&... args)
+      : ZrTransceiverServerL0Socket(std::forward<Args>(args)...) {
+    protocolKind_ = zr::kProtocolHttp;
+  }
+
+  bool ReceiveEvent(const ZrJobEvent& event) override ZR_REQUIRES(lock_);
+  void wake(const std::string& connectionName) override;
+  /// Takes the bytes of the connection into its message and hands that out when it is complete.
+  void processItem(const std::string& connectionName, const std::string& clientName) override;
+  bool SendHead(const std::string& connectionName, const std::shared_ptr<ZrXHeader>& head) override;
+  void EndTasks() override;
+
+ private:
+  using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
+  using HandlerPointer = std::shared_ptr<ZrMessageHandler>;
+
+  // What belongs to one connection.
+  struct Exchange {
+    std::shared_ptr<ZrXHeader> head;  // the message being assembled; none between messages
+    std::string task;                 // the joined task made for its messages; empty: none was made
+  };
+
+  // A worker's request that is out.
+  struct Asked {
+    explicit Asked(ConnectionPointer on) : connection(std::move(on)) {}
+    const ConnectionPointer connection;
+    // The queue task's alone.
+    ZrAnswerReader reader;
+    ZrStringBuf input;  // received and not yet read
+    std::shared_ptr<ZrXHeader> answer;
+    bool arrived = false;  // anything came at all
+  };
+
+  std::shared_ptr<ZrXHeader> NewMessage(const ZrTransceiverConnection& connection,
+                                        std::string task);
+  /// No: the connection is gone, and nobody else tells the pool.
+  bool BeginExchange(ZrTransceiver& transceiver, const ConnectionPointer& connection);
+  std::shared_ptr<Asked> AskedOn(const std::string& connectionName);
+  bool EndExchange(const std::shared_ptr<Asked>& asked);
+  /// Reads what has arrived on a worker; without connection, its end has come.
+  void ProcessAnswer(ZrTransceiver& transceiver, const std::string& connectionName,
+                     const ConnectionPointer& connection, const HandlerPointer& client);
+  ZrAnswerReader::Result ReadAnswer(Asked& asked, bool open, const HandlerPointer& client);
+  void HandOutAnswer(ZrTransceiver& transceiver, const std::shared_ptr<Asked>& asked,
+                     const ConnectionPointer& connection, const HandlerPointer& client);
+  void FailExchange(const std::shared_ptr<Asked>& asked, const ConnectionPointer& connection);
+  ZrSendFailure SendRequest(ZrTransceiver* transceiver, const ConnectionPointer& connection,
+                            ZrXHeader& head);
+
+  std::shared_ptr<ZrXHeader> MessageOf(const ConnectionPointer& connection,
+                                       const HandlerPointer& client);
+  void DropMessage(const std::string& connectionName);
+  void ForgetConnection(const std::string& connectionName, const HandlerPointer& client);
+  /// Reads what has arrived. Answers whether the connection's turn goes on until its answer.
+  bool Assemble(ZrTransceiver& transceiver, const ConnectionPointer& connection,
+                const HandlerPointer& client);
+  bool HandOut(ZrTransceiver& transceiver, const ConnectionPointer& connection,
+               const HandlerPointer& client, const std::shared_ptr<ZrXHeader>& head);
+  void EndTurn(const ConnectionPointer& connection);
+  void Log(const ZrTransceiverConnection& connection, const ZrXHeader& head, std::uint64_t bytes);
+
+  ZrMutex requestLock_;
+  std::unordered_map<std::string, Exchange> exchanges_ ZR_GUARDED_BY(requestLock_);
+  std::shared_ptr<Asked> asked_ ZR_GUARDED_BY(requestLock_);  // workers only
+};

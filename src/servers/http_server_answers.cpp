@@ -1,0 +1,147 @@
+// The worker's side of the HTTP family: one request at a time is out, and what arrives is its
+// answer. All reading happens on the queue task; the end of the connection comes there as well,
+// behind the bytes, so that nothing that arrived is overlooked. Every request that was taken ends
+// in exactly one event to the pool: it was answered, or it was not.
+
+#include <utility>
+
+#include "http/message_head.h"
+#include "servers/head_output.h"
+#include "servers/http_server.h"
+#include "transceiver/message_handler.h"
+#include "transceiver/transceiver.h"
+
+bool ZrTransceiverServerL1HTTP::BeginExchange(ZrTransceiver& transceiver,
+                                              const ConnectionPointer& connection) {
+  auto asked = std::make_shared<Asked>(connection);
+  {
+    ZrLock hold(requestLock_);
+    asked_ = asked;
+  }
+  connection->ExpectAnswers();
+  // From here on the end of the connection finds the exchange. One that came before did not.
+  return transceiver.FindConnection(connection->JobName()) != nullptr || !EndExchange(asked);
+}
+
+// Of the failures only those come back that nobody else tells the pool.
+ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
+                                                     const ConnectionPointer& connection,
+                                                     ZrXHeader& head) {
+  const ZrSendFailure closed{ZrSendFailureKind::kClosed, "the connection has closed", true};
+  if (!connection) return closed;
+  connection->Attach(head.target);
+  if (!BeginExchange(*transceiver, connection)) return closed;
+  const std::uint64_t bytes = zr::QueueMessage(*connection, head);
+  if (bytes == 0) {
+    const std::shared_ptr<Asked> asked = AskedOn(connection->JobName());
+    if (!asked || !EndExchange(asked)) return {};
+    return {ZrSendFailureKind::kNotSent, "the request is not complete: set its state to 6"};
+  }
+  transceiver->FlushConnection(*connection);
+  Log(*connection, head, bytes);
+  return {};
+}
+
+std::shared_ptr<ZrTransceiverServerL1HTTP::Asked> ZrTransceiverServerL1HTTP::AskedOn(
+    const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  return asked_ && asked_->connection->JobName() == connectionName ? asked_ : nullptr;
+}
+
+// Whoever gets yes tells the pool.
+bool ZrTransceiverServerL1HTTP::EndExchange(const std::shared_ptr<Asked>& asked) {
+  ZrLock hold(requestLock_);
+  if (asked_ != asked) return false;
+  asked_ = nullptr;
+  return true;
+}
+
+void ZrTransceiverServerL1HTTP::ProcessAnswer(ZrTransceiver& transceiver,
+                                              const std::string& connectionName,
+                                              const ConnectionPointer& connection,
+                                              const HandlerPointer& client) {
+  const std::shared_ptr<Asked> asked = AskedOn(connectionName);
+  if (connection && !connection->BeginItem()) return;
+  if (!asked) {
+    // Nobody asked for anything: what comes next could not be trusted either.
+    if (!connection) return;
+    if (connection->HasReceived()) connection->CloseAfterItem();
+    return EndTurn(connection);
+  }
+  asked->connection->TakeReceived(asked->input);
+  asked->arrived = asked->arrived || !asked->input.Empty();
+  auto result = ZrAnswerReader::Result::kUnreadable;
+  try {
+    result = ReadAnswer(*asked, connection != nullptr, client);
+  } catch (...) {
+    // Memory ran out: this exchange is given up.
+  }
+  switch (result) {
+    case ZrAnswerReader::Result::kIncomplete:
+    case ZrAnswerReader::Result::kInterim:
+      return EndTurn(connection);
+    case ZrAnswerReader::Result::kComplete:
+      return HandOutAnswer(transceiver, asked, connection, client);
+    case ZrAnswerReader::Result::kUnreadable:
+      return FailExchange(asked, connection);
+  }
+}
+
+ZrAnswerReader::Result ZrTransceiverServerL1HTTP::ReadAnswer(Asked& asked, bool open,
+                                                             const HandlerPointer& client) {
+  using Result = ZrAnswerReader::Result;
+  using Line = ZrAnswerReader::Line;
+  const Line line = open                               ? Line::kOpen
+                    : asked.connection->PeerFinished() ? Line::kEnded
+                                                       : Line::kBroken;
+  for (;;) {
+    if (!asked.answer)
+      asked.answer = NewMessage(*asked.connection, asked.connection->HandlerName());
+    const Result result = asked.reader.Read(
+        *asked.answer, asked.input, line,
+        [&client](ZrXHeader& head) { return client && client->OnHeadComplete(head); });
+    if (result != Result::kInterim) return result;
+    asked.answer = nullptr;
+  }
+}
+
+void ZrTransceiverServerL1HTTP::HandOutAnswer(ZrTransceiver& transceiver,
+                                              const std::shared_ptr<Asked>& asked,
+                                              const ConnectionPointer& connection,
+                                              const HandlerPointer& client) {
+  if (!EndExchange(asked)) return;
+  bool taken = false;
+  try {
+    taken = client && client->HandleMessage(HeadName(), asked->answer) != 0;
+  } catch (...) {
+    // The handler's own failure; the exchange is over all the same.
+  }
+  if (connection) {
+    // A connection on which more has come than was asked for, or that still sends a request whose
+    // answer is there, is not used again. The rest of that request is dropped before: a peer that
+    // has answered early may never read it.
+    const bool useless = !taken || !asked->reader.KeepsConnection() || !asked->input.Empty() ||
+                         connection->HasReceived() || connection->SendPending();
+    connection->Reset();
+    if (useless) connection->Close();
+    EndTurn(connection);
+  }
+  transceiver.ReleaseServerTask(JobName());
+}
+
+void ZrTransceiverServerL1HTTP::FailExchange(const std::shared_ptr<Asked>& asked,
+                                             const ConnectionPointer& connection) {
+  if (!EndExchange(asked)) return;
+  ZrSendFailure failure{ZrSendFailureKind::kUnreadable, asked->reader.Problem()};
+  if (!connection && asked->connection->IsExpired()) {
+    failure = {ZrSendFailureKind::kTimedOut, "nothing more came"};
+  } else if (!connection && !asked->arrived) {
+    failure = {ZrSendFailureKind::kClosed, "no answer came", true};
+  }
+  if (connection) {
+    connection->Reset();
+    connection->Close();
+    EndTurn(connection);
+  }
+  ReportUnanswered(failure);
+}

@@ -1,0 +1,154 @@
+#include "servers/server.h"
+
+#include "http/message_head.h"
+#include "jobs/scheduler.h"
+#include "platform/output.h"
+#include "transceiver/transceiver.h"
+
+ZrTransceiverServer::ZrTransceiverServer(ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
+                                         std::string clientName, std::string headName,
+                                         std::string ownerName, ZrServerCallback callback)
+    : ZrJobWithTimeout(kTimeLimit, transceiver.Clock()),
+      scheduler_(scheduler),
+      clientName_(std::move(clientName)),
+      ownerName_(std::move(ownerName)),
+      callback_(std::move(callback)),
+      transceiver_(&transceiver),
+      headName_(std::move(headName)) {
+  CreateJoinedTaskFor("server_" + clientName_);
+}
+
+ZrTransceiverServer::~ZrTransceiverServer() {
+  if (!callback_) return;
+  try {
+    ZrServerCallback_t record;
+    record.kind = ZrServerCallback_t::kServerGone;
+    record.info.Set("ID", JobName());
+    record.info.Set("roll", persistent_ ? "server" : "client");
+    callback_(record);
+  } catch (...) {
+    // The owner's own failure; the server goes all the same.
+  }
+}
+
+bool ZrTransceiverServer::ReceiveEvent(const ZrJobEvent&) { return true; }
+
+bool ZrTransceiverServer::HasExpired() { return !persistent_ && ZrJobWithTimeout::HasExpired(); }
+
+void ZrTransceiverServer::processItem(const std::string&, const std::string&) {}
+
+bool ZrTransceiverServer::SendHead(const std::string&, const std::shared_ptr<ZrXHeader>& head) {
+  LeaveJoinedTask(head->target);
+  return false;
+}
+
+void ZrTransceiverServer::stop() { zr::WriteOutputLine("ZrTransceiverServer::stop()"); }
+
+bool ZrTransceiverServer::attachTransceiver(ZrTransceiver& transceiver) {
+  ZrTransceiver* none = nullptr;
+  return transceiver_.compare_exchange_strong(none, &transceiver);
+}
+
+void ZrTransceiverServer::detachTransceiver(ZrTransceiver& transceiver) {
+  ZrTransceiver* expected = &transceiver;
+  transceiver_.compare_exchange_strong(expected, nullptr);
+}
+
+void ZrTransceiverServer::wake(const std::string&) {
+  ZrLock hold(queueLock_);
+  queueWake_.NotifyAll();
+}
+
+std::string ZrTransceiverServer::HeadName() const {
+  ZrLock hold(lock_);
+  return headName_;
+}
+
+void ZrTransceiverServer::SetHeadName(const std::string& name) {
+  ZrLock hold(lock_);
+  headName_ = name;
+}
+
+std::string ZrTransceiverServer::Result() const {
+  ZrLock hold(lock_);
+  return result_;
+}
+
+void ZrTransceiverServer::SetResult(const std::string& name) {
+  ZrLock hold(lock_);
+  result_ = name;
+}
+
+// ---- The work queue ----------------------------------------------------------------------------
+
+void ZrTransceiverServer::enqueue(std::string key, std::string data) {
+  ZrLock hold(queueLock_);
+  if (ended_) return;
+  queue_.emplace_back(std::move(key), std::move(data));
+  if (queueTask_ == 0) StartQueueTask();
+  queueWake_.NotifyOne();
+}
+
+void ZrTransceiverServer::StartQueueTask() {
+  processing_ = true;
+  ZrRinvalTaskDescription description;
+  description.name = "ZrTransceiverServer_bufferprocess" + JobName();
+  description.stopAction = [this] {
+    ZrLock hold(queueLock_);
+    processing_ = false;
+    queueWake_.NotifyAll();
+  };
+  queueTask_ = scheduler_.Submit(
+      [this](ZrRinvalJobParametersAndResult* record) {
+        QueueLoop();
+        return record;
+      },
+      nullptr, description);
+}
+
+// Takes all that waits at once: items that come while a batch is handled cost no wake-up.
+void ZrTransceiverServer::QueueLoop() {
+  std::vector<Item> batch;
+  while (Processing()) {
+    {
+      ZrLock hold(queueLock_);
+      queueWake_.Wait(queueLock_, [this]() ZR_REQUIRES(queueLock_) {
+        return !Processing() || !queue_.empty();
+      });
+      batch.swap(queue_);
+    }
+    for (const auto& [key, data] : batch) {
+      if (!Processing()) break;
+      Touch();
+      try {
+        processItem(key, data);
+      } catch (...) {
+        // One item's failure; the others are handled. What it was about ends by its time limit.
+      }
+    }
+    batch.clear();
+  }
+}
+
+void ZrTransceiverServer::EndTasks() {
+  std::uint64_t task = 0;
+  {
+    ZrLock hold(queueLock_);
+    ended_ = true;
+    processing_ = false;
+    task = std::exchange(queueTask_, 0);
+    queueWake_.NotifyAll();
+  }
+  if (task == 0) return;
+  scheduler_.WaitDone(task);
+  scheduler_.FetchResult(task);
+}
+
+void zr::EndServer(ZrTransceiverServer* server) noexcept {
+  const auto end = [server] {
+    server->EndTasks();
+    zr::EndJob(server);
+  };
+  ZrTransceiver* transceiver = server->Transceiver();
+  if (transceiver == nullptr || !transceiver->EndLater(end)) end();
+}

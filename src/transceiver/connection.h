@@ -1,0 +1,232 @@
+#pragma once
+// One TCP connection: the bytes that arrived and were not yet taken, and the queue of what is to be
+// sent. The transceiver's receive job fills the one and, with the threads that answer, drains the
+// other; the server that made the connection turns bytes into messages. The connection also keeps
+// the order of a connection's messages: one request is in progress at a time, a peer that does not
+// read its answers is handed no further ones, and closing waits for what is still to be sent.
+//
+// A variant with another way to the socket (TLS) overrides ReadFromSocket(), WriteToSocket(),
+// FinishOutput() and WantsOutput(), and nothing else.
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "base/server_callback.h"
+#include "base/string_buffer.h"
+#include "jobs/job_with_timeout.h"
+#include "platform/file.h"
+#include "platform/sync.h"
+#include "transceiver/fwd.h"
+
+class ZrSocketIPvx;
+
+/// Threads: any, where nothing else is said. Held in shared ownership.
+class ZrTransceiverConnection : public ZrJobWithTimeout {
+ public:
+  /// Closes the connection; called by Close() with the connection's job lock held.
+  using CloseCallback = std::function<void(ZrTransceiver&, ZrTransceiverConnection*)>;
+
+  /// Without traffic for that long (microseconds) the connection is closed.
+  static constexpr std::uint64_t kTimeLimit = 115'000'000;
+  /// While a request is in progress the silence is not the peer's: only after that long
+  /// (nanoseconds) is its answer given up. Programs may run for 300 s, and wait their turn before
+  /// that.
+  static constexpr std::int64_t kAnswerTimeLimit = 900'000'000'000;
+  /// A message head, and a TLS handshake, must be complete within that time (nanoseconds).
+  static constexpr std::int64_t kHeadTimeLimit = 60'000'000'000;
+  /// A closed connection whose peer does not end its side goes after that time (nanoseconds).
+  static constexpr std::int64_t kLingerTime = 2'000'000'000;
+  /// Bytes that one receive takes at most (plain connections).
+  static constexpr std::size_t kReadSize = 2048;
+  /// Reading pauses while more bytes than that wait to be taken.
+  static constexpr std::size_t kReadMark = 256 * 1024;
+  /// No further message is begun while more bytes than that wait to be sent.
+  static constexpr std::uint64_t kOutputMark = 64 * 1024;
+  /// How much of a body file is in memory at a time, at most.
+  static constexpr std::size_t kFilePiece = 128 * 1024;
+
+  /// The record describes the peer; `onClose` must be set. The owner outlives the connection's
+  /// registration with it. The receiver is the server's job name, the peer name its owner's.
+  ZrTransceiverConnection(ZrTransceiver& owner, std::string receiverName, std::string peerName,
+                          ZrServerCallback_t record, CloseCallback onClose);
+  ~ZrTransceiverConnection() override;
+
+  bool Attach(std::string_view task) override;
+  bool Detach(std::string_view task) override;
+  /// True when the time limit or the limit of an incomplete head has passed. A request in progress
+  /// with nothing to send has kAnswerTimeLimit instead.
+  bool HasExpired() override;
+
+  /// Leaves the joined task, forgets received bytes and everything queued.
+  virtual void Reset();
+  /// Ends the connection through the callback of construction: reading stops, what is queued is
+  /// still sent, then the socket is closed. Clears the time limit's `timing`. Throws
+  /// std::bad_function_call without a callback.
+  virtual void Close();
+  /// Queues the buffer's bytes and leaves an empty buffer behind. Nothing is sent before the
+  /// transceiver's WakeSender() or FlushConnection() runs.
+  virtual void SendBuffer(std::unique_ptr<ZrStringBuf>& buffer);
+  /// Queues a copy of the bytes; `accepted` gets their number. Sending as for SendBuffer().
+  virtual void SendBytes(const char* data, std::size_t length, std::size_t& accepted);
+  /// Copies the unsent bytes of the oldest queued buffer, without consuming them.
+  virtual void PeekFront(std::string& text);
+  /// Drops bytes that the socket took from the front of the queue.
+  virtual void Consume(std::size_t count) ZR_REQUIRES(lock_);
+  /// Gives the socket what it takes of the queue now. False: the connection is dead.
+  virtual bool WriteToSocket(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
+  /// Stores received bytes, restarts the time limit and tells the receiver job with one event of
+  /// code 8 per batch that it has not taken yet. A closing connection drops the bytes.
+  virtual void OnReceived(const char* data, std::size_t length);
+  /// One pass of receiving; called by the receive job. Positive: the connection lives (also when
+  /// nothing was there); 0: the peer ended its side; negative: the connection is dead.
+  virtual int ReadFromSocket(ZrSocketIPvx& socket);
+  /// Moves all received bytes to the end of the target.
+  virtual void TakeReceived(ZrStringBuf& target);
+
+  /// Called once when everything queued on a closing connection was sent, before the socket is shut
+  /// down for sending. No: it needs more room on the socket and is called again when there is some.
+  virtual bool FinishOutput(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
+  /// Whether the socket's room for output is to be waited for.
+  virtual bool WantsOutput() const ZR_REQUIRES(lock_);
+  /// Whether bytes may be read without the socket becoming readable.
+  virtual bool HasBufferedInput() const { return false; }
+  /// Whether a pass of receiving can change what WantsOutput() answers.
+  virtual bool ReadAffectsOutput() const { return false; }
+
+  /// Queues `length` bytes of a file from that offset. They are read as the socket takes them; a
+  /// file that turns out shorter closes the connection behind its last byte.
+  void SendFileBytes(std::shared_ptr<const ZrFile> file, std::uint64_t offset,
+                     std::uint64_t length);
+  /// What arrives from now on are answers to what is sent here: they are taken also while much is
+  /// still to be sent, and not dropped when the connection closes: TakeReceived() still gives them.
+  void ExpectAnswers();
+  /// Puts bytes back in front of what was received, as they belong to the next message. The buffer
+  /// is left empty.
+  void PutBack(ZrStringBuf& bytes);
+  /// The record given at construction; it never changes.
+  const std::shared_ptr<const ZrServerCallback_t>& PeerRecord() const { return record_; }
+  const std::string& ReceiverName() const { return receiverName_; }
+  const std::string& PeerName() const { return peerName_; }
+  /// The joined task the connection is attached to; empty before the first Attach().
+  std::string HandlerName();
+  bool HasReceived() const { return hasReceived_.load(std::memory_order_acquire); }
+  bool SendPending() const { return sendPending_.load(std::memory_order_acquire); }
+  /// Bytes that are queued and not yet sent, files included.
+  std::uint64_t QueuedBytes() const { return queuedBytes_.load(std::memory_order_acquire); }
+
+  // The order of messages on one connection. A server brackets the handling of received bytes with
+  // BeginItem() and EndItem(); for a request that was handed out, the end comes with its answer.
+
+  /// What the caller of EndItem() has to do next.
+  enum class AfterItem {
+    kNothing,
+    kWake,   ///< bytes wait that no event will announce: queue the connection again
+    kClose,  ///< close it: it was asked for, or the peer has ended its side and nothing is left
+  };
+  /// Asks for the right to take bytes and make a message of them. No while a request is in
+  /// progress, the peer leaves its answers unread, or the connection is closing; the bytes stay and
+  /// the server is told again when that has changed.
+  bool BeginItem();
+  AfterItem EndItem();
+  /// The connection is to be closed when the item in progress has ended.
+  void CloseAfterItem();
+  /// A message's head has begun and is not complete / is complete.
+  void BeginHead();
+  void EndHead();
+
+  // For the transceiver.
+
+  enum class PeerEnd { kRemove, kFinish, kKeep };
+  /// The peer ended its side: what is to become of the connection now.
+  PeerEnd OnPeerFinished();
+  bool PeerFinished();
+  /// A message is in progress or bytes wait to become one.
+  bool IsBusy();
+  /// Turns the connection to closing: no more bytes are taken in.
+  void BeginClosing();
+  bool IsClosing() const { return closing_.load(std::memory_order_acquire); }
+  /// More is waiting to be taken than reading goes on with.
+  bool IsReadingPaused();
+  /// After output went: whether the server waits for that and must be told. Answers yes once.
+  bool TakeStalled();
+  /// Monotonic time (nanoseconds) from which on HasExpired() answers yes, as things stand.
+  std::int64_t NextExpiryNs();
+  /// Its time limit has passed: it is not drained but goes at once.
+  void MarkExpired() { expired_.store(true, std::memory_order_release); }
+  bool IsExpired() const { return expired_.load(std::memory_order_acquire); }
+  /// The connection is closed for sending; it goes when the linger time has passed.
+  void BeginLinger();
+  /// Deliver the event for received bytes. The caller holds no lock.
+  void Announce();
+
+ protected:
+  /// The oldest queued bytes as a view, a piece of a file read in when that is what comes next.
+  /// Empty when nothing is queued. Valid until Consume(); later additions do not move the bytes.
+  std::string_view FrontView() ZR_REQUIRES(lock_);
+
+ private:
+  // One entry of the queue: bytes in memory, behind them what is still to come of a file.
+  struct Piece {
+    ZrStringBuf bytes;
+    std::shared_ptr<const ZrFile> file;
+    std::uint64_t offset = 0;
+    std::uint64_t remaining = 0;
+    bool Done() const { return bytes.Empty() && remaining == 0; }
+  };
+
+  enum class Sent { kAll, kSome, kRefused, kDead };
+
+  Piece* Front() ZR_REQUIRES(lock_) ZR_EXCLUDES(sendLock_);
+  Sent SendFront(ZrSocketIPvx& socket, std::size_t& count) ZR_REQUIRES(lock_);
+  void Queue(Piece piece) ZR_EXCLUDES(sendLock_);
+  void DropQueue() ZR_EXCLUDES(sendLock_);
+  AfterItem EndItemLocked() ZR_REQUIRES(receiveLock_);
+  bool AwaitsAnswer();
+  /// Whether reading had paused and may go on; answers yes once.
+  bool TakeResume() ZR_REQUIRES(receiveLock_);
+
+  // Constant after construction.
+  ZrTransceiver& owner_;
+  const std::string receiverName_;
+  const std::string peerName_;
+  const std::shared_ptr<const ZrServerCallback_t> record_;
+  const CloseCallback onClose_;
+
+  std::string handlerName_ ZR_GUARDED_BY(lock_);
+  bool joined_ ZR_GUARDED_BY(lock_) = false;  // to that task
+
+  // Where the transceiver keeps what belongs to the registration with it.
+  friend class ZrTransceiver;
+  std::shared_ptr<ZrSocketIPvx> socket_ ZR_GUARDED_BY(lock_);  // empty when not registered
+  std::uint64_t token_ ZR_GUARDED_BY(lock_) = 0;
+  std::int64_t watchedAt_ = 0;  // its time in the housekeeper's list, guarded by that list's lock
+  bool outputWatched_ ZR_GUARDED_BY(lock_) = false;
+  bool outputEnded_ ZR_GUARDED_BY(lock_) = false;  // shut down for sending
+
+  ZrMutex receiveLock_;
+  ZrStringBuf received_ ZR_GUARDED_BY(receiveLock_);
+  bool expectsAnswers_ ZR_GUARDED_BY(receiveLock_) = false;
+  bool announced_ ZR_GUARDED_BY(receiveLock_) = false;  // an event for the bytes is under way
+  bool busy_ ZR_GUARDED_BY(receiveLock_) = false;       // between BeginItem() and EndItem()
+  bool stalled_ ZR_GUARDED_BY(receiveLock_) = false;    // an item was turned away
+  bool paused_ ZR_GUARDED_BY(receiveLock_) = false;     // reading is to be resumed
+  bool closeAfterItem_ ZR_GUARDED_BY(receiveLock_) = false;
+  bool peerFinished_ ZR_GUARDED_BY(receiveLock_) = false;
+  std::atomic<bool> hasReceived_{false};
+  std::atomic<bool> closing_{false};
+  std::atomic<bool> expired_{false};
+  std::atomic<std::int64_t> headSince_{0};    // monotonic time at which the head began; 0: none
+  std::atomic<std::int64_t> lingerUntil_{0};  // monotonic time; 0: not closed for sending yet
+
+  // Additions at the end leave the front where it is, so that a writer, who holds the job lock, may
+  // read the front without this lock: nobody else removes from there.
+  ZrMutex sendLock_;
+  std::deque<Piece> sendQueue_ ZR_GUARDED_BY(sendLock_);
+  std::atomic<bool> sendPending_{false};
+  std::atomic<std::uint64_t> queuedBytes_{0};
+};

@@ -1,0 +1,69 @@
+#pragma once
+// A connection whose bytes go through TLS. Queues, events and time limits are those of the plain
+// connection; only the way to the socket differs. TLS may have to read before it can write and the
+// other way round; four flags keep what the last steps stopped for, and with the encrypted bytes
+// that the socket refused they say which readiness to wait for.
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "net/tls_engine.h"
+#include "transceiver/connection.h"
+
+/// Whom the client side of a connection expects, and when it gives up.
+struct ZrTlsPeer {
+  std::string name;                 ///< The host asked for; empty names none.
+  std::function<bool()> cancelled;  ///< Asked now and then during the handshake; may be empty.
+};
+
+/// Threads: any, as for its base. The TLS state is used under the job's own lock.
+class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
+ public:
+  /// How many records one pass reads or writes at most, so that no connection holds an I/O job.
+  static constexpr int kRounds = 100;
+
+  /// The server side of a connection: returns at once, the handshake happens in the first reads and
+  /// must be finished within kHeadTimeLimit. The context is only read here. Throws ZrException
+  /// "Error getting SSL context" when there is none, so that nobody is served without TLS.
+  ZrTransceiverConnection_SSLAddon(ssl_ctx_st* context, std::shared_ptr<ZrSocketIPvx> socket,
+                                   ZrTransceiver& owner, std::string receiverName,
+                                   std::string peerName, ZrServerCallback_t record,
+                                   CloseCallback onClose);
+  /// The client side: returns when the handshake is finished, throws ZrException when that fails or
+  /// takes longer than ZrTlsEngine::kHandshakeLimit; see ZrTlsEngine::ConnectWithin().
+  ZrTransceiverConnection_SSLAddon(ssl_ctx_st* context, const ZrTlsPeer& peer,
+                                   std::shared_ptr<ZrSocketIPvx> socket, ZrTransceiver& owner,
+                                   std::string receiverName, std::string peerName,
+                                   ZrServerCallback_t record, CloseCallback onClose);
+  ~ZrTransceiverConnection_SSLAddon() override;
+
+  bool WriteToSocket(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
+  int ReadFromSocket(ZrSocketIPvx& socket) override;
+  /// Sends TLS's end mark.
+  bool FinishOutput(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
+  bool WantsOutput() const override ZR_REQUIRES(lock_);
+  bool HasBufferedInput() const override { return bufferedInput_.load(std::memory_order_acquire); }
+  bool ReadAffectsOutput() const override { return readAffectsOutput_; }
+
+ private:
+  // What a read step does after one record.
+  enum class Next { kGoOn, kStop };
+
+  bool WriteStep() ZR_REQUIRES(lock_);
+  int ReadStep();
+  Next ReadRecord(std::span<char> target, std::size_t& count, int& answer) ZR_EXCLUDES(lock_);
+
+  const std::shared_ptr<ZrSocketIPvx> socket_;  // stays open as long as TLS writes through it
+  std::optional<ZrTlsEngine> engine_ ZR_GUARDED_BY(lock_);
+  bool established_ ZR_GUARDED_BY(lock_) = false;
+  bool writeWantsRead_ ZR_GUARDED_BY(lock_) = false;   // the last write waits for input
+  bool writeWantsWrite_ ZR_GUARDED_BY(lock_) = false;  // ... for room on the socket
+  bool readWantsRead_ ZR_GUARDED_BY(lock_) = false;    // the last read waits for input
+  bool readWantsWrite_ ZR_GUARDED_BY(lock_) = false;   // ... for room on the socket
+  std::atomic<bool> bufferedInput_{false};      // a read finds something without the socket's help
+  std::atomic<bool> readAffectsOutput_{false};  // the last read wrote, or waits for room to write
+};

@@ -1,0 +1,59 @@
+#include "base/string_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <utility>
+
+namespace {
+
+// Any mix of operations shows the bytes that a plain text would, whatever moves inside the buffer.
+TEST(StringBuf, EveryMixOfOperationsKeepsTheBytes) {
+  std::mt19937 random(7);
+  ZrStringBuf buffer;
+  std::string model;
+  char next = 'a';
+  for (int step = 0; step < 20000; ++step) {
+    const std::size_t size = random() % 100;
+    switch (random() % 7) {
+      case 0:
+      case 1: {
+        const std::string bytes(size, next++);
+        buffer.Append(bytes);
+        model += bytes;
+        break;
+      }
+      case 2: {
+        const auto space = buffer.Prepare(size);
+        ASSERT_EQ(space.size(), size);
+        std::fill(space.begin(), space.end(), next);
+        const std::size_t filled = random() % (size + 1);
+        if (filled != 0) buffer.Commit(filled);  // what is not committed must not show
+        model.append(filled, next++);
+        break;
+      }
+      case 3:
+      case 4: {
+        buffer.Consume(2 * size);
+        model.erase(0, 2 * size);
+        break;
+      }
+      case 5: {
+        ZrStringBuf other = std::move(buffer);
+        EXPECT_TRUE(buffer.Empty());
+        buffer = std::move(other);
+        break;
+      }
+      default:
+        if (random() % 50 == 0) {
+          EXPECT_EQ(buffer.Take(), std::exchange(model, {}));
+        }
+    }
+    ASSERT_EQ(buffer.Unread(), model);
+    ASSERT_EQ(buffer.Size(), model.size());
+  }
+}
+
+}  // namespace

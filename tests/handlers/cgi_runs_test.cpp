@@ -1,0 +1,70 @@
+#include "handlers/cgi_runs.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <semaphore>
+#include <stdexcept>
+
+#include "tests/support/wait.h"
+
+namespace {
+
+using std::chrono::seconds;
+
+TEST(CgiRunsTest, NoMoreThanAllowedHappenAtOnceAndTheOthersKeepTheirOrder) {
+  ZrRinvalScheduler2 scheduler;
+  ZrCgiRuns runs(scheduler, 3);
+  std::counting_semaphore<> mayEnd(0);
+  std::atomic<int> happening = 0;
+  std::mutex lock;
+  std::vector<int> order;
+  const auto begun = [&] {
+    std::lock_guard hold(lock);
+    return order.size();
+  };
+  for (int i = 0; i < 12; ++i) {
+    runs.Submit([&, i](const ZrWakeFlag&) {
+      EXPECT_LE(++happening, 3);
+      {
+        std::lock_guard hold(lock);
+        order.push_back(i);
+      }
+      EXPECT_TRUE(mayEnd.try_acquire_for(seconds(20)));
+      --happening;
+      if (i == 5) throw std::runtime_error("costs nobody else's turn");
+    });
+  }
+  // One after the other: each end lets exactly the next one in.
+  for (std::size_t ended = 0; ended <= 12; ++ended) {
+    EXPECT_TRUE(zrtest::WaitFor([&] { return begun() == std::min<std::size_t>(12, 3 + ended); }));
+    mayEnd.release();
+  }
+  EXPECT_TRUE(zrtest::WaitFor([&] { return happening == 0; }));
+  EXPECT_TRUE(std::is_sorted(order.begin() + 3, order.end()));
+}
+
+TEST(CgiRunsTest, StopReachesRunsThatHappenThatWaitAndThatComeLater) {
+  ZrRinvalScheduler2 scheduler;
+  ZrCgiRuns runs(scheduler, 2);
+  std::atomic<int> begun = 0;
+  std::atomic<int> raised = 0;
+  const auto run = [&](const ZrWakeFlag& stop) {
+    ++begun;
+    zr::PollItem item{stop.Descriptor()};
+    EXPECT_TRUE(zr::PollDescriptors({&item, 1}, std::chrono::steady_clock::now() + seconds(20)));
+    raised += stop.IsRaised() ? 1 : 0;
+  };
+  for (int i = 0; i < 10; ++i) runs.Submit(run);
+  EXPECT_TRUE(zrtest::WaitFor([&] { return begun == 2; }));
+  runs.Stop();
+  EXPECT_EQ(raised, 10);
+  scheduler.Stop();  // no task runs from here on: the caller's thread answers
+  runs.Submit(run);
+  runs.Stop();
+  EXPECT_EQ(raised, 11);
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+#include "handlers/pipe_exec.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tests/support/temporary_folder.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+class PipeExecTest : public ::testing::Test {
+ protected:
+  /// A program of these shell commands.
+  std::string Shell(const std::string& commands) {
+    const std::string path = folder_.Write("program", "#!/bin/sh\n" + commands + "\n");
+    EXPECT_EQ(::chmod(path.c_str(), 0755), 0);
+    return path;
+  }
+  /// Runs it; nothing may take longer than a test's patience.
+  std::string Run(const std::string& program, std::string input = {}) {
+    input_ = ZrStringBuf(std::move(input));
+    ZrStringBuf output;
+    const auto begin = steady_clock::now();
+    ZrWinPipeExec exec(program, settings_);
+    end_ = exec.Run(variables_, input_, output);
+    EXPECT_LT(steady_clock::now() - begin, seconds(30));
+    return output.Take();
+  }
+  /// Whether the process whose id the program wrote into this file has ended. (The machine's first
+  /// process collects orphans when it likes: an uncollected one has no command line left.)
+  bool IsGone(const std::string& file) {
+    const int id = std::stoi(zrtest::ReadFile(folder_.Path(file)));
+    return zrtest::ReadFile("/proc/" + std::to_string(id) + "/cmdline").empty();
+  }
+
+  zrtest::TemporaryFolder folder_;
+  ZrPipeExecSettings settings_;
+  ZrCgiVariables variables_;
+  ZrStringBuf input_;
+  ZrPipeExecEnd end_ = ZrPipeExecEnd::kNotStarted;
+};
+
+TEST_F(PipeExecTest, WhatChildrenWriteIsTheOutput) {
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {"echo text; exec >&- 2>&-; sleep 0.2", "text\n"},         // output closed early
+      {"exec <&-; sleep 0.1; echo text", "text\n"},              // input ignored
+      {"head -c 10 >/dev/null; echo text", "text\n"},            // input half read
+      {"(sleep 0.2; echo late) & echo first", "first\nlate\n"},  // a pipeline that outlives it
+  };
+  for (const auto& [commands, output] : kCases) {
+    EXPECT_EQ(Run(Shell(commands), std::string(1 << 20, 'x')), output) << commands;
+    EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
+  }
+}
+
+TEST_F(PipeExecTest, RunWithoutPipesIsReportedAndStillEnds) {
+  const std::string program = Shell("echo text");
+  // (Checked builds look at types through descriptors of their own the first time.)
+  EXPECT_EQ(Run(program, "input"), "text\n");
+  testing::internal::CaptureStdout();
+  // No new descriptor at all: neither pipes nor one that reports the child's end.
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit few{64, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+  std::vector<ZrDescriptor> taken;
+  do {
+    taken.emplace_back(::dup(0));
+  } while (taken.back().IsOpen());
+  EXPECT_EQ(Run(program, "input"), "");
+  taken.clear();
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "ERROR StdoutRd CreatePipe\nERROR Stdout SetHandleInformation\n"
+            "ERROR Stdin CreatePipe\nERROR Stdin SetHandleInformation\n");
+  EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
+}
+
+TEST_F(PipeExecTest, VariablesJoinTheInheritedOnesAndWin) {
+  ZrEnvironment inherited;
+  inherited.Set("PATH", "/bin:/usr/bin");
+  inherited.Set("FROM_SERVER", "server");
+  inherited.Set("REQUEST_METHOD", "server");
+  settings_.environment = &inherited;
+  variables_ = {{"REQUEST_METHOD", "GET"},
+                {"QUERY_STRING", "a=1&b=\xff\n"},
+                {"HTTP_X", std::string("a\0b", 3)}};
+  EXPECT_EQ(Run(Shell("echo $FROM_SERVER $REQUEST_METHOD \"$QUERY_STRING\" ${HTTP_X-unset}")),
+            "server GET a=1&b=\xff\n unset\n");
+}
+
+TEST_F(PipeExecTest, GrandchildHoldsTheRunNoLongerThanTheDrainLimit) {
+  settings_.limits.drain = milliseconds(100);
+  // One is silent, one never stops writing.
+  EXPECT_EQ(Run(Shell("echo text; sleep 1000 & echo $! >" + folder_.Path("silent"))), "text\n");
+  EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
+  const std::string output = Run(Shell("yes & echo $! >" + folder_.Path("writer")));
+  EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
+  EXPECT_EQ(output.substr(0, 2), output.empty() ? "" : "y\n");
+  // It was the program's choice to leave the silent one; the writer ends by its own broken pipe.
+  EXPECT_FALSE(IsGone("silent"));
+  EXPECT_TRUE(zrtest::WaitFor([this] { return IsGone("writer"); }));
+  ::kill(std::stoi(zrtest::ReadFile(folder_.Path("silent"))), SIGKILL);
+}
+
+TEST_F(PipeExecTest, LimitsEndTheWholeGroup) {
+  settings_.limits = {milliseconds(400), 100000, milliseconds(100), milliseconds(50)};
+  const std::string stubborn =
+      "trap '' TERM; (trap '' TERM; echo text; while :; do sleep 1000; done) & echo $! >" +
+      folder_.Path("child") + "; ";
+  EXPECT_EQ(Run(Shell(stubborn + "while :; do sleep 1000; done")), "text\n");
+  EXPECT_EQ(end_, ZrPipeExecEnd::kRunLimit);
+  EXPECT_TRUE(zrtest::WaitFor([this] { return IsGone("child"); }));
+
+  settings_.limits.run = seconds(20);
+  const std::string output = Run(Shell(stubborn + "trap '' PIPE; yes"));
+  EXPECT_EQ(end_, ZrPipeExecEnd::kOutputLimit);
+  EXPECT_EQ(output.size(), 100000U);
+  EXPECT_TRUE(zrtest::WaitFor([this] { return IsGone("child"); }));
+}
+
+TEST_F(PipeExecTest, OutputUpToTheLimitIsNoReasonToEndAnything) {
+  settings_.limits.output = 65536 + 10;
+  for (const std::size_t size : {65545U, 65546U, 65547U}) {
+    SCOPED_TRACE(size);
+    const std::string sent = std::string(size, 'x');
+    EXPECT_TRUE(Run("cat", sent) == sent.substr(0, settings_.limits.output));
+    EXPECT_EQ(end_ == ZrPipeExecEnd::kOutputLimit, size > settings_.limits.output);
+  }
+  EXPECT_EQ(ZrPipeExecLimits().output, 256U << 20);
+  EXPECT_EQ(ZrPipeExecLimits().run, seconds(300));
+}
+
+}  // namespace

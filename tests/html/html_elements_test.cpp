@@ -1,0 +1,109 @@
+// What the element classes write, and the script they make of themselves.
+
+#include "html/html_elements.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include "base/exception.h"
+#include "html/error_page_404.h"
+#include "html/form_elements.h"
+#include "html/html_document.h"
+#include "html/html_text.h"
+#include "html/plain_elements.h"
+#include "tests/markup/dump.h"
+
+namespace {
+
+TEST(HtmlElements, WriteTheirAttributesAndText) {
+  ZrHTML_p2 styled;
+  styled.style.SetFromString("margin: 0;color:red");
+  styled.class_.SetFromString("warn");
+  styled.id.SetFromString("x");
+  styled.AppendText("a");
+  styled.AppendText("b");
+  ZrHTML_option2 chosen("1", "One", true);
+  ZrHTML_script2 script;
+  script.AddChild(new ZrHTML_text2("go();"));
+  const std::pair<std::string, std::string> cases[] = {
+      {ZrHTML_div2("x", true).ToText(),
+       "<div id=\"x\" onmousedown=\"quarn_start_drag(this);\"></div>"},
+      {ZrHTML_title2("Hi").ToText(), "<title>\nHi\n</title>"},
+      {ZrHTML_a2("/x", "<b>&").ToText(), "<a href=\"/x\">\n<b>&\n</a>"},
+      {ZrHTML_a2("", "").ToText(), "<a href=\"\">\n\n</a>"},
+      {ZrHTML_option2("1", "One").ToText(), "<option value=\"1\">\nOne\n</option>"},
+      {chosen.ToText(), "<option selected=\"1\" value=\"1\">\nOne\n</option>"},
+      {ZrHTML_form2("/do", "").ToText(), "<form action=\"/do\"></form>"},
+      {ZrHTML_link2("a.css").ToText(),
+       "<link href=\"a.css\" rel=\"stylesheet\" type=\"text/css\" />"},
+      {ZrHTML_meta2("charset=\"utf-8\"").ToText(), "<meta charset=\"utf-8\" />"},
+      {ZrHTML_meta2().ToText(), "<meta />"},
+      {ZrHTML_img2("i.png", "", "T").ToText(), "<img src=\"i.png\" title=\"T\" />"},
+      {ZrHTML_iframe2("/f", "10", "").ToText(), "<iframe src=\"/f\" width=\"10\">\n\n</iframe>"},
+      {ZrHTML_label2("f", "Name").ToText(), "<label for=\"f\">\nName\n</label>"},
+      {ZrHTML_label2().ToText(), "<label></label>"},
+      {ZrHTML_select2("", "").ToText(), "<select name=\"\"></select>"},
+      {ZrHTML_select2("s", "n").ToText(), "<select id=\"s\" name=\"n\"></select>"},
+      {styled.ToText(), "<p class=\"warn\" id=\"x\" style=\"color: red;margin: 0;\">\na\nb\n</p>"},
+      {script.ToText(), "<script type=\"text/javascript\">\n<!--\n\ngo();\n//-->\n\n</script>"},
+  };
+  for (const auto& [written, expected] : cases) EXPECT_EQ(written, expected);
+}
+
+TEST(HtmlElements, TextGrowsAndIsFoundAsText) {
+  ZrHTML_span2 span;
+  ZrHTML_text2& text = span.AppendText("1 ");
+  text.AddText("< 2 & more");
+  span.FlushText();
+  std::ostringstream content;
+  content.width(40);
+  span.WriteText(content);
+  EXPECT_EQ(content.str(), "1 < 2 & more");
+  EXPECT_TRUE(span.Children()[1]->IsTextNode());
+  EXPECT_TRUE(text.HasAttribute("id"));
+  EXPECT_THROW(ZrHTML_p2().AddAttribute("style", nullptr), int);
+  EXPECT_EQ(text.AddChild(nullptr), nullptr);
+  EXPECT_THROW(text.Adopt(std::make_unique<ZrHTML_text2>()), ZrException);
+}
+
+TEST(HtmlScript, BuildsTheElementInThePage) {
+  ZrHTML_div2 div;
+  div.SetAttribute("title", "it's");
+  div.AddAttribute("hidden", nullptr);
+  div.Adopt(std::make_unique<ZrHTML_b2>())->SetAttribute("x", "1");
+  div.AppendText("a\r\n\t\f\b\\\"'\x01/");
+  EXPECT_EQ(div.ToScript(),
+            "{\nvar newelem = document.createElement('div');\n"
+            "newelem.setAttribute('title','it's');\n"
+            "newelem.innerHTML=\"<b x=\\\"1\\\"></b>a\\r\\n\\t\\f\\b\\\\\\\"\\'\x01/\";\n"
+            "document.appendChild(newelem);\n }");
+}
+
+TEST(HtmlDocument, MakesTheFrameThatIsMissing) {
+  ZrHTML_Document2 other;
+  auto* const outer = other.Adopt(std::make_unique<ZrHTML_div2>());
+  auto* const html = outer->Adopt(std::make_unique<ZrHTML_html2>());
+  EXPECT_EQ(&other.HtmlRoot(), html);
+  EXPECT_EQ(other.Children()[0]->Name(), "HTMLDoctype");
+  EXPECT_EQ(other.Children().size(), 2u);
+  auto* const body =
+      html->Adopt(std::make_unique<ZrHTML_div2>())->Adopt(std::make_unique<ZrHTML_body2>());
+  EXPECT_EQ(&html->Body(), body);
+
+  ZrHTML_Document2 page;
+  page.AddToBody(std::make_unique<ZrHTML_p2>());
+  page.AddToHead(std::make_unique<ZrHTML_title2>("T"));
+  EXPECT_EQ(zr_test::Dump(page.HtmlRoot()), "html(head(title(\"T\")) body(p))");
+}
+
+TEST(HtmlDocument, TheErrorPageShowsMessageAndLink) {
+  EXPECT_EQ(ZrHTML_ErrorMsg404().ToText(),
+            "<!DOCTYPE html>\n<html>\n<head>\n<title>\nError 404 - not found\n</title>\n</head>\n"
+            "<body>\n<h1>Error 404 - not found</h1>The requested page was not found or the project "
+            "was timed out.\n<br />\n<a href=\"/\">\nStartseite\n</a>\n</body>\n</html>");
+}
+
+}  // namespace

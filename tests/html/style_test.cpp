@@ -1,0 +1,114 @@
+// Style attributes and the nodes of style sheets.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "html/css_nodes.h"
+#include "html/css_property.h"
+#include "html/html_elements.h"
+#include "html/plain_elements.h"
+#include "html/style_attribute.h"
+#include "tests/markup/dump.h"
+
+namespace {
+
+using zr_test::MessageOf;
+using zr_test::Written;
+
+TEST(StyleAttribute, ReadsDeclarationsAndWritesThemByName) {
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {"color:red;", "color: red;"},
+      {"a:b;c:d", "a: b;c: d;"},
+      {"b:2;a:1", "a: 1;b: 2;"},
+      {"color:red ; margin : 0", "color: red;margin: 0;"},
+      {"a:1;a:2", "a: 2;"},
+      {";;", ""},
+      {"", ""},
+      {" ; ;a: b c ; ", "a: b c;"},
+      {":b", ": b;"},
+      {"a:b:", "a: b;"},
+      {"a:\t1\n", "a: 1;"}};
+  for (const auto& [text, written] : kCases) {
+    SCOPED_TRACE(text);
+    ZrHTML_b2 element;
+    element.style.SetFromText(text);
+    EXPECT_EQ(element.AttributeValue("style", ""), written);
+    EXPECT_EQ(element.style.IsSet(), *written != '\0');
+  }
+}
+
+TEST(StyleAttribute, KeepsWhatItReadBeforeAMistake) {
+  for (const std::string text : {"color", "a:b:c", "a:", "a::b", ":", "a: "}) {
+    ZrHTML_b2 element;
+    EXPECT_EQ(MessageOf([&] { element.style.SetFromString("x:1;" + text + ";y:2"); }),
+              "style syntax wrong at: >x:1;" + text + ";y:2< ");
+    EXPECT_EQ(element.AttributeValue("style", ""), "x: 1;") << text;
+  }
+}
+
+TEST(StyleAttribute, AddsAndKeepsPropertiesByName) {
+  ZrHTML_b2 element;
+  element.style.SetFromText("top:1");
+  element.style.SetFromText(nullptr);
+  const auto color = element.style.Property("color");
+  EXPECT_TRUE(color->IsEmpty());
+  EXPECT_EQ(element.ToText(), "<b style=\"top: 1;\"></b>");
+  color->SetPropertyValue(" red ");
+  EXPECT_EQ(element.style.Property("color"), color);
+  EXPECT_EQ(element.ToText(), "<b style=\"color:  red ;top: 1;\"></b>");
+  element.SetAttribute("style", "color:blue");
+  EXPECT_EQ(element.AttributeValue("style", ""), "color: blue;top: 1;");
+  EXPECT_EQ(color->PropertyName(), "color") << "replaced properties live on with their holders";
+  EXPECT_EQ(MessageOf([&] { element.style.Property(""); }), "CSS property must have a name");
+  element.RemoveAttribute("style");
+  EXPECT_EQ(element.ToText(), "<b></b>");
+  ZrHTML_b2 empty;
+  empty.style.Property("color");
+  EXPECT_EQ(empty.ToText(), "<b style=\"\"></b>");
+}
+
+TEST(CssNodes, PropertiesTrimTheirParts) {
+  const auto made = [](const char* text, bool nameOnly) {
+    const ZrCSSProperty property(text, nameOnly);
+    return property.PropertyName() + "|" + Written(property);
+  };
+  EXPECT_EQ(made("color: red;", false), "color|color: red;");
+  EXPECT_EQ(made(" \tcolor ;:\n red ;; \r", false), "\tcolor ;|\tcolor ;: red;");
+  EXPECT_EQ(made("a:b:c", false), "a|a: b:c;");
+  EXPECT_EQ(made(":x", false), "|: x;");
+  EXPECT_EQ(made("a: ;", false), "a|");
+  EXPECT_EQ(made(" ;color:\t", true), "color:|");
+  EXPECT_EQ(made(" ; ", true), "|");
+  EXPECT_EQ(MessageOf([] { ZrCSSProperty("", true); }), "CSS property must have a name");
+  EXPECT_EQ(MessageOf([] { ZrCSSProperty("color", false); }),
+            "CSS property not well formed (missing ':').");
+}
+
+TEST(CssNodes, KeepWhatTheyRefuse) {
+  ZrCSSHTMLComment bracket;
+  ZrCSSMediaQuery query("@m ");
+  ZrCSSRule rule("a ");
+  ZrCSSProperty property("a:b", false);
+  ZrHTML_style2 sheet;
+  const std::tuple<ZrXMLComplexElement*, const char*, const char*> cases[] = {
+      {&bracket, "child must be text", "<!--<b></b>p: v;-->"},
+      {&query, "must be an CSS element", "@m {<b></b>p: v;}"},
+      {&rule, "must be an CSS element", "a {<b></b>p: v;}"},
+      {&property, "no childs possible", "a: b;"},
+      {&sheet, "must be an CSS element", "<style type=\"text/css\">\n<b></b>p: v;</style>"}};
+  for (const auto& [node, message, written] : cases) {
+    SCOPED_TRACE(message);
+    EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrHTML_b2>()); }), message);
+    EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrCSSProperty>("p:v", false)); }),
+              node == &rule ? zr_test::kNoMessage : message);
+    EXPECT_EQ(Written(*node), written);
+  }
+  rule.Adopt(std::make_unique<ZrCSSHTMLComment>());
+  EXPECT_EQ(Written(rule), "a {<b></b>p: v;<!---->}");
+}
+
+}  // namespace

@@ -1,0 +1,207 @@
+#include "http/message_head.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "http/form_body.h"
+#include "http/response_head.h"
+
+namespace {
+
+// A head that is fed pieces, as a connection does it.
+class Reader {
+ public:
+  ZrReadResult Feed(std::string_view bytes) {
+    head->body->Append(bytes);
+    result = head->ReadHead([this](ZrXHeader& seen) {
+      EXPECT_EQ(&seen, head.get());
+      ++callbacks;
+      return true;
+    });
+    return result;
+  }
+
+  // Kind and type, the words of the first line, then what differs from the usual.
+  std::string Dump() const {
+    std::ostringstream out;
+    out << static_cast<int>(head->kind.load()) << static_cast<int>(head->messageType.load());
+    const ZrHeaderFields::Values words = head->headers[zr::kFirstLine];
+    for (std::size_t i = 0; i < words.size(); ++i) out << (i == 0 ? ' ' : '|') << words[i];
+    if (words.size() < 2 ? !head->path.empty() : head->path != words[1]) {
+      out << " path=" << head->path;
+    }
+    if (!head->query.empty()) out << " query=" << head->query;
+    for (const auto& [name, values] : head->headers) {
+      if (name == zr::kFirstLine) continue;
+      for (const std::string_view value : values) out << " [" << name << "=" << value << "]";
+    }
+    for (const auto& [name, block] : head->queryFields) {
+      out << " {" << name << "=" << block->Text() << "}";
+    }
+    out << (head->closeRequested ? " close" : "") << (callbacks == 1 ? "" : " uncalled");
+    EXPECT_LE(callbacks, 1);
+    if (!head->body->Empty()) out << " body=" << head->body->Unread();
+    out << " -> " << static_cast<int>(result);
+    return out.str();
+  }
+
+  std::shared_ptr<ZrXHeader> head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, zr::kProtocolHttp);
+  int callbacks = 0;
+  ZrReadResult result = ZrReadResult::kIncomplete;
+
+  Reader() { head->body = std::make_unique<ZrStringBuf>(); }
+};
+
+struct ReadCase {
+  const char* name;
+  std::string input;
+  const char* dump;
+};
+
+const ReadCase kReadCases[] = {
+    {"lower-case request line", "get /a?x=1 http/1.1\r\n\r\n",
+     "21 GET|/a?x=1|HTTP/1.1 path=/a query=x=1 {x=1} -> 2"},
+    {"a POST has no query", "POST /a?x=1 HTTP/1.1\r\n\r\n", "22 POST|/a?x=1|HTTP/1.1 path=/a -> 2"},
+    {"query decoding", "GET /?q=a+b&%41%zz=%2&skip&=v&q=c? HTTP/1.1\r\n\r\n",
+     "21 GET|/?q=a+b&%41%zz=%2&skip&=v&q=c?|HTTP/1.1 path=/ query=q=a+b&%41%zz=%2&skip&=v&q=c? "
+     "{A%zz=%2} {q=c?} -> 2"},
+    {"answer of a server", "HTTP/1.1 200 OK then\r\nContent-Length: 3\r\n\r\nabc",
+     "12 HTTP/1.1|200|OK THEN [content-length=3] body=abc -> 2"},
+    {"unknown method", "FOO / HTTP/1.1\r\nA: b\r\n\r\n",
+     "02 FOO|/|HTTP/1.1 uncalled body=A: b\r\n\r\n -> 2"},
+    {"one word", "GET\r\n", "02 GET uncalled -> 2"},
+    {"a word and a space", "GET \r\n\r\n", "21 GET -> 2"},
+    {"two words", "\t GE\tT   /a\tb\r\n\r\n", "21 GET|/ab -> 2"},
+    {"the third word keeps its spaces", "GET /  x y \r\n\r\n", "21 GET|/| X Y  -> 2"},
+    {"an empty line first is an empty head", "\r\nGET / HTTP/1.1\r\n\r\n",
+     "02 body=GET / HTTP/1.1\r\n\r\n -> 2"},
+    {"blanks and colons",
+     "GET / HTTP/1.1\r\nContent-Type : multipart/form-data; boundary=X\r\n::N::a: b:\tc:\r\nNo "
+     "colon\r\nEmpty: : \r\n: :\r\n\r\n",
+     "21 GET|/|HTTP/1.1 [content-type=multipart/form-data;boundary=X] [n=a:b:c:] -> 2"},
+    {"repeated fields keep their order",
+     "GET / HTTP/1.1\r\nAccept: b\r\nHost: h\r\nACCEPT: a\r\n\r\n",
+     "21 GET|/|HTTP/1.1 [accept=b] [accept=a] [host=h] -> 2"},
+    {"lone line ends are bytes of the line", "GET /a\nb\rc\r\r\nA: x\ny\r\n\r\n",
+     "21 GET|/a\nb\rc\r [a=x\ny] -> 2"},
+    {"close is case-sensitive and in the first value",
+     "GET / x\r\nConnection: Close\r\nConnection: close\r\n\r\n",
+     "21 GET|/|X [connection=Close] [connection=close] -> 2"},
+    {"body too short", "POST / x\r\nContent-Length: 4\r\n\r\nabc",
+     "22 POST|/|X [content-length=4] body=abc -> 0"},
+    {"body too long", "POST / x\r\nContent-Length: 2\r\n\r\nabc",
+     "22 POST|/|X [content-length=2] body=abc -> 1"},
+    {"body of no declared length", "POST / x\r\n\r\nabc", "22 POST|/|X body=abc -> 2"},
+    {"a length that is no number is 0", "POST / x\r\nContent-Length: +3\r\n\r\nabc",
+     "22 POST|/|X [content-length=+3] body=abc -> 1"},
+    {"a length that is too large is 0", "POST / x\r\nContent-Length: 18446744073709551616\r\n\r\n",
+     "22 POST|/|X [content-length=18446744073709551616] -> 2"},
+    {"end missing", "GET / HTTP/1.1\r\nA: b\r\n\r",
+     "21 GET|/|HTTP/1.1 [a=b] uncalled body=\r -> 0"},
+};
+
+TEST(XHeader, ReadsHeadsHoweverTheyAreCut) {
+  for (const ReadCase& c : kReadCases) {
+    SCOPED_TRACE(c.name);
+    Reader bytes;
+    for (const char& byte : c.input) bytes.Feed({&byte, 1});
+    EXPECT_EQ(bytes.Dump(), c.dump);
+    for (std::size_t cut = 0; cut < c.input.size(); ++cut) {
+      Reader pieces;
+      pieces.Feed(std::string_view(c.input).substr(0, cut));
+      pieces.Feed(std::string_view(c.input).substr(cut));
+      EXPECT_EQ(pieces.Dump(), c.dump) << "cut at " << cut;
+    }
+  }
+}
+
+TEST(XHeader, HeadsHaveLimits) {
+  const std::string first = "GET / HTTP/1.1\r\n";
+  const auto headOfSize = [&first](std::size_t size) {
+    return first + "a: " + std::string(size - first.size() - 7, 'x') + "\r\n\r\n";
+  };
+  const auto headOfLines = [&first](std::size_t lines) {
+    std::string head = first;
+    for (std::size_t i = 1; i < lines; ++i) head += "a: b\r\n";
+    return head + "\r\n";
+  };
+  struct Case {
+    const char* name;
+    std::string input;
+    ZrReadResult result;
+  };
+  const Case kCases[] = {
+      {"largest head", headOfSize(64 * 1024), ZrReadResult::kComplete},
+      {"head too large", headOfSize(64 * 1024 + 1), ZrReadResult::kRejected},
+      {"line without an end", std::string(64 * 1024, 'x'), ZrReadResult::kIncomplete},
+      {"endless line", std::string(64 * 1024 + 1, 'x'), ZrReadResult::kRejected},
+      {"most lines", headOfLines(200), ZrReadResult::kComplete},
+      {"too many lines", headOfLines(201), ZrReadResult::kRejected},
+      {"largest body", first + "content-length: 268435456\r\n\r\n", ZrReadResult::kIncomplete},
+      {"body too large", first + "content-length: 268435457\r\n\r\n", ZrReadResult::kRejected},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(Reader().Feed(c.input), c.result);
+    Reader pieces;
+    for (std::size_t at = 0; at < c.input.size(); at += 7) {
+      pieces.Feed(std::string_view(c.input).substr(at, 7));
+    }
+    EXPECT_EQ(pieces.result, c.result);
+    if (c.result == ZrReadResult::kRejected) {
+      EXPECT_EQ(pieces.Feed("\r\n\r\n"), c.result);
+    }
+  }
+}
+
+TEST(XHeader, AnAnswerTakesOverWhatItsRequestSaid) {
+  Reader request;
+  request.Feed("get /a%20b?c HTTP/1.1\r\nReferer: x\r\nUser-Agent: curl\r\n\r\n");
+  request.head->route = {"connection", "server"};
+  const auto answer = request.head->MakeResponse();
+  EXPECT_EQ(answer->requestSummary, "GET /a%20b?c");
+  EXPECT_EQ(answer->path, "/a%20b");
+  EXPECT_EQ(answer->created, request.head->created);
+  EXPECT_EQ(answer->route, (std::vector<std::string>{"server", "connection"}));
+  EXPECT_EQ(answer->RequestField("referer").front(), "x");
+  EXPECT_EQ(answer->status, 500u);
+  request.head.reset();
+  EXPECT_EQ(answer->RequestField("user-agent").front(), "curl");
+}
+
+std::string WrittenHead(ZrXHeader& head) {
+  ZrStringBuf out;
+  EXPECT_TRUE(head.WriteHead(out));
+  return out.Take();
+}
+
+const std::string kServer = "Server: velkoro/1.28.1(96)\r\n";
+
+TEST(XHeader, WritesAnswers) {
+  const auto text = Reader().head->MakeResponse();
+  ZrStringBuf out;
+  EXPECT_FALSE(text->WriteHead(out));  // not complete yet
+  text->SetBodyText("hello");
+  text->SetBodyText(" again");
+  EXPECT_EQ(WrittenHead(*text), "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: 11\r\n\r\n");
+  EXPECT_EQ(text->TakeBody()->Take(), "hello again");
+
+  const auto file = Reader().head->MakeResponse();
+  file->SetStatus(404);
+  file->SetFileBody("/x", 1ull << 40);
+  file->SetState(zr::kHeadStateComplete);
+  EXPECT_EQ(WrittenHead(*file),
+            "HTTP/1.1 404 Not Found\r\n" + kServer + "Content-Length: 1099511627776\r\n\r\n");
+
+  const auto redirect = Reader().head->MakeResponse();
+  redirect->SetStatus(303);
+  redirect->location = "/next\r\nSet-Cookie: forged";
+  redirect->SetState(zr::kHeadStateComplete);
+  EXPECT_EQ(WrittenHead(*redirect),
+            "HTTP/1.1 303 Redirect\r\n" + kServer +
+                "Content-Length: 0\r\nLocation: /nextSet-Cookie: forged\r\n\r\n");
+}
+
+}  // namespace

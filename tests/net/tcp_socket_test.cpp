@@ -1,0 +1,113 @@
+#include "net/tcp_socket.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <string_view>
+
+#include "platform/socket.h"
+
+using namespace std::chrono_literals;
+
+// The resolver of this program: it never has an answer for one name.
+extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
+                           addrinfo** result) {
+  static const auto real =
+      reinterpret_cast<decltype(&::getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+  if (node != nullptr && std::string_view(node) == "hangs.test") {
+    for (;;) ::pause();
+  }
+  return real(node, service, hints, result);
+}
+
+namespace {
+
+const ZrSocketIPvx::PeerFilter kAnyone = [](ZrHostInfo_t&) { return true; };
+
+class SocketTest : public testing::Test {
+ protected:
+  void Listen() { ASSERT_EQ(listener_->listen("10.9.8.7", port_, 16), ZrSocketResult::kSuccess); }
+  void Connect(ZrSocketIPvx& client, ZrSocketIPvx& server, const std::string& host = "127.0.0.1") {
+    ASSERT_EQ(client.connect(host, port_), ZrSocketResult::kSuccess);
+    ASSERT_GE(listener_->accept(server, 10'000, kAnyone), 0);
+  }
+  /// Receives until something other than "nothing yet" happens.
+  static std::string Receive(ZrSocketIPvx& socket) {
+    char bytes[64];
+    std::size_t count = 0;
+    EXPECT_TRUE(socket.waitReadable(10'000, socket.primaryDescriptor()));
+    EXPECT_EQ(socket.receive(bytes, sizeof bytes, count), ZrSocketResult::kSuccess);
+    return {bytes, count};
+  }
+
+  std::unique_ptr<ZrSocketIPvx> listener_ = std::make_unique<ZrSocketIPvx>();
+  int port_ = 0;
+};
+
+TEST_F(SocketTest, PeersOfBothFamiliesReachTheOnePort) {
+  int beyond = 65536;
+  EXPECT_EQ(ZrSocketIPvx().listen("", beyond, 16), ZrSocketResult::kListenFailed);
+  Listen();
+  for (const std::string host : {"127.0.0.1", "::1"}) {
+    SCOPED_TRACE(host);
+    if (host == "::1" && listener_->primaryDescriptor() < 0) continue;  // a machine without IPv6
+    ZrSocketIPvx client;
+    ZrSocketIPvx server(1);
+    Connect(client, server, host);
+    EXPECT_TRUE(server.accepted());
+    EXPECT_TRUE(server.peerAddress().ends_with(host)) << server.peerAddress();
+    EXPECT_EQ(server.peerPort(), std::to_string(zr::LocalPort(client.primaryDescriptor())));
+    std::size_t sent = 0;
+    EXPECT_EQ(client.send("hello", 5, sent), ZrSocketResult::kSuccess);
+    EXPECT_EQ(Receive(server), "hello");
+  }
+}
+
+TEST_F(SocketTest, ReceiveTellsEndNothingAndFailureApart) {
+  Listen();
+  ZrSocketIPvx client;
+  auto server = std::make_unique<ZrSocketIPvx>(1);
+  Connect(client, *server);
+  char byte = 0;
+  std::size_t count = 1;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(client.receive(&byte, 1, count), ZrSocketResult::kSuccess);
+  EXPECT_TRUE(count == 0 && client.wouldBlock() && !client.closed() && client.lastError() == 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  server.reset();
+  EXPECT_EQ(Receive(client), "");
+  EXPECT_TRUE(client.closed() && !client.wouldBlock());
+
+  ZrSocketIPvx none;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(none.receive(&byte, 1, count), ZrSocketResult::kSuccess);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ZrSocketIPvx::Receive(): error in read (errno=9) Bad file descriptor\n");
+  EXPECT_EQ(none.lastError(), EBADF);
+}
+
+TEST_F(SocketTest, ConnectDoesNotWaitForTheResolver) {
+  struct Case {
+    std::chrono::milliseconds limit;
+    bool cancelled;
+    ZrConnectFailure failure;
+  };
+  for (const Case& c : {Case{50ms, false, ZrConnectFailure::kTimedOut},
+                        Case{30s, true, ZrConnectFailure::kCancelled}}) {
+    ZrSocketIPvx socket;
+    socket.setQuiet(true);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(socket.connect("hangs.test", 80, c.limit, [&c] { return c.cancelled; }),
+              ZrSocketResult::kConnectFailed);
+    EXPECT_EQ(socket.connectFailure(), c.failure);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+// Files opened beneath a directory, and whole files.
+
+#include "platform/file.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/filesystem.h"
+#include "tests/support/temporary_folder.h"
+
+using namespace std::string_literals;
+
+namespace {
+
+std::string Content(const ZrFile& file) {
+  std::string bytes(file.Size(), '\0');
+  bytes.resize(file.ReadAt(0, bytes).value_or(0));
+  return bytes;
+}
+
+class BeneathTest : public testing::Test {
+ protected:
+  BeneathTest() {
+    folder_.Write("site/page.txt", "page");
+    folder_.Write("site/sub/a..b", "dots");
+    folder_.Write("site/odd\\name", "backslash");
+    folder_.Write("secret.txt", "secret");
+    folder_.Write("site2/page.txt", "neighbour");
+    Link("sub/a..b", "inside");
+    Link("sub/../page.txt", "round");
+    Link(folder_.Path("site/page.txt"), "absolute");
+    Link("../secret.txt", "out");
+    Link(folder_.Path("secret.txt"), "absolute-out");
+    Link(folder_.Path("site2"), "neighbour");
+    Link("loop", "loop");
+    Link("/proc/self/root", "magic");
+    ::mkfifo(folder_.Path("site/fifo").c_str(), 0600);
+  }
+  void Link(const std::string& target, const std::string& name) const {
+    std::filesystem::create_symlink(target, folder_.Path("site/" + name));
+  }
+
+  zrtest::TemporaryFolder folder_;
+};
+
+TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
+  const struct {
+    const char* name;
+    std::string path;
+    const char* content;  // null: does not exist
+  } cases[] = {
+      {"plain", "page.txt", "page"},
+      {"dots inside a name", "sub/a..b", "dots"},
+      {"backslash is a character", "odd\\name", "backslash"},
+      {"link inside", "inside", "dots"},
+      {"link with parent piece inside", "round", "page"},
+      {"absolute link inside", "absolute", "page"},
+      {"directory", "sub", ""},
+      {"the start itself", "/", ""},
+      {"empty", "", nullptr},
+      {"file as directory", "page.txt/", nullptr},
+      {"NUL byte", "page.txt\0.html"s, nullptr},
+      {"parent first", "../secret.txt", nullptr},
+      {"parent that stays inside", "sub/../page.txt", nullptr},
+      {"link out", "out", nullptr},
+      {"absolute link out", "absolute-out", nullptr},
+      {"link to a neighbour with the same beginning", "neighbour/page.txt", nullptr},
+      {"link loop", "loop", nullptr},
+      {"link through the process's own root", "magic/etc/passwd", nullptr},
+      {"FIFO", "fifo", nullptr},
+      {"absolute path", folder_.Path("secret.txt"), nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto file = ZrFile::OpenBeneath(folder_.Path("site"), c.path);
+    ASSERT_EQ(file != nullptr, c.content != nullptr);
+    if (file == nullptr) continue;
+    EXPECT_EQ(file->IsDirectory(), *c.content == '\0');
+    EXPECT_EQ(file->IsDirectory() ? "" : Content(*file), c.content);
+  }
+  // The directory alone takes the stored form, and there must be one.
+  EXPECT_NE(ZrFile::OpenBeneath(folder_.Path("site") + "\\sub\\", "a..b"), nullptr);
+  EXPECT_EQ(ZrFile::OpenBeneath("", "page.txt"), nullptr);
+  EXPECT_EQ(ZrFile::OpenBeneath(folder_.Path("site/page.txt"), "/"), nullptr);
+}
+
+TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {
+  const auto file = ZrFile::OpenBeneath(folder_.Path("site"), "page.txt");
+  ASSERT_NE(file, nullptr);
+  ASSERT_EQ(zr::ReplaceFile(folder_.Path("site/page.txt"), "other page", 0600), 0);
+  EXPECT_EQ(Content(*file), "page");
+
+  constexpr std::uint64_t kHuge = (std::uint64_t{5} << 30) + 3;  // more than 32 bits hold
+  folder_.Write("site/huge", "");
+  std::filesystem::resize_file(folder_.Path("site/huge"), kHuge);  // sparse: takes no disk
+  const auto huge = ZrFile::OpenBeneath(folder_.Path("site"), "huge");
+  ASSERT_NE(huge, nullptr);
+  EXPECT_EQ(huge->Size(), kHuge);
+  std::array<char, 8> end{'x', 'x', 'x', 'x'};
+  EXPECT_EQ(huge->ReadAt(kHuge - 3, end), 3U);
+  EXPECT_EQ(end[2], '\0');
+  EXPECT_EQ(huge->ReadAt(~std::uint64_t{0}, end), 0U);
+}
+
+}  // namespace

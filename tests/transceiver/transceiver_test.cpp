@@ -1,0 +1,153 @@
+#include "transceiver/transceiver.h"
+
+#include <gtest/gtest.h>
+
+#include "net/tcp_socket.h"
+#include "tests/jobs/recording_job.h"
+#include "tests/support/raw_client.h"
+#include "tests/support/server_bed.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace zrtest;
+
+// Keeps the events it gets.
+class EventCatcher : public RecordingJob {
+ public:
+  EventCatcher() { CreateJoinedTask("catcher"); }
+  std::string Codes() {
+    std::string codes;
+    for (const ZrJobEvent& event : Received(0)) codes += std::to_string(event.code) + " ";
+    return codes;
+  }
+};
+
+// One registered connection to a raw client, its events caught.
+struct Line {
+  explicit Line(ServerBed& bed) {
+    ZrSocketIPvx listener(0);
+    int port = 0;
+    EXPECT_EQ(listener.listen("", port, 4), ZrSocketResult::kSuccess);
+    client = std::make_unique<RawClient>(port);
+    auto socket = std::make_shared<ZrSocketIPvx>(1);
+    EXPECT_GE(listener.accept(*socket, 5000, [](ZrHostInfo_t&) { return true; }), 0);
+    connection = zr::MakeJob<ZrTransceiverConnection>(
+        bed.transceiver, receiver->JobName(), peer->JobName(), ZrServerCallback_t{},
+        [](ZrTransceiver& owner, ZrTransceiverConnection* c) { owner.FinishConnection(*c); });
+    connection->CreateJoinedTask("keeps it listed");
+    name = bed.transceiver.AddConnection(std::move(socket), connection);
+  }
+  void Send(const std::string& bytes) {
+    std::size_t accepted = 0;
+    connection->SendBytes(bytes.data(), bytes.size(), accepted);
+    EXPECT_EQ(accepted, bytes.size());
+  }
+
+  std::shared_ptr<EventCatcher> receiver = zr::MakeJob<EventCatcher>();
+  std::shared_ptr<EventCatcher> peer = zr::MakeJob<EventCatcher>();
+  std::unique_ptr<RawClient> client;
+  std::shared_ptr<ZrTransceiverConnection> connection;
+  std::string name;
+};
+
+TEST(Transceiver, TellsTheServerOncePerBatchAndTheThreeJobsOfTheEnd) {
+  ServerBed bed;
+  Line line(bed);
+  line.client->Send("one");
+  ASSERT_TRUE(WaitFor([&] { return line.receiver->Codes() == "8 "; }));
+  EXPECT_EQ(line.receiver->Received(1)[0].jobName, line.name);
+  line.client->Send("two");
+  ZrStringBuf taken;
+  EXPECT_TRUE(WaitFor([&] {
+    line.connection->TakeReceived(taken);
+    return taken.Unread() == "onetwo";
+  }));
+  line.client->Send("x");
+  ASSERT_TRUE(WaitFor([&] { return line.connection->HasReceived(); }));
+  line.connection->TakeReceived(taken);
+  line.client->FinishSending();
+  EXPECT_TRUE(bed.WaitForConnections(0));
+  EXPECT_TRUE(WaitFor(
+      [&] { return line.receiver->Codes().ends_with("2 ") && line.peer->Codes() == "2 "; }));
+  EXPECT_EQ(line.peer->Received(1)[0].jobName, line.name);
+}
+
+TEST(Transceiver, EndsConnectionsThatAreSilentTooLong) {
+  ManualClock clock;
+  ServerBed bed(clock);
+  Line silent(bed);
+  Line busy(bed);
+  const auto advance = [&](std::chrono::seconds time) {
+    clock.Advance(time);
+    bed.transceiver.WakeHousekeeper();
+  };
+  advance(59s);
+  busy.client->Send("x");
+  ASSERT_TRUE(WaitFor([&] { return busy.connection->HasReceived(); }));
+  advance(55s);  // 114 s
+  EXPECT_EQ(bed.transceiver.ConnectionCount(), 2u);
+  advance(2s);
+  EXPECT_TRUE(bed.WaitForConnections(1));
+  EXPECT_TRUE(WaitFor([&] { return silent.receiver->Codes() == "1 2 "; }));
+  busy.Send("y");  // traffic in the other direction counts as well
+  bed.transceiver.FlushConnection(*busy.connection);
+  advance(114s);
+  EXPECT_EQ(bed.transceiver.ConnectionCount(), 1u);
+  advance(2s);
+  EXPECT_TRUE(bed.WaitForConnections(0));
+}
+
+TEST(Transceiver, ARequestInProgressIsGivenTimeButNotForEver) {
+  ManualClock clock;
+  ServerBed bed(clock);
+  Line answered(bed);
+  Line forgotten(bed);
+  const auto advance = [&](std::chrono::seconds time) {
+    clock.Advance(time);
+    bed.transceiver.WakeHousekeeper();
+  };
+  ASSERT_TRUE(answered.connection->BeginItem());
+  ASSERT_TRUE(forgotten.connection->BeginItem());
+  for (int i = 0; i < 8; ++i) advance(100s);
+  answered.Send("late");
+  bed.transceiver.FlushConnection(*answered.connection);
+  EXPECT_EQ(answered.client->ReadUntil("late"), "late");
+  EXPECT_EQ(answered.connection->EndItem(), ZrTransceiverConnection::AfterItem::kNothing);
+  advance(110s);
+  EXPECT_TRUE(bed.WaitForConnections(1));
+  EXPECT_TRUE(bed.transceiver.FindConnection(answered.name));
+  advance(66s);
+  EXPECT_TRUE(bed.WaitForConnections(0));
+}
+
+TEST(Transceiver, WaitsForAnswersUntilTheyAreOutOrGivenUp) {
+  ServerBed bed;
+  Line line(bed);
+  EXPECT_TRUE(bed.transceiver.WaitForAnswers(0s));
+  ASSERT_TRUE(line.connection->BeginItem());
+  EXPECT_FALSE(bed.transceiver.WaitForAnswers(1ms));
+  std::thread ending([&] { line.connection->EndItem(); });
+  EXPECT_TRUE(bed.transceiver.WaitForAnswers(60s));
+  ending.join();
+  ASSERT_TRUE(line.connection->BeginItem());
+  std::thread giving([&] { bed.transceiver.AbandonAnswers(); });
+  EXPECT_FALSE(bed.transceiver.WaitForAnswers(60s));
+  giving.join();
+}
+
+TEST(Transceiver, ALingeringPeerIsLetGo) {
+  ManualClock clock;
+  ServerBed bed(clock);
+  Line line(bed);
+  line.connection->Close();
+  EXPECT_EQ(line.client->ReadToEnd(), "");  // shut down for sending; the client keeps its side open
+  const std::int64_t soon = clock.MonotonicNs() + 3'000'000'000;
+  EXPECT_TRUE(WaitFor([&] { return line.connection->NextExpiryNs() <= soon; }));
+  EXPECT_EQ(bed.transceiver.ConnectionCount(), 1u);
+  clock.Advance(3s);
+  bed.transceiver.WakeHousekeeper();
+  EXPECT_TRUE(bed.WaitForConnections(0));
+}
+
+}  // namespace
