@@ -1,7 +1,7 @@
 #pragma once
 // The base of every node of an HTML document: an element of the markup model whose attributes "id",
 // "class" and "style" are typed members. Pages are built from the tag classes that derive from it
-// (html/zrhtmlelements.h and its neighbours), read by the markup reader, written as HTML or turned
+// (html/html_elements.h and its neighbours), read by the markup reader, written as HTML or turned
 // into client-side script. A tree of them belongs to one thread at a time.
 
 #include <string>

@@ -1,6 +1,6 @@
 #pragma once
 // The nodes of a style sheet: rules, media queries, and the comment bracket around a sheet. They
-// hold each other, declarations (html/zrcssproperty.h), text and whitespace; each checks the kind
+// hold each other, declarations (html/css_property.h), text and whitespace; each checks the kind
 // of its children. A check runs when the child is in the tree already, so a child that was refused
 // belongs to the tree. Belongs to one thread at a time.
 

@@ -1,6 +1,6 @@
 #pragma once
 // The kinds of HTML elements, and the groups of kinds that the rows of the tag table name
-// (html/zrhtmltags.h). The kinds share their element through virtual inheritance: a class with
+// (html/html_tags.h). The kinds share their element through virtual inheritance: a class with
 // several of them has one name, one list of children and one attribute map.
 
 #include <memory>

@@ -1,6 +1,6 @@
 #pragma once
 // The HTML tags with members, constructor arguments or behaviour of their own, except those of
-// forms (html/zrhtmlformelements.h) and the root of a page (html/zrhtmldocument2.h). Members are
+// forms (html/form_elements.h) and the root of a page (html/html_document.h). Members are
 // typed attributes; one that was never set writes nothing. Built without arguments each class is
 // what the markup reader makes of a start tag.
 

@@ -1,10 +1,10 @@
 #pragma once
 // The table of the HTML tags: one row a tag with the group that gives its class its bases.
 // PLAIN(tag, group): the class has nothing of its own and comes from this table
-// (html/zrhtmlplainelements.h). OWN(tag, group): a class written out by hand, with members,
-// constructor arguments or behaviour (html/zrhtmlelements.h, html/zrhtmlformelements.h,
-// html/zrhtmldocument2.h). A row without a class, or a class whose bases are not those of its
-// group, does not compile where the reader's factories are registered (html/zrhtmldtd.cpp).
+// (html/plain_elements.h). OWN(tag, group): a class written out by hand, with members,
+// constructor arguments or behaviour (html/html_elements.h, html/form_elements.h,
+// html/html_document.h). A row without a class, or a class whose bases are not those of its
+// group, does not compile where the reader's factories are registered (html/html_dtd.cpp).
 
 // clang-format off
 #define ZR_HTML_TAGS(PLAIN, OWN) \

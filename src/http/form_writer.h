@@ -1,5 +1,5 @@
 #pragma once
-// The body of an outgoing form, as browsers send it. What reads such bodies is in zrformbody.h.
+// The body of an outgoing form, as browsers send it. What reads such bodies is in form_body.h.
 
 #include <string>
 #include <utility>

@@ -3,7 +3,7 @@
 // protocol server makes one per message of a connection, moves received bytes into its body and
 // runs the incremental reader until the message is complete; the request handler makes the answer
 // from it; the server writes that answer's head and sends its body. The reader is in
-// zrxheader_read.cpp, the writer in zrxheader_write.cpp.
+// message_head_read.cpp, the writer in message_head_write.cpp.
 //
 // Threads: one at a time works on a head. What several threads ask of it is atomic or under
 // headLock.
@@ -78,7 +78,7 @@ std::string_view StatusReason(std::uint64_t status);
 /// A message with its fields, target, body and status. Held in shared ownership (zr::MakeJob).
 class ZrXHeader : public ZrJob {
  public:
-  /// The protocol kind is one of zrprotocolkind.h. Servers construct incoming heads as kPost; the
+  /// The protocol kind is one of protocol_kind.h. Servers construct incoming heads as kPost; the
   /// first line then tells the type.
   ZrXHeader(ZrMessageType type, std::uint32_t protocolKind);
   /// The same with the time at which the exchange began, in 100-ns ticks since 1970.

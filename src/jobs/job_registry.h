@@ -93,7 +93,7 @@ class ZrJobRegistry {
   ZrJobRegistry();
   ~ZrJobRegistry() = delete;
 
-  // Joined tasks (zrjobregistry.cpp).
+  // Joined tasks (job_registry.cpp).
   void AddMember(Task& task, ZrJob& job) ZR_REQUIRES(lock_);
   void RemoveMember(Membership* member) ZR_REQUIRES(lock_);
   void TellLastMember(const Task& task, const char* text) ZR_REQUIRES(lock_);
@@ -101,7 +101,7 @@ class ZrJobRegistry {
   void Retire(ZrJob& job) noexcept ZR_EXCLUDES(lock_);
   void ReleaseTables() ZR_EXCLUDES(lock_);
 
-  // Delivery (zrjobregistry_delivery.cpp).
+  // Delivery (job_registry_delivery.cpp).
   Link FindTarget(std::string_view target) const ZR_REQUIRES(lock_);
   ZrJob* Claim(const Link& link) ZR_REQUIRES(lock_);
   void Hand(ZrJob& job, const Link& link, const ZrJobEvent& event) noexcept ZR_EXCLUDES(lock_);
@@ -114,7 +114,7 @@ class ZrJobRegistry {
   void DeliveryLoop() ZR_EXCLUDES(lock_);
   ZrJob* TakeFront(std::list<Entry>& taken) ZR_REQUIRES(lock_);
 
-  // The reaper and the end (zrjobregistry_end.cpp).
+  // The reaper and the end (job_registry_end.cpp).
   static bool OnDeliveringThread() noexcept;
   static bool IsDeliveredHere(const ZrJobLink& link) noexcept;
   bool Reap(ZrJob* job) noexcept ZR_EXCLUDES(lock_);

@@ -1,6 +1,6 @@
 #pragma once
 // The node model of every markup document: XML files, HTML pages and style sheets are one tree of
-// these nodes, built by the parser (markup/zrparse.h) or by a program, searched and changed through
+// these nodes, built by the parser (markup/parse.h) or by a program, searched and changed through
 // the operations below and turned into text by Write(). Nothing is escaped or unescaped: names,
 // texts and values are kept and written as they were given.
 //

@@ -3,7 +3,7 @@
 // each complete one to its handler, and sends heads with their bodies, one access-log line each.
 // One message of a connection is in progress at a time; what arrives behind it waits in the
 // connection until the answer is on its way. As a worker it is the other side: it sends a request
-// and takes what comes as its answer (zrtransceiverserverl1http_answers.cpp).
+// and takes what comes as its answer (http_server_answers.cpp).
 
 #include <memory>
 #include <string>

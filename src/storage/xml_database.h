@@ -2,7 +2,7 @@
 // A small key-value store held as an element tree. A value is an attribute; its key is a dotted
 // path from the base element, the attribute's name last: "server.port" is the attribute "port" of
 // the first element "server" below the base element. The store of applications and projects
-// (storage/zrpersistentappstorage.h) derives from it, and every open project is one.
+// (storage/app_storage.h) derives from it, and every open project is one.
 //
 // Everything lives in memory. Save() only says that it does not write; nothing reaches the disk.
 //

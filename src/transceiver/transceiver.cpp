@@ -1,5 +1,5 @@
 // Handlers, servers and messages of the transceiver. Connections and their bytes are in
-// zrtransceiver_io.cpp, time limits in zrtransceiver_housekeeping.cpp.
+// transceiver_io.cpp, time limits in transceiver_housekeeping.cpp.
 
 #include "transceiver/transceiver.h"
 

@@ -60,7 +60,7 @@ TEST_F(Install, TheHostProgramOfTheReadMeBuildsWithThePackageAndRuns) {
 TEST_F(Install, TheProgramAndTheStaticLibraryAreInPlace) {
   EXPECT_EQ(RunProgram({folder_.Path("usr/bin/velkoro"), "--version"}).out, "velkoro 1.28.1\n");
   folder_.Write("core/main.cpp",
-                "#include \"host/zrquarnapplication2.h\"\n"
+                "#include \"host/application.h\"\n"
                 "#include \"velkoro/host.h\"\n"
                 "int main() { ZrQuarnApplication2 application(nullptr, {}, {});\n"
                 "  return application.newId().starts_with(\"id*\") ? ServerPort(nullptr) : 1; }\n");

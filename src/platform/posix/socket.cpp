@@ -1,4 +1,4 @@
-// Opening, naming and ending sockets. Moving bytes and waiting stands in zrsocketio.cpp.
+// Opening, naming and ending sockets. Moving bytes and waiting stands in socket_io.cpp.
 
 #include "platform/socket.h"
 
