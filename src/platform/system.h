@@ -3,6 +3,7 @@
 // Threads: any, as long as the host does not change its environment at the same time.
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -13,6 +14,9 @@ std::size_t DescriptorLimit() noexcept;
 /// Raises the soft limit to the hard one and returns what holds now. For programs of our own; the
 /// library leaves its host's limits alone.
 std::size_t RaiseDescriptorLimit() noexcept;
+
+/// The machine's memory in bytes; 1 GiB where the system does not say.
+std::uint64_t MemorySize() noexcept;
 
 /// An environment variable, nothing when it is not set.
 std::optional<std::string> EnvironmentValue(const char* name);

@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/memory_budget.h"
 #include "base/server_callback.h"
 #include "jobs/job.h"
 #include "platform/clock.h"
@@ -136,6 +137,8 @@ class ZrTransceiver final : public ZrJob {
   void WakeHousekeeper();
   const ZrClock& Clock() const { return clock_; }
   const ZrServerFactories& Factories() const { return factories_; }
+  /// What all peers of this transceiver together may occupy; everything kept for one counts there.
+  const std::shared_ptr<ZrMemoryBudget>& Memory() const { return memory_; }
 
  private:
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
@@ -206,6 +209,8 @@ class ZrTransceiver final : public ZrJob {
   const ZrServerFactories factories_;
   const ZrClock& clock_;
   std::string housekeepingTask_;
+  const std::shared_ptr<ZrMemoryBudget> memory_ =
+      std::make_shared<ZrMemoryBudget>(ZrMemoryBudget::DefaultLimit());
 
   ZrMutex clientLock_;
   std::map<std::string, ClientRecord> clients_ ZR_GUARDED_BY(clientLock_);

@@ -37,6 +37,13 @@ std::size_t RaiseDescriptorLimit() noexcept {
   return DescriptorLimit();
 }
 
+std::uint64_t MemorySize() noexcept {
+  const long pages = ::sysconf(_SC_PHYS_PAGES);
+  const long size = ::sysconf(_SC_PAGESIZE);
+  if (pages <= 0 || size <= 0) return std::uint64_t{1} << 30;
+  return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(size);
+}
+
 std::optional<std::string> EnvironmentValue(const char* name) {
   const char* value = ::getenv(name);
   if (value == nullptr) return std::nullopt;
