@@ -8,7 +8,8 @@ test_packages=(adminer binutils curl iso-codes libgtest-dev libxml2-utils nginx-
 browser_packages=(chromium chromium-driver openssl python3-selenium)
 check_packages=(clang clang-format git)
 bench_packages=(iso-codes libbenchmark-dev libpugixml-dev libtinyxml2-dev libxml2-dev shared-mime-info xkb-data)
-peer_packages=(civetweb gcc libcpp-httplib-dev libmicrohttpd-dev lighttpd lighttpd-mod-openssl nginx-light
+count_packages=(gcc python3 strace valgrind)
+peer_packages=(civetweb gcc h2o libcpp-httplib-dev libmicrohttpd-dev lighttpd lighttpd-mod-openssl nginx-light
                pkg-config python3 wrk)
 
 say() { printf '\n== %s\n' "$*"; }
