@@ -37,10 +37,14 @@ class ZrFile {
   /// Fills the target from that offset. Returns the bytes read, fewer than asked for only at the
   /// end of the file (which may have moved since the opening); nothing when the disk failed.
   std::optional<std::size_t> ReadAt(std::uint64_t offset, std::span<char> target) const;
+  /// The same for bytes that the system has in memory; nothing when it would have to wait for any
+  /// of them, or cannot tell.
+  std::optional<std::size_t> ReadAtHand(std::uint64_t offset, std::span<char> target) const;
   /// For zr::SendFile(). Stays owned by this object.
   int Descriptor() const noexcept { return descriptor_.Get(); }
 
  private:
+  friend class ZrDirectory;
   ZrFile(ZrDescriptor descriptor, bool directory, std::uint64_t size,
          std::int64_t modified) noexcept
       : descriptor_(std::move(descriptor)),
@@ -53,6 +57,47 @@ class ZrFile {
   bool directory_;
   std::uint64_t size_;
   std::int64_t modified_;
+};
+
+/// What is known of a file without waiting for the disk.
+struct ZrFileAtHand {
+  enum class Answer {
+    kFile,      ///< It is there and open.
+    kNotThere,  ///< There is no such file, as for ZrFile::OpenBeneath().
+    kMustWait,  ///< Only a look at the disk can tell: ask ZrDirectory::OpenFile().
+  };
+  Answer answer = Answer::kMustWait;
+  std::shared_ptr<const ZrFile> file = nullptr;
+};
+
+/// A directory that files are served from, kept open, so that a file costs one call to open.
+/// Immutable; any number of threads may use it. Held in shared ownership.
+class ZrDirectory {
+ public:
+  /// The text is in the stored form, as for ZrFile::OpenBeneath(). Nothing when there is no such
+  /// directory.
+  static std::shared_ptr<const ZrDirectory> Open(std::string_view directory);
+
+  /// Whether the name it was opened under still leads to it. One look at the disk; a directory that
+  /// is kept open keeps its identity, so no other one can be taken for it.
+  bool IsCurrent() const noexcept;
+  /// As ZrFile::OpenBeneath().
+  std::shared_ptr<const ZrFile> OpenFile(std::string_view path) const;
+  /// The same without waiting: from what the system has at hand.
+  ZrFileAtHand OpenFileAtHand(std::string_view path) const;
+
+ private:
+  ZrDirectory(ZrDescriptor descriptor, std::string path, std::uint64_t device,
+              std::uint64_t inode) noexcept
+      : descriptor_(std::move(descriptor)),
+        path_(std::move(path)),
+        device_(device),
+        inode_(inode) {}
+
+  ZrDescriptor descriptor_;
+  std::string path_;  // in the system's form
+  std::uint64_t device_;
+  std::uint64_t inode_;
 };
 
 namespace zr {

@@ -80,6 +80,10 @@ TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
     SCOPED_TRACE(c.name);
     const auto file = ZrFile::OpenBeneath(folder_.Path("site"), c.path);
     ASSERT_EQ(file != nullptr, c.content != nullptr);
+    // Without waiting there is the same answer or none.
+    const ZrFileAtHand now = ZrDirectory::Open(folder_.Path("site"))->OpenFileAtHand(c.path);
+    EXPECT_NE(now.answer,
+              c.content == nullptr ? ZrFileAtHand::Answer::kFile : ZrFileAtHand::Answer::kNotThere);
     if (file == nullptr) continue;
     EXPECT_EQ(file->IsDirectory(), *c.content == '\0');
     EXPECT_EQ(file->IsDirectory() ? "" : Content(*file), c.content);
@@ -106,6 +110,29 @@ TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   EXPECT_EQ(huge->ReadAt(kHuge - 3, end), 3U);
   EXPECT_EQ(end[2], '\0');
   EXPECT_EQ(huge->ReadAt(~std::uint64_t{0}, end), 0U);
+}
+
+TEST_F(BeneathTest, AKeptDirectoryKnowsWhenItsNameLeadsElsewhere) {
+  const auto site = ZrDirectory::Open(folder_.Path("site"));
+  ASSERT_NE(site, nullptr);
+  EXPECT_TRUE(site->IsCurrent());
+  ASSERT_NE(site->OpenFile("page.txt"), nullptr);
+  std::filesystem::rename(folder_.Path("site"), folder_.Path("old"));
+  EXPECT_FALSE(site->IsCurrent());
+  EXPECT_EQ(Content(*site->OpenFile("page.txt")), "page");  // it is still open
+  std::filesystem::rename(folder_.Path("site2"), folder_.Path("site"));
+  EXPECT_FALSE(site->IsCurrent());
+  EXPECT_EQ(ZrDirectory::Open(folder_.Path("absent")), nullptr);
+  EXPECT_EQ(ZrDirectory::Open(folder_.Path("site/page.txt")), nullptr);
+}
+
+TEST_F(BeneathTest, BytesAtHandAreTheSameBytesOrNone) {
+  const auto site = ZrDirectory::Open(folder_.Path("site"));
+  const auto file = site->OpenFile("page.txt");
+  std::array<char, 8> bytes{};
+  ASSERT_EQ(file->ReadAt(1, bytes), 3U);
+  const auto now = file->ReadAtHand(1, bytes);
+  EXPECT_EQ(std::string(bytes.data(), now.value_or(3)), "age");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,10 +31,10 @@ int Retried(Call call) {
   return result;
 }
 
-int OpenInside(int directory, const char* path) {
+int OpenInside(int directory, const char* path, std::uint64_t resolve = 0) {
   open_how how{};
   how.flags = kReadFlags;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | resolve;
   return Retried(
       [&] { return static_cast<int>(::syscall(SYS_openat2, directory, path, &how, sizeof how)); });
 }
@@ -71,6 +72,15 @@ bool HasParentPiece(std::string_view path) {
   return false;
 }
 
+// The path to open inside a directory; nothing for one that names no file whatever is on disk. The
+// texts of directory and path are thought of as joined, so separators at the path's start are just
+// more of them.
+std::optional<std::string> Inside(std::string_view path) {
+  if (path.empty() || path.find('\0') != std::string_view::npos || HasParentPiece(path)) return {};
+  path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+  return path.empty() ? std::string(".") : std::string(path);
+}
+
 }  // namespace
 
 std::shared_ptr<const ZrFile> ZrFile::FromDescriptor(ZrDescriptor descriptor) {
@@ -85,24 +95,8 @@ std::shared_ptr<const ZrFile> ZrFile::FromDescriptor(ZrDescriptor descriptor) {
 
 std::shared_ptr<const ZrFile> ZrFile::OpenBeneath(std::string_view directory,
                                                   std::string_view path) {
-  if (directory.empty() || path.empty() || path.find('\0') != std::string_view::npos ||
-      directory.find('\0') != std::string_view::npos || HasParentPiece(path)) {
-    return nullptr;
-  }
-  // The two texts are thought of as joined, so separators at the path's start are just more of
-  // them.
-  path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
-  const std::string inside = path.empty() ? "." : std::string(path);
-  const std::string base = zr::SystemDirectory(directory);
-  const ZrDescriptor start(
-      Retried([&] { return ::open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
-  if (!start.IsOpen()) return nullptr;
-  ZrDescriptor file(OpenInside(start.Get(), inside.c_str()));
-  // EXDEV: a link led out, or only seemed to; ENOSYS and EPERM: the call is missing or filtered.
-  if (!file.IsOpen() && (errno == EXDEV || errno == ENOSYS || errno == EPERM || errno == EAGAIN)) {
-    file = ZrDescriptor(OpenAndCheckPlace(start.Get(), inside.c_str()));
-  }
-  return FromDescriptor(std::move(file));
+  const std::shared_ptr<const ZrDirectory> start = ZrDirectory::Open(directory);
+  return start == nullptr ? nullptr : start->OpenFile(path);
 }
 
 std::shared_ptr<const ZrFile> ZrFile::Open(const std::string& path) {
@@ -122,6 +116,58 @@ std::optional<std::size_t> ZrFile::ReadAt(std::uint64_t offset, std::span<char> 
     filled += static_cast<std::size_t>(count);
   }
   return filled;
+}
+
+std::optional<std::size_t> ZrFile::ReadAtHand(std::uint64_t offset, std::span<char> target) const {
+  iovec piece{target.data(), target.size()};
+  const auto count = Retried([&] {
+    return static_cast<int>(
+        ::preadv2(descriptor_.Get(), &piece, 1, static_cast<off_t>(offset), RWF_NOWAIT));
+  });
+  if (count < 0) return std::nullopt;
+  return static_cast<std::size_t>(count);
+}
+
+// ---- Directories -------------------------------------------------------------------------------
+
+std::shared_ptr<const ZrDirectory> ZrDirectory::Open(std::string_view directory) {
+  if (directory.empty() || directory.find('\0') != std::string_view::npos) return nullptr;
+  std::string path = zr::SystemDirectory(directory);
+  ZrDescriptor start(
+      Retried([&] { return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+  struct stat status {};
+  if (!start.IsOpen() || ::fstat(start.Get(), &status) != 0) return nullptr;
+  return std::shared_ptr<const ZrDirectory>(
+      new ZrDirectory(std::move(start), std::move(path), status.st_dev, status.st_ino));
+}
+
+bool ZrDirectory::IsCurrent() const noexcept {
+  struct stat status {};
+  return ::stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+}
+
+std::shared_ptr<const ZrFile> ZrDirectory::OpenFile(std::string_view path) const {
+  const auto inside = Inside(path);
+  if (!inside) return nullptr;
+  ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str()));
+  // EXDEV: a link led out, or only seemed to; ENOSYS and EPERM: the call is missing or filtered.
+  if (!file.IsOpen() && (errno == EXDEV || errno == ENOSYS || errno == EPERM || errno == EAGAIN)) {
+    file = ZrDescriptor(OpenAndCheckPlace(descriptor_.Get(), inside->c_str()));
+  }
+  return ZrFile::FromDescriptor(std::move(file));
+}
+
+ZrFileAtHand ZrDirectory::OpenFileAtHand(std::string_view path) const {
+  using Answer = ZrFileAtHand::Answer;
+  const auto inside = Inside(path);
+  if (!inside) return {Answer::kNotThere};
+  ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str(), RESOLVE_CACHED));
+  if (!file.IsOpen()) {
+    return {errno == ENOENT || errno == ENOTDIR ? Answer::kNotThere : Answer::kMustWait};
+  }
+  auto opened = ZrFile::FromDescriptor(std::move(file));
+  const Answer answer = opened == nullptr ? Answer::kNotThere : Answer::kFile;
+  return {answer, std::move(opened)};
 }
 
 namespace zr {
