@@ -120,6 +120,7 @@ def main():
     parser.add_argument("count_calls", type=pathlib.Path)
     parser.add_argument("--check", action="store_true")
     options = parser.parse_args()
+    options.velkoro, options.count_calls = options.velkoro.resolve(), options.count_calls.resolve()
     over = False
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)

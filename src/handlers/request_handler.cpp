@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "base/batch.h"
 #include "handlers/command_handler.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
@@ -21,6 +22,18 @@ constexpr std::uint64_t kUnansweredStatus = 500;
 // The results of HandleMessage; all but the first end the message's assembly.
 constexpr int kMeaningless = 0;
 constexpr int kHandled = 1;
+
+/// Code of a host's runs: it may change what was looked up for the batch before it.
+struct HostCode {
+  HostCode() = default;
+  HostCode(const HostCode&) = delete;
+  HostCode& operator=(const HostCode&) = delete;
+  ~HostCode() {
+    if (ZrBatch* const batch = ZrBatch::Current()) {
+      batch->Forget();
+    }
+  }
+};
 
 bool IsHttp(std::uint32_t protocolKind) {
   return protocolKind == zr::kProtocolHttp || protocolKind == zr::kProtocolHttps;
@@ -269,6 +282,7 @@ bool ZrTransceiverClient::RunCommand(const std::shared_ptr<ZrXHeader>& request,
     }
   }
   const auto answer = request->MakeResponse();
+  const HostCode hostCode;
   try {
     if (handler != nullptr) {
       handler->Request(*request, *answer, "&new");

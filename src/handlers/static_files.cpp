@@ -13,26 +13,8 @@
 #include "html/error_page_404.h"
 #include "http/message_head.h"
 #include "http/response_head.h"
-#include "platform/file.h"
 
 namespace {
-
-using File = std::shared_ptr<const ZrFile>;
-
-/// Nothing when there is no such file or directory beneath the start directory.
-File OpenFile(const ZrTransceiverClient& client, const std::string& path) {
-  return ZrFile::OpenBeneath(zr::NormalizeDirectoryPath(client.startDirectory), path);
-}
-
-bool SendFile(ZrTransceiverClient& client, const ZrXHeader& request, const std::string& path,
-              File file) {
-  const auto answer = request.MakeResponse();
-  answer->SetStatus(200);
-  answer->SetFileBody(zr::NormalizeDirectoryPath(client.startDirectory) + path, file->Size());
-  answer->SetBodyFile(std::move(file));
-  client.SendAnswer(request, answer);
-  return true;
-}
 
 /// What a stored page raises while it is made or sent ends in the 404 answer.
 bool SendStoredPage(ZrTransceiverClient& client, const ZrXHeader& request,
@@ -70,30 +52,43 @@ bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
   return ServePath(client, request, path);
 }
 
+bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const ZrXHeader& request,
+                             const std::string& path, ZrServedFiles::Found found) {
+  const auto answer = request.MakeResponse();
+  answer->SetStatus(200);
+  answer->SetFileBody(zr::NormalizeDirectoryPath(client.startDirectory) + path, found.file->Size());
+  answer->SetBodyFile(std::move(found.file));
+  answer->fileBytes = std::move(found.bytes);
+  client.SendAnswer(request, answer);
+  return true;
+}
+
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
                                          const std::shared_ptr<ZrXHeader>& request) {
-  if (OpenFile(client, "index.php")) {
+  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  if (files_.Find(directory, "index.php").file) {
     return scripts_ && scripts_->RunScript(client, request, "index.php", ZrScriptKind::kPhp);
   }
-  File file = OpenFile(client, "index.html");
-  return file && SendFile(client, *request, "index.html", std::move(file));
+  ZrServedFiles::Found index = files_.Find(directory, "index.html");
+  return index.file && SendFile(client, *request, "index.html", std::move(index));
 }
 
 bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
                               const std::shared_ptr<ZrXHeader>& request, const std::string& path) {
+  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
   if (path.starts_with(client.cgiUrlPrefix)) {
     const std::string program = client.cgiDirectory + path.substr(client.cgiUrlPrefix.size());
-    return scripts_ && OpenFile(client, program) &&
+    return scripts_ && files_.Find(directory, program).file &&
            scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
   }
-  File file = OpenFile(client, path);
-  if (!file) {
+  ZrServedFiles::Found found = files_.Find(directory, path);
+  if (!found.file) {
     return false;
   }
   if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension)) {
     return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   }
-  return SendFile(client, *request, path, std::move(file));
+  return SendFile(client, *request, path, std::move(found));
 }
 
 void ZrStaticFiles::AnswerNotFound(ZrTransceiverClient& client,

@@ -7,10 +7,12 @@
 #include <string>
 
 #include "handlers/content_handler.h"
+#include "handlers/served_files.h"
 
 class ZrScriptRunner;
 
-/// The routing of one application; it keeps no state between requests. Threads: any.
+/// The routing of one application; between requests it keeps its start directories open, and
+/// nothing else. Threads: any.
 class ZrStaticFiles : public ZrContentHandler {
  public:
   /// Without runner no script is served.
@@ -25,10 +27,13 @@ class ZrStaticFiles : public ZrContentHandler {
                       const std::shared_ptr<ZrXHeader>& request) override;
 
  private:
+  bool SendFile(ZrTransceiverClient& client, const ZrXHeader& request, const std::string& path,
+                ZrServedFiles::Found found);
   bool ServeDefaultDocument(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request);
   bool ServePath(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                  const std::string& path);
 
+  ZrServedFiles files_;
   const std::shared_ptr<ZrScriptRunner> scripts_;
   // The same for every request. Not one for all applications: it would be destroyed at the exit of
   // a host that does not stop its servers, and their tasks still read it then.

@@ -59,6 +59,11 @@ std::uint64_t zr::QueueMessage(ZrTransceiverConnection& connection, ZrXHeader& h
     if (head.contentLength > 0) connection.CloseAfterItem();
     return headSize;
   }
+  if (head.fileBytes && head.fileBytes->size() == head.contentLength) {
+    out->Append(*head.fileBytes);
+    connection.SendBuffer(out);
+    return headSize + head.contentLength;
+  }
   QueueFile(connection, std::move(out), std::move(file), head.contentLength);
   return headSize + head.contentLength;
 }

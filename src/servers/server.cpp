@@ -1,5 +1,6 @@
 #include "servers/server.h"
 
+#include "base/batch.h"
 #include "http/message_head.h"
 #include "jobs/scheduler.h"
 #include "platform/output.h"
@@ -117,6 +118,7 @@ void ZrTransceiverServer::QueueLoop() {
       });
       batch.swap(queue_);
     }
+    const ZrBatch together;
     for (const auto& [key, data] : batch) {
       if (!Processing()) break;
       Touch();

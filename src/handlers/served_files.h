@@ -1,0 +1,41 @@
+#pragma once
+// Finds the files that are served. Start directories stay open between requests, and are looked at
+// once for each batch of requests, as another directory may have taken their names; a file is
+// looked up once in a batch, also one that is not there. Nothing is kept beyond its batch but the
+// open directory, so a file that was replaced, cut or removed is seen by the next request.
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/file.h"
+#include "platform/sync.h"
+
+/// Threads: any. Outlives the batches in which it is asked.
+class ZrServedFiles {
+ public:
+  /// Files up to that size (bytes) are read once for a batch that asks for them repeatedly ...
+  static constexpr std::uint64_t kSharedFileSize = std::uint64_t{64} * 1024;
+  /// ... as long as all those of a batch are not larger than that together.
+  static constexpr std::uint64_t kSharedBytes = std::uint64_t{1} << 20;
+
+  struct Found {
+    std::shared_ptr<const ZrFile> file;  ///< Empty: there is no such file or directory.
+    /// The whole of the file, where it was read already; else empty.
+    std::shared_ptr<const std::string> bytes;
+  };
+  /// The file of that path beneath the directory, whose text is in the stored form; see
+  /// ZrFile::OpenBeneath().
+  Found Find(const std::string& directory, const std::string& path) ZR_EXCLUDES(lock_);
+
+ private:
+  struct BatchFiles;
+  using Directory = std::shared_ptr<const ZrDirectory>;
+
+  Directory Current(const std::string& directory) ZR_EXCLUDES(lock_);
+
+  ZrMutex lock_;
+  // One or a few: a client has one start directory for its life.
+  std::map<std::string, Directory, std::less<>> directories_ ZR_GUARDED_BY(lock_);
+};

@@ -1,0 +1,93 @@
+// What is looked up once for a batch, and that nothing is kept beyond it.
+
+#include "handlers/served_files.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "base/batch.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+class ServedFilesTest : public testing::Test {
+ protected:
+  ServedFilesTest() { folder_.Write("site/page", "one"); }
+  /// The bytes that a request for the page would get; "-" when it is not there.
+  std::string Ask(const std::string& path = "page") {
+    const auto found = files_.Find(folder_.Path("site"), path);
+    if (!found.file) return "-";
+    std::string bytes(found.file->Size(), '\0');
+    bytes.resize(found.file->ReadAt(0, bytes).value_or(0));
+    EXPECT_EQ(found.bytes ? *found.bytes : bytes, bytes);
+    return bytes;
+  }
+
+  zrtest::TemporaryFolder folder_;
+  ZrServedFiles files_;
+};
+
+TEST_F(ServedFilesTest, EachBatchSeesTheDiskAsItIs) {
+  const struct {
+    const char* name;
+    std::function<void()> change;
+    const char* page;
+  } cases[] = {
+      {"replaced",
+       [&] {
+         folder_.Write("new", "two");
+         std::filesystem::rename(folder_.Path("new"), folder_.Path("site/page"));
+       },
+       "two"},
+      {"written over", [&] { folder_.Write("site/page", "three"); }, "three"},
+      {"cut", [&] { std::filesystem::resize_file(folder_.Path("site/page"), 2); }, "th"},
+      {"removed", [&] { std::filesystem::remove(folder_.Path("site/page")); }, "-"},
+      {"start directory swapped",
+       [&] {
+         std::filesystem::rename(folder_.Path("site"), folder_.Path("old"));
+         folder_.Write("site/page", "four");
+       },
+       "four"},
+      {"start directory gone", [&] { std::filesystem::remove_all(folder_.Path("site")); }, "-"},
+      {"and back", [&] { folder_.Write("site/page", "five"); }, "five"},
+  };
+  std::string before = "one";
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto descriptors =
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    {
+      const ZrBatch batch;
+      EXPECT_EQ(Ask(), before);
+      EXPECT_EQ(Ask("absent"), "-");
+      EXPECT_EQ(Ask(), before);  // shared by now
+    }
+    EXPECT_LE(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}),
+              descriptors + 1);
+    c.change();
+    EXPECT_EQ(Ask(), c.page);  // alone, outside of any batch
+    before = c.page;
+  }
+}
+
+TEST_F(ServedFilesTest, CodeOfTheHostEndsWhatABatchKnows) {
+  ZrBatch batch;
+  EXPECT_EQ(Ask("late"), "-");
+  folder_.Write("site/late", "here");
+  EXPECT_EQ(Ask("late"), "-");  // it had arrived before
+  batch.Forget();
+  EXPECT_EQ(Ask("late"), "here");
+}
+
+TEST_F(ServedFilesTest, LargeFilesAreNotShared) {
+  folder_.Write("site/most", std::string(ZrServedFiles::kSharedFileSize, 'm'));
+  folder_.Write("site/large", std::string(ZrServedFiles::kSharedFileSize + 1, 'l'));
+  const ZrBatch batch;
+  for (const char* name : {"most", "large"}) files_.Find(folder_.Path("site"), name);
+  EXPECT_NE(files_.Find(folder_.Path("site"), "most").bytes, nullptr);
+  EXPECT_EQ(files_.Find(folder_.Path("site"), "large").bytes, nullptr);
+}
+
+}  // namespace
