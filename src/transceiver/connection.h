@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/server_callback.h"
 #include "base/string_buffer.h"
@@ -24,6 +25,7 @@
 #include "transceiver/fwd.h"
 
 class ZrSocketIPvx;
+struct ZrIoRegistration;
 
 /// Threads: any, where nothing else is said. Held in shared ownership.
 class ZrTransceiverConnection : public ZrJobWithTimeout {
@@ -163,6 +165,15 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   void BeginLinger();
   /// Deliver the event for received bytes. The caller holds no lock.
   void Announce();
+  /// Forgets everything queued.
+  void DropQueue() ZR_EXCLUDES(sendLock_);
+  /// What the I/O loops keep of it; nothing while it is not registered with them.
+  ZrIoRegistration* Registration() const ZR_REQUIRES(lock_) { return registration_.get(); }
+  /// Sets that; returns what it was.
+  std::shared_ptr<ZrIoRegistration> Bind(std::shared_ptr<ZrIoRegistration> registration)
+      ZR_REQUIRES(lock_) {
+    return std::exchange(registration_, std::move(registration));
+  }
 
  protected:
   /// The oldest queued bytes as a view, a piece of a file read in when that is what comes next.
@@ -184,7 +195,6 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   Piece* Front() ZR_REQUIRES(lock_) ZR_EXCLUDES(sendLock_);
   Sent SendFront(ZrSocketIPvx& socket, std::size_t& count) ZR_REQUIRES(lock_);
   void Queue(Piece piece) ZR_EXCLUDES(sendLock_);
-  void DropQueue() ZR_EXCLUDES(sendLock_);
   AfterItem EndItemLocked() ZR_REQUIRES(receiveLock_);
   bool AwaitsAnswer();
   /// Whether reading had paused and may go on; answers yes once.
@@ -200,13 +210,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::string handlerName_ ZR_GUARDED_BY(lock_);
   bool joined_ ZR_GUARDED_BY(lock_) = false;  // to that task
 
-  // Where the transceiver keeps what belongs to the registration with it.
-  friend class ZrTransceiver;
-  std::shared_ptr<ZrSocketIPvx> socket_ ZR_GUARDED_BY(lock_);  // empty when not registered
-  std::uint64_t token_ ZR_GUARDED_BY(lock_) = 0;
-  std::int64_t watchedAt_ = 0;  // its time in the housekeeper's list, guarded by that list's lock
-  bool outputWatched_ ZR_GUARDED_BY(lock_) = false;
-  bool outputEnded_ ZR_GUARDED_BY(lock_) = false;  // shut down for sending
+  std::shared_ptr<ZrIoRegistration> registration_ ZR_GUARDED_BY(lock_);
 
   ZrMutex receiveLock_;
   ZrStringBuf received_ ZR_GUARDED_BY(receiveLock_);

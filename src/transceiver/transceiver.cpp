@@ -1,10 +1,9 @@
-// Handlers, servers and messages of the transceiver. Connections and their bytes are in
-// transceiver_io.cpp, time limits in transceiver_housekeeping.cpp.
-
 #include "transceiver/transceiver.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "base/exception.h"
 #include "http/message_head.h"
 #include "http/server_head.h"
 #include "jobs/job_registry.h"
@@ -22,16 +21,6 @@ bool CarriesMessages(std::uint32_t protocolKind) {
          protocolKind == zr::kProtocolQuarn || protocolKind == zr::kProtocolSocket;
 }
 
-// Requests share connections when they agree on the target and on how it is connected to: what was
-// to be verified never goes over a line that was not.
-std::string PoolKey(const ZrXHeader& request) {
-  std::string key = request.TargetUrl();
-  for (const auto& [name, value] : request.connectOptions.entries()) {
-    key.append("\n").append(name).append("=").append(value);
-  }
-  return key;
-}
-
 }  // namespace
 
 ZrTransceiver::ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories factories,
@@ -39,34 +28,34 @@ ZrTransceiver::ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories fa
     : scheduler_(scheduler),
       factories_(std::move(factories)),
       clock_(clock),
-      housekeepingTask_(CreateJoinedTask("housekeeping")) {
-  housekeeper_ = ZrThread::Start("zr_housekeeper", [this] { HousekeepingLoop(); });
+      housekeepingTask_(CreateJoinedTask("housekeeping")),
+      housekeeper_(clock),
+      loops_(scheduler, housekeeper_, progress_, JobName(),
+             [this](ZrTransceiverConnection& connection) { RemoveConnection(connection); }),
+      pools_(scheduler, *this, factories_) {
+  housekeeper_.Start(
+      {.checkConnection = [this](const ConnectionPointer& due) { CheckConnection(due); },
+       .checkServers = [this] { return CheckServers(); }});
 }
 
 // Everything that runs ends before anything goes: servers first, as their tasks use connections.
 ZrTransceiver::~ZrTransceiver() {
   Retire();
   StopServers();
-  EndHousekeeping();
+  housekeeper_.End();
   StopIO();
-  EndIO();
+  loops_.WaitForEnd();
   decltype(servers_) servers;
   decltype(connections_) connections;
   decltype(clients_) clients;
-  decltype(hookServices_) hookServices;
-  decltype(hookServicesByName_) hookServicesByName;
   {
     ZrLock hold(clientLock_);
     servers.swap(servers_);
     connections.swap(connections_);
     clients.swap(clients_);
-    hookServices.swap(hookServices_);
-    hookServicesByName.swap(hookServicesByName_);
   }
-  hookServices.clear();
-  hookServicesByName.clear();
+  pools_.Clear();
   servers.clear();
-  for (auto& [name, connection] : connections) Unbind(*connection);
   connections.clear();
   for (auto& [name, record] : clients) record.client->DetachTransceiver(*this);
 }
@@ -86,28 +75,20 @@ std::shared_ptr<ZrMessageHandler> ZrTransceiver::AddClient(
         clients_.try_emplace(client->HandlerJob().JobName(), ClientRecord{client, {}});
     if (!added) return nullptr;
   }
+  pools_.Admit(client->HandlerJob().JobName());
   client->AttachTransceiver(*this);
   return client;
 }
 
 void ZrTransceiver::RemoveClient(const std::shared_ptr<ZrMessageHandler>& client) {
   if (!client) return;
+  const std::string& name = client->HandlerJob().JobName();
   decltype(clients_)::node_type removed;
-  decltype(hookServices_)::node_type pools;
   {
     ZrLock hold(clientLock_);
-    removed = clients_.extract(client->HandlerJob().JobName());
-    if (removed) pools = hookServices_.extract(client->HandlerJob().JobName());
-    if (pools) {
-      for (const auto& [key, pool] : pools.mapped()) {
-        hookServicesByName_.erase(pool->OutgoingJob().JobName());
-      }
-    }
+    removed = clients_.extract(name);
   }
-  if (pools) {
-    for (const auto& [key, pool] : pools.mapped()) pool->EndStarts();
-    for (const auto& [key, pool] : pools.mapped()) pool->EndTasks();
-  }
+  pools_.Dismiss(name);
   if (removed) client->DetachTransceiver(*this);
 }
 
@@ -178,7 +159,7 @@ void ZrTransceiver::AddServer(std::shared_ptr<ZrServerLink> server) {
     ZrLock hold(clientLock_);
     servers_.insert_or_assign(job.JobName(), std::move(server));
   }
-  WatchServers(due);
+  housekeeper_.WatchServers(due);
 }
 
 void ZrTransceiver::RemoveServer(const std::string& name) {
@@ -217,15 +198,7 @@ void ZrTransceiver::StopAccepting() {
 
 void ZrTransceiver::StopServers() {
   StopAccepting();
-  std::vector<std::shared_ptr<ZrOutgoingLink>> pools;
-  {
-    ZrLock hold(clientLock_);
-    for (const auto& [name, pool] : hookServicesByName_) pools.push_back(pool);
-  }
-  // All of them first: the end of one waits for handlers that may be opening connections of
-  // another.
-  for (const auto& pool : pools) pool->EndStarts();
-  for (const auto& pool : pools) pool->EndTasks();
+  pools_.EndTasks();
   for (const auto& server : Servers()) server->EndTasks();
 }
 
@@ -245,7 +218,7 @@ std::string ZrTransceiver::Send(ZrMessageHandler& client, std::shared_ptr<ZrXHea
       zr::WriteOutputLine("unknown protocol!! (1)");
       break;
     case ZrMessageKind::kRequest:
-      if (known) return SendRequest(clientName, std::move(message), callback);
+      if (known) return pools_.Submit(clientName, std::move(message), callback);
       zr::WriteOutputLine("unknown protocol!! (2)");
       break;
     case ZrMessageKind::kUnrecognised:
@@ -274,69 +247,137 @@ std::string ZrTransceiver::SendAnswer(const std::string& clientName,
   return message->JobName();
 }
 
-std::string ZrTransceiver::SendRequest(const std::string& clientName,
-                                       std::shared_ptr<ZrXHeader> message,
-                                       const ZrServerCallback& callback) {
-  const std::shared_ptr<ZrOutgoingLink> pool =
-      OutgoingFor(clientName, PoolKey(*message), message->ProtocolKind(), callback);
-  if (!pool) return CommonErrorName();
-  const auto leave = [](ZrOutgoingLink* left) { --left->senders; };
-  const std::unique_ptr<ZrOutgoingLink, decltype(leave)> counted(pool.get(), leave);
-  pool->OutgoingJob().Attach(message->target);
-  const std::string name = message->JobName();
-  bool startFailed = false;
-  pool->submit(std::move(message), startFailed, false);
-  return startFailed ? CommonErrorName() : name;
-}
-
-// Takes out the pools that hold nothing and that nobody is about to use: a handler that asks ever
-// new targets keeps those in use only.
-void ZrTransceiver::TakeUnused(Pools& pools, std::vector<std::shared_ptr<ZrOutgoingLink>>& unused) {
-  for (auto pool = pools.begin(); pool != pools.end();) {
-    if (pool->second->senders > 0 || !pool->second->IsUnused()) {
-      ++pool;
-      continue;
-    }
-    hookServicesByName_.erase(pool->second->OutgoingJob().JobName());
-    unused.push_back(std::move(pool->second));
-    pool = pools.erase(pool);
-  }
-}
-
-// The pool of one handler for one target, with the caller counted as its sender. It is made outside
-// the lock; of two made at once the first one entered stays.
-std::shared_ptr<ZrOutgoingLink> ZrTransceiver::OutgoingFor(const std::string& clientName,
-                                                           const std::string& poolKey,
-                                                           std::uint32_t kind,
-                                                           const ZrServerCallback& callback) {
-  {
-    ZrLock hold(clientLock_);
-    const auto ofClient = hookServices_.find(clientName);
-    if (ofClient != hookServices_.end()) {
-      const auto found = ofClient->second.find(poolKey);
-      if (found != ofClient->second.end()) {
-        ++found->second->senders;
-        return found->second;
-      }
-    }
-  }
-  const auto workers = factories_.connecting.find(kind);
-  if (!factories_.outgoing || workers == factories_.connecting.end()) return nullptr;
-  std::shared_ptr<ZrOutgoingLink> pool =
-      factories_.outgoing(scheduler_, *this, clientName, callback, workers->second, JobName());
-  std::vector<std::shared_ptr<ZrOutgoingLink>> unused;  // released without the lock, like the pool
-  ZrLock hold(clientLock_);
-  if (!clients_.contains(clientName)) return nullptr;  // taken out meanwhile, with its pools
-  Pools& pools = hookServices_[clientName];
-  TakeUnused(pools, unused);
-  const auto [place, added] = pools.try_emplace(poolKey, pool);
-  if (added) hookServicesByName_.emplace(pool->OutgoingJob().JobName(), pool);
-  ++place->second->senders;
-  return place->second;
-}
-
 void ZrTransceiver::PrintLogRecord(const ZrServerCallback_t& record) {
   if (record.kind != ZrServerCallback_t::kMessageLogged) return;
   const auto line = record.info.entries().find("logging");
   if (line != record.info.entries().end()) zr::WriteOutputLine(line->second);
+}
+
+// ---- Connections -------------------------------------------------------------------------------
+
+std::string ZrTransceiver::AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
+                                         std::shared_ptr<ZrTransceiverConnection> connection) {
+  if (!socket || !connection) {
+    throw ZrException("socket and connection must be defined", 1906, "src");
+  }
+  const std::string& name = connection->JobName();
+  {
+    ZrLock hold(clientLock_);
+    if (!connections_.emplace(name, connection).second) return name;
+  }
+  try {
+    housekeeper_.Watch(connection);
+    if (loops_.Register(std::move(socket), connection)) return name;
+  } catch (...) {
+    Drop(*connection);
+    throw;
+  }
+  Drop(*connection);
+  return name;
+}
+
+void ZrTransceiver::RemoveConnection(const std::string& name, bool) {
+  if (const ConnectionPointer connection = FindConnection(name)) RemoveConnection(*connection);
+}
+
+void ZrTransceiver::RemoveConnection(ZrTransceiverConnection& connection) {
+  // Kept to the end: the tables may hold the connection's last reference.
+  const std::shared_ptr<ZrIoRegistration> registration = loops_.Unregister(connection);
+  if (registration) Drop(connection);
+}
+
+// Off the tables first: who looks for it after the event finds nothing.
+void ZrTransceiver::Drop(ZrTransceiverConnection& connection) {
+  const std::string& name = connection.JobName();
+  decltype(connections_)::node_type removed;  // released without the lock, like the server
+  decltype(servers_)::node_type server;
+  {
+    ZrLock hold(clientLock_);
+    removed = connections_.extract(name);
+    server = servers_.extract(name);
+  }
+  ZrJobEvent event;
+  event.code = kZrEventClosed;
+  event.jobName = name;
+  PostEvent(connection.PeerName(), event);
+  PostEvent(connection.ReceiverName(), event);
+  PostEvent(name, std::move(event));
+  housekeeper_.Forget(connection);
+  connection.BeginClosing();
+  NoteProgress();
+}
+
+void ZrTransceiver::FinishConnection(ZrTransceiverConnection& connection) {
+  connection.BeginClosing();
+  if (connection.IsExpired()) return RemoveConnection(connection);
+  ResumeReading(connection);
+  FlushConnection(connection);
+}
+
+std::shared_ptr<ZrTransceiverConnection> ZrTransceiver::FindConnection(const std::string& name) {
+  ZrLock hold(clientLock_);
+  const auto found = connections_.find(name);
+  return found == connections_.end() ? nullptr : found->second;
+}
+
+std::size_t ZrTransceiver::ConnectionCount() {
+  ZrLock hold(clientLock_);
+  return connections_.size();
+}
+
+bool ZrTransceiver::IsBusy() {
+  std::vector<ConnectionPointer> connections;
+  {
+    ZrLock hold(clientLock_);
+    for (const auto& [name, connection] : connections_) connections.push_back(connection);
+  }
+  return std::any_of(connections.begin(), connections.end(), [](const auto& connection) {
+    return connection->IsBusy() || connection->SendPending();
+  });
+}
+
+bool ZrTransceiver::WaitForAnswers(std::chrono::nanoseconds limit) {
+  return progress_.WaitUntilIdle(limit, [this] { return IsBusy(); });
+}
+
+// ---- Time limits -------------------------------------------------------------------------------
+
+std::int64_t ZrTransceiver::CheckServers() {
+  std::int64_t next = ZrHousekeeper::kNever;
+  for (const auto& server : Servers()) {
+    ZrJobWithTimeout& job = server->ServerJob();
+    if (!job.HasExpired()) {
+      if (server->CanExpire()) next = std::min(next, job.ExpiryNs());
+      continue;
+    }
+    ZrJobEvent event;
+    event.code = kZrEventTimeLimit;
+    event.jobName = job.JobName();
+    PostEvent(server->PeerName(), event);
+    event.code = kZrEventEndServer;
+    PostEvent(job.JobName(), event);
+    RemoveServer(job.JobName());
+  }
+  // One that is past its time and not taken as expired says so at the next look.
+  return std::max(next, clock_.MonotonicNs() + ZrHousekeeper::kGrain);
+}
+
+void ZrTransceiver::CheckConnection(const ConnectionPointer& connection) {
+  if (!connection->HasExpired()) return housekeeper_.Watch(connection);
+  if (connection->IsClosing()) return RemoveConnection(*connection);
+  ZrJobEvent event;
+  event.code = kZrEventTimeLimit;
+  event.jobName = connection->JobName();
+  PostEvent(connection->ReceiverName(), std::move(event));
+  {
+    ZrLock hold(clientLock_);
+    connections_.erase(connection->JobName());
+  }
+  connection->MarkExpired();
+  try {
+    connection->Close();
+  } catch (...) {
+    // Its owner gave it a callback that cannot close it: it goes all the same.
+    RemoveConnection(*connection);
+  }
 }

@@ -1,0 +1,316 @@
+#include "transceiver/io_loops.h"
+
+#include <chrono>
+#include <utility>
+
+#include "jobs/scheduler.h"
+#include "net/tcp_socket.h"
+#include "platform/socket.h"
+#include "transceiver/connection.h"
+#include "transceiver/housekeeper.h"
+#include "transceiver/stop_progress.h"
+
+namespace {
+
+constexpr std::chrono::nanoseconds kForEver{-1};
+// Out-of-band data is no part of any protocol here; it is watched for to be dropped.
+constexpr unsigned kInput = ZrInterest::kRead | ZrInterest::kUrgent;
+
+}  // namespace
+
+ZrIoLoops::ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper,
+                     ZrStopProgress& progress, std::string name, Remove remove)
+    : scheduler_(scheduler),
+      housekeeper_(housekeeper),
+      progress_(progress),
+      name_(std::move(name)),
+      remove_(std::move(remove)) {}
+
+// ---- Registration ------------------------------------------------------------------------------
+
+bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
+                         const std::shared_ptr<ZrTransceiverConnection>& connection) {
+  const int descriptor = socket->primaryDescriptor();
+  auto registration = std::make_shared<ZrIoRegistration>();
+  registration->socket = std::move(socket);
+  registration->connection = connection;
+  // Held until the socket is watched, so that a removal at this moment comes after it.
+  ZrLock writing(connection->Lock());
+  {
+    ZrLock hold(lock_);
+    StartJobs();
+    registration->token = ++lastToken_;
+    byToken_.emplace(registration->token, registration);
+  }
+  connection->Bind(registration);
+  if (receivePoller_.Add(descriptor, registration->token, kInput)) return true;
+  connection->Bind(nullptr);
+  ZrLock hold(lock_);
+  byToken_.erase(registration->token);
+  return false;
+}
+
+ZrIoLoops::Registration ZrIoLoops::Unregister(ZrTransceiverConnection& connection) {
+  Registration registration;  // goes without the locks, and the socket with it
+  ZrLock writing(connection.Lock());
+  registration = connection.Bind(nullptr);
+  if (!registration) return nullptr;
+  receivePoller_.Remove(registration->socket->primaryDescriptor());
+  WatchOutput(*registration, false);
+  connection.DropQueue();
+  ZrLock hold(lock_);
+  byToken_.erase(registration->token);
+  return registration;
+}
+
+// ---- The two jobs ------------------------------------------------------------------------------
+
+void ZrIoLoops::StartJobs() {
+  if (receiveJob_ == 0) {
+    receiveJob_ =
+        Submit("ZrTransceiver_tcp_rcv", &ZrIoLoops::ReceiveLoop, receiving_, receivePoller_);
+  }
+  if (sendJob_ == 0) {
+    sendJob_ = Submit("ZrTransceiver_tcp_snd", &ZrIoLoops::SendLoop, sending_, sendPoller_);
+  }
+}
+
+std::uint64_t ZrIoLoops::Submit(const std::string& name, void (ZrIoLoops::*loop)(),
+                                std::atomic<bool>& running, ZrPoller& poller) {
+  running = true;
+  ZrRinvalTaskDescription description;
+  description.name = name + name_;
+  description.stopAction = [&running, &poller] {
+    running = false;
+    poller.Wake();
+  };
+  return scheduler_.Submit(
+      [this, loop](ZrRinvalJobParametersAndResult* record) {
+        (this->*loop)();
+        return record;
+      },
+      nullptr, description);
+}
+
+void ZrIoLoops::Stop() {
+  receiving_ = false;
+  sending_ = false;
+  decltype(byToken_) registrations;  // go without the lock
+  {
+    ZrLock hold(lock_);
+    registrations.swap(byToken_);
+  }
+  for (const auto& [token, registration] : registrations) {
+    registration->connection->BeginClosing();
+    Unregister(*registration->connection);
+  }
+  receivePoller_.Wake();
+  sendPoller_.Wake();
+}
+
+void ZrIoLoops::WaitForEnd() {
+  std::uint64_t receiveJob = 0;
+  std::uint64_t sendJob = 0;
+  {
+    ZrLock hold(lock_);
+    receiveJob = std::exchange(receiveJob_, 0);
+    sendJob = std::exchange(sendJob_, 0);
+  }
+  for (const std::uint64_t job : {receiveJob, sendJob}) {
+    if (job == 0) continue;
+    scheduler_.WaitDone(job);
+    scheduler_.FetchResult(job);
+  }
+}
+
+void ZrIoLoops::Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready) {
+  ZrLock hold(lock_);
+  for (const ZrReadiness& event : events) {
+    const auto found = byToken_.find(event.token);
+    if (found != byToken_.end()) ready.push_back({found->second, event.urgent});
+  }
+}
+
+// ---- Input -------------------------------------------------------------------------------------
+
+void ZrIoLoops::ReceiveLoop() {
+  std::vector<Ready> ready;
+  std::vector<Ready> again;  // have input of their own, whatever their sockets say
+  while (receiving_) {
+    const auto events = receivePoller_.Wait(again.empty() ? kForEver : std::chrono::nanoseconds(0));
+    ready.swap(again);
+    Resolve(events, ready);
+    ResolveResumed(ready);
+    for (Ready& one : ready) {
+      try {
+        Receive(one, again);
+      } catch (...) {
+        // Out of memory, in effect: this connection is given up, the others are served.
+        remove_(*one.registration->connection);
+      }
+    }
+    ready.clear();
+  }
+}
+
+void ZrIoLoops::Receive(Ready& ready, std::vector<Ready>& again) {
+  ZrIoRegistration& registration = *ready.registration;
+  ZrTransceiverConnection& connection = *registration.connection;
+  if (ready.urgent) zr::DropUrgentByte(registration.socket->primaryDescriptor());
+  const int count = connection.ReadFromSocket(*registration.socket);
+  if (count < 0) return remove_(connection);
+  if (count == 0) return OnPeerFinished(registration);
+  if (connection.ReadAffectsOutput()) AfterOutput(registration);
+  if (connection.IsReadingPaused() && PauseReading(registration)) return;
+  if (connection.HasBufferedInput()) again.push_back(std::move(ready));
+}
+
+// Whoever takes the bytes resumes the reading. The mark is looked at again under the lock, so that
+// a taking in between is not missed.
+bool ZrIoLoops::PauseReading(ZrIoRegistration& registration) {
+  ZrTransceiverConnection& connection = *registration.connection;
+  ZrLock hold(connection.Lock());
+  if (connection.Registration() == nullptr || registration.paused) return true;
+  if (!connection.IsReadingPaused() && !connection.PeerFinished()) return false;
+  registration.paused = true;
+  receivePoller_.Remove(registration.socket->primaryDescriptor());
+  return true;
+}
+
+void ZrIoLoops::ResumeReading(ZrTransceiverConnection& connection) {
+  ZrLock writing(connection.Lock());
+  ZrIoRegistration* const registration = connection.Registration();
+  if (registration == nullptr || !registration->paused || connection.PeerFinished()) return;
+  registration->paused =
+      !receivePoller_.Add(registration->socket->primaryDescriptor(), registration->token, kInput);
+  if (connection.HasBufferedInput()) ReadAgain(registration->token);
+}
+
+// Its socket may never announce what TLS has taken from it already.
+void ZrIoLoops::ReadAgain(std::uint64_t token) {
+  {
+    ZrLock hold(lock_);
+    resumed_.push_back(token);
+  }
+  receivePoller_.Wake();
+}
+
+void ZrIoLoops::ResolveResumed(std::vector<Ready>& ready) {
+  ZrLock hold(lock_);
+  for (const std::uint64_t token : resumed_) {
+    const auto found = byToken_.find(token);
+    if (found != byToken_.end()) ready.push_back({found->second, false});
+  }
+  resumed_.clear();
+}
+
+void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
+  ZrTransceiverConnection& connection = *registration.connection;
+  const auto next = connection.OnPeerFinished();
+  if (next == ZrTransceiverConnection::PeerEnd::kRemove) return remove_(connection);
+  PauseReading(registration);
+  if (next != ZrTransceiverConnection::PeerEnd::kFinish) return;
+  connection.BeginClosing();
+  Flush(connection);
+}
+
+// ---- Output ------------------------------------------------------------------------------------
+
+void ZrIoLoops::SendLoop() {
+  std::vector<Ready> ready;
+  while (sending_) {
+    Resolve(sendPoller_.Wait(kForEver), ready);
+    if (flushAll_.exchange(false)) FlushAll();
+    for (const Ready& one : ready) {
+      ZrTransceiverConnection& connection = *one.registration->connection;
+      try {
+        Flush(connection);
+        // Room on the socket may be what reading had waited for.
+        if (connection.HasBufferedInput() && !connection.IsReadingPaused()) {
+          ReadAgain(one.registration->token);
+        }
+      } catch (...) {
+        remove_(connection);  // as in the receive loop
+      }
+    }
+    ready.clear();
+  }
+}
+
+void ZrIoLoops::FlushAllLater() {
+  flushAll_ = true;
+  sendPoller_.Wake();
+}
+
+void ZrIoLoops::FlushAll() {
+  std::vector<Registration> pending;
+  {
+    ZrLock hold(lock_);
+    for (const auto& [token, registration] : byToken_) {
+      if (registration->connection->SendPending()) pending.push_back(registration);
+    }
+  }
+  for (const Registration& registration : pending) Flush(*registration->connection);
+}
+
+void ZrIoLoops::Flush(ZrTransceiverConnection& connection) {
+  bool alive = true;
+  {
+    ZrLock writing(connection.Lock());
+    ZrIoRegistration* const registration = connection.Registration();
+    alive = registration == nullptr || (connection.WriteToSocket(*registration->socket) &&
+                                        EndOutputWhenDone(connection, *registration));
+  }
+  if (!alive) return remove_(connection);
+  AfterProgress(connection);
+}
+
+void ZrIoLoops::AfterOutput(ZrIoRegistration& registration) {
+  ZrTransceiverConnection& connection = *registration.connection;
+  bool alive = true;
+  {
+    ZrLock writing(connection.Lock());
+    alive = connection.Registration() == nullptr || EndOutputWhenDone(connection, registration);
+  }
+  if (!alive) return remove_(connection);
+  AfterProgress(connection);
+}
+
+void ZrIoLoops::AfterProgress(ZrTransceiverConnection& connection) {
+  progress_.Note();
+  if (connection.TakeStalled()) connection.Announce();
+}
+
+// On a closing connection: once all is written the sending side is shut down, and the connection
+// waits a moment for the peer's end, because closing with unread input would make the system drop
+// what the peer has not read yet. No: it can go now.
+bool ZrIoLoops::EndOutputWhenDone(ZrTransceiverConnection& connection,
+                                  ZrIoRegistration& registration) {
+  bool wanted = connection.WantsOutput();
+  if (connection.IsClosing() && !connection.SendPending() && !registration.outputEnded) {
+    if (connection.FinishOutput(*registration.socket)) {
+      registration.outputEnded = true;
+      wanted = false;
+      zr::ShutdownSend(registration.socket->primaryDescriptor());
+      connection.BeginLinger();
+      if (connection.PeerFinished()) return false;
+      housekeeper_.Hasten(connection);
+    } else {
+      wanted = true;
+    }
+  }
+  WatchOutput(registration, wanted);
+  return true;
+}
+
+void ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
+  if (wanted == registration.outputWatched) return;
+  const int descriptor = registration.socket->primaryDescriptor();
+  if (wanted) {
+    registration.outputWatched =
+        sendPoller_.Add(descriptor, registration.token, ZrInterest::kWrite);
+  } else {
+    registration.outputWatched = false;
+    sendPoller_.Remove(descriptor);
+  }
+}

@@ -1,0 +1,109 @@
+#pragma once
+// The two jobs that move the bytes of all connections. The receive job waits for input of every
+// connection; the kernel reports what is ready, so a pass costs nothing for silent ones. Output is
+// written by the thread that has it; only a connection whose socket refused some stands in the send
+// job's set, until all is written. A connection is taken out of the receive job's set while its
+// server leaves too much unread, and for good when the peer has ended its side, as the kernel would
+// report that over and over.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/poller.h"
+#include "platform/sync.h"
+#include "transceiver/connection.h"
+#include "transceiver/fwd.h"
+#include "transceiver/io_registration.h"
+
+class ZrHousekeeper;
+class ZrRinvalScheduler2;
+class ZrStopProgress;
+
+/// Owned by the transceiver. Threads: any. The caller holds no lock but jobs' own.
+class ZrIoLoops {
+ public:
+  /// Called when a connection can only be removed; no lock is held.
+  using Remove = std::function<void(ZrTransceiverConnection&)>;
+
+  /// All outlive the loops. The name, the owner's, ends the names of the two tasks.
+  ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper, ZrStopProgress& progress,
+            std::string name, Remove remove);
+  ZrIoLoops(const ZrIoLoops&) = delete;
+  ZrIoLoops& operator=(const ZrIoLoops&) = delete;
+
+  /// Serves the connection on its socket from now on; the first one starts the jobs. No: the socket
+  /// cannot be watched.
+  bool Register(std::shared_ptr<ZrSocketIPvx> socket,
+                const std::shared_ptr<ZrTransceiverConnection>& connection) ZR_EXCLUDES(lock_);
+  /// Ends that, with what was still to be sent; the socket closes with the last pass that uses it.
+  /// Nothing when the connection is not registered (any more).
+  std::shared_ptr<ZrIoRegistration> Unregister(ZrTransceiverConnection& connection)
+      ZR_EXCLUDES(lock_);
+  /// Ends both jobs and forgets all connections.
+  void Stop() ZR_EXCLUDES(lock_);
+  /// Waits until the jobs have ended: they use this object to their last step.
+  void WaitForEnd() ZR_EXCLUDES(lock_);
+
+  /// Writes what is queued on the connection now, on this thread; what the socket refuses is left
+  /// to the send job.
+  void Flush(ZrTransceiverConnection& connection);
+  /// Has the send job look for queued output on all connections.
+  void FlushAllLater();
+  /// A connection that reading had paused on may be read again.
+  void ResumeReading(ZrTransceiverConnection& connection) ZR_EXCLUDES(lock_);
+
+ private:
+  using Registration = std::shared_ptr<ZrIoRegistration>;
+  // One that a pass of receiving is for.
+  struct Ready {
+    Registration registration;
+    bool urgent = false;
+  };
+
+  void StartJobs() ZR_REQUIRES(lock_);
+  std::uint64_t Submit(const std::string& name, void (ZrIoLoops::*loop)(),
+                       std::atomic<bool>& running, ZrPoller& poller);
+  void ReceiveLoop();
+  void SendLoop();
+  void FlushAll() ZR_EXCLUDES(lock_);
+  /// The registrations behind ready descriptors.
+  void Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready) ZR_EXCLUDES(lock_);
+  void ResolveResumed(std::vector<Ready>& ready) ZR_EXCLUDES(lock_);
+  void Receive(Ready& ready, std::vector<Ready>& again);
+  void ReadAgain(std::uint64_t token) ZR_EXCLUDES(lock_);
+  /// No: the bytes were taken meanwhile, reading goes on.
+  bool PauseReading(ZrIoRegistration& registration);
+  void OnPeerFinished(ZrIoRegistration& registration);
+  /// A pass of receiving may have written, or wait for room to go on.
+  void AfterOutput(ZrIoRegistration& registration);
+  void AfterProgress(ZrTransceiverConnection& connection);
+  bool EndOutputWhenDone(ZrTransceiverConnection& connection, ZrIoRegistration& registration)
+      ZR_REQUIRES(connection.Lock());
+  void WatchOutput(ZrIoRegistration& registration, bool wanted);
+
+  // Constant after construction.
+  ZrRinvalScheduler2& scheduler_;
+  ZrHousekeeper& housekeeper_;
+  ZrStopProgress& progress_;
+  const std::string name_;
+  const Remove remove_;
+
+  ZrPoller receivePoller_;
+  ZrPoller sendPoller_;
+  std::atomic<bool> receiving_{false};
+  std::atomic<bool> sending_{false};
+  std::atomic<bool> flushAll_{false};  // FlushAllLater() was called
+
+  ZrMutex lock_;  // held for look-ups and changes of the tables only
+  std::unordered_map<std::uint64_t, Registration> byToken_ ZR_GUARDED_BY(lock_);
+  std::uint64_t lastToken_ ZR_GUARDED_BY(lock_) = 0;
+  std::vector<std::uint64_t> resumed_ ZR_GUARDED_BY(lock_);  // have input of their own to read
+  std::uint64_t receiveJob_ ZR_GUARDED_BY(lock_) = 0;  // task IDs; 0 before the first connection
+  std::uint64_t sendJob_ ZR_GUARDED_BY(lock_) = 0;
+};

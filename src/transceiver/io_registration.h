@@ -1,0 +1,23 @@
+#pragma once
+// What the I/O loops keep of one registered connection. The loops hold it by its token; the
+// connection holds it as its way back to them, so that output and resumed reading need no look-up.
+// It lives from ZrIoLoops::Register() to Unregister(), and as long as a pass works on it.
+
+#include <cstdint>
+#include <memory>
+
+#include "transceiver/fwd.h"
+
+class ZrSocketIPvx;
+
+struct ZrIoRegistration {
+  // Constant once registered.
+  std::shared_ptr<ZrSocketIPvx> socket;  ///< connected
+  std::shared_ptr<ZrTransceiverConnection> connection;
+  std::uint64_t token = 0;  ///< names it in the pollers; never used again
+
+  // Guarded by the connection's job lock.
+  bool paused = false;         ///< not watched for input
+  bool outputWatched = false;  ///< the send job waits for room on the socket
+  bool outputEnded = false;    ///< the socket is shut down for sending
+};
