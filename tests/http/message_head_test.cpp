@@ -40,7 +40,8 @@ class Reader {
     for (const auto& [name, block] : head->queryFields) {
       out << " {" << name << "=" << block->Text() << "}";
     }
-    out << (head->closeRequested ? " close" : "") << (callbacks == 1 ? "" : " uncalled");
+    out << (head->closeRequested ? " close" : "") << (head->endUncertain ? " last" : "")
+        << (callbacks == 1 ? "" : " uncalled");
     EXPECT_LE(callbacks, 1);
     if (!head->body->Empty()) out << " body=" << head->body->Unread();
     out << " -> " << static_cast<int>(result);
@@ -63,7 +64,8 @@ struct ReadCase {
 const ReadCase kReadCases[] = {
     {"lower-case request line", "get /a?x=1 http/1.1\r\n\r\n",
      "21 GET|/a?x=1|HTTP/1.1 path=/a query=x=1 {x=1} -> 2"},
-    {"a POST has no query", "POST /a?x=1 HTTP/1.1\r\n\r\n", "22 POST|/a?x=1|HTTP/1.1 path=/a -> 2"},
+    {"a POST has no query", "POST /a?x=1 HTTP/1.1\r\n\r\n",
+     "22 POST|/a?x=1|HTTP/1.1 path=/a last -> 2"},
     {"query decoding", "GET /?q=a+b&%41%zz=%2&skip&=v&q=c? HTTP/1.1\r\n\r\n",
      "21 GET|/?q=a+b&%41%zz=%2&skip&=v&q=c?|HTTP/1.1 path=/ query=q=a+b&%41%zz=%2&skip&=v&q=c? "
      "{A%zz=%2} {q=c?} -> 2"},
@@ -93,11 +95,21 @@ const ReadCase kReadCases[] = {
      "22 POST|/|X [content-length=4] body=abc -> 0"},
     {"body too long", "POST / x\r\nContent-Length: 2\r\n\r\nabc",
      "22 POST|/|X [content-length=2] body=abc -> 1"},
-    {"body of no declared length", "POST / x\r\n\r\nabc", "22 POST|/|X body=abc -> 2"},
+    {"body of no declared length", "POST / x\r\n\r\nabc", "22 POST|/|X last body=abc -> 2"},
     {"a length that is no number is 0", "POST / x\r\nContent-Length: +3\r\n\r\nabc",
-     "22 POST|/|X [content-length=+3] body=abc -> 1"},
+     "22 POST|/|X [content-length=+3] last body=abc -> 1"},
     {"a length that is too large is 0", "POST / x\r\nContent-Length: 18446744073709551616\r\n\r\n",
-     "22 POST|/|X [content-length=18446744073709551616] -> 2"},
+     "22 POST|/|X [content-length=18446744073709551616] last -> 2"},
+    {"lengths that agree", "POST / x\r\nContent-Length: 3, 03\r\nContent-Length: 3\r\n\r\nabc",
+     "22 POST|/|X [content-length=3,03] [content-length=3] body=abc -> 2"},
+    {"a list that differs", "POST / x\r\nContent-Length: 3,4\r\n\r\n",
+     "22 POST|/|X [content-length=3,4] -> 1"},
+    {"fields that differ", "GET / x\r\nContent-Length: 0\r\nContent-Length: 5\r\n\r\n",
+     "21 GET|/|X [content-length=0] [content-length=5] -> 1"},
+    {"a length and none", "GET / x\r\nContent-Length: 5,\r\n\r\n",
+     "21 GET|/|X [content-length=5,] last -> 1"},
+    {"a transfer coding", "GET / x\r\nTransfer -Encoding\t: :identity\r\n\r\n",
+     "21 GET|/|X [transfer-encoding=identity] -> 1"},
     {"end missing", "GET / HTTP/1.1\r\nA: b\r\n\r",
      "21 GET|/|HTTP/1.1 [a=b] uncalled body=\r -> 0"},
 };
