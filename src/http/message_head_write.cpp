@@ -47,7 +47,7 @@ void ZrXHeader::WriteRequestHead(ZrStringBuf& out) {
   out.Append(zr::kServerProduct);
   out.Append(kLineEnd);
   if (post) {
-    if (body) contentLength = body->Size();
+    if (filePath.empty()) contentLength = body ? body->Size() : 0;
     out.Append("Content-Length: ");
     zr::AppendNumber(out, contentLength);
     out.Append(kLineEnd);

@@ -6,6 +6,7 @@
 
 #include "http/head_text.h"
 #include "http/message_head.h"
+#include "http/program_head.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ constexpr std::array<Reason, 8> kReasons = {{{200, "OK"},
                                              {502, "Server Error"}}};
 
 constexpr std::string_view kLineEnd = "\r\n";
-constexpr std::string_view kHeadEnd = "\r\n\r\n";
+constexpr std::uint64_t kInternalError = 500;
 
 // Such bytes begin no message whatever follows, and the end of their line may never come: a peer
 // that speaks TLS to a plain port waits for an answer to them.
@@ -66,20 +67,16 @@ std::string_view ZrMinimalSemantics::StatusPhrase(std::uint64_t status) const {
 }
 
 void ZrMinimalSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
+  // A status without a phrase may mean to a client that no body follows.
+  if (StatusPhrase(answer.status).empty()) answer.status = kInternalError;
   // The head of a program goes only with a body that has one; every answer gets its empty line, or
   // the client would take the body for more of the head.
   std::string programHead;
   if (answer.filePath.empty()) {
     if (answer.cgiHeadPending && answer.body) {
-      const std::size_t end = answer.body->Unread().find(kHeadEnd);
-      if (end != std::string_view::npos) {
-        // A program that begins with an empty line has ended its head with it: what follows is page
-        // for the client in any case, and has to be counted as such.
-        const bool noLines = answer.body->Unread().starts_with(kLineEnd);
-        programHead =
-            answer.body->Unread().substr(0, noLines ? kLineEnd.size() : end + kHeadEnd.size());
-        answer.body->Consume(programHead.size());
-      }
+      const std::string_view output = answer.body->Unread();
+      programHead = output.substr(0, zr::ProgramHeadSize(output));
+      answer.body->Consume(programHead.size());
     }
     answer.contentLength = answer.body ? answer.body->Size() : 0;
   }
@@ -101,5 +98,9 @@ void ZrMinimalSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) co
     zr::AppendText(out, answer.location);
     out.Append(kLineEnd);
   }
-  out.Append(answer.cgiHeadPending ? std::string_view(programHead) : kLineEnd);
+  if (answer.cgiHeadPending) {
+    zr::AppendProgramHead(out, programHead, answer.contentLength);
+  } else {
+    out.Append(kLineEnd);
+  }
 }

@@ -214,6 +214,47 @@ TEST(XHeader, WritesAnswers) {
   EXPECT_EQ(WrittenHead(*redirect),
             "HTTP/1.1 303 Redirect\r\n" + kServer +
                 "Content-Length: 0\r\nLocation: /nextSet-Cookie: forged\r\n\r\n");
+
+  // A client would not read the body of a 204.
+  const auto odd = Reader().head->MakeResponse();
+  odd->SetBodyText("hello");
+  odd->status = 204;
+  EXPECT_EQ(WrittenHead(*odd),
+            "HTTP/1.1 500 Internal Error\r\n" + kServer + "Content-Length: 5\r\n\r\n");
+}
+
+TEST(ProgramHead, IsTakenWhenItIsOne) {
+  struct Case {
+    const char* name;
+    std::string output;
+    const char* head;  // as written in front of the page
+    const char* page;
+  };
+  const Case cases[] = {
+      {"fields", "A: b\r\nC:d\r\n\r\npage\r\n\r\n", "A: b\r\nC:d\r\n\r\n", "page\r\n\r\n"},
+      {"no fields", "\r\npage\r\n\r\n", "\r\n", "page\r\n\r\n"},
+      {"nothing", "", "\r\n", ""},
+      {"line feeds", "A: b\n\npage\r\n\r\nmore", "\r\n", "A: b\n\npage\r\n\r\nmore"},
+      {"one line feed", "A: b\r\nC: d\nE: f\r\n\r\n", "\r\n", "A: b\r\nC: d\nE: f\r\n\r\n"},
+      {"an empty line feed", "A: b\r\n\npage\r\n\r\n", "\r\n", "A: b\r\n\npage\r\n\r\n"},
+      {"no field", "text\r\n\r\nmore", "\r\n", "text\r\n\r\nmore"},
+      {"folded", "A: b\r\n c\r\n\r\n", "\r\n", "A: b\r\n c\r\n\r\n"},
+      {"a lone CR", "A: b\rC: d\r\n\r\n", "\r\n", "A: b\rC: d\r\n\r\n"},
+      {"no end", "A: b\r\n", "\r\n", "A: b\r\n"},
+      {"other ends",
+       "content-LENGTH: 9\r\nA: b\r\nTransfer-Encoding: chunked\r\nContent-Length: 4\r\n\r\npage",
+       "A: b\r\nContent-Length: 4\r\n\r\n", "page"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto answer = Reader().head->MakeResponse();
+    answer->SetBodyText(c.output);
+    answer->cgiHeadPending = true;
+    const std::string page(c.page);
+    EXPECT_EQ(WrittenHead(*answer), "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: " +
+                                        std::to_string(page.size()) + "\r\n" + c.head);
+    EXPECT_EQ(answer->TakeBody()->Take(), page);
+  }
 }
 
 }  // namespace
