@@ -5,40 +5,13 @@
 #include <string_view>
 
 #include "base/number.h"
+#include "http/field_list.h"
 
 namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::uint64_t kLowestStatus = 100;
 constexpr std::uint64_t kHighestStatus = 999;
-
-bool EqualsIgnoringCase(std::string_view text, std::string_view lower) {
-  return std::equal(text.begin(), text.end(), lower.begin(), lower.end(), [](char a, char b) {
-    return (a >= 'A' && a <= 'Z' ? static_cast<char>(a | 0x20) : a) == b;
-  });
-}
-
-/// Calls `visit` with every element of a field's comma-separated values; answers whether it said
-/// yes to all of them.
-template <class Visit>
-bool AllElements(const ZrHeaderFields::Values& values, Visit visit) {
-  for (const std::string_view value : values) {
-    std::string_view rest = value;
-    for (;;) {
-      const std::size_t comma = rest.find(',');
-      if (!visit(rest.substr(0, comma))) return false;
-      if (comma == std::string_view::npos) break;
-      rest.remove_prefix(comma + 1);
-    }
-  }
-  return true;
-}
-
-bool HasElement(const ZrXHeader& head, std::string_view field, std::string_view lower) {
-  return !AllElements(head.headers[field], [lower](std::string_view element) {
-    return !EqualsIgnoringCase(element, lower);
-  });
-}
 
 /// Three digits in the first line.
 std::optional<std::uint64_t> StatusOf(const ZrXHeader& head) {
@@ -52,7 +25,7 @@ std::optional<std::uint64_t> StatusOf(const ZrXHeader& head) {
 /// The one length that all of the values give; nothing when they are no numbers or differ.
 std::optional<std::uint64_t> LengthOf(const ZrHeaderFields::Values& values) {
   std::optional<std::uint64_t> length;
-  const bool agree = AllElements(values, [&length](std::string_view element) {
+  const bool agree = zr::AllListElements(values, [&length](std::string_view element) {
     const auto number = zr::ParseDigits(element);
     if (!number || (length && *length != *number)) return false;
     length = number;
@@ -147,8 +120,9 @@ bool ZrAnswerReader::ChooseFraming(const ZrXHeader& head) {
   const ZrHeaderFields::Values codings = head.headers["transfer-encoding"];
   const ZrHeaderFields::Values lengths = head.headers["content-length"];
   const bool oldVersion = head.headers[zr::kFirstLine].front().ends_with("/1.0");
-  keepsConnection_ = !head.closeRequested && !HasElement(head, "connection", "close") &&
-                     (!oldVersion || HasElement(head, "connection", "keep-alive"));
+  keepsConnection_ = !head.closeRequested &&
+                     !zr::HasListElement(head.headers["connection"], "close") &&
+                     (!oldVersion || zr::HasListElement(head.headers["connection"], "keep-alive"));
   if (head.status == 204 || head.status == 304) {
     step_ = Step::kDone;
     return true;
@@ -156,7 +130,7 @@ bool ZrAnswerReader::ChooseFraming(const ZrXHeader& head) {
   if (!codings.empty()) {
     // Others than "chunked" were not asked for. With a length beside it, the two may disagree on
     // the end of the answer: the chunks tell it, and the connection is not used again.
-    if (codings.size() != 1 || !EqualsIgnoringCase(codings.front(), "chunked")) {
+    if (codings.size() != 1 || !zr::EqualsIgnoringCase(codings.front(), "chunked")) {
       Unreadable("the answer has an unknown transfer coding");
       return false;
     }

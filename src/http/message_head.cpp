@@ -1,9 +1,6 @@
 #include "http/message_head.h"
 
-#include <algorithm>
-#include <array>
 #include <cstdlib>
-#include <iterator>
 #include <utility>
 
 #include "http/response_head.h"
@@ -11,19 +8,6 @@
 #include "platform/clock.h"
 
 namespace {
-
-struct Reason {
-  std::uint64_t status;
-  std::string_view phrase;
-};
-constexpr std::array<Reason, 8> kReasons = {{{200, "OK"},
-                                             {201, "Created"},
-                                             {303, "Redirect"},
-                                             {400, "Bad Request"},
-                                             {404, "Not Found"},
-                                             {417, "Expectation Failed"},
-                                             {500, "Internal Error"},
-                                             {502, "Server Error"}}};
 
 // What IsReadyToSend() also takes for ready; nothing here sets it.
 constexpr std::uint32_t kStateAlmostComplete = 5;
@@ -35,13 +19,6 @@ constexpr std::int64_t kTicksPerMicrosecond = 10;
 std::string zr::BareHost(std::string_view host) {
   const bool bracketed = host.size() > 2 && host.starts_with('[') && host.ends_with(']');
   return std::string(bracketed ? host.substr(1, host.size() - 2) : host);
-}
-
-std::string_view zr::StatusReason(std::uint64_t status) {
-  for (const Reason& reason : kReasons) {
-    if (reason.status == status) return reason.phrase;
-  }
-  return {};
 }
 
 ZrXHeader::ZrXHeader(ZrMessageType type, std::uint32_t protocolKind)
@@ -68,6 +45,7 @@ bool ZrXHeader::HeadWritten() const {
 std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
   auto answer = zr::MakeJob<ZrXResponseHeader>(protocol, created);
   answer->kind = ZrMessageKind::kResponse;
+  answer->semantics = semantics;
   answer->path = path;
   answer->requestHeaders = headers;
   const ZrHeaderFields::Values words = headers[zr::kFirstLine];
@@ -79,7 +57,7 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
 }
 
 void ZrXHeader::SetStatus(std::uint64_t code) {
-  if (!zr::StatusReason(code).empty()) status = code;
+  if (!semantics->StatusPhrase(code).empty()) status = code;
 }
 
 void ZrXHeader::SetBodyText(std::string_view text) {

@@ -25,6 +25,7 @@
 #include "http/header_fields.h"
 #include "http/message_block.h"
 #include "http/protocol_kind.h"
+#include "http/semantics.h"
 #include "jobs/job.h"
 #include "platform/sync.h"
 
@@ -70,9 +71,6 @@ inline constexpr std::string_view kServerProduct = "velkoro/1.28.1(96)";
 /// The host as connecting and certificates name it: an IPv6 address without its brackets.
 std::string BareHost(std::string_view host);
 
-/// The reason phrase of a status, empty for one that is never written.
-std::string_view StatusReason(std::uint64_t status);
-
 }  // namespace zr
 
 /// A message with its fields, target, body and status. Held in shared ownership (zr::MakeJob).
@@ -103,6 +101,8 @@ class ZrXHeader : public ZrJob {
   ZrReadResult ReadHead(const std::function<bool(ZrXHeader&)>& callback);
   /// How the bytes in `body` compare with the declared length: fewer, more or as many.
   ZrReadResult BodyState() const;
+  /// Where received bytes are to be appended.
+  ZrStringBuf& Input() { return *body; }
 
   /// The answer to this request: kind, time, path, route (reversed), request fields and summary are
   /// taken over, the status is 500. The fields are shared, not copied.
@@ -146,6 +146,7 @@ class ZrXHeader : public ZrJob {
   std::size_t LineCount() const { return lineCount_; }
 
   // Who sent what.
+  const ZrSemantics* semantics = &ZrSemantics::Minimal();
   const std::uint32_t protocol;
   std::atomic<ZrMessageType> messageType;
   std::atomic<ZrMessageKind> kind{ZrMessageKind::kUnrecognised};
@@ -167,6 +168,8 @@ class ZrXHeader : public ZrJob {
   std::shared_ptr<const std::string> fileBytes;  // the whole file, where it is in memory already
   bool cgiHeadPending = false;                   // `body` begins with the head lines of a program
   bool closeRequested = false;                   // the "connection" field asks for "close"
+  bool endUncertain = false;             // nothing behind this message may be read as another one
+  std::unique_ptr<ZrStringBuf> surplus;  // received: what belongs to the next message; may be none
 
   // The answer.
   std::uint64_t status = 500;
@@ -201,19 +204,19 @@ class ZrXHeader : public ZrJob {
 
  private:
   void WriteRequestHead(ZrStringBuf& out);
-  void WriteResponseHead(ZrStringBuf& out);
   bool ParseHeadLine(std::string_view line);
   bool ParseFirstLine(std::string_view line);
   void ParseFieldLine(std::string_view line);
   void ParseTarget(std::string_view text);
-  ZrReadResult FinishHead();
+  bool FinishHead();
 
   bool headWritten_ ZR_GUARDED_BY(headLock) = false;
   std::shared_ptr<const ZrServerCallback_t> peerRecord_;  // none before SetPeerRecord()
 
   // The reader's place.
   bool inHead_ = true;
-  bool pastLimit_ = false;
+  bool rejected_ = false;
+  bool lengthDeclared_ = false;
   std::size_t lineCount_ = 0;
   std::size_t headBytes_ = 0;  // consumed by the head so far
   std::size_t scanned_ = 0;    // unread bytes that were searched for the end of a line in vain

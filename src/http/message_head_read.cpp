@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "base/number.h"
+#include "http/field_list.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
 
@@ -51,7 +53,7 @@ bool TakeWord(std::string_view& line, std::string& word) {
 }  // namespace
 
 ZrReadResult ZrXHeader::ReadHead(const std::function<bool(ZrXHeader&)>& callback) {
-  if (pastLimit_) return ZrReadResult::kRejected;
+  if (rejected_) return ZrReadResult::kRejected;
   while (inHead_) {
     const std::string_view unread = body ? body->Unread() : std::string_view();
     const std::size_t end = unread.find(kLineEnd, scanned_);
@@ -60,7 +62,7 @@ ZrReadResult ZrXHeader::ReadHead(const std::function<bool(ZrXHeader&)>& callback
     // What is unread belongs to the head as long as its line has no end.
     if (headBytes_ + lineBytes > zr::kMaxHeadBytes ||
         (ended && end != 0 && lineCount_ == zr::kMaxHeadLines)) {
-      pastLimit_ = true;
+      rejected_ = true;
       return ZrReadResult::kRejected;
     }
     if (!ended) {
@@ -72,18 +74,38 @@ ZrReadResult ZrXHeader::ReadHead(const std::function<bool(ZrXHeader&)>& callback
     body->Consume(lineBytes);
     headBytes_ += lineBytes;
     scanned_ = 0;
-    if (end == 0 && !callback(*this)) return ZrReadResult::kRejected;
+    if (inHead_) continue;
+    const bool framed = FinishHead();
+    const bool wanted = end != 0 || callback(*this);
+    rejected_ = !framed || !wanted;
+    if (rejected_) return ZrReadResult::kRejected;
   }
-  return FinishHead();
+  return lengthDeclared_ ? BodyState() : ZrReadResult::kComplete;
 }
 
-ZrReadResult ZrXHeader::FinishHead() {
+// Where the message ends. A request whose end others on its way may see elsewhere is no request: in
+// what one of them takes for its body, a stranger could send another one in somebody's name.
+bool ZrXHeader::FinishHead() {
   if (headers.First("connection").find("close") != std::string_view::npos) closeRequested = true;
   const ZrHeaderFields::Values lengths = headers["content-length"];
-  if (lengths.empty()) return ZrReadResult::kComplete;
-  declaredLength = zr::ParseDigits(lengths.front()).value_or(0);
-  if (declaredLength > zr::kMaxBodyBytes) return ZrReadResult::kRejected;
-  return BodyState();
+  lengthDeclared_ = !lengths.empty();
+  if (kind != ZrMessageKind::kRequest) {
+    if (lengthDeclared_) declaredLength = zr::ParseDigits(lengths.front()).value_or(0);
+    return declaredLength <= zr::kMaxBodyBytes;
+  }
+  if (headers.contains("transfer-encoding")) return false;
+  // The body of a request without a length is what has arrived; its rest may still be on its way.
+  endUncertain = !lengthDeclared_ && messageType != ZrMessageType::kGet;
+  std::optional<std::uint64_t> agreed;
+  const bool agree = zr::AllListElements(lengths, [this, &agreed](std::string_view element) {
+    const std::optional<std::uint64_t> digits = zr::ParseDigits(element);
+    endUncertain = endUncertain || !digits;
+    const std::uint64_t length = digits.value_or(0);
+    if (!agreed) agreed = length;
+    return *agreed == length;
+  });
+  declaredLength = agreed.value_or(0);
+  return agree && declaredLength <= zr::kMaxBodyBytes;
 }
 
 ZrReadResult ZrXHeader::BodyState() const {

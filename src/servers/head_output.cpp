@@ -32,12 +32,22 @@ std::unique_ptr<ZrStringBuf> CopyOf(const std::unique_ptr<ZrStringBuf>& body) {
   return copy;
 }
 
+// What stood behind a head that announces no body would be read as the next message.
+bool SendsBody(const ZrXHeader& head) {
+  if (head.kind == ZrMessageKind::kRequest) return head.messageType == ZrMessageType::kPost;
+  return head.semantics->SendsBody(head);
+}
+
 }  // namespace
 
 std::uint64_t zr::QueueMessage(ZrTransceiverConnection& connection, ZrXHeader& head) {
   auto out = std::make_unique<ZrStringBuf>();
   if (!head.WriteHead(*out)) return out->Size();
   const std::uint64_t headSize = out->Size();
+  if (!SendsBody(head)) {
+    connection.SendBuffer(out);
+    return headSize;
+  }
   if (head.filePath.empty()) {
     // A request may have to be sent again.
     std::unique_ptr<ZrStringBuf> body =

@@ -9,19 +9,6 @@
 #include "transceiver/message_handler.h"
 #include "transceiver/transceiver.h"
 
-namespace {
-
-// Such bytes begin no message whatever follows, and the end of their line may never come: a peer
-// that speaks TLS to a plain port waits for an answer to them.
-bool BeginsNoMessage(const ZrXHeader& head) {
-  const std::string_view bytes = head.body->Unread();
-  if (!head.InHead() || head.LineCount() > 0 || bytes.empty()) return false;
-  const char first = bytes.front();
-  return static_cast<unsigned char>(first) < 0x20 && first != '\t' && first != '\r';
-}
-
-}  // namespace
-
 // A closed connection goes through the queue like its bytes do: its message is dropped behind the
 // last item that may still work on it.
 bool ZrTransceiverServerL1HTTP::ReceiveEvent(const ZrJobEvent& event) {
@@ -74,39 +61,40 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
                                          const HandlerPointer& client) {
   const std::shared_ptr<ZrXHeader> head = MessageOf(connection, client);
   if (!head) return false;
-  ZrReadResult result = ZrReadResult::kIncomplete;
+  ZrReadStep step = ZrReadStep::kClose;
   {
     ZrLock hold(head->Lock());
-    connection->TakeReceived(*head->body);
-    result = head->ReadHead([&client](ZrXHeader& read) { return client->OnHeadComplete(read); });
+    connection->TakeReceived(head->Input());
+    step = head->semantics->Read(
+        *head, [&client](ZrXHeader& read) { return client->OnHeadComplete(read); });
   }
-  if (BeginsNoMessage(*head)) result = ZrReadResult::kRejected;
-  if (result == ZrReadResult::kIncomplete && head->InHead()) {
+  if (step == ZrReadStep::kHead) {
     connection->BeginHead();
     return false;
   }
   connection->EndHead();
-  if (result == ZrReadResult::kIncomplete) return false;
-  // Neither garbage nor an answer that nobody asked for is replied to.
-  const ZrMessageKind kind = head->kind;
-  if (result == ZrReadResult::kRejected || kind != ZrMessageKind::kRequest) {
-    DropMessage(connection->JobName());
-    connection->CloseAfterItem();
-    return false;
+  switch (step) {
+    case ZrReadStep::kComplete:
+      return HandOut(transceiver, connection, client, head);
+    case ZrReadStep::kClose:
+      DropMessage(connection->JobName());
+      connection->CloseAfterItem();
+      return false;
+    case ZrReadStep::kHead:
+    case ZrReadStep::kBody:
+    case ZrReadStep::kContinue:
+      return false;
   }
-  return HandOut(transceiver, connection, client, head);
+  return false;
 }
 
 bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,
                                         const ConnectionPointer& connection,
                                         const HandlerPointer& client,
                                         const std::shared_ptr<ZrXHeader>& head) {
-  // What follows a request that announces no body is the next request.
-  if (head->messageType == ZrMessageType::kGet && !head->headers.contains("content-length")) {
-    connection->PutBack(*head->body);
-  }
+  if (head->surplus) connection->PutBack(*head->surplus);
   // Asked for before the answer can be on its way, which ends the turn.
-  if (head->closeRequested) connection->CloseAfterItem();
+  if (head->closeRequested || head->endUncertain) connection->CloseAfterItem();
   if (client->HandleMessage(HeadName(), head) == 0) {
     DropMessage(connection->JobName());
     connection->CloseAfterItem();

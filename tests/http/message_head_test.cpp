@@ -40,7 +40,8 @@ class Reader {
     for (const auto& [name, block] : head->queryFields) {
       out << " {" << name << "=" << block->Text() << "}";
     }
-    out << (head->closeRequested ? " close" : "") << (callbacks == 1 ? "" : " uncalled");
+    out << (head->closeRequested ? " close" : "") << (head->endUncertain ? " last" : "")
+        << (callbacks == 1 ? "" : " uncalled");
     EXPECT_LE(callbacks, 1);
     if (!head->body->Empty()) out << " body=" << head->body->Unread();
     out << " -> " << static_cast<int>(result);
@@ -63,7 +64,8 @@ struct ReadCase {
 const ReadCase kReadCases[] = {
     {"lower-case request line", "get /a?x=1 http/1.1\r\n\r\n",
      "21 GET|/a?x=1|HTTP/1.1 path=/a query=x=1 {x=1} -> 2"},
-    {"a POST has no query", "POST /a?x=1 HTTP/1.1\r\n\r\n", "22 POST|/a?x=1|HTTP/1.1 path=/a -> 2"},
+    {"a POST has no query", "POST /a?x=1 HTTP/1.1\r\n\r\n",
+     "22 POST|/a?x=1|HTTP/1.1 path=/a last -> 2"},
     {"query decoding", "GET /?q=a+b&%41%zz=%2&skip&=v&q=c? HTTP/1.1\r\n\r\n",
      "21 GET|/?q=a+b&%41%zz=%2&skip&=v&q=c?|HTTP/1.1 path=/ query=q=a+b&%41%zz=%2&skip&=v&q=c? "
      "{A%zz=%2} {q=c?} -> 2"},
@@ -93,11 +95,21 @@ const ReadCase kReadCases[] = {
      "22 POST|/|X [content-length=4] body=abc -> 0"},
     {"body too long", "POST / x\r\nContent-Length: 2\r\n\r\nabc",
      "22 POST|/|X [content-length=2] body=abc -> 1"},
-    {"body of no declared length", "POST / x\r\n\r\nabc", "22 POST|/|X body=abc -> 2"},
+    {"body of no declared length", "POST / x\r\n\r\nabc", "22 POST|/|X last body=abc -> 2"},
     {"a length that is no number is 0", "POST / x\r\nContent-Length: +3\r\n\r\nabc",
-     "22 POST|/|X [content-length=+3] body=abc -> 1"},
+     "22 POST|/|X [content-length=+3] last body=abc -> 1"},
     {"a length that is too large is 0", "POST / x\r\nContent-Length: 18446744073709551616\r\n\r\n",
-     "22 POST|/|X [content-length=18446744073709551616] -> 2"},
+     "22 POST|/|X [content-length=18446744073709551616] last -> 2"},
+    {"lengths that agree", "POST / x\r\nContent-Length: 3, 03\r\nContent-Length: 3\r\n\r\nabc",
+     "22 POST|/|X [content-length=3,03] [content-length=3] body=abc -> 2"},
+    {"a list that differs", "POST / x\r\nContent-Length: 3,4\r\n\r\n",
+     "22 POST|/|X [content-length=3,4] -> 1"},
+    {"fields that differ", "GET / x\r\nContent-Length: 0\r\nContent-Length: 5\r\n\r\n",
+     "21 GET|/|X [content-length=0] [content-length=5] -> 1"},
+    {"a length and none", "GET / x\r\nContent-Length: 5,\r\n\r\n",
+     "21 GET|/|X [content-length=5,] last -> 1"},
+    {"a transfer coding", "GET / x\r\nTransfer -Encoding\t: :identity\r\n\r\n",
+     "21 GET|/|X [transfer-encoding=identity] -> 1"},
     {"end missing", "GET / HTTP/1.1\r\nA: b\r\n\r",
      "21 GET|/|HTTP/1.1 [a=b] uncalled body=\r -> 0"},
 };
@@ -202,6 +214,47 @@ TEST(XHeader, WritesAnswers) {
   EXPECT_EQ(WrittenHead(*redirect),
             "HTTP/1.1 303 Redirect\r\n" + kServer +
                 "Content-Length: 0\r\nLocation: /nextSet-Cookie: forged\r\n\r\n");
+
+  // A client would not read the body of a 204.
+  const auto odd = Reader().head->MakeResponse();
+  odd->SetBodyText("hello");
+  odd->status = 204;
+  EXPECT_EQ(WrittenHead(*odd),
+            "HTTP/1.1 500 Internal Error\r\n" + kServer + "Content-Length: 5\r\n\r\n");
+}
+
+TEST(ProgramHead, IsTakenWhenItIsOne) {
+  struct Case {
+    const char* name;
+    std::string output;
+    const char* head;  // as written in front of the page
+    const char* page;
+  };
+  const Case cases[] = {
+      {"fields", "A: b\r\nC:d\r\n\r\npage\r\n\r\n", "A: b\r\nC:d\r\n\r\n", "page\r\n\r\n"},
+      {"no fields", "\r\npage\r\n\r\n", "\r\n", "page\r\n\r\n"},
+      {"nothing", "", "\r\n", ""},
+      {"line feeds", "A: b\n\npage\r\n\r\nmore", "\r\n", "A: b\n\npage\r\n\r\nmore"},
+      {"one line feed", "A: b\r\nC: d\nE: f\r\n\r\n", "\r\n", "A: b\r\nC: d\nE: f\r\n\r\n"},
+      {"an empty line feed", "A: b\r\n\npage\r\n\r\n", "\r\n", "A: b\r\n\npage\r\n\r\n"},
+      {"no field", "text\r\n\r\nmore", "\r\n", "text\r\n\r\nmore"},
+      {"folded", "A: b\r\n c\r\n\r\n", "\r\n", "A: b\r\n c\r\n\r\n"},
+      {"a lone CR", "A: b\rC: d\r\n\r\n", "\r\n", "A: b\rC: d\r\n\r\n"},
+      {"no end", "A: b\r\n", "\r\n", "A: b\r\n"},
+      {"other ends",
+       "content-LENGTH: 9\r\nA: b\r\nTransfer-Encoding: chunked\r\nContent-Length: 4\r\n\r\npage",
+       "A: b\r\nContent-Length: 4\r\n\r\n", "page"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto answer = Reader().head->MakeResponse();
+    answer->SetBodyText(c.output);
+    answer->cgiHeadPending = true;
+    const std::string page(c.page);
+    EXPECT_EQ(WrittenHead(*answer), "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: " +
+                                        std::to_string(page.size()) + "\r\n" + c.head);
+    EXPECT_EQ(answer->TakeBody()->Take(), page);
+  }
 }
 
 }  // namespace

@@ -104,6 +104,11 @@ TEST(Http, EndsConnectionsAsTheRequestAsks) {
       {"a handler that throws", "GET /throw HTTP/1.1\r\n\r\n", false, ""},
       {"a handler that refuses", "GET /refuse HTTP/1.1\r\n\r\n", false, ""},
       {"more than declared", "POST /a HTTP/1.1\r\nContent-Length: 1\r\n\r\nxyz", false, ""},
+      {"a transfer coding",
+       "POST /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\nGET /never HTTP/1.1\r\n\r\n",
+       false, ""},
+      {"lengths that differ", "GET /a HTTP/1.1\r\nContent-Length: 0\r\nContent-Length: 5\r\n\r\n",
+       false, ""},
   };
   ServerBed bed;
   bed.onMessage = [](ServerBed& self, const ServerBed::Message& message) -> int {
@@ -127,6 +132,32 @@ TEST(Http, EndsConnectionsAsTheRequestAsks) {
         [&] { return bed.Records(ZrServerCallback_t::kMessageLogged).size() == logged + more; }));
   }
   EXPECT_TRUE(bed.WaitForConnections(0));
+}
+
+// What comes behind a request whose end nobody can know is never another one.
+TEST(Http, ReadsNothingBehindARequestWithoutALength) {
+  ServerBed bed;
+  ServerBed::Message held;
+  std::atomic<int> handled = 0;
+  bed.onMessage = [&](ServerBed&, const ServerBed::Message& message) {
+    held = message;
+    ++handled;
+    return 1;
+  };
+  const int port = bed.Open(zr::kProtocolHttp);
+  for (const char* length : {"", "Content-Length: +1\r\n"}) {
+    SCOPED_TRACE(length);
+    handled = 0;
+    RawClient client(port);
+    client.Send("POST /a HTTP/1.1\r\n" + std::string(length) + "\r\n");
+    ASSERT_TRUE(WaitFor([&] { return handled == 1; }));
+    const auto connection = bed.transceiver.FindConnection(held->route[0]);
+    client.Send(kGetA);
+    ASSERT_TRUE(WaitFor([&] { return connection->HasReceived(); }));
+    bed.Answer(*std::exchange(held, nullptr), "first");
+    EXPECT_EQ(client.ReadToEnd(), Answer("first"));
+    EXPECT_EQ(handled, 1);
+  }
 }
 
 // Plain and with TLS.
