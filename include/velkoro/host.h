@@ -23,8 +23,8 @@
 /// Throws an exception derived from std::exception when an argument is null ("options are missing",
 /// "keys are missing") or the server cannot be made, for example "(SSL) problem with SSL key pair";
 /// nothing is left running then. A port that is taken is no exception: the server keeps trying, and
-/// ServerPort() stays 0. Several servers may run at once. Call it from any thread, in a child
-/// process only if the parent had not started a server before the fork.
+/// ServerPort() stays 0. Several servers may run at once. Call it from any thread; in a
+/// child process only if the parent had not started a server before the fork, else it throws.
 VELKORO_EXPORT void* StartHTTPServer(const char* address, int port, const char* startPath,
                                      const char* cgiBinPath, const char* caCertificate,
                                      const char* privateKey);
@@ -35,6 +35,8 @@ VELKORO_EXPORT int ServerPort(void* server);
 
 /// Stops the server, closes its connections and frees the handle. Answers 0, also for a null
 /// handle. Returns when no thread of the server runs any more. Call it once, from a thread of the
-/// host's. A host may exit without it; one that has used OpenSSL itself before the first server was
-/// started must stop them all, or OpenSSL's clean-up at exit meets threads that still use it.
+/// host's. The library stays loaded until then, whatever dlclose() is told. A child process of the
+/// host's has no server: this does nothing there. A host may exit without it, and so may its child;
+/// one that has used OpenSSL itself before the first server was started must stop them all, or
+/// OpenSSL's clean-up at exit meets threads that still use it.
 VELKORO_EXPORT int StopHTTPserver(void* server);

@@ -11,6 +11,8 @@
 #include "host/server_handle.h"
 #include "http/protocol_kind.h"
 #include "jobs/job_registry.h"
+#include "platform/library.h"
+#include "platform/thread.h"
 #include "velkoro/host.h"
 
 namespace {
@@ -24,6 +26,18 @@ int PortNumber(int port) {
   return port == std::numeric_limits<int>::min() ? std::numeric_limits<int>::max() : std::abs(port);
 }
 
+/// Ends the server and frees the handle; returns its reference to the library. In a forked child
+/// there is no server, and nothing that could end it.
+void* EndServer(void* server) {
+  if (server == nullptr || zr::IsForkOfThreads()) return nullptr;
+  const std::unique_ptr<ZrServerHandle> handle(static_cast<ZrServerHandle*>(server));
+  handle->application->beforeStop();
+  handle->application.reset();
+  // A thread of the jobs may still be destroying what was dropped by an event.
+  ZrJobRegistry::Instance().WaitForReaper();
+  return handle->library;
+}
+
 }  // namespace
 
 void* StartHTTPServer(const char* address, int port, const char* startPath, const char* cgiBinPath,
@@ -33,6 +47,9 @@ void* StartHTTPServer(const char* address, int port, const char* startPath, cons
   }
   if (caCertificate == nullptr || privateKey == nullptr) {
     throw ZrException("keys are missing", 31, "src");
+  }
+  if (zr::IsForkOfThreads()) {
+    throw ZrException("a server was started before the fork", __LINE__, "src");
   }
   // A start that fails below leaves nothing behind: the handle owns all of it.
   auto handle = std::make_unique<ZrServerHandle>();
@@ -53,6 +70,7 @@ void* StartHTTPServer(const char* address, int port, const char* startPath, cons
       std::make_unique<ZrQuarnApplication2>(&handle->storage, std::move(servers), handle->options);
   handle->application->afterCreate();
   handle->application->startServers();
+  handle->library = zr::HoldLibrary();
   return handle.release();
 }
 
@@ -69,13 +87,7 @@ int ServerPort(void* server) {
   }
 }
 
-int StopHTTPserver(void* server) {
-  if (server != nullptr) {
-    const std::unique_ptr<ZrServerHandle> handle(static_cast<ZrServerHandle*>(server));
-    handle->application->beforeStop();
-    handle->application.reset();
-    // A thread of the jobs may still be destroying what was dropped by an event.
-    ZrJobRegistry::Instance().WaitForReaper();
-  }
-  return 0;
+ZR_ENDS_IN_CALL int StopHTTPserver(void* server) {
+  void* const library = EndServer(server);
+  ZR_LAST_CALL return zr::ReleaseLibrary(library);
 }

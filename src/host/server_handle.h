@@ -12,4 +12,5 @@ struct ZrServerHandle {
   ZrPersistentAppStorage storage;
   std::unique_ptr<ZrQuarnApplication2> application;  // none until it is built
   ZrOptionMap options;
+  void* library = nullptr;  // the reference that keeps this code loaded
 };

@@ -8,8 +8,9 @@
 
 // How jobs end, and how the registry does.
 
-/// Ends the registry's threads when the library is unloaded or the process exits. The registry
-/// itself is not destroyed: at exit the host's threads may still be calling it.
+/// Ends the registry's threads when the library is unloaded or the process exits, but not in a
+/// forked child, which has none of them and may have the lock from a thread that it has not either.
+/// The registry itself is not destroyed: at exit the host's threads may still be calling it.
 struct ZrJobRegistry::Holder {
   alignas(ZrJobRegistry) static inline unsigned char storage[sizeof(ZrJobRegistry)];
   static ZrJobRegistry& Registry() {
@@ -17,7 +18,9 @@ struct ZrJobRegistry::Holder {
   }
 
   Holder() { new (storage) ZrJobRegistry; }
-  ~Holder() { Registry().Shutdown(); }
+  ~Holder() {
+    if (!zr::IsForkOfThreads()) Registry().Shutdown();
+  }
   Holder(const Holder&) = delete;
   Holder& operator=(const Holder&) = delete;
 };

@@ -2,7 +2,10 @@
 
 #include <cstdlib>
 
+#include "platform/thread.h"
+
 zr::SpareChunks::~SpareChunks() {
+  if (IsForkOfThreads()) return;  // the lock may be held for ever
   ZrLock hold(lock_);
   closed_ = true;
   while (count_ > 0) std::free(chunks_[--count_]);

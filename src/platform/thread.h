@@ -31,3 +31,13 @@ class ZrThread {
  private:
   std::thread thread_;
 };
+
+namespace zr {
+
+/// Whether this process was forked from one in which the library had started threads. They are not
+/// here, and what they held at that moment, locks above all, stays held for ever: what ends
+/// something at the exit of the process or the end of the library asks this first, and then leaves
+/// everything as it is.
+bool IsForkOfThreads() noexcept;
+
+}  // namespace zr

@@ -92,6 +92,27 @@ TEST(Host, StartsServesStopsAndUnloads) {
   EXPECT_TRUE(WaitFor([&] { return ThreadCount() == threads; }));
 }
 
+TEST(Host, StaysLoadedWhileAHandleExists) {
+  for (int round = 0; round < 20; ++round) {
+    void* first = nullptr;
+    void* second = nullptr;
+    int port = 0;
+    int (*stop)(void*) = nullptr;
+    {
+      const Library library;
+      first = library.Start();
+      second = library.Start();
+      port = library.port(second);
+      stop = library.stop;
+    }
+    EXPECT_EQ(StatusOf(port), "404");
+    EXPECT_EQ(stop(first), 0);
+    EXPECT_EQ(StatusOf(port), "404");
+    EXPECT_EQ(stop(second), 0);  // takes the library with it
+    EXPECT_EQ(dlopen(VELKORO_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr);
+  }
+}
+
 TEST(Host, StopsUnderLoadAHundredTimes) {
   const Library library;
   for (int round = 0; round < 100; ++round) {
@@ -151,6 +172,48 @@ TEST(Host, StartsInAChildOfTheProcessThatLoadedIt) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
+/// A thread that breaks off handshakes until the process ends.
+void LoadForEver(int port, std::atomic<int>& turns) {
+  std::thread([&turns, port] {
+    for (;; ++turns) RawClient(port).Send("\x16\x03\x01\x02");
+  }).detach();
+}
+
+// Whatever another thread holds at the moment of the fork stays held in the child for ever.
+TEST(HostDeathTest, AForkedChildMayExit) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  const auto forkUnderLoad = [] {
+    static const auto* const library = new Library;
+    static void* const handle = library->Start();
+    const int port = library->port(handle);
+    std::atomic<int> turns = 0;
+    LoadForEver(port, turns);
+    LoadForEver(port, turns);
+    const BackgroundProgram curl(
+        CurlWords({"--parallel", "-o", "/dev/null",
+                   "https://127.0.0.1:" + std::to_string(port) + "/[1-100000000]"}));
+    WaitFor([&turns] { return turns >= 20; });
+    fflush(nullptr);  // an exit would write it once more
+    int failures = 0;
+    for (int i = 0; i < 400 && failures == 0; ++i) {
+      const pid_t child = fork();
+      if (child == 0) {
+        // A host may stop what it holds on its way out.
+        if (i % 2 == 0 && library->stop(handle) != 0) _exit(1);
+        std::exit(0);
+      }
+      int status = -1;
+      if (!WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; })) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+      }
+      failures += status == 0 ? 0 : 1;
+    }
+    std::_Exit(failures == 0 && RawClient(port).Connected() ? 7 : 8);
+  };
+  EXPECT_EXIT(forkUnderLoad(), testing::ExitedWithCode(7), "");
+}
+
 TEST(HostDeathTest, MayExitWithoutAStop) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   const auto exitUnderLoad = [] {
@@ -158,11 +221,8 @@ TEST(HostDeathTest, MayExitWithoutAStop) {
     static void* const handle = library->Start();    // never stopped
     const int port = library->port(handle);
     std::atomic<int> turns = 0;
-    for (int i = 0; i < 2; ++i) {
-      std::thread([&turns, port] {
-        for (;; ++turns) RawClient(port).Send("\x16\x03\x01\x02");
-      }).detach();
-    }
+    LoadForEver(port, turns);
+    LoadForEver(port, turns);
     std::exit(WaitFor([&turns] { return turns >= 200; }) && StatusOf(port) == "404" ? 7 : 8);
   };
   EXPECT_EXIT(exitUnderLoad(), testing::ExitedWithCode(7), "");

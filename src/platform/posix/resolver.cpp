@@ -2,9 +2,7 @@
 // its own, and a caller that gives up leaves that thread behind. The thread owns all that it works
 // with; but the code that it returns to must not be unloaded, so from then on this library stays.
 
-#include <dlfcn.h>
 #include <errno.h>
-#include <link.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <string.h>
@@ -15,6 +13,7 @@
 #include <optional>
 #include <system_error>
 
+#include "platform/library.h"
 #include "platform/socket.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
@@ -78,18 +77,6 @@ std::optional<ZrResolution> WaitFor(Lookup& lookup, milliseconds limit,
     }
     if ((bounded && steady_clock::now() >= deadline) || (cancelled && cancelled())) return {};
   }
-}
-
-// No: it cannot be brought about.
-bool StayLoaded() noexcept {
-  Dl_info place{};
-  link_map* map = nullptr;
-  if (::dladdr1(reinterpret_cast<const void*>(&StayLoaded), &place, reinterpret_cast<void**>(&map),
-                RTLD_DL_LINKMAP) == 0) {
-    return false;
-  }
-  const bool program = map->l_name == nullptr || *map->l_name == '\0';
-  return program || ::dlopen(map->l_name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
 }
 
 }  // namespace

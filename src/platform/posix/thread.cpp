@@ -2,12 +2,17 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <utility>
 
 namespace {
+
+// The process in which the first thread was started; none at first.
+std::atomic<pid_t> processOfThreads{0};
 
 // Signals that a faulting instruction raises stay open: blocked, they would kill without a trace.
 // SIGPROF stays open for profilers.
@@ -50,6 +55,8 @@ void RunBody(const std::string& name, const std::function<void()>& body) noexcep
 
 ZrThread ZrThread::Start(const char* name, std::function<void()> body) {
   const SignalsBlocked blocked;
+  pid_t none = 0;
+  processOfThreads.compare_exchange_strong(none, ::getpid());
   ZrThread started;
   started.thread_ =
       std::thread([label = std::string(name), run = std::move(body)] { RunBody(label, run); });
@@ -71,4 +78,9 @@ void ZrThread::Join() noexcept {
   } else {
     thread_.join();
   }
+}
+
+bool zr::IsForkOfThreads() noexcept {
+  const pid_t process = processOfThreads;
+  return process != 0 && process != ::getpid();
 }
