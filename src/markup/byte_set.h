@@ -27,6 +27,7 @@ class ByteSet {
     for (std::size_t i = 0; i < has_.size(); ++i) inverted.has_[i] = !has_[i];
     return inverted;
   }
+  friend constexpr bool operator==(const ByteSet&, const ByteSet&) = default;
   constexpr bool Has(char c) const { return has_[static_cast<unsigned char>(c)]; }
   /// For what a Peek() answers: the end of input is in no set.
   constexpr bool Has(int peeked) const {

@@ -46,6 +46,19 @@ std::size_t ZrDTDElementReader::ReadBlock(char* to, std::size_t) {
   return 1;
 }
 
+void ZrDTDElementReader::KeepValues() {
+  std::size_t size = 0;
+  for (const AttributeRecord& record : attributes_) size += record.value.size();
+  if (size == 0) return;
+  auto kept = std::make_unique<char[]>(size);
+  char* to = kept.get();
+  for (AttributeRecord& record : attributes_) {
+    record.value = std::string_view(to, record.value.copy(to, record.value.size()));
+    to += record.value.size();
+  }
+  keptValues_ = std::move(kept);
+}
+
 void ZrDTDElementReader::AddDTD(std::unique_ptr<ZrDTD> dtd) {
   const std::string& name = dtd->Name().str();
   if (!dtds_.try_emplace(name, std::move(dtd)).second) {

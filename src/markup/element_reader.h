@@ -28,7 +28,7 @@
 /// Abstract reader. Not locked; lives for one parse on one thread.
 class ZrDTDElementReader {
  public:
-  /// One attribute of the tag recognised last; name and value are good until the next tag is tried.
+  /// One attribute of the tag recognised last.
   struct AttributeRecord {
     ZrNameView name;
     std::string_view value;
@@ -68,45 +68,8 @@ class ZrDTDElementReader {
   /// The next byte, which stays unread; -1 at the end.
   int PeekUnread() { return HasUnread() || More() ? window_.At(0) : -1; }
 
-  /// What the source has delivered and no state has consumed; good until a byte is asked for.
-  std::string_view Unread() const { return {window_.data(), window_.Unread()}; }
-  /// Ends an attempt that was made on Unread(): so many bytes are consumed, so many line feeds were
-  /// taken.
-  void Settle(std::size_t consumed, std::uint64_t lineFeeds) {
-    line_ += lineFeeds;
-    window_.Consume(consumed);
-  }
   /// The byte behind it when the source has delivered it already, else -1.
   int SecondUnread() const { return window_.Unread() > 1 ? window_.At(1) : -1; }
-
-  /// What ReadTransaction::TakeRun() and TakeWhitespace() do, for a state whose token is nothing
-  /// else, and consumed at once. Empty when the run may not end in what the source has delivered so
-  /// far.
-  std::string_view ConsumeRun(const zr::ByteSet& set) {
-    std::size_t count = 0;
-    const char* const first = window_.data();
-    for (const std::size_t available = window_.Unread(); count < available; ++count) {
-      if (set.Has(first[count])) continue;
-      window_.Consume(count);
-      return std::string_view(first, count);
-    }
-    return {};
-  }
-  std::string_view ConsumeWhitespace() {
-    std::size_t count = 0;
-    std::uint64_t lineFeeds = 0;
-    const char* const first = window_.data();
-    for (const std::size_t available = window_.Unread(); count < available; ++count) {
-      if (zr::kWhitespace.Has(first[count])) {
-        lineFeeds += first[count] == '\n';
-        continue;
-      }
-      line_ += lineFeeds;
-      window_.Consume(count);
-      return std::string_view(first, count);
-    }
-    return {};
-  }
 
   /// The attributes of the tag recognised last, in order; good until the next tag is tried.
   std::span<const AttributeRecord> Attributes() const { return attributes_; }
@@ -137,15 +100,20 @@ class ZrDTDElementReader {
 
   // Asks the source for more bytes behind the unread ones; false at the end.
   bool More() {
+    if (window_.IsFull() && !attributes_.empty()) KeepValues();
     char* const room = window_.MakeRoom();
     const std::size_t count = ReadBlock(room, window_.Room());
     window_.Filled(count);
     return count != 0;
   }
 
+  // The values of the attributes lie in the window, which is about to move.
+  void KeepValues();
+
   std::uint64_t line_ = 1;
   ZrReadWindow window_;
   std::vector<AttributeRecord> attributes_;
+  std::unique_ptr<char[]> keptValues_;  // of the attributes, once the window moved
   zr::NodePool pool_;
   ZrNameTable names_;
   ZrXMLContentSplitter splitter_;

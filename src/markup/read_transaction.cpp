@@ -3,38 +3,59 @@
 #include <algorithm>
 #include <iostream>
 
+bool ReadTransaction::More() {
+  const std::size_t next = Offset(next_);
+  const std::size_t furthest = Offset(furthest_);
+  const bool more = reader_.More();
+  Rebase(next, furthest);
+  return more;
+}
+
 int ReadTransaction::Get(bool endAllowed) {
   const int byte = Peek();
   if (byte >= 0) {
-    AdvanceCounting(1);
+    AdvanceCounting(next_ + 1);
     return byte;
   }
   if (!endAllowed) {
     std::cerr << "reading EOF is an error! ---> will become an exception\n";
   }
+  const std::size_t next = Offset(next_);
+  const std::size_t furthest = Offset(furthest_);
   *window().MakeRoom() = static_cast<char>(byte);
   window().Filled(1);
-  Advance(1);
+  Rebase(next, furthest);
+  AdvanceTo(next_ + 1);
   return byte;
 }
 
 void ReadTransaction::GiveBack(std::size_t count) {
-  if (count > position_) {
+  if (count > Offset(next_)) {
     std::cerr << "error! can't give more back than read---> will become an exception... "
-              << position_ << " vs. " << count << '\n';
+              << Offset(next_) << " vs. " << count << '\n';
     return;
   }
-  position_ -= count;
+  next_ -= count;
 }
 
-void ReadTransaction::AdvanceCounting(std::size_t count) {
-  const std::size_t end = position_ + count;
-  if (end > taken_) {
-    const std::size_t first = std::max(position_, taken_);
-    lineFeeds_ += zr::CountLineFeeds(std::string_view(window().data() + first, end - first));
-    taken_ = end;
+void ReadTransaction::AdvanceCounting(const char* place) {
+  if (place > furthest_) {
+    const char* const first = std::max(next_, furthest_);
+    lineFeeds_ +=
+        zr::CountLineFeeds(std::string_view(first, static_cast<std::size_t>(place - first)));
+    furthest_ = place;
   }
-  position_ = end;
+  next_ = place;
+}
+
+std::string_view ReadTransaction::TakeLines(const zr::ByteSet& set) {
+  const std::size_t start = Offset(next_);
+  do {
+    const char* p = next_;
+    while (p != end_ && set.Has(*p)) ++p;
+    AdvanceCounting(p);
+  } while (next_ == end_ && More());
+  return From(start);
 }
 
 namespace {
@@ -55,19 +76,19 @@ std::size_t FindDelimiter(std::string_view text, std::string_view delimiter, std
 
 std::optional<std::string_view> ReadTransaction::TakeThrough(std::string_view delimiter) {
   const std::size_t lead = delimiter.size() - 1;
-  std::size_t from = window().KnownFree(delimiter, position_);
+  const std::size_t start = Offset(next_);
+  std::size_t from = window().KnownFree(delimiter, start);
   for (;;) {
-    const std::string_view unread(window().data(), window().Unread());
+    const std::string_view unread(first_, Offset(end_));
     const std::size_t found = FindDelimiter(unread, delimiter, from);
     if (found != std::string_view::npos) {
-      const std::size_t count = found - position_;
-      AdvanceCounting(count + delimiter.size());
-      return std::string_view(window().data() + position_ - delimiter.size() - count, count);
+      AdvanceCounting(first_ + found + delimiter.size());
+      return unread.substr(start, found - start);
     }
     from = std::max(from, unread.size() - std::min(lead, unread.size()));
-    if (reader_.More()) continue;
-    window().NoteFutile(delimiter, position_);
-    position_ = taken_ = window().Unread();
+    if (More()) continue;
+    window().NoteFutile(delimiter, start);
+    next_ = furthest_ = end_;
     uncounted_ = true;
     return std::nullopt;
   }

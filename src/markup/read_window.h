@@ -24,6 +24,8 @@ class ZrReadWindow {
 
   /// Room behind the unread bytes for at least one more; amortised constant time per byte.
   char* MakeRoom();
+  /// Whether the next MakeRoom() moves the bytes.
+  bool IsFull() const { return end_ == capacity_; }
   std::size_t Room() const { return capacity_ - end_; }
   void Filled(std::size_t count) { end_ += count; }
   void Consume(std::size_t count) {

@@ -4,18 +4,10 @@
 
 namespace {
 
-// Takes the opening delimiter byte by byte, as far as it matches.
-bool TakeOpening(ReadTransaction& input, std::string_view opening) {
-  for (const char byte : opening) {
-    if (!input.TakeIf(byte)) return false;
-  }
-  return true;
-}
-
 // Reads a whole token into text; undoes it all when something is missing.
 bool ReadBracketed(ReadTransaction& input, std::string_view opening, std::string_view closing,
                    std::string_view& text) {
-  if (TakeOpening(input, opening)) {
+  if (input.TakeLiteral(opening)) {
     if (const auto inside = input.TakeThrough(closing)) {
       text = *inside;
       return true;

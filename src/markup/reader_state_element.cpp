@@ -2,7 +2,6 @@
 
 #include "base/exception.h"
 #include "markup/read_transaction.h"
-#include "markup/window_cursor.h"
 
 namespace {
 
@@ -24,8 +23,7 @@ bool ZrDTDElementRead_Element::ClosesElement(std::string_view name) const {
 
 namespace {
 
-template <class Input>
-bool ReadAttribute(Input& input, ZrDTDElementReader& reader) {
+bool ReadAttribute(ReadTransaction& input, ZrDTDElementReader& reader) {
   const std::string_view name = input.TakeRun(zr::kNameBytes);
   ZrDTDElementReader::AttributeRecord& record = reader.AddAttribute(name);
   if (!input.TakeIf('=')) return true;
@@ -40,8 +38,7 @@ bool ReadAttribute(Input& input, ZrDTDElementReader& reader) {
 
 }  // namespace
 
-template <class Input>
-bool ZrDTDElementRead_Element::ReadRest(Input& input, ZrDTDElementReader& reader) {
+bool ZrDTDElementRead_Element::ReadRest(ReadTransaction& input, ZrDTDElementReader& reader) {
   reader.ClearAttributes();
   for (;;) {
     const int next = input.Peek();
@@ -60,8 +57,7 @@ bool ZrDTDElementRead_Element::ReadRest(Input& input, ZrDTDElementReader& reader
   }
 }
 
-template <class Input>
-ZrDTDElementRead_Element::Outcome ZrDTDElementRead_Element::ReadTag(Input& input,
+ZrDTDElementRead_Element::Outcome ZrDTDElementRead_Element::ReadTag(ReadTransaction& input,
                                                                     ZrDTDElementReader& reader) {
   if (!input.TakeIf('<')) return Outcome::kNone;
   const bool endTag = input.TakeIf('/');
@@ -74,30 +70,19 @@ ZrDTDElementRead_Element::Outcome ZrDTDElementRead_Element::ReadTag(Input& input
   return ReadRest(input, reader) ? Outcome::kTag : Outcome::kNone;
 }
 
-ZrDTDElementRead* ZrDTDElementRead_Element::Recognised(Outcome outcome, std::string_view taken,
-                                                       ZrDTDElementReader& reader) {
-  if (outcome == Outcome::kNone) return nullptr;
+ZrDTDElementRead* ZrDTDElementRead_Element::Read(ZrDTDElementReader& reader) {
+  Begin();
+  ReadTransaction input(reader);
+  const Outcome outcome = ReadTag(input, reader);
+  if (outcome == Outcome::kNone) {
+    input.Undo();
+    return nullptr;
+  }
+  const std::string_view taken = input.Taken();
   text_ = taken.substr(1, nameLength_);
   if (outcome == Outcome::kIncomplete) {
     throw ZrException("incomplete tag '" + std::string(text_) + "'", 377, "src");
   }
   reader.FinishAttributes(taken);
   return this;
-}
-
-ZrDTDElementRead* ZrDTDElementRead_Element::Read(ZrDTDElementReader& reader) {
-  Begin();
-  WindowCursor atHand(reader.Unread());
-  Outcome outcome = ReadTag(atHand, reader);
-  if (!atHand.RanOut()) {
-    const std::string_view taken = atHand.Taken();
-    reader.Settle(outcome == Outcome::kNone ? 0 : taken.size(), atHand.LineFeeds());
-    return Recognised(outcome, taken, reader);
-  }
-  Begin();
-  ReadTransaction input(reader);
-  outcome = ReadTag(input, reader);
-  const std::string_view taken = input.Taken();
-  if (outcome == Outcome::kNone) input.Undo();
-  return Recognised(outcome, taken, reader);
 }

@@ -5,6 +5,8 @@
 
 #include "markup/reader_state.h"
 
+class ReadTransaction;
+
 /// "xmlelement": a start, end or empty-element tag. The text is the name, with a "/" in front for
 /// an end tag; the attributes go to the reader. Read() throws ZrException "incomplete tag 'NAME'"
 /// when the name is followed by something that cannot follow it.
@@ -20,12 +22,8 @@ class ZrDTDElementRead_Element : public ZrDTDElementRead {
  private:
   enum class Outcome { kNone, kTag, kIncomplete };
 
-  // The grammar, for both kinds of input: what is at hand, and what may have to be waited for.
-  template <class Input>
-  Outcome ReadTag(Input& input, ZrDTDElementReader& reader);
-  template <class Input>
-  bool ReadRest(Input& input, ZrDTDElementReader& reader);
-  ZrDTDElementRead* Recognised(Outcome outcome, std::string_view taken, ZrDTDElementReader& reader);
+  Outcome ReadTag(ReadTransaction& input, ZrDTDElementReader& reader);
+  bool ReadRest(ReadTransaction& input, ZrDTDElementReader& reader);
 
   std::size_t nameLength_ = 0;  // with the slash of an end tag
 };

@@ -18,8 +18,6 @@ std::unique_ptr<ZrDTDElementRead> ZrDTDElementRead_Text::Clone() const {
 
 ZrDTDElementRead* ZrDTDElementRead_Text::Read(ZrDTDElementReader& reader) {
   Begin();
-  text_ = reader.ConsumeRun(kTextBytes);
-  if (!text_.empty()) return this;
   ReadTransaction input(reader);
   text_ = input.TakeRun(kTextBytes);
   return text_.empty() ? nullptr : this;
@@ -35,8 +33,6 @@ std::unique_ptr<ZrDTDElementRead> ZrDTDElementRead_WhitespaceText::Clone() const
 
 ZrDTDElementRead* ZrDTDElementRead_WhitespaceText::Read(ZrDTDElementReader& reader) {
   Begin();
-  text_ = reader.ConsumeWhitespace();
-  if (!text_.empty()) return this;
   ReadTransaction input(reader);
   text_ = input.TakeWhitespace();
   return text_.empty() ? nullptr : this;

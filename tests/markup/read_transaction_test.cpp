@@ -6,6 +6,7 @@
 #include <string>
 
 #include "markup/element_reader_stream.h"
+#include "markup/parse.h"
 #include "markup/reader_state.h"
 #include "markup/xml_nodes.h"
 #include "tests/markup/dump.h"
@@ -52,6 +53,21 @@ TEST(ReadTransaction, StatesOfAProgramAreFreshForEachToken) {
   };
   const ZrDTDDefinition kinds[] = {{"numbers", fill}};
   EXPECT_EQ(zr_test::Read("12", "numbers", kinds), "'1' '2' @1");
+}
+
+TEST(ReadTransaction, AttributesStayUntilTheNextTag) {
+  std::istringstream stream("<a x='the value of x' y=\"\"/>" + zr_test::Repeated("word", 40'000) +
+                            "<b/>");
+  ZrDTDElementReaderStream reader(stream);
+  const auto read = [&] { zr::Parse(reader.Splitter(), reader, "xml", true); };
+  read();
+  read();  // a text longer than the window
+  ASSERT_EQ(reader.Attributes().size(), 2u);
+  EXPECT_EQ(reader.Attributes()[0].name.text(), "x");
+  EXPECT_EQ(reader.Attributes()[0].value, "the value of x");
+  EXPECT_EQ(reader.Attributes()[1].value, "");
+  read();
+  EXPECT_TRUE(reader.Attributes().empty());
 }
 
 }  // namespace
