@@ -9,6 +9,7 @@
 #include "base/string_buffer.h"
 #include "handlers/request_handler.h"
 #include "handlers/script_runner.h"
+#include "handlers/served_path.h"
 #include "html/error_page_404.h"
 #include "http/message_head.h"
 #include "http/response_head.h"
@@ -60,8 +61,7 @@ bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
     return ServeDefaultDocument(client, request);
   }
   const std::string path = request->path.substr(request->path.empty() ? 0 : 1);
-  // A leading dot hides a file, and stands at the start of every path that leads up.
-  if (path.empty() || path.front() == '.') {
+  if (!zr::IsServedPath(path)) {
     return false;
   }
   if (client.application != nullptr && client.application->hasStoredValue(path)) {

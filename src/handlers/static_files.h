@@ -18,7 +18,7 @@ class ZrStaticFiles : public ZrContentHandler {
 
   /// Answers from, in this order: the default documents for "/", a stored page, a program under
   /// "cgi-bin/", a PHP script, a plain file. False when the start directory is empty, the path
-  /// begins with "/." or nothing of these is there.
+  /// is none that is served (zr::IsServedPath) or nothing of these is there.
   bool ServeRequest(ZrTransceiverClient& client,
                     const std::shared_ptr<ZrXHeader>& request) override;
   void AnswerNotFound(ZrTransceiverClient& client,

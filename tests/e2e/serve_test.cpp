@@ -52,7 +52,9 @@ TEST(Serve, RoutesPathsToFilesOrTheErrorPage) {
   folder.Write("sub/deep.txt", "deep");
   folder.Write("a%20b", "escaped");
   folder.Write("x.php.txt", "plain");
-  folder.Write(".hidden", "hidden");
+  for (const char* hidden : {".hidden", "sub/.git/config", "cgi-bin/hello.sh"}) {
+    folder.Write(hidden, "#!/bin/sh\necho source");
+  }
   std::filesystem::create_symlink(outside.Path("secret"), folder.Path("out"));
   folder.Write("news", "a file");
   const std::string news = outside.Write("news.txt", std::string("a\0b\xff", 4));
@@ -63,12 +65,26 @@ TEST(Serve, RoutesPathsToFilesOrTheErrorPage) {
     const char* path;
     const char* body;  // null: not found
   };
-  const Case cases[] = {{"/page.txt", "text"}, {"/sub/deep.txt", "deep"},
-                        {"/a%20b", "escaped"}, {"/x.php.txt", "plain"},
-                        {"/sub", ""},          {"/page.txt?a=1", "text"},
-                        {"/", nullptr},        {"/.hidden", nullptr},
-                        {"/none", nullptr},    {"/sub/../../secret", nullptr},
-                        {"/out", nullptr},     {"/page.txt/", nullptr}};
+  const Case cases[] = {{"/page.txt", "text"},
+                        {"/sub/deep.txt", "deep"},
+                        {"/a%20b", "escaped"},
+                        {"/x.php.txt", "plain"},
+                        {"/sub", ""},
+                        {"/page.txt?a=1", "text"},
+                        {"/", nullptr},
+                        {"/.hidden", nullptr},
+                        {"/none", nullptr},
+                        {"/sub/../../secret", nullptr},
+                        {"/out", nullptr},
+                        {"/page.txt/", nullptr},
+                        {"//.hidden", nullptr},
+                        {"/sub/.git/config", nullptr},
+                        {"//cgi-bin/hello.sh", nullptr},
+                        {"/cgi-bin//hello.sh", nullptr},
+                        {"/./cgi-bin/hello.sh", nullptr},
+                        {"/sub//deep.txt", nullptr},
+                        {"/sub/", ""},
+                        {"//news", nullptr}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
     const auto got = served.Curl("http", c.path, {"-w", "%{http_code}"});

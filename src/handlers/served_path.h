@@ -1,0 +1,25 @@
+#pragma once
+// Which paths of requests may be looked up at all, decided in this one place for stored pages,
+// files, programs and PHP pages. A path is a list of pieces between slashes; the kernel reads some
+// lists in more than one way, and what a list could reach must not depend on who reads it.
+
+#include <string_view>
+
+namespace zr {
+
+/// Whether the path (of a request, without its leading "/") may name something. No for an empty one
+/// and for one with
+/// - a piece that begins with ".": hidden names, and every way up or to the same place again;
+/// - an empty piece: the kernel skips it, so that "/cgi-bin/x" would be the file of a program.
+/// A slash at the end makes no piece: it says that a directory is meant. Threads: any.
+constexpr bool IsServedPath(std::string_view path) noexcept {
+  if (path.empty()) return false;
+  bool begins = true;  // a piece
+  for (const char c : path) {
+    if (begins && (c == '.' || c == '/')) return false;
+    begins = c == '/';
+  }
+  return true;
+}
+
+}  // namespace zr
