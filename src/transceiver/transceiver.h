@@ -158,6 +158,7 @@ class ZrTransceiver final : public ZrJob {
     ConnectionPointer connection;
     std::uint64_t token = 0;
     bool urgent = false;
+    bool broken = false;  // nobody reads it, and the peer has gone
   };
 
   std::string SendAnswer(const std::string& clientName, const std::shared_ptr<ZrXHeader>& message,

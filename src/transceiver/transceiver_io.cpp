@@ -83,6 +83,7 @@ void ZrTransceiver::RemoveConnection(const std::string& name, bool) {
 
 void ZrTransceiver::Unbind(ZrTransceiverConnection& connection) {
   ForgetConnection(connection);
+  connection.PeerWatch()->MarkGone();
   connection.BeginClosing();
   std::shared_ptr<ZrSocketIPvx> socket;  // closed without the lock
   ZrLock writing(connection.Lock());
@@ -176,7 +177,10 @@ void ZrTransceiver::Resolve(std::span<const ZrReadiness> events, std::vector<Rea
   for (const ZrReadiness& event : events) {
     const auto found = byToken_.find(event.token);
     if (found == byToken_.end()) continue;
-    ready.push_back({found->second->socket, found->second->connection, event.token, event.urgent});
+    // Of one that is not read, only the end of both directions is reported.
+    const bool broken = found->second->paused && event.hangup;
+    ready.push_back(
+        {found->second->socket, found->second->connection, event.token, event.urgent, broken});
   }
 }
 
@@ -202,6 +206,7 @@ void ZrTransceiver::ReceiveLoop() {
 
 void ZrTransceiver::Receive(Ready& ready, std::vector<Ready>& again) {
   ZrTransceiverConnection& connection = *ready.connection;
+  if (ready.broken) return RemoveConnection(connection.JobName(), true);
   if (ready.urgent) zr::DropUrgentByte(ready.socket->primaryDescriptor());
   const int count = connection.ReadFromSocket(*ready.socket);
   if (count < 0) return RemoveConnection(connection.JobName(), true);
@@ -219,7 +224,10 @@ bool ZrTransceiver::PauseReading(ZrTransceiverConnection& connection) {
   if (found == sockets_.end() || found->second.paused) return true;
   if (!connection.IsReadingPaused() && !connection.PeerFinished()) return false;
   found->second.paused = true;
-  receivePoller_.Remove(found->second.socket->primaryDescriptor());
+  const int descriptor = found->second.socket->primaryDescriptor();
+  receivePoller_.Remove(descriptor);
+  // Whoever works for a peer is told when that has reset the connection.
+  static_cast<void>(receivePoller_.Add(descriptor, found->second.token, ZrInterest::kNone));
   return true;
 }
 
@@ -227,8 +235,9 @@ void ZrTransceiver::ResumeReading(ZrTransceiverConnection& connection) {
   ZrLock hold(ioLock_);
   const auto found = sockets_.find(connection.JobName());
   if (found == sockets_.end() || !found->second.paused || connection.PeerFinished()) return;
-  found->second.paused =
-      !receivePoller_.Add(found->second.socket->primaryDescriptor(), found->second.token, kInput);
+  const int descriptor = found->second.socket->primaryDescriptor();
+  receivePoller_.Remove(descriptor);
+  found->second.paused = !receivePoller_.Add(descriptor, found->second.token, kInput);
   if (connection.HasBufferedInput()) ReadAgain(found->second.token);
 }
 
