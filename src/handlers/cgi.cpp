@@ -31,22 +31,29 @@ bool ZrCgi::RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHead
   const std::string script = zr::AbsolutePath(zr::SystemDirectory(directory) + path);
   ZrCgiVariables variables = {{"REDIRECT_STATUS", "CGI"}, {"SCRIPT_FILENAME", script}};
   if (!zr::BuildCgiVariables(*request, variables)) return false;
+  const auto peer = request->peerWatch;
   runs_.Submit([this, &client, request, variables = std::move(variables),
                 program = kind == ZrScriptKind::kPhp ? client.phpInterpreter : script](
-                   const ZrWakeFlag& stop) { Answer(client, *request, program, variables, stop); });
+                   const ZrWakeFlag& stop) { Answer(client, *request, program, variables, stop); },
+               peer);
   return true;
 }
 
 void ZrCgi::Answer(ZrTransceiverClient& client, ZrXHeader& request, const std::string& program,
                    const ZrCgiVariables& variables, const ZrWakeFlag& stop) {
   try {
+    const auto gone = std::make_shared<ZrWakeFlag>();
+    const ZrPeerSubscription peer(request.peerWatch, [gone] { gone->Raise(); });
+    if (peer.Gone()) return;
     const auto answer = request.MakeResponse();
     answer->body = std::make_unique<ZrStringBuf>();
     ZrStringBuf nothing;
     ZrStringBuf& input = request.body ? *request.body : nothing;
     if (!stop.IsRaised()) {
-      zr::RunCgi(program, variables, input, *answer->body, {limits_, &environment_, &stop});
+      zr::RunCgi(program, variables, input, *answer->body,
+                 {limits_, &environment_, &stop, gone.get()});
     }
+    if (peer.Gone()) return;
     if (!stop.IsRaised()) {
       // The exit code says nothing: whatever was written is the answer.
       answer->SetStatus(200);

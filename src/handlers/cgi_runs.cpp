@@ -9,14 +9,33 @@ ZrCgiRuns::ZrCgiRuns(ZrRinvalScheduler2& scheduler, std::size_t most)
 
 ZrCgiRuns::~ZrCgiRuns() { Stop(); }
 
-void ZrCgiRuns::Submit(Run run) {
+void ZrCgiRuns::Queue::Drop(std::uint64_t place) {
+  decltype(waiting)::node_type dropped;  // its request is released without the lock
+  ZrLock hold(lock);
+  dropped = waiting.extract(place);
+}
+
+// The peer is watched before the run has its place, so that its going is either told to the place
+// or seen here.
+void ZrCgiRuns::Submit(Run run, std::shared_ptr<ZrPeerWatch> peer) {
+  Queue& queue = *queue_;
+  std::uint64_t place = 0;
   {
-    ZrLock hold(lock_);
-    waiting_.push_back(std::move(run));
-    if (workers_ >= most_) return;
-    ++workers_;
+    ZrLock hold(queue.lock);
+    place = ++queue.last;
   }
-  StartWorker();
+  Waiting waits{std::move(run), {peer, [shared = std::weak_ptr(queue_), place] {
+                                   if (const auto there = shared.lock()) there->Drop(place);
+                                 }}};
+  bool starts = false;
+  {
+    ZrLock hold(queue.lock);
+    queue.waiting.emplace(place, std::move(waits));
+    starts = queue.workers < most_;
+    if (starts) ++queue.workers;
+  }
+  if (peer && peer->Gone()) queue.Drop(place);
+  if (starts) StartWorker();
 }
 
 void ZrCgiRuns::StartWorker() {
@@ -35,24 +54,26 @@ void ZrCgiRuns::StartWorker() {
   // so this thread does the work.
   const bool unable = scheduler_.IsDone(task) && !*began;
   {
-    ZrLock hold(lock_);
-    tasks_.push_back(task);
+    ZrLock hold(queue_->lock);
+    queue_->tasks.push_back(task);
   }
   if (unable) Work();
 }
 
 void ZrCgiRuns::Work() {
+  Queue& queue = *queue_;
   for (;;) {
-    Run run;
+    decltype(queue.waiting)::node_type next;
     {
-      ZrLock hold(lock_);
-      if (waiting_.empty()) {
-        if (--workers_ == 0) ended_.NotifyAll();
+      ZrLock hold(queue.lock);
+      if (queue.waiting.empty()) {
+        if (--queue.workers == 0) queue.ended.NotifyAll();
         return;
       }
-      run = std::move(waiting_.front());
-      waiting_.pop_front();
+      next = queue.waiting.extract(queue.waiting.begin());
     }
+    const Run run = std::move(next.mapped().run);
+    next = {};
     try {
       run(stop_);
     } catch (...) {
@@ -66,8 +87,8 @@ void ZrCgiRuns::Work() {
 void ZrCgiRuns::FetchTasks(bool all) {
   std::vector<std::uint64_t> tasks;
   {
-    ZrLock hold(lock_);
-    tasks.swap(tasks_);
+    ZrLock hold(queue_->lock);
+    tasks.swap(queue_->tasks);
   }
   std::vector<std::uint64_t> running;
   for (const std::uint64_t task : tasks) {
@@ -79,15 +100,16 @@ void ZrCgiRuns::FetchTasks(bool all) {
     }
   }
   if (running.empty()) return;
-  ZrLock hold(lock_);
-  tasks_.insert(tasks_.end(), running.begin(), running.end());
+  ZrLock hold(queue_->lock);
+  queue_->tasks.insert(queue_->tasks.end(), running.begin(), running.end());
 }
 
 void ZrCgiRuns::Stop() {
+  Queue& queue = *queue_;
   stop_.Raise();
   {
-    ZrLock hold(lock_);
-    ended_.Wait(lock_, [this]() ZR_REQUIRES(lock_) { return workers_ == 0; });
+    ZrLock hold(queue.lock);
+    queue.ended.Wait(queue.lock, [&queue]() ZR_REQUIRES(queue.lock) { return queue.workers == 0; });
   }
   FetchTasks(true);
 }

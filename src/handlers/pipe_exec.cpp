@@ -90,12 +90,13 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrStringBuf& output) {
   while (!drainEnd || stdoutRead_.IsOpen()) {
     // Closed at once when there is nothing (more) to deliver: the child then reads its end.
     if (input.Empty()) stdinWrite_.Close();
-    enum { kOutput, kInput, kEnd, kStop, kItems };
+    enum { kOutput, kInput, kEnd, kStop, kGone, kItems };
     std::array<zr::PollItem, kItems> items;
     items[kOutput].descriptor = stdoutRead_.Get();
     items[kInput] = {stdinWrite_.Get(), true};
     items[kEnd].descriptor = drainEnd ? -1 : process_.EndDescriptor();
     items[kStop].descriptor = settings_.stop != nullptr ? settings_.stop->Descriptor() : -1;
+    items[kGone].descriptor = settings_.gone != nullptr ? settings_.gone->Descriptor() : -1;
 
     auto deadline = drainEnd ? std::min(*drainEnd, runEnd) : runEnd;
     if (!drainEnd && !reportsEnd) {
@@ -103,7 +104,7 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrStringBuf& output) {
     }
     zr::PollDescriptors(items, deadline);
 
-    if (items[kStop].ready) return ZrPipeExecEnd::kStopped;
+    if (items[kStop].ready || items[kGone].ready) return ZrPipeExecEnd::kStopped;
     if (items[kInput].ready) Deliver(input);
     // A limit is looked at in every round: who writes for ever always has something ready.
     const auto now = steady_clock::now();

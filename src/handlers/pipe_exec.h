@@ -40,13 +40,15 @@ struct ZrPipeExecLimits {
   std::chrono::milliseconds terminationGrace = zr::kCgiTerminationGrace;
 };
 
-/// What a run is given besides its program. Both pointers are borrowed for the object's life.
+/// What a run is given besides its program. The pointers are borrowed for the object's life.
 struct ZrPipeExecSettings {
   ZrPipeExecLimits limits = {};
   /// The variables every child inherits; none: those this process has when the run starts.
   const ZrEnvironment* environment = nullptr;
   /// Once raised, the child's group is ended and the run returns within about the grace time.
   const ZrWakeFlag* stop = nullptr;
+  /// The same for a run that nobody waits for any more.
+  const ZrWakeFlag* gone = nullptr;
 };
 
 /// How a run ended.
@@ -55,7 +57,7 @@ enum class ZrPipeExecEnd {
   kNotStarted,   ///< No such program, not executable, ...: nothing ran, the output is unchanged.
   kRunLimit,     ///< It took too long and was ended with its group.
   kOutputLimit,  ///< It wrote too much and was ended with its group.
-  kStopped,      ///< The stop flag was raised and it was ended with its group.
+  kStopped,      ///< One of the flags was raised and it was ended with its group.
 };
 
 /// Owns the two pipes and the child of one run.

@@ -4,6 +4,7 @@
 class ZrFile;  // of the platform
 class ZrHeaderFields;
 class ZrHTTPMessageBlockDisposition;
+class ZrPeerWatch;
 class ZrCommandHandler;  // answers form commands; of a layer above
 class ZrXHeader;
 class ZrXResponseHeader;

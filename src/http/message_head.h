@@ -184,8 +184,9 @@ class ZrXHeader : public ZrJob {
   ZrHTTPMessageBlockDisposition bodyFields;   // by name, the fields known when the body was parsed
 
   // The way through the system.
-  std::vector<std::string> route;  // connection name, server name; reversed in an answer
-  std::string target;              // the joined task that the message belongs to
+  std::shared_ptr<ZrPeerWatch> peerWatch;  // of a received request: can it still be answered?
+  std::vector<std::string> route;          // connection name, server name; reversed in an answer
+  std::string target;                      // the joined task that the message belongs to
 
   // Outgoing requests.
   std::string host;

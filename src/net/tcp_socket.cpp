@@ -137,6 +137,7 @@ int ZrSocketIPvx::acceptStep(int listener, ZrSocketIPvx& newSocket, const PeerFi
   ZrHostInfo_t info{std::move(name.host), std::move(name.service)};
   if (!filter(info)) return -1;
   newSocket.primary_ = std::move(peer.socket);
+  newSocket.closed_ = false;
   return newSocket.primary_.Get();
 }
 

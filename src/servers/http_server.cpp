@@ -148,6 +148,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(
   head->target = std::move(task);
   head->route = {connection.JobName(), JobName()};
   head->SetPeerRecord(connection.PeerRecord());
+  head->peerWatch = connection.PeerWatch();
   head->Attach(head->target);
   head->body = std::make_unique<ZrStringBuf>();
   return head;

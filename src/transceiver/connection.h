@@ -19,6 +19,7 @@
 
 #include "base/server_callback.h"
 #include "base/string_buffer.h"
+#include "http/peer_watch.h"
 #include "jobs/job_with_timeout.h"
 #include "platform/file.h"
 #include "platform/sync.h"
@@ -112,6 +113,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   void PutBack(ZrStringBuf& bytes);
   /// The record given at construction; it never changes.
   const std::shared_ptr<const ZrServerCallback_t>& PeerRecord() const { return record_; }
+  /// Tells the requests of this connection when it has gone.
+  const std::shared_ptr<ZrPeerWatch>& PeerWatch() const { return peerWatch_; }
   const std::string& ReceiverName() const { return receiverName_; }
   const std::string& PeerName() const { return peerName_; }
   /// The joined task the connection is attached to; empty before the first Attach().
@@ -206,6 +209,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   const std::string peerName_;
   const std::shared_ptr<const ZrServerCallback_t> record_;
   const CloseCallback onClose_;
+  const std::shared_ptr<ZrPeerWatch> peerWatch_ = std::make_shared<ZrPeerWatch>();
 
   std::string handlerName_ ZR_GUARDED_BY(lock_);
   bool joined_ ZR_GUARDED_BY(lock_) = false;  // to that task

@@ -51,6 +51,7 @@ bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
 }
 
 ZrIoLoops::Registration ZrIoLoops::Unregister(ZrTransceiverConnection& connection) {
+  connection.PeerWatch()->MarkGone();
   Registration registration;  // goes without the locks, and the socket with it
   ZrLock writing(connection.Lock());
   registration = connection.Bind(nullptr);
@@ -127,7 +128,7 @@ void ZrIoLoops::Resolve(std::span<const ZrReadiness> events, std::vector<Ready>&
   ZrLock hold(lock_);
   for (const ZrReadiness& event : events) {
     const auto found = byToken_.find(event.token);
-    if (found != byToken_.end()) ready.push_back({found->second, event.urgent});
+    if (found != byToken_.end()) ready.push_back({found->second, event.urgent, event.hangup});
   }
 }
 
@@ -156,6 +157,8 @@ void ZrIoLoops::ReceiveLoop() {
 void ZrIoLoops::Receive(Ready& ready, std::vector<Ready>& again) {
   ZrIoRegistration& registration = *ready.registration;
   ZrTransceiverConnection& connection = *registration.connection;
+  // Nobody reads it, so its end is told by the system alone, and over and over.
+  if (ready.hangup && IsPaused(registration)) return remove_(connection);
   if (ready.urgent) zr::DropUrgentByte(registration.socket->primaryDescriptor());
   const int count = connection.ReadFromSocket(*registration.socket);
   if (count < 0) return remove_(connection);
@@ -173,16 +176,25 @@ bool ZrIoLoops::PauseReading(ZrIoRegistration& registration) {
   if (connection.Registration() == nullptr || registration.paused) return true;
   if (!connection.IsReadingPaused() && !connection.PeerFinished()) return false;
   registration.paused = true;
-  receivePoller_.Remove(registration.socket->primaryDescriptor());
+  const int descriptor = registration.socket->primaryDescriptor();
+  receivePoller_.Remove(descriptor);
+  // Whoever works for a peer is told when that has reset the connection.
+  static_cast<void>(receivePoller_.Add(descriptor, registration.token, ZrInterest::kNone));
   return true;
+}
+
+bool ZrIoLoops::IsPaused(ZrIoRegistration& registration) {
+  ZrLock hold(registration.connection->Lock());
+  return registration.paused;
 }
 
 void ZrIoLoops::ResumeReading(ZrTransceiverConnection& connection) {
   ZrLock writing(connection.Lock());
   ZrIoRegistration* const registration = connection.Registration();
   if (registration == nullptr || !registration->paused || connection.PeerFinished()) return;
-  registration->paused =
-      !receivePoller_.Add(registration->socket->primaryDescriptor(), registration->token, kInput);
+  const int descriptor = registration->socket->primaryDescriptor();
+  receivePoller_.Remove(descriptor);
+  registration->paused = !receivePoller_.Add(descriptor, registration->token, kInput);
   if (connection.HasBufferedInput()) ReadAgain(registration->token);
 }
 

@@ -64,11 +64,13 @@ class ZrIoLoops {
   struct Ready {
     Registration registration;
     bool urgent = false;
+    bool hangup = false;
   };
 
   void StartJobs() ZR_REQUIRES(lock_);
   std::uint64_t Submit(const std::string& name, void (ZrIoLoops::*loop)(),
                        std::atomic<bool>& running, ZrPoller& poller);
+  static bool IsPaused(ZrIoRegistration& registration);
   void ReceiveLoop();
   void SendLoop();
   void FlushAll() ZR_EXCLUDES(lock_);

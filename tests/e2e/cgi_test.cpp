@@ -133,6 +133,48 @@ TEST(Cgi, RunHoldsUpItsOwnConnectionOnly) {
   EXPECT_TRUE(ended);
 }
 
+TEST(Cgi, ProgramsOfPeersThatHaveGoneAreEnded) {
+  const TemporaryFolder folder;
+  const std::string mark =
+      "8" + std::to_string(std::filesystem::hash_value(folder.Path()) % 100000);
+  WriteProgram(folder, "slow", "sleep " + mark);
+  WriteProgram(folder, "quick", "cat");
+  WriteProgram(folder, "wait",
+               "while [ ! -e \"$SCRIPT_FILENAME.go\" ]; do sleep 0.01; done; echo waited");
+  Served served(folder, {"http"});
+  const auto descriptors = [&] {
+    return std::distance(std::filesystem::directory_iterator(
+                             "/proc/" + std::to_string(served.Program().Id()) + "/fd"),
+                         {});
+  };
+  EXPECT_EQ(served.Curl("http", "/cgi-bin/quick", {"-d", "text"}).out, "text");
+  const auto before = descriptors();
+  // One ends its side only, in front of all the others in the queue.
+  RawClient halfClosed(served.Port("http"));
+  halfClosed.Send("GET /cgi-bin/wait HTTP/1.1\r\n\r\n");
+  halfClosed.FinishSending();
+  const std::string post =
+      "POST /cgi-bin/slow HTTP/1.1\r\nContent-Length: 100000\r\n\r\n" + Pattern(100000);
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 400; ++i) {
+    RawClient& client = clients.emplace_back(served.Port("http"));
+    EXPECT_TRUE(client.Send(post));
+    if (i % 4 == 1) client.FinishSending();  // and resets later
+    if (i % 4 == 2) client.Reset();
+  }
+  // Some run, the others wait.
+  ASSERT_TRUE(WaitFor([&] { return Runs("sleep " + mark); }));
+  for (RawClient& client : clients) client.Reset();
+  // Only the wait of the half-closed one is left.
+  EXPECT_TRUE(WaitFor([&] { return !Runs("sleep " + mark) && descriptors() <= before + 6; }));
+  EXPECT_EQ(served.Curl("http", "/cgi-bin/quick", {"-d", "text"}).out, "text");
+  folder.Write("cgi-bin/wait.go", "");
+  bool ended = false;
+  EXPECT_EQ(halfClosed.ReadToEnd(&ended), Answer("waited\n"));
+  EXPECT_TRUE(ended);
+  EXPECT_TRUE(WaitFor([&] { return descriptors() == before; }));
+}
+
 TEST(Cgi, EndOfTheServerEndsItsPrograms) {
   const TemporaryFolder folder;
   const std::string mark =

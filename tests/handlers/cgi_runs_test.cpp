@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <semaphore>
 #include <stdexcept>
@@ -44,6 +45,29 @@ TEST(CgiRunsTest, NoMoreThanAllowedHappenAtOnceAndTheOthersKeepTheirOrder) {
   }
   EXPECT_TRUE(zrtest::WaitFor([&] { return happening == 0; }));
   EXPECT_TRUE(std::is_sorted(order.begin() + 3, order.end()));
+}
+
+TEST(CgiRunsTest, RunsWhosePeerHasGoneAreDroppedWithWhatTheyHold) {
+  ZrRinvalScheduler2 scheduler;
+  ZrCgiRuns runs(scheduler, 1);
+  std::counting_semaphore<> mayEnd(0);
+  runs.Submit([&](const ZrWakeFlag&) { EXPECT_TRUE(mayEnd.try_acquire_for(seconds(20))); });
+  const auto held = std::make_shared<int>(0);
+  std::vector<std::shared_ptr<ZrPeerWatch>> peers;
+  std::vector<int> order;
+  for (int i = 0; i < 6; ++i) {
+    peers.push_back(std::make_shared<ZrPeerWatch>());
+    if (i == 5) peers[5]->MarkGone();
+    runs.Submit([&order, held, i](const ZrWakeFlag&) { order.push_back(i); }, peers[i]);
+  }
+  EXPECT_EQ(held.use_count(), 6);
+  for (const int gone : {0, 3}) peers[gone]->MarkGone();
+  EXPECT_EQ(held.use_count(), 4);
+  mayEnd.release();
+  EXPECT_TRUE(zrtest::WaitFor([&] { return held.use_count() == 1; }));
+  runs.Stop();
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 4}));
+  for (const auto& peer : peers) peer->MarkGone();  // nobody is told any more
 }
 
 TEST(CgiRunsTest, StopReachesRunsThatHappenThatWaitAndThatComeLater) {
