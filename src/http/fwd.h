@@ -10,3 +10,4 @@ class ZrXHeader;
 class ZrXResponseHeader;
 class ZrXServerHeader;
 struct ZrHTTPMessageBlock;
+struct ZrMessageEnds;  // of the transceiver

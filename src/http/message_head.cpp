@@ -53,6 +53,7 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
     answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
   }
   answer->route.assign(route.rbegin(), route.rend());
+  answer->ends = ends;
   return answer;
 }
 

@@ -104,8 +104,8 @@ class ZrXHeader : public ZrJob {
   /// Where received bytes are to be appended.
   ZrStringBuf& Input() { return *body; }
 
-  /// The answer to this request: kind, time, path, route (reversed), request fields and summary are
-  /// taken over, the status is 500. The fields are shared, not copied.
+  /// The answer to this request: kind, time, path, route (reversed), ends, request fields and
+  /// summary are taken over, the status is 500. The fields are shared, not copied.
   std::shared_ptr<ZrXResponseHeader> MakeResponse() const;
 
   /// Sets the status if it has a reason phrase; otherwise nothing changes.
@@ -187,6 +187,8 @@ class ZrXHeader : public ZrJob {
   std::shared_ptr<ZrPeerWatch> peerWatch;  // of a received request: can it still be answered?
   std::vector<std::string> route;          // connection name, server name; reversed in an answer
   std::string target;                      // the joined task that the message belongs to
+  // Of a received message and of the answer to it: where both ends are.
+  std::shared_ptr<const ZrMessageEnds> ends;
 
   // Outgoing requests.
   std::string host;

@@ -5,6 +5,7 @@
 #include "http/message_head.h"
 #include "jobs/job_event.h"
 #include "transceiver/connection.h"
+#include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
 #include "transceiver/transceiver.h"
 
@@ -25,14 +26,16 @@ ZrTransceiverServerL1DirectSocket::ConnectionPointer ZrTransceiverServerL1Direct
   return std::exchange(asked_, nullptr);
 }
 
-bool ZrTransceiverServerL1DirectSocket::HandOut(ZrTransceiverConnection& connection,
+bool ZrTransceiverServerL1DirectSocket::HandOut(const ConnectionPointer& connection,
                                                 ZrMessageHandler& client) {
   auto head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, ProtocolKind());
   head->kind = Persistent() ? ZrMessageKind::kRequest : ZrMessageKind::kResponse;
   head->body = std::make_unique<ZrStringBuf>();
-  connection.TakeReceived(*head->body);
-  head->route = {connection.JobName(), JobName()};
-  head->SetPeerRecord(connection.PeerRecord());
+  connection->TakeReceived(*head->body);
+  head->route = {connection->JobName(), JobName()};
+  head->ends =
+      std::make_shared<const ZrMessageEnds>(ZrMessageEnds{connection, weak_from_this(), &client});
+  head->SetPeerRecord(connection->PeerRecord());
   if (head->body->Empty()) return false;
   client.HandleMessage(HeadName(), head);
   return true;
@@ -43,8 +46,7 @@ void ZrTransceiverServerL1DirectSocket::EndConnection(ZrTransceiver& transceiver
                                                       ZrMessageHandler* client) {
   const ConnectionPointer asked = TakeAsked(connectionName);
   if (!asked) return;
-  if (client != nullptr && HandOut(*asked, *client))
-    return transceiver.ReleaseServerTask(JobName());
+  if (client != nullptr && HandOut(asked, *client)) return transceiver.ReleaseServerTask(JobName());
   ReportUnanswered(asked->IsExpired()
                        ? ZrSendFailure{ZrSendFailureKind::kTimedOut, "nothing came"}
                        : ZrSendFailure{ZrSendFailureKind::kClosed, "no answer came", true});
@@ -60,7 +62,7 @@ void ZrTransceiverServerL1DirectSocket::processItem(const std::string& connectio
   if (!client || !connection->BeginItem()) return;
   bool handedOut = false;
   try {
-    handedOut = connection->HasReceived() && HandOut(*connection, *client);
+    handedOut = connection->HasReceived() && HandOut(connection, *client);
   } catch (...) {
     handedOut = true;
     connection->CloseAfterItem();  // the handler failed: this connection is given up
@@ -78,7 +80,7 @@ void ZrTransceiverServerL1DirectSocket::processItem(const std::string& connectio
   if (handedOut && TakeAsked(connectionName)) transceiver->ReleaseServerTask(JobName());
 }
 
-bool ZrTransceiverServerL1DirectSocket::SendHead(const std::string& connectionName,
+bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& to,
                                                  const std::shared_ptr<ZrXHeader>& head) {
   Touch();
   if (!Timing()) {
@@ -87,8 +89,7 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const std::string& connectionNa
   }
   const bool asks = !Persistent() && head->kind == ZrMessageKind::kRequest;
   ZrTransceiver* const transceiver = Transceiver();
-  ConnectionPointer connection =
-      transceiver ? transceiver->FindConnection(connectionName) : nullptr;
+  ConnectionPointer connection = transceiver != nullptr ? to : nullptr;
   if (connection && asks) {
     connection->ExpectAnswers();
     {
@@ -96,9 +97,7 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const std::string& connectionNa
       asked_ = connection;
     }
     // From here on the end of the connection finds the request. One that came before did not.
-    if (!transceiver->FindConnection(connectionName) && TakeAsked(connectionName)) {
-      connection = nullptr;
-    }
+    if (!connection->IsListed() && TakeAsked(connection->JobName())) connection = nullptr;
   }
   if (connection) {
     connection->Attach(head->target);

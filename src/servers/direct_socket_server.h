@@ -23,7 +23,9 @@ class ZrTransceiverServerL1DirectSocket : public ZrTransceiverServerL0Socket {
   /// Hands out all bytes that have arrived as the body of one message.
   void processItem(const std::string& connectionName, const std::string& clientName) override;
   /// Sends the body and reports kind 6.
-  bool SendHead(const std::string& connectionName, const std::shared_ptr<ZrXHeader>& head) override;
+  using ZrTransceiverServer::SendHead;
+  bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
+                const std::shared_ptr<ZrXHeader>& head) override;
 
  private:
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
@@ -34,7 +36,7 @@ class ZrTransceiverServerL1DirectSocket : public ZrTransceiverServerL0Socket {
   /// The end of a worker's connection: the rest of what it received, or no answer.
   void EndConnection(ZrTransceiver& transceiver, const std::string& connectionName,
                      ZrMessageHandler* client);
-  bool HandOut(ZrTransceiverConnection& connection, ZrMessageHandler& client);
+  bool HandOut(const ConnectionPointer& connection, ZrMessageHandler& client);
 
   ZrMutex askedLock_;
   ConnectionPointer asked_ ZR_GUARDED_BY(askedLock_);

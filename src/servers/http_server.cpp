@@ -6,6 +6,7 @@
 #include "http/message_head.h"
 #include "jobs/job_event.h"
 #include "servers/head_output.h"
+#include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
 #include "transceiver/transceiver.h"
 
@@ -137,6 +138,11 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
   std::shared_ptr<ZrXHeader> head = NewMessage(*connection, std::move(target));
   ZrLock hold(requestLock_);
   Exchange& exchange = exchanges_[connection->JobName()];
+  if (!exchange.ends) {
+    exchange.ends = std::make_shared<const ZrMessageEnds>(
+        ZrMessageEnds{connection, weak_from_this(), client.get()});
+  }
+  head->ends = exchange.ends;
   exchange.head = head;
   if (!task.empty()) exchange.task = std::move(task);
   return head;
@@ -175,25 +181,23 @@ void ZrTransceiverServerL1HTTP::ForgetConnection(const std::string& connectionNa
 
 // ---- Sent messages -----------------------------------------------------------------------------
 
-bool ZrTransceiverServerL1HTTP::SendHead(const std::string& connectionName,
+bool ZrTransceiverServerL1HTTP::SendHead(const ConnectionPointer& connection,
                                          const std::shared_ptr<ZrXHeader>& head) {
   const bool isRequest = head->kind == ZrMessageKind::kRequest;
-  if (isRequest) DropMessage(connectionName);
+  if (isRequest && connection) DropMessage(connection->JobName());
   Touch();
   if (!Timing()) {
     LeaveJoinedTask(head->target);
     return false;
   }
   ZrTransceiver* const transceiver = Transceiver();
-  const ConnectionPointer connection =
-      transceiver ? transceiver->FindConnection(connectionName) : nullptr;
   if (isRequest && !Persistent()) {
     const ZrSendFailure failure = SendRequest(transceiver, connection, *head);
     LeaveJoinedTask(head->target);
     if (failure.kind != ZrSendFailureKind::kNone) ReportUnanswered(failure);
     return true;
   }
-  if (connection) {
+  if (connection && transceiver != nullptr) {
     connection->Attach(head->target);
     const std::uint64_t bytes = zr::QueueMessage(*connection, *head);
     transceiver->FlushConnection(*connection);

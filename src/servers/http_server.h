@@ -29,7 +29,9 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   void wake(const std::string& connectionName) override;
   /// Takes the bytes of the connection into its message and hands that out when it is complete.
   void processItem(const std::string& connectionName, const std::string& clientName) override;
-  bool SendHead(const std::string& connectionName, const std::shared_ptr<ZrXHeader>& head) override;
+  using ZrTransceiverServer::SendHead;
+  bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
+                const std::shared_ptr<ZrXHeader>& head) override;
   void EndTasks() override;
 
  private:
@@ -40,6 +42,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   struct Exchange {
     std::shared_ptr<ZrXHeader> head;  // the message being assembled; none between messages
     std::string task;                 // the joined task made for its messages; empty: none was made
+    std::shared_ptr<const ZrMessageEnds> ends;  // what its messages carry
   };
 
   // A worker's request that is out.
@@ -56,7 +59,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   std::shared_ptr<ZrXHeader> NewMessage(const ZrTransceiverConnection& connection,
                                         std::string task);
   /// No: the connection is gone, and nobody else tells the pool.
-  bool BeginExchange(ZrTransceiver& transceiver, const ConnectionPointer& connection);
+  bool BeginExchange(const ConnectionPointer& connection);
   std::shared_ptr<Asked> AskedOn(const std::string& connectionName);
   bool EndExchange(const std::shared_ptr<Asked>& asked);
   /// Reads what has arrived on a worker; without connection, its end has come.

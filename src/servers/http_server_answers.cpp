@@ -11,8 +11,7 @@
 #include "transceiver/message_handler.h"
 #include "transceiver/transceiver.h"
 
-bool ZrTransceiverServerL1HTTP::BeginExchange(ZrTransceiver& transceiver,
-                                              const ConnectionPointer& connection) {
+bool ZrTransceiverServerL1HTTP::BeginExchange(const ConnectionPointer& connection) {
   auto asked = std::make_shared<Asked>(connection);
   {
     ZrLock hold(requestLock_);
@@ -20,7 +19,7 @@ bool ZrTransceiverServerL1HTTP::BeginExchange(ZrTransceiver& transceiver,
   }
   connection->ExpectAnswers();
   // From here on the end of the connection finds the exchange. One that came before did not.
-  return transceiver.FindConnection(connection->JobName()) != nullptr || !EndExchange(asked);
+  return connection->IsListed() || !EndExchange(asked);
 }
 
 // Of the failures only those come back that nobody else tells the pool.
@@ -28,9 +27,9 @@ ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
                                                      const ConnectionPointer& connection,
                                                      ZrXHeader& head) {
   const ZrSendFailure closed{ZrSendFailureKind::kClosed, "the connection has closed", true};
-  if (!connection) return closed;
+  if (!connection || transceiver == nullptr) return closed;
   connection->Attach(head.target);
-  if (!BeginExchange(*transceiver, connection)) return closed;
+  if (!BeginExchange(connection)) return closed;
   const std::uint64_t bytes = zr::QueueMessage(*connection, head);
   if (bytes == 0) {
     const std::shared_ptr<Asked> asked = AskedOn(connection->JobName());

@@ -38,9 +38,17 @@ bool ZrTransceiverServer::HasExpired() { return !persistent_ && ZrJobWithTimeout
 
 void ZrTransceiverServer::processItem(const std::string&, const std::string&) {}
 
-bool ZrTransceiverServer::SendHead(const std::string&, const std::shared_ptr<ZrXHeader>& head) {
+bool ZrTransceiverServer::SendHead(const std::shared_ptr<ZrTransceiverConnection>&,
+                                   const std::shared_ptr<ZrXHeader>& head) {
   LeaveJoinedTask(head->target);
   return false;
+}
+
+bool ZrTransceiverServer::SendHead(const std::string& connectionName,
+                                   const std::shared_ptr<ZrXHeader>& head) {
+  ZrTransceiver* const transceiver = Transceiver();
+  return SendHead(transceiver != nullptr ? transceiver->FindConnection(connectionName) : nullptr,
+                  head);
 }
 
 void ZrTransceiverServer::stop() { zr::WriteOutputLine("ZrTransceiverServer::stop()"); }

@@ -32,7 +32,9 @@ void EndServer(ZrTransceiverServer* server) noexcept;
 
 /// Made with zr::MakeServer(), which has all tasks of a server ended before its destructor starts.
 /// Threads: any, where nothing else is said.
-class ZrTransceiverServer : public ZrJobWithTimeout, public ZrServerLink {
+class ZrTransceiverServer : public ZrJobWithTimeout,
+                            public ZrServerLink,
+                            public std::enable_shared_from_this<ZrTransceiverServer> {
  public:
   /// Without traffic for that long (microseconds) a server that is not persistent ends.
   static constexpr std::uint64_t kTimeLimit = 120'000'000;
@@ -54,7 +56,10 @@ class ZrTransceiverServer : public ZrJobWithTimeout, public ZrServerLink {
   /// Handles one pair of the queue, on the queue task and with no lock held. The base drops it.
   virtual void processItem(const std::string& key, const std::string& data);
   /// The base leaves the head's joined task and answers no.
-  bool SendHead(const std::string& connectionName, const std::shared_ptr<ZrXHeader>& head) override;
+  bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
+                const std::shared_ptr<ZrXHeader>& head) override;
+  /// Looks the connection up and sends on it.
+  bool SendHead(const std::string& connectionName, const std::shared_ptr<ZrXHeader>& head) final;
   /// The base says so on standard output.
   void stop() override;
   /// Sets the transceiver when there is none and answers whether it did.

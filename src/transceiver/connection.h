@@ -163,6 +163,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::int64_t NextExpiryNs();
   /// Its time limit has passed: it is not drained but goes at once.
   void MarkExpired() { expired_.store(true, std::memory_order_release); }
+  /// The transceiver knows it and finds it by name.
+  void SetListed(bool listed) { listed_.store(listed, std::memory_order_release); }
+  bool IsListed() const { return listed_.load(std::memory_order_acquire); }
   bool IsExpired() const { return expired_.load(std::memory_order_acquire); }
   /// The connection is closed for sending; it goes when the linger time has passed.
   void BeginLinger();
@@ -228,6 +231,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::atomic<bool> hasReceived_{false};
   std::atomic<bool> closing_{false};
   std::atomic<bool> expired_{false};
+  std::atomic<bool> listed_{false};
   std::atomic<std::int64_t> headSince_{0};    // monotonic time at which the head began; 0: none
   std::atomic<std::int64_t> lingerUntil_{0};  // monotonic time; 0: not closed for sending yet
 

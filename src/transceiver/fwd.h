@@ -8,3 +8,4 @@ class ZrOutgoingLink;
 class ZrServerLink;
 class ZrTransceiver;
 class ZrTransceiverConnection;
+struct ZrMessageEnds;

@@ -33,8 +33,12 @@ class ZrServerLink {
   /// accepted after it. The caller holds no lock. Idempotent.
   virtual void EndTasks() = 0;
 
-  /// Sends a message head with its body on a connection of this server. Answers whether the server
-  /// is still in service. The caller holds no lock. Threads: any.
+  /// Sends a message head with its body on a connection of this server; without connection it is
+  /// dropped. Answers whether the server is still in service. The caller holds no lock. Threads:
+  /// any.
+  virtual bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
+                        const std::shared_ptr<ZrXHeader>& head) = 0;
+  /// The same by the connection's name.
   virtual bool SendHead(const std::string& connectionName,
                         const std::shared_ptr<ZrXHeader>& head) = 0;
 };

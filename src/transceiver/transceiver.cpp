@@ -10,6 +10,7 @@
 #include "jobs/scheduler.h"
 #include "platform/output.h"
 #include "transceiver/connection.h"
+#include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
 #include "transceiver/server_link.h"
 
@@ -207,10 +208,10 @@ void ZrTransceiver::StopServers() {
 std::string ZrTransceiver::Send(ZrMessageHandler& client, std::shared_ptr<ZrXHeader> message,
                                 const ZrServerCallback& callback, const std::string& target, int) {
   if (!message) return CommonErrorName();
-  const std::string& clientName = client.HandlerJob().JobName();
   const bool known = CarriesMessages(message->ProtocolKind());
   const ZrMessageKind kind = message->kind;
-  if (known && kind == ZrMessageKind::kResponse) return SendAnswer(clientName, message, target);
+  if (known && kind == ZrMessageKind::kResponse) return SendAnswer(client, message, target);
+  const std::string& clientName = client.HandlerJob().JobName();
   if (!FindClient(clientName)) return CommonErrorName();
   message->target = target;
   switch (kind) {
@@ -227,23 +228,24 @@ std::string ZrTransceiver::Send(ZrMessageHandler& client, std::shared_ptr<ZrXHea
   return CommonErrorName();
 }
 
-std::string ZrTransceiver::SendAnswer(const std::string& clientName,
+// To the ends that the request came from; by the names of its route when it carries none.
+std::string ZrTransceiver::SendAnswer(ZrMessageHandler& client,
                                       const std::shared_ptr<ZrXHeader>& message,
                                       const std::string& target) {
-  if (message->route.size() < 2) return CommonErrorName();
+  ConnectionPointer connection;
   std::shared_ptr<ZrServerLink> server;
-  {
-    ZrLock hold(clientLock_);
-    const auto found = servers_.find(message->route[0]);
-    if (!clients_.contains(clientName) || found == servers_.end() ||
-        !connections_.contains(message->route[1])) {
-      return CommonErrorName();
-    }
-    server = found->second;
+  if (message->ends && message->ends->handler == &client) {
+    connection = message->ends->connection.lock();
+    server = message->ends->server.lock();
+    if (connection && !connection->IsListed()) connection = nullptr;
+  } else if (message->route.size() >= 2 && FindClient(client.HandlerJob().JobName())) {
+    server = FindServer(message->route[0]);
+    connection = FindConnection(message->route[1]);
   }
+  if (!server || !connection) return CommonErrorName();
   message->target = target;
   server->ServerJob().Attach(message->target);
-  server->SendHead(message->route[1], message);
+  server->SendHead(connection, message);
   return message->JobName();
 }
 
@@ -264,6 +266,7 @@ std::string ZrTransceiver::AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
   {
     ZrLock hold(clientLock_);
     if (!connections_.emplace(name, connection).second) return name;
+    connection->SetListed(true);
   }
   try {
     housekeeper_.Watch(connection);
@@ -293,6 +296,7 @@ void ZrTransceiver::Drop(ZrTransceiverConnection& connection) {
   decltype(servers_)::node_type server;
   {
     ZrLock hold(clientLock_);
+    connection.SetListed(false);
     removed = connections_.extract(name);
     server = servers_.extract(name);
   }
@@ -371,6 +375,7 @@ void ZrTransceiver::CheckConnection(const ConnectionPointer& connection) {
   PostEvent(connection->ReceiverName(), std::move(event));
   {
     ZrLock hold(clientLock_);
+    connection->SetListed(false);
     connections_.erase(connection->JobName());
   }
   connection->MarkExpired();

@@ -135,7 +135,7 @@ class ZrTransceiver final : public ZrJob {
   };
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
 
-  std::string SendAnswer(const std::string& clientName, const std::shared_ptr<ZrXHeader>& message,
+  std::string SendAnswer(ZrMessageHandler& client, const std::shared_ptr<ZrXHeader>& message,
                          const std::string& target);
   void Drop(ZrTransceiverConnection& connection);
   std::vector<std::shared_ptr<ZrServerLink>> Servers();
