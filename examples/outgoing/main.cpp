@@ -51,7 +51,7 @@ int main(int count, char** arguments) try {
   ZrTransceiver transceiver(scheduler, zr::ProtocolServers(zr::OutgoingPools()));
   const auto asker = zr::MakeJob<Asker>();
   transceiver.AddClient(asker);
-  asker->SendMessage(head, true);
+  asker->SendMessage(head);
   const auto answer = asker->Answer();
   transceiver.StopServers();
   transceiver.RemoveClient(asker);

@@ -239,7 +239,7 @@ class Getting {
         }
         const auto head = Request(urls[i]);
         asked_.push_back({head->JobName(), &options_.urls[i]});
-        reached = asker.SendMessage(head, true) == head->JobName();
+        reached = asker.SendMessage(head) == head->JobName();
       }
     }
   }

@@ -56,8 +56,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// under the name that is returned, the message's own. Empty when there is no message or no
   /// transceiver; another name (CommonErrorName()) when nothing was sent. May take as long as
   /// connecting does. Every message that is not answered is reported once by MessageFailed(), also
-  /// one that this call refused because its target cannot be reached.
-  virtual std::string SendMessage(std::shared_ptr<ZrXHeader> message, bool flag);
+  /// one that this call refused because its target cannot be reached. The flag means nothing.
+  virtual std::string SendMessage(std::shared_ptr<ZrXHeader> message, bool flag = true);
   /// A message of this client got no answer and will get none. Called on the thread that delivers
   /// events, with this client's job lock held: it must neither wait nor send. Does nothing here.
   virtual void MessageFailed(const std::string& /*name*/, const ZrSendFailure& /*failure*/) {}

@@ -1,5 +1,6 @@
 #include "servers/https_server.h"
 
+#include <chrono>
 #include <utility>
 
 #include "http/server_head.h"
@@ -17,24 +18,15 @@ ZrTlsTrust TrustOf(const std::shared_ptr<ZrXHeader>& target) {
 }  // namespace
 
 ZrTransceiverServerL1HTTPS::ZrTransceiverServerL1HTTPS(
-    ZrRinvalScheduler2& scheduler, std::shared_ptr<ZrXServerHeader> configuration,
-    ZrTransceiver& transceiver, std::string clientName, std::string headName, std::string ownerName,
-    ZrServerCallback callback, std::string type)
-    : ZrTransceiverServerL1HTTP(scheduler, configuration, transceiver, std::move(clientName),
-                                std::move(headName), std::move(ownerName), std::move(callback),
-                                std::move(type)),
+    ZrServerSetup setup, std::shared_ptr<ZrXServerHeader> configuration)
+    : ZrTransceiverServerL1HTTP(std::move(setup), configuration),
       ZrTransceiverServerL1_SSLAddon(*configuration) {
   protocolKind_ = zr::kProtocolHttps;
 }
 
-ZrTransceiverServerL1HTTPS::ZrTransceiverServerL1HTTPS(ZrRinvalScheduler2& scheduler,
-                                                       ZrTransceiver& transceiver,
-                                                       std::string clientName, std::string headName,
-                                                       std::shared_ptr<ZrXHeader> target,
-                                                       std::string ownerName,
-                                                       ZrServerCallback callback, std::string type)
-    : ZrTransceiverServerL1HTTP(scheduler, transceiver, std::move(clientName), std::move(headName),
-                                target, std::move(ownerName), std::move(callback), std::move(type)),
+ZrTransceiverServerL1HTTPS::ZrTransceiverServerL1HTTPS(ZrServerSetup setup,
+                                                       std::shared_ptr<ZrXHeader> target)
+    : ZrTransceiverServerL1HTTP(std::move(setup), target),
       ZrTransceiverServerL1_SSLAddon(ClientForm{TrustOf(target)}) {
   protocolKind_ = zr::kProtocolHttps;
   if (!target) return;
@@ -45,5 +37,13 @@ ZrTransceiverServerL1HTTPS::ZrTransceiverServerL1HTTPS(ZrRinvalScheduler2& sched
 std::shared_ptr<ZrTransceiverConnection> ZrTransceiverServerL1HTTPS::createConnection(
     ZrTransceiver& transceiver, const std::string& serverName, ZrServerCallback_t record,
     const std::shared_ptr<ZrSocketIPvx>& socket) {
-  return CreateConnection(transceiver, serverName, PeerName(), record, socket);
+  const auto handshakeEnd = std::chrono::steady_clock::now() + ZrTlsEngine::kHandshakeLimit;
+  try {
+    return CreateConnection(transceiver, serverName, PeerName(), record, socket);
+  } catch (const ZrException& problem) {
+    if (!Persistent() && (IsStartCancelled() || std::chrono::steady_clock::now() >= handshakeEnd)) {
+      throw ZrConnectionFailure(ZrSendFailureKind::kTimedOut, "no answer in the TLS handshake");
+    }
+    throw ZrConnectionFailure(ZrSendFailureKind::kTls, problem.what());
+  }
 }

@@ -13,16 +13,9 @@ class ZrTransceiverServerL1HTTPS : public ZrTransceiverServerL1HTTP,
  public:
   /// Listening: loads certificate and key of the configuration's options "cacertificate" and
   /// "privatekey" at once; throws ZrException_SSL as the add-on does.
-  ZrTransceiverServerL1HTTPS(ZrRinvalScheduler2& scheduler,
-                             std::shared_ptr<ZrXServerHeader> configuration,
-                             ZrTransceiver& transceiver, std::string clientName,
-                             std::string headName, std::string ownerName, ZrServerCallback callback,
-                             std::string type);
+  ZrTransceiverServerL1HTTPS(ZrServerSetup setup, std::shared_ptr<ZrXServerHeader> configuration);
   /// Connecting, with the client form of TLS. Throws as the add-on does.
-  ZrTransceiverServerL1HTTPS(ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-                             std::string clientName, std::string headName,
-                             std::shared_ptr<ZrXHeader> target, std::string ownerName,
-                             ZrServerCallback callback, std::string type);
+  ZrTransceiverServerL1HTTPS(ZrServerSetup setup, std::shared_ptr<ZrXHeader> target);
 
   std::shared_ptr<ZrTransceiverConnection> createConnection(
       ZrTransceiver& transceiver, const std::string& serverName, ZrServerCallback_t record,

@@ -13,13 +13,10 @@ namespace {
 
 template <class Server>
 ZrListeningEntry Listening(std::string label, std::string protocol) {
-  const auto make = [](ZrRinvalScheduler2& scheduler,
-                       std::shared_ptr<ZrXServerHeader> configuration, ZrTransceiver& transceiver,
-                       const std::string& clientName, const std::string& headName,
-                       const std::string& ownerName, const ZrServerCallback& callback,
-                       const std::string& type) -> std::shared_ptr<ZrServerLink> {
-    return zr::MakeServer<Server>(scheduler, std::move(configuration), transceiver, clientName,
-                                  headName, ownerName, callback, type);
+  const auto make =
+      [](ZrServerSetup setup,
+         std::shared_ptr<ZrXServerHeader> configuration) -> std::shared_ptr<ZrServerLink> {
+    return zr::MakeServer<Server>(std::move(setup), std::move(configuration));
   };
   return {make, std::move(label), std::move(protocol)};
 }
@@ -27,12 +24,10 @@ ZrListeningEntry Listening(std::string label, std::string protocol) {
 template <class Server>
 ZrConnectingFactory Connecting(std::string type) {
   return [type = std::move(type)](
-             ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-             const std::string& clientName, const std::string& headName,
-             std::shared_ptr<ZrXHeader> target, const std::string& ownerName,
-             const ZrServerCallback& callback) -> std::shared_ptr<ZrTransceiverServerL0> {
-    return zr::MakeServer<Server>(scheduler, transceiver, clientName, headName, std::move(target),
-                                  ownerName, callback, type);
+             ZrServerSetup setup,
+             std::shared_ptr<ZrXHeader> target) -> std::shared_ptr<ZrTransceiverServerL0> {
+    setup.type = type;
+    return zr::MakeServer<Server>(std::move(setup), std::move(target));
   };
 }
 

@@ -4,18 +4,15 @@
 #include <exception>
 #include <utility>
 
+#include "base/exception.h"
 #include "http/message_head.h"
 #include "jobs/job_registry.h"
 #include "jobs/scheduler.h"
 #include "transceiver/connection.h"
 #include "transceiver/transceiver.h"
 
-ZrURLHookService::ZrURLHookService(ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-                                   std::string clientName, ZrServerCallback callback,
-                                   ZrConnectingFactory workers, std::string ownerName)
-    : ZrTransceiverServer(scheduler, transceiver, std::move(clientName), {}, std::move(ownerName),
-                          std::move(callback)),
-      factory_(std::move(workers)) {
+ZrURLHookService::ZrURLHookService(ZrServerSetup setup, ZrConnectingFactory workers)
+    : ZrTransceiverServer(std::move(setup)), factory_(std::move(workers)) {
   CreateJoinedTaskFor("urlhook_" + JobName());
   SetHeadName(JobName());
 }
@@ -146,12 +143,19 @@ bool ZrURLHookService::StartWorker(const Request& request) {
 ZrURLHookService::WorkerPointer ZrURLHookService::MakeWorker(const Request& request,
                                                              ZrSendFailure& failure) {
   try {
-    return factory_(Scheduler(), *Transceiver(), ClientName(), request.head->JobName(),
-                    request.head, JobName(), Callback());
-  } catch (const std::exception& problem) {
+    return factory_({.scheduler = Scheduler(),
+                     .transceiver = *Transceiver(),
+                     .clientName = ClientName(),
+                     .headName = request.head->JobName(),
+                     .ownerName = JobName(),
+                     .callback = Callback()},
+                    request.head);
+  } catch (const ZrException_SSL& problem) {
     failure = {ZrSendFailureKind::kTls, problem.what()};
-    return nullptr;
+  } catch (const std::exception& problem) {
+    failure = {ZrSendFailureKind::kNotSent, problem.what()};
   }
+  return nullptr;
 }
 
 bool ZrURLHookService::EnterStarting(const WorkerPointer& worker) {
@@ -445,11 +449,8 @@ void ZrURLHookService::EndTasks() {
 }
 
 ZrOutgoingFactory zr::OutgoingPools() {
-  return
-      [](ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver, const std::string& clientName,
-         const ZrServerCallback& callback, const ZrConnectingFactory& workers,
-         const std::string& ownerName) -> std::shared_ptr<ZrOutgoingLink> {
-        return zr::MakeServer<ZrURLHookService>(scheduler, transceiver, clientName, callback,
-                                                workers, ownerName);
-      };
+  return [](ZrServerSetup setup,
+            const ZrConnectingFactory& workers) -> std::shared_ptr<ZrOutgoingLink> {
+    return zr::MakeServer<ZrURLHookService>(std::move(setup), workers);
+  };
 }

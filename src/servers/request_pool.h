@@ -34,11 +34,8 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
  public:
   static constexpr std::size_t kWorkerLimit = 10;
 
-  /// The factory makes the workers. Names are job names: of the handler that the requests are from,
-  /// and of the connection owner.
-  ZrURLHookService(ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-                   std::string clientName, ZrServerCallback callback, ZrConnectingFactory workers,
-                   std::string ownerName);
+  /// The factory makes the workers.
+  ZrURLHookService(ZrServerSetup setup, ZrConnectingFactory workers);
 
   /// Events about workers: code 5, the exchange is over; 1, its time limit has passed; 2, its
   /// connection is closed; 9, its request got no answer. Answers yes.

@@ -6,16 +6,14 @@
 #include "platform/output.h"
 #include "transceiver/transceiver.h"
 
-ZrTransceiverServer::ZrTransceiverServer(ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-                                         std::string clientName, std::string headName,
-                                         std::string ownerName, ZrServerCallback callback)
-    : ZrJobWithTimeout(kTimeLimit, transceiver.Clock()),
-      scheduler_(scheduler),
-      clientName_(std::move(clientName)),
-      ownerName_(std::move(ownerName)),
-      callback_(std::move(callback)),
-      transceiver_(&transceiver),
-      headName_(std::move(headName)) {
+ZrTransceiverServer::ZrTransceiverServer(ZrServerSetup setup)
+    : ZrJobWithTimeout(kTimeLimit, setup.transceiver.Clock()),
+      scheduler_(setup.scheduler),
+      clientName_(std::move(setup.clientName)),
+      ownerName_(std::move(setup.ownerName)),
+      callback_(std::move(setup.callback)),
+      transceiver_(&setup.transceiver),
+      headName_(std::move(setup.headName)) {
   CreateJoinedTaskFor("server_" + clientName_);
 }
 

@@ -15,6 +15,7 @@
 #include "base/server_callback.h"
 #include "jobs/job_with_timeout.h"
 #include "platform/sync.h"
+#include "transceiver/server_factories.h"
 #include "transceiver/server_link.h"
 
 class ZrRinvalScheduler2;
@@ -39,11 +40,7 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   /// Without traffic for that long (microseconds) a server that is not persistent ends.
   static constexpr std::uint64_t kTimeLimit = 120'000'000;
 
-  /// Scheduler and transceiver outlive the server. The names are job names: of the handler that
-  /// messages go to, of the configuration head, and of the job that hears of the connections.
-  ZrTransceiverServer(ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-                      std::string clientName, std::string headName, std::string ownerName,
-                      ZrServerCallback callback);
+  explicit ZrTransceiverServer(ZrServerSetup setup);
   /// Reports kind 2. All tasks have ended before.
   ~ZrTransceiverServer() override;
 

@@ -10,7 +10,6 @@
 #include "jobs/job_event.h"
 #include "jobs/scheduler.h"
 #include "net/tcp_socket.h"
-#include "net/tls_engine.h"
 #include "platform/output.h"
 #include "platform/system.h"
 #include "transceiver/connection.h"
@@ -69,26 +68,20 @@ ZrOptionMap HostRecord(const std::string& type, const std::string& host, const s
 }  // namespace
 
 ZrTransceiverServerL0Socket::ZrTransceiverServerL0Socket(
-    ZrRinvalScheduler2& scheduler, std::shared_ptr<ZrXServerHeader> configuration,
-    ZrTransceiver& transceiver, std::string clientName, std::string headName, std::string ownerName,
-    ZrServerCallback callback, std::string type)
-    : ZrTransceiverServerL0(scheduler, transceiver, std::move(clientName), std::move(headName),
-                            std::move(ownerName), std::move(callback)),
+    ZrServerSetup setup, std::shared_ptr<ZrXServerHeader> configuration)
+    : ZrTransceiverServerL0(setup),
       configuration_(std::move(configuration)),
-      type_(std::move(type)),
+      type_(std::move(setup.type)),
       connectionCap_(ConnectionCap()),
       running_(true) {
   poller_.emplace();
 }
 
-ZrTransceiverServerL0Socket::ZrTransceiverServerL0Socket(
-    ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver, std::string clientName,
-    std::string headName, std::shared_ptr<ZrXHeader> target, std::string ownerName,
-    ZrServerCallback callback, std::string type)
-    : ZrTransceiverServerL0(scheduler, transceiver, std::move(clientName), std::move(headName),
-                            std::move(ownerName), std::move(callback)),
+ZrTransceiverServerL0Socket::ZrTransceiverServerL0Socket(ZrServerSetup setup,
+                                                         std::shared_ptr<ZrXHeader> target)
+    : ZrTransceiverServerL0(setup),
       target_(std::move(target)),
-      type_(std::move(type)),
+      type_(std::move(setup.type)),
       connectionCap_(ConnectionCap()),
       running_(false) {
   persistent_ = false;
@@ -284,19 +277,15 @@ bool ZrTransceiverServerL0Socket::StartConnecting() {
   ZrServerCallback_t record;
   record.kind = ZrServerCallback_t::kConnectionOpened;
   record.info = HostRecord(type_, target_->host, std::to_string(target_->port));
-  const bool secure = protocolKind_ == zr::kProtocolHttps;
-  const auto handshakeEnd = steady_clock::now() + ZrTlsEngine::kHandshakeLimit;
   try {
     SetResult(transceiver->AddConnection(
         socket, createConnection(*transceiver, JobName(), std::move(record), socket)));
     return true;
+  } catch (const ZrConnectionFailure& failure) {
+    // A line here would be noise for every worker.
+    return FailStart(failure.kind, failure.what());
   } catch (const std::exception& problem) {
-    // The TLS handshake failed, in most cases; a line here would be noise for every worker.
-    if (secure && (IsStartCancelled() || steady_clock::now() >= handshakeEnd)) {
-      return FailStart(ZrSendFailureKind::kTimedOut, "no answer in the TLS handshake");
-    }
-    return FailStart(secure ? ZrSendFailureKind::kTls : ZrSendFailureKind::kNotSent,
-                     problem.what());
+    return FailStart(ZrSendFailureKind::kNotSent, problem.what());
   } catch (...) {
     return FailStart(ZrSendFailureKind::kNotSent, "the connection could not be made");
   }

@@ -9,13 +9,24 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "base/exception.h"
+#include "base/send_failure.h"
 #include "platform/poller.h"
 #include "platform/sync.h"
 #include "servers/base_server.h"
 #include "transceiver/fwd.h"
 
 class ZrSocketIPvx;
+
+/// No connection can be made on a socket, and why.
+class ZrConnectionFailure : public ZrException {
+ public:
+  ZrConnectionFailure(ZrSendFailureKind why, std::string message)
+      : ZrException(std::move(message), __LINE__, "src"), kind(why) {}
+  const ZrSendFailureKind kind;
+};
 
 /// Threads: any. Made with zr::MakeServer().
 class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
@@ -27,18 +38,10 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
   /// The pause when the process has no descriptor left for a peer.
   static constexpr std::chrono::milliseconds kExhaustedPause{50};
 
-  /// A listening server; it shares the configuration head. The type is "HTTP", "HTTPS", "QUARN" or
-  /// "DirectSocket".
-  ZrTransceiverServerL0Socket(ZrRinvalScheduler2& scheduler,
-                              std::shared_ptr<ZrXServerHeader> configuration,
-                              ZrTransceiver& transceiver, std::string clientName,
-                              std::string headName, std::string ownerName,
-                              ZrServerCallback callback, std::string type);
+  /// A listening server; it shares the configuration head.
+  ZrTransceiverServerL0Socket(ZrServerSetup setup, std::shared_ptr<ZrXServerHeader> configuration);
   /// A connecting server; it shares the target head.
-  ZrTransceiverServerL0Socket(ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver,
-                              std::string clientName, std::string headName,
-                              std::shared_ptr<ZrXHeader> target, std::string ownerName,
-                              ZrServerCallback callback, std::string type);
+  ZrTransceiverServerL0Socket(ZrServerSetup setup, std::shared_ptr<ZrXHeader> target);
   ~ZrTransceiverServerL0Socket() override;
 
   /// Listening: submits the accept loop. Connecting: opens the connection and registers it; takes
@@ -52,7 +55,8 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
   bool HasExpired() override;
   ZrSendFailure StartFailure() const override;
 
-  /// Makes the connection object for a connected socket. The record describes the peer.
+  /// Makes the connection object for a connected socket. The record describes the peer. Throws
+  /// ZrConnectionFailure when none can be made.
   virtual std::shared_ptr<ZrTransceiverConnection> createConnection(
       ZrTransceiver& transceiver, const std::string& serverName, ZrServerCallback_t record,
       const std::shared_ptr<ZrSocketIPvx>& socket);

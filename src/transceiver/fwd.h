@@ -9,3 +9,4 @@ class ZrServerLink;
 class ZrTransceiver;
 class ZrTransceiverConnection;
 struct ZrMessageEnds;
+struct ZrServerSetup;

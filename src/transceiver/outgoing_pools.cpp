@@ -97,8 +97,12 @@ ZrOutgoingPools::Pool ZrOutgoingPools::FindOrMake(const std::string& clientName,
   if (Pool pool = Find(clientName, key)) return pool;
   const auto workers = factories_.connecting.find(kind);
   if (!factories_.outgoing || workers == factories_.connecting.end()) return nullptr;
-  const Pool made = factories_.outgoing(scheduler_, transceiver_, clientName, callback,
-                                        workers->second, transceiver_.JobName());
+  const Pool made = factories_.outgoing({.scheduler = scheduler_,
+                                         .transceiver = transceiver_,
+                                         .clientName = clientName,
+                                         .ownerName = transceiver_.JobName(),
+                                         .callback = callback},
+                                        workers->second);
   std::vector<Pool> unused;  // released without the lock
   ZrLock hold(lock_);
   const auto ofClient = hookServices_.find(clientName);

@@ -14,30 +14,35 @@
 class ZrRinvalScheduler2;
 class ZrTransceiverServerL0;
 
-/// Makes a listening server from its configuration head, which the server shares. The names are the
-/// handler's, the head's and the connection owner's job names; the last text is the server's label.
+/// What every server is made with. Scheduler and transceiver outlive the server; the names are job
+/// names.
+struct ZrServerSetup {
+  ZrRinvalScheduler2& scheduler;
+  ZrTransceiver& transceiver;
+  std::string clientName;     ///< The handler that messages go to, or come from.
+  std::string headName = {};  ///< The configuration head; of a worker, the head it was made for.
+  std::string ownerName;      ///< Who hears of the connections.
+  ZrServerCallback callback;
+  std::string type = {};  ///< "HTTP", "HTTPS", "QUARN" or "DirectSocket"; empty for a pool.
+};
+
+/// Makes a listening server from its configuration head, which the server shares.
 using ZrListeningFactory = std::function<std::shared_ptr<ZrServerLink>(
-    ZrRinvalScheduler2& scheduler, std::shared_ptr<ZrXServerHeader> configuration,
-    ZrTransceiver& transceiver, const std::string& clientName, const std::string& headName,
-    const std::string& ownerName, const ZrServerCallback& callback, const std::string& label)>;
+    ZrServerSetup setup, std::shared_ptr<ZrXServerHeader> configuration)>;
 
 /// Makes a connecting server for the target that the head names; the server shares that head. The
-/// names are the handler's, the head's and the connection owner's job names.
+/// setup needs no type.
 using ZrConnectingFactory = std::function<std::shared_ptr<ZrTransceiverServerL0>(
-    ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver, const std::string& clientName,
-    const std::string& headName, std::shared_ptr<ZrXHeader> target, const std::string& ownerName,
-    const ZrServerCallback& callback)>;
+    ZrServerSetup setup, std::shared_ptr<ZrXHeader> target)>;
 
-/// Makes the pool for one handler and one target; the last name is the connection owner's.
+/// Makes the pool for one handler and one target.
 using ZrOutgoingFactory = std::function<std::shared_ptr<ZrOutgoingLink>(
-    ZrRinvalScheduler2& scheduler, ZrTransceiver& transceiver, const std::string& clientName,
-    const ZrServerCallback& callback, const ZrConnectingFactory& workers,
-    const std::string& ownerName)>;
+    ZrServerSetup setup, const ZrConnectingFactory& workers)>;
 
 /// How servers of one protocol kind are opened.
 struct ZrListeningEntry {
   ZrListeningFactory make;
-  std::string label;     ///< "HTTP", "HTTPS", "QUARN", "DirectSocket"
+  std::string label;     ///< The server's type.
   std::string protocol;  ///< the "protocol" entry of the record that reports the new server
 };
 

@@ -132,8 +132,14 @@ std::string ZrTransceiver::OpenServer(ZrMessageHandler& client,
   }
   std::shared_ptr<ZrServerLink> server;
   try {
-    server = entry->second.make(scheduler_, std::move(configuration), *this, clientName, headName,
-                                JobName(), callback, entry->second.label);
+    server = entry->second.make({.scheduler = scheduler_,
+                                 .transceiver = *this,
+                                 .clientName = clientName,
+                                 .headName = headName,
+                                 .ownerName = JobName(),
+                                 .callback = callback,
+                                 .type = entry->second.label},
+                                std::move(configuration));
     AddServer(server);
     server->start();
   } catch (...) {

@@ -161,7 +161,7 @@ TEST(Outgoing, SlowIsNotSilent) {
 
   // A byte in 20 seconds: the whole takes longer than any limit, the silence between does not.
   const auto head = AskingBed::Request(peer.Port());
-  bed.client->SendMessage(head, true);
+  bed.client->SendMessage(head);
   while (allowed < answer.size()) {
     clock.Advance(std::chrono::seconds(20));
     bed.transceiver.WakeHousekeeper();
@@ -175,7 +175,7 @@ TEST(Outgoing, SlowIsNotSilent) {
   EXPECT_EQ(bed.EndOf(head), "200 slow");
 
   const auto silent = AskingBed::Request(peer.Port(), "/silent");
-  bed.client->SendMessage(silent, true);
+  bed.client->SendMessage(silent);
   // Before it is on its way, an expiry would be the idle connection's, and a fresh one would serve
   // it.
   ASSERT_TRUE(WaitFor([&] { return thirdArrived.load(); }));
@@ -204,7 +204,7 @@ TEST(Outgoing, ASlowUploadIsNotSilent) {
   });
   AskingBed bed(clock);
   const auto head = AskingBed::Request(peer.Port(), "/", std::string(kStep * kSteps, 'x'));
-  bed.client->SendMessage(head, true);
+  bed.client->SendMessage(head);
   while (allowed < kSteps) {
     clock.Advance(std::chrono::seconds(20));
     bed.transceiver.WakeHousekeeper();
@@ -252,10 +252,10 @@ TEST(Outgoing, StopWithRequestsInFlight) {
   ScriptedPeer peer([](int, PeerConnection& connection) { connection.ReadToEnd(); });
   for (int round = 0; round < 20; ++round) {
     AskingBed bed;
-    for (int i = 0; i < 30; ++i) bed.client->SendMessage(AskingBed::Request(peer.Port()), true);
+    for (int i = 0; i < 30; ++i) bed.client->SendMessage(AskingBed::Request(peer.Port()));
     // Another thread hangs in a handshake that nobody answers.
     std::thread sender([&] {
-      bed.client->SendMessage(AskingBed::Request(peer.Port(), "/", {}, zr::kProtocolHttps), true);
+      bed.client->SendMessage(AskingBed::Request(peer.Port(), "/", {}, zr::kProtocolHttps));
     });
     const int before = round * 11;
     EXPECT_TRUE(WaitFor([&] { return peer.Count() == before + 11; }));

@@ -60,7 +60,7 @@ std::vector<std::string> SendAll(AskingBed& bed, int port, int count) {
   for (int i = 0; i < count; ++i) {
     const auto head = AskingBed::Request(port, "/" + std::to_string(i));
     names.push_back(head->JobName());
-    bed.client->SendMessage(head, true);
+    bed.client->SendMessage(head);
   }
   return names;
 }
@@ -132,7 +132,7 @@ TEST(Pool, StartsHoldNothingUpAndTheirFailureIsTold) {
   });
   AskingBed bed;
   const auto send = [&] {
-    bed.client->SendMessage(AskingBed::Request(peer.Port(), "/", {}, zr::kProtocolHttps), true);
+    bed.client->SendMessage(AskingBed::Request(peer.Port(), "/", {}, zr::kProtocolHttps));
   };
   std::vector<std::thread> senders;
   for (int i = 0; i < 10; ++i) senders.emplace_back(send);

@@ -102,7 +102,7 @@ class AskingBed {
   }
   /// Sends and waits for the end.
   std::string Ask(const std::shared_ptr<ZrXHeader>& head) {
-    client->SendMessage(head, true);
+    client->SendMessage(head);
     return EndOf(head);
   }
   /// Waits for the outcome, as text, and for the end of the exchange: a worker whose connection
