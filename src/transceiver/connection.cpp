@@ -7,7 +7,6 @@
 #include "jobs/job_event.h"
 #include "jobs/job_registry.h"
 #include "net/tcp_socket.h"
-#include "platform/socket.h"
 #include "transceiver/transceiver.h"
 
 namespace {
@@ -374,8 +373,7 @@ ZrTransceiverConnection::Sent ZrTransceiverConnection::SendFront(ZrSocketIPvx& s
   }
   const auto want =
       static_cast<std::size_t>(std::min<std::uint64_t>(front->remaining, kWriteBudget));
-  const ZrIoResult result =
-      zr::SendFile(socket.primaryDescriptor(), *front->file, front->offset, want);
+  const ZrIoResult result = socket.Line().SendFile(*front->file, front->offset, want);
   if (result.status == ZrIoStatus::kWouldBlock) return Sent::kRefused;
   if (result.status != ZrIoStatus::kDone) return Sent::kDead;
   if (result.count == 0) {
@@ -393,16 +391,24 @@ ZrTransceiverConnection::Sent ZrTransceiverConnection::SendFront(ZrSocketIPvx& s
   return Sent::kSome;
 }
 
-bool ZrTransceiverConnection::WriteToSocket(ZrSocketIPvx& socket) {
-  for (std::size_t total = 0; total < kWriteBudget;) {
+ZrTransceiverConnection::Output ZrTransceiverConnection::WriteToSocket(ZrSocketIPvx& socket) {
+  for (std::size_t total = 0;;) {
     std::size_t count = 0;
     const Sent sent = SendFront(socket, count);
     if (count > 0) Touch();
     total += count;
-    if (sent == Sent::kDead) return false;
-    if (sent != Sent::kSome) break;
+    switch (sent) {
+      case Sent::kSome:
+        if (total < kWriteBudget) continue;
+        return Output::kMoved;
+      case Sent::kAll:
+        return total > 0 ? Output::kMoved : Output::kIdle;
+      case Sent::kRefused:
+        return total > 0 ? Output::kMoved : Output::kRefused;
+      case Sent::kDead:
+        return Output::kDead;
+    }
   }
-  return true;
 }
 
 bool ZrTransceiverConnection::FinishOutput(ZrSocketIPvx&) { return true; }

@@ -77,8 +77,15 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   virtual void PeekFront(std::string& text);
   /// Drops bytes that the socket took from the front of the queue.
   virtual void Consume(std::size_t count) ZR_REQUIRES(lock_);
-  /// Gives the socket what it takes of the queue now. False: the connection is dead.
-  virtual bool WriteToSocket(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
+  /// What a pass of writing came to.
+  enum class Output {
+    kMoved,    ///< bytes went out; there may be more
+    kIdle,     ///< there was nothing that could have been given to the socket
+    kRefused,  ///< the socket took nothing: wait for room
+    kDead,     ///< the connection is broken: remove it
+  };
+  /// Gives the socket what it takes of the queue now.
+  virtual Output WriteToSocket(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
   /// Stores received bytes, restarts the time limit and tells the receiver job with one event of
   /// code 8 per batch that it has not taken yet. A closing connection drops the bytes.
   virtual void OnReceived(const char* data, std::size_t length);
@@ -91,7 +98,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// Called once when everything queued on a closing connection was sent, before the socket is shut
   /// down for sending. No: it needs more room on the socket and is called again when there is some.
   virtual bool FinishOutput(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
-  /// Whether the socket's room for output is to be waited for.
+  /// Whether the socket's room for output is to be waited for: it refused bytes, or some were not
+  /// tried yet.
   virtual bool WantsOutput() const ZR_REQUIRES(lock_);
   /// Whether bytes may be read without the socket becoming readable.
   virtual bool HasBufferedInput() const { return false; }

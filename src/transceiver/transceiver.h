@@ -158,6 +158,7 @@ class ZrTransceiver final : public ZrJob {
     ConnectionPointer connection;
     std::uint64_t token = 0;
     bool urgent = false;
+    bool hangup = false;
   };
 
   std::string SendAnswer(const std::string& clientName, const std::shared_ptr<ZrXHeader>& message,
@@ -180,6 +181,9 @@ class ZrTransceiver final : public ZrJob {
   void ReceiveLoop();
   void SendLoop();
   void FlushAll();
+  /// Writes what is queued. Since a poller said that the socket is ready (`ready`, else none), a
+  /// pass that does nothing and would be repeated at once ends the connection.
+  void Flush(ZrTransceiverConnection& connection, const Ready* ready);
   void AfterOutput(ZrTransceiverConnection& connection);
   /// The registered pairs behind ready descriptors.
   void Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready);

@@ -176,7 +176,8 @@ void ZrTransceiver::Resolve(std::span<const ZrReadiness> events, std::vector<Rea
   for (const ZrReadiness& event : events) {
     const auto found = byToken_.find(event.token);
     if (found == byToken_.end()) continue;
-    ready.push_back({found->second->socket, found->second->connection, event.token, event.urgent});
+    ready.push_back({found->second->socket, found->second->connection, event.token, event.urgent,
+                     event.hangup});
   }
 }
 
@@ -243,7 +244,7 @@ void ZrTransceiver::ResolveResumed(std::vector<Ready>& ready) {
   for (const std::uint64_t token : resumed_) {
     const auto found = byToken_.find(token);
     if (found != byToken_.end()) {
-      ready.push_back({found->second->socket, found->second->connection, token, false});
+      ready.push_back({found->second->socket, found->second->connection, token});
     }
   }
   resumed_.clear();
@@ -267,7 +268,7 @@ void ZrTransceiver::SendLoop() {
     if (flushAll_.exchange(false)) FlushAll();
     for (const Ready& one : ready) {
       try {
-        FlushConnection(*one.connection);
+        Flush(*one.connection, &one);
         // Room on the socket may be what reading had waited for.
         if (one.connection->HasBufferedInput() && !one.connection->IsReadingPaused()) {
           ZrLock hold(ioLock_);
@@ -293,11 +294,24 @@ void ZrTransceiver::FlushAll() {
 }
 
 void ZrTransceiver::FlushConnection(ZrTransceiverConnection& connection) {
+  Flush(connection, nullptr);
+}
+
+// A connection stands in the send job's set only because its socket refused bytes. One that hung up
+// takes none any more, whatever it answers; and when there was nothing to give it, nothing will
+// change that: either would be reported over and over.
+void ZrTransceiver::Flush(ZrTransceiverConnection& connection, const Ready* ready) {
+  using Output = ZrTransceiverConnection::Output;
   bool alive = true;
   {
     ZrLock writing(connection.Lock());
-    alive = !connection.socket_ ||
-            (connection.WriteToSocket(*connection.socket_) && EndOutputWhenDone(connection));
+    if (connection.socket_) {
+      const Output output = connection.WriteToSocket(*connection.socket_);
+      alive = output != Output::kDead && EndOutputWhenDone(connection);
+      const bool idle = output == Output::kIdle && !connection.IsClosing();
+      const bool useless = ready != nullptr && (ready->hangup || idle);
+      if (useless && connection.outputWatched_) alive = false;
+    }
   }
   if (!alive) return RemoveConnection(connection.JobName(), true);
   NoteProgress();

@@ -36,12 +36,12 @@ struct Line {
     EXPECT_GE(listener.accept(*accepted, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
     connection = addon.CreateConnection(bed.transceiver, "nobody", "nobody", {}, accepted);
     bed.transceiver.AddConnection(accepted, connection);
-    client.emplace(context.get(), socket.primaryDescriptor(), ZrTlsEngine::Side::kClient);
+    client.emplace(context.get(), socket.Line(), ZrTlsEngine::Side::kClient);
     client->ConnectWithin(20s);
   }
   void Send(std::string_view record) {
     EXPECT_EQ(client->Write(record, false).count, record.size());
-    while (client->Flush() == ZrTlsStatus::kWantWrite) {
+    while (client->Flush() == ZrTlsWriteStatus::kWantWrite) {
       ASSERT_EQ(zr::WaitWritable(socket.primaryDescriptor(), 20s), ZrWaitStatus::kReady);
     }
   }
