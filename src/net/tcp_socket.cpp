@@ -41,9 +41,6 @@ ZrSocketResult ZrSocketIPvx::send(const char* buffer, std::size_t length, std::s
     return ZrSocketResult::kSuccess;
   }
   const ZrIoResult result = line_->Send({buffer, length});
-  const bool usable =
-      result.status == ZrIoStatus::kDone || result.status == ZrIoStatus::kWouldBlock;
-  lastSendError_ = usable ? 0 : result.error;
   sent = result.count;
   return result.status == ZrIoStatus::kDone && sent == length ? ZrSocketResult::kSuccess
                                                               : ZrSocketResult::kSendIncomplete;

@@ -22,7 +22,7 @@ enum class ZrSocketResult {
   kSuccess = 0,         ///< Done. receive also answers it for "nothing": see receive.
   kListenFailed = 1,    ///< No address of the port could be resolved, bound or listened on.
   kConnectFailed = 2,   ///< The host was not found or no address of it took the connection.
-  kSendIncomplete = 3,  ///< Only a part was sent, or nothing; lastSendError says which.
+  kSendIncomplete = 3,  ///< Only a part was sent, or nothing.
 };
 
 class ZrSocketIPvx {
@@ -102,8 +102,6 @@ class ZrSocketIPvx {
   bool wouldBlock() const noexcept { return wouldBlock_; }
   /// The error number of the last receive that failed; 0 when none has.
   int lastError() const noexcept { return lastError_; }
-  /// The error number when the last send failed for good; 0 when it sent or the socket was full.
-  int lastSendError() const noexcept { return lastSendError_; }
   /// Why the last connect failed, and the system's text for it.
   ZrConnectFailure connectFailure() const noexcept { return connectFailure_; }
   const std::string& connectErrorText() const noexcept { return connectErrorText_; }
@@ -132,7 +130,6 @@ class ZrSocketIPvx {
   std::array<char, kHostCapacity> peerHost_{};
   std::array<char, kServiceCapacity> peerService_{};
   bool wouldBlock_ = false;
-  int lastSendError_ = 0;
   ZrAcceptStatus lastAccept_ = ZrAcceptStatus::kNoPeer;
   bool quiet_ = false;
   ZrConnectFailure connectFailure_ = ZrConnectFailure::kNone;
