@@ -31,9 +31,11 @@ class TlsPeer {
     Give();
     return done;
   }
-  void Send(std::string_view text) {
-    SSL_write(ssl_.get(), text.data(), static_cast<int>(text.size()));
+  /// False when it cannot send (yet).
+  bool Send(std::string_view text) {
+    const int count = SSL_write(ssl_.get(), text.data(), static_cast<int>(text.size()));
     Give();
+    return count > 0;
   }
   std::string Read() {
     Take();
