@@ -23,6 +23,8 @@ void Keep(std::array<char, Capacity>& target, std::string_view text) {
 
 ZrSocketIPvx::ZrSocketIPvx(int /*unused*/) {}
 
+ZrSocketIPvx::ZrSocketIPvx(ZrByteLine& line) : closed_(false), line_(&line) {}
+
 ZrSocketIPvx::~ZrSocketIPvx() {
   for (const ZrDescriptor* socket : {&primary_, &secondary_}) {
     if (socket->IsOpen()) zr::ShutdownBoth(socket->Get());
@@ -34,25 +36,23 @@ void ZrSocketIPvx::Complain(const std::string& line) const {
 }
 
 ZrSocketResult ZrSocketIPvx::send(const char* buffer, std::size_t length, std::size_t& sent) {
-  if (!primary_.IsOpen()) {
+  if (line_ == &ownLine_ && !primary_.IsOpen()) {
     zr::WriteErrorLine("no socket");
     return ZrSocketResult::kSuccess;
   }
-  const ZrIoResult result = zr::SendBytes(primary_.Get(), {buffer, length});
-  const bool usable =
-      result.status == ZrIoStatus::kDone || result.status == ZrIoStatus::kWouldBlock;
-  lastSendError_ = usable ? 0 : result.error;
+  const ZrIoResult result = line_->Send({buffer, length});
   sent = result.count;
   return result.status == ZrIoStatus::kDone && sent == length ? ZrSocketResult::kSuccess
                                                               : ZrSocketResult::kSendIncomplete;
 }
 
 ZrSocketResult ZrSocketIPvx::receive(char* buffer, std::size_t capacity, std::size_t& received) {
-  const ZrIoResult result = zr::ReceiveBytes(primary_.Get(), {buffer, capacity});
+  const ZrIoResult result = line_->Receive({buffer, capacity});
   received = result.count;
   wouldBlock_ = result.status == ZrIoStatus::kWouldBlock;
   if (result.status == ZrIoStatus::kClosed && result.error == 0) closed_ = true;
   if (result.error != 0 && !wouldBlock_) {
+    closed_ = false;
     lastError_ = result.error;
     Complain("ZrSocketIPvx::Receive(): error in read (errno=" + std::to_string(result.error) +
              ") " + zr::SystemErrorText(result.error));

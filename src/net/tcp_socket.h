@@ -13,6 +13,7 @@
 #include <string>
 
 #include "base/host_info.h"
+#include "net/byte_line.h"
 #include "platform/descriptor.h"
 #include "platform/socket.h"
 
@@ -21,7 +22,7 @@ enum class ZrSocketResult {
   kSuccess = 0,         ///< Done. receive also answers it for "nothing": see receive.
   kListenFailed = 1,    ///< No address of the port could be resolved, bound or listened on.
   kConnectFailed = 2,   ///< The host was not found or no address of it took the connection.
-  kSendIncomplete = 3,  ///< Only a part was sent, or nothing; lastSendError says which.
+  kSendIncomplete = 3,  ///< Only a part was sent, or nothing.
 };
 
 class ZrSocketIPvx {
@@ -34,6 +35,8 @@ class ZrSocketIPvx {
 
   /// The argument has no effect.
   explicit ZrSocketIPvx(int unused = 0);
+  /// A connected endpoint whose bytes go over a line of the caller's, which lives longer.
+  explicit ZrSocketIPvx(ZrByteLine& line);
   ZrSocketIPvx(const ZrSocketIPvx&) = delete;
   ZrSocketIPvx& operator=(const ZrSocketIPvx&) = delete;
   /// Shuts both sockets down and closes them.
@@ -44,8 +47,8 @@ class ZrSocketIPvx {
   /// error, kSuccess, and `sent` is not touched.
   virtual ZrSocketResult send(const char* buffer, std::size_t length, std::size_t& sent);
   /// Takes what has arrived, at most `capacity` bytes (above 0); answers kSuccess always. With
-  /// `received` 0: closed() for the peer's orderly end, wouldBlock() when nothing has arrived, and
-  /// otherwise a failure, whose number is in lastError() and on standard error.
+  /// `received` 0: wouldBlock() when nothing has arrived, closed() for the peer's orderly end, and
+  /// otherwise a failure (a reset, too), whose number is in lastError() and on standard error.
   virtual ZrSocketResult receive(char* buffer, std::size_t capacity, std::size_t& received);
   /// The same after waiting at most a millisecond; `received` is 0 when nothing came.
   virtual ZrSocketResult receiveIfReady(char* buffer, std::size_t capacity, std::size_t& received);
@@ -90,14 +93,15 @@ class ZrSocketIPvx {
   bool listening() const noexcept { return listening_; }
   /// Set by accept on the object it filled.
   bool accepted() const noexcept { return accepted_; }
-  /// True from construction; connect clears it, the peer's orderly end sets it.
+  /// The bytes of a connected endpoint, for whoever moves them itself. Lives as long as the object.
+  ZrByteLine& Line() noexcept { return *line_; }
+  /// True from construction; accept and connect clear it, the peer's orderly end sets it, and a
+  /// failure of receive clears it again: what failed did not end in order.
   bool closed() const noexcept { return closed_; }
   /// The last receive found nothing although nothing is wrong.
   bool wouldBlock() const noexcept { return wouldBlock_; }
   /// The error number of the last receive that failed; 0 when none has.
   int lastError() const noexcept { return lastError_; }
-  /// The error number when the last send failed for good; 0 when it sent or the socket was full.
-  int lastSendError() const noexcept { return lastSendError_; }
   /// Why the last connect failed, and the system's text for it.
   ZrConnectFailure connectFailure() const noexcept { return connectFailure_; }
   const std::string& connectErrorText() const noexcept { return connectErrorText_; }
@@ -121,10 +125,11 @@ class ZrSocketIPvx {
   bool accepted_ = false;
   ZrDescriptor primary_;
   ZrDescriptor secondary_;
+  ZrSocketLine ownLine_{primary_};
+  ZrByteLine* line_ = &ownLine_;
   std::array<char, kHostCapacity> peerHost_{};
   std::array<char, kServiceCapacity> peerService_{};
   bool wouldBlock_ = false;
-  int lastSendError_ = 0;
   ZrAcceptStatus lastAccept_ = ZrAcceptStatus::kNoPeer;
   bool quiet_ = false;
   ZrConnectFailure connectFailure_ = ZrConnectFailure::kNone;

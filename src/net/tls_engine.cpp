@@ -61,12 +61,19 @@ BIO_METHOD* MakeTransportMethod() {
 
 void SetServerName(SSL* ssl, const std::string& name) {
   if (name.empty()) return;
+  bool prepared = false;
   if (zr::IsNumericAddress(name)) {
-    X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), name.c_str());
-    return;
+    const std::string address = name.substr(0, name.find('%'));
+    prepared = X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), address.c_str()) == 1;
+  } else {
+    prepared =
+        SSL_set_tlsext_host_name(ssl, name.c_str()) == 1 && SSL_set1_host(ssl, name.c_str()) == 1;
   }
-  SSL_set_tlsext_host_name(ssl, name.c_str());
-  SSL_set1_host(ssl, name.c_str());
+  if (prepared) return;
+  ::ERR_clear_error();
+  throw ZrException(
+      "Error in TLS set-up: a certificate cannot be compared with the name of the host", 451,
+      "src");
 }
 
 }  // namespace
@@ -76,8 +83,9 @@ void ZrTlsEngine::MethodDeleter::operator()(bio_method_st* method) const noexcep
   ::BIO_meth_free(method);
 }
 
-ZrTlsEngine::ZrTlsEngine(ssl_ctx_st* context, int socket, Side side, const std::string& serverName)
-    : transport_(socket), method_(MakeTransportMethod()) {
+ZrTlsEngine::ZrTlsEngine(ssl_ctx_st* context, ZrByteLine& line, Side side,
+                         const std::string& serverName)
+    : transport_(line), method_(MakeTransportMethod()) {
   ::ERR_clear_error();
   ssl_.reset(::SSL_new(context));
   BIO* const bio = ssl_ && method_ ? ::BIO_new(method_.get()) : nullptr;
@@ -88,6 +96,8 @@ ZrTlsEngine::ZrTlsEngine(ssl_ctx_st* context, int socket, Side side, const std::
   BIO_set_data(bio, &transport_);
   BIO_set_init(bio, 1);
   SSL_set_bio(ssl_.get(), bio, bio);
+  SSL_set_msg_callback(ssl_.get(), &OnRecord);
+  SSL_set_msg_callback_arg(ssl_.get(), this);
   if (side == Side::kServer) {
     SSL_set_accept_state(ssl_.get());
   } else {
@@ -98,50 +108,90 @@ ZrTlsEngine::ZrTlsEngine(ssl_ctx_st* context, int socket, Side side, const std::
 
 ZrTlsEngine::~ZrTlsEngine() = default;
 
-ZrTlsStatus ZrTlsEngine::StatusOf(int result) {
-  switch (::SSL_get_error(ssl_.get(), result)) {
-    case SSL_ERROR_NONE:
-      return ZrTlsStatus::kDone;
-    case SSL_ERROR_WANT_READ:
-      return ZrTlsStatus::kWantRead;
-    case SSL_ERROR_WANT_WRITE:
-      return ZrTlsStatus::kWantWrite;
-    case SSL_ERROR_ZERO_RETURN:
-      return ZrTlsStatus::kClosed;
-    default:
-      broken_ = true;
-      return ZrTlsStatus::kFailed;
+// ---- Ends and failures -------------------------------------------------------------------------
+
+// Called by OpenSSL for each record that it begins to read, and for each alert that it answers one
+// with; what is written otherwise is data, or follows from what was read.
+void ZrTlsEngine::OnRecord(int isWritten, int /*version*/, int type, const void* /*bytes*/,
+                           std::size_t /*length*/, ssl_st* /*ssl*/, void* engine) {
+  if (type == (isWritten != 0 ? SSL3_RT_ALERT : SSL3_RT_HEADER)) {
+    static_cast<ZrTlsEngine*>(engine)->CountIdleRecord();
   }
 }
 
-ZrTlsStatus ZrTlsEngine::Handshake() {
-  if (broken_) return ZrTlsStatus::kFailed;
+void ZrTlsEngine::CountIdleRecord() {
+  if (!established_ && IsEstablished()) {
+    established_ = true;
+    idleRecords_ = 0;
+  }
+  // OpenSSL cannot be stopped from here; its next look at the line ends it.
+  if (++idleRecords_ <= (established_ ? kMostIdleRecords : kMostHandshakeRecords)) return;
+  tooManyIdle_ = true;
+  transport_.Break();
+}
+
+// A line that died while OpenSSL did something else counts, whatever it answered.
+bool ZrTlsEngine::IsBroken() {
+  if (!broken_ && transport_.Dead()) Break();
+  return broken_;
+}
+
+void ZrTlsEngine::Break() {
+  if (!broken_) problem_ = Reason();
+  broken_ = true;
+  transport_.Break();
+  ::ERR_clear_error();
+}
+
+// The verdict on a certificate is a reason only where OpenSSL says that it was one: it is there for
+// those that nobody wanted checked as well.
+std::string ZrTlsEngine::Reason() const {
+  if (tooManyIdle_) return "too many records without data";
+  const unsigned long error = ERR_peek_error();
+  if (ERR_GET_LIB(error) == ERR_LIB_SSL &&
+      ERR_GET_REASON(error) == SSL_R_CERTIFICATE_VERIFY_FAILED) {
+    return X509_verify_cert_error_string(SSL_get_verify_result(ssl_.get()));
+  }
+  if (const char* text = ERR_reason_error_string(error); text != nullptr) return text;
+  return transport_.Error() != 0 ? zr::SystemErrorText(transport_.Error()) : "connection closed";
+}
+
+// An end of the peer is no answer to a write: where OpenSSL gives it, the write can never be done.
+ZrTlsWriteStatus ZrTlsEngine::WriteStatusOf(int result) {
+  switch (transport_.Dead() ? SSL_ERROR_SYSCALL : ::SSL_get_error(ssl_.get(), result)) {
+    case SSL_ERROR_NONE:
+      return ZrTlsWriteStatus::kDone;
+    case SSL_ERROR_WANT_READ:
+      return ZrTlsWriteStatus::kWantRead;
+    default:
+      Break();
+      return ZrTlsWriteStatus::kFailed;
+  }
+}
+
+// ---- The handshake -----------------------------------------------------------------------------
+
+ZrTlsWriteStatus ZrTlsEngine::Handshake() {
+  if (IsBroken()) return ZrTlsWriteStatus::kFailed;
   ::ERR_clear_error();
   transport_.Gather(false);
-  return StatusOf(::SSL_do_handshake(ssl_.get()));
+  return WriteStatusOf(::SSL_do_handshake(ssl_.get()));
 }
 
 bool ZrTlsEngine::IsEstablished() const { return SSL_is_init_finished(ssl_.get()) != 0; }
-
-void ZrTlsEngine::ThrowHandshakeFailure() const {
-  std::string reason = "connection closed";
-  if (const long verified = SSL_get_verify_result(ssl_.get()); verified != X509_V_OK) {
-    reason = X509_verify_cert_error_string(verified);
-  } else if (const char* text = ERR_reason_error_string(ERR_peek_error()); text != nullptr) {
-    reason = text;
-  }
-  ::ERR_clear_error();
-  throw ZrException("Error in TLS handshake: " + reason, 534, "src");
-}
 
 void ZrTlsEngine::ConnectWithin(milliseconds limit, const std::function<bool()>& cancelled) {
   const auto deadline = steady_clock::now() + limit;
   auto roomDeadline = steady_clock::time_point::max();
   for (;;) {
-    const ZrTlsStatus status = Handshake();
-    const bool full = status == ZrTlsStatus::kWantWrite || Flush() == ZrTlsStatus::kWantWrite;
-    if (status == ZrTlsStatus::kDone && !full) return;
-    if (status == ZrTlsStatus::kFailed || status == ZrTlsStatus::kClosed) ThrowHandshakeFailure();
+    BeginTurn();
+    const ZrTlsWriteStatus status = Handshake();
+    const ZrTlsWriteStatus flushed = Flush();
+    if (status == ZrTlsWriteStatus::kFailed || flushed == ZrTlsWriteStatus::kFailed) {
+      throw ZrException("Error in TLS handshake: " + problem_, 534, "src");
+    }
+    const bool full = flushed == ZrTlsWriteStatus::kWantWrite;
+    if (status == ZrTlsWriteStatus::kDone && !full) return;
     const auto now = steady_clock::now();
     if (now >= deadline || (cancelled && cancelled())) {
       throw ZrException("Error getting SSL_connect", 529, "src");
@@ -150,69 +200,92 @@ void ZrTlsEngine::ConnectWithin(milliseconds limit, const std::function<bool()>&
     const auto slice = std::min(zr::kCancelSlice, std::chrono::ceil<milliseconds>(deadline - now));
     if (!full) {
       roomDeadline = steady_clock::time_point::max();
-      if (zr::WaitReadable(transport_.Socket(), slice) == ZrWaitStatus::kFailed) {
+      if (transport_.Line().WaitReadable(slice) == ZrWaitStatus::kFailed) {
         throw ZrException("Error getting SSL read", 504, "src");
       }
       continue;
     }
     roomDeadline = std::min(roomDeadline, now + kRoomLimit);
-    if (now >= roomDeadline ||
-        zr::WaitWritable(transport_.Socket(), slice) == ZrWaitStatus::kFailed) {
+    if (now >= roomDeadline || transport_.Line().WaitWritable(slice) == ZrWaitStatus::kFailed) {
       throw ZrException("Error getting SSL write", 519, "src");
     }
   }
 }
 
-ZrTlsResult ZrTlsEngine::Read(std::span<char> target) {
-  if (broken_) return {ZrTlsStatus::kFailed, 0};
+// ---- Reading -----------------------------------------------------------------------------------
+
+ZrTlsReadResult ZrTlsEngine::Read(std::span<char> target) {
+  if (IsBroken()) return {ZrTlsReadStatus::kFailed, 0};
+  if (ended_) return {ZrTlsReadStatus::kEnded, 0};
   ::ERR_clear_error();
   transport_.Gather(false);
   const auto length = static_cast<int>(std::min(target.size(), kRecord));
   const int count = ::SSL_read(ssl_.get(), target.data(), length);
-  if (count > 0) return {ZrTlsStatus::kDone, static_cast<std::size_t>(count)};
-  return {StatusOf(count), 0};
+  if (count > 0) {
+    // Also when the line has died behind them: the next step says so.
+    idleRecords_ = 0;
+    return {ZrTlsReadStatus::kDone, static_cast<std::size_t>(count)};
+  }
+  switch (transport_.Dead() ? SSL_ERROR_SYSCALL : ::SSL_get_error(ssl_.get(), count)) {
+    case SSL_ERROR_WANT_READ:
+      return {transport_.TurnIsOver() ? ZrTlsReadStatus::kAgain : ZrTlsReadStatus::kWantRead, 0};
+    case SSL_ERROR_ZERO_RETURN:
+      ended_ = true;
+      return {ZrTlsReadStatus::kEnded, 0};
+    default:
+      Break();
+      return {ZrTlsReadStatus::kFailed, 0};
+  }
 }
 
 bool ZrTlsEngine::HasBufferedInput() const {
-  return !broken_ && ::SSL_has_pending(ssl_.get()) != 0;
+  return broken_ || transport_.Dead() || ::SSL_has_pending(ssl_.get()) != 0;
 }
 
-ZrTlsResult ZrTlsEngine::Write(std::string_view bytes, bool more) {
-  if (broken_) return {ZrTlsStatus::kFailed, 0};
+// ---- Writing -----------------------------------------------------------------------------------
+
+ZrTlsWriteResult ZrTlsEngine::Write(std::string_view bytes, bool more) {
+  if (IsBroken()) return {ZrTlsWriteStatus::kFailed, 0};
   transport_.Gather(more);
   // Nothing is encrypted that could not be kept: so a write never stops half-way for want of room.
   if (transport_.Unsent() >= ZrTlsTransport::kGather) {
-    const ZrTlsStatus flushed = FlushTransport();
-    if (flushed != ZrTlsStatus::kDone) return {flushed, 0};
+    const ZrTlsWriteStatus flushed = FlushTransport();
+    if (flushed != ZrTlsWriteStatus::kDone) return {flushed, 0};
   }
   ::ERR_clear_error();
   const auto length = static_cast<int>(std::min(bytes.size(), kRecord));
   const int count = ::SSL_write(ssl_.get(), bytes.data(), length);
-  if (count > 0) return {ZrTlsStatus::kDone, static_cast<std::size_t>(count)};
-  return {StatusOf(count), 0};
+  const ZrTlsWriteStatus status = WriteStatusOf(count);
+  if (status != ZrTlsWriteStatus::kDone) return {status, 0};
+  idleRecords_ = 0;
+  return {status, static_cast<std::size_t>(count)};
 }
 
-ZrTlsStatus ZrTlsEngine::Flush() {
+ZrTlsWriteStatus ZrTlsEngine::Flush() {
+  if (IsBroken()) return ZrTlsWriteStatus::kFailed;
   transport_.Gather(false);
   return FlushTransport();
 }
 
-ZrTlsStatus ZrTlsEngine::FlushTransport() {
+ZrTlsWriteStatus ZrTlsEngine::FlushTransport() {
   switch (transport_.Flush().status) {
     case ZrIoStatus::kDone:
-      return ZrTlsStatus::kDone;
+      return ZrTlsWriteStatus::kDone;
     case ZrIoStatus::kWouldBlock:
-      return ZrTlsStatus::kWantWrite;
-    default:
-      broken_ = true;
-      return ZrTlsStatus::kFailed;
+      return ZrTlsWriteStatus::kWantWrite;
+    case ZrIoStatus::kClosed:
+    case ZrIoStatus::kFailed:
+      break;
   }
+  Break();
+  return ZrTlsWriteStatus::kFailed;
 }
 
-ZrTlsStatus ZrTlsEngine::Shutdown() {
-  if (broken_ || !IsEstablished()) return ZrTlsStatus::kDone;
-  const ZrTlsStatus flushed = Flush();
-  if (flushed != ZrTlsStatus::kDone) return flushed;
+ZrTlsWriteStatus ZrTlsEngine::Shutdown() {
+  if (IsBroken()) return ZrTlsWriteStatus::kFailed;
+  if (!IsEstablished()) return ZrTlsWriteStatus::kDone;
+  const ZrTlsWriteStatus flushed = Flush();
+  if (flushed != ZrTlsWriteStatus::kDone) return flushed;
   if (!shutDown_) {
     shutDown_ = true;
     ::ERR_clear_error();

@@ -1,9 +1,9 @@
 #include "net/tls_transport.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
-
-#include "platform/socket.h"
+#include <utility>
 
 void ZrTlsTransport::Keep(std::string_view bytes) {
   if (bytes.empty()) return;
@@ -24,7 +24,14 @@ void ZrTlsTransport::Forget(std::size_t bytes) noexcept {
   if (!gathering_) kept_.reset();
 }
 
+ZrIoResult ZrTlsTransport::Die(int error) noexcept {
+  state_ = State::kDead;
+  error_ = error;
+  return Failed();
+}
+
 ZrIoResult ZrTlsTransport::Write(std::string_view bytes) {
+  if (Dead()) return Failed();
   const std::size_t before = Unsent();
   if (gathering_ && before + bytes.size() < kGather) {
     Keep(bytes);
@@ -32,21 +39,25 @@ ZrIoResult ZrTlsTransport::Write(std::string_view bytes) {
   }
   // The last record of a lot goes out from where OpenSSL has it.
   const std::array<std::string_view, 2> pieces = {Kept(), bytes};
-  ZrIoResult result = before == 0 ? zr::SendBytes(socket_, bytes) : zr::SendPieces(socket_, pieces);
-  if (result.status != ZrIoStatus::kDone && result.status != ZrIoStatus::kWouldBlock) return result;
+  const ZrIoResult result = before == 0 ? line_.Send(bytes) : line_.SendPieces(pieces);
+  if (result.status != ZrIoStatus::kDone && result.status != ZrIoStatus::kWouldBlock) {
+    return Die(result.error);
+  }
   sent_ += result.count;
   const std::size_t ofKept = std::min(result.count, before);
   bytes.remove_prefix(result.count - ofKept);
   if (ofKept > 0) Forget(ofKept);
-  if (bytes.size() > kMostUnsent - Unsent()) return {ZrIoStatus::kFailed, 0, 0};
+  if (bytes.size() > kMostUnsent - Unsent()) return Die(0);
   Keep(bytes);
   return {};
 }
 
 ZrIoResult ZrTlsTransport::Flush() {
+  if (Dead()) return Failed();
   while (Unsent() > 0) {
-    const ZrIoResult result = zr::SendBytes(socket_, Kept());
-    if (result.status != ZrIoStatus::kDone) return result;
+    const ZrIoResult result = line_.Send(Kept());
+    if (result.status == ZrIoStatus::kWouldBlock) return result;
+    if (result.status != ZrIoStatus::kDone) return Die(result.error);
     sent_ += result.count;
     Forget(result.count);
   }
@@ -55,5 +66,21 @@ ZrIoResult ZrTlsTransport::Flush() {
 }
 
 ZrIoResult ZrTlsTransport::Read(std::span<char> target) {
-  return zr::ReceiveBytes(socket_, target);
+  if (state_ == State::kDead) return Failed();
+  if (state_ == State::kEnded) return {ZrIoStatus::kClosed, 0, 0};
+  if (readsLeft_ == 0) return {ZrIoStatus::kWouldBlock, 0, 0};
+  --readsLeft_;
+  const ZrIoResult result = line_.Receive(target);
+  switch (result.status) {
+    case ZrIoStatus::kDone:
+    case ZrIoStatus::kWouldBlock:
+      return result;
+    case ZrIoStatus::kClosed:
+      if (result.error != 0) break;
+      state_ = State::kEnded;
+      return result;
+    case ZrIoStatus::kFailed:
+      break;
+  }
+  return Die(result.error);
 }

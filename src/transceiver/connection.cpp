@@ -7,7 +7,6 @@
 #include "jobs/job_event.h"
 #include "jobs/job_registry.h"
 #include "net/tcp_socket.h"
-#include "platform/socket.h"
 #include "transceiver/transceiver.h"
 
 namespace {
@@ -64,13 +63,8 @@ void ZrTransceiverConnection::Reset() {
   LeaveJoinedTask(AttachedTask());
   ZrLock writing(lock_);
   joined_ = false;
-  {
-    ZrLock hold(receiveLock_);
-    received_.Clear();
-    announced_ = false;
-    hasReceived_ = false;
-  }
-  DropQueue();
+  turn_.Forget();
+  output_.Clear();
 }
 
 // The callback runs without the job's lock: closing takes the transceiver's locks, and writes.
@@ -104,10 +98,7 @@ bool ZrTransceiverConnection::HasExpired() {
   return ZrJobWithTimeout::HasExpired();
 }
 
-bool ZrTransceiverConnection::AwaitsAnswer() {
-  ZrLock hold(receiveLock_);
-  return busy_ && !IsClosing() && !SendPending();
-}
+bool ZrTransceiverConnection::AwaitsAnswer() { return turn_.InItem() && !SendPending(); }
 
 std::int64_t ZrTransceiverConnection::NextExpiryNs() {
   std::int64_t due = ExpiryNs() + (AwaitsAnswer() ? kAnswerExtraTime : 0);
@@ -121,14 +112,7 @@ std::int64_t ZrTransceiverConnection::NextExpiryNs() {
 void ZrTransceiverConnection::OnReceived(const char* data, std::size_t length) {
   if (data == nullptr || length == 0 || IsClosing()) return;
   Touch();
-  bool announce = false;
-  {
-    ZrLock hold(receiveLock_);
-    received_.Append({data, length});
-    hasReceived_ = true;
-    announce = !std::exchange(announced_, true);
-  }
-  if (announce) Announce();
+  if (turn_.Receive({data, length})) Announce();
 }
 
 // On this thread when the server is free for it: one hand-over less on the way of a request.
@@ -139,50 +123,15 @@ void ZrTransceiverConnection::Announce() {
   ZrJobRegistry::Instance().Deliver(receiverName_, std::move(event));
 }
 
-// Buffers change hands instead of being copied, so that many messages in one buffer are taken apart
-// in time linear in their bytes.
 void ZrTransceiverConnection::TakeReceived(ZrStringBuf& target) {
-  bool resume = false;
-  {
-    ZrLock hold(receiveLock_);
-    if (target.Empty() && received_.Size() >= kReadSize) {
-      target = std::move(received_);
-    } else {
-      target.Append(received_.Unread());
-      received_.Clear();
-    }
-    announced_ = false;
-    hasReceived_ = false;
-    resume = !busy_ && TakeResume();
-  }
-  if (resume) owner_.ResumeReading(*this);
+  if (turn_.Take(target)) owner_.ResumeReading(*this);
 }
 
-void ZrTransceiverConnection::ExpectAnswers() {
-  ZrLock hold(receiveLock_);
-  expectsAnswers_ = true;
-}
+void ZrTransceiverConnection::ExpectAnswers() { turn_.BecomeAsking(); }
 
-void ZrTransceiverConnection::PutBack(ZrStringBuf& bytes) {
-  if (bytes.Empty()) return;
-  ZrLock hold(receiveLock_);
-  bytes.Append(received_.Unread());
-  received_ = std::move(bytes);
-  hasReceived_ = true;
-  stalled_ = true;  // no event will announce them
-}
+void ZrTransceiverConnection::PutBack(ZrStringBuf& bytes) { turn_.PutBack(bytes); }
 
-bool ZrTransceiverConnection::TakeResume() {
-  if (!paused_ || received_.Size() > kReadMark) return false;
-  paused_ = false;
-  return true;
-}
-
-bool ZrTransceiverConnection::IsReadingPaused() {
-  ZrLock hold(receiveLock_);
-  paused_ = paused_ || received_.Size() > kReadMark;
-  return received_.Size() > kReadMark;
-}
+bool ZrTransceiverConnection::IsReadingPaused() { return turn_.PauseWhenFull(); }
 
 int ZrTransceiverConnection::ReadFromSocket(ZrSocketIPvx& socket) {
   std::array<char, kReadSize> buffer;
@@ -198,211 +147,89 @@ int ZrTransceiverConnection::ReadFromSocket(ZrSocketIPvx& socket) {
 
 // ---- The order of messages ---------------------------------------------------------------------
 
-bool ZrTransceiverConnection::BeginItem() {
-  ZrLock hold(receiveLock_);
-  if (IsClosing()) return false;
-  if (busy_ || (!expectsAnswers_ && QueuedBytes() > kOutputMark)) {
-    stalled_ = true;
-    return false;
-  }
-  busy_ = true;
-  return true;
-}
+bool ZrTransceiverConnection::BeginItem() { return turn_.Begin(); }
 
-// Reading goes on when the item is over, not when its bytes are taken: some of them may come back.
 ZrTransceiverConnection::AfterItem ZrTransceiverConnection::EndItem() {
-  AfterItem next = AfterItem::kNothing;
   bool resume = false;
-  {
-    ZrLock hold(receiveLock_);
-    next = EndItemLocked();
-    resume = TakeResume();
-  }
+  const AfterItem next = turn_.End(resume);
   if (resume) owner_.ResumeReading(*this);
   if (next == AfterItem::kNothing) owner_.NoteProgress();
   return next;
 }
 
-ZrTransceiverConnection::AfterItem ZrTransceiverConnection::EndItemLocked() {
-  busy_ = false;
-  if (IsClosing()) return AfterItem::kNothing;
-  if (closeAfterItem_) return AfterItem::kClose;
-  if (received_.Empty()) {
-    stalled_ = false;
-    return peerFinished_ ? AfterItem::kClose : AfterItem::kNothing;
-  }
-  // Bytes that came meanwhile and were not turned away are announced by an event of their own;
-  // those that wait for output to go are announced by whoever sends it.
-  if (!stalled_ || QueuedBytes() > kOutputMark) return AfterItem::kNothing;
-  stalled_ = false;
-  return AfterItem::kWake;
-}
+void ZrTransceiverConnection::CloseAfterItem() { turn_.CloseAfterItem(); }
 
-void ZrTransceiverConnection::CloseAfterItem() {
-  ZrLock hold(receiveLock_);
-  closeAfterItem_ = true;
-}
+bool ZrTransceiverConnection::TakeStalled() { return turn_.OutputWent(); }
 
-bool ZrTransceiverConnection::TakeStalled() {
-  ZrLock hold(receiveLock_);
-  if (!stalled_ || busy_ || QueuedBytes() > kOutputMark) return false;
-  stalled_ = false;
-  return !received_.Empty();
-}
-
-bool ZrTransceiverConnection::IsBusy() {
-  ZrLock hold(receiveLock_);
-  return busy_ || !received_.Empty();
-}
+bool ZrTransceiverConnection::IsBusy() { return turn_.InItem() || turn_.HasBytes(); }
 
 // What was asked before the peer ended its side is still answered.
 ZrTransceiverConnection::PeerEnd ZrTransceiverConnection::OnPeerFinished() {
-  ZrLock hold(receiveLock_);
-  peerFinished_ = true;
+  const bool busy = turn_.EndInput();
   if (IsClosing()) return lingerUntil_ != 0 ? PeerEnd::kRemove : PeerEnd::kKeep;
-  if (busy_ || !received_.Empty()) return PeerEnd::kKeep;
+  if (busy) return PeerEnd::kKeep;
   return SendPending() ? PeerEnd::kFinish : PeerEnd::kRemove;
 }
 
-bool ZrTransceiverConnection::PeerFinished() {
-  ZrLock hold(receiveLock_);
-  return peerFinished_;
-}
+bool ZrTransceiverConnection::PeerFinished() { return turn_.InputEnded(); }
 
-void ZrTransceiverConnection::BeginClosing() {
-  ZrLock hold(receiveLock_);
-  closing_ = true;
-  if (expectsAnswers_) return;
-  received_.Clear();
-  hasReceived_ = false;
-}
+void ZrTransceiverConnection::BeginClosing() { turn_.Close(); }
 
 // ---- Output ------------------------------------------------------------------------------------
 
-void ZrTransceiverConnection::Queue(Piece piece) {
-  const std::uint64_t size = piece.bytes.Size() + piece.remaining;
-  Touch();
-  if (size == 0) return;
-  ZrLock hold(sendLock_);
-  sendQueue_.push_back(std::move(piece));
-  queuedBytes_ += size;
-  sendPending_ = true;
-}
-
 void ZrTransceiverConnection::SendBuffer(std::unique_ptr<ZrStringBuf>& buffer) {
-  if (!buffer || buffer->Empty()) return Touch();
-  Queue({.bytes = std::move(*buffer), .file = nullptr});
+  Touch();
+  if (!buffer || buffer->Empty()) return;
+  output_.Add(std::move(*buffer));
   buffer = std::make_unique<ZrStringBuf>();
 }
 
 void ZrTransceiverConnection::SendBytes(const char* data, std::size_t length,
                                         std::size_t& accepted) {
+  Touch();
   accepted = length;
-  Queue({.bytes = ZrStringBuf(std::string(data, length)), .file = nullptr});
+  output_.Add(ZrStringBuf(std::string(data, length)));
 }
 
 void ZrTransceiverConnection::SendFileBytes(std::shared_ptr<const ZrFile> file,
                                             std::uint64_t offset, std::uint64_t length) {
-  Queue({.bytes = {}, .file = std::move(file), .offset = offset, .remaining = length});
+  Touch();
+  output_.AddFile(std::move(file), offset, length);
 }
 
-void ZrTransceiverConnection::PeekFront(std::string& text) {
-  ZrLock hold(sendLock_);
-  text.clear();
-  if (!sendQueue_.empty()) text = sendQueue_.front().bytes.Unread();
-}
+void ZrTransceiverConnection::PeekFront(std::string& text) { text = output_.FrontText(); }
 
-ZrTransceiverConnection::Piece* ZrTransceiverConnection::Front() {
-  ZrLock hold(sendLock_);
-  return sendQueue_.empty() ? nullptr : &sendQueue_.front();
-}
+void ZrTransceiverConnection::Consume(std::size_t count) { output_.Consume(count); }
 
-void ZrTransceiverConnection::DropQueue() {
-  std::deque<Piece> dropped;  // files and buffers are released without the lock
-  ZrLock hold(sendLock_);
-  dropped.swap(sendQueue_);
-  queuedBytes_ = 0;
-  sendPending_ = false;
-}
-
-// A file that turns out shorter than announced ends the connection behind its last byte: what comes
-// next would be taken for the rest of it.
+// A file that turns out shorter than announced ends the connection behind its last byte.
 std::string_view ZrTransceiverConnection::FrontView() {
-  Piece* front = Front();
-  if (front == nullptr) return {};
-  if (front->bytes.Empty()) {
-    const auto want =
-        static_cast<std::size_t>(std::min<std::uint64_t>(front->remaining, kFilePiece));
-    const std::size_t got =
-        front->file->ReadAt(front->offset, front->bytes.Prepare(want)).value_or(0);
-    if (got == 0) {
-      BeginClosing();
-      DropQueue();
-      return {};
-    }
-    front->bytes.Commit(got);
-    front->offset += got;
-    front->remaining -= got;
-  }
-  return front->bytes.Unread();
+  const std::optional<std::string_view> front = output_.Front();
+  if (!front) BeginClosing();
+  return front.value_or(std::string_view());
 }
 
-void ZrTransceiverConnection::Consume(std::size_t count) {
-  Piece done;  // its file and buffer are released without the lock
-  ZrLock hold(sendLock_);
-  if (sendQueue_.empty()) return;
-  Piece& front = sendQueue_.front();
-  count = std::min(count, front.bytes.Size());
-  front.bytes.Consume(count);
-  queuedBytes_ -= count;
-  if (!front.Done()) return;
-  done = std::move(front);
-  sendQueue_.pop_front();
-  sendPending_ = !sendQueue_.empty();
-}
-
-ZrTransceiverConnection::Sent ZrTransceiverConnection::SendFront(ZrSocketIPvx& socket,
-                                                                 std::size_t& count) {
-  Piece* front = Front();
-  if (front == nullptr) return Sent::kAll;
-  if (!front->bytes.Empty()) {
-    const std::string_view bytes = front->bytes.Unread();
-    const bool all = socket.send(bytes.data(), bytes.size(), count) == ZrSocketResult::kSuccess;
-    if (count > 0) Consume(count);
-    if (all) return Sent::kSome;
-    return socket.lastSendError() == 0 ? Sent::kRefused : Sent::kDead;
-  }
-  const auto want =
-      static_cast<std::size_t>(std::min<std::uint64_t>(front->remaining, kWriteBudget));
-  const ZrIoResult result =
-      zr::SendFile(socket.primaryDescriptor(), *front->file, front->offset, want);
-  if (result.status == ZrIoStatus::kWouldBlock) return Sent::kRefused;
-  if (result.status != ZrIoStatus::kDone) return Sent::kDead;
-  if (result.count == 0) {
-    BeginClosing();
-    DropQueue();
-    return Sent::kAll;
-  }
-  count = result.count;
-  front->offset += count;
-  front->remaining -= count;
-  ZrLock hold(sendLock_);
-  queuedBytes_ -= count;
-  if (front->Done()) sendQueue_.pop_front();
-  sendPending_ = !sendQueue_.empty();
-  return Sent::kSome;
-}
-
-bool ZrTransceiverConnection::WriteToSocket(ZrSocketIPvx& socket) {
-  for (std::size_t total = 0; total < kWriteBudget;) {
+ZrTransceiverConnection::Output ZrTransceiverConnection::WriteToSocket(ZrSocketIPvx& socket) {
+  using Sent = ZrSendQueue::Sent;
+  for (std::size_t total = 0;;) {
     std::size_t count = 0;
-    const Sent sent = SendFront(socket, count);
+    const Sent sent = output_.SendFront(socket.Line(), count);
     if (count > 0) Touch();
     total += count;
-    if (sent == Sent::kDead) return false;
-    if (sent != Sent::kSome) break;
+    switch (sent) {
+      case Sent::kSome:
+        if (total < kWriteBudget) continue;
+        return Output::kMoved;
+      case Sent::kRefused:
+        return total > 0 ? Output::kMoved : Output::kRefused;
+      case Sent::kDead:
+        return Output::kDead;
+      case Sent::kCut:
+        BeginClosing();
+        [[fallthrough]];
+      case Sent::kAll:
+        return total > 0 ? Output::kMoved : Output::kIdle;
+    }
   }
-  return true;
 }
 
 bool ZrTransceiverConnection::FinishOutput(ZrSocketIPvx&) { return true; }

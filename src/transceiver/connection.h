@@ -1,16 +1,14 @@
 #pragma once
-// One TCP connection: the bytes that arrived and were not yet taken, and the queue of what is to be
-// sent. The transceiver's receive job fills the one and, with the threads that answer, drains the
-// other; the server that made the connection turns bytes into messages. The connection also keeps
-// the order of a connection's messages: one request is in progress at a time, a peer that does not
-// read its answers is handed no further ones, and closing waits for what is still to be sent.
+// One TCP connection: the turn (what arrived, and whose turn it is to make a message of it) and the
+// queue of what is to be sent. The transceiver's receive job fills the one and, with the threads
+// that answer, drains the other; the server that made the connection turns bytes into messages.
+// What is here is the way between the two and the socket, and the connection's time limits.
 //
 // A variant with another way to the socket (TLS) overrides ReadFromSocket(), WriteToSocket(),
 // FinishOutput() and WantsOutput(), and nothing else.
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,9 +19,11 @@
 #include "base/string_buffer.h"
 #include "http/peer_watch.h"
 #include "jobs/job_with_timeout.h"
+#include "net/send_queue.h"
 #include "platform/file.h"
 #include "platform/sync.h"
 #include "transceiver/fwd.h"
+#include "transceiver/turn.h"
 
 class ZrSocketIPvx;
 struct ZrIoRegistration;
@@ -46,12 +46,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   static constexpr std::int64_t kLingerTime = 2'000'000'000;
   /// Bytes that one receive takes at most (plain connections).
   static constexpr std::size_t kReadSize = 2048;
-  /// Reading pauses while more bytes than that wait to be taken.
-  static constexpr std::size_t kReadMark = 256 * 1024;
-  /// No further message is begun while more bytes than that wait to be sent.
-  static constexpr std::uint64_t kOutputMark = 64 * 1024;
-  /// How much of a body file is in memory at a time, at most.
-  static constexpr std::size_t kFilePiece = 128 * 1024;
+  static constexpr std::size_t kReadMark = ZrTurn::kReadMark;
 
   /// The record describes the peer; `onClose` must be set. The owner outlives the connection's
   /// registration with it. The receiver is the server's job name, the peer name its owner's.
@@ -80,8 +75,15 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   virtual void PeekFront(std::string& text);
   /// Drops bytes that the socket took from the front of the queue.
   virtual void Consume(std::size_t count) ZR_REQUIRES(lock_);
-  /// Gives the socket what it takes of the queue now. False: the connection is dead.
-  virtual bool WriteToSocket(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
+  /// What a pass of writing came to.
+  enum class Output {
+    kMoved,    ///< bytes went out; there may be more
+    kIdle,     ///< there was nothing that could have been given to the socket
+    kRefused,  ///< the socket took nothing: wait for room
+    kDead,     ///< the connection is broken: remove it
+  };
+  /// Gives the socket what it takes of the queue now.
+  virtual Output WriteToSocket(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
   /// Stores received bytes, restarts the time limit and tells the receiver job with one event of
   /// code 8 per batch that it has not taken yet. A closing connection drops the bytes.
   virtual void OnReceived(const char* data, std::size_t length);
@@ -94,7 +96,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// Called once when everything queued on a closing connection was sent, before the socket is shut
   /// down for sending. No: it needs more room on the socket and is called again when there is some.
   virtual bool FinishOutput(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
-  /// Whether the socket's room for output is to be waited for.
+  /// Whether the socket's room for output is to be waited for: it refused bytes, or some were not
+  /// tried yet.
   virtual bool WantsOutput() const ZR_REQUIRES(lock_);
   /// Whether bytes may be read without the socket becoming readable.
   virtual bool HasBufferedInput() const { return false; }
@@ -119,20 +122,18 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   const std::string& PeerName() const { return peerName_; }
   /// The joined task the connection is attached to; empty before the first Attach().
   std::string HandlerName();
-  bool HasReceived() const { return hasReceived_.load(std::memory_order_acquire); }
-  bool SendPending() const { return sendPending_.load(std::memory_order_acquire); }
+  bool HasReceived() const { return turn_.HasBytes(); }
+  bool SendPending() const { return output_.Pending(); }
   /// Bytes that are queued and not yet sent, files included.
-  std::uint64_t QueuedBytes() const { return queuedBytes_.load(std::memory_order_acquire); }
+  std::uint64_t QueuedBytes() const { return output_.Bytes(); }
 
   // The order of messages on one connection. A server brackets the handling of received bytes with
   // BeginItem() and EndItem(); for a request that was handed out, the end comes with its answer.
 
-  /// What the caller of EndItem() has to do next.
-  enum class AfterItem {
-    kNothing,
-    kWake,   ///< bytes wait that no event will announce: queue the connection again
-    kClose,  ///< close it: it was asked for, or the peer has ended its side and nothing is left
-  };
+  /// What the caller of EndItem() has to do next: nothing; wake, as bytes wait that no event will
+  /// announce (queue the connection again); close it, as was asked for, or because the peer has
+  /// ended its side and nothing is left.
+  using AfterItem = ZrTurn::After;
   /// Asks for the right to take bytes and make a message of them. No while a request is in
   /// progress, the peer leaves its answers unread, or the connection is closing; the bytes stay and
   /// the server is told again when that has changed.
@@ -154,7 +155,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   bool IsBusy();
   /// Turns the connection to closing: no more bytes are taken in.
   void BeginClosing();
-  bool IsClosing() const { return closing_.load(std::memory_order_acquire); }
+  bool IsClosing() const { return turn_.IsClosing(); }
   /// More is waiting to be taken than reading goes on with.
   bool IsReadingPaused();
   /// After output went: whether the server waits for that and must be told. Answers yes once.
@@ -187,24 +188,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::string_view FrontView() ZR_REQUIRES(lock_);
 
  private:
-  // One entry of the queue: bytes in memory, behind them what is still to come of a file.
-  struct Piece {
-    ZrStringBuf bytes;
-    std::shared_ptr<const ZrFile> file;
-    std::uint64_t offset = 0;
-    std::uint64_t remaining = 0;
-    bool Done() const { return bytes.Empty() && remaining == 0; }
-  };
-
-  enum class Sent { kAll, kSome, kRefused, kDead };
-
-  Piece* Front() ZR_REQUIRES(lock_) ZR_EXCLUDES(sendLock_);
-  Sent SendFront(ZrSocketIPvx& socket, std::size_t& count) ZR_REQUIRES(lock_);
-  void Queue(Piece piece) ZR_EXCLUDES(sendLock_);
-  AfterItem EndItemLocked() ZR_REQUIRES(receiveLock_);
+  void DropQueue() { output_.Clear(); }
   bool AwaitsAnswer();
-  /// Whether reading had paused and may go on; answers yes once.
-  bool TakeResume() ZR_REQUIRES(receiveLock_);
 
   // Constant after construction.
   ZrTransceiver& owner_;
@@ -219,26 +204,10 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   std::shared_ptr<ZrIoRegistration> registration_ ZR_GUARDED_BY(lock_);
 
-  ZrMutex receiveLock_;
-  ZrStringBuf received_ ZR_GUARDED_BY(receiveLock_);
-  bool expectsAnswers_ ZR_GUARDED_BY(receiveLock_) = false;
-  bool announced_ ZR_GUARDED_BY(receiveLock_) = false;  // an event for the bytes is under way
-  bool busy_ ZR_GUARDED_BY(receiveLock_) = false;       // between BeginItem() and EndItem()
-  bool stalled_ ZR_GUARDED_BY(receiveLock_) = false;    // an item was turned away
-  bool paused_ ZR_GUARDED_BY(receiveLock_) = false;     // reading is to be resumed
-  bool closeAfterItem_ ZR_GUARDED_BY(receiveLock_) = false;
-  bool peerFinished_ ZR_GUARDED_BY(receiveLock_) = false;
-  std::atomic<bool> hasReceived_{false};
-  std::atomic<bool> closing_{false};
+  ZrSendQueue output_;
+  ZrTurn turn_{output_};
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
   std::atomic<std::int64_t> headSince_{0};    // monotonic time at which the head began; 0: none
   std::atomic<std::int64_t> lingerUntil_{0};  // monotonic time; 0: not closed for sending yet
-
-  // Additions at the end leave the front where it is, so that a writer, who holds the job lock, may
-  // read the front without this lock: nobody else removes from there.
-  ZrMutex sendLock_;
-  std::deque<Piece> sendQueue_ ZR_GUARDED_BY(sendLock_);
-  std::atomic<bool> sendPending_{false};
-  std::atomic<std::uint64_t> queuedBytes_{0};
 };

@@ -236,7 +236,7 @@ void ZrIoLoops::SendLoop() {
     for (const Ready& one : ready) {
       ZrTransceiverConnection& connection = *one.registration->connection;
       try {
-        Flush(connection);
+        Flush(connection, &one);
         // Room on the socket may be what reading had waited for.
         if (connection.HasBufferedInput() && !connection.IsReadingPaused()) {
           ReadAgain(one.registration->token);
@@ -265,13 +265,23 @@ void ZrIoLoops::FlushAll() {
   for (const Registration& registration : pending) Flush(*registration->connection);
 }
 
-void ZrIoLoops::Flush(ZrTransceiverConnection& connection) {
+void ZrIoLoops::Flush(ZrTransceiverConnection& connection) { Flush(connection, nullptr); }
+
+// A connection stands in the send job's set only because its socket refused bytes. One that hung up
+// takes none any more, whatever it answers; and when there was nothing to give it, nothing will
+// change that: either would be reported over and over.
+void ZrIoLoops::Flush(ZrTransceiverConnection& connection, const Ready* ready) {
+  using Output = ZrTransceiverConnection::Output;
   bool alive = true;
   {
     ZrLock writing(connection.Lock());
-    ZrIoRegistration* const registration = connection.Registration();
-    alive = registration == nullptr || (connection.WriteToSocket(*registration->socket) &&
-                                        EndOutputWhenDone(connection, *registration));
+    if (ZrIoRegistration* const registration = connection.Registration()) {
+      const Output output = connection.WriteToSocket(*registration->socket);
+      alive = output != Output::kDead && EndOutputWhenDone(connection, *registration);
+      const bool idle = output == Output::kIdle && !connection.IsClosing();
+      const bool useless = ready != nullptr && (ready->hangup || idle);
+      if (useless && registration->outputWatched) alive = false;
+    }
   }
   if (!alive) return remove_(connection);
   AfterProgress(connection);

@@ -82,6 +82,9 @@ class ZrIoLoops {
   /// No: the bytes were taken meanwhile, reading goes on.
   bool PauseReading(ZrIoRegistration& registration);
   void OnPeerFinished(ZrIoRegistration& registration);
+  /// Writes what is queued. Since a poller said that the socket is ready (`ready`, else none), a
+  /// pass that does nothing and would be repeated at once ends the connection.
+  void Flush(ZrTransceiverConnection& connection, const Ready* ready);
   /// A pass of receiving may have written, or wait for room to go on.
   void AfterOutput(ZrIoRegistration& registration);
   void AfterProgress(ZrTransceiverConnection& connection);

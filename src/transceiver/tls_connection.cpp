@@ -15,7 +15,7 @@ ZrTransceiverConnection_SSLAddon::ZrTransceiverConnection_SSLAddon(
     : ZrTransceiverConnection(owner, std::move(receiverName), std::move(peerName),
                               std::move(record), std::move(onClose)),
       socket_(std::move(socket)) {
-  engine_.emplace(context, socket_->primaryDescriptor(), Side::kServer);
+  engine_.emplace(context, socket_->Line(), Side::kServer);
   BeginHead();  // a peer that never finishes the handshake goes like one that never ends its head
 }
 
@@ -26,7 +26,7 @@ ZrTransceiverConnection_SSLAddon::ZrTransceiverConnection_SSLAddon(
     : ZrTransceiverConnection(owner, std::move(receiverName), std::move(peerName),
                               std::move(record), std::move(onClose)),
       socket_(std::move(socket)) {
-  engine_.emplace(context, socket_->primaryDescriptor(), Side::kClient, peer.name);
+  engine_.emplace(context, socket_->Line(), Side::kClient, peer.name);
   engine_->ConnectWithin(ZrTlsEngine::kHandshakeLimit, peer.cancelled);
   established_ = true;
 }
@@ -41,17 +41,18 @@ ZrTransceiverConnection_SSLAddon::~ZrTransceiverConnection_SSLAddon() {
 int ZrTransceiverConnection_SSLAddon::ReadFromSocket(ZrSocketIPvx& /*socket*/) {
   {
     const ZrLock hold(lock_);
+    engine_->BeginTurn();
     // A write that waited for this input comes first; what else arrived is read in the next pass.
-    if (writeWantsRead_ && !readWantsWrite_) {
+    if (writeWantsRead_) {
       readAffectsOutput_ = true;
-      return WriteStep() ? 1 : -1;
+      return WriteStep() == Output::kDead ? -1 : 1;
     }
   }
   const int answer = ReadStep();
   const ZrLock hold(lock_);
   // Reading has output of its own (the handshake), some of which the socket may have refused; and
-  // its end lets a write go on that had to wait for it.
-  if (answer > 0 && writeWantsRead_ && established_ && !WriteStep()) return -1;
+  // its end lets a write go on that had to wait for it, or shows that it never can.
+  if (answer >= 0 && writeWantsRead_ && established_ && WriteStep() == Output::kDead) return -1;
   readAffectsOutput_ = WantsOutput();
   return answer;
 }
@@ -80,74 +81,72 @@ int ZrTransceiverConnection_SSLAddon::ReadStep() {
 ZrTransceiverConnection_SSLAddon::Next ZrTransceiverConnection_SSLAddon::ReadRecord(
     std::span<char> target, std::size_t& count, int& answer) {
   const ZrLock hold(lock_);
-  readWantsRead_ = readWantsWrite_ = false;
-  const ZrTlsResult result = engine_->Read(target);
+  const ZrTlsReadResult result = engine_->Read(target);
   if (!established_ && engine_->IsEstablished()) {
     established_ = true;
     EndHead();
   }
   count = result.count;
-  const bool more = result.status == ZrTlsStatus::kDone && engine_->HasBufferedInput();
-  bufferedInput_.store(more, std::memory_order_release);
   answer = 1;
+  bool again = false;  // the next pass finds something, whatever the socket says
+  Next next = Next::kStop;
   switch (result.status) {
-    case ZrTlsStatus::kDone:
+    case ZrTlsReadStatus::kDone:
       // Less than a full record is the last one that was there, unless TLS has begun the next.
-      return more || count == ZrTlsEngine::kRecord ? Next::kGoOn : Next::kStop;
-    case ZrTlsStatus::kWantRead:
-      readWantsRead_ = true;
+      again = engine_->HasBufferedInput();
+      if (again || count == ZrTlsEngine::kRecord) next = Next::kGoOn;
       break;
-    case ZrTlsStatus::kWantWrite:
-      readWantsWrite_ = true;
+    case ZrTlsReadStatus::kWantRead:
       break;
-    case ZrTlsStatus::kClosed:
+    case ZrTlsReadStatus::kAgain:
+      again = true;
+      break;
+    case ZrTlsReadStatus::kEnded:
       answer = 0;
       break;
-    case ZrTlsStatus::kFailed:
+    case ZrTlsReadStatus::kFailed:
       answer = -1;
       break;
   }
-  return Next::kStop;
+  bufferedInput_.store(again, std::memory_order_release);
+  return next;
 }
 
 // ---- Writing -----------------------------------------------------------------------------------
 
-bool ZrTransceiverConnection_SSLAddon::WriteToSocket(ZrSocketIPvx& /*socket*/) {
-  const std::uint64_t before = engine_->Sent();
-  // A read that waited for room gets it here and is repeated by the receive job.
-  if (readWantsWrite_ && engine_->Flush() == ZrTlsStatus::kDone) {
-    readWantsWrite_ = false;
-    bufferedInput_.store(true, std::memory_order_release);
-  }
-  const bool alive = WriteStep();
-  if (engine_->Sent() != before) Touch();
-  return alive;
+ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteToSocket(
+    ZrSocketIPvx& /*socket*/) {
+  engine_->BeginTurn();
+  return WriteStep();
 }
 
 // The bytes stay at the front of the queue until TLS has accepted them, so a step that has to be
 // repeated passes the same ones.
-bool ZrTransceiverConnection_SSLAddon::WriteStep() {
-  writeWantsRead_ = writeWantsWrite_ = false;
-  for (int round = 0; round < kRounds; ++round) {
+ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteStep() {
+  using Status = ZrTlsWriteStatus;
+  const std::uint64_t before = engine_->Sent();
+  writeWantsRead_ = false;
+  Status status = Status::kDone;
+  for (int round = 0; round < kRounds && status == Status::kDone; ++round) {
     const std::string_view bytes = FrontView().substr(0, ZrTlsEngine::kRecord);
     if (bytes.empty()) break;
-    const ZrTlsResult result = engine_->Write(bytes, QueuedBytes() > bytes.size());
-    if (result.status == ZrTlsStatus::kFailed) return false;
-    writeWantsRead_ = result.status == ZrTlsStatus::kWantRead;
-    writeWantsWrite_ = result.status == ZrTlsStatus::kWantWrite;
-    if (result.status != ZrTlsStatus::kDone) break;
-    Consume(result.count);
+    const ZrTlsWriteResult result = engine_->Write(bytes, QueuedBytes() > bytes.size());
+    status = result.status;
+    if (status == Status::kDone) Consume(result.count);
   }
-  const ZrTlsStatus flushed = engine_->Flush();
-  writeWantsWrite_ = writeWantsWrite_ || flushed == ZrTlsStatus::kWantWrite;
-  return flushed != ZrTlsStatus::kFailed;
+  const Status flushed = engine_->Flush();
+  if (engine_->Sent() != before) Touch();
+  if (status == Status::kFailed || flushed == Status::kFailed) return Output::kDead;
+  writeWantsRead_ = status == Status::kWantRead;
+  if (engine_->Sent() != before) return Output::kMoved;
+  return status == Status::kWantWrite || flushed == Status::kWantWrite ? Output::kRefused
+                                                                       : Output::kIdle;
 }
 
 bool ZrTransceiverConnection_SSLAddon::FinishOutput(ZrSocketIPvx& /*socket*/) {
-  return engine_->Shutdown() != ZrTlsStatus::kWantWrite;
+  return engine_->Shutdown() != ZrTlsWriteStatus::kWantWrite;
 }
 
 bool ZrTransceiverConnection_SSLAddon::WantsOutput() const {
-  return readWantsWrite_ || writeWantsWrite_ || engine_->Unsent() > 0 ||
-         (SendPending() && !writeWantsRead_);
+  return engine_->Unsent() > 0 || (SendPending() && !writeWantsRead_);
 }

@@ -1,8 +1,8 @@
 #pragma once
 // A connection whose bytes go through TLS. Queues, events and time limits are those of the plain
-// connection; only the way to the socket differs. TLS may have to read before it can write and the
-// other way round; four flags keep what the last steps stopped for, and with the encrypted bytes
-// that the socket refused they say which readiness to wait for.
+// connection; only the way to the socket differs. What TLS has to send while it reads never makes
+// it stop: the engine keeps what the socket refuses. So a read waits for input only; a write may
+// wait for input, too, when the peer has begun a message of the TLS protocol and not finished it.
 
 #include <atomic>
 #include <functional>
@@ -41,7 +41,7 @@ class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
                                    ZrServerCallback_t record, CloseCallback onClose);
   ~ZrTransceiverConnection_SSLAddon() override;
 
-  bool WriteToSocket(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
+  Output WriteToSocket(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
   int ReadFromSocket(ZrSocketIPvx& socket) override;
   /// Sends TLS's end mark.
   bool FinishOutput(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
@@ -53,17 +53,14 @@ class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
   // What a read step does after one record.
   enum class Next { kGoOn, kStop };
 
-  bool WriteStep() ZR_REQUIRES(lock_);
+  Output WriteStep() ZR_REQUIRES(lock_);
   int ReadStep();
   Next ReadRecord(std::span<char> target, std::size_t& count, int& answer) ZR_EXCLUDES(lock_);
 
   const std::shared_ptr<ZrSocketIPvx> socket_;  // stays open as long as TLS writes through it
   std::optional<ZrTlsEngine> engine_ ZR_GUARDED_BY(lock_);
   bool established_ ZR_GUARDED_BY(lock_) = false;
-  bool writeWantsRead_ ZR_GUARDED_BY(lock_) = false;   // the last write waits for input
-  bool writeWantsWrite_ ZR_GUARDED_BY(lock_) = false;  // ... for room on the socket
-  bool readWantsRead_ ZR_GUARDED_BY(lock_) = false;    // the last read waits for input
-  bool readWantsWrite_ ZR_GUARDED_BY(lock_) = false;   // ... for room on the socket
+  bool writeWantsRead_ ZR_GUARDED_BY(lock_) = false;  // the last write waits for input
   std::atomic<bool> bufferedInput_{false};      // a read finds something without the socket's help
-  std::atomic<bool> readAffectsOutput_{false};  // the last read wrote, or waits for room to write
+  std::atomic<bool> readAffectsOutput_{false};  // the last read wrote, or left bytes to be sent
 };

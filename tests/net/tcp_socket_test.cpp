@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "platform/socket.h"
+#include "tests/support/scripted_line.h"
 
 using namespace std::chrono_literals;
 
@@ -59,7 +60,7 @@ TEST_F(SocketTest, PeersOfBothFamiliesReachTheOnePort) {
     ZrSocketIPvx client;
     ZrSocketIPvx server(1);
     Connect(client, server, host);
-    EXPECT_TRUE(server.accepted());
+    EXPECT_TRUE(server.accepted() && !server.closed());
     EXPECT_TRUE(server.peerAddress().ends_with(host)) << server.peerAddress();
     EXPECT_EQ(server.peerPort(), std::to_string(zr::LocalPort(client.primaryDescriptor())));
     std::size_t sent = 0;
@@ -83,6 +84,17 @@ TEST_F(SocketTest, ReceiveTellsEndNothingAndFailureApart) {
   server.reset();
   EXPECT_EQ(Receive(client), "");
   EXPECT_TRUE(client.closed() && !client.wouldBlock());
+
+  // A failure is no end, also where one was seen before.
+  zrtest::ScriptedLine line;
+  ZrSocketIPvx broken(line);
+  line.ended = true;
+  line.failReceiveAt = 2;
+  EXPECT_EQ(broken.receive(&byte, 1, count), ZrSocketResult::kSuccess);
+  EXPECT_TRUE(broken.closed());
+  broken.setQuiet(true);
+  EXPECT_EQ(broken.receive(&byte, 1, count), ZrSocketResult::kSuccess);
+  EXPECT_TRUE(count == 0 && !broken.closed() && broken.lastError() == ECONNRESET);
 
   ZrSocketIPvx none;
   testing::internal::CaptureStderr();

@@ -3,17 +3,19 @@
 #include "net/tls_engine.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <functional>
 #include <optional>
 
 #include "base/exception.h"
 #include "net/tls_context.h"
-#include "platform/socket.h"
 #include "tests/support/run.h"
+#include "tests/support/scripted_line.h"
+#include "tests/support/tls_peer.h"
 
 using namespace std::chrono_literals;
+using zrtest::ScriptedLine;
+using zrtest::TlsPeer;
 
 namespace {
 
@@ -26,17 +28,17 @@ std::string Failure(const std::function<void()>& action) {
   }
 }
 
+ZrTlsContextPtr ServerContext() {
+  const auto& files = zrtest::TestCertificate();
+  return zr::MakeTlsServerContext(files.certificate, files.privateKey);
+}
+
+// Our client and our server, joined in memory.
 struct Line {
   explicit Line(const std::string& name = "localhost", const ZrTlsTrust& trust = {}) {
-    const auto& files = zrtest::TestCertificate();
-    int both[2] = {-1, -1};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, both), 0);
-    near = ZrDescriptor(both[0]);
-    far = ZrDescriptor(both[1]);
-    client.emplace(zr::MakeTlsClientContext(trust).get(), both[0], ZrTlsEngine::Side::kClient,
-                   name);
-    server.emplace(zr::MakeTlsServerContext(files.certificate, files.privateKey).get(), both[1],
-                   ZrTlsEngine::Side::kServer);
+    ScriptedLine::Join(near, far);
+    client.emplace(zr::MakeTlsClientContext(trust).get(), near, ZrTlsEngine::Side::kClient, name);
+    server.emplace(ServerContext().get(), far, ZrTlsEngine::Side::kServer);
   }
   /// The server takes a step each time the client asks whether it shall go on.
   std::string Connect() {
@@ -47,17 +49,43 @@ struct Line {
     return Failure([&] { client->ConnectWithin(20s, serve); });
   }
 
-  ZrDescriptor near;
-  ZrDescriptor far;
+  ScriptedLine near;
+  ScriptedLine far;
   std::optional<ZrTlsEngine> client;
   std::optional<ZrTlsEngine> server;
 };
 
-/// What an engine reads; "end" at the end of the stream.
+// Our server with OpenSSL's own client, the handshake done.
+struct Served {
+  explicit Served(int version = TLS1_3_VERSION) : peer(line, version) {
+    for (int step = 0; step < 4; ++step) {
+      peer.Handshake();
+      server.Handshake();
+    }
+    EXPECT_TRUE(server.IsEstablished());
+  }
+  ScriptedLine line;
+  ZrTlsEngine server{ServerContext().get(), line, ZrTlsEngine::Side::kServer};
+  TlsPeer peer;
+};
+
+/// What an engine reads, or how it does not.
 std::string Read(ZrTlsEngine& engine) {
   std::string bytes(ZrTlsEngine::kRecord, '\0');
-  const ZrTlsResult result = engine.Read(bytes);
-  return result.status == ZrTlsStatus::kClosed ? "end" : bytes.substr(0, result.count);
+  const ZrTlsReadResult result = engine.Read(bytes);
+  switch (result.status) {
+    case ZrTlsReadStatus::kDone:
+      return bytes.substr(0, result.count);
+    case ZrTlsReadStatus::kWantRead:
+      return "nothing";
+    case ZrTlsReadStatus::kAgain:
+      return "again";
+    case ZrTlsReadStatus::kEnded:
+      return "end";
+    case ZrTlsReadStatus::kFailed:
+      return "failed";
+  }
+  return "";
 }
 
 TEST(TlsEngine, AnswersAPeerThatEndedItsSide) {
@@ -67,27 +95,117 @@ TEST(TlsEngine, AnswersAPeerThatEndedItsSide) {
     ASSERT_EQ(line.Connect(), "");
     line.client->Write("request", false);
     if (orderly) {
-      EXPECT_EQ(line.client->Shutdown(), ZrTlsStatus::kDone);
-    } else {
-      zr::ShutdownSend(line.near.Get());
+      EXPECT_EQ(line.client->Shutdown(), ZrTlsWriteStatus::kDone);
     }
+    line.far.ended = !orderly;
     EXPECT_EQ(Read(*line.server), "request");
     EXPECT_EQ(Read(*line.server), "end");
-    EXPECT_EQ(line.server->Write("answer", false).status, ZrTlsStatus::kDone);
-    EXPECT_EQ(line.server->Shutdown(), ZrTlsStatus::kDone);
+    EXPECT_EQ(Read(*line.server), "end");
+    EXPECT_EQ(line.server->Write("answer", false).status, ZrTlsWriteStatus::kDone);
+    EXPECT_EQ(line.server->Shutdown(), ZrTlsWriteStatus::kDone);
     EXPECT_EQ(Read(*line.client), "answer");
     EXPECT_EQ(Read(*line.client), "end");
   }
 }
 
-TEST(TlsEngine, ClientNamesTheHostButNoAddress) {
-  for (const std::string name : {"localhost", "127.0.0.1", "::1"}) {
-    Line line(name);
-    EXPECT_EQ(line.client->Handshake(), ZrTlsStatus::kWantRead);
-    std::string hello(8192, '\0');
-    hello.resize(zr::ReceiveBytes(line.far.Get(), hello).count);
-    EXPECT_EQ(hello.find(name) != std::string::npos, name == "localhost") << name;
+// Whichever call fails, and whatever OpenSSL makes of it: the line is asked for nothing more, every
+// step says so, and the end that the system shows behind a failure is none.
+TEST(TlsEngine, ALineThatDiedStaysDead) {
+  for (const bool sending : {true, false}) {
+    bool unharmed = false;
+    for (int n = 1; !unharmed; ++n) {
+      SCOPED_TRACE((sending ? "send " : "receive ") + std::to_string(n));
+      ASSERT_LT(n, 20);
+      ScriptedLine line;
+      (sending ? line.failSendAt : line.failReceiveAt) = n;
+      ZrTlsEngine server(ServerContext().get(), line, ZrTlsEngine::Side::kServer);
+      TlsPeer peer(line);
+      for (int step = 0; step < 4; ++step) {
+        if (peer.Handshake()) peer.Send("request");
+        Read(server);
+      }
+      server.Write("answer", false);
+      server.Flush();
+      Read(server);
+      unharmed = !line.broken;
+      if (unharmed) continue;
+      const int calls = line.sends + line.receives;
+      EXPECT_EQ(Read(server), "failed");
+      EXPECT_TRUE(server.HasBufferedInput());
+      EXPECT_EQ(server.Write("x", false).status, ZrTlsWriteStatus::kFailed);
+      EXPECT_EQ(server.Flush(), ZrTlsWriteStatus::kFailed);
+      EXPECT_EQ(server.Handshake(), ZrTlsWriteStatus::kFailed);
+      EXPECT_EQ(server.Shutdown(), ZrTlsWriteStatus::kFailed);
+      EXPECT_EQ(line.sends + line.receives, calls);
+      EXPECT_EQ(server.Problem(), "Connection reset by peer");
+    }
   }
+}
+
+TEST(TlsEngine, AWriteThatAnEndHasMadeImpossibleFails) {
+  ScriptedLine line;
+  ZrTlsEngine server(ServerContext().get(), line, ZrTlsEngine::Side::kServer);
+  TlsPeer(line).Handshake();
+  line.input.resize(line.input.size() / 2);
+  EXPECT_EQ(Read(server), "nothing");
+  EXPECT_EQ(server.Write("x", false).status, ZrTlsWriteStatus::kWantRead);
+  line.ended = true;
+  EXPECT_EQ(Read(server), "end");
+  EXPECT_EQ(server.Write("x", false).status, ZrTlsWriteStatus::kFailed);
+}
+
+TEST(TlsEngine, RecordsWithoutDataAreSomeAndNotMany) {
+  const struct {
+    const char* name;
+    int version;
+    void (*step)(TlsPeer&);
+  } floods[] = {{"key updates", TLS1_3_VERSION, [](TlsPeer& p) { p.UpdateKeys(false); }},
+                {"answered key updates", TLS1_3_VERSION, [](TlsPeer& p) { p.UpdateKeys(true); }}};
+  for (const auto& flood : floods) {
+    SCOPED_TRACE(flood.name);
+    Served line(flood.version);
+    // With data between them in either direction they may go on for ever.
+    for (int i = 0; i < 4; ++i) {
+      for (int n = 0; n < ZrTlsEngine::kMostIdleRecords / 2; ++n) flood.step(line.peer);
+      EXPECT_EQ(Read(line.server), "nothing");
+      line.server.Write("answer", false);
+      line.peer.Read();
+    }
+    for (int n = 0; n < 10'000; ++n) flood.step(line.peer);
+    const int receives = line.line.receives;
+    EXPECT_EQ(Read(line.server), "failed");
+    EXPECT_LE(line.line.receives, receives + 2);
+    EXPECT_EQ(line.server.Problem(), "too many records without data");
+  }
+}
+
+TEST(TlsEngine, RefusesASecondHandshake) {
+  Served line(TLS1_2_VERSION);
+  line.peer.Renegotiate();
+  EXPECT_EQ(Read(line.server), "nothing");
+  EXPECT_TRUE(line.server.IsEstablished());
+}
+
+TEST(TlsEngine, ATurnOfReadingHasABudget) {
+  Served line;
+  line.peer.Send(std::string(4 * ZrTlsTransport::kReadsPerTurn, 'x'));
+  line.line.piece = 1;
+  line.server.BeginTurn();
+  std::string text;
+  int turns = 0;
+  for (; (text = Read(line.server)) == "again"; ++turns) line.server.BeginTurn();
+  EXPECT_EQ(text.size(), 4u * ZrTlsTransport::kReadsPerTurn);
+  EXPECT_EQ(turns, 4);
+  EXPECT_EQ(Read(line.server), "nothing");
+}
+
+TEST(TlsEngine, ClientNamesTheHostButNoAddress) {
+  for (const std::string name : {"localhost", "127.0.0.1", "::1", "::1%1"}) {
+    Line line(name);
+    EXPECT_EQ(line.client->Handshake(), ZrTlsWriteStatus::kWantRead);
+    EXPECT_EQ(line.far.input.find(name) != std::string::npos, name == "localhost") << name;
+  }
+  EXPECT_THROW(Line(std::string(300, 'x')), ZrException);
 }
 
 TEST(TlsEngine, ClientChecksWhomItTrusts) {
@@ -101,9 +219,28 @@ TEST(TlsEngine, ClientChecksWhomItTrusts) {
                {"localhost", file, ""},
                {"127.0.0.1", file, ""},
                {"other.example", file, "Error in TLS handshake: hostname mismatch"},
+               {"::1%1", file, ""},
+               {"::2%1", file, "Error in TLS handshake: IP address mismatch"},
                {"127.0.0.2", file, "Error in TLS handshake: IP address mismatch"},
                {"localhost", store, "Error in TLS handshake: self-signed certificate"}};
   for (const auto& c : cases) EXPECT_EQ(Line(c.name, c.trust).Connect(), c.failure) << c.name;
+}
+
+// Whom nobody wanted checked has not failed for that.
+TEST(TlsEngine, TellsWhyAHandshakeFailed) {
+  Line reset;
+  reset.near.failReceiveAt = 1;
+  EXPECT_EQ(reset.Connect(), "Error in TLS handshake: Connection reset by peer");
+  Line plain;
+  plain.near.input = "HTTP/1.1 400 Bad Request\r\n";
+  EXPECT_EQ(plain.Connect(), "Error in TLS handshake: wrong version number");
+  Line late;  // the certificate has come, and then nothing more
+  late.client->Handshake();
+  late.server->Handshake();
+  late.near.input.resize(late.near.input.size() - 20);
+  late.near.ended = true;
+  EXPECT_EQ(Failure([&] { late.client->ConnectWithin(20s); }),
+            "Error in TLS handshake: unexpected eof while reading");
 }
 
 TEST(TlsContext, TellsWhichKeyPairsCannotServe) {

@@ -1,4 +1,4 @@
-// TLS connections in a running transceiver, against the client side of the engine.
+// TLS connections: step by step over a line in memory, and in a running transceiver.
 
 #include "transceiver/tls_connection.h"
 
@@ -9,8 +9,10 @@
 #include "net/tcp_socket.h"
 #include "servers/tls_addon.h"
 #include "tests/support/raw_client.h"
+#include "tests/support/scripted_line.h"
 #include "tests/support/server_bed.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/tls_peer.h"
 
 using namespace std::chrono_literals;
 using zrtest::ServerBed;
@@ -36,12 +38,12 @@ struct Line {
     EXPECT_GE(listener.accept(*accepted, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
     connection = addon.CreateConnection(bed.transceiver, "nobody", "nobody", {}, accepted);
     bed.transceiver.AddConnection(accepted, connection);
-    client.emplace(context.get(), socket.primaryDescriptor(), ZrTlsEngine::Side::kClient);
+    client.emplace(context.get(), socket.Line(), ZrTlsEngine::Side::kClient);
     client->ConnectWithin(20s);
   }
   void Send(std::string_view record) {
     EXPECT_EQ(client->Write(record, false).count, record.size());
-    while (client->Flush() == ZrTlsStatus::kWantWrite) {
+    while (client->Flush() == ZrTlsWriteStatus::kWantWrite) {
       ASSERT_EQ(zr::WaitWritable(socket.primaryDescriptor(), 20s), ZrWaitStatus::kReady);
     }
   }
@@ -62,6 +64,102 @@ TEST(TlsAddon, WithoutAContextEveryPeerIsClosedAndTheNextOneAccepted) {
     EXPECT_EQ(zrtest::RawClient(port).ReadToEnd(&ended), "");
     EXPECT_TRUE(ended);
   }
+}
+
+// A server's connection that nobody serves but the test, and its client.
+struct Stepped {
+  using Output = ZrTransceiverConnection::Output;
+
+  Stepped() {
+    for (int step = 0; step < 4; ++step) {
+      peer.Handshake();
+      Read();
+    }
+  }
+  int Read() { return connection->ReadFromSocket(*socket); }
+  void Send(std::string_view bytes) {
+    std::size_t accepted = 0;
+    connection->SendBytes(bytes.data(), bytes.size(), accepted);
+  }
+  Output Write() {
+    const ZrLock hold(connection->Lock());
+    return connection->WriteToSocket(*socket);
+  }
+  bool WantsOutput() {
+    const ZrLock hold(connection->Lock());
+    return connection->WantsOutput();
+  }
+
+  ZrRinvalScheduler2 scheduler;
+  ZrTransceiver transceiver{scheduler};
+  zrtest::ScriptedLine line;
+  zrtest::TlsPeer peer{line};
+  std::shared_ptr<ZrSocketIPvx> socket = std::make_shared<ZrSocketIPvx>(line);
+  ZrTransceiverServerL1_SSLAddon addon{*Configuration()};
+  std::shared_ptr<ZrTransceiverConnection> connection =
+      addon.CreateConnection(transceiver, "nobody", "nobody", {}, socket);
+};
+
+TEST(TlsConnection, AnAnswerToAPeerThatHasGoneIsTheEnd) {
+  const struct {
+    const char* name;
+    void (*leave)(Stepped&);
+  } cases[] = {{"its end mark", [](Stepped& s) { s.peer.Goodbye(); }},
+               {"the end of the stream", [](Stepped& s) { s.line.ended = true; }},
+               {"an end in a record", [](Stepped& s) {
+                  s.line.input = "\x17\x03\x03";
+                  s.line.ended = true;
+                }}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const bool reset : {false, true}) {
+      Stepped line;
+      line.peer.Send("request");
+      EXPECT_EQ(line.Read(), 7);
+      c.leave(line);
+      EXPECT_EQ(line.Read(), 0);
+      line.Send("answer");
+      if (reset) line.line.failSendAt = line.line.sends + 1;
+      EXPECT_EQ(line.Write(), reset ? Stepped::Output::kDead : Stepped::Output::kMoved);
+      EXPECT_EQ(line.Read(), reset ? -1 : 0);
+      if (!reset) {
+        EXPECT_EQ(line.peer.Read(), "answer");
+      }
+    }
+  }
+}
+
+TEST(TlsConnection, WaitsForRoomOnlyWhenTheSocketRefused) {
+  Stepped line;
+  const std::string answer(300'000, 'x');
+  EXPECT_FALSE(line.WantsOutput());
+  EXPECT_EQ(line.Write(), Stepped::Output::kIdle);
+  line.Send(answer);
+  line.line.room = 1000;
+  EXPECT_EQ(line.Write(), Stepped::Output::kMoved);
+  EXPECT_TRUE(line.WantsOutput());
+  EXPECT_EQ(line.Write(), Stepped::Output::kRefused);
+  EXPECT_EQ(line.Read(), 1);  // reading does not wait for the room
+  line.line.room = zrtest::ScriptedLine::kUnlimited;
+  EXPECT_EQ(line.Write(), Stepped::Output::kMoved);
+  EXPECT_FALSE(line.WantsOutput());
+  EXPECT_EQ(line.Write(), Stepped::Output::kIdle);
+  std::size_t read = 0;
+  for (std::string text; !(text = line.peer.Read()).empty();) read += text.size();
+  EXPECT_EQ(read, answer.size());
+}
+
+TEST(TlsConnection, ATurnThatIsUsedUpGoesOnInTheNextOne) {
+  Stepped line;
+  line.peer.Send(std::string(1000, 'x'));
+  line.line.piece = 1;
+  int turns = 0;
+  for (; !line.connection->HasReceived(); ++turns) {
+    ASSERT_LT(turns, 10);
+    EXPECT_GT(line.Read(), 0);
+    EXPECT_NE(line.connection->HasBufferedInput(), line.connection->HasReceived());
+  }
+  EXPECT_EQ(turns, 4);
 }
 
 // Reading pauses above a mark and goes on when the bytes are taken, also when TLS has everything
