@@ -16,11 +16,26 @@ ZrStringBuf::ZrStringBuf(std::string bytes) noexcept
   SetArea(0);
 }
 
+ZrStringBuf::ZrStringBuf(std::string_view bytes, std::shared_ptr<const void> owner) noexcept
+    : owner_(std::move(owner)) {
+  // Nothing writes through a get area.
+  char* const start = const_cast<char*>(bytes.data());
+  setg(start, start, start + bytes.size());
+}
+
 ZrStringBuf::ZrStringBuf(ZrStringBuf&& other) noexcept { *this = std::move(other); }
 
 ZrStringBuf& ZrStringBuf::operator=(ZrStringBuf&& other) noexcept {
   if (this == &other) return *this;
   const std::size_t readOffset = other.ReadOffset();
+  owner_ = std::move(other.owner_);
+  if (owner_) {
+    setg(other.eback(), other.gptr(), other.egptr());
+    storage_ = std::string();
+    end_ = 0;
+    other.Clear();
+    return *this;
+  }
   storage_ = std::move(other.storage_);
   end_ = std::exchange(other.end_, 0);
   // A short text lies inside the string object, so the pointers cannot travel.
@@ -60,12 +75,15 @@ void ZrStringBuf::Commit(std::size_t bytes) noexcept {
 void ZrStringBuf::Consume(std::size_t bytes) noexcept {
   if (bytes >= Size()) {
     Clear();
+  } else if (owner_) {
+    setg(eback(), gptr() + bytes, egptr());
   } else {
     SetArea(ReadOffset() + bytes);
   }
 }
 
 std::string ZrStringBuf::Take() {
+  if (owner_) TakeOver();
   storage_.resize(end_);
   if (ReadOffset() != 0) storage_.erase(0, ReadOffset());
   std::string bytes = std::move(storage_);
@@ -74,6 +92,7 @@ std::string ZrStringBuf::Take() {
 }
 
 void ZrStringBuf::Clear() noexcept {
+  owner_ = nullptr;
   if (storage_.capacity() > kKeptCapacity) {
     storage_ = std::string();
   } else {
@@ -102,10 +121,19 @@ void ZrStringBuf::SetArea(std::size_t readOffset) noexcept {
   setg(start, start + readOffset, start + end_);
 }
 
+// Makes bytes of another owner this buffer's own.
+void ZrStringBuf::TakeOver() {
+  storage_ = Unread();
+  end_ = storage_.size();
+  owner_ = nullptr;
+  SetArea(0);
+}
+
 // Room for more bytes behind the end. The unread bytes move to the front only when at least as many
 // were consumed before them, and otherwise the memory at least doubles: either way each byte moves
 // a bounded number of times however the appends are cut.
 void ZrStringBuf::MakeRoom(std::size_t bytes) {
+  if (owner_) TakeOver();
   const std::size_t unread = Size();
   std::size_t readOffset = ReadOffset();
   if (storage_.capacity() - end_ < bytes && readOffset != 0 && readOffset >= unread) {

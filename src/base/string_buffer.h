@@ -6,6 +6,7 @@
 // Threads: one at a time; whoever shares a buffer guards it.
 
 #include <cstddef>
+#include <memory>
 #include <span>
 #include <streambuf>
 #include <string>
@@ -18,6 +19,9 @@ class ZrStringBuf : public std::streambuf {
   ZrStringBuf() = default;
   /// A buffer that holds these bytes; nothing is copied.
   explicit ZrStringBuf(std::string bytes) noexcept;
+  /// A buffer that gives these bytes where they lie, for as long as it shares their owner. Adding
+  /// to it copies what is unread.
+  ZrStringBuf(std::string_view bytes, std::shared_ptr<const void> owner) noexcept;
   /// Moving hands over the memory and leaves the other buffer empty.
   ZrStringBuf(ZrStringBuf&& other) noexcept;
   ZrStringBuf& operator=(ZrStringBuf&& other) noexcept;
@@ -42,6 +46,8 @@ class ZrStringBuf : public std::streambuf {
   /// The number of bytes not yet consumed.
   std::size_t Size() const noexcept { return static_cast<std::size_t>(egptr() - gptr()); }
   bool Empty() const noexcept { return gptr() == egptr(); }
+  /// The heap that this buffer occupies, in bytes; none for bytes of another owner.
+  std::size_t HeapBytes() const noexcept { return owner_ ? 0 : storage_.capacity(); }
   /// Drops that many bytes at the front, at most all of them.
   void Consume(std::size_t bytes) noexcept;
   /// Moves the unread bytes out; the buffer is empty afterwards.
@@ -58,9 +64,12 @@ class ZrStringBuf : public std::streambuf {
   std::size_t ReadOffset() const noexcept { return static_cast<std::size_t>(gptr() - eback()); }
   void SetArea(std::size_t readOffset) noexcept;
   void MakeRoom(std::size_t bytes);
+  void TakeOver();
 
   // The get area of the base class is the bytes from the start of storage_ to end_; its next
   // pointer is the read position. There is no put area: writing always comes through Append().
   std::string storage_;
   std::size_t end_ = 0;  // beyond it lies only space that Prepare() gave out
+  // Of bytes that lie elsewhere; the get area is then theirs, and storage_ is not used.
+  std::shared_ptr<const void> owner_;
 };

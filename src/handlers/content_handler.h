@@ -17,6 +17,10 @@ class ZrContentHandler {
   /// (a script that runs keeps a reference to the request); false when the request is not served.
   virtual bool ServeRequest(ZrTransceiverClient& client,
                             const std::shared_ptr<ZrXHeader>& request) = 0;
+  /// Whether what serves this request, whose head is there, may read its body.
+  virtual bool ReadsBody(ZrTransceiverClient& /*client*/, const ZrXHeader& /*request*/) {
+    return true;
+  }
   /// Sends the answer to a request that nothing served.
   virtual void AnswerNotFound(ZrTransceiverClient& client,
                               const std::shared_ptr<ZrXHeader>& request) = 0;

@@ -1,5 +1,5 @@
 #pragma once
-// The four questions that a request handler asks its application. The application stands in a layer
+// The questions that a request handler asks its application. The application stands in a layer
 // above and answers them through this interface.
 
 #include <string>
@@ -16,6 +16,8 @@ class ZrRequestApplication {
   /// Lets the handler registered under the name answer the command; without one nothing happens.
   virtual void dispatchToHandler(const std::string& name, ZrXHeader& request,
                                  ZrXResponseHeader& answer, const std::string& command) = 0;
+  /// Whether a command may be answered at all; a body of another request is then not kept.
+  virtual bool takesCommands() { return true; }
   /// Whether the configuration storage holds a page of that name.
   virtual bool hasStoredValue(const std::string& name) = 0;
   /// Puts the text of that page into the head as its body, an empty one when there is none.

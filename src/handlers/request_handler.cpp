@@ -315,4 +315,12 @@ bool ZrTransceiverClient::AcceptQuarnAnswer(const std::string&, const std::share
   return true;
 }
 
-bool ZrTransceiverClient::OnHeadComplete(ZrXHeader&) { return true; }
+// A body that is still to come, and that nobody reads, need not be kept.
+bool ZrTransceiverClient::OnHeadComplete(ZrXHeader& head) {
+  if (head.kind == ZrMessageKind::kRequest && head.BodyState() == ZrReadResult::kIncomplete) {
+    const bool commands =
+        IsHttp(head.ProtocolKind()) && application && application->takesCommands();
+    head.bodyUnwanted = !commands && !(content_ && content_->ReadsBody(*this, head));
+  }
+  return true;
+}

@@ -63,6 +63,14 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const ZrXHeader& reque
   return true;
 }
 
+// Programs and scripts do, by the names that they have; whether they are there is seen later.
+bool ZrStaticFiles::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& request) {
+  if (client.startDirectory.empty() || !scripts_) return false;
+  const std::string_view path = request.path;
+  return path.substr(0, 1 + client.cgiUrlPrefix.size()) == "/" + client.cgiUrlPrefix ||
+         path.ends_with(client.scriptExtension) || path.ends_with('/');
+}
+
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
                                          const std::shared_ptr<ZrXHeader>& request) {
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);

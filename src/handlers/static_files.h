@@ -23,6 +23,7 @@ class ZrStaticFiles : public ZrContentHandler {
   /// is none that is served (zr::IsServedPath) or nothing of these is there.
   bool ServeRequest(ZrTransceiverClient& client,
                     const std::shared_ptr<ZrXHeader>& request) override;
+  bool ReadsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;
   void AnswerNotFound(ZrTransceiverClient& client,
                       const std::shared_ptr<ZrXHeader>& request) override;
 

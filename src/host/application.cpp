@@ -1,6 +1,7 @@
 #include "host/application.h"
 
 #include <exception>
+#include <typeinfo>
 #include <utility>
 
 #include "handlers/cgi.h"
@@ -26,6 +27,7 @@ class ZrQuarnApplication2::Questions : public ZrRequestApplication {
                          const std::string& command) override {
     application_.dispatchToHandler(name, request, answer, command);
   }
+  bool takesCommands() override { return application_.takesCommands(); }
   bool hasStoredValue(const std::string& name) override {
     return application_.hasStoredValue(name);
   }
@@ -152,8 +154,13 @@ ZrCommandHandler* ZrQuarnApplication2::registerHandler(ZrCommandHandler* handler
   if (handler != nullptr) {
     ZrLock hold(handlerLock_);
     handlers_[handler->Name()] = handler;
+    anyHandler_ = true;
   }
   return handler;
+}
+
+bool ZrQuarnApplication2::takesCommands() {
+  return anyHandler_ || typeid(*this) != typeid(ZrQuarnApplication2);
 }
 
 bool ZrQuarnApplication2::hasHandler(const std::string& name) {

@@ -4,6 +4,7 @@
 // reports of all servers. The host entry builds one per server handle; a program of the static
 // library builds its own.
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -85,6 +86,9 @@ class ZrQuarnApplication2 {
   /// A copy of the options, with "tcp_port_http(s)" and "tcp_address_http(s)" once a server
   /// listens.
   virtual ZrOptionMap getOptions();
+  /// Whether a form command may be answered: when a handler was ever registered, and in a derived
+  /// application, which may do that in a way of its own. Without, large bodies are not kept.
+  virtual bool takesCommands();
 
   /// Set these before startServers(). With a sink, access-log lines go there instead of the
   /// standard output.
@@ -129,5 +133,7 @@ class ZrQuarnApplication2 {
   ZrOptionMap options_ ZR_GUARDED_BY(optionsLock_);
   ZrRecursiveMutex handlerLock_;
   std::map<std::string, ZrCommandHandler*> handlers_ ZR_GUARDED_BY(handlerLock_);
+  // That lock is held while a handler runs; a request that has none does not wait for it.
+  std::atomic<bool> anyHandler_{false};
   ZrNamedIdSource idSource_;
 };

@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::uint64_t kLowestStatus = 100;
 constexpr std::uint64_t kHighestStatus = 999;
 
@@ -32,27 +31,6 @@ std::optional<std::uint64_t> LengthOf(const ZrHeaderFields::Values& values) {
     return true;
   });
   return agree ? length : std::nullopt;
-}
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-/// The size in front of a chunk's extensions, which mean nothing here.
-std::optional<std::uint64_t> ChunkSize(std::string_view line) {
-  std::uint64_t size = 0;
-  std::size_t digits = 0;
-  while (digits < line.size() && HexDigit(line[digits]) >= 0) {
-    if (size > zr::kMaxBodyBytes) return std::nullopt;  // beyond every limit already
-    size = size * 16 + static_cast<std::uint64_t>(HexDigit(line[digits++]));
-  }
-  const std::string_view rest = line.substr(digits);
-  const std::size_t text = rest.find_first_not_of(" \t");
-  if (digits == 0 || (text != std::string_view::npos && rest[text] != ';')) return std::nullopt;
-  return size;
 }
 
 }  // namespace
@@ -135,7 +113,7 @@ bool ZrAnswerReader::ChooseFraming(const ZrXHeader& head) {
       return false;
     }
     if (!lengths.empty()) keepsConnection_ = false;
-    step_ = Step::kChunkSize;
+    step_ = Step::kChunks;
     return true;
   }
   if (lengths.empty()) {
@@ -161,78 +139,52 @@ ZrAnswerReader::Result ZrAnswerReader::ReadBody(ZrXHeader& head, ZrStringBuf& in
       case Step::kDone:
         return Result::kComplete;
       case Step::kLength:
-        if (!MoveBytes(head, input)) return Result::kIncomplete;
+        remaining_ -= MoveBytes(head, input, remaining_);
+        if (remaining_ != 0) return Result::kIncomplete;
         step_ = Step::kDone;
         break;
       case Step::kUntilEnd:
-        remaining_ = input.Size();
-        if (head.body->Size() + remaining_ > zr::kMaxBodyBytes) {
+        if (head.body->Size() + input.Size() > zr::kMaxBodyBytes) {
           return Unreadable("the body of the answer is too long");
         }
-        MoveBytes(head, input);
+        MoveBytes(head, input, input.Size());
         return Result::kIncomplete;
-      case Step::kChunkSize:
-        if (const Result result = ReadChunkSize(input); result != Result::kComplete) return result;
-        if (head.body->Size() + remaining_ > zr::kMaxBodyBytes) {
-          return Unreadable("the body of the answer is too long");
+      case Step::kChunks:
+        if (const Result result = ReadChunks(head, input); result != Result::kComplete) {
+          return result;
         }
-        break;
-      case Step::kChunkData:
-        if (!MoveBytes(head, input)) return Result::kIncomplete;
-        step_ = Step::kChunkEnd;
-        break;
-      case Step::kChunkEnd: {
-        const std::string_view end = input.Unread().substr(0, kLineEnd.size());
-        if (!kLineEnd.starts_with(end)) return Unreadable("a chunk of the answer has no end");
-        if (end.size() < kLineEnd.size()) return Result::kIncomplete;
-        input.Consume(kLineEnd.size());
-        step_ = Step::kChunkSize;
-        break;
-      }
-      case Step::kTrailers:
-        if (const Result result = ReadTrailers(input); result != Result::kComplete) return result;
         step_ = Step::kDone;
         break;
     }
   }
 }
 
-ZrAnswerReader::Result ZrAnswerReader::ReadChunkSize(ZrStringBuf& input) {
-  const std::string_view line = input.Unread().substr(0, kMaxChunkLine);
-  const std::size_t end = line.find(kLineEnd);
-  if (end == std::string_view::npos) {
-    return line.size() == kMaxChunkLine ? Unreadable("a chunk of the answer has no size")
-                                        : Result::kIncomplete;
-  }
-  const auto size = ChunkSize(line.substr(0, end));
-  if (!size) return Unreadable("a chunk of the answer has no size");
-  input.Consume(end + kLineEnd.size());
-  remaining_ = *size;
-  step_ = *size == 0 ? Step::kTrailers : Step::kChunkData;
-  return Result::kComplete;
-}
-
-// Fields behind the body are read over, up to the empty line.
-ZrAnswerReader::Result ZrAnswerReader::ReadTrailers(ZrStringBuf& input) {
+ZrAnswerReader::Result ZrAnswerReader::ReadChunks(ZrXHeader& head, ZrStringBuf& input) {
   for (;;) {
-    const std::string_view rest = input.Unread().substr(0, kMaxTrailers + 1 - trailerBytes_);
-    const std::size_t end = rest.find(kLineEnd);
-    const std::size_t used = end == std::string_view::npos ? rest.size() : end + kLineEnd.size();
-    if (trailerBytes_ + used > kMaxTrailers) {
-      return Unreadable("the fields behind the answer are too long");
+    switch (chunks_.Read(input)) {
+      case ZrChunkedDecoder::Next::kIncomplete:
+        return Result::kIncomplete;
+      case ZrChunkedDecoder::Next::kData:
+        if (chunks_.Remaining() > zr::kMaxBodyBytes - head.body->Size()) {
+          return Unreadable("the body of the answer is too long");
+        }
+        chunks_.Took(MoveBytes(head, input, chunks_.Remaining()));
+        break;
+      case ZrChunkedDecoder::Next::kEnd:
+        return Result::kComplete;
+      case ZrChunkedDecoder::Next::kNoSize:
+        return Unreadable("a chunk of the answer has no size");
+      case ZrChunkedDecoder::Next::kNoEnd:
+        return Unreadable("a chunk of the answer has no end");
+      case ZrChunkedDecoder::Next::kTrailers:
+        return Unreadable("the fields behind the answer are too long");
     }
-    if (end == std::string_view::npos) return Result::kIncomplete;
-    input.Consume(used);
-    trailerBytes_ += used;
-    if (end == 0) return Result::kComplete;
   }
 }
 
-// Moves what has come of the remaining bytes to the body; whether that was all of them.
-bool ZrAnswerReader::MoveBytes(ZrXHeader& head, ZrStringBuf& input) {
-  const std::size_t count =
-      static_cast<std::size_t>(std::min<std::uint64_t>(remaining_, input.Size()));
-  remaining_ -= count;
+// Moves what has come of so many bytes to the body.
+std::uint64_t ZrAnswerReader::MoveBytes(ZrXHeader& head, ZrStringBuf& input, std::uint64_t most) {
+  const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(most, input.Size()));
   if (head.body->Empty() && count == input.Size()) {
     *head.body = std::move(input);
     input.Clear();
@@ -240,5 +192,5 @@ bool ZrAnswerReader::MoveBytes(ZrXHeader& head, ZrStringBuf& input) {
     head.body->Append(input.Unread().substr(0, count));
     input.Consume(count);
   }
-  return remaining_ == 0;
+  return count;
 }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/string_buffer.h"
+#include "http/chunked_decoder.h"
 #include "http/message_head.h"
 
 /// One answer. Threads: one at a time.
@@ -24,9 +25,6 @@ class ZrAnswerReader {
   /// What has become of the connection when the reader is called.
   enum class Line { kOpen, kEnded, kBroken };
 
-  static constexpr std::size_t kMaxChunkLine = 4096;  ///< bytes of a chunk's size line
-  static constexpr std::size_t kMaxTrailers = 65536;  ///< bytes of the fields behind the last chunk
-
   /// Consumes from the input what belongs to the answer. The head is a new one for every answer and
   /// the same for all calls of one; its `status` is set and `body` gets the decoded body. The
   /// callback is that of ReadHead(), called for the final answer only. Cost is linear in the input.
@@ -39,30 +37,20 @@ class ZrAnswerReader {
   bool KeepsConnection() const { return keepsConnection_; }
 
  private:
-  enum class Step {
-    kHead,
-    kLength,
-    kUntilEnd,
-    kChunkSize,
-    kChunkData,
-    kChunkEnd,
-    kTrailers,
-    kDone,
-  };
+  enum class Step { kHead, kLength, kUntilEnd, kChunks, kDone };
 
   Result ReadHead(ZrXHeader& head, ZrStringBuf& input,
                   const std::function<bool(ZrXHeader&)>& onHeadComplete);
   Result TakeHead(ZrXHeader& head, const std::function<bool(ZrXHeader&)>& onHeadComplete);
   bool ChooseFraming(const ZrXHeader& head);
   Result ReadBody(ZrXHeader& head, ZrStringBuf& input);
-  Result ReadChunkSize(ZrStringBuf& input);
-  Result ReadTrailers(ZrStringBuf& input);
-  bool MoveBytes(ZrXHeader& head, ZrStringBuf& input);
+  Result ReadChunks(ZrXHeader& head, ZrStringBuf& input);
+  static std::uint64_t MoveBytes(ZrXHeader& head, ZrStringBuf& input, std::uint64_t most);
   Result Unreadable(const char* problem);
 
   Step step_ = Step::kHead;
-  std::uint64_t remaining_ = 0;   // of the body or the chunk
-  std::size_t trailerBytes_ = 0;  // read so far
+  std::uint64_t remaining_ = 0;  // of a body of known length
+  ZrChunkedDecoder chunks_;
   bool keepsConnection_ = false;
   const char* problem_ = "";
 };

@@ -18,12 +18,14 @@
 #include <string_view>
 #include <vector>
 
+#include "base/memory_budget.h"
 #include "base/option_map.h"
 #include "base/server_callback.h"
 #include "base/string_buffer.h"
 #include "http/fwd.h"
 #include "http/header_fields.h"
 #include "http/message_block.h"
+#include "http/message_reading.h"
 #include "http/protocol_kind.h"
 #include "http/semantics.h"
 #include "jobs/job.h"
@@ -102,7 +104,14 @@ class ZrXHeader : public ZrJob {
   /// How the bytes in `body` compare with the declared length: fewer, more or as many.
   ZrReadResult BodyState() const;
   /// Where received bytes are to be appended.
-  ZrStringBuf& Input() { return *body; }
+  ZrStringBuf& Input() { return reading.input ? *reading.input : *body; }
+  /// Puts what `body` holds where the rest of a body of that many bytes (as far as known) will go:
+  /// nowhere when it is unwanted, to a file when it is large. No: the file took it not.
+  [[nodiscard]] bool KeepBody(std::uint64_t expected);
+  /// The body is complete: `body` gives it, wherever it lies. No: the system refused that.
+  [[nodiscard]] bool FinishBody();
+  /// Bytes of the body that have come so far, wherever they lie.
+  std::uint64_t BodyBytes() const { return reading.elsewhere + (body ? body->Size() : 0); }
 
   /// The answer to this request: kind, time, path, route (reversed), ends, request fields and
   /// summary are taken over, the status is 500. The fields are shared, not copied.
@@ -141,9 +150,9 @@ class ZrXHeader : public ZrJob {
   /// True once a head was written.
   bool HeadWritten() const ZR_EXCLUDES(headLock);
   /// False once the head of a received message has ended.
-  bool InHead() const { return inHead_; }
+  bool InHead() const { return reading.inHead; }
   /// The number of head lines read, the first one included and the empty one not.
-  std::size_t LineCount() const { return lineCount_; }
+  std::size_t LineCount() const { return reading.lineCount; }
 
   // Who sent what.
   const ZrSemantics* semantics = &ZrSemantics::Minimal();
@@ -169,6 +178,8 @@ class ZrXHeader : public ZrJob {
   bool cgiHeadPending = false;                   // `body` begins with the head lines of a program
   bool closeRequested = false;                   // the "connection" field asks for "close"
   bool endUncertain = false;             // nothing behind this message may be read as another one
+  bool bodyUnwanted = false;             // set when the head is complete: nobody can take the body
+  ZrMemoryShare memory;                  // what the body occupies on the heap
   std::unique_ptr<ZrStringBuf> surplus;  // received: what belongs to the next message; may be none
 
   // The answer.
@@ -182,6 +193,8 @@ class ZrXHeader : public ZrJob {
   ZrHTTPMessageBlockDisposition allFields;    // by name
   ZrHTTPMessageBlockDisposition queryFields;  // by name, the fields of the target's query
   ZrHTTPMessageBlockDisposition bodyFields;   // by name, the fields known when the body was parsed
+
+  ZrMessageReading reading;
 
   // The way through the system.
   std::shared_ptr<ZrPeerWatch> peerWatch;  // of a received request: can it still be answered?
@@ -215,13 +228,4 @@ class ZrXHeader : public ZrJob {
 
   bool headWritten_ ZR_GUARDED_BY(headLock) = false;
   std::shared_ptr<const ZrServerCallback_t> peerRecord_;  // none before SetPeerRecord()
-
-  // The reader's place.
-  bool inHead_ = true;
-  bool rejected_ = false;
-  bool lengthDeclared_ = false;
-  std::size_t lineCount_ = 0;
-  std::size_t headBytes_ = 0;  // consumed by the head so far
-  std::size_t scanned_ = 0;    // unread bytes that were searched for the end of a line in vain
-  std::string scratch_;        // one field line without its blanks
 };

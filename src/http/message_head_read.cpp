@@ -53,34 +53,34 @@ bool TakeWord(std::string_view& line, std::string& word) {
 }  // namespace
 
 ZrReadResult ZrXHeader::ReadHead(const std::function<bool(ZrXHeader&)>& callback) {
-  if (rejected_) return ZrReadResult::kRejected;
-  while (inHead_) {
+  if (reading.rejected) return ZrReadResult::kRejected;
+  while (reading.inHead) {
     const std::string_view unread = body ? body->Unread() : std::string_view();
-    const std::size_t end = unread.find(kLineEnd, scanned_);
+    const std::size_t end = unread.find(kLineEnd, reading.scanned);
     const bool ended = end != std::string_view::npos;
     const std::size_t lineBytes = ended ? end + kLineEnd.size() : unread.size();
     // What is unread belongs to the head as long as its line has no end.
-    if (headBytes_ + lineBytes > zr::kMaxHeadBytes ||
-        (ended && end != 0 && lineCount_ == zr::kMaxHeadLines)) {
-      rejected_ = true;
+    if (reading.headBytes + lineBytes > zr::kMaxHeadBytes ||
+        (ended && end != 0 && reading.lineCount == zr::kMaxHeadLines)) {
+      reading.rejected = true;
       return ZrReadResult::kRejected;
     }
     if (!ended) {
       // A CR at the end may be half of a line's end.
-      scanned_ = unread.size() - (unread.ends_with('\r') ? 1 : 0);
+      reading.scanned = unread.size() - (unread.ends_with('\r') ? 1 : 0);
       return ZrReadResult::kIncomplete;
     }
-    inHead_ = end != 0 && ParseHeadLine(unread.substr(0, end));
+    reading.inHead = end != 0 && ParseHeadLine(unread.substr(0, end));
     body->Consume(lineBytes);
-    headBytes_ += lineBytes;
-    scanned_ = 0;
-    if (inHead_) continue;
+    reading.headBytes += lineBytes;
+    reading.scanned = 0;
+    if (reading.inHead) continue;
     const bool framed = FinishHead();
     const bool wanted = end != 0 || callback(*this);
-    rejected_ = !framed || !wanted;
-    if (rejected_) return ZrReadResult::kRejected;
+    reading.rejected = !framed || !wanted;
+    if (reading.rejected) return ZrReadResult::kRejected;
   }
-  return lengthDeclared_ ? BodyState() : ZrReadResult::kComplete;
+  return reading.lengthDeclared ? BodyState() : ZrReadResult::kComplete;
 }
 
 // Where the message ends. A request whose end others on its way may see elsewhere is no request: in
@@ -88,14 +88,14 @@ ZrReadResult ZrXHeader::ReadHead(const std::function<bool(ZrXHeader&)>& callback
 bool ZrXHeader::FinishHead() {
   if (headers.First("connection").find("close") != std::string_view::npos) closeRequested = true;
   const ZrHeaderFields::Values lengths = headers["content-length"];
-  lengthDeclared_ = !lengths.empty();
+  reading.lengthDeclared = !lengths.empty();
   if (kind != ZrMessageKind::kRequest) {
-    if (lengthDeclared_) declaredLength = zr::ParseDigits(lengths.front()).value_or(0);
+    if (reading.lengthDeclared) declaredLength = zr::ParseDigits(lengths.front()).value_or(0);
     return declaredLength <= zr::kMaxBodyBytes;
   }
   if (headers.contains("transfer-encoding")) return false;
   // The body of a request without a length is what has arrived; its rest may still be on its way.
-  endUncertain = !lengthDeclared_ && messageType != ZrMessageType::kGet;
+  endUncertain = !reading.lengthDeclared && messageType != ZrMessageType::kGet;
   std::optional<std::uint64_t> agreed;
   const bool agree = zr::AllListElements(lengths, [this, &agreed](std::string_view element) {
     const std::optional<std::uint64_t> digits = zr::ParseDigits(element);
@@ -108,15 +108,9 @@ bool ZrXHeader::FinishHead() {
   return agree && declaredLength <= zr::kMaxBodyBytes;
 }
 
-ZrReadResult ZrXHeader::BodyState() const {
-  const std::uint64_t size = body ? body->Size() : 0;
-  if (size == declaredLength) return ZrReadResult::kComplete;
-  return size < declaredLength ? ZrReadResult::kIncomplete : ZrReadResult::kRejected;
-}
-
 bool ZrXHeader::ParseHeadLine(std::string_view line) {
-  const bool goOn = lineCount_ == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
-  ++lineCount_;
+  const bool goOn = reading.lineCount == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
+  ++reading.lineCount;
   return goOn;
 }
 
@@ -154,18 +148,19 @@ bool ZrXHeader::ParseFirstLine(std::string_view line) {
 // "Name: value" with all blanks dropped and the name in lower case. A colon in front of a name or
 // of a value is skipped; the first one behind the name ends it, later ones belong to the value.
 void ZrXHeader::ParseFieldLine(std::string_view line) {
-  scratch_.resize(line.size());
-  char* out = scratch_.data();
+  reading.scratch.resize(line.size());
+  char* out = reading.scratch.data();
   std::size_t at = 0;
   for (; at < line.size(); ++at) {
     const char c = line[at];
     if (c == ':') {
-      if (out != scratch_.data()) break;
+      if (out != reading.scratch.data()) break;
     } else if (!IsBlank(c)) {
       *out++ = Lower(c);
     }
   }
-  const std::string_view name(scratch_.data(), static_cast<std::size_t>(out - scratch_.data()));
+  const std::string_view name(reading.scratch.data(),
+                              static_cast<std::size_t>(out - reading.scratch.data()));
   const char* const value = out;
   while (at < line.size() && (line[at] == ':' || IsBlank(line[at]))) ++at;
   for (; at < line.size(); ++at) {

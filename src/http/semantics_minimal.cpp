@@ -42,15 +42,17 @@ ZrReadStep ZrMinimalSemantics::Read(ZrXHeader& message, const HeadCallback& onHe
   // comes later is the next one.
   switch (message.ReadHead(onHead)) {
     case ZrReadResult::kIncomplete:
-      if (!message.InHead()) return ZrReadStep::kBody;
-      return BeginsNoMessage(message) ? ZrReadStep::kClose : ZrReadStep::kHead;
+      if (message.InHead()) {
+        return BeginsNoMessage(message) ? ZrReadStep::kClose : ZrReadStep::kHead;
+      }
+      return message.KeepBody(message.declaredLength) ? ZrReadStep::kBody : ZrReadStep::kClose;
     case ZrReadResult::kRejected:
       return ZrReadStep::kClose;
     case ZrReadResult::kComplete:
       break;
   }
   // Neither garbage nor an answer that nobody asked for is replied to.
-  if (message.kind != ZrMessageKind::kRequest) return ZrReadStep::kClose;
+  if (message.kind != ZrMessageKind::kRequest || !message.FinishBody()) return ZrReadStep::kClose;
   // What follows a request that announces no body is the next request.
   if (message.messageType == ZrMessageType::kGet && !message.body->Empty() &&
       !message.headers.contains("content-length")) {

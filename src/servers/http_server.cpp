@@ -10,6 +10,13 @@
 #include "transceiver/message_handler.h"
 #include "transceiver/transceiver.h"
 
+namespace {
+
+// Smaller bodies are among what every connection costs, in bytes of heap.
+constexpr std::size_t kCountedBody = 4096;
+
+}  // namespace
+
 // A closed connection goes through the queue like its bytes do: its message is dropped behind the
 // last item that may still work on it.
 bool ZrTransceiverServerL1HTTP::ReceiveEvent(const ZrJobEvent& event) {
@@ -74,18 +81,18 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
     return false;
   }
   connection->EndHead();
-  switch (step) {
-    case ZrReadStep::kComplete:
-      return HandOut(transceiver, connection, client, head);
-    case ZrReadStep::kClose:
-      DropMessage(connection->JobName());
-      connection->CloseAfterItem();
-      return false;
-    case ZrReadStep::kHead:
-    case ZrReadStep::kBody:
-    case ZrReadStep::kContinue:
-      return false;
+  if (const std::size_t held = head->body->HeapBytes(); held > kCountedBody) {
+    if (head->memory.Bytes() == 0) head->memory = ZrMemoryShare(transceiver.Memory());
+    head->memory.Set(held);
   }
+  if (step == ZrReadStep::kBody) {
+    connection->NoteBody(head->BodyBytes());
+    return false;
+  }
+  connection->EndBody();
+  if (step == ZrReadStep::kComplete) return HandOut(transceiver, connection, client, head);
+  DropMessage(connection->JobName());
+  connection->CloseAfterItem();
   return false;
 }
 

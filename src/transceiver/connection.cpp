@@ -84,6 +84,13 @@ void ZrTransceiverConnection::BeginHead() {
 
 void ZrTransceiverConnection::EndHead() { headSince_.store(0, std::memory_order_relaxed); }
 
+void ZrTransceiverConnection::NoteBody(std::uint64_t arrived) {
+  constexpr std::int64_t kSecond = 1'000'000'000;
+  const auto bytes = static_cast<std::int64_t>(arrived);
+  bodyTime_ = std::max(kBodyTimeLimit, bytes / kBodyRate * kSecond);
+  if (bodySince_.load(std::memory_order_relaxed) == 0) bodySince_ = owner_.Clock().MonotonicNs();
+}
+
 void ZrTransceiverConnection::BeginLinger() {
   lingerUntil_ = owner_.Clock().MonotonicNs() + kLingerTime;
 }
@@ -92,6 +99,8 @@ bool ZrTransceiverConnection::HasExpired() {
   const std::int64_t now = owner_.Clock().MonotonicNs();
   const std::int64_t head = headSince_;
   if (head != 0 && now - head >= kHeadTimeLimit) return true;
+  const std::int64_t body = bodySince_;
+  if (body != 0 && now - body >= bodyTime_) return true;
   const std::int64_t linger = lingerUntil_;
   if (linger != 0 && now >= linger) return true;
   if (AwaitsAnswer() && now < ExpiryNs() + kAnswerExtraTime) return false;
@@ -103,6 +112,7 @@ bool ZrTransceiverConnection::AwaitsAnswer() { return turn_.InItem() && !SendPen
 std::int64_t ZrTransceiverConnection::NextExpiryNs() {
   std::int64_t due = ExpiryNs() + (AwaitsAnswer() ? kAnswerExtraTime : 0);
   if (const std::int64_t head = headSince_; head != 0) due = std::min(due, head + kHeadTimeLimit);
+  if (const std::int64_t body = bodySince_; body != 0) due = std::min(due, body + bodyTime_);
   if (const std::int64_t linger = lingerUntil_; linger != 0) due = std::min(due, linger);
   return due;
 }

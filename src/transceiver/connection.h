@@ -42,6 +42,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   static constexpr std::int64_t kAnswerTimeLimit = 900'000'000'000;
   /// A message head, and a TLS handshake, must be complete within that time (nanoseconds).
   static constexpr std::int64_t kHeadTimeLimit = 60'000'000'000;
+  /// A message's body has that time (nanoseconds); later it must have come at kBodyRate on average.
+  static constexpr std::int64_t kBodyTimeLimit = 60'000'000'000;
+  static constexpr std::int64_t kBodyRate = 1024;  ///< bytes a second
   /// A closed connection whose peer does not end its side goes after that time (nanoseconds).
   static constexpr std::int64_t kLingerTime = 2'000'000'000;
   /// Bytes that one receive takes at most (plain connections).
@@ -144,6 +147,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// A message's head has begun and is not complete / is complete.
   void BeginHead();
   void EndHead();
+  /// So many bytes of a message's body have come / it is complete.
+  void NoteBody(std::uint64_t arrived);
+  void EndBody() { bodySince_.store(0, std::memory_order_relaxed); }
 
   // For the transceiver.
 
@@ -173,7 +179,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// Deliver the event for received bytes. The caller holds no lock.
   void Announce();
   /// Forgets everything queued.
-  void DropQueue() ZR_EXCLUDES(sendLock_);
+  void DropQueue() { output_.Clear(); }
   /// What the I/O loops keep of it; nothing while it is not registered with them.
   ZrIoRegistration* Registration() const ZR_REQUIRES(lock_) { return registration_.get(); }
   /// Sets that; returns what it was.
@@ -188,7 +194,6 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::string_view FrontView() ZR_REQUIRES(lock_);
 
  private:
-  void DropQueue() { output_.Clear(); }
   bool AwaitsAnswer();
 
   // Constant after construction.
@@ -209,5 +214,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
   std::atomic<std::int64_t> headSince_{0};    // monotonic time at which the head began; 0: none
+  std::atomic<std::int64_t> bodySince_{0};    // monotonic time at which the body began; 0: none
+  std::atomic<std::int64_t> bodyTime_{0};     // nanoseconds that it may take, by what has come
   std::atomic<std::int64_t> lingerUntil_{0};  // monotonic time; 0: not closed for sending yet
 };

@@ -44,6 +44,10 @@ TEST(StringBuf, EveryMixOfOperationsKeepsTheBytes) {
         ZrStringBuf other = std::move(buffer);
         EXPECT_TRUE(buffer.Empty());
         buffer = std::move(other);
+        if (random() % 4 == 0) {  // the same bytes, where somebody else keeps them
+          const auto owner = std::make_shared<const std::string>(model);
+          buffer = ZrStringBuf(*owner, owner);
+        }
         break;
       }
       default:

@@ -160,6 +160,73 @@ TEST(Http, ReadsNothingBehindARequestWithoutALength) {
   }
 }
 
+// Large bodies are handed out like others and lie in no buffer of ours; unwanted ones lie nowhere.
+TEST(Http, KeepsLargeBodiesOffTheHeap) {
+  ServerBed bed;
+  std::atomic<std::size_t> heap = 0;
+  bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) {
+    heap = m->body->HeapBytes();
+    EXPECT_EQ(m->BodyState(), ZrReadResult::kComplete);
+    self.Answer(*m, std::to_string(std::hash<std::string_view>()(m->body->Unread())));
+    return 1;
+  };
+  const int port = bed.Open(zr::kProtocolHttp);
+  std::string body(3 << 20, 'x');
+  for (std::size_t i = 0; i < body.size(); i += 101) body[i] = static_cast<char>(i);
+  struct Case {
+    const char* path;
+    std::size_t size;
+    bool kept;
+    bool onHeap;
+  };
+  const Case cases[] = {{"/a", 1 << 20, true, true},
+                        {"/a", (1 << 20) + 1, true, false},
+                        {"/a", 3 << 20, true, false},
+                        {"/unwanted", 3 << 20, false, false}};
+  RawClient client(port);  // one for all: each body ends where it should
+  for (const Case& c : cases) {
+    const std::string_view sent = std::string_view(body).substr(0, c.size);
+    client.Send("POST " + std::string(c.path) +
+                " HTTP/1.1\r\nContent-Length: " + std::to_string(c.size) + "\r\n\r\n");
+    client.Send(sent);
+    const std::string hash =
+        std::to_string(std::hash<std::string_view>()(c.kept ? sent : std::string_view()));
+    EXPECT_EQ(client.ReadUntil(hash), Answer(hash)) << c.size;
+    EXPECT_EQ(heap > c.size / 2, c.onHeap) << c.size;
+  }
+  // What is still to come counts as it arrives.
+  client.Send("POST /a HTTP/1.1\r\nContent-Length: 900000\r\n\r\n" + body.substr(0, 600'000));
+  EXPECT_TRUE(WaitFor([&] { return bed.transceiver.Memory()->Used() >= 600'000; }));
+  client.Reset();
+  EXPECT_TRUE(WaitFor([&] { return bed.transceiver.Memory()->Used() == 0; }));
+}
+
+TEST(Http, ABodyMustKeepComing) {
+  zrtest::ManualClock clock;
+  ServerBed bed(clock);
+  ServerBed::Message held;
+  bed.onMessage = [&held](ServerBed& self, const ServerBed::Message& m) {
+    held = m;
+    self.Answer(*m, "ok");
+    return 1;
+  };
+  RawClient client(bed.Open(zr::kProtocolHttp));
+  client.Send(kGetA);
+  ASSERT_EQ(client.ReadUntil("ok"), Answer("ok"));
+  const auto connection = bed.transceiver.FindConnection(held->route[0]);
+  const auto due = [&] { return connection->NextExpiryNs() - clock.MonotonicNs(); };
+  client.Send("POST /a HTTP/1.1\r\nContent-Length: 999999\r\n\r\nx");
+  ASSERT_TRUE(WaitFor([&] { return due() == 60'000'000'000; }));
+  client.Send(std::string(100 * 1024, 'x'));
+  ASSERT_TRUE(WaitFor([&] { return due() == 100'000'000'000; }));
+  clock.Advance(99s);
+  client.Send("x");
+  ASSERT_TRUE(WaitFor([&] { return due() == 1'000'000'000; }));
+  EXPECT_FALSE(connection->HasExpired());
+  clock.Advance(1s);
+  EXPECT_TRUE(connection->HasExpired());
+}
+
 // Plain and with TLS.
 class Transport : public testing::TestWithParam<std::uint32_t> {
  protected:

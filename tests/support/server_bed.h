@@ -30,7 +30,10 @@ class BedHandler : public ZrJob, public ZrMessageHandler {
   bool AttachTransceiver(ZrTransceiver&) override { return true; }
   void DetachTransceiver(ZrTransceiver&) override {}
   int HandleMessage(const std::string&, Message message) override { return handle_(message); }
-  bool OnHeadComplete(ZrXHeader&) override { return true; }
+  bool OnHeadComplete(ZrXHeader& head) override {
+    head.bodyUnwanted = head.path == "/unwanted";
+    return true;
+  }
 
  private:
   const std::function<int(const Message&)> handle_;

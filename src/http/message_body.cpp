@@ -1,0 +1,30 @@
+// Where the body of a received message lies while it comes, and how much of it is there.
+
+#include "http/message_head.h"
+
+ZrReadResult ZrXHeader::BodyState() const {
+  const std::uint64_t size = BodyBytes();
+  if (size == declaredLength) return ZrReadResult::kComplete;
+  return size < declaredLength ? ZrReadResult::kIncomplete : ZrReadResult::kRejected;
+}
+
+bool ZrXHeader::KeepBody(std::uint64_t expected) {
+  if (!reading.store) {
+    if (!bodyUnwanted && expected <= ZrBodyStore::kHeapLimit) return true;
+    reading.store = bodyUnwanted ? ZrBodyStore::Nowhere() : ZrBodyStore::InAFile();
+    if (!reading.store) return false;
+  }
+  if (!reading.store->Take(*body)) return false;
+  reading.elsewhere = reading.store->Size();
+  return true;
+}
+
+bool ZrXHeader::FinishBody() {
+  if (!reading.store) return true;
+  if (!KeepBody(0)) return false;
+  body = reading.store->Finish();
+  reading.store = nullptr;
+  // Unwanted bytes were there, and are in no buffer.
+  if (!bodyUnwanted) reading.elsewhere = 0;
+  return body != nullptr;
+}
