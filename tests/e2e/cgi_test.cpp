@@ -179,7 +179,7 @@ TEST(Cgi, EndOfTheServerEndsItsPrograms) {
   const TemporaryFolder folder;
   const std::string mark =
       "9" + std::to_string(std::filesystem::hash_value(folder.Path()) % 100000);
-  WriteProgram(folder, "stubborn", "trap '' TERM; sleep " + mark + " & wait; sleep " + mark);
+  WriteProgram(folder, "stubborn", "trap '' TERM; setsid sleep " + mark + " & wait; sleep " + mark);
   Served served(folder, {"http"}, {"--grace", "0"});
   // More than happen at once, so that some wait for their turn.
   std::vector<RawClient> clients;
