@@ -26,7 +26,7 @@ ZrCgi::ZrCgi(ZrRinvalScheduler2& scheduler, ZrPipeExecLimits limits, std::size_t
 bool ZrCgi::RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                       const std::string& path, ZrScriptKind kind) {
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
-  if (!ZrFile::OpenBeneath(directory, path)) return false;
+  if (!ZrFile::ExistsBeneath(directory, path)) return false;
   // Programs change their working directory: the path must hold from everywhere.
   const std::string script = zr::AbsolutePath(zr::SystemDirectory(directory) + path);
   ZrCgiVariables variables = {{"REDIRECT_STATUS", "CGI"}, {"SCRIPT_FILENAME", script}};

@@ -17,6 +17,8 @@ constexpr std::size_t kChunk = 65536;
 constexpr std::chrono::milliseconds kEndPollInterval{10};
 // A killed process ends at once unless the system itself holds it; then it is left to the system.
 constexpr std::chrono::milliseconds kKillLimit{1000};
+// So long others than the child may take to end when they are killed.
+constexpr std::chrono::milliseconds kPipePatience{20};
 
 /// Creates one pipe and makes the end that stays here never block. An end that would block could
 /// hold the run up, so it is given up like one that was not created.
@@ -46,7 +48,7 @@ ZrWinPipeExec::ZrWinPipeExec(std::string program, ZrPipeExecSettings settings)
 }
 
 ZrWinPipeExec::~ZrWinPipeExec() {
-  if (process_.IsHeld()) EndGroup();
+  if (process_.IsHeld()) EndFamily();
 }
 
 ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& input,
@@ -59,7 +61,7 @@ ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& i
   if (end == ZrPipeExecEnd::kEnded) {
     process_.Collect();
   } else {
-    EndGroup();
+    EndFamily();
   }
   return end;
 }
@@ -150,15 +152,18 @@ bool ZrWinPipeExec::Collect(ZrStringBuf& output, std::size_t& room, std::size_t 
   return true;
 }
 
-// Asks the group to end, then ends it, grandchildren included. They are signalled while the child
-// is not yet collected: until then the group's number cannot become another's.
-void ZrWinPipeExec::EndGroup() {
-  process_.TerminateGroup();
+// Asks the child with all that stem from it to end, then ends them. They are signalled while the
+// child is not yet collected: until then the group's number cannot become another's. A pipe that is
+// still held afterwards leads to those that left the family.
+void ZrWinPipeExec::EndFamily() {
+  process_.Terminate();
   process_.WaitForEnd(steady_clock::now() + settings_.limits.terminationGrace);
-  process_.KillGroup();
+  process_.Kill();
   if (process_.WaitForEnd(steady_clock::now() + kKillLimit)) {
     process_.Collect();
   } else {
     process_.Abandon();
   }
+  stdinWrite_.Close();
+  if (zr::HasWriter(stdoutRead_.Get(), kPipePatience)) zr::KillHoldersOf(stdoutRead_.Get());
 }

@@ -17,14 +17,14 @@
 
 namespace zr {
 
-/// The longest run; then the child's group is ended and what was read is the output.
+/// The longest run; then the child's family is ended and what was read is the output.
 inline constexpr std::chrono::milliseconds kCgiRunLimit = std::chrono::seconds(300);
 /// The most bytes of output; a child that writes more is ended, and so many bytes are the output.
 inline constexpr std::size_t kCgiOutputLimit = std::size_t{256} << 20;
 /// How long the output of a grandchild is still read after the child's end. What the child itself
 /// wrote is read in any case.
 inline constexpr std::chrono::milliseconds kCgiDrainLimit{1000};
-/// The time between asking a child's group to end and ending it.
+/// The time between asking a child's family to end and ending it.
 inline constexpr std::chrono::milliseconds kCgiTerminationGrace{500};
 
 }  // namespace zr
@@ -45,7 +45,7 @@ struct ZrPipeExecSettings {
   ZrPipeExecLimits limits = {};
   /// The variables every child inherits; none: those this process has when the run starts.
   const ZrEnvironment* environment = nullptr;
-  /// Once raised, the child's group is ended and the run returns within about the grace time.
+  /// Once raised, the child's family is ended and the run returns within about the grace time.
   const ZrWakeFlag* stop = nullptr;
   /// The same for a run that nobody waits for any more.
   const ZrWakeFlag* gone = nullptr;
@@ -55,9 +55,9 @@ struct ZrPipeExecSettings {
 enum class ZrPipeExecEnd {
   kEnded,        ///< The child ended by itself; its exit code is not looked at.
   kNotStarted,   ///< No such program, not executable, ...: nothing ran, the output is unchanged.
-  kRunLimit,     ///< It took too long and was ended with its group.
-  kOutputLimit,  ///< It wrote too much and was ended with its group.
-  kStopped,      ///< One of the flags was raised and it was ended with its group.
+  kRunLimit,     ///< It took too long and was ended with its family.
+  kOutputLimit,  ///< It wrote too much and was ended with its family.
+  kStopped,      ///< One of the flags was raised and it was ended with its family.
 };
 
 /// Owns the two pipes and the child of one run.
@@ -82,7 +82,7 @@ class ZrWinPipeExec {
   ZrPipeExecEnd Move(ZrStringBuf& input, ZrStringBuf& output);
   void Deliver(ZrStringBuf& input);
   bool Collect(ZrStringBuf& output, std::size_t& room, std::size_t wanted);
-  void EndGroup();
+  void EndFamily();
 
   ZrDescriptor stdinRead_;
   ZrDescriptor stdinWrite_;

@@ -83,13 +83,11 @@ bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
 
 bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
                               const std::shared_ptr<ZrXHeader>& request, const std::string& path) {
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
   if (path.starts_with(client.cgiUrlPrefix)) {
     const std::string program = client.cgiDirectory + path.substr(client.cgiUrlPrefix.size());
-    return scripts_ && files_.Find(directory, program).file &&
-           scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
+    return scripts_ && scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
   }
-  ZrServedFiles::Found found = files_.Find(directory, path);
+  ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), path);
   if (!found.file) {
     return false;
   }

@@ -25,6 +25,9 @@ class ZrFile {
   /// ".." piece anywhere, and anything that is neither a regular file nor a directory.
   static std::shared_ptr<const ZrFile> OpenBeneath(std::string_view directory,
                                                    std::string_view path);
+  /// Whether OpenBeneath() would find the file, asked without a right to read it: a program may be
+  /// there to be run only.
+  static bool ExistsBeneath(std::string_view directory, std::string_view path);
   /// Opens a file by its path in the system's form, wherever it lies. Nothing when it is not there.
   static std::shared_ptr<const ZrFile> Open(const std::string& path);
 
@@ -87,6 +90,8 @@ class ZrDirectory {
   ZrFileAtHand OpenFileAtHand(std::string_view path) const;
 
  private:
+  friend class ZrFile;
+  ZrDescriptor OpenPath(std::string_view path, int flags) const;
   ZrDirectory(ZrDescriptor descriptor, std::string path, std::uint64_t device,
               std::uint64_t inode) noexcept
       : descriptor_(std::move(descriptor)),

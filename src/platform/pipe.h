@@ -58,6 +58,9 @@ struct PipeTransfer {
 [[nodiscard]] PipeTransfer ReadPipe(int descriptor, std::span<char> into);
 /// The bytes that can be read at once; 0 also for no pipe.
 [[nodiscard]] std::size_t PendingBytes(int descriptor);
+/// Whether any process holds the end of the pipe that is written to, and still does after that
+/// time. No for no pipe.
+[[nodiscard]] bool HasWriter(int readEnd, std::chrono::milliseconds patience);
 /// Writes as much of `bytes` as the pipe takes; an interruption is retried. A reader that has gone
 /// gives kClosed and raises no signal in this process, whatever its dispositions are.
 [[nodiscard]] PipeTransfer WritePipe(int descriptor, std::string_view bytes);

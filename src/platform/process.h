@@ -5,6 +5,7 @@
 // its standard input, output and error, whatever the host has opened.
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +13,8 @@
 #include <vector>
 
 #include "platform/descriptor.h"
+
+class ZrProcessFamily;
 
 /// The variables a child is given, as "NAME=value" texts in no particular order, each name once.
 class ZrEnvironment {
@@ -45,11 +48,13 @@ struct ZrProcessStart {
   int standardError = -1;
 };
 
-/// One child: killed with its group and waited for when the object goes before the child ended.
+/// One child: killed with its family and waited for when the object goes before the child ended.
+/// The family are the processes of the child's group and all that stem from it while one of them
+/// lives, in whatever group or session they are by now.
 /// Threads: one at a time.
 class ZrProcess {
  public:
-  ZrProcess() = default;
+  ZrProcess();
   ZrProcess(ZrProcess&& other) noexcept;
   ZrProcess& operator=(ZrProcess&& other) noexcept;
   ~ZrProcess();
@@ -67,9 +72,11 @@ class ZrProcess {
   bool HasEnded() const noexcept;
   /// Waits for the child's end until the deadline (none: no limit); whether it has ended.
   bool WaitForEnd(std::optional<std::chrono::steady_clock::time_point> deadline) const;
-  /// Signals every process of the child's group: asks it to end, or ends it.
-  void TerminateGroup() noexcept;
-  void KillGroup() noexcept;
+  /// Asks the child and its family to end.
+  void Terminate() noexcept;
+  /// Ends them. Whoever left the family before (in a group of its own, and no parent in the family
+  /// lives) is no longer found.
+  void Kill() noexcept;
   /// Collects an ended child, waiting for the end if need be, and empties the object. The exit
   /// code, 128 plus the signal for one that a signal ended; nothing when the host collected it
   /// before us.
@@ -80,12 +87,18 @@ class ZrProcess {
 
  private:
   void SignalGroup(int number) const noexcept;
+  void SignalFamily(int number);
 
   int pid_ = -1;
   ZrDescriptor end_;
+  std::unique_ptr<ZrProcessFamily> family_;  // as far as it was gathered
 };
 
 namespace zr {
+
+/// Ends every other process of this user whose standard input, output or error is that pipe: the
+/// last trace of one that left its family. Costs a look at every process of the machine.
+void KillHoldersOf(int pipe);
 
 /// The file that a program name means: a name with "/" unchanged, otherwise the first executable
 /// regular file of that name in the directories of `path` (an empty entry is the current

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "tests/e2e/served.h"
@@ -65,6 +66,77 @@ TEST(Cgi, OutputOfProgramsIsTheAnswer) {
     EXPECT_TRUE(answer.starts_with("HTTP/1.1 404 Not Found\r\n")) << missing << answer;
   }
   EXPECT_EQ(served.Stop(), 0);
+}
+
+/// What stands in front of the answer to the second of two requests, head and body, when both are
+/// what the first one's head announces; else what is wrong.
+std::string FirstAnswer(const std::string& answers, const std::string& second) {
+  const std::size_t end = answers.find("\r\n\r\n");
+  if (end == std::string::npos) return "no head: " + answers;
+  // As a strict reader has it: lines end with CR LF, one length, no coding of its own.
+  std::size_t length = std::string::npos;
+  for (std::size_t at = 0; at < end + 2;) {
+    const std::size_t next = answers.find("\r\n", at);
+    std::string line = answers.substr(at, next - at);
+    at = next + 2;
+    if (line.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos)
+      return "line: " + line;
+    std::transform(line.begin(), line.end(), line.begin(), [](char c) {
+      return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    if (line.starts_with("transfer-encoding")) return line;
+    if (!line.starts_with("content-length:")) continue;
+    const std::size_t announced = std::stoul(line.substr(15));
+    if (length != std::string::npos && length != announced) return "another " + line;
+    length = announced;
+  }
+  if (length == std::string::npos) return "no length: " + answers;
+  const std::string rest = answers.substr(std::min(answers.size(), end + 4 + length));
+  return rest == second ? answers.substr(end + 4, length) : "behind it: " + rest;
+}
+
+TEST(Cgi, WhateverAProgramWritesTheAnswerHasTheLengthItAnnounces) {
+  const TemporaryFolder folder;
+  struct Case {
+    const char* output;  // for printf
+    std::string page;
+  };
+  const std::string lineFeeds = "Content-Type: text/x\nA: b\n\npage\r\n\r\nrest";
+  const Case cases[] = {
+      {R"(Content-Type: text/x\nA: b\n\npage\r\n\r\nrest)", lineFeeds},
+      {R"(A: b\n\npage)", "A: b\n\npage"},
+      {R"(A: b\r\nC: d\n\r\n\r\npage)", "A: b\r\nC: d\n\r\n\r\npage"},
+      {R"(A: b\n\r\n\r\npage)", "A: b\n\r\n\r\npage"},
+      {"page", "page"},
+      {R"(page\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n)",
+       "page\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"},
+      {R"(A: b\r\n\r\n)", ""},
+      {R"(A: b\r\n)", "A: b\r\n"},
+      {R"(\r\n\r\npage)", "\r\npage"},
+      {R"(A: b\000c\r\n\r\npage)", std::string("A: b\0c\r\n\r\npage", 14)},
+      {R"(A: b\r\n\r\n\000\001\r\n\r\n\000)", std::string("\0\1\r\n\r\n\0", 7)},
+      {R"(Content-Length: 2\r\n\r\npage)", "page"},
+      {R"(Content-Length: 4000\r\n\r\npage)", "page"},
+      {R"(Content-Length: 4\r\nA: b\r\n\r\npage)", "page"},
+      {R"(content-length : 1\r\n\r\npage)", "content-length : 1\r\n\r\npage"},
+      {R"(Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n)", "0\r\n\r\n"},
+      {R"(A: b\r\n folded\r\n\r\npage)", "A: b\r\n folded\r\n\r\npage"},
+      {R"(HTTP/1.1 204 No Content\r\n\r\n)", "HTTP/1.1 204 No Content\r\n\r\n"},
+      {R"(\nContent-Length: 1\r\n\r\npage)", "\nContent-Length: 1\r\n\r\npage"},
+  };
+  folder.Write("page", "second");
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    WriteProgram(folder, std::to_string(i), std::string("printf '") + cases[i].output + "'");
+  }
+  Served served(folder, {"http"});
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].output);
+    RawClient client(served.Port("http"));
+    client.Send("GET /cgi-bin/" + std::to_string(i) +
+                " HTTP/1.1\r\n\r\nGET /page HTTP/1.1\r\nConnection: close\r\n\r\n");
+    const std::string first = FirstAnswer(client.ReadToEnd(), Answer("second"));
+    EXPECT_EQ(first, cases[i].page);
+  }
 }
 
 /// A folder with a copy of one of the examples.
@@ -179,7 +251,7 @@ TEST(Cgi, EndOfTheServerEndsItsPrograms) {
   const TemporaryFolder folder;
   const std::string mark =
       "9" + std::to_string(std::filesystem::hash_value(folder.Path()) % 100000);
-  WriteProgram(folder, "stubborn", "trap '' TERM; sleep " + mark + " & wait; sleep " + mark);
+  WriteProgram(folder, "stubborn", "trap '' TERM; setsid sleep " + mark + " & wait; sleep " + mark);
   Served served(folder, {"http"}, {"--grace", "0"});
   // More than happen at once, so that some wait for their turn.
   std::vector<RawClient> clients;

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
+#include <thread>
 
 #include "tests/support/temporary_folder.h"
 #include "tests/support/wait.h"
@@ -126,6 +128,35 @@ TEST_F(PipeExecTest, LimitsEndTheWholeGroup) {
   EXPECT_EQ(end_, ZrPipeExecEnd::kOutputLimit);
   EXPECT_EQ(output.size(), 100000U);
   EXPECT_TRUE(zrtest::WaitFor([this] { return IsGone("child"); }));
+}
+
+TEST_F(PipeExecTest, EndReachesThoseThatLeftTheGroup) {
+  settings_.limits.terminationGrace = milliseconds(50);
+  const std::string id = folder_.Path("id");
+  const std::string note = "echo $$ >" + id + ".new; mv " + id + ".new " + id + "; ";
+  const std::string stay =
+      "sh " + folder_.Write("stay", note + "trap '' TERM; while :; do sleep 1000; done\n");
+  const std::pair<const char*, std::string> cases[] = {
+      {"session of its own", "setsid " + stay + "; sleep 1000"},
+      {"without the pipes", "setsid " + stay + " <&- >&- 2>&-; sleep 1000"},
+      {"another group", "exec perl -e 'setpgrp 0, getpgrp getppid; exec @ARGV' " + stay},
+      {"group of a job", "set -m; " + stay + " & wait"},
+      {"orphan that holds a pipe", "(setsid " + stay + " &); sleep 1000"},
+  };
+  for (const auto& [name, commands] : cases) {
+    SCOPED_TRACE(name);
+    std::filesystem::remove(id);
+    ZrWakeFlag gone;
+    settings_.gone = &gone;
+    std::thread peer([&] {
+      EXPECT_TRUE(zrtest::WaitFor([&] { return std::filesystem::exists(id); }));
+      gone.Raise();
+    });
+    Run(Shell(commands));
+    peer.join();
+    EXPECT_EQ(end_, ZrPipeExecEnd::kStopped);
+    EXPECT_TRUE(zrtest::WaitFor([this] { return IsGone("id"); }));
+  }
 }
 
 TEST_F(PipeExecTest, OutputUpToTheLimitIsNoReasonToEndAnything) {

@@ -3,6 +3,7 @@
 #include "platform/file.h"
 
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "platform/filesystem.h"
 #include "tests/support/temporary_folder.h"
@@ -79,6 +81,7 @@ TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const auto file = ZrFile::OpenBeneath(folder_.Path("site"), c.path);
+    EXPECT_EQ(ZrFile::ExistsBeneath(folder_.Path("site"), c.path), c.content != nullptr);
     ASSERT_EQ(file != nullptr, c.content != nullptr);
     // Without waiting there is the same answer or none.
     const ZrFileAtHand now = ZrDirectory::Open(folder_.Path("site"))->OpenFileAtHand(c.path);
@@ -92,6 +95,18 @@ TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
   EXPECT_NE(ZrFile::OpenBeneath(folder_.Path("site") + "\\sub\\", "a..b"), nullptr);
   EXPECT_EQ(ZrFile::OpenBeneath("", "page.txt"), nullptr);
   EXPECT_EQ(ZrFile::OpenBeneath(folder_.Path("site/page.txt"), "/"), nullptr);
+}
+
+TEST_F(BeneathTest, WhatMayOnlyBeRunIsThere) {
+  folder_.Write("site/program", "program");
+  ASSERT_EQ(::chmod(folder_.Path("site/program").c_str(), 0111), 0);
+  ASSERT_EQ(::chmod(folder_.Path().c_str(), 0755), 0);
+  std::thread([this] {
+    constexpr uid_t kNobody = 65534;
+    ::setfsuid(kNobody);  // of this thread; whoever is not root lacks the right as the owner, too
+    EXPECT_EQ(ZrFile::OpenBeneath(folder_.Path("site"), "program"), nullptr);
+    EXPECT_TRUE(ZrFile::ExistsBeneath(folder_.Path("site"), "program"));
+  }).join();
 }
 
 TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {

@@ -21,6 +21,8 @@ namespace {
 
 // Without O_NONBLOCK a FIFO would hold the thread until somebody writes to it.
 constexpr int kReadFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+// The place alone, without a right to the bytes.
+constexpr int kPlaceFlags = O_PATH | O_CLOEXEC;
 
 template <class Call>
 int Retried(Call call) {
@@ -31,9 +33,9 @@ int Retried(Call call) {
   return result;
 }
 
-int OpenInside(int directory, const char* path, std::uint64_t resolve = 0) {
+int OpenInside(int directory, const char* path, int flags, std::uint64_t resolve = 0) {
   open_how how{};
-  how.flags = kReadFlags;
+  how.flags = static_cast<std::uint64_t>(flags);
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS | resolve;
   return Retried(
       [&] { return static_cast<int>(::syscall(SYS_openat2, directory, path, &how, sizeof how)); });
@@ -55,12 +57,13 @@ bool IsInside(const std::string& place, std::string directory) {
   return place.starts_with(directory);
 }
 
-int OpenAndCheckPlace(int directory, const char* path) {
-  const ZrDescriptor place(Retried([&] { return ::openat(directory, path, O_PATH | O_CLOEXEC); }));
-  if (!place.IsOpen() || !IsInside(PlaceOf(place.Get()), PlaceOf(directory))) return -1;
+ZrDescriptor OpenAndCheckPlace(int directory, const char* path, int flags) {
+  ZrDescriptor place(Retried([&] { return ::openat(directory, path, kPlaceFlags); }));
+  if (!place.IsOpen() || !IsInside(PlaceOf(place.Get()), PlaceOf(directory))) return {};
+  if (flags == kPlaceFlags) return place;
   // The very file that was checked, not its name, is opened for reading.
   const std::string same = "/proc/self/fd/" + std::to_string(place.Get());
-  return Retried([&] { return ::open(same.c_str(), kReadFlags); });
+  return ZrDescriptor(Retried([&] { return ::open(same.c_str(), flags); }));
 }
 
 bool HasParentPiece(std::string_view path) {
@@ -97,6 +100,11 @@ std::shared_ptr<const ZrFile> ZrFile::OpenBeneath(std::string_view directory,
                                                   std::string_view path) {
   const std::shared_ptr<const ZrDirectory> start = ZrDirectory::Open(directory);
   return start == nullptr ? nullptr : start->OpenFile(path);
+}
+
+bool ZrFile::ExistsBeneath(std::string_view directory, std::string_view path) {
+  const std::shared_ptr<const ZrDirectory> start = ZrDirectory::Open(directory);
+  return start != nullptr && FromDescriptor(start->OpenPath(path, kPlaceFlags)) != nullptr;
 }
 
 std::shared_ptr<const ZrFile> ZrFile::Open(const std::string& path) {
@@ -147,21 +155,25 @@ bool ZrDirectory::IsCurrent() const noexcept {
 }
 
 std::shared_ptr<const ZrFile> ZrDirectory::OpenFile(std::string_view path) const {
+  return ZrFile::FromDescriptor(OpenPath(path, kReadFlags));
+}
+
+ZrDescriptor ZrDirectory::OpenPath(std::string_view path, int flags) const {
   const auto inside = Inside(path);
-  if (!inside) return nullptr;
-  ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str()));
+  if (!inside) return {};
+  ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str(), flags));
   // EXDEV: a link led out, or only seemed to; ENOSYS and EPERM: the call is missing or filtered.
   if (!file.IsOpen() && (errno == EXDEV || errno == ENOSYS || errno == EPERM || errno == EAGAIN)) {
-    file = ZrDescriptor(OpenAndCheckPlace(descriptor_.Get(), inside->c_str()));
+    file = OpenAndCheckPlace(descriptor_.Get(), inside->c_str(), flags);
   }
-  return ZrFile::FromDescriptor(std::move(file));
+  return file;
 }
 
 ZrFileAtHand ZrDirectory::OpenFileAtHand(std::string_view path) const {
   using Answer = ZrFileAtHand::Answer;
   const auto inside = Inside(path);
   if (!inside) return {Answer::kNotThere};
-  ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str(), RESOLVE_CACHED));
+  ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str(), kReadFlags, RESOLVE_CACHED));
   if (!file.IsOpen()) {
     return {errno == ENOENT || errno == ENOTDIR ? Answer::kNotThere : Answer::kMustWait};
   }

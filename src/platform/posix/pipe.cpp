@@ -93,6 +93,11 @@ std::size_t PendingBytes(int descriptor) {
                                                                  : 0;
 }
 
+bool HasWriter(int readEnd, std::chrono::milliseconds patience) {
+  pollfd end{readEnd, 0, 0};
+  return readEnd >= 0 && ::poll(&end, 1, static_cast<int>(patience.count())) == 0;
+}
+
 PipeTransfer WritePipe(int descriptor, std::string_view bytes) {
   // Without a reader the write raises SIGPIPE, and the host's disposition is not ours to change.
   ZrSigPipeGuard guard;

@@ -11,9 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "platform/pipe.h"
+#include "platform/posix/process_family.h"
 
 namespace {
 
@@ -21,6 +23,8 @@ using Deadline = std::optional<std::chrono::steady_clock::time_point>;
 
 // How often a child is asked for its end where the system cannot report it.
 constexpr std::chrono::milliseconds kEndPollInterval{10};
+// A family that still grows after so many looks while it is frozen is not looked for any longer.
+constexpr int kMostGatherings = 64;
 
 std::error_code Error(int code) { return {code, std::generic_category()}; }
 
@@ -135,21 +139,26 @@ std::optional<std::string_view> ZrEnvironment::Get(std::string_view name) const 
   return std::nullopt;
 }
 
+ZrProcess::ZrProcess() = default;
+
 ZrProcess::ZrProcess(ZrProcess&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)), end_(std::move(other.end_)) {}
+    : pid_(std::exchange(other.pid_, -1)),
+      end_(std::move(other.end_)),
+      family_(std::move(other.family_)) {}
 
 ZrProcess& ZrProcess::operator=(ZrProcess&& other) noexcept {
   if (this != &other) {
     ZrProcess old(std::move(*this));
     pid_ = std::exchange(other.pid_, -1);
     end_ = std::move(other.end_);
+    family_ = std::move(other.family_);
   }
   return *this;
 }
 
 ZrProcess::~ZrProcess() {
   if (!IsHeld()) return;
-  KillGroup();
+  Kill();
   Collect();
 }
 
@@ -211,10 +220,40 @@ void ZrProcess::SignalGroup(int number) const noexcept {
   if (!IsHeld()) return;
   if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) return;
   ::kill(-pid_, number);
+  if (::getpgid(pid_) != pid_) ::kill(pid_, number);  // it has joined another group
 }
 
-void ZrProcess::TerminateGroup() noexcept { SignalGroup(SIGTERM); }
-void ZrProcess::KillGroup() noexcept { SignalGroup(SIGKILL); }
+// Gathers before it signals: who is orphaned is not found any more.
+void ZrProcess::SignalFamily(int number) {
+  if (!family_) family_ = std::make_unique<ZrProcessFamily>();
+  family_->Gather(pid_);
+  SignalGroup(number);
+  family_->Signal(number, pid_);
+}
+
+void ZrProcess::Terminate() noexcept {
+  if (!IsHeld()) return;
+  try {
+    SignalFamily(SIGTERM);
+  } catch (const std::bad_alloc&) {
+    SignalGroup(SIGTERM);
+  }
+}
+
+// Frozen processes start no others, so that the last look misses nobody.
+void ZrProcess::Kill() noexcept {
+  if (!IsHeld()) return;
+  try {
+    SignalFamily(SIGSTOP);
+    for (int round = 0; round < kMostGatherings && family_->Gather(pid_); ++round) {
+      family_->Signal(SIGSTOP, pid_);
+    }
+    family_->Signal(SIGKILL, pid_);
+  } catch (const std::bad_alloc&) {
+    // Those of the group end all the same.
+  }
+  SignalGroup(SIGKILL);
+}
 
 std::optional<int> ZrProcess::Collect() noexcept {
   if (!IsHeld()) return std::nullopt;
@@ -232,6 +271,7 @@ std::optional<int> ZrProcess::Collect() noexcept {
 void ZrProcess::Abandon() noexcept {
   pid_ = -1;
   end_.Close();
+  family_.reset();
 }
 
 namespace zr {
