@@ -23,9 +23,15 @@ bool BeginsNoMessage(const ZrXHeader& head) {
 }  // namespace
 
 // A closed connection goes through the queue like its bytes do: its message is dropped behind the
-// last item that may still work on it.
+// last item that may still work on it. One that has no message takes what waits for it along.
 bool ZrTransceiverServerL1HTTP::ReceiveEvent(const ZrJobEvent& event) {
-  if (event.code == kZrEventClosed) wake(event.jobName);
+  if (event.code == kZrEventClosed) {
+    if (!Persistent() || HasExchange(event.jobName)) {
+      wake(event.jobName);
+    } else {
+      dropItems(event.jobName);
+    }
+  }
   return ZrTransceiverServerL0Socket::ReceiveEvent(event);
 }
 
@@ -147,11 +153,26 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
     target = task;
   }
   std::shared_ptr<ZrXHeader> head = NewMessage(*connection, std::move(target));
-  ZrLock hold(requestLock_);
-  Exchange& exchange = exchanges_[connection->JobName()];
-  exchange.head = head;
-  if (!task.empty()) exchange.task = std::move(task);
+  bool first = false;
+  {
+    ZrLock hold(requestLock_);
+    const auto [place, added] = exchanges_.try_emplace(connection->JobName());
+    place->second.head = head;
+    if (!task.empty()) place->second.task = std::move(task);
+    first = added;
+  }
+  // The end of a connection goes through the queue when it finds the message; one that came before
+  // did not.
+  ZrTransceiver* const transceiver = Transceiver();
+  if (first && transceiver && !transceiver->FindConnection(connection->JobName())) {
+    wake(connection->JobName());
+  }
   return head;
+}
+
+bool ZrTransceiverServerL1HTTP::HasExchange(const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  return exchanges_.contains(connectionName);
 }
 
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(
