@@ -26,6 +26,7 @@ class ZrAnswerReader {
 
   static constexpr std::size_t kMaxChunkLine = 4096;  ///< bytes of a chunk's size line
   static constexpr std::size_t kMaxTrailers = 65536;  ///< bytes of the fields behind the last chunk
+  static constexpr int kMaxInterims = 64;             ///< 1xx answers before the final one
 
   /// Consumes from the input what belongs to the answer. The head is a new one for every answer and
   /// the same for all calls of one; its `status` is set and `body` gets the decoded body. The
@@ -33,6 +34,8 @@ class ZrAnswerReader {
   Result Read(ZrXHeader& head, ZrStringBuf& input, Line line,
               const std::function<bool(ZrXHeader&)>& onHeadComplete);
 
+  /// Whether the last Read() ended within a head of which something has come.
+  bool InHead(const ZrXHeader& head) const;
   /// Why an answer is unreadable; a fixed text.
   const char* Problem() const { return problem_; }
   /// Whether the peer keeps the connection open behind this answer. Asked when it is complete.
@@ -63,6 +66,7 @@ class ZrAnswerReader {
   Step step_ = Step::kHead;
   std::uint64_t remaining_ = 0;   // of the body or the chunk
   std::size_t trailerBytes_ = 0;  // read so far
+  int interims_ = 0;
   bool keepsConnection_ = false;
   const char* problem_ = "";
 };
