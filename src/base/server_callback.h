@@ -26,6 +26,6 @@ struct ZrServerCallback_t {
   ZrOptionMap info;
 };
 
-/// The owner's end of the reports. Its answer is not looked at; it may be called on any thread, and
-/// by several servers at once.
+/// The owner's end of the reports. Its answer is not looked at, what it throws is dropped; it may
+/// be called on any thread, and by several servers at once.
 using ZrServerCallback = std::function<bool(ZrServerCallback_t&)>;

@@ -22,7 +22,7 @@ class ZrCommandHandler {
   /// 500 when it comes in, and one that is still 500 afterwards says "not answered": the request
   /// goes on to the stored pages and files. The form fields are in the request's `allFields`. To
   /// let another handler answer further commands under this name, fill the answer's
-  /// HandoverRecord(). An exception counts as "not answered".
+  /// HandoverRecord(). An exception of whatever type counts as "not answered".
   virtual void Request(ZrXHeader& request, ZrXResponseHeader& answer,
                        const std::string& command) = 0;
 

@@ -1,6 +1,5 @@
 #include "handlers/request_handler.h"
 
-#include <exception>
 #include <utility>
 
 #include "base/batch.h"
@@ -34,6 +33,19 @@ struct HostCode {
     }
   }
 };
+
+// What a host's callback throws, of whatever type, is its own affair: an answer that is on its way
+// is neither broken off nor given twice for it.
+ZrServerCallback Guarded(ZrServerCallback reports) {
+  if (!reports) return reports;
+  return [reports = std::move(reports)](ZrServerCallback_t& record) {
+    try {
+      return reports(record);
+    } catch (...) {
+      return false;
+    }
+  };
+}
 
 bool IsHttp(std::uint32_t protocolKind) {
   return protocolKind == zr::kProtocolHttp || protocolKind == zr::kProtocolHttps;
@@ -71,7 +83,7 @@ ZrTransceiverClient::ZrTransceiverClient(ZrServerCallback reports, ZrOptionMap s
                                          std::shared_ptr<ZrContentHandler> content)
     : startDirectory(settings.Get("_baseDirectoryHTTP")),
       phpInterpreter(settings.Get("_phpbinname", "php-cgi.exe")),
-      callback(std::move(reports)),
+      callback(Guarded(std::move(reports))),
       options(std::move(settings)),
       commandUrl(options.Get("_app_context_commandurl")),
       application(asked),
@@ -290,7 +302,7 @@ bool ZrTransceiverClient::RunCommand(const std::shared_ptr<ZrXHeader>& request,
       application->dispatchToHandler(id, *request, *answer,
                                      std::string(zr::FieldText(request->allFields, commandField)));
     }
-  } catch (const std::exception&) {
+  } catch (...) {
     return false;
   }
   if (answer->status == kUnansweredStatus) {

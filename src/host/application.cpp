@@ -65,8 +65,10 @@ ZrQuarnApplication2::~ZrQuarnApplication2() {
   for (auto& [name, handler] : handlers_) {
     // Out of the map before its release: a handler may ask for itself while it goes.
     ZrCommandHandler* const released = std::exchange(handler, nullptr);
-    if (released != nullptr) {
-      released->Release();
+    try {
+      if (released != nullptr) released->Release();
+    } catch (...) {
+      // Its owner's own failure; the others are released all the same.
     }
   }
   handlers_.clear();
@@ -101,16 +103,20 @@ void ZrQuarnApplication2::startServers() {
 }
 
 bool ZrQuarnApplication2::onServerEvent(ZrServerCallback_t& record) {
-  if (logSink_ && record.kind == ZrServerCallback_t::kMessageLogged) {
-    logSink_(record.info.Get("logging"));
-  } else {
-    transceiver_.PrintLogRecord(record);
+  try {
+    if (logSink_ && record.kind == ZrServerCallback_t::kMessageLogged) {
+      logSink_(record.info.Get("logging"));
+    } else {
+      transceiver_.PrintLogRecord(record);
+    }
+  } catch (...) {
+    // The line is lost to its sink alone.
   }
   if (record.kind == ZrServerCallback_t::kListening) {
     OnListening(record);
   }
   if (observer_) {
-    observer_(record);
+    observer_(record);  // what it throws ends in the request handler
   }
   return true;
 }

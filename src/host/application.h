@@ -34,8 +34,10 @@ class ZrPersistentAppStorage;
 class ZrQuarnApplication2 {
  public:
   /// Sees every report of every server, on that server's thread, after the application acted on it.
+  /// Exceptions, of whatever type, are dropped.
   using Observer = std::function<void(const ZrServerCallback_t&)>;
-  /// Takes one access-log line, without line end, on the thread that sent the answer.
+  /// Takes one access-log line, without line end, on the thread that sent the answer. Exceptions
+  /// are dropped, and the line with them.
   using LogSink = std::function<void(std::string_view)>;
 
   /// The storage is not owned and outlives the application; it may be null (no stored pages). From

@@ -26,13 +26,19 @@ bool ZrBrowserLauncher::open(const std::string& url, std::string_view mimeType) 
   }
   ZrRinvalTaskDescription description;
   description.name = "intention";
-  // The task outlives nothing: it holds what it needs, and its result is never fetched.
-  scheduler_.Submit(
+  // The task holds what it needs. What former ones have left is fetched here.
+  const ZrLock hold(lock_);
+  std::erase_if(tasks_, [this](std::uint64_t id) {
+    const bool done = scheduler_.IsDone(id);
+    if (done) scheduler_.FetchResult(id);
+    return done;
+  });
+  tasks_.push_back(scheduler_.Submit(
       [url, start = start_](ZrRinvalJobParametersAndResult* record) {
         Launch(url, start);
         return record;
       },
-      nullptr, description);
+      nullptr, description));
   return true;
 }
 

@@ -1,10 +1,13 @@
 #pragma once
 // Shows a page in the user's browser.
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/sync.h"
 
 class ZrRinvalScheduler2;
 
@@ -29,4 +32,6 @@ class ZrBrowserLauncher {
  private:
   ZrRinvalScheduler2& scheduler_;
   const Start start_;
+  ZrMutex lock_;
+  std::vector<std::uint64_t> tasks_ ZR_GUARDED_BY(lock_);  // IDs not yet fetched
 };

@@ -88,10 +88,17 @@ ZrAnswerReader::Result ZrAnswerReader::TakeHead(
   const auto status = StatusOf(head);
   if (!status) return Unreadable("the answer has no status");
   head.status = *status;
-  if (*status < 200) return Result::kInterim;
+  if (*status < 200) {
+    return ++interims_ > kMaxInterims ? Unreadable("interim answers without end")
+                                      : Result::kInterim;
+  }
   if (!ChooseFraming(head)) return Result::kUnreadable;
   if (!onHeadComplete(head)) return Unreadable("the answer was refused");
   return Result::kIncomplete;
+}
+
+bool ZrAnswerReader::InHead(const ZrXHeader& head) const {
+  return step_ == Step::kHead && (head.LineCount() > 0 || (head.body && !head.body->Empty()));
 }
 
 bool ZrAnswerReader::ChooseFraming(const ZrXHeader& head) {

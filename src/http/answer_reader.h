@@ -25,12 +25,16 @@ class ZrAnswerReader {
   /// What has become of the connection when the reader is called.
   enum class Line { kOpen, kEnded, kBroken };
 
+  static constexpr int kMaxInterims = 64;  ///< 1xx answers before the final one
+
   /// Consumes from the input what belongs to the answer. The head is a new one for every answer and
   /// the same for all calls of one; its `status` is set and `body` gets the decoded body. The
   /// callback is that of ReadHead(), called for the final answer only. Cost is linear in the input.
   Result Read(ZrXHeader& head, ZrStringBuf& input, Line line,
               const std::function<bool(ZrXHeader&)>& onHeadComplete);
 
+  /// Whether the last Read() ended within a head of which something has come.
+  bool InHead(const ZrXHeader& head) const;
   /// Why an answer is unreadable; a fixed text.
   const char* Problem() const { return problem_; }
   /// Whether the peer keeps the connection open behind this answer. Asked when it is complete.
@@ -51,6 +55,7 @@ class ZrAnswerReader {
   Step step_ = Step::kHead;
   std::uint64_t remaining_ = 0;  // of a body of known length
   ZrChunkedDecoder chunks_;
+  int interims_ = 0;
   bool keepsConnection_ = false;
   const char* problem_ = "";
 };

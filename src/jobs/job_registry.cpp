@@ -83,8 +83,7 @@ void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
     entry.front().event.code = kZrEventLastMember;
     Queue(entry, false);
   } catch (const std::exception&) {
-    // Without memory the notice is lost, without a thread it waits for the next event: whoever
-    // leaves has left all the same.
+    // Without memory the notice is lost: whoever leaves has left all the same.
   }
 }
 
@@ -96,6 +95,7 @@ std::string ZrJobRegistry::Create(ZrJob& owner, std::string_view text) {
   std::string name = task->name;
   const ZrLock hold(lock_);
   if (owner.link_ && !owner.link_->job) return {};
+  StartDelivery();
   Task& entered = *task;
   tasks_.emplace(entered.name, std::move(task));
   AddMember(entered, owner);

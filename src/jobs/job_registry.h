@@ -9,10 +9,11 @@
 // before its event.
 //
 // Joined tasks know their owner by name and jobs are reached through links that Retire() empties,
-// so neither can dangle. The delivery thread and the reaper, which ends jobs dropped by delivering
-// threads, start when first needed and are joined when the library is unloaded or the process
-// exits. The registry's memory is never given back: a host may exit while its threads go on using
-// it; events sent from then on are dropped.
+// so neither can dangle. The delivery thread starts with the first joined task, as no event has a
+// receiver before; the reaper, which ends jobs dropped by delivering threads, when it is needed.
+// Both are joined when the library is unloaded or the process exits. The registry's memory is never
+// given back: a host may exit while its threads go on using it; events sent from then on are
+// dropped.
 
 #include <cstddef>
 #include <list>
@@ -39,7 +40,8 @@ class ZrJobRegistry {
   static ZrJobRegistry& Instance();
 
   /// Makes a joined task with the owner as its first member; returns its name ("joinedtask*...").
-  /// The text says what the task is for. An owner that has retired gets an empty name.
+  /// The text says what the task is for. An owner that has retired gets an empty name. Throws
+  /// std::system_error when there is no thread for the delivery of events.
   std::string Create(ZrJob& owner, std::string_view text) ZR_EXCLUDES(lock_);
   /// Makes the job a member, also when it is one already. No when there is no such task or the
   /// job has retired.
@@ -54,8 +56,7 @@ class ZrJobRegistry {
   bool LeaveAll(std::string_view jobName) ZR_EXCLUDES(lock_);
 
   /// Queues an event for the job of that name; without such a job it is dropped silently. Answers
-  /// yes. Throws std::system_error when the delivery thread cannot be started; the event stays
-  /// queued then.
+  /// yes.
   bool Post(std::string_view target, ZrJobEvent event) ZR_EXCLUDES(lock_);
   /// Delivers an event on the calling thread, at once, when no other event for that job is queued
   /// or being delivered, its lock is free, and this thread is not delivering already; otherwise
@@ -109,7 +110,7 @@ class ZrJobRegistry {
   void Unpark(ZrJobLink& link) noexcept ZR_REQUIRES(lock_);
   void Resume(const Link& link) noexcept ZR_EXCLUDES(lock_);
   void Queue(std::list<Entry>& entry, bool urgent) ZR_REQUIRES(lock_);
-  void WakeNow() ZR_REQUIRES(lock_);
+  void WakeNow() noexcept ZR_REQUIRES(lock_);
   void StartDelivery() ZR_REQUIRES(lock_);
   void DeliveryLoop() ZR_EXCLUDES(lock_);
   ZrJob* TakeFront(std::list<Entry>& taken) ZR_REQUIRES(lock_);

@@ -1,5 +1,4 @@
 #include <chrono>
-#include <exception>
 #include <utility>
 
 #include "jobs/job.h"
@@ -73,11 +72,7 @@ void ZrJobRegistry::Unpark(ZrJobLink& link) noexcept {
   if (!link.parked) return;
   link.parked = false;
   queue_.splice(queue_.begin(), link.backlog);
-  try {
-    WakeNow();
-  } catch (const std::exception&) {
-    // No thread for the delivery: the next Post() tries again and reports it.
-  }
+  WakeNow();
 }
 
 void ZrJobRegistry::Resume(const Link& link) noexcept {
@@ -85,12 +80,10 @@ void ZrJobRegistry::Resume(const Link& link) noexcept {
   Unpark(*link);
 }
 
-void ZrJobRegistry::WakeNow() {
-  if (!drain_) {
-    drain_ = true;
-    wake_.NotifyOne();
-  }
-  StartDelivery();
+void ZrJobRegistry::WakeNow() noexcept {
+  if (drain_) return;
+  drain_ = true;
+  wake_.NotifyOne();
 }
 
 void ZrJobRegistry::Queue(std::list<Entry>& entry, bool urgent) {
@@ -109,7 +102,6 @@ void ZrJobRegistry::Queue(std::list<Entry>& entry, bool urgent) {
     WakeNow();
   } else if (first) {
     wake_.NotifyOne();
-    StartDelivery();
   }
 }
 

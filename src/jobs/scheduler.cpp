@@ -64,6 +64,14 @@ std::uint64_t ZrRinvalScheduler2::Submit(TaskFunction function, std::unique_ptr<
     EndUnrun(entered);
     return id;
   }
+  try {
+    if (description.kind == Record::kRepeat) StartTimer();
+  } catch (const std::exception& e) {
+    ReportFailure(description, e.what());
+    entered.description.kind = 0;
+    EndUnrun(entered);
+    return id;
+  }
   ready_.push_back(&entered);
   Dispatch();
   return id;
@@ -80,9 +88,13 @@ void ZrRinvalScheduler2::Dispatch() {
     try {
       pool_.Run([this, &task] { Run(task); });
     } catch (const std::exception& e) {
+      if (task.lastRun.jobId != 0) {
+        RequeueLater(task);
+        continue;
+      }
       // Written under the lock, as an exception: this line comes once in a machine's bad day.
       ReportFailure(task.description, e.what());
-      task.description.kind = 0;  // what a former run returned stays to be fetched
+      task.description.kind = 0;
       EndUnrun(task);
       continue;
     }
@@ -129,7 +141,8 @@ void ZrRinvalScheduler2::Collect(Task& task, Record* result, std::unique_ptr<Rec
   task.stage = Task::Stage::kIdle;
   task.done = true;
   task.finished = result != nullptr;
-  replaced = std::move(task.result);
+  // One that a run has returned before and nobody has fetched is kept.
+  if (!result || result != task.result.get()) replaced = std::move(task.result);
   if (!result) {
     task.description.kind = 0;
     return;
@@ -138,7 +151,7 @@ void ZrRinvalScheduler2::Collect(Task& task, Record* result, std::unique_ptr<Rec
   task.lastRun.Assign(*result);
   task.lastRun.kind = result->kind;
   task.description.kind = result->kind;
-  if (result != task.record.get()) task.result.reset(result);
+  if (result != task.record.get() && result != task.result.get()) task.result.reset(result);
   if (result->kind == Record::kRepeat && !task.cancelled && !stopping_) RequeueLater(task);
 }
 
@@ -149,14 +162,19 @@ void ZrRinvalScheduler2::RequeueLater(Task& task) {
   // Measured by the steady clock: setting the machine's clock moves no task.
   const auto due = Clock::now() + std::chrono::microseconds(std::max(delayUs, kShortestDelayUs));
   try {
-    if (!timer_.Joinable()) timer_ = ZrThread::Start("zr-timer", [this] { TimerLoop(); });
+    StartTimer();
     task.place = waiting_.emplace(due, &task);
-  } catch (const std::exception&) {
-    task.description.kind = 0;  // nothing would run it again; its result stands
-    return;
+  } catch (const std::exception& e) {
+    ReportFailure(task.description, e.what());
+    task.description.kind = 0;  // nothing would run it again; what a former run returned stands
+    return EndUnrun(task);
   }
   task.stage = Task::Stage::kWaiting;
   if (task.place == waiting_.begin()) timerWake_.NotifyOne();
+}
+
+void ZrRinvalScheduler2::StartTimer() {
+  if (!timer_.Joinable()) timer_ = ZrThread::Start("zr-timer", [this] { TimerLoop(); });
 }
 
 void ZrRinvalScheduler2::TimerLoop() {

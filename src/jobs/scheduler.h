@@ -47,7 +47,8 @@ class ZrRinvalScheduler2 {
   /// Starts a task on its own thread, or as soon as no running task shares a bit of its mask.
   /// A null record stands for a plain one with status 1 and the description's kind. Returns the
   /// task's ID; IDs are unique in the process and start at 1. A task for which the system has no
-  /// thread, or that comes after Stop(), is done with no result.
+  /// thread, or that comes after Stop(), is done with no result when this returns. (A repeating one
+  /// that has run before and finds no thread is tried again.)
   std::uint64_t Submit(TaskFunction function,
                        std::unique_ptr<ZrRinvalJobParametersAndResult> record,
                        const ZrRinvalTaskDescription& description) ZR_EXCLUDES(taskLock_);
@@ -88,6 +89,7 @@ class ZrRinvalScheduler2 {
   void Collect(Task& task, ZrRinvalJobParametersAndResult* result,
                std::unique_ptr<ZrRinvalJobParametersAndResult>& replaced) ZR_REQUIRES(taskLock_);
   void RequeueLater(Task& task) ZR_REQUIRES(taskLock_);
+  void StartTimer() ZR_REQUIRES(taskLock_);
   void EndUnrun(Task& task) ZR_REQUIRES(taskLock_);
   void TimerLoop() ZR_EXCLUDES(taskLock_);
   void CallStopAction(std::uint64_t id) ZR_EXCLUDES(taskLock_);

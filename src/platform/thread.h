@@ -40,4 +40,8 @@ namespace zr {
 /// everything as it is.
 bool IsForkOfThreads() noexcept;
 
+/// For tests: of the threads that are started from now on, the one with that number, counted from
+/// 1, cannot be had; 0 ends this. Threads: any.
+void FailThreadStart(int number) noexcept;
+
 }  // namespace zr

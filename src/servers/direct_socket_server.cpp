@@ -15,7 +15,7 @@ void ZrTransceiverServerL1DirectSocket::wake(const std::string& connectionName) 
 
 // As in the HTTP family: the end of a connection goes through the queue behind its bytes.
 bool ZrTransceiverServerL1DirectSocket::ReceiveEvent(const ZrJobEvent& event) {
-  if (event.code == kZrEventClosed && !Persistent()) wake(event.jobName);
+  if (event.code == kZrEventClosed) Persistent() ? dropItems(event.jobName) : wake(event.jobName);
   return ZrTransceiverServerL0Socket::ReceiveEvent(event);
 }
 

@@ -18,9 +18,15 @@ constexpr std::size_t kCountedBody = 4096;
 }  // namespace
 
 // A closed connection goes through the queue like its bytes do: its message is dropped behind the
-// last item that may still work on it.
+// last item that may still work on it. One that has no message takes what waits for it along.
 bool ZrTransceiverServerL1HTTP::ReceiveEvent(const ZrJobEvent& event) {
-  if (event.code == kZrEventClosed) wake(event.jobName);
+  if (event.code == kZrEventClosed) {
+    if (!Persistent() || HasExchange(event.jobName)) {
+      wake(event.jobName);
+    } else {
+      dropItems(event.jobName);
+    }
+  }
   return ZrTransceiverServerL0Socket::ReceiveEvent(event);
 }
 
@@ -143,16 +149,29 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
     target = task;
   }
   std::shared_ptr<ZrXHeader> head = NewMessage(*connection, std::move(target));
-  ZrLock hold(requestLock_);
-  Exchange& exchange = exchanges_[connection->JobName()];
-  if (!exchange.ends) {
-    exchange.ends = std::make_shared<const ZrMessageEnds>(
-        ZrMessageEnds{connection, weak_from_this(), client.get()});
+  bool first = false;
+  {
+    ZrLock hold(requestLock_);
+    const auto [place, added] = exchanges_.try_emplace(connection->JobName());
+    Exchange& exchange = place->second;
+    if (!exchange.ends) {
+      exchange.ends = std::make_shared<const ZrMessageEnds>(
+          ZrMessageEnds{connection, weak_from_this(), client.get()});
+    }
+    head->ends = exchange.ends;
+    exchange.head = head;
+    if (!task.empty()) exchange.task = std::move(task);
+    first = added;
   }
-  head->ends = exchange.ends;
-  exchange.head = head;
-  if (!task.empty()) exchange.task = std::move(task);
+  // The end of a connection goes through the queue when it finds the message; one that came before
+  // did not.
+  if (first && !connection->IsListed()) wake(connection->JobName());
   return head;
+}
+
+bool ZrTransceiverServerL1HTTP::HasExchange(const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  return exchanges_.contains(connectionName);
 }
 
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(

@@ -74,6 +74,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
 
   std::shared_ptr<ZrXHeader> MessageOf(const ConnectionPointer& connection,
                                        const HandlerPointer& client);
+  bool HasExchange(const std::string& connectionName);
   void DropMessage(const std::string& connectionName);
   void ForgetConnection(const std::string& connectionName, const HandlerPointer& client);
   /// Reads what has arrived. Answers whether the connection's turn goes on until its answer.

@@ -75,6 +75,12 @@ void ZrTransceiverServerL1HTTP::ProcessAnswer(ZrTransceiver& transceiver,
   } catch (...) {
     // Memory ran out: this exchange is given up.
   }
+  // A head has its time limit, from its first byte to its last.
+  if (result == ZrAnswerReader::Result::kIncomplete && asked->reader.InHead(*asked->answer)) {
+    asked->connection->BeginHead();
+  } else {
+    asked->connection->EndHead();
+  }
   switch (result) {
     case ZrAnswerReader::Result::kIncomplete:
     case ZrAnswerReader::Result::kInterim:

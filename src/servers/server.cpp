@@ -96,6 +96,12 @@ void ZrTransceiverServer::enqueue(std::string key, std::string data) {
   queueWake_.NotifyOne();
 }
 
+bool ZrTransceiverServer::StartQueue() {
+  ZrLock hold(queueLock_);
+  if (queueTask_ == 0 && !ended_) StartQueueTask();
+  return queueTask_ != 0;
+}
+
 void ZrTransceiverServer::StartQueueTask() {
   processing_ = true;
   ZrRinvalTaskDescription description;
@@ -111,6 +117,28 @@ void ZrTransceiverServer::StartQueueTask() {
         return record;
       },
       nullptr, description);
+  // It cannot have ended by itself with the lock held here: there was no thread for it, and the
+  // next pair tries again.
+  if (!scheduler_.IsDone(queueTask_)) return;
+  scheduler_.FetchResult(queueTask_);
+  queueTask_ = 0;
+}
+
+// What a slow handler keeps waiting is bounded by the connections there are: those that go before
+// their turn comes take their pairs along, half a queue of them at once.
+void ZrTransceiverServer::dropItems(const std::string& key) {
+  ZrLock hold(queueLock_);
+  if (queue_.empty()) return;
+  dropped_.insert(key);
+  if (2 * dropped_.size() < queue_.size()) return;
+  std::erase_if(queue_, [this](const Item& item)
+                            ZR_REQUIRES(queueLock_) { return dropped_.contains(item.first); });
+  dropped_.clear();
+}
+
+std::size_t ZrTransceiverServer::waitingItems() const {
+  ZrLock hold(queueLock_);
+  return queue_.size();
 }
 
 // Takes all that waits at once: items that come while a batch is handled cost no wake-up.
@@ -123,6 +151,7 @@ void ZrTransceiverServer::QueueLoop() {
         return !Processing() || !queue_.empty();
       });
       batch.swap(queue_);
+      dropped_.clear();
     }
     const ZrBatch together;
     for (const auto& [key, data] : batch) {

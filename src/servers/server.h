@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -76,6 +77,10 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   /// Puts a pair at the end of the queue; the first one starts the queue task. Ignored once the
   /// server's tasks have been ended.
   void enqueue(std::string key, std::string data) ZR_EXCLUDES(queueLock_);
+  /// The pairs of this key that still wait are of no use any more; no more of them will come.
+  void dropItems(const std::string& key) ZR_EXCLUDES(queueLock_);
+  /// Pairs that wait behind those the queue task has taken.
+  std::size_t waitingItems() const ZR_EXCLUDES(queueLock_);
 
   bool Persistent() const { return persistent_; }
   std::uint32_t ProtocolKind() const { return protocolKind_; }
@@ -91,6 +96,9 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   ZrRinvalScheduler2& Scheduler() const { return scheduler_; }
   const ZrServerCallback& Callback() const { return callback_; }
   void SetResult(const std::string& name);
+  /// Starts the queue task, for servers that are not to find out with their first pair that there
+  /// is no thread for it. No: there is none.
+  [[nodiscard]] bool StartQueue() ZR_EXCLUDES(queueLock_);
   /// Whether the queue task shall go on; a long processItem() may ask.
   bool Processing() const { return processing_.load(std::memory_order_acquire); }
   friend void zr::EndServer(ZrTransceiverServer* server) noexcept;
@@ -111,13 +119,14 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   std::string headName_ ZR_GUARDED_BY(lock_);
   std::string result_ ZR_GUARDED_BY(lock_);
 
-  ZrMutex queueLock_;
+  mutable ZrMutex queueLock_;
   ZrCondition queueWake_;  // the queue grew or processing ended
   using Item = std::pair<std::string, std::string>;
   std::vector<Item> queue_ ZR_GUARDED_BY(queueLock_);
-  std::uint64_t queueTask_ ZR_GUARDED_BY(queueLock_) = 0;  // task ID; 0: not started
-  bool ended_ ZR_GUARDED_BY(queueLock_) = false;           // EndTasks() ran
-  std::atomic<bool> processing_{false};                    // changes under queueLock_
+  std::unordered_set<std::string> dropped_ ZR_GUARDED_BY(queueLock_);  // keys of no use in it
+  std::uint64_t queueTask_ ZR_GUARDED_BY(queueLock_) = 0;              // task ID; 0: not started
+  bool ended_ ZR_GUARDED_BY(queueLock_) = false;                       // EndTasks() ran
+  std::atomic<bool> processing_{false};                                // changes under queueLock_
 };
 
 namespace zr {

@@ -90,6 +90,10 @@ ZrTransceiverServerL0Socket::ZrTransceiverServerL0Socket(ZrServerSetup setup,
 ZrTransceiverServerL0Socket::~ZrTransceiverServerL0Socket() = default;
 
 bool ZrTransceiverServerL0Socket::start() {
+  if (!StartQueue()) {
+    if (!persistent_) return FailStart(ZrSendFailureKind::kNotSent, "there is no thread left");
+    throw ZrException("the system has no thread for the server", __LINE__, "src");
+  }
   if (!persistent_) return StartConnecting();
   ZrRinvalTaskDescription description;
   description.name = "ZrTransceiverServerL0" + type_ + JobName();

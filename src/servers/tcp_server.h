@@ -45,7 +45,8 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
   ~ZrTransceiverServerL0Socket() override;
 
   /// Listening: submits the accept loop. Connecting: opens the connection and registers it; takes
-  /// as long as the lookup, the connect and, with TLS, the handshake.
+  /// as long as the lookup, the connect and, with TLS, the handshake. Throws ZrException when a
+  /// listening server finds no thread for its work.
   bool start() override;
   /// The accept loop ends at once and closes its sockets.
   void stop() override;

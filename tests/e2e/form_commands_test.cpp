@@ -23,6 +23,7 @@ class Obedient : public ZrCommandHandler {
   std::string Name() const override { return "it"; }
   void Request(ZrXHeader& request, ZrXResponseHeader& answer, const std::string& command) override {
     if (command == "throw") throw std::runtime_error("told so");
+    if (command == "throw 1") throw 1;
     if (command == "handover") answer.HandoverRecord() = {"it", next_};
     if (command == "mistaken") answer.HandoverRecord() = {"another", next_};
     if (command == "move") {
@@ -33,7 +34,10 @@ class Obedient : public ZrCommandHandler {
                          std::string(zr::FieldText(request.allFields, "x")));
     }
   }
-  void Release() override { released = true; }
+  void Release() override {
+    released = true;
+    throw 1;
+  }
 
   bool released = false;
 
@@ -71,7 +75,9 @@ TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
       .address = "127.0.0.1", .port = 0, .protocolKind = zr::kProtocolHttp};
   auto application = std::make_unique<Commanding>(&storage, std::vector{server}, options);
   application->registerHandler(&handler);
-  application->setLogSink([](std::string_view) {});
+  // Whatever the program throws at the servers, each request is answered, and once.
+  application->setLogSink([](std::string_view) { throw 1; });
+  application->setObserver([](const ZrServerCallback_t&) { throw "out"; });
   application->startServers();
   ASSERT_TRUE(WaitFor([&] { return application->getOptions().Has("tcp_port_http"); }));
   const std::string url = "http://127.0.0.1:" + application->getOptions().Get("tcp_port_http");
@@ -90,6 +96,7 @@ TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
       // What a command leaves unanswered is a request for a file.
       {{"/file?quarnid=it&quarncommand=nothing"}, "file 200 "},
       {{"/file?quarnid=it&quarncommand=throw"}, "file 200 "},
+      {{"/file?quarnid=it&quarncommand=throw%201"}, "file 200 "},
       {{"/file?quarnid=other&quarncommand=do"}, "file 200 "},
       {{"/file?quarncommand=do"}, "file 200 "},
       // The command address has an object of its own.
@@ -108,6 +115,10 @@ TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
     const auto got = RunProgram(words);
     EXPECT_EQ(got.out, c.answer) << c.words.back() << got.err;
   }
+  EXPECT_EQ(RunProgram({"curl", "-sS", "-m", "20", "-w", "|%{num_connects}|", url + "/file",
+                        url + "/?quarnid=it&quarncommand=throw%201", url + "/stored"})
+                .out.find("file|1|"),
+            0u);
   application.reset();
   EXPECT_TRUE(next.released && !handler.released);
 }

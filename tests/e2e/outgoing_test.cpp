@@ -27,6 +27,12 @@ std::string Answer(std::string_view body) {
          std::string(body);
 }
 
+std::string Repeated(std::string_view text, int times) {
+  std::string all;
+  for (; times > 0; --times) all += text;
+  return all;
+}
+
 }  // namespace
 
 TEST(Outgoing, EveryProtocolIsAnswered) {
@@ -79,6 +85,10 @@ TEST(Outgoing, WhatAPeerCanDo) {
       {"chunks", chunked + "3\r\nabc\r\n1;x=y\r\nd\r\n0\r\nTrailer: t\r\n\r\n", "200 abcd"},
       {"interim answers",
        "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nA: b\r\n\r\n" + Answer("x"), "200 x"},
+      {"interim answers without end", Repeated("HTTP/1.1 102 Wait\r\n\r\n", 65) + Answer("x"),
+       "unreadable answer"},
+      {"interim answers with an end", Repeated("HTTP/1.1 102 Wait\r\n\r\n", 64) + Answer("x"),
+       "200 x"},
       {"answers twice", Answer("one") + Answer("two"), "200 one"},
       {"an error", "HTTP/1.1 503 Busy\r\nContent-Length: 2\r\n\r\nno", "503 no"},
       {"garbage", "\x16\x03\x01garbage\r\n\r\n", "unreadable answer"},
@@ -135,18 +145,42 @@ TEST(Outgoing, AnAnswerThatNobodyAskedForEndsTheConnection) {
   EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 right 1");
 }
 
+TEST(Outgoing, AHeadMustBeCompleteInAMinute) {
+  ManualClock clock;
+  std::atomic<int> allowed{0};
+  std::atomic<int> sent{0};
+  ScriptedPeer peer([&](int, PeerConnection& connection) {
+    connection.ReadRequest();
+    while (WaitFor([&] { return allowed > sent; }) && connection.Send("H")) ++sent;
+  });
+  AskingBed bed(clock);
+  const auto asked = AskingBed::Request(peer.Port());
+  bed.client->SendMessage(asked, true);
+  while (allowed < 12 && bed.client->Outcomes().empty()) {
+    ++allowed;
+    ASSERT_TRUE(WaitFor([&] { return sent == allowed || bed.client->Outcomes().size() == 1; }));
+    clock.Advance(std::chrono::seconds(20));
+    bed.transceiver.WakeHousekeeper();
+  }
+  EXPECT_EQ(bed.OutcomeOf(asked->JobName()), "timed out");
+  allowed = 1000;  // the peer sees the end
+}
+
 TEST(Outgoing, SlowIsNotSilent) {
   ManualClock clock;
-  const std::string answer = Answer("slow");
+  const std::string wait = "HTTP/1.1 102 Wait\r\n\r\n";
+  const std::vector<std::string> pieces = {
+      wait, wait, wait, wait, "HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\n", "s", "l", "o",
+      "w",  "e",  "s",  "t"};
   std::atomic<std::size_t> allowed{0};
   std::atomic<bool> thirdArrived{false};
   ScriptedPeer peer([&](int, PeerConnection& connection) {
     connection.ReadRequest();
     connection.Send(Answer("quick"));
     connection.ReadRequest();
-    for (std::size_t at = 0; at < answer.size(); ++at) {
+    for (std::size_t at = 0; at < pieces.size(); ++at) {
       WaitFor([&] { return allowed > at; });
-      connection.Send(answer.substr(at, 1));
+      connection.Send(pieces[at]);
     }
     connection.ReadRequest();  // and never answers the third
     thirdArrived = true;
@@ -159,10 +193,10 @@ TEST(Outgoing, SlowIsNotSilent) {
   const auto worker = bed.transceiver.FindServer(route[1]);
   ASSERT_TRUE(connection && worker);
 
-  // A byte in 20 seconds: the whole takes longer than any limit, the silence between does not.
+  // A piece in 20 seconds: the whole takes longer than any limit, the silence between does not.
   const auto head = AskingBed::Request(peer.Port());
   bed.client->SendMessage(head);
-  while (allowed < answer.size()) {
+  while (allowed < pieces.size()) {
     clock.Advance(std::chrono::seconds(20));
     bed.transceiver.WakeHousekeeper();
     ++allowed;
@@ -172,7 +206,7 @@ TEST(Outgoing, SlowIsNotSilent) {
              worker->ServerJob().ExpiryNs() > now + 114'000'000'000;
     }));
   }
-  EXPECT_EQ(bed.EndOf(head), "200 slow");
+  EXPECT_EQ(bed.EndOf(head), "200 slowest");
 
   const auto silent = AskingBed::Request(peer.Port(), "/silent");
   bed.client->SendMessage(silent);

@@ -1,12 +1,8 @@
 #include "jobs/scheduler.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 #include <vector>
 
@@ -248,29 +244,81 @@ TEST(Scheduler, ATaskIsNotDoneInsideItsStopAction) {
   EXPECT_TRUE(leftAction);
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// Sanitizers cannot live with a limit on their address space.
-TEST(SchedulerDeathTest, ATaskWithoutAThreadIsDone) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  const auto runWithoutThreads = [] {
-    ZrRinvalScheduler2 scheduler;
-    long pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    rlimit limit{};
-    getrlimit(RLIMIT_AS, &limit);
-    const rlimit before = limit;
-    limit.rlim_cur = static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE) + (2 << 20));
-    setrlimit(RLIMIT_AS, &limit);  // no room for the stack of a thread
-    const auto task = [](Record* r) { return r; };
-    const std::uint64_t id = scheduler.Submit(task, nullptr, Repeating(0));
-    const bool ended = scheduler.WaitDoneFor(id, 20s) && !scheduler.FetchResult(id);
-    setrlimit(RLIMIT_AS, &before);
-    const std::uint64_t next = scheduler.Submit(task, nullptr, Once());
-    scheduler.WaitDone(next);
-    std::exit(ended && scheduler.FetchResult(next) ? 7 : 8);
-  };
-  EXPECT_EXIT(runWithoutThreads(), testing::ExitedWithCode(7), "task \"unknown\": ");
+TEST(Scheduler, ATaskWithoutAThreadIsDoneAndTheNextOneRuns) {
+  const auto task = [](Record* r) { return r; };
+  for (int missing = 1; missing <= 3; ++missing) {
+    for (const auto& description : {Once(), Repeating(0)}) {
+      SCOPED_TRACE(missing);
+      ZrRinvalScheduler2 scheduler;
+      testing::internal::CaptureStderr();
+      zr::FailThreadStart(missing);
+      // The timer's thread, where there is one, and the run's.
+      const bool fails = missing <= (description.kind == Record::kRepeat ? 2 : 1);
+      const std::uint64_t id = scheduler.Submit(task, nullptr, description);
+      zr::FailThreadStart(0);
+      EXPECT_TRUE(scheduler.WaitDoneFor(id, 20s));
+      EXPECT_EQ(scheduler.FetchResult(id) == nullptr, fails);
+      const std::uint64_t next = scheduler.Submit(task, nullptr, description);
+      EXPECT_TRUE(scheduler.WaitDoneFor(next, 20s));
+      EXPECT_TRUE(scheduler.FetchResult(next));
+      EXPECT_EQ(testing::internal::GetCapturedStderr().starts_with("task \"unknown\": "), fails);
+    }
+  }
 }
-#endif
+
+TEST(Scheduler, ARepeatingTaskFindsAThreadAgain) {
+  ZrRinvalScheduler2 scheduler;
+  Gate gate;
+  std::atomic<int> runs = 0;
+  const std::uint64_t id = scheduler.Submit(
+      [&runs](Record* r) {
+        ++runs;
+        return r;
+      },
+      nullptr, Repeating(5));
+  // Another task takes the thread of the last run; when it came during one, it is the one without.
+  testing::internal::CaptureStderr();
+  std::uint64_t other = 0;
+  do {
+    ASSERT_TRUE(zrtest::WaitFor([&] { return scheduler.FetchResult(id) != nullptr; }));
+    zr::FailThreadStart(1);
+    other = scheduler.Submit([&gate](Record* r) { return gate.Pass(r); }, nullptr, Once());
+  } while (scheduler.IsDone(other));
+  const int before = runs;
+  EXPECT_TRUE(zrtest::WaitFor([&] { return runs >= before + 2; }));
+  zr::FailThreadStart(0);
+  testing::internal::GetCapturedStderr();
+  scheduler.Cancel(id);
+  gate.Open();
+}
+
+TEST(Scheduler, ARecordMayBeReturnedTwice) {
+  class Counted : public Record {
+   public:
+    explicit Counted(std::atomic<int>& alive) : alive_(alive) { ++alive_; }
+    ~Counted() override { --alive_; }
+
+   private:
+    std::atomic<int>& alive_;
+  };
+  std::atomic<int> alive = 0;
+  std::atomic<int> runs = 0;
+  {
+    ZrRinvalScheduler2 scheduler;
+    auto* const returned = new Counted(alive);
+    returned->kind = Record::kRepeat;
+    const std::uint64_t id = scheduler.Submit(
+        [&](Record*) {
+          ++runs;
+          return returned;
+        },
+        nullptr, Repeating(0));
+    EXPECT_TRUE(zrtest::WaitFor([&] { return runs >= 3; }));
+    scheduler.Cancel(id);
+    scheduler.WaitDone(id);
+    EXPECT_EQ(scheduler.FetchResult(id).get(), returned);
+  }
+  EXPECT_EQ(alive, 0);
+}
 
 }  // namespace

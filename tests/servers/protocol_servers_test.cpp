@@ -5,10 +5,13 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <deque>
 #include <thread>
 
 #include "jobs/job_registry.h"
 #include "platform/file.h"
+#include "platform/thread.h"
+#include "servers/server.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/run.h"
 #include "tests/support/server_bed.h"
@@ -384,6 +387,54 @@ class DescriptorLimit {
  private:
   rlimit before_{};
 };
+
+// Whoever came and went while a handler blocks leaves nothing in the queue behind it.
+TEST(Servers, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
+  ManualClock clock;
+  ServerBed bed(clock);
+  std::atomic<bool> blocked = false;
+  std::atomic<bool> released = false;
+  bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) {
+    if (m->path == "/block") {
+      blocked = true;
+      EXPECT_TRUE(WaitFor([&] { return released.load(); }, 60s));
+    }
+    self.Answer(*m, "ok");
+    return 1;
+  };
+  const int port = bed.Open(zr::kProtocolHttp);
+  const auto server = std::dynamic_pointer_cast<ZrTransceiverServer>(bed.transceiver.FindServer(
+      bed.Records(ZrServerCallback_t::kServerCreated).back().info.Get("ID")));
+  RawClient slow(port);
+  slow.Send("GET /block HTTP/1.1\r\n\r\n");
+  ASSERT_TRUE(WaitFor([&] { return blocked.load(); }));
+  {
+    std::deque<RawClient> silent;
+    for (int i = 0; i < 300; ++i) silent.emplace_back(port).Send("GET / HTTP/1.1\r\n");
+    ASSERT_TRUE(WaitFor([&] { return server->waitingItems() == silent.size(); }));
+    clock.Advance(200s);
+    bed.transceiver.WakeHousekeeper();
+    ASSERT_TRUE(bed.WaitForConnections(1));
+  }
+  RawClient patient(port);
+  patient.Send(kGetA);
+  EXPECT_TRUE(WaitFor([&] { return server->waitingItems() < 20; })) << server->waitingItems();
+  released = true;
+  EXPECT_EQ(slow.ReadUntil("ok"), Answer("ok"));
+  EXPECT_EQ(patient.ReadUntil("ok"), Answer("ok"));
+  EXPECT_TRUE(bed.WaitForConnections(2));
+}
+
+TEST(Servers, AMissingThreadFailsTheStartAndNotTheNextOne) {
+  ServerBed bed;
+  testing::internal::CaptureStderr();
+  zr::FailThreadStart(1);
+  EXPECT_THROW(bed.Open(zr::kProtocolHttp), std::exception);
+  testing::internal::GetCapturedStderr();
+  RawClient client(bed.Open(zr::kProtocolHttp));
+  client.Send(kGetA);
+  EXPECT_EQ(client.ReadUntil("|"), Answer("/a|"));
+}
 
 TEST(Listener, TakesAsManyPeersAsTheDescriptorsAllow) {
   DescriptorLimit limit;

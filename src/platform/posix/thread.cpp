@@ -7,12 +7,15 @@
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace {
 
 // The process in which the first thread was started; none at first.
 std::atomic<pid_t> processOfThreads{0};
+
+std::atomic<int> startsUntilFailure{0};
 
 // Signals that a faulting instruction raises stay open: blocked, they would kill without a trace.
 // SIGPROF stays open for profilers.
@@ -57,6 +60,9 @@ ZrThread ZrThread::Start(const char* name, std::function<void()> body) {
   const SignalsBlocked blocked;
   pid_t none = 0;
   processOfThreads.compare_exchange_strong(none, ::getpid());
+  if (startsUntilFailure > 0 && --startsUntilFailure == 0) {
+    throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+  }
   ZrThread started;
   started.thread_ =
       std::thread([label = std::string(name), run = std::move(body)] { RunBody(label, run); });
@@ -84,3 +90,5 @@ bool zr::IsForkOfThreads() noexcept {
   const pid_t process = processOfThreads;
   return process != 0 && process != ::getpid();
 }
+
+void zr::FailThreadStart(int number) noexcept { startsUntilFailure = number; }
