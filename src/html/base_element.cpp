@@ -5,16 +5,21 @@
 
 namespace {
 
-/// Every element enters these, so their names are made once.
+/// Short enough to need no memory; never destroyed, as nodes may outlive the program's statics.
 struct MemberNames {
-  ZrPermanentName id{"id"};
-  ZrPermanentName class_{"class"};
-  ZrPermanentName style{"style"};
+  const std::string class_{"class"};
+  const std::string id{"id"};
+  const std::string style{"style"};
 };
 
 const MemberNames& Names() {
-  static const MemberNames kNames;
-  return kNames;
+  union Forever {
+    Forever() : names() {}
+    ~Forever() {}
+    MemberNames names;
+  };
+  static const Forever kForever;
+  return kForever.names;
 }
 
 }  // namespace
@@ -22,18 +27,14 @@ const MemberNames& Names() {
 ZrHTML_BaseElement2::ZrHTML_BaseElement2(ZrNameView elementName, bool closed,
                                          bool selfClosesWhenEmpty)
     : ZrXMLGenericElement(elementName, closed, selfClosesWhenEmpty, true) {
-  SetMembersDeferred(true);
+  SetMembersApart(true);
 }
 
-void ZrHTML_BaseElement2::EnterMembers() {
-  ReserveAttributes(3);
-  EnterMember(Names().id, id);
-  EnterMember(Names().class_, class_);
-  EnterMember(Names().style, style);
-}
-
-bool ZrHTML_BaseElement2::AnyMemberSet() const {
-  return id.IsSet() || class_.IsSet() || style.IsSet();
+ZrXMLGenericElement::Members ZrHTML_BaseElement2::ApartMembers() const {
+  // Looked for by const and other operations alike; only the others change what they find.
+  auto* const self = const_cast<ZrHTML_BaseElement2*>(this);
+  const MemberNames& names = Names();
+  return {{{&names.class_, &self->class_}, {&names.id, &self->id}, {&names.style, &self->style}}};
 }
 
 void ZrHTML_BaseElement2::EnterMember(ZrNameView name, ZrXMLComplexAttribute2& member) {

@@ -34,6 +34,5 @@ class ZrHTML_BaseElement2 : public ZrXMLGenericElement {
   ZrHTML_BaseElement2() : ZrHTML_BaseElement2("", false, false) {}
   /// Enters a member of the derived class into the attribute map, which does not own it.
   void EnterMember(ZrNameView name, ZrXMLComplexAttribute2& member);
-  void EnterMembers() override;
-  bool AnyMemberSet() const override;
+  Members ApartMembers() const override;
 };

@@ -2,7 +2,6 @@
 
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "base/exception.h"
 #include "html/plain_elements.h"
@@ -14,21 +13,20 @@ namespace {
 /// there: building a page asks for its body again and again, and it stands near the front.
 template <typename Node>
 Node* FindFirst(const ZrXMLComplexElement& root, std::string_view name) {
-  std::vector<std::pair<const ZrChildList*, std::size_t>> open{{&root.Children(), 0}};
-  while (!open.empty()) {
-    auto& [children, next] = open.back();
-    if (next == children->size()) {
-      open.pop_back();
-      continue;
+  const ZrXMLComplexElement* open = &root;
+  for (;;) {
+    if (open->Children().HasClearedSlots()) throw ZrException("Nullelement", 687, "src");
+    ZrXMLComplexElement* next = open->Children().front();
+    while (next == nullptr && open != &root) {
+      next = open->NextSibling();
+      open = open->Parent();
     }
-    ZrXMLComplexElement* const child = (*children)[next++];
-    if (child == nullptr) throw ZrException("Nullelement", 687, "src");
-    if (child->Name() == name) {
-      if (auto* const node = dynamic_cast<Node*>(child)) return node;
+    if (next == nullptr) return nullptr;
+    if (next->Name() == name) {
+      if (auto* const node = dynamic_cast<Node*>(next)) return node;
     }
-    if (!child->Children().empty()) open.emplace_back(&child->Children(), 0);
+    open = next;
   }
-  return nullptr;
 }
 
 /// AddChildFront() of a node that a smart pointer owns.

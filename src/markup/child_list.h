@@ -1,54 +1,79 @@
 #pragma once
-// The children of one element: an ordered sequence of pointers that grows at both ends. A list
-// takes one pointer in its element and nothing more while it is empty; most elements of a document
-// are leaves. Not for use outside the node classes.
+// The children of one element: an ordered sequence, linked through the nodes themselves, so that
+// putting a node in, taking it out and exchanging it cost the same anywhere among any number of
+// siblings. Not for use outside the node classes, but for going through.
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 class ZrXMLComplexElement;
 
 class ZrChildList {
  public:
-  static constexpr std::size_t kNotFound = static_cast<std::size_t>(-1);
+  /// Goes through the children in order, either way. Good while its node is a child of the list.
+  class Iterator {
+   public:
+    using iterator_category = std::bidirectional_iterator_tag;
+    using value_type = ZrXMLComplexElement*;
+    using difference_type = std::ptrdiff_t;
+    using pointer = ZrXMLComplexElement* const*;
+    using reference = ZrXMLComplexElement*;
+
+    Iterator() = default;
+    ZrXMLComplexElement* operator*() const { return node_; }
+    inline Iterator& operator++();
+    inline Iterator& operator--();
+    Iterator operator++(int) {
+      const Iterator before = *this;
+      ++*this;
+      return before;
+    }
+    Iterator operator--(int) {
+      const Iterator before = *this;
+      --*this;
+      return before;
+    }
+    friend bool operator==(const Iterator& a, const Iterator& b) { return a.node_ == b.node_; }
+
+   private:
+    friend class ZrChildList;
+    Iterator(const ZrChildList* list, ZrXMLComplexElement* node) : list_(list), node_(node) {}
+
+    const ZrChildList* list_ = nullptr;
+    ZrXMLComplexElement* node_ = nullptr;  // null at the end
+  };
 
   /// Elements that wait for their destruction, see DestroyAll().
   class Graveyard;
 
-  ZrChildList() = default;
+  constexpr ZrChildList() = default;
   ZrChildList(const ZrChildList&) = delete;
   ZrChildList& operator=(const ZrChildList&) = delete;
-  /// Frees the sequence, not the elements.
-  ~ZrChildList() {
-    if (block_ != nullptr) Free(block_);
-  }
 
-  std::size_t size() const { return block_ != nullptr ? block_->end - block_->begin : 0; }
-  bool empty() const { return size() == 0; }
-  ZrXMLComplexElement* operator[](std::size_t index) const {
-    return block_->slots()[block_->begin + index];
-  }
-  ZrXMLComplexElement* const* begin() const {
-    return block_ != nullptr ? block_->slots() + block_->begin : nullptr;
-  }
-  ZrXMLComplexElement* const* end() const {
-    return block_ != nullptr ? block_->slots() + block_->end : nullptr;
-  }
+  std::size_t size() const { return size_; }
+  bool empty() const { return first_ == nullptr; }
+  /// Null when there is none.
+  ZrXMLComplexElement* front() const { return first_; }
+  ZrXMLComplexElement* back() const { return last_; }
+  Iterator begin() const { return Iterator(this, first_); }
+  Iterator end() const { return Iterator(this, nullptr); }
 
-  /// Both are amortised constant time.
-  void PushBack(ZrXMLComplexElement* child) {
-    if (block_ == nullptr || block_->end == block_->capacity()) MakeRoom(false);
-    block_->slots()[block_->end++] = child;
-  }
-  void PushFront(ZrXMLComplexElement* child);
-  void Put(std::size_t index, ZrXMLComplexElement* child) {
-    block_->slots()[block_->begin + index] = child;
-  }
-  /// Takes the entry out; constant time at both ends.
-  void Erase(std::size_t index);
-  /// Position of the child, kNotFound when it is none. Searches from both ends at once, so that
-  /// taking children out from either end stays linear in all.
-  std::size_t Find(const ZrXMLComplexElement* child) const;
+  /// Puts the child in front of another one, null for the end. Only the links of the sequence
+  /// change.
+  inline void Insert(ZrXMLComplexElement* before, ZrXMLComplexElement* child);
+  /// Takes the child out.
+  inline void Erase(ZrXMLComplexElement* child);
+  /// Puts newChild in the place of oldChild, which is out then.
+  inline void Exchange(ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild);
+  /// Goes through the sequence; for use where the child may be gone.
+  bool Holds(const ZrXMLComplexElement* child) const;
+
+  /// Differs after each change of the sequence.
+  std::uint32_t Stamp() const { return stamp_; }
+  /// While a child is being destroyed its slot counts as cleared: a search then fails.
+  bool HasClearedSlots() const { return cleared_ != 0; }
+  void CountCleared(bool begins) { cleared_ = (cleared_ + (begins ? 1u : 0xffu)) & 0xffu; }
 
   /// Destroys every element below this list in document order, an element always before its
   /// children, without recursion whatever the depth. Allocates nothing.
@@ -57,20 +82,9 @@ class ZrChildList {
   void MoveTo(Graveyard& graveyard) noexcept;
 
  private:
-  struct Block {
-    std::uint32_t begin;
-    std::uint32_t end;
-    union {
-      std::size_t slotCount;  // in use
-      Block* below;           // in a graveyard, where nothing is added any more
-    };
-
-    std::size_t capacity() const { return slotCount; }
-    ZrXMLComplexElement** slots() { return reinterpret_cast<ZrXMLComplexElement**>(this + 1); }
-  };
-
-  void MakeRoom(bool atFront);
-  static void Free(Block* block) noexcept;
-
-  Block* block_ = nullptr;
+  ZrXMLComplexElement* first_ = nullptr;
+  ZrXMLComplexElement* last_ = nullptr;
+  std::uint32_t size_ = 0;
+  std::uint32_t stamp_ : 24 = 0;
+  std::uint32_t cleared_ : 8 = 0;
 };

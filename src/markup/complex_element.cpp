@@ -6,6 +6,8 @@
 constinit const ZrXMLComplexElement::NoBody ZrXMLComplexElement::kNoBody;
 
 ZrXMLComplexElement::~ZrXMLComplexElement() {
+  // Deleted by someone else than its parent, which forgets it.
+  if (ZrXMLComplexElement* const parent = Parent()) parent->Unlink(this);
   if (body_ == nullptr) return;
   if (ZrElementObserver* const observer = Observer()) observer->ElementGoesAway(*this);
   if ((flags_ & kOrphan) != 0) {
@@ -50,14 +52,43 @@ bool ZrXMLComplexElement::EndStartTag(zr::TagWriter& tag) const {
   return goesOn;
 }
 
-void ZrXMLComplexElement::Write(std::ostream& stream) const {
+ZrXMLComplexElement::WriteCall::WriteCall() {
+  if (depth == kMaxWriteDepth) {
+    throw ZrException("elements nested too deeply to be written", 643, "src");
+  }
+  ++depth;
+}
+
+constinit thread_local unsigned ZrXMLComplexElement::WriteCall::depth = 0;
+
+bool ZrXMLComplexElement::WriteStart(std::ostream& stream) const {
   WritePrologue(stream);
   zr::TagWriter tag(stream);
   tag << '<' << name_.str();
-  if (!EndStartTag(tag)) return;
-  for (const ZrXMLComplexElement* child : Children()) child->Write(stream);
-  tag << "</" << name_.str() << '>';
+  return EndStartTag(tag);
+}
+
+void ZrXMLComplexElement::WriteEnd(std::ostream& stream, bool lineBreak) const {
+  zr::TagWriter tag(stream);
+  tag << (lineBreak ? "\n</" : "</") << Name() << '>';
   tag.Flush();
+}
+
+void ZrXMLComplexElement::Write(std::ostream& stream) const {
+  const WriteCall call;
+  if (!WriteStart(stream)) return;
+  for (const ZrXMLComplexElement* child : Children()) child->Write(stream);
+  WriteEnd(stream, false);
+}
+
+void ZrXMLComplexElement::RequireFree(const ZrXMLComplexElement& node) const {
+  if (node.Parent() != nullptr) throw ZrException("the node has a parent", 640, "src");
+  // Only what has children can be above this element.
+  const ZrXMLComplexElement* above = this;
+  if (!node.Children().empty()) {
+    while (above->Parent() != nullptr) above = above->Parent();
+  }
+  if (above == &node) throw ZrException("a node can't be put below itself", 641, "src");
 }
 
 ZrXMLComplexElement* ZrXMLComplexElement::AddChild(ZrXMLComplexElement* child) {
@@ -65,14 +96,22 @@ ZrXMLComplexElement* ZrXMLComplexElement::AddChild(ZrXMLComplexElement* child) {
   if ((flags_ & kClosed) != 0) {
     throw ZrException("child elements not allowed for " + name_.str(), 631, "src");
   }
-  MakeBody().children.PushBack(child);
-  child->link_.parent = this;
+  RequireFree(*child);
+  Link(nullptr, child);
   ChildAdded(child);
   return child;
 }
 
 void ZrXMLComplexElement::SetOnlyChild(ZrXMLComplexElement* child) {
-  for (std::size_t i = 0; i < Children().size(); ++i) ChildRemoved(Children()[i]);
+  if (child != nullptr) RequireFree(*child);
+  // A hook may change the list: then the first that was not told comes next.
+  for (ZrXMLComplexElement* node = Children().front(); node != nullptr;) {
+    node->flags_ |= kTold;
+    const std::uint32_t stamp = Children().Stamp();
+    ChildRemoved(node);
+    node = Children().Stamp() == stamp ? node->next_ : Children().front();
+    while (node != nullptr && (node->flags_ & kTold) != 0) node = node->next_;
+  }
   if (body_ != nullptr) body_->children.DestroyAll();
   AddChild(child);
 }
@@ -85,15 +124,14 @@ void ZrXMLComplexElement::FindByName(std::string_view name, ZrXMLNodeList& list,
                                      std::size_t depth) {
   if (Name() == name) list.push_back(this);
   if (depth == 0) return;
+  if (Children().HasClearedSlots()) throw ZrException("Nullelement", 687, "src");
   for (ZrXMLComplexElement* child : Children()) {
-    if (child == nullptr) throw ZrException("Nullelement", 687, "src");
     child->FindByName(name, list, depth == kUnlimited ? depth : depth - 1);
   }
 }
 
 ZrXMLComplexElement* ZrXMLComplexElement::ContentChild(bool skipText, int index) {
   for (ZrXMLComplexElement* child : Children()) {
-    if (child == nullptr) continue;
     const std::string& name = child->Name();
     if (name == "procinst" || name == "comment" || (skipText && name == "xmltext")) continue;
     if (index-- == 0) return child;
@@ -122,75 +160,112 @@ bool ZrXMLComplexElement::ReplaceByAttribute(ZrXMLGenericElement*, ZrNameView, s
 }
 
 bool ZrXMLComplexElement::WrapChild(ZrXMLComplexElement* child, ZrXMLComplexElement* wrapper) {
-  if (Children().Find(child) == ZrChildList::kNotFound || wrapper == nullptr) return false;
+  if (child == nullptr || child->Parent() != this || wrapper == nullptr) return false;
+  RequireFree(*wrapper);
+  std::uint32_t stamp = Children().Stamp();
   ChildRemoved(child);
+  if (!StillHolds(child, stamp)) return false;
+  RequireFree(*wrapper);
+  // The wrapper keeps the place, but is no child before it has the child.
+  ZrChildList& children = body_->children;
+  children.Exchange(child, wrapper);
+  child->link_.parent = nullptr;
+  stamp = children.Stamp();
   try {
     wrapper->AddChild(child);
   } catch (...) {
     // One owner only: a wrapper that refused the child after inserting it gives it back.
-    const std::size_t inWrapper = wrapper->Children().Find(child);
-    if (inWrapper != ZrChildList::kNotFound) wrapper->body_->children.Erase(inWrapper);
-    child->link_.parent = this;
+    if (child->Parent() == wrapper) wrapper->Unlink(child);
+    if (StillHolds(wrapper, stamp)) {
+      children.Exchange(wrapper, child);
+      child->link_.parent = this;
+    }
     throw;
   }
-  const std::size_t place = Children().Find(child);
-  if (place == ZrChildList::kNotFound) return false;  // a hook took it away
-  body_->children.Put(place, wrapper);
+  if (!StillHolds(wrapper, stamp)) return false;  // a hook took it away
   wrapper->link_.parent = this;
-  child->link_.parent = wrapper;
   ChildAdded(wrapper);
   return true;
 }
 
 bool ZrXMLComplexElement::ReplaceChild(ZrXMLComplexElement* oldChild,
                                        ZrXMLComplexElement* newChild) {
-  if (Children().Find(oldChild) == ZrChildList::kNotFound || newChild == nullptr) return false;
+  if (oldChild == nullptr || oldChild->Parent() != this || newChild == nullptr) return false;
+  RequireFree(*newChild);
+  const std::uint32_t stamp = Children().Stamp();
   ChildRemoved(oldChild);
-  return ExchangeChild(oldChild, newChild);
+  return ExchangeChild(oldChild, newChild, stamp);
 }
 
-bool ZrXMLComplexElement::ExchangeChild(const ZrXMLComplexElement* oldChild,
-                                        ZrXMLComplexElement* newChild) {
-  const std::size_t place = Children().Find(oldChild);
-  if (place == ZrChildList::kNotFound) return false;
-  const std::unique_ptr<const ZrXMLComplexElement> doomed(oldChild);
-  body_->children.Put(place, newChild);
+bool ZrXMLComplexElement::ExchangeChild(ZrXMLComplexElement* oldChild,
+                                        ZrXMLComplexElement* newChild, std::uint32_t stamp) {
+  if (!StillHolds(oldChild, stamp)) return false;
+  RequireFree(*newChild);
+  body_->children.Exchange(oldChild, newChild);
+  oldChild->link_.parent = nullptr;
+  newChild->SetFlag(kTold, false);
   newChild->link_.parent = this;
+  const std::unique_ptr<const ZrXMLComplexElement> doomed(oldChild);
   ChildAdded(newChild);
   return true;
 }
 
 void ZrXMLComplexElement::DeleteChildren() {
-  for (std::size_t i = 0; i < Children().size(); ++i) DestroyChildInPlace(i);
-  if (body_ != nullptr) body_->children.DestroyAll();
+  if (body_ == nullptr) return;
+  ZrChildList& children = body_->children;
+  struct Clearing {
+    ~Clearing() {
+      if (begun) list.CountCleared(false);
+    }
+    ZrChildList& list;
+    bool begun = false;
+  } clearing{children};
+  while (ZrXMLComplexElement* const child = children.front()) {
+    DestroyChild(child);
+    if (!clearing.begun) children.CountCleared(true);
+    clearing.begun = true;
+  }
 }
 
-void ZrXMLComplexElement::DestroyChildInPlace(std::size_t index) {
-  ZrXMLComplexElement* const child = Children()[index];
-  if (child == nullptr) return;
+void ZrXMLComplexElement::DestroyChild(ZrXMLComplexElement* child) {
+  const std::uint32_t stamp = Children().Stamp();
   ChildRemoved(child);
-  body_->children.Put(index, nullptr);
-  child->link_.parent = nullptr;
+  if (!StillHolds(child, stamp)) return;
+  Unlink(child);
+  body_->children.CountCleared(true);
   delete child;
+  body_->children.CountCleared(false);
 }
 
 void ZrXMLComplexElement::Completed() {}
 
 ZrXMLComplexElement* ZrXMLComplexElement::AddChildFront(ZrXMLComplexElement* child) {
   if (child == nullptr) return child;
-  MakeBody().children.PushFront(child);
-  child->link_.parent = this;
+  RequireFree(*child);
+  Link(Children().front(), child);
+  ChildAdded(child);
+  return child;
+}
+
+ZrXMLComplexElement* ZrXMLComplexElement::InsertChild(ZrXMLComplexElement* before,
+                                                      ZrXMLComplexElement* child) {
+  if (before == nullptr || child == nullptr) return AddChild(child);
+  if (before->Parent() != this) throw ZrException("not a child", 642, "src");
+  if ((flags_ & kClosed) != 0) {
+    throw ZrException("child elements not allowed for " + name_.str(), 631, "src");
+  }
+  RequireFree(*child);
+  Link(before, child);
   ChildAdded(child);
   return child;
 }
 
 bool ZrXMLComplexElement::RemoveChild(ZrXMLComplexElement* child) {
-  if (child == nullptr || Children().Find(child) == ZrChildList::kNotFound) return false;
+  if (child == nullptr || child->Parent() != this) return false;
+  const std::uint32_t stamp = Children().Stamp();
   ChildRemoved(child);
-  const std::size_t place = Children().Find(child);
-  if (place == ZrChildList::kNotFound) return false;  // the hook took it away
-  body_->children.Erase(place);
-  child->link_.parent = nullptr;
+  if (!StillHolds(child, stamp)) return false;  // the hook took it away
+  Unlink(child);
   return true;
 }
 

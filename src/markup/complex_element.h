@@ -8,12 +8,17 @@
 // of insertion: when AddChild() throws, child->Parent() tells who owns it. It is null when the
 // element was closed (the caller still owns the child) and this element when ChildAdded() refused
 // it afterwards (the tree owns it). Adopt() does that for unique_ptr. Operations called Delete...
-// or Replace... destroy what they remove; RemoveChild() hands it back.
+// or Replace... destroy what they remove; RemoveChild() hands it back. A node is in one place of
+// one tree: whatever inserts a node throws ZrException "the node has a parent" for one that stands
+// in a tree (also twice in the same, or in its own place) and "a node can't be put below itself"
+// for the element itself or one above it; then nothing has changed.
 //
-// A tree may have any depth when it is built and destroyed; the other operations recurse along the
-// tree and are made for depths up to 1,000. Nothing locks: a tree belongs to one thread at a time.
+// A tree may have any depth when it is built and destroyed, and when it is written, as long as it
+// is of plain elements; the other operations recurse along the tree and are made for depths up to
+// 1,000. Nothing locks: a tree belongs to one thread at a time.
 
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <ostream>
@@ -43,6 +48,8 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
  public:
   /// Depth of a search without limit.
   static constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
+  /// How many calls of Write() may stand in each other.
+  static constexpr unsigned kMaxWriteDepth = 10'000;
 
   /// closed: never has children and is always written as an empty-element tag.
   /// selfClosesWhenEmpty: written as an empty-element tag while it has no children; implied by
@@ -77,18 +84,20 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   virtual bool SelfClosesWhenEmpty() const;
   virtual void SetSelfClosesWhenEmpty(bool selfCloses);
   /// Writes the node and everything below it. This class writes no attributes and no line breaks.
+  /// Throws ZrException "elements nested too deeply to be written" beyond kMaxWriteDepth elements
+  /// of classes that are no plain XML elements.
   virtual void Write(std::ostream& stream) const;
   /// Appends the child and takes it over; null is returned unchanged and nothing happens. Throws
   /// ZrException "child elements not allowed for NAME" when closed, before it inserts; passes on
   /// what ChildAdded() throws, after it inserted. Returns the child.
   virtual ZrXMLComplexElement* AddChild(ZrXMLComplexElement* child);
-  /// Destroys all children and adds this one, as AddChild() does.
+  /// Destroys all children and adds this one, as AddChild() does. Null adds none.
   virtual void SetOnlyChild(ZrXMLComplexElement* child);
   virtual bool IsTextNode() const;
   virtual const std::string& Name() const;
   /// Appends every node of that name among this one and those up to depth levels below, in document
   /// order: 0 looks at this node alone, 1 at its children too. Throws ZrException "Nullelement"
-  /// when it meets a child slot that is just being cleared (searching from a ChildRemoved hook).
+  /// where children are just being deleted (searching from a ChildRemoved hook).
   virtual void FindByName(std::string_view name, ZrXMLNodeList& list, std::size_t depth);
   /// The first, second and third child that is no "procinst" or "comment" and, with skipText, no
   /// "xmltext"; null if there is none.
@@ -131,16 +140,22 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   /// Inserts the child in front and takes it over, whether the element is closed or not; null is
   /// returned unchanged. Passes on what ChildAdded() throws, after it inserted.
   ZrXMLComplexElement* AddChildFront(ZrXMLComplexElement* child);
+  /// Inserts the child in front of another one, the end for null, and takes it over, as AddChild()
+  /// does. Throws ZrException "not a child" when `before` is none.
+  ZrXMLComplexElement* InsertChild(ZrXMLComplexElement* before, ZrXMLComplexElement* child);
   /// Takes the child out without destroying it: the caller owns it again and its parent is null.
   /// False when it is no child.
   bool RemoveChild(ZrXMLComplexElement* child);
 
   /// The element that holds this one, null for a root.
   ZrXMLComplexElement* Parent() const { return (flags_ & kOrphan) != 0 ? nullptr : link_.parent; }
+  /// The nodes beside this one; null at the ends and for a root.
+  ZrXMLComplexElement* NextSibling() const { return Parent() != nullptr ? next_ : nullptr; }
+  ZrXMLComplexElement* PreviousSibling() const { return Parent() != nullptr ? previous_ : nullptr; }
   /// This node as an element with attributes, null when it is of another class; costs nothing.
   inline ZrXMLGenericElement* AsGeneric();
   inline const ZrXMLGenericElement* AsGeneric() const;
-  /// The children; an entry is null only while that child is being destroyed.
+  /// The children, without one that is just being destroyed.
   const ZrChildList& Children() const {
     return body_ != nullptr ? body_->children : kNoBody.body.children;
   }
@@ -160,27 +175,43 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     node->link_.parent = parent;
   }
   void SetError(const char* text);
+  /// Counts the calls of Write() that stand in each other. Throws as Write() does.
+  class WriteCall {
+   public:
+    WriteCall();
+    WriteCall(const WriteCall&) = delete;
+    WriteCall& operator=(const WriteCall&) = delete;
+    ~WriteCall() { --depth; }
+
+   private:
+    static thread_local constinit unsigned depth;
+  };
+  /// Writes what stands behind the last child.
+  void WriteEnd(std::ostream& stream, bool lineBreak) const;
   /// Writes the end of the start tag. False when that is all of the element: it has no end tag.
   bool EndStartTag(zr::TagWriter& tag) const;
   void MarkGeneric() { SetFlag(kGeneric, true); }
   /// The stored value, as Value("") of this class answers it.
   const std::string& StoredValue() const { return Extras().value(); }
+  /// Throws when the node may not be put below this element, see the head of this file.
+  void RequireFree(const ZrXMLComplexElement& node) const;
   /// Puts newChild in the place of oldChild, calls ChildAdded() for it and destroys oldChild, also
-  /// when ChildAdded() throws. False, and nothing happens, when oldChild is no child.
-  bool ExchangeChild(const ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild);
+  /// when ChildAdded() throws. ChildRemoved() was called at the stamp of the list; false, and
+  /// nothing happens, when that took oldChild away.
+  bool ExchangeChild(ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild,
+                     std::uint32_t stamp);
   /// Destroys the child in the way of the Delete operations: hook, slot cleared, child destroyed.
-  /// The slot itself stays, holding null.
-  void DestroyChildInPlace(std::size_t index);
+  void DestroyChild(ZrXMLComplexElement* child);
   /// For ZrXMLGenericElement; null while no attribute was ever entered.
   ZrAttributeMap* Attributes() const { return body_ != nullptr ? &body_->attributes : nullptr; }
   ZrAttributeMap& MakeAttributes() { return MakeBody().attributes; }
-  /// Whether typed members are still to be entered, see ZrXMLGenericElement::EnterMembers().
-  bool MembersDeferred() const { return (flags_ & kMembersDeferred) != 0; }
-  void SetMembersDeferred(bool deferred) { SetFlag(kMembersDeferred, deferred); }
-  void EraseSlot(std::size_t index) { body_->children.Erase(index); }
+  /// Whether typed members stand beside the map, see ZrXMLGenericElement::ApartMembers().
+  bool MembersApart() const { return (flags_ & kMembersApart) != 0; }
+  void SetMembersApart(bool apart) { SetFlag(kMembersApart, apart); }
 
  private:
   friend class ZrChildList;
+  friend class ZrChildList::Iterator;
 
   // What the leaves of a document, most of its nodes, do not have.
   struct Body : ZrInNodeMemory {
@@ -206,7 +237,8 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     kError = 8,
     kGeneric = 16,
     kOrphan = 32,  // is being destroyed by an element further up, link_ names its graveyard
-    kMembersDeferred = 64,
+    kMembersApart = 64,
+    kTold = 128,  // SetOnlyChild() called ChildRemoved()
   };
   const ZrElementExtras& Extras() const {
     return body_ != nullptr ? body_->extras : kNoBody.body.extras;
@@ -215,6 +247,20 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     if (body_ == nullptr) body_ = new Body;
     return *body_;
   }
+  // Whether the child is still there after a hook that was called at the stamp.
+  bool StillHolds(const ZrXMLComplexElement* child, std::uint32_t stamp) const {
+    return Children().Stamp() == stamp || Children().Holds(child);
+  }
+  void Link(ZrXMLComplexElement* before, ZrXMLComplexElement* child) {
+    MakeBody().children.Insert(before, child);
+    child->SetFlag(kTold, false);
+    child->link_.parent = this;
+  }
+  void Unlink(ZrXMLComplexElement* child) {
+    body_->children.Erase(child);
+    child->link_.parent = nullptr;
+  }
+  bool WriteStart(std::ostream& stream) const;
   bool IsGeneric() const { return (flags_ & kGeneric) != 0; }
   void SetFlag(unsigned flag, bool on) { flags_ = on ? flags_ | flag : flags_ & ~flag; }
   ZrXMLComplexElement* ContentChild(bool skipText, int index);
@@ -224,6 +270,37 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     ZrXMLComplexElement* parent;
     ZrChildList::Graveyard* graveyard;
   } link_{nullptr};
+  ZrXMLComplexElement* next_ = nullptr;  // among the parent's children
+  ZrXMLComplexElement* previous_ = nullptr;
   Body* body_ = nullptr;
   unsigned flags_;
 };
+
+inline ZrChildList::Iterator& ZrChildList::Iterator::operator++() {
+  node_ = node_->next_;
+  return *this;
+}
+inline ZrChildList::Iterator& ZrChildList::Iterator::operator--() {
+  node_ = node_ != nullptr ? node_->previous_ : list_->last_;
+  return *this;
+}
+inline void ZrChildList::Insert(ZrXMLComplexElement* before, ZrXMLComplexElement* child) {
+  ZrXMLComplexElement* const previous = before != nullptr ? before->previous_ : last_;
+  child->previous_ = previous;
+  child->next_ = before;
+  (previous != nullptr ? previous->next_ : first_) = child;
+  (before != nullptr ? before->previous_ : last_) = child;
+  ++size_;
+  ++stamp_;
+}
+inline void ZrChildList::Erase(ZrXMLComplexElement* child) {
+  (child->previous_ != nullptr ? child->previous_->next_ : first_) = child->next_;
+  (child->next_ != nullptr ? child->next_->previous_ : last_) = child->previous_;
+  child->next_ = child->previous_ = nullptr;
+  --size_;
+  ++stamp_;
+}
+inline void ZrChildList::Exchange(ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild) {
+  Insert(oldChild, newChild);
+  Erase(oldChild);
+}

@@ -30,7 +30,7 @@ void ZrXMLGenericElement::WriteBeforeEndTag(std::ostream&) const {}
 
 void ZrXMLGenericElement::CollectElementChildren(ZrXMLElementList& list) {
   for (ZrXMLComplexElement* child : Children()) {
-    if (child != nullptr && child->AsGeneric() != nullptr) list.push_back(child->AsGeneric());
+    if (child->AsGeneric() != nullptr) list.push_back(child->AsGeneric());
   }
 }
 
@@ -49,7 +49,11 @@ void ZrXMLGenericElement::AssignAttributeText(const std::string& text) {
 }
 
 bool ZrXMLGenericElement::SetAttribute(ZrNameView name, std::string_view value) {
-  ZrAttributeMap::Owner& owner = MakeEntered().Obtain(name).owner;
+  if (ZrXMLComplexAttribute2* const member = FindMember(name.text())) {
+    member->SetFromString(std::string(value));
+    return true;
+  }
+  ZrAttributeMap::Owner& owner = MakeAttributes().Obtain(name).owner;
   if (owner == nullptr) {
     // Not there so far, or there as a bare name.
     owner = std::make_unique<ZrXMLGenericAttribute>(value);
@@ -60,38 +64,63 @@ bool ZrXMLGenericElement::SetAttribute(ZrNameView name, std::string_view value) 
 }
 
 ZrXMLComplexAttribute2* ZrXMLGenericElement::Attribute(ZrNameView name) {
-  const ZrAttributeMap::Place place = MakeEntered().Obtain(name);
+  if (ZrXMLComplexAttribute2* const member = FindMember(name.text())) return member;
+  const ZrAttributeMap::Place place = MakeAttributes().Obtain(name);
   if (place.fresh) place.owner = std::make_unique<ZrXMLGenericAttribute>();
   return place.owner.get();
 }
 
+ZrXMLGenericElement::Found ZrXMLGenericElement::FindAttribute(std::string_view name) const {
+  if (const ZrXMLComplexAttribute2* const member = FindMember(name)) return {true, member};
+  const ZrAttributeMap* const attributes = Attributes();
+  const ZrAttributeMap::Owner* const owner =
+      attributes != nullptr ? attributes->Find(name) : nullptr;
+  return {owner != nullptr, owner != nullptr ? owner->get() : nullptr};
+}
+
 std::string ZrXMLGenericElement::AttributeValue(std::string_view name,
                                                 std::string_view defaultValue) const {
-  const ZrAttributeMap::Owner* const owner = FindAttribute(name);
-  if (owner == nullptr) return std::string(defaultValue);
-  if (*owner == nullptr) return {};
-  const auto plain = PlainText(**owner);
-  return plain ? std::string(*plain) : WrittenText(**owner);
+  const Found found = FindAttribute(name);
+  if (!found.there) return std::string(defaultValue);
+  if (found.attribute == nullptr) return {};
+  const auto plain = PlainText(*found.attribute);
+  return plain ? std::string(*plain) : WrittenText(*found.attribute);
 }
 
 bool ZrXMLGenericElement::AttributeEquals(std::string_view name, std::string_view value) const {
-  const ZrAttributeMap::Owner* const owner = FindAttribute(name);
-  if (owner == nullptr || *owner == nullptr) return false;
-  const auto plain = PlainText(**owner);
-  return plain ? *plain == value : WrittenText(**owner) == value;
+  const Found found = FindAttribute(name);
+  if (found.attribute == nullptr) return false;
+  if (const auto plain = PlainText(*found.attribute)) return *plain == value;
+  // What is not set writes nothing.
+  return found.attribute->IsSet() ? WrittenText(*found.attribute) == value : value.empty();
 }
 
 bool ZrXMLGenericElement::HasAttribute(std::string_view name) const {
-  return FindAttribute(name) != nullptr;
+  return FindAttribute(name).there;
+}
+
+bool ZrXMLGenericElement::HasWrittenAttribute(std::string_view name) const {
+  const Found found = FindAttribute(name);
+  return found.there && (found.attribute == nullptr || found.attribute->IsSet());
 }
 
 bool ZrXMLGenericElement::RemoveAttribute(std::string_view name) {
-  return Entered() != nullptr && Attributes()->Erase(name);
+  if (FindMember(name) != nullptr) {
+    // From here on the others stand in the map, as this one may not come back.
+    SetMembersApart(false);
+    const Members members = ApartMembers();
+    for (const Member& member : members) {
+      MakeAttributes().Obtain(*member.name).owner =
+          std::make_unique<ZrXMLComplexAttributeProxy2>(member.attribute);
+    }
+  }
+  return Attributes() != nullptr && Attributes()->Erase(name);
 }
 
 bool ZrXMLGenericElement::PutByAttribute(ZrXMLGenericElement* newElement, ZrNameView attrName,
                                          std::string_view attrValue) {
   if (newElement == nullptr) return false;
+  RequireFree(*newElement);
   if (ReplaceByAttribute(newElement, attrName, attrValue)) return true;
   newElement->SetAttribute(attrName, attrValue);
   AddChild(newElement);
@@ -100,12 +129,10 @@ bool ZrXMLGenericElement::PutByAttribute(ZrXMLGenericElement* newElement, ZrName
 
 void ZrXMLGenericElement::DeleteChildByAttribute(std::string_view attrName,
                                                  std::string_view attrValue) {
-  for (std::size_t i = 0; i < Children().size(); ++i) {
-    ZrXMLComplexElement* const child = Children()[i];
-    if (child == nullptr || child->AsGeneric() == nullptr) continue;
-    if (!child->AsGeneric()->AttributeEquals(attrName, attrValue)) continue;
-    DestroyChildInPlace(i);
-    EraseSlot(i);
+  for (ZrXMLComplexElement* child : Children()) {
+    ZrXMLGenericElement* const element = child->AsGeneric();
+    if (element == nullptr || !element->AttributeEquals(attrName, attrValue)) continue;
+    DestroyChild(child);
     return;
   }
 }
@@ -114,42 +141,31 @@ bool ZrXMLGenericElement::ReplaceByAttribute(ZrXMLGenericElement* newElement, Zr
                                              std::string_view attrValue) {
   if (newElement == nullptr) return false;
   for (ZrXMLComplexElement* child : Children()) {
-    ZrXMLGenericElement* const element = child != nullptr ? child->AsGeneric() : nullptr;
+    ZrXMLGenericElement* const element = child->AsGeneric();
     if (element == nullptr || !element->AttributeEquals(attrName.text(), attrValue)) continue;
+    RequireFree(*newElement);
+    const std::uint32_t stamp = Children().Stamp();
     ChildRemoved(element);
-    SetParent(newElement, this);
-    try {
-      newElement->SetAttribute(attrName, attrValue);
-    } catch (...) {
-      SetParent(newElement, nullptr);  // not inserted yet: still the caller's
-      throw;
-    }
-    return ExchangeChild(element, newElement);
+    newElement->SetAttribute(attrName, attrValue);
+    return ExchangeChild(element, newElement, stamp);
   }
-  for (std::size_t i = 0; i < Children().size(); ++i) {
-    ZrXMLComplexElement* const child = Children()[i];
-    if (child != nullptr && child->ReplaceByAttribute(newElement, attrName, attrValue)) return true;
+  for (ZrXMLComplexElement* child : Children()) {
+    if (child->ReplaceByAttribute(newElement, attrName, attrValue)) return true;
   }
   return false;
 }
 
 bool ZrXMLGenericElement::AddAttribute(ZrNameView name, ZrXMLComplexAttribute2* attribute) {
-  const ZrAttributeMap::Place place = MakeEntered().Obtain(name);
+  if (FindMember(name.text()) != nullptr) throw 2;
+  const ZrAttributeMap::Place place = MakeAttributes().Obtain(name);
   if (!place.fresh) throw 2;
   place.owner.reset(attribute);
   return true;
 }
 
-void ZrXMLGenericElement::EnterMembers() {}
+ZrXMLGenericElement::Members ZrXMLGenericElement::ApartMembers() const { return {}; }
 
-bool ZrXMLGenericElement::AnyMemberSet() const { return false; }
-
-void ZrXMLGenericElement::EnterDeferred() {
-  SetMembersDeferred(false);
-  EnterMembers();
-}
-
-void ZrXMLGenericElement::Write(std::ostream& stream) const {
+bool ZrXMLGenericElement::WriteStart(std::ostream& stream) const {
   WritePrologue(stream);
   zr::TagWriter tag(stream);
   tag << '<' << Name();
@@ -165,17 +181,38 @@ void ZrXMLGenericElement::Write(std::ostream& stream) const {
     }
     tag << '"';
   });
-  if (!EndStartTag(tag)) return;
+  if (!EndStartTag(tag)) return false;
   WriteAfterStartTag(stream);
+  return true;
+}
+
+// Goes down into plain elements by itself, so that a document of any depth takes no stack; a class
+// of its own may write itself in its own way and is called.
+void ZrXMLGenericElement::Write(std::ostream& stream) const {
+  const WriteCall call;
+  if (!WriteStart(stream)) return;
+  const ZrXMLGenericElement* open = this;
+  const ZrXMLComplexElement* child = Children().front();
   bool previousOwnLine = true;
-  for (const ZrXMLComplexElement* child : Children()) {
-    const bool ownLine = child->OwnLine();
-    if (ownLine && previousOwnLine) zr::Put(stream, "\n");
-    child->Write(stream);
-    previousOwnLine = child->OwnLine();
+  for (;;) {
+    while (child != nullptr) {
+      if (child->OwnLine() && previousOwnLine) zr::Put(stream, "\n");
+      if (typeid(*child) != typeid(ZrXMLGenericElement)) {
+        child->Write(stream);
+      } else if (child->AsGeneric()->WriteStart(stream)) {
+        open = child->AsGeneric();
+        child = open->Children().front();
+        previousOwnLine = true;
+        continue;
+      }
+      previousOwnLine = child->OwnLine();
+      child = child->NextSibling();
+    }
+    open->WriteBeforeEndTag(stream);
+    open->WriteEnd(stream, !open->Children().empty() && previousOwnLine);
+    if (open == this) return;
+    previousOwnLine = open->OwnLine();
+    child = open->NextSibling();
+    open = open->Parent()->AsGeneric();
   }
-  WriteBeforeEndTag(stream);
-  if (!Children().empty() && previousOwnLine) tag << '\n';
-  tag << "</" << Name() << '>';
-  tag.Flush();
 }

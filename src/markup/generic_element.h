@@ -1,6 +1,7 @@
 #pragma once
 // Elements with attributes: plain XML elements are of this class, HTML elements derive from it.
 
+#include <array>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -98,23 +99,40 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
   /// Stores the object (null for a bare name) under the name and takes it over. Throws the integer
   /// 2 when the name is there already; the object then stays the caller's.
   bool AddAttribute(ZrNameView name, ZrXMLComplexAttribute2* attribute);
+  /// Whether the name is there and is written: a bare one, or one that is set.
+  bool HasWrittenAttribute(std::string_view name) const;
   /// Calls visit(const std::string& name, const ZrXMLComplexAttribute2* attribute) for every
   /// attribute in name order; the attribute is null for a bare name.
   template <class Visitor>
   void ForEachAttribute(Visitor&& visit) const {
-    if (const ZrAttributeMap* const attributes = Entered()) attributes->ForEach(visit);
+    const ZrAttributeMap* const attributes = Attributes();
+    const Members members = MembersApart() ? ApartMembers() : Members{};
+    auto member = members.begin();
+    const auto visitMember = [&] {
+      visit(*member->name, static_cast<const ZrXMLComplexAttribute2*>(member->attribute));
+      ++member;
+    };
+    if (attributes != nullptr) {
+      attributes->ForEach([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
+        while (member != members.end() && member->name != nullptr && *member->name < name) {
+          visitMember();
+        }
+        visit(name, attribute);
+      });
+    }
+    while (member != members.end() && member->name != nullptr) visitMember();
   }
   /// The same for those that are written: bare ones and those that are set.
   template <class Visitor>
   void ForEachWrittenAttribute(Visitor&& visit) const {
-    if (MembersDeferred() && !AnyMemberSet()) return;
+    if (Attributes() == nullptr && !MembersApart()) return;
     ForEachAttribute([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
       if (attribute == nullptr || attribute->IsSet()) visit(name, attribute);
     });
   }
-  /// Makes room for so many attributes.
+  /// Makes room for so many attributes, in an element that keeps all of them in its map.
   void ReserveAttributes(std::size_t count) {
-    if (count != 0) MakeEntered().Reserve(count);
+    if (count != 0 && !MembersApart()) MakeAttributes().Reserve(count);
   }
 
  protected:
@@ -125,28 +143,34 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
     SetOwnLine(ownLine);
   }
 
-  /// A class with typed members may defer entering them, with SetMembersDeferred(true) in its
-  /// constructor: EnterMembers() then enters them when the attributes are first looked at or added
-  /// to. Most nodes of a page are never asked and go without a map. A const operation may be the
-  /// first to ask. AnyMemberSet() tells whether one of them has something to write.
-  virtual void EnterMembers();
-  virtual bool AnyMemberSet() const;
+  /// A typed member that is an attribute without standing in the map.
+  struct Member {
+    const std::string* name = nullptr;
+    ZrXMLComplexAttribute2* attribute = nullptr;
+  };
+  static constexpr std::size_t kMostMembers = 3;
+  using Members = std::array<Member, kMostMembers>;
+
+  /// A class whose every node has the same few typed members keeps them apart from the map, with
+  /// SetMembersApart(true) in its constructor: most nodes of a page then go without a map. Answers
+  /// them in the order of their names, those without a name last.
+  virtual Members ApartMembers() const;
 
  private:
-  void EnterDeferred();
-  // The attributes with the members among them; null when there are none.
-  const ZrAttributeMap* Entered() const {
-    if (MembersDeferred()) const_cast<ZrXMLGenericElement*>(this)->EnterDeferred();
-    return Attributes();
+  struct Found {
+    bool there;
+    const ZrXMLComplexAttribute2* attribute;  // null for a bare name
+  };
+  Found FindAttribute(std::string_view name) const;
+  // The member of that name that is kept apart.
+  ZrXMLComplexAttribute2* FindMember(std::string_view name) const {
+    if (!MembersApart()) return nullptr;
+    for (const Member& member : ApartMembers()) {
+      if (member.name != nullptr && *member.name == name) return member.attribute;
+    }
+    return nullptr;
   }
-  ZrAttributeMap& MakeEntered() {
-    if (MembersDeferred()) EnterDeferred();
-    return MakeAttributes();
-  }
-  const ZrAttributeMap::Owner* FindAttribute(std::string_view name) const {
-    const ZrAttributeMap* const attributes = Entered();
-    return attributes != nullptr ? attributes->Find(name) : nullptr;
-  }
+  bool WriteStart(std::ostream& stream) const;
 };
 
 inline ZrXMLGenericElement* ZrXMLComplexElement::AsGeneric() {

@@ -8,7 +8,7 @@
 void ZrXMLGenericElement::FindWithAttribute(ZrXMLElementList& list, std::string_view attrName) {
   if (HasAttribute(attrName)) list.push_back(this);
   for (ZrXMLComplexElement* child : Children()) {
-    if (child != nullptr && child->AsGeneric() != nullptr) {
+    if (child->AsGeneric() != nullptr) {
       child->AsGeneric()->FindWithAttribute(list, attrName);
     }
   }
@@ -19,7 +19,7 @@ void ZrXMLGenericElement::FindWithAttributeValue(std::string_view attrName,
                                                  ZrXMLElementList& list) {
   if (AttributeEquals(attrName, attrValue)) list.push_back(this);
   for (ZrXMLComplexElement* child : Children()) {
-    if (child != nullptr && child->AsGeneric() != nullptr) {
+    if (child->AsGeneric() != nullptr) {
       child->AsGeneric()->FindWithAttributeValue(attrName, attrValue, list);
     }
   }
@@ -29,7 +29,7 @@ ZrXMLGenericElement* ZrXMLGenericElement::FirstWithAttributeValue(std::string_vi
                                                                   std::string_view attrValue) {
   if (AttributeEquals(attrName, attrValue)) return this;
   for (ZrXMLComplexElement* child : Children()) {
-    if (child == nullptr || child->AsGeneric() == nullptr) continue;
+    if (child->AsGeneric() == nullptr) continue;
     ZrXMLGenericElement* const found =
         child->AsGeneric()->FirstWithAttributeValue(attrName, attrValue);
     if (found != nullptr) return found;

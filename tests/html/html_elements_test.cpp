@@ -62,11 +62,36 @@ TEST(HtmlElements, TextGrowsAndIsFoundAsText) {
   content.width(40);
   span.WriteText(content);
   EXPECT_EQ(content.str(), "1 < 2 & more");
-  EXPECT_TRUE(span.Children()[1]->IsTextNode());
+  EXPECT_TRUE(span.Children().back()->IsTextNode());
   EXPECT_TRUE(text.HasAttribute("id"));
   EXPECT_THROW(ZrHTML_p2().AddAttribute("style", nullptr), int);
   EXPECT_EQ(text.AddChild(nullptr), nullptr);
   EXPECT_THROW(text.Adopt(std::make_unique<ZrHTML_text2>()), ZrException);
+}
+
+// The typed members stand in no map, and nobody can tell.
+TEST(HtmlElements, MembersAreAttributesLikeOthers) {
+  ZrHTML_p2 p;
+  const auto all = [&p] {
+    std::string names;
+    p.ForEachAttribute([&](const std::string& name, const auto*) { names += name + " "; });
+    return names;
+  };
+  for (const char* name : {"z", "id", "data", "i"}) p.SetAttribute(name, name);
+  EXPECT_EQ(all(), "class data i id style z ");
+  EXPECT_EQ(p.ToText(), "<p data=\"data\" i=\"i\" id=\"id\" z=\"z\"></p>");
+  EXPECT_EQ(p.id.Text(), "id");
+  EXPECT_EQ(p.AttributeValue("class", "absent"), "");
+  EXPECT_TRUE(p.AttributeEquals("class", ""));
+  EXPECT_TRUE(p.HasAttribute("class") && !p.HasWrittenAttribute("class"));
+  p.Attribute("class")->SetFromText("c");
+  EXPECT_EQ(p.class_.Text(), "c");
+  EXPECT_TRUE(p.RemoveAttribute("id"));
+  EXPECT_FALSE(p.RemoveAttribute("id"));
+  EXPECT_EQ(all(), "class data i style z ");
+  p.SetAttribute("id", "untyped");
+  EXPECT_EQ(p.id.Text(), "id");
+  EXPECT_EQ(p.ToText(), "<p class=\"c\" data=\"data\" i=\"i\" id=\"untyped\" z=\"z\"></p>");
 }
 
 TEST(HtmlScript, BuildsTheElementInThePage) {
@@ -87,7 +112,7 @@ TEST(HtmlDocument, MakesTheFrameThatIsMissing) {
   auto* const outer = other.Adopt(std::make_unique<ZrHTML_div2>());
   auto* const html = outer->Adopt(std::make_unique<ZrHTML_html2>());
   EXPECT_EQ(&other.HtmlRoot(), html);
-  EXPECT_EQ(other.Children()[0]->Name(), "HTMLDoctype");
+  EXPECT_EQ(other.Children().front()->Name(), "HTMLDoctype");
   EXPECT_EQ(other.Children().size(), 2u);
   auto* const body =
       html->Adopt(std::make_unique<ZrHTML_div2>())->Adopt(std::make_unique<ZrHTML_body2>());
