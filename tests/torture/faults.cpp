@@ -91,6 +91,11 @@ ZR_WRAP(kPollerChange, int, epoll_ctl, (int a, int b, int c, epoll_event* d), a,
 ZR_WRAP(kPollerWait, int, epoll_wait, (int a, epoll_event* b, int c, int d), a, b, c, d)
 ZR_WRAP(kPoll, int, poll, (pollfd * a, nfds_t b, int c), a, b, c)
 
+ZR_WRAP(kSync, int, fsync, (int a), a)
+ZR_WRAP(kRename, int, rename, (const char* a, const char* b), a, b)
+ZR_WRAP(kOpen, int, mkostemp, (char* a, int b), a, b)
+ZR_WRAP(kSpawn, pid_t, fork, ())
+
 #define ZR_WRAP_MOVE(call, name, parameters, length, ...)                        \
   extern "C" ssize_t __real_##name parameters;                                   \
   extern "C" ssize_t __wrap_##name parameters;                                   \

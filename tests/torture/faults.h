@@ -33,6 +33,8 @@ enum class Call {
   kSpawn,
   kSystem,
   kThread,
+  kSync,
+  kRename,
   kMemory
 };
 

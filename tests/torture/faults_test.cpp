@@ -13,6 +13,8 @@
 #include "handlers/static_files.h"
 #include "http/protocol_kind.h"
 #include "http/server_head.h"
+#include "platform/detached.h"
+#include "platform/filesystem.h"
 #include "tests/support/asking_client.h"
 #include "tests/torture/bed.h"
 #include "tests/torture/faults.h"
@@ -206,6 +208,7 @@ TEST_P(Faults, LeaveNothingBehind) {
   const Case& c = GetParam();
   current = &c;
   for (const int number : {SIGABRT, SIGSEGV}) signal(number, TellCurrent);
+  ForgetErrorLines();
   Answers expected;
   for (int warm = 0; warm < 2; ++warm) {
     expected.clear();
@@ -230,6 +233,43 @@ TEST_P(Faults, LeaveNothingBehind) {
     if (wrong.empty() && left.empty()) continue;
     ++failures;
     ADD_FAILURE() << c.name << ", time " << n << ": " << wrong << left;
+  }
+  EXPECT_GT(currentTurn, 1u) << "no such call is made";
+}
+
+// A file that is replaced has all of its old bytes or all of its new ones, and nothing beside it.
+TEST(Storage, IsWholeOrUnchanged) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Path("kept");
+  const std::string texts[] = {std::string(5000, 'a'), std::string(7000, 'b')};
+  for (const auto& [call, error] : {std::pair{Call::kWrite, ENOSPC},
+                                    {Call::kWrite, EINTR},
+                                    {Call::kWrite, kOneByte},
+                                    {Call::kSync, EIO},
+                                    {Call::kRename, EIO},
+                                    {Call::kOpen, EMFILE}}) {
+    bool struck = true;
+    for (std::size_t n = 1; struck; ++n) {
+      SCOPED_TRACE(std::to_string(static_cast<int>(call)) + " time " + std::to_string(n));
+      ASSERT_EQ(zr::ReplaceFile(path, texts[0], 0600), 0);
+      Arm(call, error, n);
+      const bool replaced = zr::ReplaceFile(path, texts[1], 0600) == 0;
+      struck = Disarm();
+      EXPECT_EQ(ReadFile(path), texts[replaced ? 1 : 0]);
+      EXPECT_EQ(Counts::NamesIn(folder.Path()), 1u);
+      EXPECT_TRUE(struck || replaced);
+    }
+  }
+}
+
+TEST(DetachedPrograms, AreStartedOrRefused) {
+  for (const auto& [call, error] :
+       {std::pair{Call::kSpawn, EAGAIN}, {Call::kPipe, EMFILE}, {Call::kRead, EINTR}}) {
+    const Counts before = Counts::OfProcess();
+    Arm(call, error, 1);
+    EXPECT_EQ(zr::StartDetachedProgram("true", {}), call == Call::kRead);
+    EXPECT_TRUE(Disarm());
+    EXPECT_TRUE(WaitFor([&] { return Counts::OfProcess().MoreThan(before).empty(); }));
   }
 }
 
