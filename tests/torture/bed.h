@@ -1,0 +1,134 @@
+#pragma once
+// What the tests of misbehaving peers share: servers of every protocol in this process, with a
+// clock that the test moves; a count of all that a peer can leave behind; and a bystander, another
+// client that is served all the while and must not notice.
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "handlers/cgi.h"
+#include "handlers/static_files.h"
+#include "jobs/scheduler.h"
+#include "tests/support/asking_client.h"
+#include "tests/support/left_behind.h"
+#include "tests/support/manual_clock.h"
+#include "tests/support/temporary_folder.h"
+#include "transceiver/transceiver.h"
+
+namespace zrtest {
+
+// The sanitizers slow everything down, ThreadSanitizer about tenfold.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr int kSlowness = 10;
+#else
+inline constexpr int kSlowness = 1;
+#endif
+/// What nobody may leave behind longer than that, and what no bystander may wait.
+inline constexpr std::chrono::milliseconds kSettleLimit{1000 * kSlowness};
+inline constexpr std::chrono::milliseconds kBystanderLimit{100 * kSlowness};
+
+/// Time limits of the server are all shorter than that.
+inline constexpr std::chrono::seconds kAllLimits{1100};
+
+/// Whether the long cells are asked for, too (VELKORO_TORTURE is set).
+bool Torture();
+
+/// Asks for a small file over and over, on a connection that it keeps.
+class Bystander {
+ public:
+  explicit Bystander(int port);
+  ~Bystander();
+  /// The longest wait since the last question, in milliseconds; a failure counts as a minute.
+  std::int64_t TakeWorst() { return worst_.exchange(0) / 1'000'000; }
+  /// While this is held no request of the bystander is under way.
+  ZrMutex turn;
+
+ private:
+  void Loop();
+  const int port_;
+  std::atomic<std::int64_t> worst_{0};
+  std::atomic<bool> ended_{false};
+  std::thread thread_;
+};
+
+/// Files, pages, programs and requests of our own; DirectSocket bytes are sent back.
+class TortureClient : public AskingClient {
+ public:
+  using AskingClient::AskingClient;
+  int HandleMessage(const std::string& name, std::shared_ptr<ZrXHeader> message) override;
+};
+
+class TortureBed {
+ public:
+  static constexpr std::size_t kBigSize = 8 << 20;  // more than the sockets between take
+
+  TortureBed();
+  ~TortureBed();
+
+  int Port(std::uint32_t kind) const { return ports_.at(kind); }
+  /// Waits until a connection has come besides the bystander's.
+  bool WaitForAnother();
+  /// Time goes on for the server, but not while it has a request of the bystander.
+  void Pass(std::chrono::seconds time);
+  /// Longer than any limit; whether no connection is left then besides the bystander's.
+  bool PassAllLimits();
+  /// Runs one cell: `body` gets a peer into a moment, has it misbehave and go away, and says what
+  /// was wrong, if anything. Reports that, what was left behind, and a bystander that had to wait.
+  /// A cell that was only slow is repeated twice, as the machine may have been busy.
+  template <class Body>
+  std::string RunCell(Body body) {
+    std::string slow;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      std::string wrong = body();
+      wrong += Settle(slow = {});
+      if (!wrong.empty() || slow.empty()) return wrong;
+    }
+    return slow;
+  }
+  /// The program that waits at the gate.
+  const std::string& GatePath() const { return gate_; }
+
+  ManualClock clock{1'000'000};
+  std::shared_ptr<TortureClient> client;
+
+ private:
+  class Pages;
+  Counts Count();
+  std::string Settle(std::string& slow);
+  bool IsIdle();
+  void WarmUp();
+
+  const TemporaryFolder folder_;
+  const std::string gate_;
+  ZrRinvalScheduler2 scheduler_;
+  const std::unique_ptr<ZrRequestApplication> pages_;
+  const std::shared_ptr<ZrCgi> scripts_;
+  ZrMutex portLock_;
+  std::map<std::uint32_t, int> ports_;  // complete before the first cell
+  std::atomic<int> listening_{0};
+  ZrTransceiver transceiver_;
+  std::unique_ptr<Bystander> bystander_;
+  Counts before_;
+};
+
+/// The gate that the program /cgi-bin/gate waits at, opened by the test.
+class Gate {
+ public:
+  explicit Gate(std::string path) : path_(std::move(path)) {}
+  /// Waits until the program stands at the gate.
+  bool WaitForProgram();
+  void Open();
+  /// Whether the program has gone without having been let through.
+  bool WaitUntilGone();
+
+ private:
+  const std::string path_;
+  ZrDescriptor end_;
+};
+
+}  // namespace zrtest
