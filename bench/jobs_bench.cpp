@@ -4,8 +4,11 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
+#include <vector>
 
 #include "jobs/job.h"
 #include "jobs/job_registry.h"
@@ -14,6 +17,32 @@
 #include "platform/sync.h"
 
 namespace {
+std::atomic<std::uint64_t> allocated{0};
+}
+
+void* operator new(std::size_t size) {
+  allocated.fetch_add(1, std::memory_order_relaxed);
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace {
+
+/// Reports the heap allocations of a turn.
+class Allocations {
+ public:
+  explicit Allocations(benchmark::State& state) : state_(state), before_(allocated) {}
+  ~Allocations() {
+    state_.counters["allocations"] = benchmark::Counter(static_cast<double>(allocated - before_),
+                                                        benchmark::Counter::kAvgIterations);
+  }
+
+ private:
+  benchmark::State& state_;
+  const std::uint64_t before_;
+};
 
 class CountingJob : public ZrJob {
  public:
@@ -49,6 +78,7 @@ void NameMaking(benchmark::State& state) {
 BENCHMARK(NameMaking);
 
 void JobAlone(benchmark::State& state) {
+  const Allocations count(state);
   for (auto _ : state) benchmark::DoNotOptimize(zr::MakeJob<ZrJob>());
 }
 BENCHMARK(JobAlone);
@@ -59,6 +89,7 @@ void HeadLife(benchmark::State& state) {
   ZrJob server;
   const std::string task = owner.CreateJoinedTask("receive_");
   server.Attach(task);
+  const Allocations count(state);
   for (auto _ : state) {
     const auto head = zr::MakeJob<ZrJob>();
     head->Attach(task);
@@ -67,10 +98,23 @@ void HeadLife(benchmark::State& state) {
 }
 BENCHMARK(HeadLife);
 
+// A member comes and goes, on several threads in tasks of their own.
+void JoinAndLeave(benchmark::State& state) {
+  ZrJob owner;
+  ZrJob member;
+  const std::string task = owner.CreateJoinedTask("receive_");
+  for (auto _ : state) {
+    member.Attach(task);
+    member.Detach("");
+  }
+}
+BENCHMARK(JoinAndLeave)->ThreadRange(1, 4)->UseRealTime();
+
 // The whole of a joined task: made, joined by another job, closed by its owner.
 void JoinedTask(benchmark::State& state) {
   ZrJob owner;
   ZrJob member;
+  const Allocations count(state);
   for (auto _ : state) {
     const std::string task = owner.CreateJoinedTask("send_");
     member.Attach(task);
@@ -82,11 +126,26 @@ BENCHMARK(JoinedTask);
 void DeliverInline(benchmark::State& state) {
   const auto job = zr::MakeJob<CountingJob>();
   job->CreateJoinedTask("");
+  const Allocations count(state);
   for (auto _ : state) {
     ZrJobRegistry::Instance().Deliver(job->JobName(), DataArrived(job->JobName()));
   }
 }
 BENCHMARK(DeliverInline);
+
+// The events of so many connections of one server, as one wait of the receive job brings them.
+void DeliverBatch(benchmark::State& state) {
+  const auto job = zr::MakeJob<CountingJob>();
+  job->CreateJoinedTask("");
+  const Allocations count(state);
+  for (auto _ : state) {
+    std::vector<ZrJobEvent> events;
+    for (int i = 0; i < state.range(0); ++i) events.push_back(DataArrived(job->JobName()));
+    ZrJobRegistry::Instance().Deliver(job->JobName(), std::move(events));
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(DeliverBatch)->Arg(1)->Arg(8)->Arg(64);
 
 // One event over the delivery thread and the wait for it: two wake-ups.
 void PostRoundTrip(benchmark::State& state) {

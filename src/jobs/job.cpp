@@ -1,6 +1,8 @@
 #include "jobs/job.h"
 
 #include <array>
+#include <memory>
+#include <utility>
 
 #include "jobs/job_registry.h"
 #include "jobs/named_id_source.h"
@@ -8,7 +10,7 @@
 namespace {
 
 ZrNamedIdSource& JobNames() {
-  static ZrNamedIdSource source("_job");
+  static ZrNamedIdSource source(ZrJobRegistry::kJobPrefix);
   return source;
 }
 
@@ -22,9 +24,22 @@ struct CommonError {
 
 }  // namespace
 
-ZrJob::ZrJob() : jobName_(JobNames().MakeName()) {}
+ZrJob::ZrJob() : jobNumber_(JobNames().MakeNumber()) {}
 
-ZrJob::~ZrJob() { Retire(); }
+ZrJob::~ZrJob() {
+  Retire();
+  delete jobName_.load();
+}
+
+const std::string& ZrJob::JobName() const {
+  const std::string* name = jobName_.load(std::memory_order_acquire);
+  if (name) return *name;
+  // Of two that write it at once, the first one's stays.
+  auto written = std::make_unique<const std::string>(
+      ZrNamedIdSource::NameOf(ZrJobRegistry::kJobPrefix, jobNumber_));
+  if (!jobName_.compare_exchange_strong(name, written.get())) return *name;
+  return *written.release();
+}
 
 bool ZrJob::ReceiveEvent(const ZrJobEvent& /*event*/) { return true; }
 
@@ -37,10 +52,10 @@ std::string ZrJob::CreateJoinedTask(std::string_view text) {
 }
 
 bool ZrJob::LeaveJoinedTask(std::string_view task) {
-  return ZrJobRegistry::Instance().Leave(task, jobName_);
+  return ZrJobRegistry::Instance().Leave(task, *this);
 }
 
-bool ZrJob::LeaveAllJoinedTasks() { return ZrJobRegistry::Instance().LeaveAll(jobName_); }
+bool ZrJob::LeaveAllJoinedTasks() { return ZrJobRegistry::Instance().LeaveAll(*this); }
 
 bool ZrJob::SetState(std::uint32_t state) {
   {
@@ -55,28 +70,32 @@ bool ZrJob::SetState(std::uint32_t state) {
 }
 
 bool ZrJob::Attach(std::string_view task) {
+  const auto number = ZrJobRegistry::TaskNumber(task);
   {
     const ZrLock hold(stateLock_);
-    attachedTask_ = task;
+    attachedTask_ = number.value_or(kNoTask);
+    attachedName_ = number ? std::string_view() : task;
   }
-  return ZrJobRegistry::Instance().Join(task, *this);
+  return number && ZrJobRegistry::Instance().Join(*number, *this);
 }
 
 bool ZrJob::Detach(std::string_view task) {
   if (!task.empty()) return LeaveJoinedTask(task);
-  std::string attached;
+  std::int64_t number = kNoTask;
+  std::string name;
   {
     const ZrLock hold(stateLock_);
-    attached.swap(attachedTask_);
+    number = std::exchange(attachedTask_, kNoTask);
+    name.swap(attachedName_);
   }
-  return LeaveJoinedTask(attached);
+  return LeaveJoinedTask(number == kNoTask ? name : ZrJobRegistry::TaskName(number));
 }
 
 std::string ZrJob::CreateJoinedTaskFor(std::string_view text) { return CreateJoinedTask(text); }
 
 std::string ZrJob::AttachedTask() const {
   const ZrLock hold(stateLock_);
-  return attachedTask_;
+  return attachedTask_ == kNoTask ? attachedName_ : ZrJobRegistry::TaskName(attachedTask_);
 }
 
 std::string ZrJob::CommonErrorName() {

@@ -61,8 +61,9 @@ class ZrJob {
   /// The name remembered by Attach(), empty when there is none.
   virtual std::string AttachedTask() const ZR_EXCLUDES(stateLock_);
 
-  /// The job's name; constant for its life.
-  const std::string& JobName() const noexcept { return jobName_; }
+  /// The job's name; constant for its life. It is written when it is first asked for: most message
+  /// heads live and die without.
+  const std::string& JobName() const;
   /// The name that stands for "no name" where an operation created or sent nothing. One per
   /// process, in the format of job names.
   static std::string CommonErrorName();
@@ -92,16 +93,19 @@ class ZrJob {
 
  private:
   friend class ZrJobRegistry;
+  static constexpr std::int64_t kNoTask = -1;
 
   // Constant after construction.
-  const std::string jobName_;
-  std::function<bool()> stateGuard_;  // empty approves everything
+  const std::int64_t jobNumber_;
+  mutable std::atomic<const std::string*> jobName_{nullptr};  // the number's name once it was asked
+  std::function<bool()> stateGuard_;                          // empty approves everything
 
   // Guarded by stateLock_; states are read without it.
   mutable ZrMutex stateLock_;
   std::atomic<std::uint32_t> state_{0};
   std::atomic<std::uint32_t> requestedState_{0};
-  std::string attachedTask_ ZR_GUARDED_BY(stateLock_);
+  std::int64_t attachedTask_ ZR_GUARDED_BY(stateLock_) = kNoTask;  // by number where it has one
+  std::string attachedName_ ZR_GUARDED_BY(stateLock_);             // a name that is no task's
 
   // The registry's. The link is made, under its lock, when the job first joins a task.
   std::shared_ptr<ZrJobLink> link_;

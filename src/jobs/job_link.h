@@ -17,29 +17,32 @@ struct ZrJobRegistry::Entry {
 };
 
 /// One job in one joined task; stands in two lists, the job's and the task's, and is owned by both
-/// together: RemoveMember() takes it out of both and deletes it.
+/// together: RemoveMember() takes it out of both and gives it back.
 struct ZrJobRegistry::Membership {
-  ZrJobLink* job;
-  Task* task;
+  ZrJobLink* job = nullptr;
+  Task* task = nullptr;
   Membership* nextOfJob = nullptr;
   Membership* previousOfJob = nullptr;
   Membership* nextOfTask = nullptr;
   Membership* previousOfTask = nullptr;
 };
 
-/// A joined task. The owner is known by name only: it may leave, and go, before the task does.
+/// A joined task. The owner is known by number only: it may leave, and go, before the task does.
 struct ZrJobRegistry::Task {
-  std::string name;
+  std::int64_t number;
+  std::int64_t owner;
   std::string text;
-  std::string ownerName;
+  Task* nextListed = nullptr;
   Membership* members = nullptr;
   std::size_t memberCount = 0;
 };
 
 /// The registry's end of a job.
 struct ZrJobLink {
-  explicit ZrJobLink(ZrJob* linked) : job(linked) {}
+  ZrJobLink(ZrJob* linked, std::int64_t name) : number(name), job(linked) {}
 
+  const std::int64_t number;  // of the job's name
+  ZrJobLink* nextListed = nullptr;
   ZrJob* job;               // null once the job has retired
   bool delivering = false;  // an event is being delivered to the job
   bool parked = false;      // the job was busy; its events gather in `backlog` until it is free
@@ -47,4 +50,5 @@ struct ZrJobLink {
   std::size_t pending = 0;  // events for the job in the queue and in `backlog`
   std::list<ZrJobRegistry::Entry> backlog;           // older than all its events in the queue
   ZrJobRegistry::Membership* memberships = nullptr;  // empty: the job is not listed
+  ZrJobRegistry::Membership first;  // most jobs are in one task: `job` is null while it is free
 };

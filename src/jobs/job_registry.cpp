@@ -16,8 +16,10 @@
 
 namespace {
 
+constexpr std::string_view kTaskPrefix = "joinedtask";
+
 ZrNamedIdSource& TaskNames() {
-  static ZrNamedIdSource source("joinedtask");
+  static ZrNamedIdSource source(kTaskPrefix);
   return source;
 }
 
@@ -52,14 +54,28 @@ Membership* Find(Membership* ofTask, const Task& task, Membership* ofJob, const 
 
 ZrJobRegistry::ZrJobRegistry() = default;
 
+std::optional<std::int64_t> ZrJobRegistry::TaskNumber(std::string_view name) {
+  return ZrNamedIdSource::NumberOf(kTaskPrefix, name);
+}
+
+std::string ZrJobRegistry::TaskName(std::int64_t number) {
+  return ZrNamedIdSource::NameOf(kTaskPrefix, number);
+}
+
 void ZrJobRegistry::AddMember(Task& task, ZrJob& job) {
-  if (!job.link_) job.link_ = std::make_shared<ZrJobLink>(&job);
+  if (!job.link_) job.link_ = std::make_shared<ZrJobLink>(&job, job.jobNumber_);
   ZrJobLink& link = *job.link_;
   if (Find(task.members, task, link.memberships, link)) return;
-  auto member = std::make_unique<Membership>(Membership{&link, &task});
-  if (!link.memberships) jobs_.emplace(job.jobName_, job.link_);
-  PushFront<&Membership::nextOfJob, &Membership::previousOfJob>(link.memberships, member.get());
-  PushFront<&Membership::nextOfTask, &Membership::previousOfTask>(task.members, member.release());
+  Membership* const member = link.first.job ? new Membership : &link.first;
+  try {
+    if (!link.memberships) jobs_.Enter(link);
+  } catch (...) {
+    if (member != &link.first) delete member;
+    throw;
+  }
+  *member = {&link, &task};
+  PushFront<&Membership::nextOfJob, &Membership::previousOfJob>(link.memberships, member);
+  PushFront<&Membership::nextOfTask, &Membership::previousOfTask>(task.members, member);
   ++task.memberCount;
 }
 
@@ -68,8 +84,12 @@ void ZrJobRegistry::RemoveMember(Membership* member) {
   Unlink<&Membership::nextOfJob, &Membership::previousOfJob>(link.memberships, member);
   Unlink<&Membership::nextOfTask, &Membership::previousOfTask>(member->task->members, member);
   --member->task->memberCount;
-  delete member;
-  if (!link.memberships) jobs_.erase(link.job->jobName_);
+  if (member == &link.first) {
+    member->job = nullptr;
+  } else {
+    delete member;
+  }
+  if (!link.memberships) jobs_.TakeOut(link);
 }
 
 void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
@@ -78,7 +98,7 @@ void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
     ZrJobLink& last = *task.members->job;
     std::list<Entry> entry(1);
     entry.front().target = last.job->link_;
-    entry.front().event.jobName = last.job->jobName_;
+    entry.front().event.jobName = last.job->JobName();
     entry.front().event.text = text;
     entry.front().event.code = kZrEventLastMember;
     Queue(entry, false);
@@ -88,66 +108,94 @@ void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
 }
 
 std::string ZrJobRegistry::Create(ZrJob& owner, std::string_view text) {
-  auto task = std::make_unique<Task>();
-  task->name = TaskNames().MakeName();
-  task->text = text;
-  task->ownerName = owner.jobName_;
-  std::string name = task->name;
+  auto task = std::make_unique<Task>(Task{
+      .number = TaskNames().MakeNumber(), .owner = owner.jobNumber_, .text = std::string(text)});
+  std::string name = TaskName(task->number);
   const ZrLock hold(lock_);
   if (owner.link_ && !owner.link_->job) return {};
   StartDelivery();
-  Task& entered = *task;
-  tasks_.emplace(entered.name, std::move(task));
+  tasks_.Enter(*task);
+  Task& entered = *task.release();
   AddMember(entered, owner);
   return name;
 }
 
 bool ZrJobRegistry::Join(std::string_view task, ZrJob& job) {
+  const auto number = TaskNumber(task);
+  return number && Join(*number, job);
+}
+
+bool ZrJobRegistry::Join(std::int64_t task, ZrJob& job) {
   const ZrLock hold(lock_);
-  const auto found = tasks_.find(task);
-  if (found == tasks_.end() || (job.link_ && !job.link_->job)) return false;
-  AddMember(*found->second, job);
+  Task* const found = tasks_.Find(task);
+  if (!found || (job.link_ && !job.link_->job)) return false;
+  AddMember(*found, job);
   return true;
 }
 
+void ZrJobRegistry::EndTask(Task& task) {
+  tasks_.TakeOut(task);
+  delete &task;
+}
+
 bool ZrJobRegistry::Leave(std::string_view task, std::string_view jobName) {
+  const auto job = ZrNamedIdSource::NumberOf(kJobPrefix, jobName);
+  return job && LeaveBy(task, *job);
+}
+
+bool ZrJobRegistry::Leave(std::string_view task, const ZrJob& job) {
+  return LeaveBy(task, job.jobNumber_);
+}
+
+bool ZrJobRegistry::LeaveBy(std::string_view task, std::int64_t job) {
+  const auto number = TaskNumber(task);
+  if (!number) return false;
   const ZrLock hold(lock_);
-  const auto found = tasks_.find(task);
-  if (found == tasks_.end()) return false;
-  Task& left = *found->second;
-  if (jobName == left.ownerName) {
-    while (left.members) RemoveMember(left.members);
-    tasks_.erase(found);
+  Task* const left = tasks_.Find(*number);
+  if (!left) return false;
+  if (job == left->owner) {
+    while (left->members) RemoveMember(left->members);
+    EndTask(*left);
     return true;
   }
-  const auto job = jobs_.find(jobName);
-  if (job == jobs_.end()) return false;
-  Membership* const member = Find(left.members, left, job->second->memberships, *job->second);
+  const ZrJobLink* const link = jobs_.Find(job);
+  Membership* const member = link ? Find(left->members, *left, link->memberships, *link) : nullptr;
   if (!member) return false;
   RemoveMember(member);
-  if (left.memberCount == 1) TellLastMember(left, "kommt später");
-  if (left.memberCount == 0) tasks_.erase(found);
+  if (left->memberCount == 1) TellLastMember(*left, "kommt später");
+  if (left->memberCount == 0) EndTask(*left);
   return true;
 }
 
 void ZrJobRegistry::LeaveAllOf(ZrJobLink& job) {
+  const auto leave = [this, &job](Task& task) ZR_REQUIRES(lock_) {
+    RemoveMember(Find(task.members, task, job.memberships, job));
+    if (task.memberCount == 1) TellLastMember(task, "kommt später A");
+    if (task.memberCount == 0) EndTask(task);
+  };
+  if (job.memberships && !job.memberships->nextOfJob) return leave(*job.memberships->task);
   std::vector<Task*> tasks;
   for (const Membership* m = job.memberships; m; m = m->nextOfJob) tasks.push_back(m->task);
   // The notices go out in the order of the tasks' names.
-  std::sort(tasks.begin(), tasks.end(),
-            [](const Task* a, const Task* b) { return a->name < b->name; });
-  while (job.memberships) RemoveMember(job.memberships);
-  for (Task* const task : tasks) {
-    if (task->memberCount == 1) TellLastMember(*task, "kommt später A");
-    if (task->memberCount == 0) tasks_.erase(task->name);
-  }
+  std::sort(tasks.begin(), tasks.end(), [](const Task* a, const Task* b) {
+    return ZrNamedIdSource::NameStandsBefore(a->number, b->number);
+  });
+  for (Task* const task : tasks) leave(*task);
 }
 
 bool ZrJobRegistry::LeaveAll(std::string_view jobName) {
+  const auto number = ZrNamedIdSource::NumberOf(kJobPrefix, jobName);
   const ZrLock hold(lock_);
-  const auto found = jobs_.find(jobName);
-  if (found == jobs_.end()) return false;
-  LeaveAllOf(*Link(found->second));
+  ZrJobLink* const found = number ? jobs_.Find(*number) : nullptr;
+  if (!found) return false;
+  LeaveAllOf(*found);
+  return true;
+}
+
+bool ZrJobRegistry::LeaveAll(const ZrJob& job) {
+  const ZrLock hold(lock_);
+  if (!job.link_ || !job.link_->memberships) return false;
+  LeaveAllOf(*job.link_);
   return true;
 }
 
@@ -168,21 +216,23 @@ void ZrJobRegistry::Retire(ZrJob& job) noexcept {
 }
 
 std::optional<std::string> ZrJobRegistry::TaskText(std::string_view task) const {
+  const auto number = TaskNumber(task);
   const ZrLock hold(lock_);
-  const auto found = tasks_.find(task);
-  if (found == tasks_.end()) return std::nullopt;
-  return found->second->text;
+  const Task* const found = number ? tasks_.Find(*number) : nullptr;
+  if (!found) return std::nullopt;
+  return found->text;
 }
 
 ZrJobRegistry::Counts ZrJobRegistry::Count() const {
   const ZrLock hold(lock_);
-  return {jobs_.size(), tasks_.size(), events_};
+  return {jobs_.Size(), tasks_.Size(), events_};
 }
 
 void ZrJobRegistry::ReleaseTables() {
   const ZrLock hold(lock_);
-  for (const auto& [name, task] : tasks_) {
+  while (Task* const task = tasks_.Any()) {
     while (task->members) RemoveMember(task->members);
+    EndTask(*task);
   }
   // Moved from, tables keep no memory; cleared, they would.
   const auto tasks = std::move(tasks_);

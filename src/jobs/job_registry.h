@@ -16,14 +16,16 @@
 // dropped.
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 #include "jobs/job_event.h"
+#include "jobs/number_table.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
 
@@ -39,6 +41,11 @@ class ZrJobRegistry {
 
   static ZrJobRegistry& Instance();
 
+  static constexpr std::string_view kJobPrefix = "_job";
+  /// Names of joined tasks are numbers in writing; nothing for a text that is none.
+  static std::optional<std::int64_t> TaskNumber(std::string_view name);
+  static std::string TaskName(std::int64_t number);
+
   /// Makes a joined task with the owner as its first member; returns its name ("joinedtask*...").
   /// The text says what the task is for. An owner that has retired gets an empty name. Throws
   /// std::system_error when there is no thread for the delivery of events.
@@ -46,14 +53,17 @@ class ZrJobRegistry {
   /// Makes the job a member, also when it is one already. No when there is no such task or the
   /// job has retired.
   bool Join(std::string_view task, ZrJob& job) ZR_EXCLUDES(lock_);
+  bool Join(std::int64_t task, ZrJob& job) ZR_EXCLUDES(lock_);
   /// Takes the job of that name out of the task. When it is the task's owner, the task is closed
   /// for all members and nobody is told; when one member stays behind, that one is sent an event
   /// with code 6 and the text "kommt später". No for unknown tasks and for jobs that are no member.
   bool Leave(std::string_view task, std::string_view jobName) ZR_EXCLUDES(lock_);
+  bool Leave(std::string_view task, const ZrJob& job) ZR_EXCLUDES(lock_);
   /// Takes the job of that name out of all its tasks, the owner like any member; a member that
   /// stays behind alone is sent an event with code 6 and the text "kommt später A". No when it is
   /// in none.
   bool LeaveAll(std::string_view jobName) ZR_EXCLUDES(lock_);
+  bool LeaveAll(const ZrJob& job) ZR_EXCLUDES(lock_);
 
   /// Queues an event for the job of that name; without such a job it is dropped silently. Answers
   /// yes.
@@ -62,6 +72,9 @@ class ZrJobRegistry {
   /// or being delivered, its lock is free, and this thread is not delivering already; otherwise
   /// the same as Post(). The caller holds no lock.
   bool Deliver(std::string_view target, ZrJobEvent event) ZR_EXCLUDES(lock_);
+  /// The same for several events to one job, which are delivered in their order and without one of
+  /// another sender between them: the receiver is looked up and claimed once for all.
+  bool Deliver(std::string_view target, std::vector<ZrJobEvent> events) ZR_EXCLUDES(lock_);
   /// Makes the delivery thread look at its queue now.
   void WakeDelivery() ZR_EXCLUDES(lock_);
 
@@ -95,9 +108,11 @@ class ZrJobRegistry {
   ~ZrJobRegistry() = delete;
 
   // Joined tasks (job_registry.cpp).
+  bool LeaveBy(std::string_view task, std::int64_t job) ZR_EXCLUDES(lock_);
   void AddMember(Task& task, ZrJob& job) ZR_REQUIRES(lock_);
   void RemoveMember(Membership* member) ZR_REQUIRES(lock_);
   void TellLastMember(const Task& task, const char* text) ZR_REQUIRES(lock_);
+  void EndTask(Task& task) ZR_REQUIRES(lock_);
   void LeaveAllOf(ZrJobLink& job) ZR_REQUIRES(lock_);
   void Retire(ZrJob& job) noexcept ZR_EXCLUDES(lock_);
   void ReleaseTables() ZR_EXCLUDES(lock_);
@@ -105,7 +120,10 @@ class ZrJobRegistry {
   // Delivery (job_registry_delivery.cpp).
   Link FindTarget(std::string_view target) const ZR_REQUIRES(lock_);
   ZrJob* Claim(const Link& link) ZR_REQUIRES(lock_);
-  void Hand(ZrJob& job, const Link& link, const ZrJobEvent& event) noexcept ZR_EXCLUDES(lock_);
+  void Hand(ZrJob& job, const Link& link, const ZrJobEvent* events, std::size_t count) noexcept
+      ZR_EXCLUDES(lock_);
+  bool DeliverAll(std::string_view target, ZrJobEvent* events, std::size_t count)
+      ZR_EXCLUDES(lock_);
   void Park(ZrJobLink& link, std::list<Entry>& entry) ZR_REQUIRES(lock_);
   void Unpark(ZrJobLink& link) noexcept ZR_REQUIRES(lock_);
   void Resume(const Link& link) noexcept ZR_EXCLUDES(lock_);
@@ -125,9 +143,10 @@ class ZrJobRegistry {
 
   mutable ZrMutex lock_;  // guards all that follows, and the links of all jobs
 
-  // By names that live in the tasks, and in the jobs, which leave before they go.
-  std::unordered_map<std::string_view, std::unique_ptr<Task>> tasks_ ZR_GUARDED_BY(lock_);
-  std::unordered_map<std::string_view, Link> jobs_ ZR_GUARDED_BY(lock_);
+  // Tasks are owned by their table; jobs stand in theirs with their links, and leave before they
+  // go.
+  ZrNumberTable<Task> tasks_ ZR_GUARDED_BY(lock_);
+  ZrNumberTable<ZrJobLink> jobs_ ZR_GUARDED_BY(lock_);
 
   ZrCondition wake_;  // queue_ is empty no more, drain_ or stopping_ was set
   std::list<Entry> queue_ ZR_GUARDED_BY(lock_);

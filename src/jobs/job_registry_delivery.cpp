@@ -4,6 +4,7 @@
 #include "jobs/job.h"
 #include "jobs/job_link.h"
 #include "jobs/job_registry.h"
+#include "jobs/named_id_source.h"
 
 // Delivery. The queue holds all events in the order of posting. The delivery thread takes the front
 // one and claims its receiver: nobody else delivers to it, and its lock is free. A receiver that
@@ -36,8 +37,9 @@ bool ZrJobRegistry::IsDeliveredHere(const ZrJobLink& link) noexcept {
 }
 
 ZrJobRegistry::Link ZrJobRegistry::FindTarget(std::string_view target) const {
-  const auto found = jobs_.find(target);
-  return found == jobs_.end() ? nullptr : found->second;
+  const auto number = ZrNamedIdSource::NumberOf(kJobPrefix, target);
+  const ZrJobLink* const found = number ? jobs_.Find(*number) : nullptr;
+  return found ? found->job->link_ : nullptr;
 }
 
 // The lock taken here is given back by Hand(), which the analysis cannot follow.
@@ -47,13 +49,15 @@ ZrJob* ZrJobRegistry::Claim(const Link& link) ZR_NO_THREAD_SAFETY_ANALYSIS {
   return link->job;
 }
 
-void ZrJobRegistry::Hand(ZrJob& job, const Link& link,
-                         const ZrJobEvent& event) noexcept ZR_NO_THREAD_SAFETY_ANALYSIS {
+void ZrJobRegistry::Hand(ZrJob& job, const Link& link, const ZrJobEvent* events,
+                         std::size_t count) noexcept ZR_NO_THREAD_SAFETY_ANALYSIS {
   deliveredHere = link.get();
-  try {
-    job.ReceiveEvent(event);
-  } catch (...) {
-    // The event counts as delivered; its sender is long gone.
+  for (const ZrJobEvent* event = events; event != events + count; ++event) {
+    try {
+      job.ReceiveEvent(*event);
+    } catch (...) {
+      // The event counts as delivered; its sender is long gone.
+    }
   }
   deliveredHere = nullptr;
   job.lock_.unlock();
@@ -115,6 +119,15 @@ bool ZrJobRegistry::Post(std::string_view target, ZrJobEvent event) {
 }
 
 bool ZrJobRegistry::Deliver(std::string_view target, ZrJobEvent event) {
+  return DeliverAll(target, &event, 1);
+}
+
+bool ZrJobRegistry::Deliver(std::string_view target, std::vector<ZrJobEvent> events) {
+  return DeliverAll(target, events.data(), events.size());
+}
+
+bool ZrJobRegistry::DeliverAll(std::string_view target, ZrJobEvent* events, std::size_t count) {
+  if (count == 0) return true;
   Link link;
   ZrJob* job = nullptr;
   {
@@ -123,14 +136,16 @@ bool ZrJobRegistry::Deliver(std::string_view target, ZrJobEvent event) {
     if (!link || stopping_) return true;
     if (link->pending == 0 && !OnDeliveringThread()) job = Claim(link);
     if (!job) {
-      std::list<Entry> entry(1);
-      entry.front().target = std::move(link);
-      entry.front().event = std::move(event);
-      Queue(entry, true);
+      for (ZrJobEvent* event = events; event != events + count; ++event) {
+        std::list<Entry> entry(1);
+        entry.front().target = link;
+        entry.front().event = std::move(*event);
+        Queue(entry, true);
+      }
       return true;
     }
   }
-  Hand(*job, link, event);
+  Hand(*job, link, events, count);
   return true;
 }
 
@@ -177,7 +192,7 @@ void ZrJobRegistry::DeliveryLoop() {
       if (stopping_) return;
       claimed = TakeFront(taken);
     }
-    if (claimed) Hand(*claimed, taken.front().target, taken.front().event);
+    if (claimed) Hand(*claimed, taken.front().target, &taken.front().event, 1);
     taken.clear();
   }
 }

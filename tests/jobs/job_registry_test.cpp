@@ -137,6 +137,29 @@ class FragileJob : public RecordingJob {
   bool ended_ = false;
 };
 
+TEST_F(JobRegistry, SeveralEventsAreDeliveredAtOnceAndInOrder) {
+  const auto job = zr::MakeJob<RecordingJob>();
+  job->CreateJoinedTask("");
+  const auto batch = [](const char* first, const char* second) {
+    std::vector<ZrJobEvent> events;
+    for (const char* text : {first, second}) events.push_back(Event(text));
+    return events;
+  };
+  EXPECT_TRUE(registry_.Deliver(job->JobName(), batch("a", "b")));
+  EXPECT_EQ(job->Received(0).size(), 2u) << "on this thread";
+  {
+    // Busy: they wait, and what comes later waits behind them.
+    const ZrLock busy(job->Lock());
+    ZrThread::Start("sender", [&] {
+      registry_.Deliver(job->JobName(), batch("c", "d"));
+      registry_.Deliver(job->JobName(), Event("e"));
+    }).Join();
+    EXPECT_EQ(job->Received(0).size(), 2u);
+  }
+  EXPECT_EQ(job->Texts(5), (std::vector<std::string>{"a", "b", "c", "d", "e"}));
+  EXPECT_TRUE(registry_.Deliver("nobody", batch("f", "g")));
+}
+
 TEST_F(JobRegistry, AJobMayDropItselfFromItsOwnEvent) {
   for (const bool direct : {false, true}) {
     std::atomic<bool> dropped{false};

@@ -33,4 +33,22 @@ TEST(NamedIdSource, NamesTakeTheNextFreeMicrosecond) {
   EXPECT_EQ(source.MakeName("other"), "other*000000101609804802");
 }
 
+TEST(NamedIdSource, ANameIsANumberInWriting) {
+  ZrNamedIdSource source("_job");
+  const std::int64_t number = source.MakeNumber();
+  EXPECT_EQ(ZrNamedIdSource::NumberOf("_job", ZrNamedIdSource::NameOf("_job", number)), number);
+  EXPECT_EQ(ZrNamedIdSource::NumberOf("_job", "_job*012345601609804800"), 1609804800123456);
+  for (const char* none :
+       {"", "_job", "_job*01234560160980480", "_job*0123456016098048000", "_jo*0012345601609804800",
+        "other*12345601609804800", "_job+012345601609804800", "_job*-12345601609804800",
+        "_job*100000001609804800"}) {
+    EXPECT_FALSE(ZrNamedIdSource::NumberOf("_job", none)) << none;
+  }
+  // By the microseconds first, as the text has them.
+  const std::int64_t early = 1'999'999;
+  const std::int64_t late = 2'000'000;
+  EXPECT_TRUE(ZrNamedIdSource::NameStandsBefore(late, early));
+  EXPECT_EQ(ZrNamedIdSource::NameOf("a", late) < ZrNamedIdSource::NameOf("a", early), true);
+}
+
 }  // namespace
