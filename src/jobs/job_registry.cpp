@@ -209,7 +209,7 @@ void ZrJobRegistry::Retire(ZrJob& job) noexcept {
   link->parked = false;
   link->pending -= dropped.size();
   events_ -= dropped.size();
-  if (!link->delivering || IsDeliveredHere(*link)) return;
+  if (!link->delivering || NoteRetiredHere(*link)) return;
   ++link->retiring;
   delivered_.Wait(lock_, [&link] { return !link->delivering; });
   --link->retiring;

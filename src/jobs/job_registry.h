@@ -135,7 +135,7 @@ class ZrJobRegistry {
 
   // The reaper and the end (job_registry_end.cpp).
   static bool OnDeliveringThread() noexcept;
-  static bool IsDeliveredHere(const ZrJobLink& link) noexcept;
+  static bool NoteRetiredHere(const ZrJobLink& link) noexcept;
   bool Reap(ZrJob* job) noexcept ZR_EXCLUDES(lock_);
   void ReaperLoop() ZR_EXCLUDES(lock_);
   void EndReaped(ZrJob* chain) noexcept ZR_EXCLUDES(lock_);

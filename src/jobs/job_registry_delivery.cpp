@@ -27,13 +27,17 @@ constexpr std::chrono::milliseconds kNoticePause{1};
 // The link to which this thread is delivering. Initial-exec: no allocation and no loader lock at
 // first use, which a thread could wait for while the library is being unloaded.
 [[gnu::tls_model("initial-exec")]] thread_local const ZrJobLink* deliveredHere = nullptr;
+// That job has retired in the middle of it.
+[[gnu::tls_model("initial-exec")]] thread_local bool retiredHere = false;
 
 }  // namespace
 
 bool ZrJobRegistry::OnDeliveringThread() noexcept { return deliveredHere != nullptr; }
 
-bool ZrJobRegistry::IsDeliveredHere(const ZrJobLink& link) noexcept {
-  return deliveredHere == &link;
+bool ZrJobRegistry::NoteRetiredHere(const ZrJobLink& link) noexcept {
+  if (deliveredHere != &link) return false;
+  retiredHere = true;
+  return true;
 }
 
 ZrJobRegistry::Link ZrJobRegistry::FindTarget(std::string_view target) const {
@@ -52,7 +56,8 @@ ZrJob* ZrJobRegistry::Claim(const Link& link) ZR_NO_THREAD_SAFETY_ANALYSIS {
 void ZrJobRegistry::Hand(ZrJob& job, const Link& link, const ZrJobEvent* events,
                          std::size_t count) noexcept ZR_NO_THREAD_SAFETY_ANALYSIS {
   deliveredHere = link.get();
-  for (const ZrJobEvent* event = events; event != events + count; ++event) {
+  retiredHere = false;
+  for (const ZrJobEvent* event = events; event != events + count && !retiredHere; ++event) {
     try {
       job.ReceiveEvent(*event);
     } catch (...) {

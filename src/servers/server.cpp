@@ -91,6 +91,7 @@ void ZrTransceiverServer::SetResult(const std::string& name) {
 void ZrTransceiverServer::enqueue(std::string key, std::string data) {
   ZrLock hold(queueLock_);
   if (ended_) return;
+  if (!dropped_.empty()) dropped_.erase(key);
   queue_.emplace_back(std::move(key), std::move(data));
   if (queueTask_ == 0) StartQueueTask();
   queueWake_.NotifyOne();

@@ -77,7 +77,7 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   /// Puts a pair at the end of the queue; the first one starts the queue task. Ignored once the
   /// server's tasks have been ended.
   void enqueue(std::string key, std::string data) ZR_EXCLUDES(queueLock_);
-  /// The pairs of this key that still wait are of no use any more; no more of them will come.
+  /// The pairs of this key that wait now are of no use any more; they may or may not be handled.
   void dropItems(const std::string& key) ZR_EXCLUDES(queueLock_);
   /// Pairs that wait behind those the queue task has taken.
   std::size_t waitingItems() const ZR_EXCLUDES(queueLock_);

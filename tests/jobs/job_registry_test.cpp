@@ -158,6 +158,13 @@ TEST_F(JobRegistry, SeveralEventsAreDeliveredAtOnceAndInOrder) {
   }
   EXPECT_EQ(job->Texts(5), (std::vector<std::string>{"a", "b", "c", "d", "e"}));
   EXPECT_TRUE(registry_.Deliver("nobody", batch("f", "g")));
+  // One that retires at its first event gets no second one.
+  RecordingJob* self = nullptr;
+  const auto retiring = zr::MakeJob<RecordingJob>([&](const ZrJobEvent&) { self->Retire(); });
+  self = retiring.get();
+  retiring->CreateJoinedTask("");
+  registry_.Deliver(retiring->JobName(), batch("h", "i"));
+  EXPECT_EQ(retiring->Received(0).size(), 1u);
 }
 
 TEST_F(JobRegistry, AJobMayDropItselfFromItsOwnEvent) {
