@@ -94,7 +94,11 @@ class ZrTlsEngine {
   bool IsEstablished() const;
 
   /// The connection has a new turn: reading has its budget again (ZrTlsTransport::kReadsPerTurn).
-  void BeginTurn() noexcept { transport_.BeginTurn(); }
+  /// It ends early after kMostIdleRecords without data: what they cost is paid here.
+  void BeginTurn() noexcept {
+    transport_.BeginTurn();
+    idleInTurn_ = 0;
+  }
   /// Decrypts into `target`, at most kRecord bytes. kDone with a count, or a reason why not. An end
   /// is told again by every further call, and so is a failure.
   ZrTlsReadResult Read(std::span<char> target);
@@ -141,6 +145,7 @@ class ZrTlsEngine {
   std::unique_ptr<bio_method_st, MethodDeleter> method_;  // likewise
   std::unique_ptr<ssl_st, SslDeleter> ssl_;
   int idleRecords_ = 0;       // since data moved, either way
+  int idleInTurn_ = 0;        // in this turn, whatever lay between them
   bool established_ = false;  // as the counting has seen it
   bool tooManyIdle_ = false;
   bool broken_ = false;

@@ -51,6 +51,7 @@ class ZrTlsTransport {
 
   /// A new turn: its receives are to be had again.
   void BeginTurn() noexcept { readsLeft_ = kReadsPerTurn; }
+  void EndTurn() noexcept { readsLeft_ = 0; }
   /// This turn has no receive left: there may be more to read, which the line will not announce.
   bool TurnIsOver() const noexcept { return readsLeft_ == 0; }
   /// The line is given up from this side.
