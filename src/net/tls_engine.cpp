@@ -258,7 +258,9 @@ ZrTlsWriteResult ZrTlsEngine::Write(std::string_view bytes, bool more) {
   }
   ::ERR_clear_error();
   const auto length = static_cast<int>(std::min(bytes.size(), kRecord));
+  transport_.HoldInput(true);
   const int count = ::SSL_write(ssl_.get(), bytes.data(), length);
+  transport_.HoldInput(false);
   const ZrTlsWriteStatus status = WriteStatusOf(count);
   if (status != ZrTlsWriteStatus::kDone) return {status, 0};
   idleRecords_ = 0;

@@ -41,7 +41,7 @@ enum class ZrTlsReadStatus {
 /// How a step of the handshake, of writing, flushing or saying goodbye ended.
 enum class ZrTlsWriteStatus {
   kDone = 0,       ///< `count` bytes were accepted, or what was asked for is complete.
-  kWantRead = 1,   ///< Nothing moved: repeat the same step once the socket has input.
+  kWantRead = 1,   ///< Nothing moved: repeat the same step once input was read.
   kWantWrite = 2,  ///< The socket refused bytes: repeat the step once it takes output.
   kFailed = 3,     ///< The connection is broken in both directions; give it up.
 };
@@ -106,8 +106,9 @@ class ZrTlsEngine {
   bool HasBufferedInput() const;
 
   /// Encrypts the front of the bytes (not empty), at most kRecord of them. Counted bytes are
-  /// accepted: they are sent, or kept here for Flush(). After kWantRead and kWantWrite the next
-  /// call passes bytes that start with the same ones. With `more` set the output may wait for the
+  /// accepted: they are sent, or kept here for Flush(). It takes no input: after kWantRead it is
+  /// repeated behind a Read(). After that and kWantWrite the next call passes bytes that start with
+  /// the same ones. With `more` set the output may wait for the
   /// next call; end a row of such calls with one without it or with Flush().
   ZrTlsWriteResult Write(std::string_view bytes, bool more);
   /// Sends what is kept. kDone when nothing is left, kWantWrite when the socket is full, or

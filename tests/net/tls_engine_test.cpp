@@ -156,7 +156,10 @@ TEST(TlsEngine, AWriteThatAnEndHasMadeImpossibleFails) {
   TlsPeer(line).Handshake();
   line.input.resize(line.input.size() / 2);
   EXPECT_EQ(Read(server), "nothing");
+  line.input = "more";
   EXPECT_EQ(server.Write("x", false).status, ZrTlsWriteStatus::kWantRead);
+  EXPECT_EQ(line.input, "more");  // a write takes nothing that nobody would be told of
+  line.input.clear();
   line.ended = true;
   EXPECT_EQ(Read(server), "end");
   EXPECT_EQ(server.Write("x", false).status, ZrTlsWriteStatus::kFailed);
