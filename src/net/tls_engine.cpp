@@ -124,6 +124,7 @@ void ZrTlsEngine::CountIdleRecord() {
     established_ = true;
     idleRecords_ = 0;
   }
+  if (established_ && ++idleInTurn_ > kMostIdleRecords) transport_.EndTurn();
   // OpenSSL cannot be stopped from here; its next look at the line ends it.
   if (++idleRecords_ <= (established_ ? kMostIdleRecords : kMostHandshakeRecords)) return;
   tooManyIdle_ = true;
@@ -217,12 +218,15 @@ void ZrTlsEngine::ConnectWithin(milliseconds limit, const std::function<bool()>&
 ZrTlsReadResult ZrTlsEngine::Read(std::span<char> target) {
   if (IsBroken()) return {ZrTlsReadStatus::kFailed, 0};
   if (ended_) return {ZrTlsReadStatus::kEnded, 0};
+  if (transport_.TurnIsOver()) return {ZrTlsReadStatus::kAgain, 0};
   ::ERR_clear_error();
   transport_.Gather(false);
   const auto length = static_cast<int>(std::min(target.size(), kRecord));
   const int count = ::SSL_read(ssl_.get(), target.data(), length);
   if (count > 0) {
-    // Also when the line has died behind them: the next step says so.
+    // Also when the line has died behind them: the next step says so. The last record was no idle
+    // one, unless it was begun before.
+    if (idleRecords_ > 0) --idleInTurn_;
     idleRecords_ = 0;
     return {ZrTlsReadStatus::kDone, static_cast<std::size_t>(count)};
   }
@@ -254,7 +258,9 @@ ZrTlsWriteResult ZrTlsEngine::Write(std::string_view bytes, bool more) {
   }
   ::ERR_clear_error();
   const auto length = static_cast<int>(std::min(bytes.size(), kRecord));
+  transport_.HoldInput(true);
   const int count = ::SSL_write(ssl_.get(), bytes.data(), length);
+  transport_.HoldInput(false);
   const ZrTlsWriteStatus status = WriteStatusOf(count);
   if (status != ZrTlsWriteStatus::kDone) return {status, 0};
   idleRecords_ = 0;

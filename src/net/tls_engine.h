@@ -41,7 +41,7 @@ enum class ZrTlsReadStatus {
 /// How a step of the handshake, of writing, flushing or saying goodbye ended.
 enum class ZrTlsWriteStatus {
   kDone = 0,       ///< `count` bytes were accepted, or what was asked for is complete.
-  kWantRead = 1,   ///< Nothing moved: repeat the same step once the socket has input.
+  kWantRead = 1,   ///< Nothing moved: repeat the same step once input was read.
   kWantWrite = 2,  ///< The socket refused bytes: repeat the step once it takes output.
   kFailed = 3,     ///< The connection is broken in both directions; give it up.
 };
@@ -94,7 +94,11 @@ class ZrTlsEngine {
   bool IsEstablished() const;
 
   /// The connection has a new turn: reading has its budget again (ZrTlsTransport::kReadsPerTurn).
-  void BeginTurn() noexcept { transport_.BeginTurn(); }
+  /// It ends early after kMostIdleRecords without data: what they cost is paid here.
+  void BeginTurn() noexcept {
+    transport_.BeginTurn();
+    idleInTurn_ = 0;
+  }
   /// Decrypts into `target`, at most kRecord bytes. kDone with a count, or a reason why not. An end
   /// is told again by every further call, and so is a failure.
   ZrTlsReadResult Read(std::span<char> target);
@@ -102,8 +106,9 @@ class ZrTlsEngine {
   bool HasBufferedInput() const;
 
   /// Encrypts the front of the bytes (not empty), at most kRecord of them. Counted bytes are
-  /// accepted: they are sent, or kept here for Flush(). After kWantRead and kWantWrite the next
-  /// call passes bytes that start with the same ones. With `more` set the output may wait for the
+  /// accepted: they are sent, or kept here for Flush(). It takes no input: after kWantRead it is
+  /// repeated behind a Read(). After that and kWantWrite the next call passes bytes that start with
+  /// the same ones. With `more` set the output may wait for the
   /// next call; end a row of such calls with one without it or with Flush().
   ZrTlsWriteResult Write(std::string_view bytes, bool more);
   /// Sends what is kept. kDone when nothing is left, kWantWrite when the socket is full, or
@@ -141,6 +146,7 @@ class ZrTlsEngine {
   std::unique_ptr<bio_method_st, MethodDeleter> method_;  // likewise
   std::unique_ptr<ssl_st, SslDeleter> ssl_;
   int idleRecords_ = 0;       // since data moved, either way
+  int idleInTurn_ = 0;        // in this turn, whatever lay between them
   bool established_ = false;  // as the counting has seen it
   bool tooManyIdle_ = false;
   bool broken_ = false;

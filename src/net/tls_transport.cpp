@@ -68,7 +68,7 @@ ZrIoResult ZrTlsTransport::Flush() {
 ZrIoResult ZrTlsTransport::Read(std::span<char> target) {
   if (state_ == State::kDead) return Failed();
   if (state_ == State::kEnded) return {ZrIoStatus::kClosed, 0, 0};
-  if (readsLeft_ == 0) return {ZrIoStatus::kWouldBlock, 0, 0};
+  if (inputHeld_ || readsLeft_ == 0) return {ZrIoStatus::kWouldBlock, 0, 0};
   --readsLeft_;
   const ZrIoResult result = line_.Receive(target);
   switch (result.status) {

@@ -46,11 +46,14 @@ class ZrTlsTransport {
   ZrIoResult Write(std::string_view bytes);
   /// Sends what is kept. kDone when nothing is left, kWouldBlock when the line is full.
   ZrIoResult Flush();
-  /// Receives encrypted bytes. kWouldBlock also when the turn's receives are used up.
+  /// Receives encrypted bytes. kWouldBlock also when the turn's receives are used up, or held.
   ZrIoResult Read(std::span<char> target);
 
+  /// While held, nothing is received: what a write took with it would lie here unannounced.
+  void HoldInput(bool hold) noexcept { inputHeld_ = hold; }
   /// A new turn: its receives are to be had again.
   void BeginTurn() noexcept { readsLeft_ = kReadsPerTurn; }
+  void EndTurn() noexcept { readsLeft_ = 0; }
   /// This turn has no receive left: there may be more to read, which the line will not announce.
   bool TurnIsOver() const noexcept { return readsLeft_ == 0; }
   /// The line is given up from this side.
@@ -78,6 +81,7 @@ class ZrTlsTransport {
   int error_ = 0;
   int readsLeft_ = kReadsPerTurn;
   bool gathering_ = false;
+  bool inputHeld_ = false;
   std::unique_ptr<char[]> kept_;  // kMostUnsent bytes, or none while nothing is kept
   std::size_t begin_ = 0;
   std::size_t end_ = 0;

@@ -42,18 +42,14 @@ int ZrTransceiverConnection_SSLAddon::ReadFromSocket(ZrSocketIPvx& /*socket*/) {
   {
     const ZrLock hold(lock_);
     engine_->BeginTurn();
-    // A write that waited for this input comes first; what else arrived is read in the next pass.
-    if (writeWantsRead_) {
-      readAffectsOutput_ = true;
-      return WriteStep() == Output::kDead ? -1 : 1;
-    }
   }
   const int answer = ReadStep();
   const ZrLock hold(lock_);
-  // Reading has output of its own (the handshake), some of which the socket may have refused; and
-  // its end lets a write go on that had to wait for it, or shows that it never can.
-  if (answer >= 0 && writeWantsRead_ && established_ && WriteStep() == Output::kDead) return -1;
-  readAffectsOutput_ = WantsOutput();
+  // A write that had to wait for input goes on, or is seen never to do so. Reading has output of
+  // its own (the handshake), some of which the socket may have refused.
+  const bool writing = answer >= 0 && writeWantsRead_ && established_;
+  if (writing && WriteStep() == Output::kDead) return -1;
+  readAffectsOutput_ = writing || WantsOutput();
   return answer;
 }
 

@@ -186,7 +186,8 @@ void ZrTurn::Close() {
 
 bool ZrTurn::PauseWhenFull() {
   ZrLock hold(lock_);
-  if (bytes_.Size() <= kReadMark) return false;
+  // While it closes nothing is added, and the peer's end is to be seen.
+  if (IsClosing() || bytes_.Size() <= kReadMark) return false;
   if (input_ == Input::kReading) input_ = Input::kPaused;
   return true;
 }

@@ -7,36 +7,36 @@
 #include <optional>
 
 #include "net/tcp_socket.h"
-#include "servers/tls_addon.h"
-#include "tests/support/raw_client.h"
+#include "net/tls_context.h"
+#include "tests/support/run.h"
 #include "tests/support/scripted_line.h"
-#include "tests/support/server_bed.h"
-#include "tests/support/temporary_folder.h"
 #include "tests/support/tls_peer.h"
+#include "tests/transceiver/transceiver_bed.h"
 
 using namespace std::chrono_literals;
-using zrtest::ServerBed;
+using zrtest::TransceiverBed;
 using zrtest::WaitFor;
 
 namespace {
 
-std::shared_ptr<ZrXServerHeader> Configuration() {
-  auto head = zr::MakeJob<ZrXServerHeader>(true, zr::kProtocolHttps);
-  head->SetOption("cacertificate", zrtest::TestCertificate().certificate);
-  head->SetOption("privatekey", zrtest::TestCertificate().privateKey);
-  return head;
+std::shared_ptr<ZrTransceiverConnection_SSLAddon> ServerSide(TransceiverBed& bed,
+                                                             std::shared_ptr<ZrSocketIPvx> socket) {
+  const auto& files = zrtest::TestCertificate();
+  return zr::MakeJob<ZrTransceiverConnection_SSLAddon>(
+      zr::MakeTlsServerContext(files.certificate, files.privateKey).get(), std::move(socket),
+      bed.transceiver, "nobody", "nobody", ZrServerCallback_t{}, &TransceiverBed::Finish);
 }
 
 // A registered server-side connection and a client that is connected to it.
 struct Line {
-  explicit Line(ServerBed& bed) {
+  explicit Line(TransceiverBed& bed) {
     ZrSocketIPvx listener;
     int port = 0;
     EXPECT_EQ(listener.listen("", port, 4), ZrSocketResult::kSuccess);
     EXPECT_EQ(socket.connect("127.0.0.1", port), ZrSocketResult::kSuccess);
     auto accepted = std::make_shared<ZrSocketIPvx>(1);
     EXPECT_GE(listener.accept(*accepted, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
-    connection = addon.CreateConnection(bed.transceiver, "nobody", "nobody", {}, accepted);
+    connection = ServerSide(bed, accepted);
     bed.transceiver.AddConnection(accepted, connection);
     client.emplace(context.get(), socket.Line(), ZrTlsEngine::Side::kClient);
     client->ConnectWithin(20s);
@@ -48,23 +48,11 @@ struct Line {
     }
   }
 
-  ZrTransceiverServerL1_SSLAddon addon{*Configuration()};
   ZrTlsContextPtr context = zr::MakeTlsClientContext();
   ZrSocketIPvx socket;
   std::shared_ptr<ZrTransceiverConnection_SSLAddon> connection;
   std::optional<ZrTlsEngine> client;
 };
-
-TEST(TlsAddon, WithoutAContextEveryPeerIsClosedAndTheNextOneAccepted) {
-  const ZrTransceiverServerL1_SSLAddon other{ZrTransceiverServerL1_SSLAddon::ClientForm{}};
-  ServerBed bed;
-  const int port = bed.Open(zr::kProtocolHttps, {{"cacertificate", "no"}, {"privatekey", "no"}});
-  for (int peer = 0; peer < 2; ++peer) {
-    bool ended = false;
-    EXPECT_EQ(zrtest::RawClient(port).ReadToEnd(&ended), "");
-    EXPECT_TRUE(ended);
-  }
-}
 
 // A server's connection that nobody serves but the test, and its client.
 struct Stepped {
@@ -90,14 +78,11 @@ struct Stepped {
     return connection->WantsOutput();
   }
 
-  ZrRinvalScheduler2 scheduler;
-  ZrTransceiver transceiver{scheduler};
+  TransceiverBed bed;
   zrtest::ScriptedLine line;
   zrtest::TlsPeer peer{line};
   std::shared_ptr<ZrSocketIPvx> socket = std::make_shared<ZrSocketIPvx>(line);
-  ZrTransceiverServerL1_SSLAddon addon{*Configuration()};
-  std::shared_ptr<ZrTransceiverConnection> connection =
-      addon.CreateConnection(transceiver, "nobody", "nobody", {}, socket);
+  std::shared_ptr<ZrTransceiverConnection> connection = ServerSide(bed, socket);
 };
 
 TEST(TlsConnection, AnAnswerToAPeerThatHasGoneIsTheEnd) {
@@ -165,7 +150,7 @@ TEST(TlsConnection, ATurnThatIsUsedUpGoesOnInTheNextOne) {
 // Reading pauses above a mark and goes on when the bytes are taken, also when TLS has everything
 // from the socket already, so that no readiness will ever be reported.
 TEST(TlsConnection, ReadsOnAfterAPauseToTheLastByte) {
-  ServerBed bed;
+  TransceiverBed bed;
   Line line(bed);
   const std::string record(997, 'x');
   const std::size_t reached = ZrTransceiverConnection::kReadMark / record.size() + 1;

@@ -5,7 +5,7 @@
 #include "net/tcp_socket.h"
 #include "tests/jobs/recording_job.h"
 #include "tests/support/raw_client.h"
-#include "tests/support/server_bed.h"
+#include "tests/transceiver/transceiver_bed.h"
 
 namespace {
 
@@ -25,16 +25,16 @@ class EventCatcher : public RecordingJob {
 
 // One registered connection to a raw client, its events caught.
 struct Line {
-  explicit Line(ServerBed& bed) {
+  explicit Line(TransceiverBed& bed) {
     ZrSocketIPvx listener(0);
     int port = 0;
     EXPECT_EQ(listener.listen("", port, 4), ZrSocketResult::kSuccess);
     client = std::make_unique<RawClient>(port);
     auto socket = std::make_shared<ZrSocketIPvx>(1);
     EXPECT_GE(listener.accept(*socket, 5000, [](ZrHostInfo_t&) { return true; }), 0);
-    connection = zr::MakeJob<ZrTransceiverConnection>(
-        bed.transceiver, receiver->JobName(), peer->JobName(), ZrServerCallback_t{},
-        [](ZrTransceiver& owner, ZrTransceiverConnection* c) { owner.FinishConnection(*c); });
+    connection =
+        zr::MakeJob<ZrTransceiverConnection>(bed.transceiver, receiver->JobName(), peer->JobName(),
+                                             ZrServerCallback_t{}, &TransceiverBed::Finish);
     connection->CreateJoinedTask("keeps it listed");
     name = bed.transceiver.AddConnection(std::move(socket), connection);
   }
@@ -52,7 +52,7 @@ struct Line {
 };
 
 TEST(Transceiver, TellsTheServerOncePerBatchAndTheThreeJobsOfTheEnd) {
-  ServerBed bed;
+  TransceiverBed bed;
   Line line(bed);
   line.client->Send("one");
   ASSERT_TRUE(WaitFor([&] { return line.receiver->Codes() == "8 "; }));
@@ -75,7 +75,7 @@ TEST(Transceiver, TellsTheServerOncePerBatchAndTheThreeJobsOfTheEnd) {
 
 TEST(Transceiver, EndsConnectionsThatAreSilentTooLong) {
   ManualClock clock;
-  ServerBed bed(clock);
+  TransceiverBed bed(clock);
   Line silent(bed);
   Line busy(bed);
   const auto advance = [&](std::chrono::seconds time) {
@@ -100,7 +100,7 @@ TEST(Transceiver, EndsConnectionsThatAreSilentTooLong) {
 
 TEST(Transceiver, ARequestInProgressIsGivenTimeButNotForEver) {
   ManualClock clock;
-  ServerBed bed(clock);
+  TransceiverBed bed(clock);
   Line answered(bed);
   Line forgotten(bed);
   const auto advance = [&](std::chrono::seconds time) {
@@ -122,7 +122,7 @@ TEST(Transceiver, ARequestInProgressIsGivenTimeButNotForEver) {
 }
 
 TEST(Transceiver, WaitsForAnswersUntilTheyAreOutOrGivenUp) {
-  ServerBed bed;
+  TransceiverBed bed;
   Line line(bed);
   EXPECT_TRUE(bed.transceiver.WaitForAnswers(0s));
   ASSERT_TRUE(line.connection->BeginItem());
@@ -138,7 +138,7 @@ TEST(Transceiver, WaitsForAnswersUntilTheyAreOutOrGivenUp) {
 
 TEST(Transceiver, ALingeringPeerIsLetGo) {
   ManualClock clock;
-  ServerBed bed(clock);
+  TransceiverBed bed(clock);
   Line line(bed);
   line.connection->Close();
   EXPECT_EQ(line.client->ReadToEnd(), "");  // shut down for sending; the client keeps its side open

@@ -128,8 +128,10 @@ TEST(Turn, ThePeersEndAndTheClosing) {
   for (const bool asks : {false, true}) {
     ZrTurn closing(output);
     if (asks) closing.BecomeAsking();
-    closing.Receive("x");
+    closing.Receive(std::string(ZrTurn::kReadMark + 1, 'x'));
+    EXPECT_TRUE(closing.PauseWhenFull());
     closing.Close();
+    EXPECT_FALSE(closing.PauseWhenFull());
     EXPECT_EQ(closing.HasBytes(), asks);
     EXPECT_FALSE(closing.Receive("y") || closing.Begin());
   }
