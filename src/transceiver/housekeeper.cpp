@@ -12,6 +12,15 @@ constexpr std::int64_t RoundUp(std::int64_t due) {
   return (due / ZrHousekeeper::kGrain + 1) * ZrHousekeeper::kGrain;
 }
 
+// What fails is one duty's affair, in effect for want of memory: the thread goes on.
+template <class Duty>
+void Do(const Duty& duty) noexcept {
+  try {
+    duty();
+  } catch (...) {
+  }
+}
+
 }  // namespace
 
 void ZrHousekeeper::Start(Duties duties) {
@@ -32,9 +41,10 @@ void ZrHousekeeper::End() {
 // alone for longer than that limit.
 void ZrHousekeeper::Watch(const std::shared_ptr<ZrTransceiverConnection>& connection) {
   const std::int64_t now = clock_.MonotonicNs();
+  // Asked under the lock: a limit that Hasten() comes too early with is seen here.
+  ZrLock hold(lock_);
   const std::int64_t due = RoundUp(
       std::clamp(connection->NextExpiryNs(), now, now + ZrTransceiverConnection::kHeadTimeLimit));
-  ZrLock hold(lock_);
   if (const auto before = placeOf_.find(connection.get()); before != placeOf_.end()) {
     places_.erase(before->second);
   }
@@ -43,10 +53,10 @@ void ZrHousekeeper::Watch(const std::shared_ptr<ZrTransceiverConnection>& connec
 }
 
 void ZrHousekeeper::Hasten(ZrTransceiverConnection& connection) {
-  const std::int64_t due = RoundUp(connection.NextExpiryNs());
   ZrLock hold(lock_);
   const auto found = placeOf_.find(&connection);
-  if (found == placeOf_.end()) return;  // it is being looked at now, or not registered any more
+  if (found == placeOf_.end()) return;  // it is being looked at now, and watched again after that
+  const std::int64_t due = RoundUp(connection.NextExpiryNs());
   auto place = places_.extract(found->second);
   place.key() = {due, &connection};
   if (due < Due()) wake_.NotifyOne();
@@ -126,10 +136,16 @@ void ZrHousekeeper::Loop() {
       Wait();
       work = TakeDue();
     }
-    for (const auto& end : work.endings) end();
+    for (const auto& end : work.endings) Do(end);
     if (!work.goOn) return;
-    if (work.servers) WatchServers(duties_.checkServers());
-    for (const auto& connection : work.connections) duties_.checkConnection(connection);
-    ZrJobRegistry::Instance().WakeDelivery();
+    if (work.servers) {
+      std::int64_t next = clock_.MonotonicNs() + kGrain;
+      Do([&] { next = duties_.checkServers(); });
+      WatchServers(next);
+    }
+    for (const auto& connection : work.connections) {
+      Do([&] { duties_.checkConnection(connection); });
+    }
+    Do([] { ZrJobRegistry::Instance().WakeDelivery(); });
   }
 }

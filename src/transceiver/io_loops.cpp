@@ -31,6 +31,7 @@ ZrIoLoops::ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper,
 bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
                          const std::shared_ptr<ZrTransceiverConnection>& connection) {
   const int descriptor = socket->primaryDescriptor();
+  if (descriptor < 0) return false;
   auto registration = std::make_shared<ZrIoRegistration>();
   registration->socket = std::move(socket);
   registration->connection = connection;
@@ -38,7 +39,7 @@ bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
   ZrLock writing(connection->Lock());
   {
     ZrLock hold(lock_);
-    StartJobs();
+    if (!StartJobs()) return false;
     registration->token = ++lastToken_;
     byToken_.emplace(registration->token, registration);
   }
@@ -66,7 +67,8 @@ ZrIoLoops::Registration ZrIoLoops::Unregister(ZrTransceiverConnection& connectio
 
 // ---- The two jobs ------------------------------------------------------------------------------
 
-void ZrIoLoops::StartJobs() {
+bool ZrIoLoops::StartJobs() {
+  if (stopped_) return false;
   if (receiveJob_ == 0) {
     receiveJob_ =
         Submit("ZrTransceiver_tcp_rcv", &ZrIoLoops::ReceiveLoop, receiving_, receivePoller_);
@@ -74,8 +76,11 @@ void ZrIoLoops::StartJobs() {
   if (sendJob_ == 0) {
     sendJob_ = Submit("ZrTransceiver_tcp_snd", &ZrIoLoops::SendLoop, sending_, sendPoller_);
   }
+  return receiveJob_ != 0 && sendJob_ != 0;
 }
 
+// 0: there is no thread for it. That is so when the task is done already, as it runs until it is
+// told to stop.
 std::uint64_t ZrIoLoops::Submit(const std::string& name, void (ZrIoLoops::*loop)(),
                                 std::atomic<bool>& running, ZrPoller& poller) {
   running = true;
@@ -85,12 +90,15 @@ std::uint64_t ZrIoLoops::Submit(const std::string& name, void (ZrIoLoops::*loop)
     running = false;
     poller.Wake();
   };
-  return scheduler_.Submit(
+  const std::uint64_t task = scheduler_.Submit(
       [this, loop](ZrRinvalJobParametersAndResult* record) {
         (this->*loop)();
         return record;
       },
       nullptr, description);
+  if (!scheduler_.IsDone(task)) return task;
+  scheduler_.FetchResult(task);
+  return 0;
 }
 
 void ZrIoLoops::Stop() {
@@ -99,6 +107,7 @@ void ZrIoLoops::Stop() {
   decltype(byToken_) registrations;  // go without the lock
   {
     ZrLock hold(lock_);
+    stopped_ = true;
     registrations.swap(byToken_);
   }
   for (const auto& [token, registration] : registrations) {
@@ -140,8 +149,12 @@ void ZrIoLoops::ReceiveLoop() {
   while (receiving_) {
     const auto events = receivePoller_.Wait(again.empty() ? kForEver : std::chrono::nanoseconds(0));
     ready.swap(again);
-    Resolve(events, ready);
-    ResolveResumed(ready);
+    try {
+      Resolve(events, ready);
+      ResolveResumed(ready);
+    } catch (...) {
+      // Out of memory: what was not taken over is reported again by the next wait, or still listed.
+    }
     for (Ready& one : ready) {
       try {
         Receive(one, again);
@@ -159,6 +172,7 @@ void ZrIoLoops::Receive(Ready& ready, std::vector<Ready>& again) {
   ZrTransceiverConnection& connection = *registration.connection;
   // Nobody reads it, so its end is told by the system alone, and over and over.
   if (ready.hangup && IsPaused(registration)) return remove_(connection);
+  if (registration.lost) return remove_(connection);
   if (ready.urgent) zr::DropUrgentByte(registration.socket->primaryDescriptor());
   const int count = connection.ReadFromSocket(*registration.socket);
   if (count < 0) return remove_(connection);
@@ -194,8 +208,9 @@ void ZrIoLoops::ResumeReading(ZrTransceiverConnection& connection) {
   if (registration == nullptr || !registration->paused || connection.PeerFinished()) return;
   const int descriptor = registration->socket->primaryDescriptor();
   receivePoller_.Remove(descriptor);
-  registration->paused = !receivePoller_.Add(descriptor, registration->token, kInput);
-  if (connection.HasBufferedInput()) ReadAgain(registration->token);
+  registration->paused = false;
+  registration->lost = !receivePoller_.Add(descriptor, registration->token, kInput);
+  if (registration->lost || connection.HasBufferedInput()) ReadAgain(registration->token);
 }
 
 // Its socket may never announce what TLS has taken from it already.
@@ -231,8 +246,12 @@ void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
 void ZrIoLoops::SendLoop() {
   std::vector<Ready> ready;
   while (sending_) {
-    Resolve(sendPoller_.Wait(kForEver), ready);
-    if (flushAll_.exchange(false)) FlushAll();
+    try {
+      Resolve(sendPoller_.Wait(kForEver), ready);
+      if (flushAll_.exchange(false)) FlushAll();
+    } catch (...) {
+      flushAll_ = true;  // as in the receive loop
+    }
     for (const Ready& one : ready) {
       ZrTransceiverConnection& connection = *one.registration->connection;
       try {
@@ -321,12 +340,11 @@ bool ZrIoLoops::EndOutputWhenDone(ZrTransceiverConnection& connection,
       wanted = true;
     }
   }
-  WatchOutput(registration, wanted);
-  return true;
+  return WatchOutput(registration, wanted);
 }
 
-void ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
-  if (wanted == registration.outputWatched) return;
+bool ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
+  if (wanted == registration.outputWatched) return true;
   const int descriptor = registration.socket->primaryDescriptor();
   if (wanted) {
     registration.outputWatched =
@@ -335,4 +353,5 @@ void ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
     registration.outputWatched = false;
     sendPoller_.Remove(descriptor);
   }
+  return registration.outputWatched == wanted;
 }

@@ -38,7 +38,7 @@ class ZrIoLoops {
   ZrIoLoops& operator=(const ZrIoLoops&) = delete;
 
   /// Serves the connection on its socket from now on; the first one starts the jobs. No: the socket
-  /// cannot be watched.
+  /// cannot be watched, or there is no thread for the jobs; the next connection tries again.
   bool Register(std::shared_ptr<ZrSocketIPvx> socket,
                 const std::shared_ptr<ZrTransceiverConnection>& connection) ZR_EXCLUDES(lock_);
   /// Ends that, with what was still to be sent; the socket closes with the last pass that uses it.
@@ -67,7 +67,8 @@ class ZrIoLoops {
     bool hangup = false;
   };
 
-  void StartJobs() ZR_REQUIRES(lock_);
+  /// No: there is no thread for one of them, or they have been stopped.
+  bool StartJobs() ZR_REQUIRES(lock_);
   std::uint64_t Submit(const std::string& name, void (ZrIoLoops::*loop)(),
                        std::atomic<bool>& running, ZrPoller& poller);
   static bool IsPaused(ZrIoRegistration& registration);
@@ -90,7 +91,8 @@ class ZrIoLoops {
   void AfterProgress(ZrTransceiverConnection& connection);
   bool EndOutputWhenDone(ZrTransceiverConnection& connection, ZrIoRegistration& registration)
       ZR_REQUIRES(connection.Lock());
-  void WatchOutput(ZrIoRegistration& registration, bool wanted);
+  /// No: it is wanted, and the system does not watch it.
+  bool WatchOutput(ZrIoRegistration& registration, bool wanted);
 
   // Constant after construction.
   ZrRinvalScheduler2& scheduler_;
@@ -109,6 +111,7 @@ class ZrIoLoops {
   std::unordered_map<std::uint64_t, Registration> byToken_ ZR_GUARDED_BY(lock_);
   std::uint64_t lastToken_ ZR_GUARDED_BY(lock_) = 0;
   std::vector<std::uint64_t> resumed_ ZR_GUARDED_BY(lock_);  // have input of their own to read
-  std::uint64_t receiveJob_ ZR_GUARDED_BY(lock_) = 0;  // task IDs; 0 before the first connection
+  bool stopped_ ZR_GUARDED_BY(lock_) = false;
+  std::uint64_t receiveJob_ ZR_GUARDED_BY(lock_) = 0;  // task IDs; 0: does not run yet
   std::uint64_t sendJob_ ZR_GUARDED_BY(lock_) = 0;
 };

@@ -154,7 +154,11 @@ std::string ZrTransceiver::OpenServer(ZrMessageHandler& client,
   record.info.Set("protocol", entry->second.protocol);
   record.info.Set("ID", server->ServerJob().JobName());
   record.info.Set("roll", "server");
-  if (callback) callback(record);
+  try {
+    if (callback) callback(record);
+  } catch (...) {
+    // The owner's own failure; the server runs all the same.
+  }
   return headName;
 }
 

@@ -73,6 +73,15 @@ TEST(Transceiver, TellsTheServerOncePerBatchAndTheThreeJobsOfTheEnd) {
   EXPECT_EQ(line.peer->Received(1)[0].jobName, line.name);
 }
 
+TEST(Transceiver, AConnectionThatNobodyCanServeEndsAtOnce) {
+  ServerBed bed;
+  bed.scheduler.Stop();  // no thread for the I/O jobs
+  Line line(bed);
+  EXPECT_EQ(bed.transceiver.ConnectionCount(), 0u);
+  EXPECT_TRUE(WaitFor([&] { return line.receiver->Codes() == "2 "; }));
+  EXPECT_EQ(line.client->ReadToEnd(), "");
+}
+
 TEST(Transceiver, EndsConnectionsThatAreSilentTooLong) {
   ManualClock clock;
   ServerBed bed(clock);
