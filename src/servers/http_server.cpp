@@ -93,7 +93,7 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
     head->memory.Set(held);
   }
   if (step == ZrReadStep::kBody) {
-    connection->NoteBody(head->BodyBytes());
+    connection->NoteBody(head->BodyBytes(), head->body->HeapBytes());
     return false;
   }
   connection->EndBody();

@@ -78,6 +78,13 @@ void ZrHousekeeper::WatchServers(std::int64_t due) {
   wake_.NotifyOne();
 }
 
+void ZrHousekeeper::WatchMemory(std::int64_t due) {
+  ZrLock hold(lock_);
+  if (due >= memoryDue_) return;
+  memoryDue_ = due;
+  wake_.NotifyOne();
+}
+
 bool ZrHousekeeper::EndLater(std::function<void()> end) {
   ZrLock hold(lock_);
   if (!alive_) return false;
@@ -93,7 +100,8 @@ void ZrHousekeeper::Wake() {
 }
 
 std::int64_t ZrHousekeeper::Due() const {
-  return std::min(serversDue_, places_.empty() ? kNever : places_.begin()->first.first);
+  const std::int64_t place = places_.empty() ? kNever : places_.begin()->first.first;
+  return std::min({serversDue_, memoryDue_, place});
 }
 
 // Woken when a nearer time was entered; the wait then starts anew with that one.
@@ -125,6 +133,8 @@ ZrHousekeeper::Work ZrHousekeeper::TakeDue() {
   }
   work.servers = serversDue_ <= now;
   if (work.servers) serversDue_ = kNever;
+  work.memory = memoryDue_ <= now;
+  if (work.memory) memoryDue_ = kNever;
   return work;
 }
 
@@ -142,6 +152,11 @@ void ZrHousekeeper::Loop() {
       std::int64_t next = clock_.MonotonicNs() + kGrain;
       Do([&] { next = duties_.checkServers(); });
       WatchServers(next);
+    }
+    if (work.memory) {
+      std::int64_t next = clock_.MonotonicNs() + kGrain;
+      Do([&] { next = duties_.checkMemory(); });
+      WatchMemory(next);
     }
     for (const auto& connection : work.connections) {
       Do([&] { duties_.checkConnection(connection); });

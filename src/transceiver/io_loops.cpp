@@ -19,12 +19,15 @@ constexpr unsigned kInput = ZrInterest::kRead | ZrInterest::kUrgent;
 }  // namespace
 
 ZrIoLoops::ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper,
-                     ZrStopProgress& progress, std::string name, Remove remove)
+                     ZrStopProgress& progress, const ZrClock& clock, std::string name,
+                     std::uint64_t memoryLimit, Remove remove)
     : scheduler_(scheduler),
       housekeeper_(housekeeper),
       progress_(progress),
+      clock_(clock),
       name_(std::move(name)),
-      remove_(std::move(remove)) {}
+      remove_(std::move(remove)),
+      memory_(std::make_shared<ZrMemoryBudget>(memoryLimit, [bell = bell_] { bell->Ring(); })) {}
 
 // ---- Registration ------------------------------------------------------------------------------
 
@@ -150,6 +153,7 @@ void ZrIoLoops::ReceiveLoop() {
     const auto events = receivePoller_.Wait(again.empty() ? kForEver : std::chrono::nanoseconds(0));
     ready.swap(again);
     try {
+      if (bell_->rung.load(std::memory_order_relaxed)) FeedStarved();
       Resolve(events, ready);
       ResolveResumed(ready);
     } catch (...) {
@@ -179,6 +183,7 @@ void ZrIoLoops::Receive(Ready& ready, std::vector<Ready>& again) {
   if (count == 0) return OnPeerFinished(registration);
   if (connection.ReadAffectsOutput()) AfterOutput(registration);
   if (connection.IsReadingPaused() && PauseReading(registration)) return;
+  if (memory_->Exceeded() && Starve(registration)) return;
   if (connection.HasBufferedInput()) again.push_back(std::move(ready));
 }
 
@@ -189,12 +194,55 @@ bool ZrIoLoops::PauseReading(ZrIoRegistration& registration) {
   ZrLock hold(connection.Lock());
   if (connection.Registration() == nullptr || registration.paused) return true;
   if (!connection.IsReadingPaused() && !connection.PeerFinished()) return false;
+  Unwatch(registration);
+  return true;
+}
+
+void ZrIoLoops::Unwatch(ZrIoRegistration& registration) {
   registration.paused = true;
   const int descriptor = registration.socket->primaryDescriptor();
   receivePoller_.Remove(descriptor);
   // Whoever works for a peer is told when that has reset the connection.
   static_cast<void>(receivePoller_.Add(descriptor, registration.token, ZrInterest::kNone));
+}
+
+// Small requests of others are still read, so what is over the limit stays within the fair share of
+// each connection.
+bool ZrIoLoops::Starve(ZrIoRegistration& registration) {
+  housekeeper_.WatchMemory(clock_.MonotonicNs() + kStandstill);
+  ZrTransceiverConnection& connection = *registration.connection;
+  ZrLock hold(connection.Lock());
+  if (connection.Registration() == nullptr || registration.paused) return true;
+  if (connection.IsClosing() || connection.HeldInput() <= kFairShare) return false;
+  connection.PauseReading();
+  registration.starved = true;
+  Unwatch(registration);
+  {
+    ZrLock list(lock_);
+    starved_.push_back(registration.token);
+  }
+  if (!memory_->Exceeded()) bell_->Ring();  // there was room meanwhile, and this one not listed
   return true;
+}
+
+void ZrIoLoops::FeedStarved() {
+  std::vector<Registration> starved;
+  {
+    ZrLock hold(lock_);
+    bell_->rung = false;
+    for (const std::uint64_t token : starved_) {
+      if (const auto found = byToken_.find(token); found != byToken_.end()) {
+        starved.push_back(found->second);
+      }
+    }
+    starved_.clear();
+  }
+  for (const Registration& registration : starved) {
+    ZrLock writing(registration->connection->Lock());
+    if (!registration->starved) continue;
+    registration->starved = false;
+    if (!registration->connection->IsReadingPaused()) ResumeReading(*registration->connection);
+  }
 }
 
 bool ZrIoLoops::IsPaused(ZrIoRegistration& registration) {
@@ -206,6 +254,11 @@ void ZrIoLoops::ResumeReading(ZrTransceiverConnection& connection) {
   ZrLock writing(connection.Lock());
   ZrIoRegistration* const registration = connection.Registration();
   if (registration == nullptr || !registration->paused || connection.PeerFinished()) return;
+  if (registration->starved && !connection.IsClosing() && memory_->Exceeded() &&
+      connection.HeldInput() > kFairShare) {
+    return connection.PauseReading();  // asked again when more of its bytes were taken
+  }
+  registration->starved = false;
   const int descriptor = registration->socket->primaryDescriptor();
   receivePoller_.Remove(descriptor);
   registration->paused = false;

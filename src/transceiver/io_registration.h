@@ -19,6 +19,7 @@ struct ZrIoRegistration {
 
   // Guarded by the connection's job lock.
   bool paused = false;         ///< not watched for input
+  bool starved = false;        ///< paused until there is memory
   bool outputWatched = false;  ///< the send job waits for room on the socket
   bool outputEnded = false;    ///< the socket is shut down for sending
 
