@@ -49,6 +49,8 @@ class ZrMemoryShare {
 
   /// The share is that large from now on, in bytes.
   void Set(std::uint64_t bytes);
+  /// The same in whole pages: small traffic does not touch the budget.
+  void SetPages(std::uint64_t bytes) { Set(bytes & ~std::uint64_t{4095}); }
   std::uint64_t Bytes() const { return bytes_; }
 
  private:

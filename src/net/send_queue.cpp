@@ -3,10 +3,22 @@
 #include <algorithm>
 #include <utility>
 
+namespace {
+
+// Smaller pieces are not counted: small answers do not touch the budget.
+constexpr std::size_t kCounted = 4096;
+
+}  // namespace
+
 void ZrSendQueue::Push(Piece piece) {
   const std::uint64_t size = piece.bytes.Size() + piece.remaining;
   if (size == 0) return;
+  if (piece.bytes.Size() >= kCounted && budget_) {
+    piece.share = ZrMemoryShare(budget_);
+    piece.share.Set(piece.bytes.Size());
+  }
   ZrLock hold(lock_);
+  held_ += piece.share.Bytes();
   pieces_.push_back(std::move(piece));
   bytes_ += size;
 }
@@ -23,6 +35,7 @@ void ZrSendQueue::Clear() {
   ZrLock hold(lock_);
   dropped.swap(pieces_);
   bytes_ = 0;
+  held_ = 0;
 }
 
 std::string ZrSendQueue::FrontText() {
@@ -63,8 +76,14 @@ void ZrSendQueue::Consume(std::size_t count) {
   front.bytes.Consume(count);
   bytes_ -= count;
   if (!front.Done()) return;
-  done = std::move(front);
+  done = TakeFront();
+}
+
+ZrSendQueue::Piece ZrSendQueue::TakeFront() {
+  Piece front = std::move(pieces_.front());
   pieces_.pop_front();
+  held_ -= front.share.Bytes();
+  return front;
 }
 
 void ZrSendQueue::ConsumeOfFile(std::uint64_t count) {
@@ -75,8 +94,7 @@ void ZrSendQueue::ConsumeOfFile(std::uint64_t count) {
   front.remaining -= count;
   bytes_ -= count;
   if (!front.Done()) return;
-  done = std::move(front);
-  pieces_.pop_front();
+  done = TakeFront();
 }
 
 ZrSendQueue::Sent ZrSendQueue::SendFront(ZrByteLine& line, std::size_t& count) {

@@ -13,7 +13,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "base/memory_budget.h"
 #include "base/string_buffer.h"
 #include "net/byte_line.h"
 #include "platform/file.h"
@@ -21,6 +23,10 @@
 
 class ZrSendQueue {
  public:
+  /// What is in memory counts there; without a budget it counts for nobody.
+  explicit ZrSendQueue(std::shared_ptr<ZrMemoryBudget> budget = nullptr)
+      : budget_(std::move(budget)) {}
+
   /// How much of a file is in memory at a time, at most.
   static constexpr std::size_t kFilePiece = 128 * 1024;
 
@@ -35,6 +41,8 @@ class ZrSendQueue {
   bool Pending() const noexcept { return Bytes() > 0; }
   /// Bytes that are still to be sent, those of files included.
   std::uint64_t Bytes() const noexcept { return bytes_.load(std::memory_order_acquire); }
+  /// What counts in the budget, in bytes.
+  std::uint64_t Held() const noexcept { return held_.load(std::memory_order_relaxed); }
   /// A copy of the oldest piece's bytes in memory.
   std::string FrontText() ZR_EXCLUDES(lock_);
 
@@ -64,14 +72,18 @@ class ZrSendQueue {
     std::shared_ptr<const ZrFile> file;
     std::uint64_t offset = 0;
     std::uint64_t remaining = 0;
+    ZrMemoryShare share = ZrMemoryShare();  // as long as the piece lives, like its buffer
     bool Done() const { return bytes.Empty() && remaining == 0; }
   };
 
   void Push(Piece piece) ZR_EXCLUDES(lock_);
   Piece* FrontPiece() ZR_EXCLUDES(lock_);
   void ConsumeOfFile(std::uint64_t count) ZR_EXCLUDES(lock_);
+  Piece TakeFront() ZR_REQUIRES(lock_);
 
+  const std::shared_ptr<ZrMemoryBudget> budget_;
   ZrMutex lock_;
   std::deque<Piece> pieces_ ZR_GUARDED_BY(lock_);
   std::atomic<std::uint64_t> bytes_{0};
+  std::atomic<std::uint64_t> held_{0};
 };

@@ -46,7 +46,13 @@ void ZrTransceiverServerL1DirectSocket::EndConnection(ZrTransceiver& transceiver
                                                       ZrMessageHandler* client) {
   const ConnectionPointer asked = TakeAsked(connectionName);
   if (!asked) return;
-  if (client != nullptr && HandOut(asked, *client)) return transceiver.ReleaseServerTask(JobName());
+  bool handedOut = false;
+  try {
+    handedOut = client != nullptr && HandOut(asked, *client);
+  } catch (...) {
+    handedOut = true;  // the handler's own failure; the exchange is over all the same
+  }
+  if (handedOut) return transceiver.ReleaseServerTask(JobName());
   ReportUnanswered(asked->IsExpired()
                        ? ZrSendFailure{ZrSendFailureKind::kTimedOut, "nothing came"}
                        : ZrSendFailure{ZrSendFailureKind::kClosed, "no answer came", true});
@@ -119,7 +125,7 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& to,
       connection->SendBuffer(body);
       transceiver->FlushConnection(*connection);
     }
-    Callback()(record);
+    TellOwner(record);
   }
   LeaveJoinedTask(head->target);
   if (!connection && asks) {

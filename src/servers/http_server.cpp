@@ -1,5 +1,6 @@
 #include "servers/http_server.h"
 
+#include <functional>
 #include <utility>
 
 #include "http/access_log.h"
@@ -92,7 +93,7 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
     head->memory.Set(held);
   }
   if (step == ZrReadStep::kBody) {
-    connection->NoteBody(head->BodyBytes());
+    connection->NoteBody(head->BodyBytes(), head->body->HeapBytes());
     return false;
   }
   connection->EndBody();
@@ -221,21 +222,32 @@ bool ZrTransceiverServerL1HTTP::SendHead(const ConnectionPointer& connection,
     const ZrSendFailure failure = SendRequest(transceiver, connection, *head);
     LeaveJoinedTask(head->target);
     if (failure.kind != ZrSendFailureKind::kNone) ReportUnanswered(failure);
-    return true;
+  } else {
+    if (connection && transceiver != nullptr) Write(*transceiver, *connection, *head);
+    LeaveJoinedTask(head->target);
+    if (connection && !isRequest) EndTurn(connection);
   }
-  if (connection && transceiver != nullptr) {
-    connection->Attach(head->target);
-    const std::uint64_t bytes = zr::QueueMessage(*connection, *head);
-    transceiver->FlushConnection(*connection);
-    Log(*connection, *head, bytes);
-  }
-  LeaveJoinedTask(head->target);
-  if (connection && !isRequest) EndTurn(connection);
+  if (connection && !Callback()) throw std::bad_function_call();
   return true;
+}
+
+void ZrTransceiverServerL1HTTP::Write(ZrTransceiver& transceiver,
+                                      ZrTransceiverConnection& connection,
+                                      ZrXHeader& head) noexcept {
+  try {
+    connection.Attach(head.target);
+    const std::uint64_t bytes = zr::QueueMessage(connection, head);
+    transceiver.FlushConnection(connection);
+    Log(connection, head, bytes);
+  } catch (...) {
+    // Memory ran out. A part of the message may have gone: nothing may follow it.
+    transceiver.RemoveConnection(connection);
+  }
 }
 
 void ZrTransceiverServerL1HTTP::Log(const ZrTransceiverConnection& connection,
                                     const ZrXHeader& head, std::uint64_t bytes) {
+  if (!Callback()) return;
   const auto& peer = connection.PeerRecord()->info.entries();
   const auto remote = peer.find("remoteaddress");
   const auto referer = head.RequestField("referer");
@@ -253,5 +265,5 @@ void ZrTransceiverServerL1HTTP::Log(const ZrTransceiverConnection& connection,
                       .referer = referer.empty() ? "-" : referer.front(),
                       .userAgent = userAgent.empty() ? "-" : userAgent.front(),
                   }));
-  Callback()(record);
+  TellOwner(record);
 }

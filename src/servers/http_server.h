@@ -83,6 +83,9 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   bool HandOut(ZrTransceiver& transceiver, const ConnectionPointer& connection,
                const HandlerPointer& client, const std::shared_ptr<ZrXHeader>& head);
   void EndTurn(const ConnectionPointer& connection);
+  /// Whatever fails, the caller goes on to end the turn.
+  void Write(ZrTransceiver& transceiver, ZrTransceiverConnection& connection,
+             ZrXHeader& head) noexcept;
   void Log(const ZrTransceiverConnection& connection, const ZrXHeader& head, std::uint64_t bytes);
 
   ZrMutex requestLock_;

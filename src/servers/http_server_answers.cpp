@@ -30,14 +30,18 @@ ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
   if (!connection || transceiver == nullptr) return closed;
   connection->Attach(head.target);
   if (!BeginExchange(connection)) return closed;
-  const std::uint64_t bytes = zr::QueueMessage(*connection, head);
-  if (bytes == 0) {
-    const std::shared_ptr<Asked> asked = AskedOn(connection->JobName());
-    if (!asked || !EndExchange(asked)) return {};
-    return {ZrSendFailureKind::kNotSent, "the request is not complete: set its state to 6"};
+  try {
+    const std::uint64_t bytes = zr::QueueMessage(*connection, head);
+    if (bytes == 0) {
+      const std::shared_ptr<Asked> asked = AskedOn(connection->JobName());
+      if (!asked || !EndExchange(asked)) return {};
+      return {ZrSendFailureKind::kNotSent, "the request is not complete: set its state to 6"};
+    }
+    transceiver->FlushConnection(*connection);
+    Log(*connection, head, bytes);
+  } catch (...) {
+    transceiver->RemoveConnection(*connection);  // memory ran out; the end tells the pool
   }
-  transceiver->FlushConnection(*connection);
-  Log(*connection, head, bytes);
   return {};
 }
 

@@ -307,7 +307,7 @@ void ZrURLHookService::Report(const Failed& failed) {
   record.info.Set("url", failed.head->TargetUrl());
   record.info.Set("reason", std::string(zr::SendFailureReason(failed.failure.kind)));
   record.info.Set("error", failed.failure.detail);
-  Callback()(record);
+  TellOwner(record);
 }
 
 void ZrURLHookService::ReportAll(const std::vector<Failed>& failed) noexcept {

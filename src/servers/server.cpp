@@ -1,5 +1,7 @@
 #include "servers/server.h"
 
+#include <functional>
+
 #include "base/batch.h"
 #include "http/message_head.h"
 #include "jobs/scheduler.h"
@@ -27,6 +29,15 @@ ZrTransceiverServer::~ZrTransceiverServer() {
     callback_(record);
   } catch (...) {
     // The owner's own failure; the server goes all the same.
+  }
+}
+
+void ZrTransceiverServer::TellOwner(ZrServerCallback_t& record) const {
+  if (!callback_) throw std::bad_function_call();
+  try {
+    callback_(record);
+  } catch (...) {
+    // Its own failure: peers are served all the same.
   }
 }
 

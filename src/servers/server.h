@@ -95,6 +95,9 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   ZrTransceiver* Transceiver() const { return transceiver_.load(std::memory_order_acquire); }
   ZrRinvalScheduler2& Scheduler() const { return scheduler_; }
   const ZrServerCallback& Callback() const { return callback_; }
+  /// Reports to the owner. What its callback throws is its own affair and ends here; an empty one
+  /// raises std::bad_function_call.
+  void TellOwner(ZrServerCallback_t& record) const;
   void SetResult(const std::string& name);
   /// Starts the queue task, for servers that are not to find out with their first pair that there
   /// is no thread for it. No: there is none.

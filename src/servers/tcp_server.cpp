@@ -102,11 +102,12 @@ bool ZrTransceiverServerL0Socket::start() {
   if (!Running() || listenerTask_ != 0) return false;
   listenerTask_ = Scheduler().Submit(
       [this](ZrRinvalJobParametersAndResult* record) {
+        listenerBegan_ = true;
         try {
           AcceptLoop();
         } catch (const std::exception& failure) {
-          // The configuration is unusable, or the owner's callback failed: this server serves no
-          // peers. It stays, so that its owner can take it out.
+          // The configuration is unusable, or there is no callback: this server serves no peers.
+          // It stays, so that its owner can take it out.
           zr::WriteErrorLine("server " + JobName() + " (" + type_ + "): " + failure.what());
         } catch (...) {
           zr::WriteErrorLine("server " + JobName() + " (" + type_ + "): failed");
@@ -114,7 +115,10 @@ bool ZrTransceiverServerL0Socket::start() {
         return record;
       },
       nullptr, description);
-  return true;
+  // Done without having begun: there is no thread for it.
+  if (!Scheduler().IsDone(listenerTask_) || listenerBegan_ || !Running()) return true;
+  Scheduler().FetchResult(std::exchange(listenerTask_, 0));
+  throw ZrException("the system has no thread for the server", __LINE__, "src");
 }
 
 void ZrTransceiverServerL0Socket::stop() {
@@ -156,7 +160,7 @@ void ZrTransceiverServerL0Socket::AcceptLoop() {
     }
   }
   record.kind = ZrServerCallback_t::kListening;
-  Callback()(record);
+  TellOwner(record);
   while (Running()) {
     poller_->Wait(std::chrono::nanoseconds(-1));
     AcceptWaiting(listener, record);
@@ -179,7 +183,7 @@ bool ZrTransceiverServerL0Socket::Listen(ZrSocketIPvx& listener, ZrServerCallbac
   record.info.Set("ID", JobName());
   record.info.Set("protocolstring", std::string(configuration_->SchemeName()));
   while (!listening && Running()) {
-    Callback()(record);
+    TellOwner(record);
     Pause(kBindRetry);
     if (!Running()) return false;
     listening = listen();
@@ -228,7 +232,7 @@ void ZrTransceiverServerL0Socket::TakePeer(std::shared_ptr<ZrSocketIPvx> socket,
   } catch (const std::exception&) {
     return;  // no connection can be made for this peer (TLS without a context): it is closed
   }
-  Callback()(record);
+  TellOwner(record);
 }
 
 // ---- Connecting --------------------------------------------------------------------------------

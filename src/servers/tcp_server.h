@@ -90,6 +90,7 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
   ZrMutex stopLock_;
   ZrCondition stopped_;  // running_ was cleared
   std::uint64_t listenerTask_ ZR_GUARDED_BY(stopLock_) = 0;
-  std::atomic<bool> running_;       // changes under stopLock_
+  std::atomic<bool> running_;  // changes under stopLock_
+  std::atomic<bool> listenerBegan_{false};
   std::optional<ZrPoller> poller_;  // listening servers: for peers on both sockets, or for stop()
 };

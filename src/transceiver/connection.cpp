@@ -27,7 +27,9 @@ ZrTransceiverConnection::ZrTransceiverConnection(ZrTransceiver& owner, std::stri
       receiverName_(std::move(receiverName)),
       peerName_(std::move(peerName)),
       record_(std::make_shared<const ZrServerCallback_t>(std::move(record))),
-      onClose_(std::move(onClose)) {}
+      onClose_(std::move(onClose)),
+      output_(owner.Memory()),
+      turn_(output_, owner.Memory()) {}
 
 ZrTransceiverConnection::~ZrTransceiverConnection() = default;
 
@@ -84,7 +86,18 @@ void ZrTransceiverConnection::BeginHead() {
 
 void ZrTransceiverConnection::EndHead() { headSince_.store(0, std::memory_order_relaxed); }
 
-void ZrTransceiverConnection::NoteBody(std::uint64_t arrived) {
+void ZrTransceiverConnection::EndBody() {
+  bodySince_.store(0, std::memory_order_relaxed);
+  bodyHeld_.store(0, std::memory_order_relaxed);
+}
+
+std::optional<std::int64_t> ZrTransceiverConnection::SilentSinceNs() {
+  if (AwaitsAnswer()) return std::nullopt;
+  return ExpiryNs() - static_cast<std::int64_t>(kTimeLimit) * 1000;
+}
+
+void ZrTransceiverConnection::NoteBody(std::uint64_t arrived, std::uint64_t held) {
+  bodyHeld_.store(held, std::memory_order_relaxed);
   constexpr std::int64_t kSecond = 1'000'000'000;
   const auto bytes = static_cast<std::int64_t>(arrived);
   bodyTime_ = std::max(kBodyTimeLimit, bytes / kBodyRate * kSecond);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -147,9 +148,10 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// A message's head has begun and is not complete / is complete.
   void BeginHead();
   void EndHead();
-  /// So many bytes of a message's body have come / it is complete.
-  void NoteBody(std::uint64_t arrived);
-  void EndBody() { bodySince_.store(0, std::memory_order_relaxed); }
+  /// So many bytes of a message's body have come, and so many of them are in memory / it is
+  /// complete.
+  void NoteBody(std::uint64_t arrived, std::uint64_t held);
+  void EndBody();
 
   // For the transceiver.
 
@@ -164,6 +166,17 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   bool IsClosing() const { return turn_.IsClosing(); }
   /// More is waiting to be taken than reading goes on with.
   bool IsReadingPaused();
+  /// Reading pauses for want of memory; ResumeReading() is called when bytes were taken.
+  void PauseReading() { turn_.Pause(); }
+  /// What it has received and not handed out, the body of an incomplete message included, and what
+  /// waits in memory to be sent, in bytes.
+  std::uint64_t HeldInput() const {
+    return turn_.Size() + bodyHeld_.load(std::memory_order_relaxed);
+  }
+  std::uint64_t HeldOutput() const { return output_.Held(); }
+  /// Monotonic time (nanoseconds) since which its peer has neither sent nor taken anything; nothing
+  /// while the silence is not the peer's, as an answer is being made.
+  std::optional<std::int64_t> SilentSinceNs();
   /// After output went: whether the server waits for that and must be told. Answers yes once.
   bool TakeStalled();
   /// Monotonic time (nanoseconds) from which on HasExpired() answers yes, as things stand.
@@ -210,11 +223,12 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::shared_ptr<ZrIoRegistration> registration_ ZR_GUARDED_BY(lock_);
 
   ZrSendQueue output_;
-  ZrTurn turn_{output_};
+  ZrTurn turn_;
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
   std::atomic<std::int64_t> headSince_{0};    // monotonic time at which the head began; 0: none
   std::atomic<std::int64_t> bodySince_{0};    // monotonic time at which the body began; 0: none
   std::atomic<std::int64_t> bodyTime_{0};     // nanoseconds that it may take, by what has come
+  std::atomic<std::uint64_t> bodyHeld_{0};    // bytes of an incomplete body
   std::atomic<std::int64_t> lingerUntil_{0};  // monotonic time; 0: not closed for sending yet
 };

@@ -12,6 +12,15 @@ constexpr std::int64_t RoundUp(std::int64_t due) {
   return (due / ZrHousekeeper::kGrain + 1) * ZrHousekeeper::kGrain;
 }
 
+// What fails is one duty's affair, in effect for want of memory: the thread goes on.
+template <class Duty>
+void Do(const Duty& duty) noexcept {
+  try {
+    duty();
+  } catch (...) {
+  }
+}
+
 }  // namespace
 
 void ZrHousekeeper::Start(Duties duties) {
@@ -32,9 +41,10 @@ void ZrHousekeeper::End() {
 // alone for longer than that limit.
 void ZrHousekeeper::Watch(const std::shared_ptr<ZrTransceiverConnection>& connection) {
   const std::int64_t now = clock_.MonotonicNs();
+  // Asked under the lock: a limit that Hasten() comes too early with is seen here.
+  ZrLock hold(lock_);
   const std::int64_t due = RoundUp(
       std::clamp(connection->NextExpiryNs(), now, now + ZrTransceiverConnection::kHeadTimeLimit));
-  ZrLock hold(lock_);
   if (const auto before = placeOf_.find(connection.get()); before != placeOf_.end()) {
     places_.erase(before->second);
   }
@@ -43,10 +53,10 @@ void ZrHousekeeper::Watch(const std::shared_ptr<ZrTransceiverConnection>& connec
 }
 
 void ZrHousekeeper::Hasten(ZrTransceiverConnection& connection) {
-  const std::int64_t due = RoundUp(connection.NextExpiryNs());
   ZrLock hold(lock_);
   const auto found = placeOf_.find(&connection);
-  if (found == placeOf_.end()) return;  // it is being looked at now, or not registered any more
+  if (found == placeOf_.end()) return;  // it is being looked at now, and watched again after that
+  const std::int64_t due = RoundUp(connection.NextExpiryNs());
   auto place = places_.extract(found->second);
   place.key() = {due, &connection};
   if (due < Due()) wake_.NotifyOne();
@@ -68,6 +78,13 @@ void ZrHousekeeper::WatchServers(std::int64_t due) {
   wake_.NotifyOne();
 }
 
+void ZrHousekeeper::WatchMemory(std::int64_t due) {
+  ZrLock hold(lock_);
+  if (due >= memoryDue_) return;
+  memoryDue_ = due;
+  wake_.NotifyOne();
+}
+
 bool ZrHousekeeper::EndLater(std::function<void()> end) {
   ZrLock hold(lock_);
   if (!alive_) return false;
@@ -83,7 +100,8 @@ void ZrHousekeeper::Wake() {
 }
 
 std::int64_t ZrHousekeeper::Due() const {
-  return std::min(serversDue_, places_.empty() ? kNever : places_.begin()->first.first);
+  const std::int64_t place = places_.empty() ? kNever : places_.begin()->first.first;
+  return std::min({serversDue_, memoryDue_, place});
 }
 
 // Woken when a nearer time was entered; the wait then starts anew with that one.
@@ -115,6 +133,8 @@ ZrHousekeeper::Work ZrHousekeeper::TakeDue() {
   }
   work.servers = serversDue_ <= now;
   if (work.servers) serversDue_ = kNever;
+  work.memory = memoryDue_ <= now;
+  if (work.memory) memoryDue_ = kNever;
   return work;
 }
 
@@ -126,10 +146,21 @@ void ZrHousekeeper::Loop() {
       Wait();
       work = TakeDue();
     }
-    for (const auto& end : work.endings) end();
+    for (const auto& end : work.endings) Do(end);
     if (!work.goOn) return;
-    if (work.servers) WatchServers(duties_.checkServers());
-    for (const auto& connection : work.connections) duties_.checkConnection(connection);
-    ZrJobRegistry::Instance().WakeDelivery();
+    if (work.servers) {
+      std::int64_t next = clock_.MonotonicNs() + kGrain;
+      Do([&] { next = duties_.checkServers(); });
+      WatchServers(next);
+    }
+    if (work.memory) {
+      std::int64_t next = clock_.MonotonicNs() + kGrain;
+      Do([&] { next = duties_.checkMemory(); });
+      WatchMemory(next);
+    }
+    for (const auto& connection : work.connections) {
+      Do([&] { duties_.checkConnection(connection); });
+    }
+    Do([] { ZrJobRegistry::Instance().WakeDelivery(); });
   }
 }

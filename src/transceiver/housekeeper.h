@@ -31,6 +31,8 @@ class ZrHousekeeper {
     std::function<void(const std::shared_ptr<ZrTransceiverConnection>&)> checkConnection;
     /// A server can have expired. Answers the time of the next such look.
     std::function<std::int64_t()> checkServers;
+    /// Memory is short. Answers the time of the next such look, kNever when it is no more.
+    std::function<std::int64_t()> checkMemory;
   };
 
   /// The clock outlives the housekeeper.
@@ -50,6 +52,8 @@ class ZrHousekeeper {
   void Forget(const ZrTransceiverConnection& connection) ZR_EXCLUDES(lock_);
   /// Looks at all servers at that time, or earlier.
   void WatchServers(std::int64_t due) ZR_EXCLUDES(lock_);
+  /// Memory is short: looks at that at that time, or earlier.
+  void WatchMemory(std::int64_t due) ZR_EXCLUDES(lock_);
   /// Runs `end` on the housekeeper's thread. No: it does not run any more, the caller does it.
   bool EndLater(std::function<void()> end) ZR_EXCLUDES(lock_);
   /// Looks at all time limits now (after a clock was set by hand).
@@ -62,6 +66,7 @@ class ZrHousekeeper {
     std::vector<std::function<void()>> endings;
     std::vector<std::shared_ptr<ZrTransceiverConnection>> connections;
     bool servers = false;
+    bool memory = false;
     bool goOn = true;
   };
 
@@ -84,6 +89,7 @@ class ZrHousekeeper {
   std::unordered_map<const ZrTransceiverConnection*, Places::iterator> placeOf_
       ZR_GUARDED_BY(lock_);
   std::int64_t serversDue_ ZR_GUARDED_BY(lock_) = kNever;
+  std::int64_t memoryDue_ ZR_GUARDED_BY(lock_) = kNever;
 
   ZrThread thread_;  // ends before the members that it uses
 };

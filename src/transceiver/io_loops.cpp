@@ -19,18 +19,22 @@ constexpr unsigned kInput = ZrInterest::kRead | ZrInterest::kUrgent;
 }  // namespace
 
 ZrIoLoops::ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper,
-                     ZrStopProgress& progress, std::string name, Remove remove)
+                     ZrStopProgress& progress, const ZrClock& clock, std::string name,
+                     std::uint64_t memoryLimit, Remove remove)
     : scheduler_(scheduler),
       housekeeper_(housekeeper),
       progress_(progress),
+      clock_(clock),
       name_(std::move(name)),
-      remove_(std::move(remove)) {}
+      remove_(std::move(remove)),
+      memory_(std::make_shared<ZrMemoryBudget>(memoryLimit, [bell = bell_] { bell->Ring(); })) {}
 
 // ---- Registration ------------------------------------------------------------------------------
 
 bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
                          const std::shared_ptr<ZrTransceiverConnection>& connection) {
   const int descriptor = socket->primaryDescriptor();
+  if (descriptor < 0) return false;
   auto registration = std::make_shared<ZrIoRegistration>();
   registration->socket = std::move(socket);
   registration->connection = connection;
@@ -38,7 +42,7 @@ bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
   ZrLock writing(connection->Lock());
   {
     ZrLock hold(lock_);
-    StartJobs();
+    if (!StartJobs()) return false;
     registration->token = ++lastToken_;
     byToken_.emplace(registration->token, registration);
   }
@@ -66,7 +70,8 @@ ZrIoLoops::Registration ZrIoLoops::Unregister(ZrTransceiverConnection& connectio
 
 // ---- The two jobs ------------------------------------------------------------------------------
 
-void ZrIoLoops::StartJobs() {
+bool ZrIoLoops::StartJobs() {
+  if (stopped_) return false;
   if (receiveJob_ == 0) {
     receiveJob_ =
         Submit("ZrTransceiver_tcp_rcv", &ZrIoLoops::ReceiveLoop, receiving_, receivePoller_);
@@ -74,8 +79,11 @@ void ZrIoLoops::StartJobs() {
   if (sendJob_ == 0) {
     sendJob_ = Submit("ZrTransceiver_tcp_snd", &ZrIoLoops::SendLoop, sending_, sendPoller_);
   }
+  return receiveJob_ != 0 && sendJob_ != 0;
 }
 
+// 0: there is no thread for it. That is so when the task is done already, as it runs until it is
+// told to stop.
 std::uint64_t ZrIoLoops::Submit(const std::string& name, void (ZrIoLoops::*loop)(),
                                 std::atomic<bool>& running, ZrPoller& poller) {
   running = true;
@@ -85,12 +93,15 @@ std::uint64_t ZrIoLoops::Submit(const std::string& name, void (ZrIoLoops::*loop)
     running = false;
     poller.Wake();
   };
-  return scheduler_.Submit(
+  const std::uint64_t task = scheduler_.Submit(
       [this, loop](ZrRinvalJobParametersAndResult* record) {
         (this->*loop)();
         return record;
       },
       nullptr, description);
+  if (!scheduler_.IsDone(task)) return task;
+  scheduler_.FetchResult(task);
+  return 0;
 }
 
 void ZrIoLoops::Stop() {
@@ -99,6 +110,7 @@ void ZrIoLoops::Stop() {
   decltype(byToken_) registrations;  // go without the lock
   {
     ZrLock hold(lock_);
+    stopped_ = true;
     registrations.swap(byToken_);
   }
   for (const auto& [token, registration] : registrations) {
@@ -140,8 +152,13 @@ void ZrIoLoops::ReceiveLoop() {
   while (receiving_) {
     const auto events = receivePoller_.Wait(again.empty() ? kForEver : std::chrono::nanoseconds(0));
     ready.swap(again);
-    Resolve(events, ready);
-    ResolveResumed(ready);
+    try {
+      if (bell_->rung.load(std::memory_order_relaxed)) FeedStarved();
+      Resolve(events, ready);
+      ResolveResumed(ready);
+    } catch (...) {
+      // Out of memory: what was not taken over is reported again by the next wait, or still listed.
+    }
     for (Ready& one : ready) {
       try {
         Receive(one, again);
@@ -159,12 +176,14 @@ void ZrIoLoops::Receive(Ready& ready, std::vector<Ready>& again) {
   ZrTransceiverConnection& connection = *registration.connection;
   // Nobody reads it, so its end is told by the system alone, and over and over.
   if (ready.hangup && IsPaused(registration)) return remove_(connection);
+  if (registration.lost) return remove_(connection);
   if (ready.urgent) zr::DropUrgentByte(registration.socket->primaryDescriptor());
   const int count = connection.ReadFromSocket(*registration.socket);
   if (count < 0) return remove_(connection);
   if (count == 0) return OnPeerFinished(registration);
   if (connection.ReadAffectsOutput()) AfterOutput(registration);
   if (connection.IsReadingPaused() && PauseReading(registration)) return;
+  if (memory_->Exceeded() && Starve(registration)) return;
   if (connection.HasBufferedInput()) again.push_back(std::move(ready));
 }
 
@@ -175,12 +194,55 @@ bool ZrIoLoops::PauseReading(ZrIoRegistration& registration) {
   ZrLock hold(connection.Lock());
   if (connection.Registration() == nullptr || registration.paused) return true;
   if (!connection.IsReadingPaused() && !connection.PeerFinished()) return false;
+  Unwatch(registration);
+  return true;
+}
+
+void ZrIoLoops::Unwatch(ZrIoRegistration& registration) {
   registration.paused = true;
   const int descriptor = registration.socket->primaryDescriptor();
   receivePoller_.Remove(descriptor);
   // Whoever works for a peer is told when that has reset the connection.
   static_cast<void>(receivePoller_.Add(descriptor, registration.token, ZrInterest::kNone));
+}
+
+// Small requests of others are still read, so what is over the limit stays within the fair share of
+// each connection.
+bool ZrIoLoops::Starve(ZrIoRegistration& registration) {
+  housekeeper_.WatchMemory(clock_.MonotonicNs() + kStandstill);
+  ZrTransceiverConnection& connection = *registration.connection;
+  ZrLock hold(connection.Lock());
+  if (connection.Registration() == nullptr || registration.paused) return true;
+  if (connection.IsClosing() || connection.HeldInput() <= kFairShare) return false;
+  connection.PauseReading();
+  registration.starved = true;
+  Unwatch(registration);
+  {
+    ZrLock list(lock_);
+    starved_.push_back(registration.token);
+  }
+  if (!memory_->Exceeded()) bell_->Ring();  // there was room meanwhile, and this one not listed
   return true;
+}
+
+void ZrIoLoops::FeedStarved() {
+  std::vector<Registration> starved;
+  {
+    ZrLock hold(lock_);
+    bell_->rung = false;
+    for (const std::uint64_t token : starved_) {
+      if (const auto found = byToken_.find(token); found != byToken_.end()) {
+        starved.push_back(found->second);
+      }
+    }
+    starved_.clear();
+  }
+  for (const Registration& registration : starved) {
+    ZrLock writing(registration->connection->Lock());
+    if (!registration->starved) continue;
+    registration->starved = false;
+    if (!registration->connection->IsReadingPaused()) ResumeReading(*registration->connection);
+  }
 }
 
 bool ZrIoLoops::IsPaused(ZrIoRegistration& registration) {
@@ -192,10 +254,16 @@ void ZrIoLoops::ResumeReading(ZrTransceiverConnection& connection) {
   ZrLock writing(connection.Lock());
   ZrIoRegistration* const registration = connection.Registration();
   if (registration == nullptr || !registration->paused || connection.PeerFinished()) return;
+  if (registration->starved && !connection.IsClosing() && memory_->Exceeded() &&
+      connection.HeldInput() > kFairShare) {
+    return connection.PauseReading();  // asked again when more of its bytes were taken
+  }
+  registration->starved = false;
   const int descriptor = registration->socket->primaryDescriptor();
   receivePoller_.Remove(descriptor);
-  registration->paused = !receivePoller_.Add(descriptor, registration->token, kInput);
-  if (connection.HasBufferedInput()) ReadAgain(registration->token);
+  registration->paused = false;
+  registration->lost = !receivePoller_.Add(descriptor, registration->token, kInput);
+  if (registration->lost || connection.HasBufferedInput()) ReadAgain(registration->token);
 }
 
 // Its socket may never announce what TLS has taken from it already.
@@ -231,8 +299,12 @@ void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
 void ZrIoLoops::SendLoop() {
   std::vector<Ready> ready;
   while (sending_) {
-    Resolve(sendPoller_.Wait(kForEver), ready);
-    if (flushAll_.exchange(false)) FlushAll();
+    try {
+      Resolve(sendPoller_.Wait(kForEver), ready);
+      if (flushAll_.exchange(false)) FlushAll();
+    } catch (...) {
+      flushAll_ = true;  // as in the receive loop
+    }
     for (const Ready& one : ready) {
       ZrTransceiverConnection& connection = *one.registration->connection;
       try {
@@ -321,12 +393,11 @@ bool ZrIoLoops::EndOutputWhenDone(ZrTransceiverConnection& connection,
       wanted = true;
     }
   }
-  WatchOutput(registration, wanted);
-  return true;
+  return WatchOutput(registration, wanted);
 }
 
-void ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
-  if (wanted == registration.outputWatched) return;
+bool ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
+  if (wanted == registration.outputWatched) return true;
   const int descriptor = registration.socket->primaryDescriptor();
   if (wanted) {
     registration.outputWatched =
@@ -335,4 +406,5 @@ void ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
     registration.outputWatched = false;
     sendPoller_.Remove(descriptor);
   }
+  return registration.outputWatched == wanted;
 }

@@ -15,6 +15,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/memory_budget.h"
+#include "platform/clock.h"
 #include "platform/poller.h"
 #include "platform/sync.h"
 #include "transceiver/connection.h"
@@ -31,14 +33,20 @@ class ZrIoLoops {
   /// Called when a connection can only be removed; no lock is held.
   using Remove = std::function<void(ZrTransceiverConnection&)>;
 
-  /// All outlive the loops. The name, the owner's, ends the names of the two tasks.
+  /// While memory is short, connections that hold more input than that (bytes) are not read.
+  static constexpr std::uint64_t kFairShare = 64 * 1024;
+  /// What holds memory and stands still for that long (nanoseconds) is given up for others then.
+  static constexpr std::int64_t kStandstill = 60'000'000'000;
+
+  /// All outlive the loops. The name, the owner's, ends the names of the two tasks. All connections
+  /// together are to hold at most `memoryLimit` bytes.
   ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper, ZrStopProgress& progress,
-            std::string name, Remove remove);
+            const ZrClock& clock, std::string name, std::uint64_t memoryLimit, Remove remove);
   ZrIoLoops(const ZrIoLoops&) = delete;
   ZrIoLoops& operator=(const ZrIoLoops&) = delete;
 
   /// Serves the connection on its socket from now on; the first one starts the jobs. No: the socket
-  /// cannot be watched.
+  /// cannot be watched, or there is no thread for the jobs; the next connection tries again.
   bool Register(std::shared_ptr<ZrSocketIPvx> socket,
                 const std::shared_ptr<ZrTransceiverConnection>& connection) ZR_EXCLUDES(lock_);
   /// Ends that, with what was still to be sent; the socket closes with the last pass that uses it.
@@ -57,9 +65,19 @@ class ZrIoLoops {
   void FlushAllLater();
   /// A connection that reading had paused on may be read again.
   void ResumeReading(ZrTransceiverConnection& connection) ZR_EXCLUDES(lock_);
+  const std::shared_ptr<ZrMemoryBudget>& Memory() const { return memory_; }
 
  private:
   using Registration = std::shared_ptr<ZrIoRegistration>;
+  // Where the budget tells of room; shares of it may outlive the loops.
+  struct Bell {
+    ZrPoller poller;  // of the receive job
+    std::atomic<bool> rung{false};
+    void Ring() noexcept {
+      rung = true;
+      poller.Wake();
+    }
+  };
   // One that a pass of receiving is for.
   struct Ready {
     Registration registration;
@@ -67,7 +85,8 @@ class ZrIoLoops {
     bool hangup = false;
   };
 
-  void StartJobs() ZR_REQUIRES(lock_);
+  /// No: there is no thread for one of them, or they have been stopped.
+  bool StartJobs() ZR_REQUIRES(lock_);
   std::uint64_t Submit(const std::string& name, void (ZrIoLoops::*loop)(),
                        std::atomic<bool>& running, ZrPoller& poller);
   static bool IsPaused(ZrIoRegistration& registration);
@@ -81,6 +100,11 @@ class ZrIoLoops {
   void ReadAgain(std::uint64_t token) ZR_EXCLUDES(lock_);
   /// No: the bytes were taken meanwhile, reading goes on.
   bool PauseReading(ZrIoRegistration& registration);
+  /// Memory is short: the connection is not read on when it holds more than its share.
+  bool Starve(ZrIoRegistration& registration);
+  /// There is memory again.
+  void FeedStarved() ZR_EXCLUDES(lock_);
+  void Unwatch(ZrIoRegistration& registration);
   void OnPeerFinished(ZrIoRegistration& registration);
   /// Writes what is queued. Since a poller said that the socket is ready (`ready`, else none), a
   /// pass that does nothing and would be repeated at once ends the connection.
@@ -90,16 +114,20 @@ class ZrIoLoops {
   void AfterProgress(ZrTransceiverConnection& connection);
   bool EndOutputWhenDone(ZrTransceiverConnection& connection, ZrIoRegistration& registration)
       ZR_REQUIRES(connection.Lock());
-  void WatchOutput(ZrIoRegistration& registration, bool wanted);
+  /// No: it is wanted, and the system does not watch it.
+  bool WatchOutput(ZrIoRegistration& registration, bool wanted);
 
   // Constant after construction.
   ZrRinvalScheduler2& scheduler_;
   ZrHousekeeper& housekeeper_;
   ZrStopProgress& progress_;
+  const ZrClock& clock_;
   const std::string name_;
   const Remove remove_;
+  const std::shared_ptr<Bell> bell_ = std::make_shared<Bell>();
+  const std::shared_ptr<ZrMemoryBudget> memory_;
 
-  ZrPoller receivePoller_;
+  ZrPoller& receivePoller_ = bell_->poller;
   ZrPoller sendPoller_;
   std::atomic<bool> receiving_{false};
   std::atomic<bool> sending_{false};
@@ -109,6 +137,8 @@ class ZrIoLoops {
   std::unordered_map<std::uint64_t, Registration> byToken_ ZR_GUARDED_BY(lock_);
   std::uint64_t lastToken_ ZR_GUARDED_BY(lock_) = 0;
   std::vector<std::uint64_t> resumed_ ZR_GUARDED_BY(lock_);  // have input of their own to read
-  std::uint64_t receiveJob_ ZR_GUARDED_BY(lock_) = 0;  // task IDs; 0 before the first connection
+  std::vector<std::uint64_t> starved_ ZR_GUARDED_BY(lock_);  // paused until there is memory
+  bool stopped_ ZR_GUARDED_BY(lock_) = false;
+  std::uint64_t receiveJob_ ZR_GUARDED_BY(lock_) = 0;  // task IDs; 0: does not run yet
   std::uint64_t sendJob_ ZR_GUARDED_BY(lock_) = 0;
 };

@@ -3,6 +3,7 @@
 // connection holds it as its way back to them, so that output and resumed reading need no look-up.
 // It lives from ZrIoLoops::Register() to Unregister(), and as long as a pass works on it.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -18,6 +19,9 @@ struct ZrIoRegistration {
 
   // Guarded by the connection's job lock.
   bool paused = false;         ///< not watched for input
+  bool starved = false;        ///< paused until there is memory
   bool outputWatched = false;  ///< the send job waits for room on the socket
   bool outputEnded = false;    ///< the socket is shut down for sending
+
+  std::atomic<bool> lost{false};  ///< the system would not watch it again: it is to be removed
 };

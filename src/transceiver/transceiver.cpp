@@ -25,18 +25,19 @@ bool CarriesMessages(std::uint32_t protocolKind) {
 }  // namespace
 
 ZrTransceiver::ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories factories,
-                             const ZrClock& clock)
+                             const ZrClock& clock, std::uint64_t memoryLimit)
     : scheduler_(scheduler),
       factories_(std::move(factories)),
       clock_(clock),
       housekeepingTask_(CreateJoinedTask("housekeeping")),
       housekeeper_(clock),
-      loops_(scheduler, housekeeper_, progress_, JobName(),
+      loops_(scheduler, housekeeper_, progress_, clock, JobName(), memoryLimit,
              [this](ZrTransceiverConnection& connection) { RemoveConnection(connection); }),
       pools_(scheduler, *this, factories_) {
   housekeeper_.Start(
       {.checkConnection = [this](const ConnectionPointer& due) { CheckConnection(due); },
-       .checkServers = [this] { return CheckServers(); }});
+       .checkServers = [this] { return CheckServers(); },
+       .checkMemory = [this] { return CheckMemory(); }});
 }
 
 // Everything that runs ends before anything goes: servers first, as their tasks use connections.
@@ -154,7 +155,11 @@ std::string ZrTransceiver::OpenServer(ZrMessageHandler& client,
   record.info.Set("protocol", entry->second.protocol);
   record.info.Set("ID", server->ServerJob().JobName());
   record.info.Set("roll", "server");
-  if (callback) callback(record);
+  try {
+    if (callback) callback(record);
+  } catch (...) {
+    // The owner's own failure; the server runs all the same.
+  }
   return headName;
 }
 
@@ -335,12 +340,16 @@ std::size_t ZrTransceiver::ConnectionCount() {
   return connections_.size();
 }
 
-bool ZrTransceiver::IsBusy() {
+std::vector<ZrTransceiver::ConnectionPointer> ZrTransceiver::Connections() {
   std::vector<ConnectionPointer> connections;
-  {
-    ZrLock hold(clientLock_);
-    for (const auto& [name, connection] : connections_) connections.push_back(connection);
-  }
+  ZrLock hold(clientLock_);
+  connections.reserve(connections_.size());
+  for (const auto& [name, connection] : connections_) connections.push_back(connection);
+  return connections;
+}
+
+bool ZrTransceiver::IsBusy() {
+  const std::vector<ConnectionPointer> connections = Connections();
   return std::any_of(connections.begin(), connections.end(), [](const auto& connection) {
     return connection->IsBusy() || connection->SendPending();
   });
@@ -391,4 +400,28 @@ void ZrTransceiver::CheckConnection(const ConnectionPointer& connection) {
     // Its owner gave it a callback that cannot close it: it goes all the same.
     RemoveConnection(*connection);
   }
+}
+
+// While memory is short, what holds some and has stood still for long makes room: the newest goes,
+// and when that was not enough, the next one a moment later.
+std::int64_t ZrTransceiver::CheckMemory() {
+  if (!Memory()->Exceeded()) return ZrHousekeeper::kNever;
+  const std::int64_t now = clock_.MonotonicNs();
+  std::int64_t next = now + ZrIoLoops::kStandstill;
+  ConnectionPointer newest;
+  std::uint64_t newestToken = 0;
+  for (const ConnectionPointer& connection : Connections()) {
+    const std::uint64_t held = std::max(connection->HeldInput(), connection->HeldOutput());
+    const auto since = connection->SilentSinceNs();
+    if (held <= ZrIoLoops::kFairShare || !since) continue;
+    next = std::min(next, *since + ZrIoLoops::kStandstill);
+    if (now - *since < ZrIoLoops::kStandstill) continue;
+    ZrLock hold(connection->Lock());
+    const ZrIoRegistration* const registration = connection->Registration();
+    if (registration == nullptr || registration->token < newestToken) continue;
+    newest = connection;
+    newestToken = registration->token;
+  }
+  if (newest) RemoveConnection(*newest);
+  return std::max(next, now + ZrHousekeeper::kGrain);
 }

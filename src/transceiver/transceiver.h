@@ -35,9 +35,11 @@
 class ZrTransceiver final : public ZrJob {
  public:
   /// The scheduler runs the I/O jobs; scheduler and clock outlive the transceiver. Starts the
-  /// housekeeper. Without factories no server can be opened.
+  /// housekeeper. Without factories no server can be opened. The limit, in bytes, is what all
+  /// peers together may occupy.
   explicit ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories factories = {},
-                         const ZrClock& clock = ZrClock::System());
+                         const ZrClock& clock = ZrClock::System(),
+                         std::uint64_t memoryLimit = ZrMemoryBudget::DefaultLimit());
   ~ZrTransceiver() override;
 
   /// Hands the event to the job registry for the job of that name.
@@ -126,7 +128,7 @@ class ZrTransceiver final : public ZrJob {
   const ZrClock& Clock() const { return clock_; }
   const ZrServerFactories& Factories() const { return factories_; }
   /// What all peers of this transceiver together may occupy; everything kept for one counts there.
-  const std::shared_ptr<ZrMemoryBudget>& Memory() const { return memory_; }
+  const std::shared_ptr<ZrMemoryBudget>& Memory() const { return loops_.Memory(); }
 
  private:
   struct ClientRecord {
@@ -141,6 +143,8 @@ class ZrTransceiver final : public ZrJob {
   std::vector<std::shared_ptr<ZrServerLink>> Servers();
   bool IsBusy();
   std::int64_t CheckServers();
+  std::int64_t CheckMemory();
+  std::vector<ConnectionPointer> Connections();
   void CheckConnection(const ConnectionPointer& connection);
 
   // Constant after construction.
@@ -148,8 +152,6 @@ class ZrTransceiver final : public ZrJob {
   const ZrServerFactories factories_;
   const ZrClock& clock_;
   const std::string housekeepingTask_;
-  const std::shared_ptr<ZrMemoryBudget> memory_ =
-      std::make_shared<ZrMemoryBudget>(ZrMemoryBudget::DefaultLimit());
 
   ZrMutex clientLock_;
   std::map<std::string, ClientRecord> clients_ ZR_GUARDED_BY(clientLock_);

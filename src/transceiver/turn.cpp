@@ -83,6 +83,7 @@ bool ZrTurn::Receive(std::string_view bytes) {
   ZrLock hold(lock_);
   const Effect effect = Apply(Event::kReceived);
   if (effect != Effect::kDrop) bytes_.Append(bytes);
+  Count();
   return effect == Effect::kAnnounce;
 }
 
@@ -97,6 +98,7 @@ bool ZrTurn::Take(ZrStringBuf& target) {
     target.Append(bytes_.Unread());
     bytes_.Clear();
   }
+  Count();
   Apply(Event::kTaken);
   return !InItem() && Resume();
 }
@@ -107,11 +109,13 @@ void ZrTurn::PutBack(ZrStringBuf& bytes) {
   if (Apply(Event::kPutBack) == Effect::kDrop) return bytes.Clear();
   bytes.Append(bytes_.Unread());
   bytes_ = std::move(bytes);
+  Count();
 }
 
 void ZrTurn::Forget() {
   ZrLock hold(lock_);
   bytes_.Clear();
+  Count();
   Apply(Event::kTaken);
 }
 
@@ -180,6 +184,7 @@ void ZrTurn::Close() {
   ZrLock hold(lock_);
   Apply(Event::kClose);
   if (role_ == Role::kServes) bytes_.Clear();
+  Count();
 }
 
 // ---- Reading -----------------------------------------------------------------------------------
@@ -190,6 +195,16 @@ bool ZrTurn::PauseWhenFull() {
   if (IsClosing() || bytes_.Size() <= kReadMark) return false;
   if (input_ == Input::kReading) input_ = Input::kPaused;
   return true;
+}
+
+void ZrTurn::Pause() {
+  ZrLock hold(lock_);
+  if (input_ == Input::kReading) input_ = Input::kPaused;
+}
+
+std::size_t ZrTurn::Size() const {
+  ZrLock hold(lock_);
+  return bytes_.Size();
 }
 
 bool ZrTurn::Resume() {

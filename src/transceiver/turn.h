@@ -30,9 +30,12 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string_view>
+#include <utility>
 
+#include "base/memory_budget.h"
 #include "base/string_buffer.h"
 #include "net/send_queue.h"
 #include "platform/sync.h"
@@ -101,7 +104,9 @@ class ZrTurn {
   enum class After { kNothing, kWake, kClose };
 
   /// The queue says how much output waits; it lives longer than the turn.
-  explicit ZrTurn(const ZrSendQueue& output) : output_(output) {}
+  /// Bytes that wait count in the budget; without one they count for nobody.
+  explicit ZrTurn(const ZrSendQueue& output, std::shared_ptr<ZrMemoryBudget> budget = nullptr)
+      : output_(output), share_(std::move(budget)) {}
 
   void BecomeAsking() ZR_EXCLUDES(lock_);
   /// Keeps bytes. Yes: the server is to be told of them.
@@ -124,6 +129,10 @@ class ZrTurn {
   bool EndInput() ZR_EXCLUDES(lock_);
   /// More waits than reading goes on with; a Take() or End() will say when it does.
   bool PauseWhenFull() ZR_EXCLUDES(lock_);
+  /// Reading pauses for another reason: the next Take() or End() says that it may go on.
+  void Pause() ZR_EXCLUDES(lock_);
+  /// Bytes that wait.
+  std::size_t Size() const ZR_EXCLUDES(lock_);
 
   bool IsClosing() const noexcept { return state_.load() == State::kClosing; }
   bool InItem() const noexcept;
@@ -134,6 +143,7 @@ class ZrTurn {
   Effect Apply(Event event) ZR_REQUIRES(lock_);
   bool OutputFull() const { return output_.Bytes() > kOutputMark; }
   bool Resume() ZR_REQUIRES(lock_);
+  void Count() ZR_REQUIRES(lock_) { share_.SetPages(bytes_.Size()); }
 
   const ZrSendQueue& output_;
   mutable ZrMutex lock_;
@@ -141,4 +151,5 @@ class ZrTurn {
   Role role_ ZR_GUARDED_BY(lock_) = Role::kServes;
   Input input_ ZR_GUARDED_BY(lock_) = Input::kReading;
   ZrStringBuf bytes_ ZR_GUARDED_BY(lock_);
+  ZrMemoryShare share_ ZR_GUARDED_BY(lock_);
 };

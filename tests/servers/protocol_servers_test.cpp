@@ -8,6 +8,7 @@
 #include <deque>
 #include <thread>
 
+#include "base/exception.h"
 #include "jobs/job_registry.h"
 #include "platform/file.h"
 #include "platform/thread.h"
@@ -44,6 +45,45 @@ TEST(Http, ReadsARequestHoweverItIsCut) {
   }
   other.Send("ngth: 1\r\n\r\nx");
   EXPECT_EQ(other.ReadUntil("|x"), Answer("/other|x"));
+}
+
+// Whatever an owner's callback throws, every answer goes out once and the turn ends with it; what a
+// handler throws ends its connection and no other.
+TEST(Http, FailuresOfCallbacksAndHandlersLeaveNoTurnOpen) {
+  ServerBed bed;
+  bed.callback = [inner = bed.callback](ZrServerCallback_t& record) -> bool {
+    inner(record);
+    throw record.kind;
+  };
+  std::vector<std::jthread> answering;  // the queue task's
+  bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) -> int {
+    if (m->path == "/thrown") throw 7;
+    if (m->path == "/both") self.Answer(*m, "both");
+    if (m->path == "/both") throw 8;
+    answering.emplace_back([&self, m] { self.Answer(*m, "late"); });
+    return 1;
+  };
+  const int port = bed.Open(zr::kProtocolHttp);
+  RawClient client(port);
+  for (int i = 0; i < 3; ++i) {
+    client.Send(kGetA);
+    EXPECT_EQ(client.ReadUntil("late"), Answer("late"));
+  }
+  const std::pair<const char*, std::string> ends[] = {{"/thrown", ""}, {"/both", Answer("both")}};
+  for (const auto& [path, expected] : ends) {
+    RawClient failing(port);
+    failing.Send(std::string("GET ") + path + " HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(failing.ReadToEnd(), expected) << path;
+  }
+  client.FinishSending();
+  EXPECT_TRUE(bed.WaitForConnections(0));
+  bed.transceiver.StopServers();
+}
+
+TEST(Http, WithoutAThreadAServerIsRefused) {
+  ServerBed bed;
+  bed.scheduler.Stop();
+  EXPECT_THROW(bed.Start(zr::kProtocolHttp, {}), ZrException);
 }
 
 TEST(Http, OneRequestOfAConnectionIsInProgressAtATime) {

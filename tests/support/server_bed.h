@@ -47,8 +47,9 @@ class ServerBed {
  public:
   using Message = BedHandler::Message;
 
-  explicit ServerBed(const ZrClock& clock = ZrClock::System())
-      : transceiver(scheduler, zr::ProtocolServers(), clock),
+  explicit ServerBed(const ZrClock& clock = ZrClock::System(),
+                     std::uint64_t memoryLimit = ZrMemoryBudget::DefaultLimit())
+      : transceiver(scheduler, zr::ProtocolServers(), clock, memoryLimit),
         handler(zr::MakeJob<BedHandler>([this](const Message& m) { return onMessage(*this, m); })) {
     transceiver.AddClient(handler);
   }

@@ -73,6 +73,43 @@ TEST(Transceiver, TellsTheServerOncePerBatchAndTheThreeJobsOfTheEnd) {
   EXPECT_EQ(line.peer->Received(1)[0].jobName, line.name);
 }
 
+TEST(Transceiver, AConnectionThatNobodyCanServeEndsAtOnce) {
+  ServerBed bed;
+  bed.scheduler.Stop();  // no thread for the I/O jobs
+  Line line(bed);
+  EXPECT_EQ(bed.transceiver.ConnectionCount(), 0u);
+  EXPECT_TRUE(WaitFor([&] { return line.receiver->Codes() == "2 "; }));
+  EXPECT_EQ(line.client->ReadToEnd(), "");
+}
+
+TEST(Transceiver, ShortMemoryPausesThoseWithMuchAndGivesUpTheNewestThatStandsStill) {
+  ManualClock clock;
+  ServerBed bed(clock, 300'000);
+  const auto holds = [](Line& line, std::uint64_t bytes) {
+    return WaitFor([&] { return line.connection->HeldInput() == bytes; });
+  };
+  Line first(bed);
+  first.client->Send(std::string(200'000, 'a'));
+  ASSERT_TRUE(holds(first, 200'000));
+  Line second(bed);
+  second.client->Send(std::string(200'000, 'b'));
+  ASSERT_TRUE(WaitFor([&] { return bed.transceiver.Memory()->Exceeded(); }));
+  EXPECT_LT(second.connection->HeldInput(), 110'000u);
+  first.client->Send(std::string(50'000, 'a'));
+  Line small(bed);
+  small.client->Send(std::string(10'000, 'c'));
+  EXPECT_TRUE(holds(small, 10'000));
+  EXPECT_EQ(bed.transceiver.ConnectionCount(), 3u);
+  clock.Advance(61s);
+  bed.transceiver.WakeHousekeeper();
+  EXPECT_TRUE(bed.WaitForConnections(2));
+  EXPECT_TRUE(WaitFor([&] { return second.receiver->Codes() == "8 2 "; }));
+  EXPECT_TRUE(holds(first, 250'000));  // there is room again: the rest of it is read
+  ZrStringBuf taken;
+  first.connection->TakeReceived(taken);
+  EXPECT_LT(bed.transceiver.Memory()->Used(), 20'000u);
+}
+
 TEST(Transceiver, EndsConnectionsThatAreSilentTooLong) {
   ManualClock clock;
   TransceiverBed bed(clock);

@@ -9,6 +9,7 @@
 #include <array>
 #include <limits>
 #include <system_error>
+#include <thread>
 
 namespace {
 
@@ -72,7 +73,11 @@ std::span<const ZrReadiness> ZrPoller::Wait(nanoseconds limit) {
   for (;;) {
     count = WaitOnce(poll_.Get(), events, deadline - steady_clock::now(), bounded);
     if (count > 0) break;
-    if (count < 0 && errno != EINTR) return {};
+    if (count < 0 && errno != EINTR) {
+      // The host closed what is not its own: nothing will ever be ready, and no core burns for it.
+      std::this_thread::sleep_for(milliseconds(20));
+      return {};
+    }
     if (bounded && steady_clock::now() >= deadline) return {};
   }
   for (const epoll_event& event : std::span(events).first(static_cast<std::size_t>(count))) {
