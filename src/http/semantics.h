@@ -33,6 +33,7 @@ class ZrSemantics {
   using HeadCallback = std::function<bool(ZrXHeader&)>;
 
   static const ZrSemantics& Minimal();
+  static const ZrSemantics& Standard();
   /// The set of that name, "" is "minimal". Throws ZrException for any other name.
   static const ZrSemantics& Named(std::string_view name);
 

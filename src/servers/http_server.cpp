@@ -15,6 +15,8 @@ namespace {
 // Smaller bodies are among what every connection costs, in bytes of heap.
 constexpr std::size_t kCountedBody = 4096;
 
+constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
 }  // namespace
 
 // A closed connection goes through the queue like its bytes do: its message is dropped behind the
@@ -91,7 +93,12 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
     if (head->memory.Bytes() == 0) head->memory = ZrMemoryShare(transceiver.Memory());
     head->memory.Set(held);
   }
-  if (step == ZrReadStep::kBody) {
+  if (step == ZrReadStep::kContinue) {
+    std::size_t accepted = 0;
+    connection->SendBytes(kContinue.data(), kContinue.size(), accepted);
+    transceiver.FlushConnection(*connection);
+  }
+  if (step == ZrReadStep::kBody || step == ZrReadStep::kContinue) {
     connection->NoteBody(head->BodyBytes());
     return false;
   }
@@ -177,6 +184,7 @@ bool ZrTransceiverServerL1HTTP::HasExchange(const std::string& connectionName) {
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(
     const ZrTransceiverConnection& connection, std::string task) {
   auto head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, ProtocolKind());
+  head->semantics = semantics_;
   head->target = std::move(task);
   head->route = {connection.JobName(), JobName()};
   head->SetPeerRecord(connection.PeerRecord());
@@ -228,6 +236,7 @@ bool ZrTransceiverServerL1HTTP::SendHead(const ConnectionPointer& connection,
     const std::uint64_t bytes = zr::QueueMessage(*connection, *head);
     transceiver->FlushConnection(*connection);
     Log(*connection, *head, bytes);
+    if (head->closeRequested) connection->CloseAfterItem();
   }
   LeaveJoinedTask(head->target);
   if (connection && !isRequest) EndTurn(connection);
