@@ -11,12 +11,14 @@
 #include "http/http_date.h"
 #include "http/message_head.h"
 #include "http/program_head.h"
+#include "http/response_head.h"
 #include "http/standard_head.h"
 #include "http/status_phrases.h"
 
 namespace {
 
 constexpr std::uint64_t kBadRequest = 400;
+constexpr std::uint64_t kRequestTimeout = 408;
 constexpr std::uint64_t kContentTooLarge = 413;
 constexpr std::uint64_t kInternalError = 500;
 constexpr std::uint64_t kInsufficientStorage = 507;
@@ -162,6 +164,15 @@ ZrReadStep ZrStandardSemantics::Read(ZrXHeader& message, const HeadCallback& onH
   if (message.InHead()) return ZrReadStep::kHead;
   if (!onHead(message)) return ZrReadStep::kClose;
   return BeginBody(message);
+}
+
+std::string ZrStandardSemantics::LateAnswer() const {
+  const auto answer = zr::MakeJob<ZrXResponseHeader>(zr::kProtocolHttp);
+  answer->status = kRequestTimeout;
+  answer->closeRequested = true;
+  ZrStringBuf out;
+  WriteAnswerHead(*answer, out);
+  return out.Take();
 }
 
 std::string_view ZrStandardSemantics::StatusPhrase(std::uint64_t status) const {

@@ -18,5 +18,6 @@ class ZrStandardSemantics final : public ZrSemantics {
   void WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const override;
   std::string_view StatusPhrase(std::uint64_t status) const override;
   bool SendsBody(const ZrXHeader& answer) const override;
+  std::string LateAnswer() const override;
   bool IsStandard() const override { return true; }
 };

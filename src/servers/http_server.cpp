@@ -85,7 +85,7 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
         *head, [&client](ZrXHeader& read) { return client->OnHeadComplete(read); });
   }
   if (step == ZrReadStep::kHead) {
-    connection->BeginHead();
+    connection->BeginHead(head->semantics);
     return false;
   }
   connection->EndHead();
@@ -99,7 +99,7 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
     transceiver.FlushConnection(*connection);
   }
   if (step == ZrReadStep::kBody || step == ZrReadStep::kContinue) {
-    connection->NoteBody(head->BodyBytes());
+    connection->NoteBody(*head->semantics, head->BodyBytes());
     return false;
   }
   connection->EndBody();
