@@ -1,5 +1,6 @@
-// A head that arrives in pieces is the head that arrives at once, and its answer has one head. The
-// first byte of the input gives the size of the pieces, the rest is the message.
+// A head that arrives in pieces is the head that arrives at once, and its answer has one head, in
+// both semantics; and what both take is one request to both. The first byte of the input gives the
+// size of the pieces, the rest is the message.
 
 #include <algorithm>
 #include <cstddef>
@@ -53,6 +54,43 @@ void ExpectSame(const Outcome& a, const Outcome& b) {
   ZR_FUZZ_CHECK(Dump(*a.head) == Dump(*b.head));
 }
 
+// A message of standard semantics up to its end, with what is behind it.
+struct Standard {
+  std::shared_ptr<ZrXHeader> head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, zr::kProtocolHttp);
+  ZrReadStep step = ZrReadStep::kHead;
+  std::string rest;
+};
+
+Standard ReadStandard(std::string_view bytes, std::size_t pieceSize) {
+  Standard outcome;
+  outcome.head->semantics = &ZrSemantics::Standard();
+  outcome.head->body = std::make_unique<ZrStringBuf>();
+  while (!bytes.empty() && outcome.step != ZrReadStep::kComplete) {
+    outcome.head->Input().Append(bytes.substr(0, pieceSize));
+    bytes.remove_prefix(std::min(pieceSize, bytes.size()));
+    outcome.step = ZrSemantics::Standard().Read(*outcome.head, [](ZrXHeader&) { return true; });
+    if (outcome.step == ZrReadStep::kContinue) outcome.step = ZrReadStep::kBody;
+  }
+  if (outcome.head->surplus) outcome.rest = outcome.head->surplus->Take();
+  outcome.rest.append(bytes);
+  return outcome;
+}
+
+void ExpectSame(const Standard& a, const Standard& b) {
+  ZR_FUZZ_CHECK(a.step == b.step && a.head->refusal == b.head->refusal);
+  if (a.step != ZrReadStep::kComplete || a.head->refusal != 0) return;
+  ZR_FUZZ_CHECK(Dump(*a.head) == Dump(*b.head) && a.rest == b.rest);
+}
+
+// One that is neither refused nor beyond the minimal dialect.
+bool IsShared(const Standard& read, std::string_view bytes) {
+  return read.step == ZrReadStep::kComplete && read.head->refusal == 0 &&
+         (read.head->method == ZrMethod::kGet || read.head->method == ZrMethod::kPost) &&
+         !read.head->headers.contains("transfer-encoding") &&
+         read.head->reading.lineEnd == ZrMessageReading::LineEnd::kCrLf &&
+         !bytes.starts_with("\r") && !bytes.starts_with("\n");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -61,6 +99,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Outcome whole = Read(message, message.size() + 1);
   ExpectSame(whole, Read(message, std::size_t{data[0]} + 1));
   if (size < 4096) ExpectSame(whole, Read(message, 1));
+
+  const Standard standard = ReadStandard(message, message.size() + 1);
+  ExpectSame(standard, ReadStandard(message, std::size_t{data[0]} + 1));
+  if (IsShared(standard, message)) {
+    ZR_FUZZ_CHECK(whole.head->kind == ZrMessageKind::kRequest);
+    ZR_FUZZ_CHECK(whole.head->method == standard.head->method);
+    ZR_FUZZ_CHECK(whole.head->declaredLength == standard.head->declaredLength);
+    const std::string_view path = whole.head->path;
+    if (path.starts_with('/') && path.find('%') == path.npos && path.find("/.") == path.npos) {
+      ZR_FUZZ_CHECK(path == standard.head->path);
+    }
+  }
 
   const auto answer = whole.head->MakeResponse();
   answer->SetBodyText("text");

@@ -47,6 +47,8 @@ ZrServerCallback Guarded(ZrServerCallback reports) {
   };
 }
 
+constexpr std::string_view kAllMethods = "GET, HEAD, POST, PUT, PATCH, DELETE, OPTIONS";
+
 bool IsHttp(std::uint32_t protocolKind) {
   return protocolKind == zr::kProtocolHttp || protocolKind == zr::kProtocolHttps;
 }
@@ -216,12 +218,44 @@ int ZrTransceiverClient::HandleMessage(const std::string& name,
   return kMeaningless;
 }
 
+// What the rules of the messages answer, whatever the request is for.
+bool ZrTransceiverClient::AnswerByRule(const ZrXHeader& request) {
+  if (request.refusal != 0) {
+    AnswerStatus(request, request.refusal);
+    return true;
+  }
+  if (request.method == ZrMethod::kOptions) {
+    AnswerStatus(request, 204, kAllMethods);
+    return true;
+  }
+  return false;
+}
+
+void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t status,
+                                       std::string_view allow) {
+  const auto answer = request.MakeResponse();
+  const std::string title =
+      std::to_string(status) + " " + std::string(answer->semantics->StatusPhrase(status));
+  if (status != 204) {
+    answer->SetBodyText("<!DOCTYPE html>\n<html lang=\"en\"><head><title>" + title +
+                        "</title></head><body><h1>" + title + "</h1></body></html>\n");
+  }
+  if (!allow.empty()) {
+    answer->SetField("allow", allow);
+  }
+  answer->SetStatus(status);
+  SendAnswer(request, answer);
+}
+
 int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request) {
   switch (request->ProtocolKind()) {
     case zr::kProtocolSocket:
       return kHandled;
     case zr::kProtocolHttp:
     case zr::kProtocolHttps:
+      if (AnswerByRule(*request)) {
+        return kHandled;
+      }
       if (!FormCommandStep(request) && content_ && !content_->ServeRequest(*this, request)) {
         content_->AnswerNotFound(*this, request);
       }

@@ -70,6 +70,10 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// any.
   void SendAnswer(const ZrXHeader& request, const std::shared_ptr<ZrXResponseHeader>& answer);
 
+  /// Answers with a status and a short page that says it; `allow` is the list of methods that a 204
+  /// or 405 names. Threads: any.
+  void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});
+
   ZrJob& HandlerJob() override { return *this; }
 
   // Constant after construction.
@@ -91,6 +95,7 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   class TransceiverUse;
 
   void OnUnanswered(const ZrJobEvent& event);
+  bool AnswerByRule(const ZrXHeader& request);
   int AnswerRequest(const std::shared_ptr<ZrXHeader>& request);
   int AcceptAnswer(const std::string& name, const std::shared_ptr<ZrXHeader>& answer);
   bool RunCommand(const std::shared_ptr<ZrXHeader>& request, const std::string& id);

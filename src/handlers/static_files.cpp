@@ -16,9 +16,20 @@
 
 namespace {
 
+/// Files and stored pages do not change by a request.
+bool RefuseMethod(ZrTransceiverClient& client, const ZrXHeader& request) {
+  if (request.method != ZrMethod::kPut && request.method != ZrMethod::kPatch &&
+      request.method != ZrMethod::kDelete) {
+    return false;
+  }
+  client.AnswerStatus(request, 405, "GET, HEAD, POST, OPTIONS");
+  return true;
+}
+
 /// What a stored page raises while it is made or sent ends in the 404 answer.
 bool SendStoredPage(ZrTransceiverClient& client, const ZrXHeader& request,
                     const std::string& name) {
+  if (RefuseMethod(client, request)) return true;
   try {
     const auto answer = request.MakeResponse();
     client.application->fillFromStorage(name, *answer);
@@ -54,6 +65,7 @@ bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
 
 bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const ZrXHeader& request,
                              const std::string& path, ZrServedFiles::Found found) {
+  if (RefuseMethod(client, request)) return true;
   const auto answer = request.MakeResponse();
   answer->SetStatus(200);
   answer->SetFileBody(zr::NormalizeDirectoryPath(client.startDirectory) + path, found.file->Size());

@@ -94,6 +94,7 @@ void ZrQuarnApplication2::startServers() {
         zr::MakeJob<ZrXServerHeader>(true, static_cast<std::uint32_t>(server.protocolKind));
     head->SetOption("tcp_port", std::to_string(server.port));
     head->SetOption("tcp_address", server.address);
+    head->SetOption("semantics", server.options.Get("semantics"));
     if (head->ProtocolKind() == zr::kProtocolHttps) {
       head->SetOption("cacertificate", server.options.Get("cacertificate", "cacert.pem"));
       head->SetOption("privatekey", server.options.Get("privatekey", "privkey.pem"));

@@ -8,6 +8,12 @@ bool zr::EqualsIgnoringCase(std::string_view text, std::string_view lower) {
   });
 }
 
+std::string zr::LowerCase(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+  return lower;
+}
+
 std::string_view zr::TrimBlanks(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");
   if (first == std::string_view::npos) return {};

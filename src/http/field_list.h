@@ -2,6 +2,7 @@
 // Fields whose value is a list of elements between commas (RFC 9110, 5.6.1). Several fields of one
 // name are one list.
 
+#include <string>
 #include <string_view>
 
 #include "http/header_fields.h"
@@ -10,6 +11,8 @@ namespace zr {
 
 /// The text compared with one in lower case, as ASCII.
 bool EqualsIgnoringCase(std::string_view text, std::string_view lower);
+/// The text in lower case, as ASCII.
+std::string LowerCase(std::string_view text);
 /// The text without blanks (space and tab) at either end.
 std::string_view TrimBlanks(std::string_view text);
 

@@ -1,7 +1,10 @@
 #include "http/form_body.h"
 
+#include <algorithm>
 #include <iostream>
 #include <utility>
+
+#include "http/field_list.h"
 
 namespace {
 
@@ -13,6 +16,29 @@ constexpr int HexDigit(char c) {
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
   return -1;
+}
+
+// The type of the body as the minimal dialect keeps it: without blanks, and the boundary without
+// quotes. Standard semantics keep a value as it was sent.
+std::string PlainType(const ZrXHeader& request, std::string_view type) {
+  if (!request.semantics->IsStandard()) return std::string(type);
+  const std::size_t end = std::min(type.find(';'), type.size());
+  std::string plain = zr::LowerCase(zr::TrimBlanks(type.substr(0, end)));
+  std::string_view rest = type.substr(end);
+  while (!rest.empty()) {
+    rest.remove_prefix(1);
+    const std::string_view part = zr::TrimBlanks(rest.substr(0, rest.find(';')));
+    rest.remove_prefix(std::min(rest.find(';'), rest.size()));
+    const std::size_t equals = part.find('=');
+    if (equals == std::string_view::npos) continue;
+    std::string_view value = part.substr(equals + 1);
+    if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"')) {
+      value = value.substr(1, value.size() - 2);
+    }
+    if (!zr::EqualsIgnoringCase(part.substr(0, equals), "boundary")) continue;
+    return plain.append(";boundary=").append(value);
+  }
+  return plain;
 }
 
 }  // namespace
@@ -55,14 +81,14 @@ ZrReadResult ParseFormBody(ZrXHeader& request) {
   if (state != ZrReadResult::kComplete) return state;
 
   const ZrHeaderFields::Values types = request.headers["content-type"];
-  const std::string_view type = types.empty() ? std::string_view() : types.front();
+  const std::string type = types.empty() ? std::string() : PlainType(request, types.front());
   const std::string_view body = request.body ? request.body->Unread() : std::string_view();
   if (type.starts_with(kMultipart)) {
-    zr::AppendMultipart(request, body, type.substr(kMultipart.size()));
+    zr::AppendMultipart(request, body, std::string_view(type).substr(kMultipart.size()));
   } else if (type.starts_with(kUrlEncoded)) {
     zr::AppendUrlEncoded(request, body, true);
-  } else if (!types.empty()) {
-    std::cerr << "content type not defined (" + std::string(type) + ")\n";
+  } else if (!types.empty() && !request.semantics->IsStandard()) {
+    std::cerr << "content type not defined (" + type + ")\n";
   }
 
   for (const auto& block : request.blocks) {

@@ -6,6 +6,7 @@ class ZrHeaderFields;
 class ZrHTTPMessageBlockDisposition;
 class ZrPeerWatch;
 class ZrCommandHandler;  // answers form commands; of a layer above
+class ZrSemantics;
 class ZrXHeader;
 class ZrXResponseHeader;
 class ZrXServerHeader;

@@ -1,5 +1,7 @@
 // Where the body of a received message lies while it comes, and how much of it is there.
 
+#include <utility>
+
 #include "http/message_head.h"
 
 ZrReadResult ZrXHeader::BodyState() const {
@@ -22,9 +24,11 @@ bool ZrXHeader::KeepBody(std::uint64_t expected) {
 bool ZrXHeader::FinishBody() {
   if (!reading.store) return true;
   if (!KeepBody(0)) return false;
-  body = reading.store->Finish();
+  std::unique_ptr<ZrStringBuf> whole = reading.store->Finish();
   reading.store = nullptr;
+  if (!whole) return false;
+  body = std::move(whole);
   // Unwanted bytes were there, and are in no buffer.
   if (!bodyUnwanted) reading.elsewhere = 0;
-  return body != nullptr;
+  return true;
 }

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "http/field_list.h"
+#include "http/field_syntax.h"
 #include "http/response_head.h"
 #include "http/server_head.h"
 #include "platform/clock.h"
@@ -46,6 +48,10 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
   auto answer = zr::MakeJob<ZrXResponseHeader>(protocol, created);
   answer->kind = ZrMessageKind::kResponse;
   answer->semantics = semantics;
+  answer->method = method;
+  answer->oldVersion = oldVersion;
+  answer->keepsOld = keepsOld;
+  answer->closeRequested = closeRequested;
   answer->path = path;
   answer->requestHeaders = headers;
   const ZrHeaderFields::Values words = headers[zr::kFirstLine];
@@ -59,6 +65,25 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
 
 void ZrXHeader::SetStatus(std::uint64_t code) {
   if (!semantics->StatusPhrase(code).empty()) status = code;
+}
+
+bool ZrXHeader::SetField(std::string_view name, std::string_view value) {
+  if (!zr::IsToken(name) || !zr::IsFieldValue(value)) return false;
+  if (headers.contains(zr::LowerCase(name))) {
+    ZrHeaderFields others;
+    for (const auto& [other, values] : headers) {
+      if (zr::EqualsIgnoringCase(name, other)) continue;
+      for (const std::string_view kept : values) others.Append(other, kept);
+    }
+    headers = std::move(others);
+  }
+  return AddField(name, value);
+}
+
+bool ZrXHeader::AddField(std::string_view name, std::string_view value) {
+  if (!zr::IsToken(name) || !zr::IsFieldValue(value)) return false;
+  headers.Append(zr::LowerCase(name), value);
+  return true;
 }
 
 void ZrXHeader::SetBodyText(std::string_view text) {

@@ -144,6 +144,12 @@ class ZrXHeader : public ZrJob {
   /// Whether a server with this configuration head takes a peer: its "type" must name a protocol.
   bool AcceptsPeer(const ZrOptionMap& peer) const;
 
+  /// Gives the answer a field of that name, in the place of earlier ones or beside them. No, and
+  /// nothing set, when the name is no token or the value has CR, LF or NUL. Standard semantics
+  /// write them; what says how the answer ends and who sent it is the server's own in any case.
+  bool SetField(std::string_view name, std::string_view value);
+  bool AddField(std::string_view name, std::string_view value);
+
   /// Adds a form field at the end of `blocks` and enters it into `byPosition`.
   ZrHTTPMessageBlock& AddBlock();
 
@@ -163,8 +169,14 @@ class ZrXHeader : public ZrJob {
   ZrHeaderFields headers;         // a received head; the words of its first line under ":first:"
   ZrHeaderFields requestHeaders;  // answers: the fields of the request
   std::string requestSummary = "-";
-  std::string path;            // the target before the first "?"
-  std::string query;           // GET: the target after it
+  std::string path;   // the target before the first "?"
+  std::string query;  // GET (minimal), any method (standard): the target after it
+  ZrMethod method = ZrMethod::kGet;
+  std::string authority;    // standard: the host and port that the request is for
+  bool oldVersion = false;  // standard: HTTP/1.0
+  bool keepsOld = false;    // ... that may keep its connection
+  std::uint64_t refusal =
+      0;  // standard: not 0: it is answered with this status, whatever it asks for
   const std::int64_t created;  // system time in 100-ns ticks since 1970
 
   // The body. Received: the input buffer, the body once the head is read. To send: the bytes, or
@@ -185,6 +197,7 @@ class ZrXHeader : public ZrJob {
   // The answer.
   std::uint64_t status = 500;
   std::string location;   // for status 303
+  bool streamed = false;  // standard: the body comes behind the head, in pieces of unknown number
   bool answered = false;  // an answer to one of our own requests was accepted
 
   // Form fields; the indexes point into the blocks.

@@ -132,6 +132,7 @@ bool ZrXHeader::ParseFirstLine(std::string_view line) {
                      [&first](const TypeName& entry) { return entry.name == first; });
     if (known != kTypeNames.end()) {
       messageType = known->type;
+      method = known->type == ZrMessageType::kPost ? ZrMethod::kPost : ZrMethod::kGet;
       lineKind = ZrMessageKind::kRequest;
     } else if (first.starts_with("HTTP/") || first.starts_with("QUARN/")) {
       lineKind = ZrMessageKind::kResponse;

@@ -24,6 +24,7 @@ struct ZrMessageReading {
   std::uint64_t elsewhere = 0;         // bytes of the body that `body` does not hold
 
   // Standard semantics only: what has arrived behind the head, and how lines end.
+  bool expectsContinue = false;
   std::unique_ptr<ZrStringBuf> input;
   std::optional<ZrChunkedDecoder> chunks;
   enum class LineEnd : std::uint8_t { kUnknown, kCrLf, kLf } lineEnd = LineEnd::kUnknown;

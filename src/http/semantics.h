@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <string_view>
 
 #include "http/fwd.h"
@@ -33,6 +34,7 @@ class ZrSemantics {
   using HeadCallback = std::function<bool(ZrXHeader&)>;
 
   static const ZrSemantics& Minimal();
+  static const ZrSemantics& Standard();
   /// The set of that name, "" is "minimal". Throws ZrException for any other name.
   static const ZrSemantics& Named(std::string_view name);
 
@@ -48,6 +50,8 @@ class ZrSemantics {
   virtual std::string_view StatusPhrase(std::uint64_t status) const = 0;
   /// Whether the answer's body goes out behind its head (not for HEAD, for instance).
   virtual bool SendsBody(const ZrXHeader& answer) const = 0;
+  /// What is said to a peer whose message did not come in time, a whole answer; empty: nothing.
+  virtual std::string LateAnswer() const = 0;
   /// Whether answers may have fields, statuses and bodies beyond those of the minimal dialect.
   virtual bool IsStandard() const = 0;
 

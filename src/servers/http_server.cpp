@@ -16,6 +16,8 @@ namespace {
 // Smaller bodies are among what every connection costs, in bytes of heap.
 constexpr std::size_t kCountedBody = 4096;
 
+constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
 }  // namespace
 
 // A closed connection goes through the queue like its bytes do: its message is dropped behind the
@@ -84,7 +86,7 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
         *head, [&client](ZrXHeader& read) { return client->OnHeadComplete(read); });
   }
   if (step == ZrReadStep::kHead) {
-    connection->BeginHead();
+    connection->BeginHead(head->semantics);
     return false;
   }
   connection->EndHead();
@@ -92,8 +94,13 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
     if (head->memory.Bytes() == 0) head->memory = ZrMemoryShare(transceiver.Memory());
     head->memory.Set(held);
   }
-  if (step == ZrReadStep::kBody) {
-    connection->NoteBody(head->BodyBytes(), head->body->HeapBytes());
+  if (step == ZrReadStep::kContinue) {
+    std::size_t accepted = 0;
+    connection->SendBytes(kContinue.data(), kContinue.size(), accepted);
+    transceiver.FlushConnection(*connection);
+  }
+  if (step == ZrReadStep::kBody || step == ZrReadStep::kContinue) {
+    connection->NoteBody(*head->semantics, head->BodyBytes(), head->body->HeapBytes());
     return false;
   }
   connection->EndBody();
@@ -178,6 +185,7 @@ bool ZrTransceiverServerL1HTTP::HasExchange(const std::string& connectionName) {
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(
     const ZrTransceiverConnection& connection, std::string task) {
   auto head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, ProtocolKind());
+  head->semantics = semantics_;
   head->target = std::move(task);
   head->route = {connection.JobName(), JobName()};
   head->SetPeerRecord(connection.PeerRecord());
@@ -239,6 +247,7 @@ void ZrTransceiverServerL1HTTP::Write(ZrTransceiver& transceiver,
     const std::uint64_t bytes = zr::QueueMessage(connection, head);
     transceiver.FlushConnection(connection);
     Log(connection, head, bytes);
+    if (head.closeRequested) connection.CloseAfterItem();
   } catch (...) {
     // Memory ran out. A part of the message may have gone: nothing may follow it.
     transceiver.RemoveConnection(connection);

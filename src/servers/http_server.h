@@ -12,17 +12,20 @@
 
 #include "http/answer_reader.h"
 #include "http/protocol_kind.h"
+#include "http/semantics.h"
 #include "servers/tcp_server.h"
 #include "transceiver/connection.h"
 
 /// Threads: any. Made with zr::MakeServer().
 class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
  public:
-  /// Listening or connecting, with the arguments of the base.
+  /// Listening or connecting, with the arguments of the base. The option "semantics" of the
+  /// configuration head names the rules of its messages; throws ZrException for an unknown name.
   template <class... Args>
   explicit ZrTransceiverServerL1HTTP(Args&&... args)
       : ZrTransceiverServerL0Socket(std::forward<Args>(args)...) {
     protocolKind_ = zr::kProtocolHttp;
+    semantics_ = &ZrSemantics::Named(Option("semantics"));
   }
 
   bool ReceiveEvent(const ZrJobEvent& event) override ZR_REQUIRES(lock_);
@@ -33,6 +36,9 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
                 const std::shared_ptr<ZrXHeader>& head) override;
   void EndTasks() override;
+
+ protected:
+  const ZrSemantics* semantics_;  // constant after construction
 
  private:
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;

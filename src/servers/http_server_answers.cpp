@@ -81,7 +81,7 @@ void ZrTransceiverServerL1HTTP::ProcessAnswer(ZrTransceiver& transceiver,
   }
   // A head has its time limit, from its first byte to its last.
   if (result == ZrAnswerReader::Result::kIncomplete && asked->reader.InHead(*asked->answer)) {
-    asked->connection->BeginHead();
+    asked->connection->BeginHead(semantics_);
   } else {
     asked->connection->EndHead();
   }

@@ -13,5 +13,6 @@ class ZrTransceiverServerL1QUARN : public ZrTransceiverServerL1HTTP {
   explicit ZrTransceiverServerL1QUARN(Args&&... args)
       : ZrTransceiverServerL1HTTP(std::forward<Args>(args)...) {
     protocolKind_ = zr::kProtocolQuarn;
+    semantics_ = &ZrSemantics::Minimal();  // the protocol is that dialect
   }
 };

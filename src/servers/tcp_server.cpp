@@ -89,6 +89,11 @@ ZrTransceiverServerL0Socket::ZrTransceiverServerL0Socket(ZrServerSetup setup,
 
 ZrTransceiverServerL0Socket::~ZrTransceiverServerL0Socket() = default;
 
+std::string ZrTransceiverServerL0Socket::Option(std::string_view name,
+                                                std::string_view defaultValue) const {
+  return configuration_ ? configuration_->GetOption(name, defaultValue) : std::string(defaultValue);
+}
+
 bool ZrTransceiverServerL0Socket::start() {
   if (!StartQueue()) {
     if (!persistent_) return FailStart(ZrSendFailureKind::kNotSent, "there is no thread left");

@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "http/semantics.h"
 #include "jobs/job_event.h"
 #include "jobs/job_registry.h"
 #include "net/tcp_socket.h"
@@ -77,7 +78,8 @@ void ZrTransceiverConnection::Close() {
 
 // ---- Time limits -------------------------------------------------------------------------------
 
-void ZrTransceiverConnection::BeginHead() {
+void ZrTransceiverConnection::BeginHead(const ZrSemantics* rules) {
+  rules_.store(rules, std::memory_order_relaxed);
   std::int64_t none = 0;
   if (headSince_.load(std::memory_order_relaxed) == 0) {
     headSince_.compare_exchange_strong(none, owner_.Clock().MonotonicNs());
@@ -96,12 +98,28 @@ std::optional<std::int64_t> ZrTransceiverConnection::SilentSinceNs() {
   return ExpiryNs() - static_cast<std::int64_t>(kTimeLimit) * 1000;
 }
 
-void ZrTransceiverConnection::NoteBody(std::uint64_t arrived, std::uint64_t held) {
+void ZrTransceiverConnection::NoteBody(const ZrSemantics& rules, std::uint64_t arrived,
+                                       std::uint64_t held) {
+  rules_.store(&rules, std::memory_order_relaxed);
   bodyHeld_.store(held, std::memory_order_relaxed);
   constexpr std::int64_t kSecond = 1'000'000'000;
   const auto bytes = static_cast<std::int64_t>(arrived);
   bodyTime_ = std::max(kBodyTimeLimit, bytes / kBodyRate * kSecond);
   if (bodySince_.load(std::memory_order_relaxed) == 0) bodySince_ = owner_.Clock().MonotonicNs();
+}
+
+bool ZrTransceiverConnection::AnswerLate() {
+  const ZrSemantics* const rules = rules_;
+  if (rules == nullptr || (headSince_ == 0 && bodySince_ == 0)) return false;
+  const std::string answer = rules->LateAnswer();
+  // In an item of its own: if the message is complete by now after all, it has its answer instead.
+  if (answer.empty() || !BeginItem()) return false;
+  EndHead();
+  EndBody();
+  std::size_t accepted = 0;
+  SendBytes(answer.data(), answer.size(), accepted);
+  CloseAfterItem();
+  return true;
 }
 
 void ZrTransceiverConnection::BeginLinger() {

@@ -145,12 +145,13 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   AfterItem EndItem();
   /// The connection is to be closed when the item in progress has ended.
   void CloseAfterItem();
-  /// A message's head has begun and is not complete / is complete.
-  void BeginHead();
+  /// A message's head has begun and is not complete / is complete. One that comes too late is
+  /// answered as its rules have it; a TLS handshake has none.
+  void BeginHead(const ZrSemantics* rules = nullptr);
   void EndHead();
   /// So many bytes of a message's body have come, and so many of them are in memory / it is
   /// complete.
-  void NoteBody(std::uint64_t arrived, std::uint64_t held);
+  void NoteBody(const ZrSemantics& rules, std::uint64_t arrived, std::uint64_t held);
   void EndBody();
 
   // For the transceiver.
@@ -181,6 +182,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   bool TakeStalled();
   /// Monotonic time (nanoseconds) from which on HasExpired() answers yes, as things stand.
   std::int64_t NextExpiryNs();
+  /// Its time limit has passed: queues what is to be said of a message that did not come in time,
+  /// as an item that the caller ends. No: nothing is to be said.
+  bool AnswerLate();
   /// Its time limit has passed: it is not drained but goes at once.
   void MarkExpired() { expired_.store(true, std::memory_order_release); }
   /// The transceiver knows it and finds it by name.
@@ -226,9 +230,10 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   ZrTurn turn_;
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
-  std::atomic<std::int64_t> headSince_{0};    // monotonic time at which the head began; 0: none
-  std::atomic<std::int64_t> bodySince_{0};    // monotonic time at which the body began; 0: none
-  std::atomic<std::int64_t> bodyTime_{0};     // nanoseconds that it may take, by what has come
-  std::atomic<std::uint64_t> bodyHeld_{0};    // bytes of an incomplete body
-  std::atomic<std::int64_t> lingerUntil_{0};  // monotonic time; 0: not closed for sending yet
+  std::atomic<std::int64_t> headSince_{0};  // monotonic time at which the head began; 0: none
+  std::atomic<std::int64_t> bodySince_{0};  // monotonic time at which the body began; 0: none
+  std::atomic<std::int64_t> bodyTime_{0};   // nanoseconds that it may take, by what has come
+  std::atomic<std::uint64_t> bodyHeld_{0};  // bytes of an incomplete body
+  std::atomic<const ZrSemantics*> rules_{nullptr};  // of the message that is incomplete
+  std::atomic<std::int64_t> lingerUntil_{0};        // monotonic time; 0: not closed for sending yet
 };

@@ -270,6 +270,46 @@ TEST(Http, ABodyMustKeepComing) {
   EXPECT_TRUE(connection->HasExpired());
 }
 
+// With standard semantics a peer is told why its connection ends; an idle one is not.
+TEST(Http, AMessageThatComesTooLateIsAnsweredWhereAnswersSaySo) {
+  zrtest::ManualClock clock;
+  ServerBed bed(clock);
+  std::string name;
+  bed.onMessage = [&name](ServerBed& self, const ServerBed::Message& m) {
+    name = m->route[0];
+    self.Answer(*m, "ok");
+    return 1;
+  };
+  const int port = bed.Open(zr::kProtocolHttp, {{"semantics", "standard"}});
+  for (const char* begun :
+       {"GET / HT", "POST / HTTP/1.1\r\nHost: h\r\nContent-Length: 9\r\n\r\nx", ""}) {
+    SCOPED_TRACE(begun);
+    RawClient client(port);
+    client.Send("GET /first HTTP/1.1\r\nHost: h\r\n\r\n");
+    ASSERT_NE(client.ReadUntil("ok"), "");
+    const auto connection = bed.transceiver.FindConnection(name);
+    client.Send(begun);
+    const bool idle = *begun == '\0';
+    const std::int64_t minute = clock.MonotonicNs() + 60'000'000'000;
+    ASSERT_TRUE(WaitFor([&] { return idle || connection->NextExpiryNs() <= minute; }));
+    std::string got;
+    // The connection may be entered with the housekeeper only now, and is then due a moment later.
+    ASSERT_TRUE(WaitFor([&] {
+      clock.Advance(idle ? 20s : 1s);
+      bed.transceiver.WakeHousekeeper();
+      got += client.ReadSome(1024, 0s);
+      return bed.transceiver.ConnectionCount() == 0 || got.find("\r\n\r\n") != got.npos;
+    }));
+    got += client.ReadToEnd();
+    EXPECT_EQ(got.starts_with("HTTP/1.1 408 Request Timeout\r\n"), !idle) << got;
+    EXPECT_EQ(got.find("\r\nConnection: close\r\n") != got.npos, !idle);
+    client.FinishSending();
+    clock.Advance(5s);
+    bed.transceiver.WakeHousekeeper();
+    ASSERT_TRUE(bed.WaitForConnections(0));
+  }
+}
+
 // Plain and with TLS.
 class Transport : public testing::TestWithParam<std::uint32_t> {
  protected:

@@ -1,0 +1,359 @@
+#include "http/semantics.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "base/exception.h"
+#include "http/form_body.h"
+#include "http/http_date.h"
+#include "http/request_target.h"
+#include "http/response_head.h"
+#include "platform/clock.h"
+
+namespace {
+
+// A connection whose bytes are read by one set of rules: its requests one by one, and what is done
+// between them.
+class Exchange {
+ public:
+  explicit Exchange(const ZrSemantics& semantics) : semantics_(semantics) { Begin(); }
+
+  void Feed(std::string_view bytes) {
+    while (!closed_ && !bytes.empty()) {
+      head->Input().Append(bytes);
+      bytes = {};
+      std::string surplus;
+      do {
+        if (!surplus.empty()) head->Input().Append(surplus);
+        surplus.clear();
+        const ZrReadStep step = semantics_.Read(*head, [](ZrXHeader& read) {
+          read.bodyUnwanted = read.path == "/unwanted";
+          return read.path != "/refused";
+        });
+        last_ = step;
+        if (step == ZrReadStep::kContinue) out_ << "continue ";
+        if (step == ZrReadStep::kClose) closed_ = true;
+        if (step != ZrReadStep::kComplete) break;
+        Tell();
+        closed_ = head->closeRequested || head->endUncertain;
+        if (head->surplus) surplus = head->surplus->Take();
+        Begin();
+      } while (!closed_ && !surplus.empty());
+    }
+  }
+
+  // The requests, then how it stands.
+  std::string Dump() const {
+    constexpr const char* kSteps[] = {"head", "body", "body", "", "closed"};
+    return out_.str() +
+           (closed_ && last_ == ZrReadStep::kComplete ? "close" : kSteps[static_cast<int>(last_)]);
+  }
+
+  std::shared_ptr<ZrXHeader> head;
+
+ private:
+  void Begin() {
+    head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, zr::kProtocolHttp);
+    head->semantics = &semantics_;
+    head->body = std::make_unique<ZrStringBuf>();
+  }
+  void Tell() {
+    if (head->refusal != 0) {
+      out_ << head->refusal << ' ';
+      return;
+    }
+    ASSERT_EQ(ParseFormBody(*head), ZrReadResult::kComplete);
+    out_ << static_cast<int>(head->method) << ' ' << head->path;
+    if (!head->query.empty()) out_ << '?' << head->query;
+    if (!head->authority.empty() && head->authority != "h") out_ << " @" << head->authority;
+    for (const auto& [name, block] : head->allFields) {
+      out_ << " {" << name << '=' << block->Text() << '}';
+    }
+    for (const auto& [name, values] : head->headers) {
+      for (const std::string_view value : values) {
+        if (name.starts_with("x")) out_ << " [" << name << '=' << value << ']';
+      }
+    }
+    if (!head->body->Empty()) out_ << " <" << head->body->Unread() << '>';
+    out_ << (head->keepsOld ? " keep; " : "; ");
+  }
+
+  const ZrSemantics& semantics_;
+  std::ostringstream out_;
+  ZrReadStep last_ = ZrReadStep::kHead;
+  bool closed_ = false;
+};
+
+struct Case {
+  const char* name;
+  std::string input;
+  const char* dump;
+  bool cut = true;  // what it means does not depend on how it is cut
+};
+
+std::string Get(const std::string& lines, const std::string& target = "/") {
+  return "GET " + target + " HTTP/1.1\r\nHost: h\r\n" + lines + "\r\n";
+}
+std::string Post(const std::string& lines, const std::string& body) {
+  return "POST / HTTP/1.1\r\nHost: h\r\n" + lines + "\r\n" + body;
+}
+const std::string kLong(16 * 1024, 'x');
+
+const Case kStandardCases[] = {
+    {"values keep their blanks", Get("X-A:  a\t b \r\nX-B:\r\nX-A: c:d\r\n"),
+     "0 / [x-a=a\t b] [x-a=c:d] [x-b=]; "},
+    {"methods", Get("") + "HEAD /h HTTP/1.0\r\n\r\n", "0 /; 2 /h; close"},
+    {"more methods",
+     "PUT /a HTTP/1.1\r\nHost:\r\n\r\nPATCH /b HTTP/1.9\r\nhost: h\r\n\r\n"
+     "DELETE /c HTTP/1.1\r\nHOST: h:1\r\n\r\nOPTIONS * HTTP/1.1\r\nHost: [::1]:8\r\n\r\n",
+     "3 /a; 4 /b; 5 /c @h:1; 6 * @[::1]:8; "},
+    {"unknown methods", "CONNECT h:1 HTTP/1.1\r\nHost: h\r\n\r\n", "501 close"},
+    {"methods are case-sensitive", "get / HTTP/1.1\r\n", "501 close"},
+    {"no token", "G(T / HTTP/1.1\r\n", "400 close"},
+    {"TLS", "\x16\x03\x01", "400 close", false},
+    {"no version", "GET /\r\n\r\n", "400 close"},
+    {"a bad version", "GET / HTTP/1.1 \r\n", "400 close"},
+    {"a version of later", "GET / HTTP/2.0\r\n", "505 close"},
+    {"two blanks", "GET  / HTTP/1.1\r\n", "400 close"},
+    {"old and persistent",
+     "GET / HTTP/1.0\r\nConnection: x, Keep-Alive\r\n\r\nGET / HTTP/1.0\r\n\r\nGET",
+     "0 / keep; 0 /; close"},
+    {"close in a list", Get("Connection: a\r\nconnection: b, CLOSE\r\n") + "G", "0 /; close"},
+    {"empty lines in front", "\r\n\r\n" + Get(""), "0 /; "},
+    {"many empty lines", "\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n", "400 close"},
+    {"line feeds alone", "POST / HTTP/1.1\nHost: h\nContent-Length: 1\n\nx" + Get(""),
+     "1 / <x>; 0 /; "},
+    {"a line feed among others", "GET / HTTP/1.1\r\nHost: h\nX-A: b\r\n\r\n", "400 close"},
+    {"a lone CR", Get("X-A: a\rb\r\n"), "400 close"},
+    {"NUL", Get(std::string("X-A: a\0b\r\n", 10)), "400 close"},
+    {"a folded line", Get("X-A: a\r\n b\r\n"), "400 close"},
+    {"a blank before the colon", Get("X-A : b\r\n"), "400 close"},
+    {"no colon", Get("X-A\r\n"), "400 close"},
+    {"no name", Get(": b\r\n"), "400 close"},
+    {"no host", "GET / HTTP/1.1\r\n\r\n", "400 close"},
+    {"two hosts", Get("Host: h\r\n"), "400 close"},
+    {"a bad host", "GET / HTTP/1.1\r\nHost: a/b\r\n\r\n", "400 close"},
+    {"lengths that agree", Post("Content-Length: 2, 2\r\nContent-Length: 2\r\n", "ab"),
+     "1 / <ab>; "},
+    {"lengths that differ", Post("Content-Length: 2\r\nContent-Length: 02\r\n", "ab"), "400 close"},
+    {"no digits", Post("Content-Length: +2\r\n", "ab"), "400 close"},
+    {"a length and none", Post("Content-Length: 2,\r\n", "ab"), "400 close"},
+    {"too large", Post("Content-Length: 268435457\r\n", ""), "413 close"},
+    {"larger than numbers", Post("Content-Length: 99999999999999999999\r\n", ""), "413 close"},
+    {"a length and a coding", Post("Content-Length: 5\r\nTransfer-Encoding: chunked\r\n", ""),
+     "400 close"},
+    {"an unknown coding", Post("Transfer-Encoding: gzip, chunked\r\n", ""), "501 close"},
+    {"chunked twice", Post("Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n", ""),
+     "400 close"},
+    {"chunked in the old version", "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n",
+     "400 close"},
+    {"chunks",
+     Post("Transfer-Encoding: Chunked\r\n",
+          "3;a=\"b\"\r\nabc\r\n00A \r\n0123456789\r\n0\r\nX-T: t\r\n\r\n") +
+         Get(""),
+     "1 / <abc0123456789>; 0 /; "},
+    {"a chunk without a size", Post("Transfer-Encoding: chunked\r\n", "\r\n"), "400 close"},
+    {"a chunk line with LF", Post("Transfer-Encoding: chunked\r\n", "1;a\nb\r\nx\r\n"),
+     "400 close"},
+    {"a chunk too long", Post("Transfer-Encoding: chunked\r\n", "1\r\nxy\r\n"), "400 close"},
+    {"a body of chunks too large", Post("Transfer-Encoding: chunked\r\n", "fffffffff\r\nx"),
+     "413 close"},
+    {"pipelined", Post("Content-Length: 1\r\n", "a") + Post("Content-Length: 1\r\n", "b") + Get(""),
+     "1 / <a>; 1 / <b>; 0 /; "},
+    {"form fields",
+     "POST /?q=a+b HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n"
+     "Content-Type: Application/X-WWW-Form-Urlencoded; charset=utf-8\r\n\r\nc=d",
+     "1 /?q=a+b {c=d} {q=a b} <c=d>; "},
+    {"quoted boundary",
+     Post("Content-Length: 59\r\nContent-Type: multipart/form-data; boundary=\"b b\"\r\n",
+          "--b b\r\ncontent-disposition: form-data; name=\"n\"\r\n\r\nv\r\n--b b"),
+     "1 / {n=v} <--b b\r\ncontent-disposition: form-data; name=\"n\"\r\n\r\nv\r\n--b b>; "},
+    {"waits for the word to go on", Post("Expect: 100-Continue\r\nContent-Length: 1\r\n", ""),
+     "continue body"},
+    {"is not waiting any more", Post("Expect: 100-continue\r\nContent-Length: 2\r\n", "x"), "body",
+     false},
+    {"other expectations", Post("Expect: 200-ok\r\nContent-Length: 1\r\n", ""), "417 close"},
+    {"expects to be refused",
+     "PUT /unwanted HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: 9\r\n\r\n",
+     "3 /unwanted; close"},
+    {"nobody's body", "PUT /unwanted HTTP/1.1\r\nHost: h\r\nContent-Length: 2\r\n\r\nab" + Get(""),
+     "3 /unwanted <ab>; 0 /; ", false},
+    {"refused by its handler", Get("", "/refused"), "closed"},
+    {"long target", "GET /" + kLong, "414 close"},
+    {"long head", Get("X: " + kLong + kLong + kLong + kLong), "431 close", false},
+    {"a bad target", "GET /%zz HTTP/1.1\r\n", "400 close"},
+    {"the whole server", "GET * HTTP/1.1\r\n", "400 close"},
+    {"absolute", Get("", "http://other:80/a?b"), "0 /a?b @other:80; "},
+};
+
+const Case kMinimalCases[] = {
+    {"pipelined", "GET /a x\r\n\r\nGET /b x\r\n\r\n", "0 /a; 0 /b; "},
+    {"more than declared", "POST / x\r\nContent-Length: 1\r\n\r\nab", "closed", false},
+    {"garbage", "\x16\x03", "closed"},
+    {"another method", "HEAD / HTTP/1.1\r\n", "closed"},
+    {"a coding", "POST / x\r\nTransfer-Encoding: chunked\r\n\r\n", "closed"},
+    {"no length", "POST / x\r\n\r\n", "1 /; close"},
+};
+
+void ReadCut(const ZrSemantics& semantics, const Case& c) {
+  SCOPED_TRACE(c.name);
+  Exchange whole(semantics);
+  whole.Feed(c.input);
+  EXPECT_EQ(whole.Dump(), c.dump);
+  if (!c.cut) return;
+  Exchange bytes(semantics);
+  for (const char& byte : c.input) bytes.Feed({&byte, 1});
+  EXPECT_EQ(bytes.Dump(), c.dump);
+  const std::size_t step = 1 + c.input.size() / 1000;
+  for (std::size_t cut = 1; cut < c.input.size(); cut += step) {
+    Exchange pieces(semantics);
+    pieces.Feed(std::string_view(c.input).substr(0, cut));
+    pieces.Feed(std::string_view(c.input).substr(cut));
+    ASSERT_EQ(pieces.Dump(), c.dump) << "cut at " << cut;
+  }
+}
+
+TEST(Semantics, ReadRequestsHoweverTheyAreCut) {
+  for (const Case& c : kStandardCases) ReadCut(ZrSemantics::Standard(), c);
+  for (const Case& c : kMinimalCases) ReadCut(ZrSemantics::Minimal(), c);
+  EXPECT_THROW(ZrSemantics::Named("Standard"), ZrException);
+}
+
+TEST(Semantics, TargetsAreDecodedOnce) {
+  struct TargetCase {
+    const char* text;
+    const char* path;  // none: malformed
+    const char* query;
+  };
+  const TargetCase cases[] = {
+      {"/", "/", ""},
+      {"/a%20b%C3%bc%25zz?q=%zz&?", "/a b\xC3\xBC%zz", "q=%zz&?"},
+      {"/a/./b/../c/.", "/a/c/", ""},
+      {"/../%2e%2E/a/..", "/", ""},
+      {"/a//b/...", "/a//b/...", ""},
+      {"HTTPS://[::1]:1", "/", ""},
+      {"http://h?q", "/", "q"},
+      {"*", "*", ""},
+      {"/a%2fb", nullptr, ""},
+      {"/%00", nullptr, ""},
+      {"/%4", nullptr, ""},
+      {"/a#b", nullptr, ""},
+      {"/a\x7F", nullptr, ""},
+      {"/a b", nullptr, ""},
+      {"", nullptr, ""},
+      {"a", nullptr, ""},
+      {"ftp://h/", nullptr, ""},
+      {"http:///a", nullptr, ""},
+      {"http://u@h/", nullptr, ""},
+      {"http://[::1/", nullptr, ""},
+      {"http://h:x/", nullptr, ""},
+  };
+  for (const TargetCase& c : cases) {
+    SCOPED_TRACE(c.text);
+    const auto target = zr::ParseRequestTarget(c.text);
+    ASSERT_EQ(target.has_value(), c.path != nullptr);
+    if (!target) continue;
+    EXPECT_EQ(target->path, c.path);
+    EXPECT_EQ(target->query, c.query);
+  }
+}
+
+TEST(Semantics, DatesHaveThreeForms) {
+  constexpr std::int64_t kTime = 784'111'777;
+  EXPECT_EQ(zr::HttpDate(kTime), "Sun, 06 Nov 1994 08:49:37 GMT");
+  for (const char* text : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sunday, 06-Nov-94 08:49:37 GMT",
+                           "Sun Nov  6 08:49:37 1994"}) {
+    EXPECT_EQ(zr::ParseHttpDate(text), kTime) << text;
+  }
+  for (const char* text :
+       {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 31 Feb 1994 08:49:37 GMT",
+        "Sun, 06 Nov 1994 24:00:00 GMT", "Sun, 6 Nov 1994 08:49:37 GMT", "Nov 6 1994"}) {
+    EXPECT_EQ(zr::ParseHttpDate(text), std::nullopt) << text;
+  }
+  for (const std::int64_t time : std::vector<std::int64_t>{-1, 0, 951782400, 4102444800}) {
+    EXPECT_EQ(zr::ParseHttpDate(zr::HttpDate(time)), time);
+  }
+  EXPECT_NEAR(static_cast<double>(zr::ParseHttpDate(zr::HttpDateNow()).value_or(0)),
+              static_cast<double>(ZrClock::System().SystemTicks() / 10'000'000), 2);
+}
+
+struct AnswerCase {
+  const char* name;
+  const char* request;
+  std::uint64_t status;
+  const char* text;
+  std::vector<std::pair<std::string, std::string>> fields;
+  const char* head;  // behind "Date" and "Server"
+  bool body;
+};
+
+TEST(Semantics, StandardAnswersSayWhatTheyAre) {
+  const std::string kHtml = "Content-Type: text/html; charset=utf-8\r\n";
+  const std::string kNoSniff = "X-Content-Type-Options: nosniff\r\n";
+  const std::string kPage = "Content-Length: 4\r\n" + kHtml + kNoSniff;
+  const std::string kText = "Content-Length: 4\r\n" + kNoSniff + "Content-Type: text/x\r\n";
+  const std::string kOnlyLength = "Content-Length: 0\r\n" + kNoSniff;
+  const std::string kTwo = kPage + "Set-Cookie: a\r\nSet-Cookie: b\r\n";
+  const std::string kClose = "Connection: close\r\n" + kPage;
+  const std::string kKeep = "Connection: keep-alive\r\n" + kPage;
+  const AnswerCase cases[] = {
+      {"a page", "GET / HTTP/1.1\r\nHost: h\r\n\r\n", 200, "page", {}, kPage.c_str(), true},
+      {"its head", "HEAD / HTTP/1.1\r\nHost: h\r\n\r\n", 200, "page", {}, kPage.c_str(), false},
+      {"a type of its own",
+       "GET / HTTP/1.1\r\nHost: h\r\n\r\n",
+       200,
+       "page",
+       {{"Content-Type", "text/x"}, {"content-length", "9"}},
+       kText.c_str(),
+       true},
+      {"cookies, and a field refused",
+       "GET / HTTP/1.1\r\nHost: h\r\n\r\n",
+       200,
+       "page",
+       {{"Set-Cookie", "a"}, {"set-cookie", "b"}, {"X", "a\r\nb"}, {"a b", "c"}},
+       kTwo.c_str(),
+       true},
+      {"without a body", "GET / HTTP/1.1\r\nHost: h\r\n\r\n", 204, "page", {}, "", false},
+      {"an empty one", "GET / HTTP/1.1\r\nHost: h\r\n\r\n", 418, "", {}, kOnlyLength.c_str(), true},
+      {"the last",
+       "GET / HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n",
+       200,
+       "page",
+       {},
+       kClose.c_str(),
+       true},
+      {"an old one", "GET / HTTP/1.0\r\n\r\n", 200, "page", {}, kClose.c_str(), true},
+      {"not the last old one",
+       "GET / HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
+       200,
+       "page",
+       {},
+       kKeep.c_str(),
+       true},
+  };
+  for (const AnswerCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    Exchange exchange(ZrSemantics::Standard());
+    exchange.head->body->Append(c.request);
+    ASSERT_EQ(ZrSemantics::Standard().Read(*exchange.head, [](ZrXHeader&) { return true; }),
+              ZrReadStep::kComplete);
+    const auto answer = exchange.head->MakeResponse();
+    answer->SetBodyText(c.text);
+    for (const auto& [name, value] : c.fields) answer->AddField(name, value);
+    answer->status = c.status;
+    ZrStringBuf out;
+    ASSERT_TRUE(answer->WriteHead(out));
+    const std::string text = out.Take();
+    const std::size_t date = text.find("\r\nDate: ");
+    const std::size_t own = text.find("\r\nServer: velkoro/1.28.1(96)\r\n");
+    ASSERT_TRUE(text.starts_with("HTTP/1.1 ") && date < own && own != std::string::npos) << text;
+    EXPECT_EQ(text.substr(own + 30), std::string(c.head) + "\r\n");
+    EXPECT_EQ(ZrSemantics::Standard().SendsBody(*answer), c.body);
+  }
+}
+
+}  // namespace
