@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "base/memory_budget.h"
 #include "base/option_map.h"
 #include "base/send_failure.h"
 #include "base/server_callback.h"
@@ -69,6 +70,9 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// came. Without transceiver it is dropped. No lock of this client is held meanwhile. Threads:
   /// any.
   void SendAnswer(const ZrXHeader& request, const std::shared_ptr<ZrXResponseHeader>& answer);
+
+  /// What all peers of the transceiver together may occupy; none without transceiver.
+  std::shared_ptr<ZrMemoryBudget> Memory();
 
   ZrJob& HandlerJob() override { return *this; }
 
