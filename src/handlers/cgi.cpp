@@ -14,8 +14,7 @@ namespace zr {
 
 bool RunCgi(const std::string& program, const ZrCgiVariables& variables, ZrStringBuf& input,
             ZrStringBuf& output, const ZrPipeExecSettings& settings) {
-  ZrWinPipeExec(program, settings).Run(variables, input, output);
-  return true;
+  return ZrWinPipeExec(program, settings).Run(variables, input, output) != ZrPipeExecEnd::kNoRoom;
 }
 
 }  // namespace zr
@@ -49,12 +48,11 @@ void ZrCgi::Answer(ZrTransceiverClient& client, ZrXHeader& request, const std::s
     answer->body = std::make_unique<ZrStringBuf>();
     ZrStringBuf nothing;
     ZrStringBuf& input = request.body ? *request.body : nothing;
-    if (!stop.IsRaised()) {
-      zr::RunCgi(program, variables, input, *answer->body,
-                 {limits_, &environment_, &stop, gone.get()});
-    }
+    const bool held = !stop.IsRaised() && zr::RunCgi(program, variables, input, *answer->body,
+                                                     {limits_, &environment_, &stop, gone.get(),
+                                                      client.Memory(), &roomQueue_});
     if (peer.Gone()) return;
-    if (!stop.IsRaised()) {
+    if (held && !stop.IsRaised()) {
       // The exit code says nothing: whatever was written is the answer.
       answer->SetStatus(200);
       answer->cgiHeadPending = true;

@@ -15,7 +15,8 @@ namespace zr {
 
 /// Runs the program once and closes all that belongs to the run. What was not taken stays in
 /// `input`, what was written stands at the end of `output`. Answers yes, also for a program that
-/// could not be started or met a limit. Blocks. Threads: any, with buffers of their own.
+/// could not be started or met a limit; no only when nobody could hold its output. Blocks. Threads:
+/// any, with buffers of their own.
 bool RunCgi(const std::string& program, const ZrCgiVariables& variables, ZrStringBuf& input,
             ZrStringBuf& output, const ZrPipeExecSettings& settings = {});
 
@@ -41,5 +42,6 @@ class ZrCgi : public ZrScriptRunner {
 
   const ZrEnvironment environment_ = ZrEnvironment::OfThisProcess();
   const ZrPipeExecLimits limits_;
+  ZrRoomQueue roomQueue_;
   ZrCgiRuns runs_;  // last: it ends the runs before what they use goes
 };

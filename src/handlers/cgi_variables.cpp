@@ -1,8 +1,10 @@
 #include "handlers/cgi_variables.h"
 
+#include <algorithm>
 #include <string>
-#include <string_view>
+#include <utility>
 
+#include "base/number.h"
 #include "http/message_head.h"
 
 namespace {
@@ -33,6 +35,29 @@ std::string VariableName(std::string_view field) {
   return name == "HTTP_PROXY" ? std::string() : name;
 }
 
+struct HostAndPort {
+  std::string_view name;
+  std::string_view port;
+};
+
+/// An address of version 6 keeps its brackets, as it does in addresses of pages.
+HostAndPort SplitHost(std::string_view host) {
+  const std::size_t bracket = host.starts_with('[') ? host.find(']') : 0;
+  const std::size_t colon = host.find(':', bracket == std::string_view::npos ? 0 : bracket);
+  if (colon == std::string_view::npos) return {host, {}};
+  const std::string_view port = host.substr(colon + 1);
+  return {host.substr(0, colon), zr::ParseDigits(port) ? port : std::string_view()};
+}
+
+std::string Joined(const ZrHeaderFields::Values& values, std::string_view separator) {
+  std::string joined;
+  for (const std::string_view value : values) {
+    if (!joined.empty()) joined += separator;
+    joined += value;
+  }
+  return joined;
+}
+
 }  // namespace
 
 namespace zr {
@@ -59,6 +84,68 @@ bool BuildCgiVariables(const ZrXHeader& request, ZrCgiVariables& variables) {
     if (!name.empty()) Add(variables, std::move(name), values.front());
   }
   return true;
+}
+
+void BuildStandardVariables(const ProgramRequest& request, ZrCgiVariables& variables) {
+  const ZrHeaderFields& fields = *request.fields;
+  const HostAndPort host = SplitHost(fields.First("host"));
+  const std::pair<const char*, std::string_view> always[] = {
+      {"GATEWAY_INTERFACE", "CGI/1.1"},
+      {"SERVER_SOFTWARE", kServerProduct.substr(0, kServerProduct.find('('))},
+      {"SERVER_PROTOCOL", request.protocol},
+      {"SERVER_NAME", host.name.empty() ? request.serverAddress : host.name},
+      {"SERVER_PORT", host.port.empty() ? request.serverPort : host.port},
+      {"SERVER_ADDR", request.serverAddress},
+      {"REMOTE_ADDR", request.remoteAddress},
+      {"REMOTE_PORT", request.remotePort},
+      {"REQUEST_METHOD", request.method},
+      {"REQUEST_URI", request.target},
+      {"REQUEST_SCHEME", request.secure ? "https" : "http"},
+      {"QUERY_STRING", request.query},
+      {"SCRIPT_NAME", request.scriptName},
+      {"SCRIPT_FILENAME", request.scriptFile},
+      {"DOCUMENT_ROOT", request.documentRoot},
+      // The PHP interpreter refuses to run without it.
+      {"REDIRECT_STATUS", "200"},
+  };
+  for (const auto& [name, value] : always) Add(variables, name, value);
+  if (request.secure) Add(variables, "HTTPS", "on");
+  if (!request.extraPath.empty()) {
+    Add(variables, "PATH_INFO", request.extraPath);
+    Add(variables, "PATH_TRANSLATED", std::string(request.documentRoot).append(request.extraPath));
+  }
+  if (request.bodyBytes) Add(variables, "CONTENT_LENGTH", std::to_string(*request.bodyBytes));
+  if (fields.contains("content-type")) {
+    Add(variables, "CONTENT_TYPE", fields.First("content-type"));
+  }
+  const std::string_view credentials = fields.First("authorization");
+  if (const std::size_t end = credentials.find(' '); end != std::string_view::npos && end > 0) {
+    Add(variables, "AUTH_TYPE", credentials.substr(0, end));
+  }
+  for (const auto& [field, values] : fields) {
+    std::string name = VariableName(field);
+    if (!name.empty() && !values.empty()) {
+      Add(variables, std::move(name), Joined(values, field == "cookie" ? "; " : ", "));
+    }
+  }
+}
+
+std::optional<ProgramPath> SplitProgramPath(
+    std::string_view path, const std::function<ZrPathKind(std::string_view)>& kindOf) {
+  for (std::size_t end = 0; end < path.size();) {
+    end = std::min(path.find('/', end + 1), path.size());
+    const std::string_view program = path.substr(0, end);
+    switch (kindOf(program)) {
+      case ZrPathKind::kDirectory:
+        break;
+      case ZrPathKind::kRegular:
+        return ProgramPath{program, path.substr(end)};
+      case ZrPathKind::kMissing:
+      case ZrPathKind::kOther:
+        return std::nullopt;
+    }
+  }
+  return std::nullopt;
 }
 
 }  // namespace zr

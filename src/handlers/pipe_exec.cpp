@@ -15,6 +15,9 @@ using std::chrono::steady_clock;
 constexpr std::size_t kChunk = 65536;
 // How often the child's end is looked for where the system cannot report it.
 constexpr std::chrono::milliseconds kEndPollInterval{10};
+// How often a run that waits for room looks again: it shares the budget with all connections, whose
+// bytes go as their peers read.
+constexpr std::chrono::milliseconds kRoomPollInterval{50};
 // A killed process ends at once unless the system itself holds it; then it is left to the system.
 constexpr std::chrono::milliseconds kKillLimit{1000};
 // So long others than the child may take to end when they are killed.
@@ -57,11 +60,21 @@ ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& i
     zr::WriteOutputLine("Error on CreateProcess");
     return ZrPipeExecEnd::kNotStarted;
   }
-  const ZrPipeExecEnd end = Move(input, output);
+  ZrRoomQueue::Place room(settings_.roomQueue);  // held until what was written is released
+  ZrProgramOutput written(settings_.memory);
+  const ZrPipeExecEnd end = Move(input, written, room);
   if (end == ZrPipeExecEnd::kEnded) {
     process_.Collect();
   } else {
     EndFamily();
+  }
+  if (end == ZrPipeExecEnd::kNoRoom) return end;
+  const std::unique_ptr<ZrStringBuf> all = written.Finish();
+  if (!all) return ZrPipeExecEnd::kNoRoom;
+  if (output.Empty()) {
+    output = std::move(*all);
+  } else {
+    output.Append(all->Unread());
   }
   return end;
 }
@@ -83,18 +96,26 @@ bool ZrWinPipeExec::Start(const ZrCgiVariables& variables) {
   return started;
 }
 
-ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrStringBuf& output) {
+ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
+                                  ZrRoomQueue::Place& room) {
   const auto runEnd = steady_clock::now() + settings_.limits.run;
   std::optional<steady_clock::time_point> drainEnd;  // set once the child has ended
-  std::size_t room = settings_.limits.output;
+  std::size_t left = settings_.limits.output;
   const bool reportsEnd = process_.EndDescriptor() >= 0;
+  std::optional<steady_clock::time_point> waitsSince;  // for room
 
   while (!drainEnd || stdoutRead_.IsOpen()) {
     // Closed at once when there is nothing (more) to deliver: the child then reads its end.
     if (input.Empty()) stdinWrite_.Close();
+    if (!output.MustWait()) {
+      waitsSince.reset();
+    } else if (!waitsSince) {
+      waitsSince = steady_clock::now();
+    }
+    room.SetWaiting(waitsSince.has_value());
     enum { kOutput, kInput, kEnd, kStop, kGone, kItems };
     std::array<zr::PollItem, kItems> items;
-    items[kOutput].descriptor = stdoutRead_.Get();
+    items[kOutput].descriptor = waitsSince ? -1 : stdoutRead_.Get();
     items[kInput] = {stdinWrite_.Get(), true};
     items[kEnd].descriptor = drainEnd ? -1 : process_.EndDescriptor();
     items[kStop].descriptor = settings_.stop != nullptr ? settings_.stop->Descriptor() : -1;
@@ -104,22 +125,26 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrStringBuf& output) {
     if (!drainEnd && !reportsEnd) {
       deadline = std::min(deadline, steady_clock::now() + kEndPollInterval);
     }
+    if (waitsSince) deadline = std::min(deadline, steady_clock::now() + kRoomPollInterval);
     zr::PollDescriptors(items, deadline);
 
     if (items[kStop].ready || items[kGone].ready) return ZrPipeExecEnd::kStopped;
     if (items[kInput].ready) Deliver(input);
     // A limit is looked at in every round: who writes for ever always has something ready.
     const auto now = steady_clock::now();
-    bool withinLimit = true;
+    std::optional<ZrPipeExecEnd> over;
     if (items[kEnd].ready || (!drainEnd && !reportsEnd && process_.HasEnded())) {
       drainEnd = now + settings_.limits.drain;
       // All the child wrote is in the pipe now and is read without a look at the time; one byte
       // more asks at the same time whether the pipe has ended.
-      withinLimit = Collect(output, room, zr::PendingBytes(stdoutRead_.Get()) + 1);
+      over = Collect(output, left, zr::PendingBytes(stdoutRead_.Get()) + 1);
     } else if (items[kOutput].ready) {
-      withinLimit = Collect(output, room, kChunk);
+      over = Collect(output, left, kChunk);
     }
-    if (!withinLimit) return ZrPipeExecEnd::kOutputLimit;
+    if (over) return *over;
+    if (waitsSince && now - *waitsSince >= settings_.limits.room && room.IsNewest()) {
+      return ZrPipeExecEnd::kNoRoom;
+    }
     if (!drainEnd && now >= runEnd) return ZrPipeExecEnd::kRunLimit;
     if (drainEnd && now >= std::min(*drainEnd, runEnd)) break;
   }
@@ -133,23 +158,24 @@ void ZrWinPipeExec::Deliver(ZrStringBuf& input) {
   if (moved.result == zr::PipeResult::kClosed) stdinWrite_.Close();
 }
 
-// Reads until `wanted` bytes have come or nothing more is there; false when the child wrote beyond
-// the limit. `room` is what the limit still allows.
-bool ZrWinPipeExec::Collect(ZrStringBuf& output, std::size_t& room, std::size_t wanted) {
+// Reads until `wanted` bytes have come or nothing more is there; the end of the run when the child
+// wrote beyond the limit or more than can be kept. `left` is what the limit still allows.
+std::optional<ZrPipeExecEnd> ZrWinPipeExec::Collect(ZrProgramOutput& output, std::size_t& left,
+                                                    std::size_t wanted) {
   while (stdoutRead_.IsOpen() && wanted > 0) {
-    const std::size_t size = std::min(kChunk, std::max<std::size_t>(room, 1));
+    const std::size_t size = std::min(kChunk, std::max<std::size_t>(left, 1));
     const zr::PipeTransfer moved = zr::ReadPipe(stdoutRead_.Get(), output.Prepare(size));
-    if (moved.result == zr::PipeResult::kBlocked) return true;
+    if (moved.result == zr::PipeResult::kBlocked) break;
     if (moved.result == zr::PipeResult::kClosed) {
       stdoutRead_.Close();
-      return true;
+      break;
     }
-    if (room == 0) return false;
-    output.Commit(moved.count);
-    room -= moved.count;
+    if (left == 0) return ZrPipeExecEnd::kOutputLimit;
+    if (!output.Commit(moved.count)) return ZrPipeExecEnd::kNoRoom;
+    left -= moved.count;
     wanted -= std::min(wanted, moved.count);
   }
-  return true;
+  return std::nullopt;
 }
 
 // Asks the child with all that stem from it to end, then ends them. They are signalled while the

@@ -8,10 +8,14 @@
 #include <chrono>
 #include <cstddef>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "base/memory_budget.h"
 #include "base/string_buffer.h"
+#include "handlers/program_output.h"
 #include "platform/pipe.h"
 #include "platform/process.h"
 
@@ -24,6 +28,9 @@ inline constexpr std::size_t kCgiOutputLimit = std::size_t{256} << 20;
 /// How long the output of a grandchild is still read after the child's end. What the child itself
 /// wrote is read in any case.
 inline constexpr std::chrono::milliseconds kCgiDrainLimit{1000};
+/// How long a run waits while all peers together hold more than their budget of memory; then the
+/// newest run that waits is given up.
+inline constexpr std::chrono::milliseconds kCgiRoomLimit = std::chrono::seconds(60);
 /// The time between asking a child's family to end and ending it.
 inline constexpr std::chrono::milliseconds kCgiTerminationGrace{500};
 
@@ -38,6 +45,7 @@ struct ZrPipeExecLimits {
   std::size_t output = zr::kCgiOutputLimit;
   std::chrono::milliseconds drain = zr::kCgiDrainLimit;
   std::chrono::milliseconds terminationGrace = zr::kCgiTerminationGrace;
+  std::chrono::milliseconds room = zr::kCgiRoomLimit;
 };
 
 /// What a run is given besides its program. The pointers are borrowed for the object's life.
@@ -49,6 +57,9 @@ struct ZrPipeExecSettings {
   const ZrWakeFlag* stop = nullptr;
   /// The same for a run that nobody waits for any more.
   const ZrWakeFlag* gone = nullptr;
+  /// What the output counts against, and where the run waits when that is exceeded; may be none.
+  std::shared_ptr<ZrMemoryBudget> memory = nullptr;
+  ZrRoomQueue* roomQueue = nullptr;
 };
 
 /// How a run ended.
@@ -57,7 +68,8 @@ enum class ZrPipeExecEnd {
   kNotStarted,   ///< No such program, not executable, ...: nothing ran, the output is unchanged.
   kRunLimit,     ///< It took too long and was ended with its family.
   kOutputLimit,  ///< It wrote too much and was ended with its family.
-  kStopped,      ///< One of the flags was raised and it was ended with its family.
+  kNoRoom,   ///< Nobody could hold its output: it was ended with its family, the output is lost.
+  kStopped,  ///< One of the flags was raised and it was ended with its family.
 };
 
 /// Owns the two pipes and the child of one run.
@@ -73,15 +85,17 @@ class ZrWinPipeExec {
   ZrWinPipeExec& operator=(const ZrWinPipeExec&) = delete;
 
   /// Starts the child with the inherited variables and these (which win), delivers `input` (what
-  /// the child took is consumed), appends its output to `output`, and returns when the child has
-  /// ended and been collected. A variable with a NUL byte is left out. At most one run per object.
+  /// the child took is consumed), puts its output behind what `output` holds, and returns when the
+  /// child has ended and been collected. A variable with a NUL byte is left out. At most one run
+  /// per object.
   ZrPipeExecEnd Run(const ZrCgiVariables& variables, ZrStringBuf& input, ZrStringBuf& output);
 
  private:
   bool Start(const ZrCgiVariables& variables);
-  ZrPipeExecEnd Move(ZrStringBuf& input, ZrStringBuf& output);
+  ZrPipeExecEnd Move(ZrStringBuf& input, ZrProgramOutput& output, ZrRoomQueue::Place& room);
   void Deliver(ZrStringBuf& input);
-  bool Collect(ZrStringBuf& output, std::size_t& room, std::size_t wanted);
+  std::optional<ZrPipeExecEnd> Collect(ZrProgramOutput& output, std::size_t& room,
+                                       std::size_t wanted);
   void EndFamily();
 
   ZrDescriptor stdinRead_;

@@ -199,6 +199,11 @@ void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
   }
 }
 
+std::shared_ptr<ZrMemoryBudget> ZrTransceiverClient::Memory() {
+  const TransceiverUse transceiver(*this);
+  return transceiver.Get() == nullptr ? nullptr : transceiver.Get()->Memory();
+}
+
 int ZrTransceiverClient::HandleMessage(const std::string& name,
                                        std::shared_ptr<ZrXHeader> message) {
   {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "base/memory_budget.h"
 #include "base/option_map.h"
 #include "base/send_failure.h"
 #include "base/server_callback.h"
@@ -73,6 +74,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// Answers with a status and a short page that says it; `allow` is the list of methods that a 204
   /// or 405 names. Threads: any.
   void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});
+  /// What all peers of the transceiver together may occupy; none without transceiver.
+  std::shared_ptr<ZrMemoryBudget> Memory();
 
   ZrJob& HandlerJob() override { return *this; }
 

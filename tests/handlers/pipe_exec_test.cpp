@@ -159,6 +159,56 @@ TEST_F(PipeExecTest, EndReachesThoseThatLeftTheGroup) {
   }
 }
 
+TEST_F(PipeExecTest, OutputCountsForAsLongAsItIsHeld) {
+  settings_.memory = std::make_shared<ZrMemoryBudget>(std::uint64_t{1} << 30);
+  for (const std::size_t size : {0U, 65536U, 65537U, 1U << 20, (1U << 20) + 1, 5U << 20}) {
+    SCOPED_TRACE(size);
+    std::string sent(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) sent[i] = static_cast<char>(i % 251);
+    ZrStringBuf input(sent);
+    ZrStringBuf output;
+    ZrWinPipeExec exec("cat", settings_);
+    EXPECT_EQ(exec.Run({}, input, output), ZrPipeExecEnd::kEnded);
+    EXPECT_TRUE(output.Unread() == sent);
+    // What is small is copied behind its head at once.
+    EXPECT_EQ(settings_.memory->Used(), size > 65536 ? size : 0);
+    output.Clear();
+    EXPECT_EQ(settings_.memory->Used(), 0U);
+  }
+}
+
+TEST_F(PipeExecTest, OutputWaitsForRoomUntilItIsGivenUp) {
+  settings_.memory = std::make_shared<ZrMemoryBudget>(100);
+  ZrMemoryShare others(settings_.memory);
+  others.Set(200);
+  const std::string written = folder_.Path("written");
+  const std::string program = Shell("echo text; echo >" + written + "; exec >&- 2>&-; sleep 0.2");
+  std::thread peers([&] {
+    EXPECT_TRUE(zrtest::WaitFor([&] { return std::filesystem::exists(written); }));
+    others.Set(50);
+  });
+  EXPECT_EQ(Run(program), "text\n");
+  EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
+  peers.join();
+  others.Set(200);
+  settings_.limits.room = milliseconds(100);
+  EXPECT_EQ(Run(Shell("echo text; sleep 1000")), "");
+  EXPECT_EQ(end_, ZrPipeExecEnd::kNoRoom);
+
+  ZrRoomQueue queue;
+  ZrRoomQueue::Place first(&queue);
+  {
+    ZrRoomQueue::Place second(&queue);
+    ZrRoomQueue::Place third(&queue);
+    first.SetWaiting(true);
+    EXPECT_TRUE(first.IsNewest());
+    second.SetWaiting(true);
+    EXPECT_FALSE(first.IsNewest());
+    EXPECT_TRUE(second.IsNewest());
+  }
+  EXPECT_TRUE(first.IsNewest());
+}
+
 TEST_F(PipeExecTest, OutputUpToTheLimitIsNoReasonToEndAnything) {
   settings_.limits.output = 65536 + 10;
   for (const std::size_t size : {65545U, 65546U, 65547U}) {

@@ -1,0 +1,80 @@
+#include "handlers/standard_pages.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <sstream>
+
+#include "html/html_dtd.h"
+#include "markup/parse.h"
+
+namespace {
+
+/// What the links of a page lead to and show (without blanks), one a line.
+std::string Links(const std::string& page) {
+  std::istringstream stream(page.substr(page.find("<html")));
+  std::string error;
+  const auto tree = zr::ParseStream(stream, "html", error, zr::HtmlDocumentKinds());
+  EXPECT_EQ(error, "");
+  ZrXMLElementList links;
+  tree->AsGeneric()->FindElementsByName("a", links, 20);
+  std::string lines;
+  for (const ZrXMLGenericElement* link : links) {
+    std::ostringstream text;
+    link->WriteText(text);
+    std::string shown = text.str();
+    std::erase(shown, '\n');
+    lines += link->AttributeValue("href", "") + " " + shown + "\n";
+  }
+  return lines;
+}
+
+TEST(StandardPagesTest, ListingLinksToWhatItShows) {
+  const std::string page = zr::DirectoryListing(
+      "/a<b>/", {{.name = "z.txt", .size = 1023, .modified = 784111777},
+                 {.name = "javascript:alert(1)", .size = 1024},
+                 {.name = "<b>\"&'", .size = 1536},
+                 {.name = "a b?#%\xc3\xbc", .size = ~std::uint64_t{0}, .modified = -5},
+                 {.name = ".hidden"},
+                 {.name = "sub", .directory = true, .modified = 784111777},
+                 {.name = "A", .directory = true}});
+  EXPECT_EQ(Links(page),
+            "../ ..\n"
+            "./A/ A/\n"
+            "./sub/ sub/\n"
+            "./%3Cb%3E%22%26%27 &lt;b&gt;&quot;&amp;&#39;\n"
+            "./a%20b%3F%23%25%C3%BC ab?#%\xc3\xbc\n"
+            "./javascript%3Aalert%281%29 javascript:alert(1)\n"
+            "./z.txt z.txt\n");
+  for (const char* part : {"Index of /a&lt;b&gt;/", "1023 B", "1.0 KiB", "1.5 KiB",
+                           "1994-11-06 08:49", "1970-01-01 00:00", "width=device-width"}) {
+    EXPECT_NE(page.find(part), std::string::npos) << part << page;
+  }
+  EXPECT_EQ(page.find("<b>"), std::string::npos);
+  EXPECT_EQ(page.find("hidden\n"), std::string::npos);
+  EXPECT_EQ(Links(zr::DirectoryListing("/", {})), "");
+}
+
+TEST(StandardPagesTest, ListingOfManyHasALimit) {
+  std::vector<zr::ListingEntry> many;
+  for (std::size_t i = 0; i < zr::kMostListed + 3; ++i)
+    many.push_back({std::to_string(100'000 + i)});
+  const std::string page = zr::DirectoryListing("/", many);
+  EXPECT_NE(page.find("./109999\""), std::string::npos);
+  EXPECT_EQ(page.find("./110000\""), std::string::npos);
+  EXPECT_NE(page.find("and 3 more"), std::string::npos);
+}
+
+TEST(StandardPagesTest, ErrorPageSaysStatusPhraseAndASentence) {
+  const zr::ErrorPage page = zr::MakeErrorPage(404, "Not Found", false);
+  EXPECT_EQ(page.contentType, "text/html; charset=utf-8");
+  EXPECT_NE(page.body.find("<title>\nError 404 - Not Found\n</title>"), std::string::npos);
+  EXPECT_NE(page.body.find("<h1>Error 404 - Not Found</h1>The requested page was not found."),
+            std::string::npos);
+  EXPECT_EQ(Links(page.body), "/ Startseite\n");
+  const zr::ErrorPage problem = zr::MakeErrorPage(404, "Not Found", true);
+  EXPECT_EQ(problem.body, "{\"status\":404,\"title\":\"Not Found\"}");
+  EXPECT_EQ(problem.contentType, "application/problem+json");
+}
+
+}  // namespace

@@ -1,0 +1,77 @@
+#include "http/byte_ranges.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+/// "whole", "none", or the parts as "first-last,...".
+std::string Read(std::string_view field, std::uint64_t size) {
+  const ZrByteRanges ranges = zr::ReadByteRanges(field, size);
+  if (ranges.kind == ZrByteRanges::Kind::kWhole) return "whole";
+  if (ranges.kind == ZrByteRanges::Kind::kUnsatisfiable) return "none";
+  std::string text;
+  for (const ZrByteRange& part : ranges.parts) {
+    text += std::to_string(part.first) + "-" + std::to_string(part.last) + ",";
+  }
+  return text;
+}
+
+TEST(ByteRangesTest, FieldsAreReadForABodyOfTenBytes) {
+  std::string sixteen = "bytes=0-0";
+  for (int i = 1; i < 16; ++i) sixteen += ",20-";
+  const struct {
+    std::string field;
+    const char* result;
+  } cases[] = {
+      {"bytes=0-4", "0-4,"},
+      {"Bytes = 2-", "2-9,"},
+      {"bytes=-3", "7-9,"},
+      {"bytes=-30", "0-9,"},
+      {"bytes=5-99999999999999999999999", "5-9,"},
+      {"bytes=9-9", "9-9,"},
+      {"bytes=10-", "none"},
+      {"bytes=99999999999999999999999-", "none"},
+      {"bytes=-0", "none"},
+      {"bytes=10-,-0", "none"},
+      {"bytes=0-0, 2-3 ,,-1", "0-0,2-3,9-9,"},
+      {"bytes=7-,0-1,30-", "7-9,0-1,"},
+      {"bytes=0-4,4-8", "0-4,4-8,"},  // overlapping, and as much as the body
+      {"bytes=0-5,4-8", "whole"},     // ... more than it
+      {"bytes=0-,0-", "whole"},
+      {sixteen, "0-0,"},
+      {sixteen + ",-1", "whole"},
+      {"bytes=4-3", "whole"},
+      {"bytes=0-4,4-3", "whole"},
+      {"bytes=", "whole"},
+      {"bytes=,", "whole"},
+      {"bytes=-", "whole"},
+      {"bytes=--1", "whole"},
+      {"bytes=+1-2", "whole"},
+      {"bytes=0x1-2", "whole"},
+      {"bytes=1 - 2", "whole"},
+      {"bytes 0-4", "whole"},
+      {"lines=0-4", "whole"},
+      {"", "whole"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Read(c.field, 10), c.result) << c.field;
+  EXPECT_EQ(Read("bytes=0-", 0), "none");
+  EXPECT_EQ(Read("bytes=-1", 0), "none");
+}
+
+TEST(ByteRangesTest, SeveralRangesHaveTheLengthTheyAnnounce) {
+  const auto body = zr::MakeMultipartRanges({{0, 1}, {7, 9}}, 10, "text/x", "mark");
+  std::string sent;
+  for (const auto& part : body.parts) {
+    sent += part.head + std::string("0123456789").substr(part.range.first, part.range.Length());
+  }
+  sent += body.end;
+  EXPECT_EQ(
+      sent,
+      "--mark\r\nContent-Type: text/x\r\nContent-Range: bytes 0-1/10\r\n\r\n01\r\n"
+      "--mark\r\nContent-Type: text/x\r\nContent-Range: bytes 7-9/10\r\n\r\n789\r\n--mark--\r\n");
+  EXPECT_EQ(body.length, sent.size());
+  EXPECT_EQ(body.contentType, "multipart/byteranges; boundary=mark");
+  EXPECT_EQ(zr::UnsatisfiedRange(10), "bytes */10");
+}
+
+}  // namespace

@@ -1,0 +1,58 @@
+#include "http/content_types.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(ContentTypesTest, LastExtensionOfTheNameDecides) {
+  const ZrContentTypes types;
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {"index.html", "text/html; charset=utf-8"},
+      {"a/b.c/APP.MJS", "text/javascript; charset=utf-8"},
+      {"a.css.map", "application/json"},
+      {"x.tar.gz", "application/gzip"},
+      {"m.wasm", "application/wasm"},
+      {"i.svg", "image/svg+xml"},
+      {"f.woff2", "font/woff2"},
+      {"v.mp4", "video/mp4"},
+      {"site.webmanifest", "application/manifest+json"},
+      {"3.7z", "application/x-7z-compressed"},
+      {"a.html/plain", "application/octet-stream"},
+      {"html", "application/octet-stream"},
+      {"a.", "application/octet-stream"},
+      {"", "application/octet-stream"},
+      {"a.zzz", "application/octet-stream"},
+      {"a.htm\xff", "application/octet-stream"},
+  };
+  for (const auto& [path, type] : kCases) EXPECT_EQ(types.TypeOf(path), type) << path;
+  EXPECT_EQ(types.TypeOf("a." + std::string(1 << 16, 'x')), "application/octet-stream");
+}
+
+TEST(ContentTypesTest, SetTypesComeBeforeBuiltInOnesBeforeThoseOfTheSystem) {
+  ZrContentTypes types;
+  EXPECT_TRUE(types.Set(".JS", "application/x-own"));
+  EXPECT_TRUE(types.Set("set", "text/x-set"));
+  EXPECT_TRUE(types.Set("latin", "text/plain; charset=latin1"));
+  types.AddFrom(
+      "# comment\n\ntext/x-sys\tsys  sys2 # more\r\napplication/x-html html js set\nbroken x1\n"
+      "a/b/c x2\n/ x3\ntext/none\ntext/other sys");
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {"a.js", "application/x-own"},
+      {"a.set", "text/x-set; charset=utf-8"},
+      {"a.latin", "text/plain; charset=latin1"},
+      {"a.sys", "text/x-sys; charset=utf-8"},
+      {"a.SYS2", "text/x-sys; charset=utf-8"},
+      {"a.html", "text/html; charset=utf-8"},
+      {"a.x1", "application/octet-stream"},
+      {"a.x2", "application/octet-stream"},
+      {"a.x3", "application/octet-stream"},
+  };
+  for (const auto& [path, type] : kCases) EXPECT_EQ(types.TypeOf(path), type) << path;
+  constexpr std::pair<const char*, const char*> kRefused[] = {
+      {"", "text/x"}, {".", "text/x"},   {"a/b", "text/x"},        {"a", "text"}, {"a", "text/"},
+      {"a", "/x"},    {"a", "text/x y"}, {"a", "text/x;\r\nA: b"}, {"a", ""},
+  };
+  for (const auto& [extension, type] : kRefused) EXPECT_FALSE(types.Set(extension, type)) << type;
+}
+
+}  // namespace

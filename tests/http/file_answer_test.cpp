@@ -1,0 +1,87 @@
+#include "http/file_answer.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Fields = std::vector<std::pair<const char*, std::string>>;
+
+constexpr std::int64_t kModified = 784111777;
+constexpr const char* kDate = "Sun, 06 Nov 1994 08:49:37 GMT";
+
+TEST(FileAnswerTest, PreconditionsComeBeforeRanges) {
+  const ZrFileFacts file{.version = {.size = 100, .modified = kModified * 1'000'000'000 + 999},
+                         .contentType = "text/x"};
+  const std::string tag = zr::EntityTag(file.version);
+  const struct {
+    const char* name;
+    Fields request;
+    std::uint64_t status;
+    std::uint64_t length;
+    std::string range;  // "Content-Range"
+  } cases[] = {
+      {"plain", {}, 200, 100, ""},
+      {"range", {{"range", "bytes=10-19"}}, 206, 10, "bytes 10-19/100"},
+      {"end", {{"range", "bytes=-1"}}, 206, 1, "bytes 99-99/100"},
+      {"outside", {{"range", "bytes=100-"}}, 416, 0, "bytes */100"},
+      {"two fields", {{"range", "bytes=0-0"}, {"range", "bytes=1-1"}}, 200, 100, ""},
+      {"fresh", {{"if-none-match", tag}, {"range", "bytes=0-0"}}, 304, 0, ""},
+      {"fresh by date", {{"if-modified-since", kDate}}, 304, 0, ""},
+      {"stale", {{"if-none-match", "\"x\""}, {"range", "bytes=0-0"}}, 206, 1, "bytes 0-0/100"},
+      {"failed", {{"if-match", "\"x\""}, {"range", "bytes=100-"}}, 412, 0, ""},
+      {"same version", {{"if-range", tag}, {"range", "bytes=0-0"}}, 206, 1, "bytes 0-0/100"},
+      {"other version", {{"if-range", "\"x\""}, {"range", "bytes=100-"}}, 200, 100, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ZrHeaderFields request;
+    for (const auto& [name, value] : c.request) request.Append(name, value);
+    const ZrFileAnswer answer = zr::AnswerForFile(request, file, kModified + 60, "mark");
+    EXPECT_EQ(answer.status, c.status);
+    EXPECT_EQ(answer.length, c.length);
+    std::string names;
+    std::map<std::string_view, std::string> values = {
+        {"ETag", tag}, {"Last-Modified", kDate}, {"Content-Type", "text/x"}};
+    const auto expected = values;
+    for (const auto& [name, value] : answer.fields) {
+      names += std::string(name) + " ";
+      values[name] = value;
+    }
+    const std::string range = values["Content-Range"];
+    for (const auto& [name, value] : expected) EXPECT_EQ(values[name], value);
+    EXPECT_EQ(range, c.range);
+    EXPECT_EQ(names.starts_with("ETag Last-Modified "), c.status != 412) << names;
+    EXPECT_EQ(names.find("Content-Type") != std::string::npos, c.length > 0) << names;
+  }
+}
+
+TEST(FileAnswerTest, CodedFilesAndSeveralRangesSaySo) {
+  const ZrFileFacts file{.version = {.size = 10, .modified = (kModified + 1000) * 1'000'000'000},
+                         .contentType = "text/x",
+                         .coding = "br",
+                         .varies = true};
+  ZrHeaderFields request;
+  request.Append("range", "bytes=0-1,-2");
+  const ZrFileAnswer answer = zr::AnswerForFile(request, file, kModified, "mark");
+  std::string fields;
+  for (const auto& [name, value] : answer.fields) fields += std::string(name) + ": " + value + "\n";
+  // A time that is still to come is told as now.
+  EXPECT_EQ(fields, "ETag: " + zr::EntityTag(file.version, "br") + "\nLast-Modified: " + kDate +
+                        "\nVary: Accept-Encoding\nAccept-Ranges: bytes\nContent-Encoding: br\n"
+                        "Content-Type: multipart/byteranges; boundary=mark\n");
+  EXPECT_EQ(answer.status, 206U);
+  EXPECT_EQ(answer.several.parts.size(), 2U);
+  EXPECT_EQ(answer.length, answer.several.length);
+
+  const ZrFileFacts empty{.version = {}, .contentType = "text/x"};
+  const ZrFileAnswer nothing = zr::AnswerForFile({}, empty, kModified, "mark");
+  EXPECT_EQ(nothing.status, 200U);
+  EXPECT_EQ(nothing.length, 0U);
+}
+
+}  // namespace
