@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/output.h"
+#include "base/line_writer.h"
 
 namespace {
 
@@ -24,9 +24,9 @@ constexpr std::chrono::milliseconds kPipePatience{20};
 /// hold the run up, so it is given up like one that was not created.
 void MakeRunPipe(zr::Pipe& pipe, ZrDescriptor zr::Pipe::*kept, const char* pipeMessage,
                  const char* endMessage) {
-  if (zr::MakePipe(pipe)) zr::WriteOutputLine(pipeMessage);
+  if (zr::MakePipe(pipe)) zr::WriteOutputNotice(pipeMessage);
   if (zr::SetNonBlocking((pipe.*kept).Get())) {
-    zr::WriteOutputLine(endMessage);
+    zr::WriteOutputNotice(endMessage);
     pipe = {};
   }
 }
@@ -54,7 +54,7 @@ ZrWinPipeExec::~ZrWinPipeExec() {
 ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& input,
                                  ZrStringBuf& output) {
   if (!Start(variables)) {
-    zr::WriteOutputLine("Error on CreateProcess");
+    zr::WriteOutputNotice("Error on CreateProcess");
     return ZrPipeExecEnd::kNotStarted;
   }
   const ZrPipeExecEnd end = Move(input, output);

@@ -14,6 +14,8 @@ struct ZrServerDefinition {
   std::string address;    ///< reported back when the server listens; every local address is bound
   std::int32_t port = 0;  ///< 0 lets the system choose
   std::int32_t protocolKind = 0;  ///< a number of http/protocol_kind.h
-  ZrOptionMap options = {};       ///< https: "cacertificate" and "privatekey", names of PEM files
+  /// https: "cacertificate" and "privatekey", names of PEM files. Any: "quiet", a port that cannot
+  /// be listened on is reported, but not on standard error.
+  ZrOptionMap options = {};
   std::shared_ptr<ZrTransceiverClient> client = nullptr;  ///< filled by startServers()
 };

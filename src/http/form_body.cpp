@@ -1,7 +1,8 @@
 #include "http/form_body.h"
 
-#include <iostream>
 #include <utility>
+
+#include "base/line_writer.h"
 
 namespace {
 
@@ -62,7 +63,8 @@ ZrReadResult ParseFormBody(ZrXHeader& request) {
   } else if (type.starts_with(kUrlEncoded)) {
     zr::AppendUrlEncoded(request, body, true);
   } else if (!types.empty()) {
-    std::cerr << "content type not defined (" + std::string(type) + ")\n";
+    zr::WriteDiagnostic("content type not defined",
+                        "content type not defined (" + std::string(type) + ")");
   }
 
   for (const auto& block : request.blocks) {

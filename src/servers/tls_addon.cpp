@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "http/server_head.h"
 #include "jobs/job.h"
-#include "platform/output.h"
 #include "transceiver/transceiver.h"
 
 namespace {
