@@ -33,7 +33,7 @@ ZrTransceiverServerL1_SSLAddon::ZrTransceiverServerL1_SSLAddon(const ZrXServerHe
   } catch (const ZrException_SSL& failure) {
     if (--addonCount == 0) throw;
     zr::WriteErrorLine(std::string(failure.what()) + ": the server for \"" + certificateFile_ +
-                       "\" turns every peer away");
+                       "\" does not listen");
   }
 }
 

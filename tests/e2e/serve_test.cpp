@@ -230,6 +230,21 @@ TEST(Serve, OpensTheBrowserOnThePageThatItPrints) {
   EXPECT_TRUE(WaitFor([&] { return RunProgram({"pgrep", "-P", id}).status == 1; })) << "no child";
 }
 
+TEST(Serve, TakesADirectoryAsTheKernelDoes) {
+  const TemporaryFolder folder;
+  folder.Write("there/below/file", "");
+  std::filesystem::create_symlink(folder.Path("there/below"), folder.Path("link"));
+  const auto serves = [&](const std::string& given, const std::string& directory) {
+    BackgroundProgram program(
+        {VELKORO_PROGRAM, "serve", folder.Path(given), "--listen", "http://127.0.0.1:0"});
+    return WaitFor([&] {
+      return program.Output().starts_with("velkoro: serving " + folder.Path(directory) + " on ");
+    });
+  };
+  EXPECT_TRUE(serves("link/..", "there"));
+  EXPECT_TRUE(serves("./link//", "link"));  // which may be pointed elsewhere later
+}
+
 TEST(Serve, SaysInOneLineWhatIsWrong) {
   const TemporaryFolder folder;
   const std::string key = TestCertificate().privateKey;

@@ -262,7 +262,7 @@ TEST(Scheduler, ATaskWithoutAThreadIsDoneAndTheNextOneRuns) {
       const std::uint64_t next = scheduler.Submit(task, nullptr, description);
       EXPECT_TRUE(scheduler.WaitDoneFor(next, 20s));
       EXPECT_TRUE(scheduler.FetchResult(next));
-      EXPECT_EQ(testing::internal::GetCapturedStderr().starts_with("task \"unknown\": "), fails);
+      EXPECT_EQ(zrtest::CapturedErrors().starts_with("task \"unknown\": "), fails);
     }
   }
 }
@@ -288,7 +288,7 @@ TEST(Scheduler, ARepeatingTaskFindsAThreadAgain) {
   const int before = runs;
   EXPECT_TRUE(zrtest::WaitFor([&] { return runs >= before + 2; }));
   zr::FailThreadStart(0);
-  testing::internal::GetCapturedStderr();
+  zrtest::CapturedErrors();
   scheduler.Cancel(id);
   gate.Open();
 }

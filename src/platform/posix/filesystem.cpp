@@ -155,8 +155,11 @@ int MakeDirectories(const std::string& path, unsigned mode) {
 
 std::vector<std::string> DirectoryNames(const std::string& path) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), &::closedir);
+  ZrDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(
+      folder.IsOpen() ? ::fdopendir(folder.Get()) : nullptr, &::closedir);
   if (directory == nullptr) return names;
+  folder.Release();
   while (const dirent* entry = ::readdir(directory.get())) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.emplace_back(name);
