@@ -21,6 +21,8 @@ using Clock = ZrLineQueue::Clock;
 
 constexpr milliseconds kStopLimit{1000};
 constexpr std::chrono::seconds kKindWindow{1};
+// Kinds may carry names; of those beyond it within a second none is told from the others.
+constexpr std::size_t kMostKinds = 64;
 // What is queued now is in the batch under way, in the next, or said by the notice behind it.
 constexpr std::uint64_t kFlushBatches = 3;
 // A text that grew beyond this under load gives its memory back.
@@ -85,6 +87,10 @@ void ZrLineQueue::PushOfKind(std::string_view kind, std::string_view line) noexc
     const auto now = Clock::now();
     auto known = std::find_if(kinds_.begin(), kinds_.end(),
                               [kind](const Kind& one) { return one.name == kind; });
+    if (known == kinds_.end() && kinds_.size() >= kMostKinds) {
+      std::erase_if(kinds_, [now](Kind& one) { return now >= one.windowEnd && one.leftOut == 0; });
+      known = kinds_.size() < kMostKinds ? kinds_.end() : kinds_.begin();
+    }
     if (known == kinds_.end())
       known = kinds_.insert(kinds_.end(), Kind{std::string(kind), now + kKindWindow});
     if (now >= known->windowEnd) {

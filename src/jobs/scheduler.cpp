@@ -35,7 +35,8 @@ std::uint64_t RepeatDelayUs(const ZrRinvalTaskDescription& description) {
 }
 
 void ReportFailure(const ZrRinvalTaskDescription& description, const std::string& failure) {
-  zr::WriteDiagnostic("task", "task \"" + description.name + "\": " + failure);
+  const std::string task = "task \"" + description.name + "\"";
+  zr::WriteDiagnostic(task, task + ": " + failure);
 }
 
 }  // namespace
