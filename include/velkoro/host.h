@@ -22,9 +22,15 @@
 ///
 /// Throws an exception derived from std::exception when an argument is null ("options are missing",
 /// "keys are missing") or the server cannot be made, for example "(SSL) problem with SSL key pair";
-/// nothing is left running then. A port that is taken is no exception: the server keeps trying, and
-/// ServerPort() stays 0. Several servers may run at once. Call it from any thread; in a
-/// child process only if the parent had not started a server before the fork, else it throws.
+/// nothing is left running then.
+///
+/// Two failures are no exceptions, and ServerPort() tells them: it stays 0. A port that is taken:
+/// the server keeps trying. A key pair that cannot be used, in any but the first server of the
+/// process, whose failure is not to take down those that run: the server does not listen, and one
+/// line on standard error says so.
+///
+/// Several servers may run at once. Call it from any thread; in a child process only if the parent
+/// had not started a server before the fork, else it throws.
 VELKORO_EXPORT void* StartHTTPServer(const char* address, int port, const char* startPath,
                                      const char* cgiBinPath, const char* caCertificate,
                                      const char* privateKey);

@@ -3,32 +3,29 @@
 #include <stdexcept>
 #include <utility>
 
-#include "cli/command.h"
 #include "platform/io.h"
 
 namespace zr::cli {
 
 AccessLog::AccessLog(std::string path) : path_(std::move(path)) {
-  ZrLock hold(lock_);
-  if (const int error = file_.Open(path_); error != 0) {
+  ZrLineSink sink;
+  if (const int error = ZrLineSink::OpenFile(path_, sink); error != 0) {
     throw std::runtime_error("the log file '" + path_ + "' cannot be opened: " +
                              SystemErrorText(error) + "; choose another with --log");
   }
+  lines_ = ZrLineWriter::Instance().Open(std::move(sink), "the log file '" + path_ + "'");
 }
 
-void AccessLog::Write(std::string_view line) {
-  std::string text(line);
-  text += '\n';
-  ZrLock hold(lock_);
-  file_.Write(text);
-}
+AccessLog::~AccessLog() { ZrLineWriter::Instance().Close(*lines_); }
 
 void AccessLog::Reopen() {
-  ZrLock hold(lock_);
-  if (const int error = file_.Open(path_); error != 0) {
-    PrintError("the log file '" + path_ + "' cannot be opened again: " + SystemErrorText(error) +
-               "; the old one stays in use");
+  ZrLineSink sink;
+  if (const int error = ZrLineSink::OpenFile(path_, sink); error != 0) {
+    WriteErrorLine("velkoro: the log file '" + path_ + "' cannot be opened again: " +
+                   SystemErrorText(error) + "; the old one stays in use");
+    return;
   }
+  lines_->Replace(std::move(sink));
 }
 
 }  // namespace zr::cli

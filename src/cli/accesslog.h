@@ -1,29 +1,33 @@
 #pragma once
 // The access log of a program that serves: a file that can be moved away and opened anew.
 
+#include <memory>
 #include <string>
 #include <string_view>
 
-#include "platform/filesystem.h"
-#include "platform/sync.h"
+#include "base/line_writer.h"
 
 namespace zr::cli {
 
-/// Threads: any.
+/// Threads: Write from any, the others one at a time.
 class AccessLog {
  public:
   /// Throws std::runtime_error naming a file that cannot be opened.
   explicit AccessLog(std::string path);
-  /// Adds one line in one write.
-  void Write(std::string_view line) ZR_EXCLUDES(lock_);
+  /// Lines that are still queued are written or lost within a second from the process's end.
+  ~AccessLog();
+  AccessLog(const AccessLog&) = delete;
+  AccessLog& operator=(const AccessLog&) = delete;
+
+  /// Adds one line; it is written soon.
+  void Write(std::string_view line) { lines_->Push(line); }
   /// Opens the file of that name again; a failure is said on standard error and the open file stays
   /// in use.
-  void Reopen() ZR_EXCLUDES(lock_);
+  void Reopen();
 
  private:
   const std::string path_;
-  ZrMutex lock_;
-  ZrAppendFile file_ ZR_GUARDED_BY(lock_);
+  std::shared_ptr<ZrLineQueue> lines_;
 };
 
 }  // namespace zr::cli

@@ -15,13 +15,7 @@ constexpr const char* kExample =
     "lights .lamp0, .lamp1 and .lamp2 in turn. The arguments are the selector, the duration, the\n"
     "repetition, the number of elements, the declarations of the lit and of the dark state, and "
     "the\n"
-    "ramps in percent. A malformed command writes /* error */ and ends with status 1.";
-
-int Animate(const std::string& text) {
-  const std::string answer = EvaluateCommand(text);
-  const int printed = Print(answer);
-  return answer == kCommandError ? kFailure : printed;
-}
+    "ramps in percent. A malformed command writes nothing and ends with status 1.";
 
 }  // namespace
 
@@ -31,7 +25,7 @@ void AddAnimate(CLI::App& program, Run& chosen) {
       *program.add_subcommand("animate", "Write the style rules of an animation command");
   animate.add_option("TEXT", *text, "The command, with its leading \"!\"")->required();
   animate.footer(kExample);
-  animate.callback([text, &chosen] { chosen = [text] { return Animate(*text); }; });
+  animate.callback([text, &chosen] { chosen = [text] { return Print(RunCommand(*text)); }; });
 }
 
 }  // namespace zr::cli

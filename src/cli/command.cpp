@@ -1,11 +1,19 @@
 #include "cli/command.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <exception>
-#include <fstream>
-#include <iostream>
+#include <optional>
+#include <sstream>
+#include <utility>
 
+#include "base/line_writer.h"
+#include "base/printable.h"
 #include "cli/version.h"
+#include "platform/filesystem.h"
+#include "platform/io.h"
 #include "platform/output.h"
 
 namespace zr::cli {
@@ -33,32 +41,62 @@ std::string HelpHint(const CLI::App& program) {
 }  // namespace
 
 void PrintFault(const std::string& input, const std::string& text) {
-  std::string line = input + ": " + text;
-  std::replace(line.begin(), line.end(), '\n', ' ');
-  WriteErrorLine(line);
+  std::string words = input + ": " + text;
+  std::replace(words.begin(), words.end(), '\n', ' ');
+  std::string line;
+  AppendPrintable(line, words);
+  FlushLines(std::chrono::seconds(1));  // what the library has said of it stands before
+  WriteErrorText(line + "\n");
 }
 
 void PrintError(const std::string& text) { PrintFault("velkoro", text); }
 
 int Print(std::string_view text) {
-  if (WriteOutput(text)) return kSuccess;
-  PrintError("cannot write to the standard output");
+  const int error = WriteOutput(text);
+  if (error == 0) return kSuccess;
+  PrintError("cannot write to the standard output: " + std::string(SystemErrorText(error)));
   return kFailure;
 }
 
 std::string ReadInput(const std::string& file) {
-  std::ifstream named;
-  if (file != "-") named.open(file, std::ios::binary);
-  std::istream& stream = file == "-" ? std::cin : named;
-  std::string text;
-  char block[64 * 1024];
-  while (stream.read(block, sizeof block) || stream.gcount() != 0) {
-    text.append(block, static_cast<std::size_t>(stream.gcount()));
-    if (text.size() > kMaxInputBytes) throw std::runtime_error("is longer than 1 GiB");
+  int error = 0;
+  std::optional<std::string> text = ReadToEnd(file, kMaxInputBytes, error);
+  if (!text) throw std::runtime_error(ReadFailure(error, "1 GiB"));
+  return std::move(*text);
+}
+
+std::string ReadFailure(int error, const char* limit) {
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+      return "is not there";
+    case EACCES:
+    case EPERM:
+      return "may not be read";
+    case EISDIR:
+      return "is a directory";
+    case EFBIG:
+      return std::string("is longer than ") + limit;
+    case EINVAL:
+      return "is no regular file";
+    default:
+      return std::string("cannot be read: ") + SystemErrorText(error);
   }
-  // A directory opens like a file and fails when it is read.
-  if (!stream.eof()) throw std::runtime_error("cannot be read");
-  return text;
+}
+
+CLI::Validator Seconds(double least, double most) {
+  const auto check = [least, most](const std::string& text) -> std::string {
+    double value = 0;
+    const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const bool whole = failed == std::errc() && end == text.data() + text.size();
+    if (whole && value >= least && value <= most) return {};
+    std::ostringstream words;
+    words << "'" << text << "' is no number from " << least << " to " << most;
+    return std::move(words).str();
+  };
+  std::ostringstream range;
+  range << least << " - " << most;
+  return CLI::Validator(check, std::move(range).str());
 }
 
 int Main(int count, const char* const* arguments) {
@@ -77,7 +115,9 @@ int Main(int count, const char* const* arguments) {
     program.parse(count, arguments);
   } catch (const CLI::ParseError& stopped) {
     if (stopped.get_exit_code() == 0) {  // the help or the version was asked for
-      return program.exit(stopped);
+      std::ostringstream text;
+      program.exit(stopped, text, text);
+      return Print(std::move(text).str());
     }
     PrintError(std::string(stopped.what()) + "; see " + HelpHint(program));
     return kUsage;

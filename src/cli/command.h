@@ -32,7 +32,8 @@ void AddGet(CLI::App& program, Run& chosen);
 void AddAnimate(CLI::App& program, Run& chosen);
 void AddMarkup(CLI::App& program, Run& chosen);
 
-/// One line on standard error, headed by the program's name. Line ends within become blanks.
+/// One line on standard error, headed by the program's name; line ends within become blanks,
+/// other control bytes \xHH. Waits for its reader, as tools do.
 void PrintError(const std::string& text);
 /// The same for an input that is at fault, headed by its name.
 void PrintFault(const std::string& input, const std::string& text);
@@ -42,9 +43,14 @@ void PrintFault(const std::string& input, const std::string& text);
 int Print(std::string_view text);
 
 /// The bytes of a file, which may be a pipe, or of the standard input for "-". Throws
-/// std::runtime_error "cannot be read" for what is not there, is a directory or fails on the way,
-/// and "is longer than 1 GiB".
+/// std::runtime_error with the words of ReadFailure().
 std::string ReadInput(const std::string& file);
+/// What is wrong with a file whose reading ended with that error of the system, as it follows the
+/// file's name: "is not there", "may not be read", "is longer than 1 GiB", ...
+std::string ReadFailure(int error, const char* limit);
+
+/// A number of seconds from `least` to `most`, written in decimal: what "nan" says is none.
+CLI::Validator Seconds(double least, double most);
 
 /// Runs the program with its arguments; returns its exit status.
 int Main(int count, const char* const* arguments);

@@ -4,8 +4,8 @@
 
 #include <chrono>
 #include <deque>
+#include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -14,12 +14,15 @@
 #include <utility>
 #include <vector>
 
+#include "base/printable.h"
 #include "cli/command.h"
 #include "cli/requesturl.h"
 #include "handlers/request_handler.h"
 #include "http/form_writer.h"
 #include "http/message_head.h"
 #include "jobs/scheduler.h"
+#include "platform/filesystem.h"
+#include "platform/io.h"
 #include "platform/output.h"
 #include "platform/sync.h"
 #include "servers/protocol_servers.h"
@@ -33,6 +36,7 @@ using std::chrono::steady_clock;
 
 constexpr std::uint64_t kFirstErrorStatus = 400;
 constexpr double kMaxTimeout = 86400;
+constexpr std::size_t kMaxPemBytes = std::size_t{16} << 20;
 constexpr const char* kNoAnswerInTime = "no answer within --timeout";
 constexpr int kMaxRepeat = 1'000'000;
 // Requests that are sent and not written yet, at most: their answers are held in memory.
@@ -121,27 +125,34 @@ FormFields Fields(const std::vector<std::string>& given) {
   return fields;
 }
 
-/// Where the bodies go: a file or the standard output. The file keeps its old content until the
-/// first answer is there.
+/// Where the bodies go: a file or the standard output. The file keeps its old content, and is not
+/// made, until the first answer is there.
 class Output {
  public:
-  explicit Output(const std::string& path) : path_(path) {
-    if (!path_.empty() && !std::ofstream(path_, std::ios::binary | std::ios::app)) {
-      throw std::runtime_error("the file '" + path_ +
-                               "' cannot be written; choose another with --output");
+  explicit Output(const std::string& path) : path_(path == "-" ? "" : path) {
+    if (path_.empty()) return;
+    const ZrPathKind kind = PathKind(path_);
+    const std::string folder = std::filesystem::path(path_).parent_path().string();
+    const bool missing = kind == ZrPathKind::kMissing;
+    const int error =
+        CheckAccess(missing ? (folder.empty() ? "." : folder) : path_, ZrAccess::kWrite);
+    if (error != 0 || kind == ZrPathKind::kDirectory || path_.ends_with('/')) {
+      throw std::runtime_error("the file '" + path_ + "' cannot be written: " +
+                               (error != 0 ? SystemErrorText(error) : "it is a directory") +
+                               "; choose another with --output");
     }
   }
   void Write(std::string_view bytes) {
-    if (!path_.empty() && !file_.is_open()) {
-      file_.open(path_, std::ios::binary | std::ios::trunc);
+    if (path_.empty()) {
+      const int error = WriteOutput(bytes);
+      if (error == 0) return;
+      throw std::runtime_error("cannot write to the standard output: " +
+                               std::string(SystemErrorText(error)));
     }
-    std::ostream& out = path_.empty() ? std::cout : file_;
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    out.flush();
-    if (!out) {
-      throw std::runtime_error(path_.empty() ? "cannot write to the standard output"
-                                             : "cannot write to the file '" + path_ + "'");
-    }
+    if (!file_.is_open()) file_.open(path_, std::ios::binary | std::ios::trunc);
+    file_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    file_.flush();
+    if (!file_) throw std::runtime_error("cannot write to the file '" + path_ + "'");
   }
 
  private:
@@ -158,8 +169,9 @@ class Getting {
     if (!options_.ca.empty() && options_.insecure) {
       throw UsageError("--ca and --insecure contradict each other: give one of them");
     }
-    if (!options_.ca.empty() && !std::ifstream(options_.ca)) {
-      throw std::runtime_error("the certificate file '" + options_.ca + "' cannot be read");
+    if (int error = 0; !options_.ca.empty() && !ReadWholeFile(options_.ca, kMaxPemBytes, &error)) {
+      throw std::runtime_error("the certificate file '" + options_.ca + "' " +
+                               ReadFailure(error, "16 MiB"));
     }
     fields_ = Fields(options_.post);
     std::vector<RequestUrl> urls;
@@ -253,8 +265,10 @@ class Getting {
     }
     const ZrXHeader& answer = *outcome.answer;
     if (options_.verbose) {
-      WriteErrorLine(StatusLine(answer) + " " + *one.url + " (" +
-                     std::to_string(answer.body->Size()) + " bytes)");
+      std::string line;
+      AppendPrintable(line, StatusLine(answer) + " " + *one.url + " (" +
+                                std::to_string(answer.body->Size()) + " bytes)");
+      WriteErrorText(line + "\n");
     } else if (answer.status >= kFirstErrorStatus) {
       Say(*one.url + ": answered with status " + std::to_string(answer.status));
     }
@@ -306,14 +320,15 @@ void AddGet(CLI::App& program, Run& chosen) {
   get.add_option("--repeat", options->repeat, "Ask for each URL that often, ten at a time")
       ->type_name("N")
       ->check(CLI::Range(1, kMaxRepeat));
-  get.add_option("--output", options->output, "Write the bodies there, not to standard output")
+  get.add_option("--output", options->output,
+                 "Write the bodies there, not to standard output, which is -")
       ->type_name("FILE");
   get.add_flag("--verbose", options->verbose, "One line per answer on standard error");
   get.add_option("--ca", options->ca, "Trust the certificates in this PEM file")->type_name("FILE");
   get.add_flag("--insecure", options->insecure, "Do not verify certificates");
   get.add_option("--timeout", options->timeout, "Give up when not all is answered by then")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, kMaxTimeout));
+      ->check(Seconds(0.001, kMaxTimeout));
   get.footer(kExamples);
   get.callback([options, &chosen] { chosen = [options] { return Getting(*options).Run(); }; });
 }

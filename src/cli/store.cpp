@@ -2,12 +2,12 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "cli/command.h"
-#include "platform/output.h"
 #include "storage/app_storage.h"
 
 namespace zr::cli {
@@ -19,19 +19,26 @@ constexpr char kUser[] = "velkoro store";
 struct StoreArguments {
   std::string application;
   std::string path;
-  std::string defaultText;
+  std::optional<std::string> defaultText;
   std::string project;
   std::string name;
   std::string file;
   std::vector<std::string> mappings;
 };
 
-// What is asked for goes to standard output; the storage's own notices do not get in its way.
+// What is asked for goes to standard output, and nothing anywhere else when it is there: the
+// storage's own notices are not for the shell.
 std::unique_ptr<ZrPersistentAppStorage> Open(const StoreArguments& arguments) {
   auto storage = std::make_unique<ZrPersistentAppStorage>();
-  storage->SetNoticeSink([](std::string_view line) { zr::WriteErrorLine(line); });
+  storage->SetNoticeSink([](std::string_view) {});
   storage->LoadApplication(arguments.application);
-  storage->SetApplication(arguments.application);
+  ZrXMLElementList listed;
+  storage->FindAllByName(arguments.application, listed);
+  storage->SetApplication(arguments.application);  // which adds one that is not there
+  if (listed.empty()) {
+    throw std::runtime_error("'./" + arguments.application + ".xml' holds no application '" +
+                             arguments.application + "'");
+  }
   return storage;
 }
 
@@ -78,7 +85,15 @@ int PrintProjects(const StoreArguments& arguments) {
 }
 
 int PrintValue(const StoreArguments& arguments) {
-  return Print(Open(arguments)->GetValue(arguments.path, arguments.defaultText) + "\n");
+  const std::unique_ptr<ZrPersistentAppStorage> storage = Open(arguments);
+  if (arguments.defaultText) {
+    return Print(storage->GetValue(arguments.path, *arguments.defaultText) + "\n");
+  }
+  const std::string value = storage->GetValue(arguments.path, "a");
+  if (value == "a" && storage->GetValue(arguments.path, "b") == "b") {
+    throw std::runtime_error("there is no value '" + arguments.path + "'; --default prints one");
+  }
+  return Print(value + "\n");
 }
 
 int PrintVariable(const StoreArguments& arguments) {
@@ -102,8 +117,8 @@ int PrintExpanded(const StoreArguments& arguments) {
     storage->SetMapping(mapping.substr(0, equals), mapping.substr(equals + 1));
   }
   std::string text = TextOf(arguments.file);
-  storage->ExpandMarkers(arguments.project, text);
-  return Print(text);
+  // The storage says on standard error which bound the text goes beyond.
+  return storage->ExpandMarkers(arguments.project, text) ? Print(text) : kFailure;
 }
 
 }  // namespace
@@ -112,17 +127,26 @@ void AddStore(CLI::App& program, Run& chosen) {
   CLI::App* const store = program.add_subcommand(
       "store", "Look into an application's configuration file, APP.xml in the current directory");
   auto arguments = std::make_shared<StoreArguments>();
-  store->add_option("--application", arguments->application, "Name of the application")
-      ->required()
-      ->type_name("APP");
+  // Asked for in two places, so that it may stand before the subcommand or behind it.
+  const auto addApplication = [&arguments](CLI::App& command) {
+    command
+        .add_option("--application", arguments->application, "Name of the application; required")
+        ->type_name("APP");
+  };
+  addApplication(*store);
   store->require_subcommand(1);
   store->footer("Example:\n  velkoro store --application demo options");
   const auto add = [&](const char* name, const char* text, const char* example,
                        int (*run)(const StoreArguments&)) {
     CLI::App* const command = store->add_subcommand(name, text);
     command->footer(std::string("Example:\n  velkoro store --application demo ") + example);
-    command->callback(
-        [&chosen, arguments, run] { chosen = [arguments, run] { return run(*arguments); }; });
+    addApplication(*command);
+    command->callback([&chosen, arguments, run] {
+      chosen = [arguments, run] {
+        if (arguments->application.empty()) throw UsageError("--application is required");
+        return run(*arguments);
+      };
+    });
     return command;
   };
   add("options", "Print each option as name=value", "options", PrintOptions);

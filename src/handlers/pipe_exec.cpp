@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/output.h"
+#include "base/line_writer.h"
 
 namespace {
 
@@ -27,9 +27,9 @@ constexpr std::chrono::milliseconds kPipePatience{20};
 /// hold the run up, so it is given up like one that was not created.
 void MakeRunPipe(zr::Pipe& pipe, ZrDescriptor zr::Pipe::*kept, const char* pipeMessage,
                  const char* endMessage) {
-  if (zr::MakePipe(pipe)) zr::WriteOutputLine(pipeMessage);
+  if (zr::MakePipe(pipe)) zr::WriteOutputNotice(pipeMessage);
   if (zr::SetNonBlocking((pipe.*kept).Get())) {
-    zr::WriteOutputLine(endMessage);
+    zr::WriteOutputNotice(endMessage);
     pipe = {};
   }
 }
@@ -57,7 +57,7 @@ ZrWinPipeExec::~ZrWinPipeExec() {
 ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& input,
                                  ZrStringBuf& output) {
   if (!Start(variables)) {
-    zr::WriteOutputLine("Error on CreateProcess");
+    zr::WriteOutputNotice("Error on CreateProcess");
     return ZrPipeExecEnd::kNotStarted;
   }
   ZrRoomQueue::Place room(settings_.roomQueue);  // held until what was written is released

@@ -4,13 +4,13 @@
 #include <typeinfo>
 #include <utility>
 
+#include "base/line_writer.h"
 #include "handlers/cgi.h"
 #include "handlers/request_handler.h"
 #include "handlers/static_files.h"
 #include "http/protocol_kind.h"
 #include "http/response_head.h"
 #include "http/server_head.h"
-#include "platform/output.h"
 #include "servers/protocol_servers.h"
 #include "servers/request_pool.h"
 #include "storage/app_storage.h"
@@ -95,6 +95,7 @@ void ZrQuarnApplication2::startServers() {
     head->SetOption("tcp_port", std::to_string(server.port));
     head->SetOption("tcp_address", server.address);
     head->SetOption("semantics", server.options.Get("semantics"));
+    if (server.options.Has("quiet")) head->SetOption("quiet", server.options.Get("quiet"));
     if (head->ProtocolKind() == zr::kProtocolHttps) {
       head->SetOption("cacertificate", server.options.Get("cacertificate", "cacert.pem"));
       head->SetOption("privatekey", server.options.Get("privatekey", "privkey.pem"));
@@ -144,7 +145,7 @@ void ZrQuarnApplication2::OnListening(const ZrServerCallback_t& record) {
 
 void ZrQuarnApplication2::OpenInBrowser(const std::string& url) {
   if (!launcher_.open(url, "text/html")) {
-    zr::WriteOutput("\nplease, open document at " + url + "\n\n");
+    ZrLineWriter::Instance().Output().PushLines("\nplease, open document at " + url + "\n\n");
   }
 }
 

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <limits>
@@ -6,6 +7,7 @@
 #include <vector>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "base/number.h"
 #include "base/path.h"
 #include "host/server_handle.h"
@@ -19,6 +21,9 @@ namespace {
 
 /// The application that the host entry's servers are in the configuration storage.
 constexpr const char* kApplicationName = "quarntwodll";
+
+/// How long a stop waits for the log lines of the server at most.
+constexpr std::chrono::seconds kLastLines{1};
 
 /// The absolute value, also where the negative number has no positive twin: that port is refused
 /// when the server binds it, like every other beyond 65535.
@@ -35,6 +40,7 @@ void* EndServer(void* server) {
   handle->application.reset();
   // A thread of the jobs may still be destroying what was dropped by an event.
   ZrJobRegistry::Instance().WaitForReaper();
+  zr::FlushLines(kLastLines);
   return handle->library;
 }
 

@@ -1,5 +1,7 @@
 #include "html/command_compiler.h"
 
+#include <stdexcept>
+
 namespace {
 
 constexpr std::string_view kLinearAnimation = "linearanimation(";
@@ -44,14 +46,20 @@ std::string_view ZrCommandCompiler::Unquote(std::string_view argument) const {
   return argument.substr(1, argument.size() - 2);
 }
 
+std::string zr::RunCommand(std::string_view text) {
+  const ZrCommandCompiler compiler;
+  std::vector<std::string_view> parts = compiler.Parse(text);
+  if (parts.empty() || parts.front() != kLinearAnimation) {
+    throw std::invalid_argument("no command; the one there is begins with !" +
+                                std::string(kLinearAnimation));
+  }
+  parts.erase(parts.begin());
+  return LinearAnimation(parts);
+}
+
 std::string zr::EvaluateCommand(std::string_view text) noexcept {
   try {
-    const ZrCommandCompiler compiler;
-    std::vector<std::string_view> parts = compiler.Parse(text);
-    if (!parts.empty() && parts.front() == kLinearAnimation) {
-      parts.erase(parts.begin());
-      return LinearAnimation(parts);
-    }
+    return RunCommand(text);
   } catch (...) {
     // Whatever went wrong, the reader of the stored page sees the error text in its place. It is
     // short enough to need no memory of its own.

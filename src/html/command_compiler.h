@@ -28,6 +28,9 @@ inline constexpr std::size_t kMaxAnimationBytes = std::size_t{64} << 20;
 /// Throws nothing; not even a lack of memory leaves it.
 std::string EvaluateCommand(std::string_view text) noexcept;
 
+/// The same; throws std::exception with what is wrong instead of answering kCommandError.
+std::string RunCommand(std::string_view text);
+
 /// Writes the rules and key frames of the command "linearanimation". The arguments, as they stand
 /// in the command: selector, duration, repetition, number of elements, declarations of the lit and
 /// of the dark state, length of the ramps in percent of the cycle; what follows is not looked at.

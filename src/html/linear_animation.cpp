@@ -14,7 +14,7 @@ constexpr std::size_t kArguments = 7;
 std::uint32_t Number(std::string_view argument) {
   const std::size_t first = argument.find_first_not_of(" \t\n\v\f\r");
   if (first == std::string_view::npos || argument[first] < '0' || argument[first] > '9') {
-    throw std::invalid_argument("no number");
+    throw std::invalid_argument("'" + std::string(argument) + "' is no number");
   }
   return zr::ParseUnsignedLong(argument.substr(first));
 }
@@ -66,7 +66,11 @@ class BoundedText {
 }  // namespace
 
 std::string zr::LinearAnimation(const std::vector<std::string_view>& arguments) {
-  if (arguments.size() < kArguments) throw std::invalid_argument("missing arguments");
+  if (arguments.size() < kArguments) {
+    throw std::invalid_argument("the command needs " + std::to_string(kArguments) +
+                                " arguments, and " + std::to_string(arguments.size()) +
+                                " can be read");
+  }
   const ZrCommandCompiler compiler;
   const std::string_view selector = compiler.Unquote(arguments[0]);
   const std::string_view duration = compiler.Unquote(arguments[1]);
@@ -75,7 +79,9 @@ std::string zr::LinearAnimation(const std::vector<std::string_view>& arguments) 
   const std::string_view on = compiler.Unquote(arguments[4]);
   const std::string_view off = compiler.Unquote(arguments[5]);
   const double ramp = Number(arguments[6]);
-  if (count > kMaxAnimationElements) throw std::out_of_range("too many elements");
+  if (count > kMaxAnimationElements) {
+    throw std::out_of_range("more than " + std::to_string(kMaxAnimationElements) + " elements");
+  }
   if (count <= 1) return {};
 
   std::string_view base = selector;

@@ -3,25 +3,12 @@
 #include <array>
 #include <charconv>
 
+#include "base/printable.h"
 #include "platform/time_text.h"
 
 namespace {
 
-bool IsControl(char byte) { return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f; }
-
-void AppendPrintable(std::string& line, std::string_view text) {
-  static constexpr std::string_view kDigits = "0123456789ABCDEF";
-  for (const char byte : text) {
-    if (!IsControl(byte)) {
-      line += byte;
-      continue;
-    }
-    const auto value = static_cast<unsigned char>(byte);
-    line += "\\x";
-    line += kDigits[value >> 4];
-    line += kDigits[value & 15];
-  }
-}
+using zr::AppendPrintable;
 
 void AppendNumber(std::string& line, std::uint64_t number) {
   std::array<char, 24> digits;

@@ -1,9 +1,9 @@
 #include "http/form_body.h"
 
 #include <algorithm>
-#include <iostream>
 #include <utility>
 
+#include "base/line_writer.h"
 #include "http/field_list.h"
 
 namespace {
@@ -88,7 +88,7 @@ ZrReadResult ParseFormBody(ZrXHeader& request) {
   } else if (type.starts_with(kUrlEncoded)) {
     zr::AppendUrlEncoded(request, body, true);
   } else if (!types.empty() && !request.semantics->IsStandard()) {
-    std::cerr << "content type not defined (" + type + ")\n";
+    zr::WriteDiagnostic("content type not defined", "content type not defined (" + type + ")");
   }
 
   for (const auto& block : request.blocks) {

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iostream>
 #include <vector>
 
+#include "base/line_writer.h"
 #include "base/trim.h"
 #include "http/form_body.h"
 
@@ -70,7 +70,7 @@ std::string_view DispositionName(std::string_view value) {
 void ParsePartLine(ZrHTTPMessageBlock& block, std::string_view line) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos) {
-    std::cerr << "oh oh ... problem...\n";
+    zr::WriteDiagnostic("oh oh", "oh oh ... problem...");
     return;
   }
   std::string name(zr::Trim(line.substr(0, colon)));

@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "jobs/scheduled_task.h"
 #include "platform/clock.h"
-#include "platform/output.h"
 
 // The life of a task: ready -> running -> idle with its result, from where a repeating one goes
 // through waiting back to ready. Every step is made under taskLock_ by the thread that causes it.
@@ -35,7 +35,8 @@ std::uint64_t RepeatDelayUs(const ZrRinvalTaskDescription& description) {
 }
 
 void ReportFailure(const ZrRinvalTaskDescription& description, const std::string& failure) {
-  zr::WriteErrorLine("task \"" + description.name + "\": " + failure);
+  const std::string task = "task \"" + description.name + "\"";
+  zr::WriteDiagnostic(task, task + ": " + failure);
 }
 
 }  // namespace

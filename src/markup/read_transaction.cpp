@@ -1,7 +1,9 @@
 #include "markup/read_transaction.h"
 
 #include <algorithm>
-#include <iostream>
+#include <string>
+
+#include "base/line_writer.h"
 
 bool ReadTransaction::More() {
   const std::size_t next = Offset(next_);
@@ -18,7 +20,7 @@ int ReadTransaction::Get(bool endAllowed) {
     return byte;
   }
   if (!endAllowed) {
-    std::cerr << "reading EOF is an error! ---> will become an exception\n";
+    zr::WriteDiagnostic("reading EOF", "reading EOF is an error! ---> will become an exception");
   }
   const std::size_t next = Offset(next_);
   const std::size_t furthest = Offset(furthest_);
@@ -31,8 +33,9 @@ int ReadTransaction::Get(bool endAllowed) {
 
 void ReadTransaction::GiveBack(std::size_t count) {
   if (count > Offset(next_)) {
-    std::cerr << "error! can't give more back than read---> will become an exception... "
-              << Offset(next_) << " vs. " << count << '\n';
+    zr::WriteDiagnostic("more given back than read",
+                        "error! can't give more back than read---> will become an exception... " +
+                            std::to_string(Offset(next_)) + " vs. " + std::to_string(count));
     return;
   }
   next_ -= count;

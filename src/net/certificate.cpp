@@ -103,28 +103,48 @@ void WritePair(const std::string& folder) {
   WritePrivateFile(folder + kCertificateName, Bytes(certificateText.get()));
 }
 
+bool IsThere(const CertificateFiles& files) {
+  std::error_code ignored;
+  return std::filesystem::exists(files.certificate, ignored) &&
+         std::filesystem::exists(files.privateKey, ignored);
+}
+
+/// A new folder beside the one asked for; gone with the object unless it was renamed.
+class FreshFolder {
+ public:
+  explicit FreshFolder(const std::string& folder) : name_(MakePrivateFolder(folder)) {}
+  ~FreshFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(name_, ignored);
+  }
+  FreshFolder(const FreshFolder&) = delete;
+  FreshFolder& operator=(const FreshFolder&) = delete;
+  const std::string& Name() const { return name_; }
+
+ private:
+  const std::string name_;
+};
+
 }  // namespace
 
 CertificateFiles EnsureSelfSignedCertificate(const std::string& folder) {
   const CertificateFiles files{folder + kCertificateName, folder + kKeyName};
-  std::error_code ignored;
-  if (std::filesystem::exists(files.certificate, ignored) &&
-      std::filesystem::exists(files.privateKey, ignored)) {
-    return files;
-  }
+  if (IsThere(files)) return files;
   try {
     if (const std::filesystem::path home(folder); home.has_parent_path()) {
       std::filesystem::create_directories(home.parent_path());
     }
-    const std::string fresh = MakePrivateFolder(folder);
-    WritePair(fresh);
+    const FreshFolder fresh(folder);
+    WritePair(fresh.Name());
     std::error_code lost;
-    std::filesystem::rename(fresh, folder, lost);
-    if (lost) {
-      std::filesystem::remove_all(fresh, ignored);
-      if (!std::filesystem::exists(files.certificate, ignored)) {
+    std::filesystem::rename(fresh.Name(), folder, lost);
+    // Another program may have been first. What else holds files is somebody's, and stays.
+    if (lost && !IsThere(files)) {
+      if (lost != std::errc::directory_not_empty && lost != std::errc::file_exists) {
         throw std::system_error(lost);
       }
+      throw ZrException("the pair of files in it is incomplete; remove that folder", __LINE__,
+                        "src");
     }
   } catch (const std::exception& failure) {
     throw ZrException("cannot make a certificate in " + folder + ": " + failure.what(), __LINE__,

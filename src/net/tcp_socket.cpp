@@ -4,8 +4,8 @@
 #include <span>
 #include <string_view>
 
+#include "base/line_writer.h"
 #include "base/trace.h"
-#include "platform/output.h"
 
 namespace {
 
@@ -32,12 +32,12 @@ ZrSocketIPvx::~ZrSocketIPvx() {
 }
 
 void ZrSocketIPvx::Complain(const std::string& line) const {
-  if (!quiet_) zr::WriteErrorLine(line);
+  if (!quiet_) zr::WriteDiagnostic("error of a connection", line);
 }
 
 ZrSocketResult ZrSocketIPvx::send(const char* buffer, std::size_t length, std::size_t& sent) {
   if (line_ == &ownLine_ && !primary_.IsOpen()) {
-    zr::WriteErrorLine("no socket");
+    zr::WriteDiagnostic("no socket", "no socket");
     return ZrSocketResult::kSuccess;
   }
   const ZrIoResult result = line_->Send({buffer, length});
@@ -93,7 +93,7 @@ ZrDescriptor ZrSocketIPvx::openFirst(ZrAddressFamily family, const ZrResolution&
 ZrSocketResult ZrSocketIPvx::listen(const std::string& /*address*/, int& port, int backlog) {
   const ZrResolution resolution = zr::ResolveListener(port);
   if (!resolution.error.empty()) {
-    zr::WriteErrorLine("getaddrinfo: " + resolution.error);
+    if (!quiet_) zr::WriteErrorLine("getaddrinfo: " + resolution.error);
     return ZrSocketResult::kListenFailed;
   }
   // The IPv6 socket takes IPv4 peers as well, so with a fixed port the second one finds its port
@@ -102,7 +102,7 @@ ZrSocketResult ZrSocketIPvx::listen(const std::string& /*address*/, int& port, i
   secondary_ = openFirst(ZrAddressFamily::kIPv4, resolution, backlog, port);
   listening_ = primary_.IsOpen() || secondary_.IsOpen();
   if (listening_) return ZrSocketResult::kSuccess;
-  zr::WriteErrorLine("Could not bind");
+  if (!quiet_) zr::WriteErrorLine("Could not bind");
   return ZrSocketResult::kListenFailed;
 }
 

@@ -7,7 +7,13 @@
 class ZrDescriptor {
  public:
   ZrDescriptor() = default;
-  explicit ZrDescriptor(int descriptor) noexcept : descriptor_(descriptor) {}
+  /// Takes the descriptor. One of a standard stream, which the system gives to whoever asks next
+  /// when a host has closed its own, is not kept: another number of the same takes its place, so
+  /// that what is written to standard output never lands in a socket. None, with errno set, when
+  /// there is no other.
+  explicit ZrDescriptor(int descriptor) noexcept
+      : descriptor_(descriptor > kLastStandard || descriptor < 0 ? descriptor
+                                                                 : MoveAboveStandard(descriptor)) {}
   ZrDescriptor(ZrDescriptor&& other) noexcept : descriptor_(other.Release()) {}
   ZrDescriptor& operator=(ZrDescriptor&& other) noexcept {
     if (this != &other) {
@@ -28,5 +34,8 @@ class ZrDescriptor {
   void Close() noexcept;
 
  private:
+  static constexpr int kLastStandard = 2;
+  static int MoveAboveStandard(int descriptor) noexcept;
+
   int descriptor_ = -1;
 };

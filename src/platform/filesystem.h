@@ -9,8 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/descriptor.h"
-
 namespace zr {
 
 enum class ZrPathKind { kMissing, kRegular, kDirectory, kOther };
@@ -21,6 +19,14 @@ ZrPathKind PathKind(const std::string& path);
 /// Unchanged when there is no current directory.
 std::string AbsolutePath(std::string path);
 
+enum class ZrAccess { kRead, kWrite, kEnter };
+/// 0 when this process may do that with what stands at the path, else the system's error number.
+[[nodiscard]] int CheckAccess(const std::string& path, ZrAccess access);
+
+/// All bytes up to the end of a file of any kind, which is waited for where it comes bit by bit;
+/// of the standard input for "-". Nothing when it cannot be read or is longer than `limit`; `error`
+/// then gets the system's error number.
+std::optional<std::string> ReadToEnd(const std::string& path, std::size_t limit, int& error);
 /// All bytes of a regular file of at most `limit` bytes. Nothing when it is missing, unreadable, no
 /// regular file or longer; `error` (may be null) then gets the system's error number.
 std::optional<std::string> ReadWholeFile(const std::string& path, std::size_t limit,
@@ -38,19 +44,3 @@ std::vector<std::string> DirectoryNames(const std::string& path);
 [[nodiscard]] int RemoveFile(const std::string& path);
 
 }  // namespace zr
-
-/// A file that lines are added to, such as a log. Each Write() is one system call, so lines of
-/// several threads and processes are never torn. Threads: Write from any; Open one at a time with
-/// none of the others.
-class ZrAppendFile {
- public:
-  /// Opens or makes the file (mode 0640). Returns 0 or the system's error number; after an error an
-  /// open file stays in use.
-  [[nodiscard]] int Open(const std::string& path);
-  bool IsOpen() const noexcept { return file_.IsOpen(); }
-  /// Adds the bytes. False when they could not be written as a whole.
-  bool Write(std::string_view bytes) const noexcept;
-
- private:
-  ZrDescriptor file_;
-};

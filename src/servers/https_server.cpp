@@ -34,6 +34,10 @@ ZrTransceiverServerL1HTTPS::ZrTransceiverServerL1HTTPS(ZrServerSetup setup,
       {.name = zr::BareHost(target->host), .cancelled = [this] { return IsStartCancelled(); }});
 }
 
+bool ZrTransceiverServerL1HTTPS::start() {
+  return HasContext() && ZrTransceiverServerL1HTTP::start();
+}
+
 std::shared_ptr<ZrTransceiverConnection> ZrTransceiverServerL1HTTPS::createConnection(
     ZrTransceiver& transceiver, const std::string& serverName, ZrServerCallback_t record,
     const std::shared_ptr<ZrSocketIPvx>& socket) {

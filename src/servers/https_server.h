@@ -17,6 +17,8 @@ class ZrTransceiverServerL1HTTPS : public ZrTransceiverServerL1HTTP,
   /// Connecting, with the client form of TLS. Throws as the add-on does.
   ZrTransceiverServerL1HTTPS(ZrServerSetup setup, std::shared_ptr<ZrXHeader> target);
 
+  /// A listening server whose files could not be used stays away from its port.
+  bool start() override;
   std::shared_ptr<ZrTransceiverConnection> createConnection(
       ZrTransceiver& transceiver, const std::string& serverName, ZrServerCallback_t record,
       const std::shared_ptr<ZrSocketIPvx>& socket) override;

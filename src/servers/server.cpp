@@ -3,9 +3,9 @@
 #include <functional>
 
 #include "base/batch.h"
+#include "base/line_writer.h"
 #include "http/message_head.h"
 #include "jobs/scheduler.h"
-#include "platform/output.h"
 #include "transceiver/transceiver.h"
 
 ZrTransceiverServer::ZrTransceiverServer(ZrServerSetup setup)

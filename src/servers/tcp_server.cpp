@@ -5,12 +5,12 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "base/number.h"
 #include "http/server_head.h"
 #include "jobs/job_event.h"
 #include "jobs/scheduler.h"
 #include "net/tcp_socket.h"
-#include "platform/output.h"
 #include "platform/system.h"
 #include "transceiver/connection.h"
 #include "transceiver/transceiver.h"
@@ -157,6 +157,7 @@ void ZrTransceiverServerL0Socket::Pause(std::chrono::milliseconds time) {
 
 void ZrTransceiverServerL0Socket::AcceptLoop() {
   ZrSocketIPvx listener(0);
+  listener.setQuiet(!configuration_->GetOption("quiet").empty());
   ZrServerCallback_t record;
   if (!Listen(listener, record)) return;
   for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()}) {

@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "http/server_head.h"
 #include "jobs/job.h"
-#include "platform/output.h"
 #include "transceiver/transceiver.h"
 
 namespace {
@@ -33,7 +33,7 @@ ZrTransceiverServerL1_SSLAddon::ZrTransceiverServerL1_SSLAddon(const ZrXServerHe
   } catch (const ZrException_SSL& failure) {
     if (--addonCount == 0) throw;
     zr::WriteErrorLine(std::string(failure.what()) + ": the server for \"" + certificateFile_ +
-                       "\" turns every peer away");
+                       "\" does not listen");
   }
 }
 

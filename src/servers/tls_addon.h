@@ -22,8 +22,8 @@ class ZrTransceiverServerL1_SSLAddon {
   /// The server form: loads the files named by the options "cacertificate" and "privatekey" at
   /// once. When that fails and no other TLS add-on was ever built in this process, throws
   /// ZrException_SSL as zr::MakeTlsServerContext() does; otherwise the failure ends here, a line on
-  /// standard error says it, and the add-on is complete without a context: every peer is then
-  /// turned away.
+  /// standard error says it, and the add-on is complete without a context: its server does not
+  /// listen.
   explicit ZrTransceiverServerL1_SSLAddon(const ZrXServerHeader& configuration);
   /// The client form. Throws ZrException_SSL as zr::MakeTlsClientContext() does.
   explicit ZrTransceiverServerL1_SSLAddon(const ClientForm& form);

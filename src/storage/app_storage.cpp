@@ -1,15 +1,15 @@
 #include "storage/app_storage.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
-#include <iostream>
 #include <utility>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "html/command_compiler.h"
 #include "platform/file.h"
 #include "platform/filesystem.h"
-#include "platform/output.h"
 #include "storage/marker_expansion.h"
 
 namespace {
@@ -57,7 +57,9 @@ bool EachPrefixExists(std::string_view directory, bool create) {
 // as Load() turns every failure into ZrException; it ends the process without running static
 // destructors under threads that still use what those destroy.
 [[noreturn]] void EndProcess(const std::exception& reason) {
-  std::cout << "%%%%%%%%%%**************%%%%%%%%%%%%%%%%%%%%%%%% " << reason.what() << std::endl;
+  zr::WriteOutputLine(std::string("%%%%%%%%%%**************%%%%%%%%%%%%%%%%%%%%%%%% ") +
+                      reason.what());
+  zr::FlushLines(std::chrono::seconds(1));
   std::_Exit(0);
 }
 
@@ -237,7 +239,7 @@ std::uint32_t ZrPersistentAppStorage::FindVariable(const std::string& name) {
   return found == variables_.end() ? 0 : found->second.number;
 }
 
-void ZrPersistentAppStorage::ExpandMarkers(const std::string& project, std::string& text) {
+bool ZrPersistentAppStorage::ExpandMarkers(const std::string& project, std::string& text) {
   // The project's text blocks by name, so that a marker costs no walk through all of them; the
   // first of a name counts.
   std::map<std::string, ZrXMLGenericElement*, std::less<>> blocks;
@@ -256,11 +258,13 @@ void ZrPersistentAppStorage::ExpandMarkers(const std::string& project, std::stri
     return mapping == mappings_.end() ? std::string() : mapping->second;
   });
   if (!complete) {
-    zr::WriteErrorLine("markers of a text call for more than " +
-                       std::to_string(zr::kMaxMarkerReplacements) + " replacements or " +
-                       std::to_string(zr::kMaxMarkerBytes >> 20) +
-                       " MiB; the rest of the text stays as it is");
+    zr::WriteDiagnostic("markers of a text", "markers of a text call for more than " +
+                                                 std::to_string(zr::kMaxMarkerReplacements) +
+                                                 " replacements or " +
+                                                 std::to_string(zr::kMaxMarkerBytes >> 20) +
+                                                 " MiB; the rest of the text stays as it is");
   }
+  return complete;
 }
 
 void ZrPersistentAppStorage::SetMapping(const std::string& name, const std::string& text) {

@@ -69,8 +69,9 @@ class ZrPersistentAppStorage : public ZrXMLDatabase {
   /// Replaces every [[name]] of the text: a name with "!" in front by the result of that command,
   /// the name of a text block of the open project by that block, a mapped name by its text, any
   /// other by nothing. What was inserted is expanded in turn, within the bounds of
-  /// zr::ExpandMarkers(); when one is reached, one line on standard error says so.
-  virtual void ExpandMarkers(const std::string& project, std::string& text);
+  /// zr::ExpandMarkers(); when one is reached, one line on standard error says so, and the answer
+  /// is no.
+  virtual bool ExpandMarkers(const std::string& project, std::string& text);
   virtual void SetMapping(const std::string& name, const std::string& text);
   virtual void RemoveMapping(const std::string& name);
 

@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "markup/parse.h"
 #include "markup/xml_nodes.h"
 #include "platform/file.h"
 #include "platform/filesystem.h"
-#include "platform/output.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 #include <utility>
 
 #include "base/exception.h"
+#include "base/line_writer.h"
 #include "http/message_head.h"
 #include "http/server_head.h"
 #include "jobs/job_registry.h"
 #include "jobs/scheduler.h"
-#include "platform/output.h"
 #include "transceiver/connection.h"
 #include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
@@ -128,7 +128,7 @@ std::string ZrTransceiver::OpenServer(ZrMessageHandler& client,
     }
   }
   if (entry == factories_.listening.end()) {
-    zr::WriteOutputLine("unknown protocol!! (3)");
+    zr::WriteOutputNotice("unknown protocol!! (3)");
     return CommonErrorName();
   }
   std::shared_ptr<ZrServerLink> server;
@@ -227,11 +227,11 @@ std::string ZrTransceiver::Send(ZrMessageHandler& client, std::shared_ptr<ZrXHea
   message->target = target;
   switch (kind) {
     case ZrMessageKind::kResponse:
-      zr::WriteOutputLine("unknown protocol!! (1)");
+      zr::WriteOutputNotice("unknown protocol!! (1)");
       break;
     case ZrMessageKind::kRequest:
       if (known) return pools_.Submit(clientName, std::move(message), callback);
-      zr::WriteOutputLine("unknown protocol!! (2)");
+      zr::WriteOutputNotice("unknown protocol!! (2)");
       break;
     case ZrMessageKind::kUnrecognised:
       break;

@@ -50,7 +50,10 @@ TEST(Cgi, OutputOfProgramsIsTheAnswer) {
   folder.Write("cgi-bin/plain", "#!/bin/sh\necho text\n");
   std::filesystem::create_symlink(outside.Path("program"), folder.Path("cgi-bin/out"));
   folder.Write("page.php", "<?php echo 'text';");
-  Served served(folder, {"http"}, {"--php", "zr-no-such-interpreter"});
+  const std::string php = outside.Write("php", "");
+  std::filesystem::permissions(php, std::filesystem::perms::owner_all);
+  Served served(folder, {"http"}, {"--php", php});
+  std::filesystem::remove(php);
   for (const Case& c : cases) {
     const RunResult got =
         served.Curl("http", std::string("/cgi-bin/") + c.name + "?a=1&b=%20", {"-i"});
@@ -60,7 +63,9 @@ TEST(Cgi, OutputOfProgramsIsTheAnswer) {
   for (const char* dead : {"/cgi-bin/plain", "/page.php"}) {
     EXPECT_EQ(served.Curl("http", dead, {"-i"}).out, Answer("")) << dead;
   }
-  EXPECT_NE(served.Program().Output().find("Error on CreateProcess\n"), std::string::npos);
+  EXPECT_TRUE(WaitFor([&] {
+    return served.Program().Output().find("Error on CreateProcess\n") != std::string::npos;
+  }));
   for (const char* missing : {"/cgi-bin/none", "/cgi-bin/out", "/none.php"}) {
     const std::string answer = served.Curl("http", missing, {"-i"}).out;
     EXPECT_TRUE(answer.starts_with("HTTP/1.1 404 Not Found\r\n")) << missing << answer;

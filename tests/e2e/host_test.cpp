@@ -114,6 +114,24 @@ TEST(Host, StaysLoadedWhileAHandleExists) {
   }
 }
 
+TEST(Host, ALaterServerWithAnUnusableKeyPairDoesNotListen) {
+  const TemporaryFolder folder;
+  const std::string none = folder.Path("none");
+  const Library library;
+  const auto broken = [&] {
+    return library.start("127.0.0.1", 0, ".", ".", none.c_str(), none.c_str());
+  };
+  EXPECT_THROW(broken(), std::exception);
+  void* const first = library.Start();
+  testing::internal::CaptureStderr();
+  void* const second = broken();
+  void* const third = library.Start();
+  EXPECT_EQ(library.port(second), 0);
+  for (void* const server : {second, third, first}) EXPECT_EQ(library.stop(server), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "(SSL) problem with SSL key pair: the server for \"" + none + "\" does not listen\n");
+}
+
 TEST(Host, StopsUnderLoadAHundredTimes) {
   const Library library;
   for (int round = 0; round < 100; ++round) {
@@ -167,6 +185,30 @@ TEST(Host, StartsInAChildOfTheProcessThatLoadedIt) {
     void* const handle = library.Start();
     const bool served = StatusOf(library.port(handle)) == "404";
     _exit(served && library.stop(handle) == 0 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// What it writes to the standard streams must not land in a socket or file of its own.
+TEST(Host, TakesNoStandardStreamThatItsHostHasClosed) {
+  TestCertificate();
+  const pid_t child = fork();
+  if (child == 0) {
+    for (const int stream : {0, 1, 2}) close(stream);
+    int taken = 0;
+    const Library library;
+    for (int round = 0; round < 2; ++round) {
+      void* const handle = library.Start();
+      for (int i = 0; i < 20; ++i) {
+        RawClient client(library.port(handle));
+        client.Send("\x16\x03\x01\x02");
+        for (const int stream : {0, 1, 2}) taken += fcntl(stream, F_GETFD) >= 0 ? 1 : 0;
+      }
+      library.stop(handle);
+    }
+    _exit(taken);
   }
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);

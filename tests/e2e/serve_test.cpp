@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <fstream>
 #include <regex>
 
 #include "tests/e2e/served.h"
@@ -134,7 +135,8 @@ TEST(Serve, RestartsOnItsPortAndRefusesATakenOne) {
   const std::vector<std::string> again = {VELKORO_PROGRAM, "serve", folder.Path(), "--listen", url};
   const auto refused = RunProgram(again);
   EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.err.find("velkoro: port " + std::to_string(port)), std::string::npos);
+  EXPECT_TRUE(refused.err.starts_with("velkoro: port " + std::to_string(port))) << refused.err;
+  EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
 
   std::vector<std::string> patient = again;
   patient.push_back("--wait-for-port");
@@ -228,11 +230,32 @@ TEST(Serve, OpensTheBrowserOnThePageThatItPrints) {
   EXPECT_TRUE(WaitFor([&] { return RunProgram({"pgrep", "-P", id}).status == 1; })) << "no child";
 }
 
+TEST(Serve, TakesADirectoryAsTheKernelDoes) {
+  const TemporaryFolder folder;
+  folder.Write("there/below/file", "");
+  std::filesystem::create_symlink(folder.Path("there/below"), folder.Path("link"));
+  const auto serves = [&](const std::string& given, const std::string& directory) {
+    BackgroundProgram program(
+        {VELKORO_PROGRAM, "serve", folder.Path(given), "--listen", "http://127.0.0.1:0"});
+    return WaitFor([&] {
+      return program.Output().starts_with("velkoro: serving " + folder.Path(directory) + " on ");
+    });
+  };
+  EXPECT_TRUE(serves("link/..", "there"));
+  EXPECT_TRUE(serves("./link//", "link"));  // which may be pointed elsewhere later
+}
+
 TEST(Serve, SaysInOneLineWhatIsWrong) {
   const TemporaryFolder folder;
   const std::string key = TestCertificate().privateKey;
   const std::string certificate = TestCertificate().certificate;
   const std::string foreign = zr::EnsureSelfSignedCertificate(folder.Path("foreign")).privateKey;
+  std::ofstream(folder.Write("sparse", "")).close();
+  std::filesystem::resize_file(folder.Path("sparse"), (256u << 20) + 1);
+  folder.Write("half/localhost/certificate.pem", ReadFile(certificate));
+  folder.Write("broken/localhost/certificate.pem", ReadFile(certificate));
+  folder.Write("broken/localhost/private-key.pem", ReadFile(foreign));
+  folder.Write("file/localhost", "");
   struct Case {
     std::vector<std::string> words;
     int status;
@@ -249,10 +272,26 @@ TEST(Serve, SaysInOneLineWhatIsWrong) {
       {{"serve", "--state", "/proc/none"}, 1, {"/proc/none", "--state"}},
       {{"serve", "--page", "name"}, 2, {"--page name: give NAME=FILE"}},
       {{"serve", "--page", ".hidden=" + key}, 2, {"without a leading dot"}},
-      {{"serve", "--page", "a=" + folder.Path(), "--listen", "http://a:0"}, 1, {"cannot be read"}},
+      {{"serve", "--page", "a=" + folder.Path(), "--listen", "http://a:0"}, 1, {"is a directory"}},
+      {{"serve", "--page", "a=" + folder.Path("none")}, 1, {"none' for --page a is not there"}},
+      {{"serve", "--page", "a=/dev/null"}, 1, {"is no regular file"}},
+      {{"serve", "--page", "a=" + folder.Path("sparse")}, 1, {"is longer than 256 MiB"}},
+      {{"serve", ""}, 2, {"empty name"}},
+      {{"serve", certificate}, 1, {"is a file; name a directory"}},
+      {{"serve", "--grace", "nan"}, 2, {"'nan' is no number from 0 to 86400"}},
+      {{"serve", "--php", "no-such-php"}, 1, {"no program 'no-such-php' on PATH"}},
+      {{"serve", "--php", certificate}, 1, {"is no program that can be run"}},
+      {{"serve", "--state", folder.Path("half")}, 1, {"half/localhost", "is incomplete"}},
+      {{"serve", "--state", folder.Path("broken")}, 1, {"broken/localhost", "remove that folder"}},
+      {{"serve", "--state", folder.Path("file")}, 1, {"file/localhost"}},
+      {{"serve", folder.Path("none"), "--state", folder.Path("state")}, 1, {"is not there"}},
+      {{"serve", "--certificate", certificate, "--listen", "http://a:0"}, 2, {"--private-key"}},
       {{"serve", "--certificate", certificate, "--private-key", folder.Path("none")},
        1,
-       {"none", "problem with SSL key pair"}},
+       {"none' is not there"}},
+      {{"serve", "--certificate", certificate, "--private-key", foreign, "--listen", "http://a:0"},
+       1,
+       {"foreign", "problem with SSL key pair"}},
       {{"serve", "--listen", "http://a:0", "--listen", "https://a:0", "--listen", "https://b:0",
         "--certificate", certificate, "--private-key", foreign},
        1,
@@ -269,6 +308,10 @@ TEST(Serve, SaysInOneLineWhatIsWrong) {
     EXPECT_TRUE(got.err.starts_with("velkoro: "));
     for (const char* text : c.says) EXPECT_NE(got.err.find(text), std::string::npos) << text;
   }
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.Path())) {
+    EXPECT_EQ(entry.path().string().find("localhost."), std::string::npos) << entry.path();
+  }
+  EXPECT_FALSE(std::filesystem::exists(folder.Path("state")));
   EXPECT_EQ(RunProgram({VELKORO_PROGRAM, "--version"}).out, "velkoro 1.28.1\n");
   const auto help = RunProgram({VELKORO_PROGRAM, "serve", "--help"});
   EXPECT_EQ(help.status, 0);

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "tests/support/captured.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/wait.h"
 
@@ -81,7 +82,7 @@ TEST_F(PipeExecTest, RunWithoutPipesIsReportedAndStillEnds) {
   EXPECT_EQ(Run(program, "input"), "");
   taken.clear();
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+  EXPECT_EQ(zrtest::CapturedOutput(),
             "ERROR StdoutRd CreatePipe\nERROR Stdout SetHandleInformation\n"
             "ERROR Stdin CreatePipe\nERROR Stdin SetHandleInformation\n");
   EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);

@@ -5,6 +5,8 @@
 #include <sstream>
 #include <string>
 
+#include "tests/support/captured.h"
+
 namespace {
 
 std::shared_ptr<ZrXHeader> Request(std::string_view contentType, std::string body,
@@ -94,7 +96,7 @@ TEST(FormBody, DecodesMultipart) {
     testing::internal::CaptureStderr();
     const auto request = Request("multipart/form-data; boundary=X", body);
     EXPECT_EQ(ParseFormBody(*request), ZrReadResult::kComplete);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.error);
+    EXPECT_EQ(zrtest::CapturedErrors(), c.error);
     EXPECT_EQ(Dump(*request), c.dump);
   }
 }
@@ -110,7 +112,7 @@ TEST(FormBody, ReportsOtherContentTypesAndIncompleteBodies) {
   testing::internal::CaptureStderr();
   const auto request = Request("text/plain", "a=1");
   EXPECT_EQ(ParseFormBody(*request), ZrReadResult::kComplete);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "content type not defined (text/plain)\n");
+  EXPECT_EQ(zrtest::CapturedErrors(), "content type not defined (text/plain)\n");
 
   const auto other = Request("application/x-www-form-urlencoded", "a=1");
   other->body->Append("&");

@@ -10,6 +10,7 @@
 #include "markup/reader_state.h"
 #include "markup/xml_nodes.h"
 #include "tests/markup/dump.h"
+#include "tests/support/captured.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ TEST(ReadTransaction, MisuseIsSaidAndChangesNothing) {
     EXPECT_EQ(input.Get(false), -1);
     input.GiveBack(4);
   }
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(zrtest::CapturedErrors(),
             "error! can't give more back than read---> will become an exception... 0 vs. 1\n"
             "reading EOF is an error! ---> will become an exception\n"
             "error! can't give more back than read---> will become an exception... 3 vs. 4\n");

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "platform/socket.h"
+#include "tests/support/captured.h"
 #include "tests/support/scripted_line.h"
 
 using namespace std::chrono_literals;
@@ -79,7 +80,7 @@ TEST_F(SocketTest, ReceiveTellsEndNothingAndFailureApart) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(client.receive(&byte, 1, count), ZrSocketResult::kSuccess);
   EXPECT_TRUE(count == 0 && client.wouldBlock() && !client.closed() && client.lastError() == 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(zrtest::CapturedErrors(), "");
 
   server.reset();
   EXPECT_EQ(Receive(client), "");
@@ -99,7 +100,7 @@ TEST_F(SocketTest, ReceiveTellsEndNothingAndFailureApart) {
   ZrSocketIPvx none;
   testing::internal::CaptureStderr();
   EXPECT_EQ(none.receive(&byte, 1, count), ZrSocketResult::kSuccess);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(zrtest::CapturedErrors(),
             "ZrSocketIPvx::Receive(): error in read (errno=9) Bad file descriptor\n");
   EXPECT_EQ(none.lastError(), EBADF);
 }

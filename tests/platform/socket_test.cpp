@@ -10,7 +10,6 @@
 
 #include <cerrno>
 
-#include "platform/output.h"
 #include "tests/support/temporary_folder.h"
 
 using namespace std::chrono_literals;
@@ -50,17 +49,6 @@ TEST(Socket, WritingToAGonePeerIsAResultAndNoSignal) {
   sigset_t mask;
   ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, nullptr, &mask), 0);
   EXPECT_EQ(::sigismember(&mask, SIGPIPE), 0) << "the thread's mask is put back";
-
-  // The same for a log that nobody reads any more.
-  const int saved = ::dup(STDOUT_FILENO);
-  int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);
-  ::close(ends[0]);
-  ::dup2(ends[1], STDOUT_FILENO);
-  ::close(ends[1]);
-  EXPECT_FALSE(zr::WriteOutputLine("lost"));
-  ::dup2(saved, STDOUT_FILENO);
-  ::close(saved);
 }
 
 TEST(Socket, UrgentReadinessWithoutUrgentDataIsNoFailure) {

@@ -13,6 +13,7 @@
 #include "platform/file.h"
 #include "platform/thread.h"
 #include "servers/server.h"
+#include "tests/support/captured.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/run.h"
 #include "tests/support/server_bed.h"
@@ -510,7 +511,7 @@ TEST(Servers, AMissingThreadFailsTheStartAndNotTheNextOne) {
   testing::internal::CaptureStderr();
   zr::FailThreadStart(1);
   EXPECT_THROW(bed.Open(zr::kProtocolHttp), std::exception);
-  testing::internal::GetCapturedStderr();
+  zrtest::CapturedErrors();
   RawClient client(bed.Open(zr::kProtocolHttp));
   client.Send(kGetA);
   EXPECT_EQ(client.ReadUntil("|"), Answer("/a|"));

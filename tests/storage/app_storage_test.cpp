@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "tests/markup/dump.h"
+#include "tests/support/captured.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -159,7 +160,7 @@ TEST_F(AppStorage, ExpandsMarkersFromCommandsProjectsAndMappings) {
   storage_.SetMapping("self", "[[self]]");
   testing::internal::CaptureStderr();
   EXPECT_EQ(expanded("", "[[self]]"), "[[self]]");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(zrtest::CapturedErrors(),
             "markers of a text call for more than 10000 replacements or 64 MiB; the rest of the "
             "text stays as it is\n");
 }
@@ -178,7 +179,7 @@ TEST_F(AppStorage, SaysWhereProjectsAreKeptAndThatNothingIsSaved) {
   testing::internal::CaptureStderr();
   storage_.SaveApplication("");
   storage_.SaveApplication("b");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(zrtest::CapturedErrors(),
             "writing: ./app.xml to disk is blocked!!\nwriting: ./b.xml to disk is blocked!!\n");
   EXPECT_FALSE(std::filesystem::exists("b.xml"));
 }

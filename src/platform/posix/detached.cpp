@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "platform/pipe.h"
 #include "platform/process.h"
 
 // A detached program is a grandchild: the child in between ends at once and is reaped here, so the
@@ -31,10 +32,8 @@ void ResetSignals() {
 [[noreturn]] void Become(char* const* words, int report) {
   ResetSignals();
   setsid();
-  // A host may have closed its standard streams, so that these descriptors carry their numbers.
-  report = fcntl(report, F_DUPFD_CLOEXEC, 3);
   const int null = open("/dev/null", O_RDWR);
-  if (report >= 0 && null >= 0) {
+  if (null >= 0) {
     dup2(null, 0);
     dup2(null, 1);
     dup2(null, 2);
@@ -61,19 +60,19 @@ bool StartDetachedProgram(std::string_view program, const std::vector<std::strin
     words.push_back(const_cast<char*>(word.c_str()));
   }
   words.push_back(nullptr);
-  int report[2];
-  if (pipe2(report, O_CLOEXEC) != 0) {
+  Pipe report;
+  if (MakePipe(report)) {
     return false;
   }
   const pid_t between = fork();
   if (between == 0) {
     const pid_t detached = fork();
     if (detached == 0) {
-      Become(words.data(), report[1]);
+      Become(words.data(), report.write.Get());
     }
     _exit(detached < 0 ? 1 : 0);
   }
-  close(report[1]);
+  report.write.Close();
   int status = 0;
   pid_t reaped = -1;
   while (between > 0 && (reaped = waitpid(between, &status, 0)) < 0 && errno == EINTR) {
@@ -83,9 +82,8 @@ bool StartDetachedProgram(std::string_view program, const std::vector<std::strin
       between > 0 && (reaped < 0 || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
   char failed = 0;
   ssize_t count = 0;
-  while ((count = read(report[0], &failed, 1)) < 0 && errno == EINTR) {
+  while ((count = read(report.read.Get(), &failed, 1)) < 0 && errno == EINTR) {
   }
-  close(report[0]);
   return forked && count == 0;
 }
 

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -54,6 +55,45 @@ ZrPathKind PathKind(const std::string& path) {
   }
   if (S_ISDIR(status.st_mode)) return ZrPathKind::kDirectory;
   return S_ISREG(status.st_mode) ? ZrPathKind::kRegular : ZrPathKind::kOther;
+}
+
+int CheckAccess(const std::string& path, ZrAccess access) {
+  int mode = R_OK;
+  if (access == ZrAccess::kWrite) mode = W_OK;
+  if (access == ZrAccess::kEnter) mode = X_OK;
+  return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
+}
+
+std::optional<std::string> ReadToEnd(const std::string& path, std::size_t limit, int& error) {
+  ZrDescriptor file;
+  if (path != "-") {
+    do {
+      file = ZrDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    } while (!file.IsOpen() && errno == EINTR);
+    if (!file.IsOpen()) {
+      error = errno;
+      return std::nullopt;
+    }
+  }
+  const int descriptor = path == "-" ? STDIN_FILENO : file.Get();
+  std::string bytes;
+  for (;;) {
+    constexpr std::size_t kPiece = 64 * 1024;
+    const std::size_t filled = bytes.size();
+    bytes.resize(filled + kPiece);
+    const ssize_t count = ::read(descriptor, bytes.data() + filled, kPiece);
+    bytes.resize(filled + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    if (count == 0) return bytes;
+    if (bytes.size() > limit) errno = EFBIG;
+    if (bytes.size() > limit || (count < 0 && errno != EINTR && errno != EAGAIN)) {
+      error = errno;
+      return std::nullopt;
+    }
+    if (count < 0 && errno == EAGAIN) {
+      pollfd entry{descriptor, POLLIN, 0};
+      ::poll(&entry, 1, -1);
+    }
+  }
 }
 
 std::optional<std::string> ReadWholeFile(const std::string& path, std::size_t limit, int* error) {
@@ -115,8 +155,11 @@ int MakeDirectories(const std::string& path, unsigned mode) {
 
 std::vector<std::string> DirectoryNames(const std::string& path) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), &::closedir);
+  ZrDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(
+      folder.IsOpen() ? ::fdopendir(folder.Get()) : nullptr, &::closedir);
   if (directory == nullptr) return names;
+  folder.Release();
   while (const dirent* entry = ::readdir(directory.get())) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.emplace_back(name);
@@ -130,14 +173,3 @@ int RemoveFile(const std::string& path) {
 }
 
 }  // namespace zr
-
-int ZrAppendFile::Open(const std::string& path) {
-  ZrDescriptor opened(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640));
-  if (!opened.IsOpen()) return errno;
-  file_ = std::move(opened);
-  return 0;
-}
-
-bool ZrAppendFile::Write(std::string_view bytes) const noexcept {
-  return WriteWhole(file_.Get(), bytes) == 0;
-}

@@ -23,19 +23,17 @@ void ZrDescriptor::Close() noexcept {
   errno = before;
 }
 
+int ZrDescriptor::MoveAboveStandard(int descriptor) noexcept {
+  const int moved = ::fcntl(descriptor, F_DUPFD_CLOEXEC, kLastStandard + 1);
+  const int reason = errno;
+  ::close(descriptor);
+  errno = reason;
+  return moved;
+}
+
 namespace {
 
 std::error_code LastError() { return {errno, std::generic_category()}; }
-
-// A child's 0 to 2 are filled one after the other; an end that sat on one of them (a host may have
-// closed its own) would be overwritten before its turn.
-bool MoveAboveStandard(ZrDescriptor& descriptor) {
-  if (descriptor.Get() > STDERR_FILENO) return true;
-  ZrDescriptor moved(::fcntl(descriptor.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-  if (!moved.IsOpen()) return false;
-  descriptor = std::move(moved);
-  return true;
-}
 
 // The time to the deadline in whole milliseconds, rounded up so that a wait never ends too early.
 int PollTimeout(std::optional<std::chrono::steady_clock::time_point> deadline) {
@@ -66,7 +64,7 @@ std::error_code MakePipe(Pipe& pipe) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return LastError();
   Pipe made{ZrDescriptor(ends[0]), ZrDescriptor(ends[1])};
-  if (!MoveAboveStandard(made.read) || !MoveAboveStandard(made.write)) return LastError();
+  if (!made.read.IsOpen() || !made.write.IsOpen()) return LastError();
   pipe = std::move(made);
   return {};
 }

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/descriptor.h"
+
 namespace zr {
 namespace {
 
@@ -31,15 +33,8 @@ bool WriteAll(int descriptor, std::string_view bytes) {
 }  // namespace
 
 void WritePrivateFile(const std::string& path, std::string_view bytes) {
-  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (descriptor < 0) {
-    Fail(path);
-  }
-  const bool written = WriteAll(descriptor, bytes);
-  const int failure = errno;
-  close(descriptor);
-  if (!written) {
-    errno = failure;
+  const ZrDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!file.IsOpen() || !WriteAll(file.Get(), bytes)) {
     Fail(path);
   }
 }

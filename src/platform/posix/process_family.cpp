@@ -37,8 +37,11 @@ std::string ReadStatus(const std::string& path) {
 /// Calls `visit` with every entry of the directory that is a number.
 template <class Visit>
 void ForEachNumber(const std::string& directory, Visit visit) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> opened(::opendir(directory.c_str()), &::closedir);
+  ZrDescriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, int (*)(DIR*)> opened(
+      folder.IsOpen() ? ::fdopendir(folder.Get()) : nullptr, &::closedir);
   if (opened == nullptr) return;
+  folder.Release();
   while (const dirent* entry = ::readdir(opened.get())) {
     const std::string_view name = entry->d_name;
     int number = 0;

@@ -122,11 +122,16 @@ ZrAccepted AcceptPeer(int listener) {
     }
     return result;
   }
-  result.status = ZrAcceptStatus::kAccepted;
   result.socket = ZrDescriptor(socket);
+  if (!result.socket.IsOpen()) {
+    result.error = errno;
+    result.status = ZrAcceptStatus::kExhausted;
+    return result;
+  }
+  result.status = ZrAcceptStatus::kAccepted;
   result.peer = FromNative(&address, length, address.ss_family);
   // Answers are written whole; waiting to fill a segment would only delay them.
-  SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+  SetOption(result.socket.Get(), IPPROTO_TCP, TCP_NODELAY, 1);
   return result;
 }
 

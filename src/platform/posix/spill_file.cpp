@@ -13,9 +13,6 @@
 
 namespace {
 
-// Not one of the three that belong to the standard streams, which a host may have closed.
-constexpr int kFirstDescriptor = 3;
-
 int OpenNameless(const std::string& folder) {
   const int nameless = ::open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
   if (nameless >= 0) return nameless;
@@ -33,9 +30,6 @@ std::unique_ptr<ZrSpillFile> ZrSpillFile::Create() {
   ZrDescriptor file;
   if (wanted != nullptr && *wanted == '/') file = ZrDescriptor(OpenNameless(wanted));
   if (!file.IsOpen()) file = ZrDescriptor(OpenNameless("/tmp"));
-  if (file.IsOpen() && file.Get() < kFirstDescriptor) {
-    file = ZrDescriptor(::fcntl(file.Get(), F_DUPFD_CLOEXEC, kFirstDescriptor));
-  }
   if (!file.IsOpen()) return nullptr;
   return std::unique_ptr<ZrSpillFile>(new ZrSpillFile(std::move(file)));
 }
