@@ -100,8 +100,9 @@ int ReplaceFile(const std::string& path, std::string_view bytes, unsigned mode) 
 }
 
 int RewriteFile(const std::string& path, std::string_view bytes, unsigned mode) {
-  const std::unique_ptr<char, void (*)(void*)> target(::realpath(path.c_str(), nullptr), &std::free);
-  struct stat status{};
+  const std::unique_ptr<char, void (*)(void*)> target(::realpath(path.c_str(), nullptr),
+                                                      &std::free);
+  struct stat status {};
   if (target != nullptr && ::stat(target.get(), &status) == 0) mode = status.st_mode & 07777u;
   return ReplaceFile(target != nullptr ? target.get() : path, bytes, mode);
 }
