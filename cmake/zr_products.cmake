@@ -35,7 +35,8 @@ add_library(velkoro::core ALIAS velkoro-core)
 install(TARGETS velkoro velkoro-core EXPORT velkoro-targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES include/velkoro/host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velkoro)
+install(DIRECTORY include/velkoro DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velkoro/core
         FILES_MATCHING PATTERN "*.h" PATTERN "cli" EXCLUDE PATTERN "posix" EXCLUDE)
 

@@ -1,34 +1,23 @@
-// Builds a page from element classes and prints it.
+// Builds a page and prints it.
+
+#include <velkoro/documents.h>
 
 #include <iostream>
-#include <memory>
-
-#include "html/form_elements.h"
-#include "html/html_document.h"
-#include "html/html_elements.h"
-#include "html/html_text.h"
-#include "html/plain_elements.h"
 
 int main() {
-  ZrHTML_Document2 page;
-  page.AddToHead(std::make_unique<ZrHTML_title2>("Lamps"));
+  velkoro::Document page("html", velkoro::DocumentKind::kHtml);
+  page.Root().Add("head").Add("title").SetText("Lamps & more");
 
-  auto list = std::make_unique<ZrHTML_ul2>();
-  list->id.SetFromString("lamps");
+  velkoro::Element body = page.Root().Add("body");
+  velkoro::Element list = body.Add("ul");
+  list.Set("id", "lamps");
   for (const char* colour : {"red", "green"}) {
-    ZrHTML_li2* const item = list->Adopt(std::make_unique<ZrHTML_li2>());
-    item->style.Property("color")->SetPropertyValue(colour);
-    item->Adopt(std::make_unique<ZrHTML_text2>(colour));
+    velkoro::Element item = list.Add("li");
+    item.Set("class", colour);
+    item.SetText(colour);
   }
-  page.AddToBody(std::move(list));
-
-  auto form = std::make_unique<ZrHTML_form2>("/switch", "POST");
-  form->AppendText("Lamp:");
-  ZrHTML_input2* const name = form->Adopt(std::make_unique<ZrHTML_input2>());
-  name->type.SetFromText("text");
-  name->name.SetFromText("lamp");
-  page.AddToBody(std::move(form));
-
+  body.Add(velkoro::Part::Markup("<form action='/switch'>Lamp: <input name=lamp></form>",
+                                 velkoro::DocumentKind::kHtml));
+  page.Indent();
   page.Write(std::cout);
-  std::cout << '\n';
 }

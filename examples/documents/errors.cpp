@@ -1,27 +1,26 @@
-// What malformed input and refused children look like.
+// What malformed input and wrong use look like.
+
+#include <velkoro/documents.h>
 
 #include <iostream>
-#include <memory>
-#include <sstream>
-#include <string>
-
-#include "base/exception.h"
-#include "html/html_dtd.h"
-#include "html/html_text.h"
-#include "html/plain_elements.h"
-#include "markup/parse.h"
 
 int main() {
-  std::istringstream input("<p>\n  <b>bold</p>");
-  std::string error;
-  if (zr::ParseStream(input, "html", error, zr::HtmlDocumentKinds()) == nullptr) {
-    std::cout << error << '\n';
+  try {
+    velkoro::Document::ReadText("<house>\n  <room>hall</house>\n", velkoro::DocumentKind::kXml,
+                                "house.xml");
+  } catch (const velkoro::DocumentError& e) {
+    std::cout << e.what() << " (line " << e.Line() << ")\n";
   }
 
-  ZrHTML_br2 lineBreak;
+  velkoro::Document house("house");
   try {
-    lineBreak.Adopt(std::make_unique<ZrHTML_text2>("no place for a text"));
-  } catch (const ZrException& e) {
+    house.Root().First("cellar").Set("dry", "no");
+  } catch (const velkoro::DocumentError& e) {
+    std::cout << e.what() << '\n';
+  }
+  try {
+    house.Root().InsertAfter(velkoro::Part::Element("garden"));
+  } catch (const velkoro::DocumentError& e) {
     std::cout << e.what() << '\n';
   }
 }

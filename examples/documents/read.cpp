@@ -1,42 +1,32 @@
 // Reads an XML document, looks elements up, changes it and writes it back.
 
-#include <iostream>
-#include <memory>
-#include <sstream>
-#include <string>
+#include <velkoro/documents.h>
 
-#include "markup/parse.h"
+#include <iostream>
 
 int main() {
-  std::istringstream input(
+  velkoro::Document house = velkoro::Document::ReadText(
       "<?xml version=\"1.0\"?>\n"
       "<house>\n"
       "  <room name=\"hall\"><lamp watt=\"40\"/></room>\n"
       "  <room name=\"attic\"><lamp watt=\"25\"/><lamp watt=\"60\"/></room>\n"
-      "</house>\n");
+      "</house>\n"
+      "<!-- measured in May -->\n");
 
-  std::string error;
-  const std::unique_ptr<ZrXMLComplexElement> root = zr::ParseStream(input, "xml", error);
-  auto* const house = dynamic_cast<ZrXMLGenericElement*>(root.get());
-  if (house == nullptr) {
-    std::cerr << "house.xml: " << error << '\n';
-    return 1;
+  for (const velkoro::Element& lamp : house.Query("house/room[name=attic]/lamp")) {
+    std::cout << lamp.Attribute("watt", "?") << " W\n";
   }
+  std::cout << house.Query("//lamp").size() << " lamps\n";
 
-  // Steps of a path name the current element or its children; a condition picks by attribute.
-  const std::unique_ptr<ZrXMLElementList> found = house->Query("house.room[name=\"attic\"].lamp");
-  for (const ZrXMLGenericElement* lamp : *found) {
-    std::cout << lamp->AttributeValue("watt", "?") << " W\n";
-  }
+  velkoro::Element hall = house.QueryFirst("//room[name=hall]");
+  hall.Set("floor", "0");
+  hall.Add("note").SetText("lamps < 60 W only");
 
-  ZrXMLElementList lamps;
-  house->FindWithAttribute(lamps, "watt");
-  std::cout << lamps.size() << " lamps\n";
+  // A node that is taken out is a Part, which can be put somewhere else.
+  velkoro::Part strong = house.QueryFirst("//lamp[watt=60]").Remove();
+  strong.GetElement().Unset("watt");
+  hall.First("lamp").InsertBefore(std::move(strong));
 
-  ZrXMLGenericElement* const hall = house->FirstWithAttributeValue("name", "hall");
-  hall->SetAttribute("floor", "0");
-  hall->Adopt(std::make_unique<ZrXMLGenericElement>("door", true));
-  house->DeleteChildByAttribute("name", "attic");
-  house->Write(std::cout);
-  std::cout << '\n';
+  house.Indent();
+  house.Write(std::cout);
 }

@@ -17,7 +17,8 @@ class ByteSet {
     return *this;
   }
   constexpr ByteSet& AddRange(char first, char last) {
-    for (auto c = static_cast<unsigned char>(first); c <= static_cast<unsigned char>(last); ++c) {
+    for (unsigned c = static_cast<unsigned char>(first); c <= static_cast<unsigned char>(last);
+         ++c) {
       has_[c] = true;
     }
     return *this;
@@ -43,6 +44,10 @@ inline constexpr ByteSet kWhitespace(" \t\n\r");
 inline constexpr ByteSet kNameStart = ByteSet("_").AddRange('a', 'z').AddRange('A', 'Z');
 inline constexpr ByteSet kNameBytes =
     ByteSet("_-").AddRange('a', 'z').AddRange('A', 'Z').AddRange('0', '9');
+/// As XML has them: also ":", "." and every byte that is not ASCII.
+inline constexpr ByteSet kXmlNameStart =
+    ByteSet(kNameStart).Add(":").AddRange(static_cast<char>(0x80), static_cast<char>(0xff));
+inline constexpr ByteSet kXmlNameBytes = ByteSet(kXmlNameStart).Add("-.").AddRange('0', '9');
 inline constexpr ByteSet kAnyByte = ByteSet().Inverted();
 
 }  // namespace zr

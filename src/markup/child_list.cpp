@@ -16,7 +16,7 @@ void ZrChildList::MoveTo(Graveyard& graveyard) noexcept {
   graveyard.top_ = first_;
   first_ = last_ = nullptr;
   size_ = 0;
-  ++stamp_;
+  stamp_ += kChange;
 }
 
 void ZrChildList::DestroyAll() noexcept {

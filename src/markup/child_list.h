@@ -70,10 +70,12 @@ class ZrChildList {
   bool Holds(const ZrXMLComplexElement* child) const;
 
   /// Differs after each change of the sequence.
-  std::uint32_t Stamp() const { return stamp_; }
+  std::uint32_t Stamp() const { return stamp_ & ~kClearedBits; }
   /// While a child is being destroyed its slot counts as cleared: a search then fails.
-  bool HasClearedSlots() const { return cleared_ != 0; }
-  void CountCleared(bool begins) { cleared_ = (cleared_ + (begins ? 1u : 0xffu)) & 0xffu; }
+  bool HasClearedSlots() const { return (stamp_ & kClearedBits) != 0; }
+  void CountCleared(bool begins) {
+    stamp_ = Stamp() | ((stamp_ + (begins ? 1u : kClearedBits)) & kClearedBits);
+  }
 
   /// Destroys every element below this list in document order, an element always before its
   /// children, without recursion whatever the depth. Allocates nothing.
@@ -84,7 +86,9 @@ class ZrChildList {
  private:
   ZrXMLComplexElement* first_ = nullptr;
   ZrXMLComplexElement* last_ = nullptr;
+  static constexpr std::uint32_t kClearedBits = 0xff;
+  static constexpr std::uint32_t kChange = 0x100;
+
   std::uint32_t size_ = 0;
-  std::uint32_t stamp_ : 24 = 0;
-  std::uint32_t cleared_ : 8 = 0;
+  std::uint32_t stamp_ = 0;  // counts changes, below that the slots that are cleared
 };

@@ -81,13 +81,10 @@ void ZrXMLComplexElement::Write(std::ostream& stream) const {
   WriteEnd(stream, false);
 }
 
-void ZrXMLComplexElement::RequireFree(const ZrXMLComplexElement& node) const {
+void ZrXMLComplexElement::RequireFreeSlow(const ZrXMLComplexElement& node) const {
   if (node.Parent() != nullptr) throw ZrException("the node has a parent", 640, "src");
-  // Only what has children can be above this element.
   const ZrXMLComplexElement* above = this;
-  if (!node.Children().empty()) {
-    while (above->Parent() != nullptr) above = above->Parent();
-  }
+  while (above != &node && above->Parent() != nullptr) above = above->Parent();
   if (above == &node) throw ZrException("a node can't be put below itself", 641, "src");
 }
 

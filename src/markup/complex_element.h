@@ -194,7 +194,12 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   /// The stored value, as Value("") of this class answers it.
   const std::string& StoredValue() const { return Extras().value(); }
   /// Throws when the node may not be put below this element, see the head of this file.
-  void RequireFree(const ZrXMLComplexElement& node) const;
+  void RequireFree(const ZrXMLComplexElement& node) const {
+    // Only what has children can be above this element.
+    if (node.link_.parent != nullptr || &node == this || !node.Children().empty()) [[unlikely]] {
+      RequireFreeSlow(node);
+    }
+  }
   /// Puts newChild in the place of oldChild, calls ChildAdded() for it and destroys oldChild, also
   /// when ChildAdded() throws. ChildRemoved() was called at the stamp of the list; false, and
   /// nothing happens, when that took oldChild away.
@@ -261,6 +266,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     child->link_.parent = nullptr;
   }
   bool WriteStart(std::ostream& stream) const;
+  [[gnu::cold]] void RequireFreeSlow(const ZrXMLComplexElement& node) const;
   bool IsGeneric() const { return (flags_ & kGeneric) != 0; }
   void SetFlag(unsigned flag, bool on) { flags_ = on ? flags_ | flag : flags_ & ~flag; }
   ZrXMLComplexElement* ContentChild(bool skipText, int index);
@@ -291,14 +297,14 @@ inline void ZrChildList::Insert(ZrXMLComplexElement* before, ZrXMLComplexElement
   (previous != nullptr ? previous->next_ : first_) = child;
   (before != nullptr ? before->previous_ : last_) = child;
   ++size_;
-  ++stamp_;
+  stamp_ += kChange;
 }
 inline void ZrChildList::Erase(ZrXMLComplexElement* child) {
   (child->previous_ != nullptr ? child->previous_->next_ : first_) = child->next_;
   (child->next_ != nullptr ? child->next_->previous_ : last_) = child->previous_;
   child->next_ = child->previous_ = nullptr;
   --size_;
-  ++stamp_;
+  stamp_ += kChange;
 }
 inline void ZrChildList::Exchange(ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild) {
   Insert(oldChild, newChild);

@@ -65,6 +65,8 @@ class ZrDTDElementReader {
   std::uint64_t Line() const { return line_; }
   /// Whether bytes wait that the source has delivered already.
   bool HasUnread() const { return window_.Unread() != 0; }
+  /// How many of them.
+  std::size_t UnreadSize() const { return window_.Unread(); }
   /// The next byte, which stays unread; -1 at the end.
   int PeekUnread() { return HasUnread() || More() ? window_.At(0) : -1; }
 

@@ -69,8 +69,9 @@ void Builder::Use(ZrDTD::State& state) {
       judged_ = splitter_.current;
       currentIsVoid_ = !dtd_->VoidNames().empty() && dtd_->VoidNames().count(judged_->Name()) != 0;
     }
-    if (state.prototype->IsClosing() || currentIsVoid_) {
-      CloseCurrent(*state.prototype);
+    const ZrDTDElementRead& token = *state.prototype;
+    if (currentIsVoid_ || (!token.IsPlain() && token.IsClosing())) {
+      CloseCurrent(token);
     } else {
       Build(state);
     }
@@ -108,7 +109,7 @@ void Builder::Build(ZrDTD::State& state) {
   if (node == nullptr) {
     throw ZrException("problem in DTD with '" + token.Name() + "'", 1041, "src");
   }
-  if (token.CarriesAttributes()) {
+  if (!token.IsPlain() && token.CarriesAttributes()) {
     if (ZrXMLGenericElement* const element = node->AsGeneric()) {
       element->ReserveAttributes(reader_.Attributes().size());
       for (const auto& record : reader_.Attributes()) {

@@ -92,7 +92,7 @@ std::optional<std::string_view> ReadTransaction::TakeThrough(std::string_view de
     if (More()) continue;
     window().NoteFutile(delimiter, start);
     next_ = furthest_ = end_;
-    uncounted_ = true;
+    lineFeeds_ = window().LineFeeds(Offset(end_));  // counts what earlier attempts did not
     return std::nullopt;
   }
 }

@@ -7,6 +7,9 @@
 #include "markup/byte_set.h"
 #include "markup/element_reader.h"
 
+// Tokens are a few bytes long: what is taken is taken in place.
+#define ZR_INLINE [[gnu::always_inline]] inline
+
 /// One attempt of a reader state: a cursor over the reader's unread bytes. What it takes stays in
 /// the reader until the transaction ends: the bytes before the cursor are then consumed, the others
 /// are unread again. A state that fails calls Undo(). One transaction at a time; the texts it
@@ -16,16 +19,16 @@
 /// has delivered does it ask for more, and the window may move.
 class ReadTransaction {
  public:
-  explicit ReadTransaction(ZrDTDElementReader& reader) : reader_(reader) { Rebase(0, 0); }
+  ZR_INLINE explicit ReadTransaction(ZrDTDElementReader& reader) : reader_(reader) { Rebase(0, 0); }
   ReadTransaction(const ReadTransaction&) = delete;
   ReadTransaction& operator=(const ReadTransaction&) = delete;
-  ~ReadTransaction() {
-    reader_.line_ += uncounted_ ? window().LineFeeds(Offset(furthest_)) : lineFeeds_;
+  ZR_INLINE ~ReadTransaction() {
+    reader_.line_ += lineFeeds_;
     window().Consume(Offset(next_));
   }
 
   /// The next byte (0 to 255), -1 at the end.
-  int Peek() { return next_ != end_ || More() ? static_cast<unsigned char>(*next_) : -1; }
+  ZR_INLINE int Peek() { return next_ != end_ || More() ? static_cast<unsigned char>(*next_) : -1; }
   /// Takes the next byte; at the end answers -1, with a line on standard error unless endAllowed,
   /// and takes a byte of that value all the same.
   int Get(bool endAllowed);
@@ -36,13 +39,13 @@ class ReadTransaction {
   void Undo() { next_ = first_; }
 
   /// Takes the next byte when it is this one, which is no line feed.
-  bool TakeIf(char byte) {
+  ZR_INLINE bool TakeIf(char byte) {
     if (Peek() != static_cast<unsigned char>(byte)) return false;
     AdvanceTo(next_ + 1);
     return true;
   }
   /// Takes the next byte when it is one of the set, which holds no line feed.
-  bool TakeOneOf(const zr::ByteSet& set) {
+  ZR_INLINE bool TakeOneOf(const zr::ByteSet& set) {
     if (!set.Has(Peek())) return false;
     AdvanceTo(next_ + 1);
     return true;
@@ -56,7 +59,7 @@ class ReadTransaction {
     return true;
   }
   /// Takes the longest run of bytes of the set, which holds no line feed.
-  std::string_view TakeRun(const zr::ByteSet& set) {
+  ZR_INLINE std::string_view TakeRun(const zr::ByteSet& set) {
     const std::size_t start = Offset(next_);
     do {
       const char* p = next_;
@@ -66,7 +69,7 @@ class ReadTransaction {
     return From(start);
   }
   /// Takes the longest run of whitespace.
-  std::string_view TakeWhitespace() {
+  ZR_INLINE std::string_view TakeWhitespace() {
     if (next_ != furthest_) return TakeLines(zr::kWhitespace);
     const std::size_t start = Offset(next_);
     do {
@@ -85,7 +88,7 @@ class ReadTransaction {
   /// again by the next attempt. The delimiter is a literal.
   std::optional<std::string_view> TakeThrough(std::string_view delimiter);
   /// The same for a quote that is probably near.
-  std::optional<std::string_view> TakeQuoted(char quote) {
+  ZR_INLINE std::optional<std::string_view> TakeQuoted(char quote) {
     const char* const start = next_;
     const char* const near = end_ - start > 64 ? start + 64 : end_;
     std::uint64_t lineFeeds = 0;
@@ -114,7 +117,7 @@ class ReadTransaction {
     furthest_ = first_ + furthest;
   }
   // Asks the source for more; false at its end.
-  bool More();
+  [[gnu::noinline, gnu::cold]] bool More();
   // Over bytes that hold no line feed, or whose line feeds are counted.
   void AdvanceTo(const char* place) {
     next_ = place;
@@ -129,5 +132,6 @@ class ReadTransaction {
   const char* end_;
   const char* furthest_;         // that was taken
   std::uint64_t lineFeeds_ = 0;  // among the bytes taken
-  bool uncounted_ = false;       // all of them are still to be counted, lineFeeds_ is void
 };
+
+#undef ZR_INLINE

@@ -29,6 +29,7 @@ char* ZrReadWindow::MakeRoom() {
     } else {
       std::memmove(buffer_.get(), data(), unread);
     }
+    offset_ += begin_;
     begin_ = 0;
     end_ = unread;
   }
@@ -37,8 +38,8 @@ char* ZrReadWindow::MakeRoom() {
 
 void ZrReadWindow::NoteFutile(std::string_view delimiter, std::size_t position) {
   // A delimiter may lie across the end of the window: its last bytes are searched again.
-  const std::uint64_t from = consumed_ + position;
-  const std::uint64_t to = std::max(from, consumed_ + Unread() - (delimiter.size() - 1));
+  const std::uint64_t from = Consumed() + position;
+  const std::uint64_t to = std::max(from, Consumed() + Unread() - (delimiter.size() - 1));
   for (Futile& f : futile_) {
     if (f.delimiter != delimiter) continue;
     f.from = from;
@@ -49,10 +50,10 @@ void ZrReadWindow::NoteFutile(std::string_view delimiter, std::size_t position) 
 }
 
 std::size_t ZrReadWindow::KnownFreeSlow(std::string_view delimiter, std::size_t position) const {
-  const std::uint64_t offset = consumed_ + position;
+  const std::uint64_t offset = Consumed() + position;
   for (const Futile& f : futile_) {
     if (f.delimiter == delimiter && f.from <= offset && offset < f.to) {
-      return static_cast<std::size_t>(f.to - consumed_);
+      return static_cast<std::size_t>(f.to - Consumed());
     }
   }
   return position;
@@ -61,15 +62,15 @@ std::size_t ZrReadWindow::KnownFreeSlow(std::string_view delimiter, std::size_t 
 std::uint64_t ZrReadWindow::LineFeeds(std::size_t count) {
   const std::string_view unread(data(), Unread());
   if (count < unread.size()) return zr::CountLineFeeds(unread.substr(0, count));
-  const std::uint64_t end = consumed_ + unread.size();
-  const bool known = countedTo_ > consumed_;
-  const auto first = known ? static_cast<std::size_t>(countedTo_ - consumed_) : 0;
-  counted_ = (known ? counted_ : 0) + zr::CountLineFeeds(unread.substr(first));
-  countedTo_ = end;
+  const auto first = counting_ ? static_cast<std::size_t>(countedTo_ - Consumed()) : 0;
+  counted_ = (counting_ ? counted_ : 0) + zr::CountLineFeeds(unread.substr(first));
+  countedTo_ = Consumed() + unread.size();
+  counting_ = true;
   return counted_;
 }
 
 void ZrReadWindow::Uncount(std::size_t count) {
-  const std::uint64_t covered = std::min<std::uint64_t>(count, countedTo_ - consumed_);
+  const std::uint64_t covered = std::min<std::uint64_t>(count, countedTo_ - Consumed());
   counted_ -= zr::CountLineFeeds(std::string_view(data(), static_cast<std::size_t>(covered)));
+  counting_ = countedTo_ > Consumed() + count;
 }

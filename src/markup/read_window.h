@@ -29,9 +29,9 @@ class ZrReadWindow {
   std::size_t Room() const { return capacity_ - end_; }
   void Filled(std::size_t count) { end_ += count; }
   void Consume(std::size_t count) {
-    if (countedTo_ > consumed_) Uncount(count);
+    if (counting_) [[unlikely]]
+      Uncount(count);
     begin_ += count;
-    consumed_ += count;
   }
 
   /// A search for delimiter reached the end of the window from this position in vain. The next one
@@ -55,18 +55,21 @@ class ZrReadWindow {
   };
   static constexpr std::size_t kBlock = std::size_t{32} * 1024;
 
-  void Uncount(std::size_t count);
+  [[gnu::cold]] void Uncount(std::size_t count);
   std::size_t KnownFreeSlow(std::string_view delimiter, std::size_t position) const;
 
   std::unique_ptr<char[]> buffer_;
   std::size_t capacity_ = 0;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
-  std::uint64_t consumed_ = 0;  // stream offset of the first unread byte
+  std::uint64_t offset_ = 0;    // in the stream, of the buffer's first byte
   std::vector<Futile> futile_;  // one entry a delimiter
 
-  // The line feeds between the first unread byte and the stream offset countedTo_; void when that
-  // lies behind.
+  // The stream offset of the first unread byte.
+  std::uint64_t Consumed() const { return offset_ + begin_; }
+
+  // While counting_: the line feeds between the first unread byte and the stream offset countedTo_.
+  bool counting_ = false;
   std::uint64_t countedTo_ = 0;
   std::uint64_t counted_ = 0;
 };

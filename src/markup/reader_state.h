@@ -24,6 +24,8 @@ class ZrDTDElementRead {
     /// It empties itself with Begin() at the start of Read(). Of any other state the parser takes a
     /// fresh Clone() after each token.
     bool reusable = false;
+    /// Its tokens neither close an element nor carry attributes: the parser does not ask.
+    bool plain = false;
   };
 
   ZrDTDElementRead(std::string name, const Traits& traits)
@@ -58,6 +60,7 @@ class ZrDTDElementRead {
   const zr::ByteSet& FirstBytes() const { return traits_.first; }
   const zr::ByteSet& SecondBytes() const { return traits_.second; }
   bool Reusable() const { return traits_.reusable; }
+  bool IsPlain() const { return traits_.plain; }
 
  protected:
   /// Forgets the token read last.

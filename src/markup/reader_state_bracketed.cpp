@@ -20,8 +20,10 @@ bool ReadBracketed(ReadTransaction& input, std::string_view opening, std::string
 }  // namespace
 
 ZrDTDElementRead_Comment::ZrDTDElementRead_Comment()
-    : ZrDTDElementRead("xmlcomment",
-                       {.first = zr::ByteSet("<"), .second = zr::ByteSet("!"), .reusable = true}) {}
+    : ZrDTDElementRead("xmlcomment", {.first = zr::ByteSet("<"),
+                                      .second = zr::ByteSet("!"),
+                                      .reusable = true,
+                                      .plain = true}) {}
 
 std::unique_ptr<ZrDTDElementRead> ZrDTDElementRead_Comment::Clone() const {
   return std::make_unique<ZrDTDElementRead_Comment>();
@@ -34,8 +36,10 @@ ZrDTDElementRead* ZrDTDElementRead_Comment::Read(ZrDTDElementReader& reader) {
 }
 
 ZrDTDElementRead_ProcInst::ZrDTDElementRead_ProcInst()
-    : ZrDTDElementRead("xmlprocinst",
-                       {.first = zr::ByteSet("<"), .second = zr::ByteSet("?"), .reusable = true}) {}
+    : ZrDTDElementRead("xmlprocinst", {.first = zr::ByteSet("<"),
+                                       .second = zr::ByteSet("?"),
+                                       .reusable = true,
+                                       .plain = true}) {}
 
 std::unique_ptr<ZrDTDElementRead> ZrDTDElementRead_ProcInst::Clone() const {
   return std::make_unique<ZrDTDElementRead_ProcInst>();
@@ -48,8 +52,10 @@ ZrDTDElementRead* ZrDTDElementRead_ProcInst::Read(ZrDTDElementReader& reader) {
 }
 
 ZrDTDElementRead_Doctype::ZrDTDElementRead_Doctype()
-    : ZrDTDElementRead("htmldoctype",
-                       {.first = zr::ByteSet("<"), .second = zr::ByteSet("!"), .reusable = true}) {}
+    : ZrDTDElementRead("htmldoctype", {.first = zr::ByteSet("<"),
+                                       .second = zr::ByteSet("!"),
+                                       .reusable = true,
+                                       .plain = true}) {}
 
 std::unique_ptr<ZrDTDElementRead> ZrDTDElementRead_Doctype::Clone() const {
   return std::make_unique<ZrDTDElementRead_Doctype>();

@@ -19,11 +19,25 @@ class ZrDTDElementRead_Element : public ZrDTDElementRead {
   bool CarriesAttributes() const override { return true; }
   bool ClosesElement(std::string_view name) const override;
 
+ protected:
+  /// What may stand in a tag.
+  enum class Grammar {
+    kPlain,  // names of letters, digits, "_" and "-"; no blanks around "=" and in end tags
+    kXml,    // also ":", "." and bytes above 127 in names, and those blanks
+    kPage,   // also values without quotes
+  };
+  ZrDTDElementRead_Element(std::string name, Grammar grammar);
+
  private:
   enum class Outcome { kNone, kTag, kIncomplete };
 
+  template <Grammar grammar>
+  bool ReadAttribute(ReadTransaction& input, ZrDTDElementReader& reader);
+  template <Grammar grammar>
   Outcome ReadTag(ReadTransaction& input, ZrDTDElementReader& reader);
+  template <Grammar grammar>
   bool ReadRest(ReadTransaction& input, ZrDTDElementReader& reader);
 
+  const Grammar grammar_;
   std::size_t nameLength_ = 0;  // with the slash of an end tag
 };

@@ -9,8 +9,9 @@ constexpr zr::ByteSet kTextBytes = zr::ByteSet("< \t\n\r").Inverted();
 }  // namespace
 
 ZrDTDElementRead_Text::ZrDTDElementRead_Text()
-    : ZrDTDElementRead("xmltext", {.first = kTextBytes, .second = zr::kAnyByte, .reusable = true}) {
-}
+    : ZrDTDElementRead(
+          "xmltext",
+          {.first = kTextBytes, .second = zr::kAnyByte, .reusable = true, .plain = true}) {}
 
 std::unique_ptr<ZrDTDElementRead> ZrDTDElementRead_Text::Clone() const {
   return std::make_unique<ZrDTDElementRead_Text>();
@@ -24,8 +25,9 @@ ZrDTDElementRead* ZrDTDElementRead_Text::Read(ZrDTDElementReader& reader) {
 }
 
 ZrDTDElementRead_WhitespaceText::ZrDTDElementRead_WhitespaceText(std::string name)
-    : ZrDTDElementRead(std::move(name),
-                       {.first = zr::kWhitespace, .second = zr::kAnyByte, .reusable = true}) {}
+    : ZrDTDElementRead(
+          std::move(name),
+          {.first = zr::kWhitespace, .second = zr::kAnyByte, .reusable = true, .plain = true}) {}
 
 std::unique_ptr<ZrDTDElementRead> ZrDTDElementRead_WhitespaceText::Clone() const {
   return std::make_unique<ZrDTDElementRead_WhitespaceText>();

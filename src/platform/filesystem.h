@@ -35,6 +35,9 @@ std::optional<std::string> ReadWholeFile(const std::string& path, std::size_t li
 /// the machine stops in between. `mode` is the file's permission, whatever the umask says.
 /// Returns 0 or the system's error number; on an error the old file is untouched.
 [[nodiscard]] int ReplaceFile(const std::string& path, std::string_view bytes, unsigned mode);
+/// The same for a file that belongs to a user: a link to it stays one, and a file that is there
+/// keeps its permission; `mode` is for a new one.
+[[nodiscard]] int RewriteFile(const std::string& path, std::string_view bytes, unsigned mode);
 /// Makes a directory and those above it that are missing, with that permission. Returns 0, also
 /// when it was there, or the system's error number.
 [[nodiscard]] int MakeDirectories(const std::string& path, unsigned mode);

@@ -61,8 +61,11 @@ TEST_F(Install, TheProgramAndTheStaticLibraryAreInPlace) {
   EXPECT_EQ(RunProgram({folder_.Path("usr/bin/velkoro"), "--version"}).out, "velkoro 1.28.1\n");
   folder_.Write("core/main.cpp",
                 "#include \"host/application.h\"\n"
-                "#include \"velkoro/host.h\"\n"
+                "#include \"velkoro/documents.h\"\n#include \"velkoro/host.h\"\n"
+                "#include \"velkoro/store.h\"\n"
                 "int main() { ZrQuarnApplication2 application(nullptr, {}, {});\n"
+                "  if (velkoro::Document(\"a\").Root().Name() != velkoro::Escape(\"a\") ||\n"
+                "      velkoro::Store(\"none.xml\").Get(\"a\", 1) != 1) return 1;\n"
                 "  return application.newId().starts_with(\"id*\") ? ServerPort(nullptr) : 1; }\n");
   folder_.Write("core/CMakeLists.txt",
                 "cmake_minimum_required(VERSION 3.25)\nproject(core LANGUAGES CXX)\n"

@@ -139,6 +139,14 @@ int ReplaceFile(const std::string& path, std::string_view bytes, unsigned mode) 
   return 0;
 }
 
+int RewriteFile(const std::string& path, std::string_view bytes, unsigned mode) {
+  const std::unique_ptr<char, void (*)(void*)> target(::realpath(path.c_str(), nullptr),
+                                                      &std::free);
+  struct stat status {};
+  if (target != nullptr && ::stat(target.get(), &status) == 0) mode = status.st_mode & 07777u;
+  return ReplaceFile(target != nullptr ? target.get() : path, bytes, mode);
+}
+
 int MakeDirectories(const std::string& path, unsigned mode) {
   if (path.empty()) return ENOENT;
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
