@@ -52,6 +52,7 @@ class Peer {
     auto asking = std::async(std::launch::async, [&] { bed_.client->SendMessage(head, true); });
     std::string wrong;
     int connections = 0;
+    int looks = 0;
     const bool ended = WaitFor(
         [&] {
           if (wrong.empty() && !Outcome() && connections < 5) {
@@ -62,6 +63,8 @@ class Peer {
                   std::make_unique<Line>(std::move(accepted.socket), cell_.wire)));
             }
           }
+          // A connection that was ended in order lingers for two seconds.
+          if (++looks == 100) bed_.Pass(seconds(3));
           return Outcome().has_value();
         },
         seconds(5 * kSlowness));
@@ -125,7 +128,12 @@ class Peer {
   void Misbehave(Line& line) {
     switch (cell_.act) {
       case Act::kSilence:
-        if (cell_.moment > Moment::kFlight || cell_.wire == Wire::kPlain) bed_.PassAllLimits();
+        // Connecting has a limit of its own, which is real time. With TLS 1.3 the flight ends it.
+        if (cell_.moment > Moment::kFlight || cell_.wire == Wire::kPlain ||
+            (cell_.moment == Moment::kFlight && cell_.wire == Wire::kTls13)) {
+          line.WaitUntilTaken();
+          bed_.PassAllLimits();
+        }
         return;
       case Act::kTrickle:
         return Trickle(line);
@@ -153,7 +161,7 @@ class Peer {
   void Trickle(Line& line) {
     const bool raw = cell_.moment <= Moment::kFlight;
     const std::string endless = Endless();
-    for (int round = 0; round < kAllLimits.count() && !line.Ended(); ++round) {
+    for (int round = 0; round < 2 * kAllLimits.count() && !line.Ended(); ++round) {
       const std::string byte(1, endless[static_cast<std::size_t>(round) % endless.size()]);
       if (!(raw ? line.SendRaw(byte) : line.Send(byte)) || !line.WaitUntilTaken()) return;
       bed_.Pass(seconds(1));
