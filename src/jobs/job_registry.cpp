@@ -97,8 +97,13 @@ std::string ZrJobRegistry::Create(ZrJob& owner, std::string_view text) {
   if (owner.link_ && !owner.link_->job) return {};
   StartDelivery();
   Task& entered = *task;
-  tasks_.emplace(entered.name, std::move(task));
-  AddMember(entered, owner);
+  const auto place = tasks_.emplace(entered.name, std::move(task)).first;
+  try {
+    AddMember(entered, owner);
+  } catch (...) {
+    tasks_.erase(place);  // nobody would ever leave it
+    throw;
+  }
   return name;
 }
 
