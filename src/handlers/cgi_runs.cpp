@@ -1,6 +1,7 @@
 #include "handlers/cgi_runs.h"
 
 #include <atomic>
+#include <exception>
 #include <memory>
 #include <utility>
 
@@ -38,24 +39,31 @@ void ZrCgiRuns::Submit(Run run, std::shared_ptr<ZrPeerWatch> peer) {
   if (starts) StartWorker();
 }
 
+// A worker that was counted must work: when the system has no thread or no memory for another one,
+// this thread does it, as a request must be answered all the same.
 void ZrCgiRuns::StartWorker() {
-  FetchTasks(false);
-  ZrRinvalTaskDescription description;
-  description.name = "ZrCgiRuns";
-  const auto began = std::make_shared<std::atomic<bool>>(false);
-  const std::uint64_t task = scheduler_.Submit(
-      [this, began](ZrRinvalJobParametersAndResult* record) {
-        *began = true;
-        Work();
-        return record;
-      },
-      nullptr, description);
-  // Done but never begun: the system has no thread for it. A request must be answered all the same,
-  // so this thread does the work.
-  const bool unable = scheduler_.IsDone(task) && !*began;
-  {
+  bool unable = true;
+  try {
+    FetchTasks(false);
+    {
+      ZrLock hold(queue_->lock);
+      queue_->tasks.reserve(queue_->tasks.size() + 1);
+    }
+    ZrRinvalTaskDescription description;
+    description.name = "ZrCgiRuns";
+    const auto began = std::make_shared<std::atomic<bool>>(false);
+    const std::uint64_t task = scheduler_.Submit(
+        [this, began](ZrRinvalJobParametersAndResult* record) {
+          *began = true;
+          Work();
+          return record;
+        },
+        nullptr, description);
+    unable = scheduler_.IsDone(task) && !*began;
     ZrLock hold(queue_->lock);
     queue_->tasks.push_back(task);
+  } catch (const std::exception&) {
+    // Nothing was submitted: what follows that does not throw.
   }
   if (unable) Work();
 }

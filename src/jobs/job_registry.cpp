@@ -115,8 +115,13 @@ std::string ZrJobRegistry::Create(ZrJob& owner, std::string_view text) {
   if (owner.link_ && !owner.link_->job) return {};
   StartDelivery();
   tasks_.Enter(*task);
-  Task& entered = *task.release();
-  AddMember(entered, owner);
+  try {
+    AddMember(*task, owner);
+  } catch (...) {
+    tasks_.TakeOut(*task);  // nobody would ever leave it
+    throw;
+  }
+  static_cast<void>(task.release());  // the table's
   return name;
 }
 

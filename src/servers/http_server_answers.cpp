@@ -68,7 +68,10 @@ void ZrTransceiverServerL1HTTP::ProcessAnswer(ZrTransceiver& transceiver,
   if (!asked) {
     // Nobody asked for anything: what comes next could not be trusted either.
     if (!connection) return;
-    if (connection->HasReceived()) connection->CloseAfterItem();
+    if (connection->HasReceived()) {
+      connection->Reset();  // what was paused on is gone: the peer's end is seen behind the rest
+      connection->CloseAfterItem();
+    }
     return EndTurn(connection);
   }
   asked->connection->TakeReceived(asked->input);

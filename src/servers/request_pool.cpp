@@ -190,8 +190,11 @@ void ZrURLHookService::DropLater(std::vector<WorkerPointer> workers) {
     gone_.insert(gone_.end(), workers.begin(), workers.end());
     return;
   }
-  const bool runs = RunLater("ZrURLHookService_drop", [this, workers = std::move(workers)] {
+  const bool runs = RunLater("ZrURLHookService_drop", [this,
+                                                       workers = std::move(workers)]() mutable {
     for (const WorkerPointer& worker : workers) DropWorker(worker);
+    workers
+        .clear();  // the task is kept until somebody fetches it; they, with their sockets, are not
     ZrLock ended(lock_);
     --dropping_;
     WakePump();

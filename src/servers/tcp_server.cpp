@@ -169,7 +169,12 @@ void ZrTransceiverServerL0Socket::AcceptLoop() {
   TellOwner(record);
   while (Running()) {
     poller_->Wait(std::chrono::nanoseconds(-1));
-    AcceptWaiting(listener, record);
+    try {
+      AcceptWaiting(listener, record);
+    } catch (...) {
+      // Out of memory, in effect, or the owner's callback failed: one peer is lost, not the server.
+      Pause(kExhaustedPause);
+    }
   }
   for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()}) {
     if (descriptor >= 0) poller_->Remove(descriptor);

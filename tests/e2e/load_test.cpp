@@ -75,30 +75,6 @@ TEST(Load, ServesAnotherWhileThousandsAreSilent) {
   EXPECT_EQ(served.Stop(), 0);
 }
 
-TEST(Load, LivesThroughResetsInMidDownload) {
-  const TemporaryFolder folder;
-  folder.Write("a", "first");
-  folder.Write("big", Pattern(4 << 20));
-  Served served(folder, {"http", "https"});
-  for (int i = 0; i < 40; ++i) {
-    RawClient client(served.Port("http"));
-    client.Send("GET /big HTTP/1.1\r\n\r\nGET /big HTTP/1.1\r\n\r\n");
-    EXPECT_NE(client.ReadSome(1 + static_cast<std::size_t>(i) * 997), "");
-    client.Reset();
-  }
-  std::vector<std::unique_ptr<BackgroundProgram>> cut;
-  for (int i = 0; i < 10; ++i) {
-    cut.push_back(std::make_unique<BackgroundProgram>(
-        CurlWords({"--limit-rate", "100k", served.Url("https", "/big")})));
-    EXPECT_TRUE(WaitFor([&] { return !cut.back()->Output().empty(); }));
-  }
-  cut.clear();  // killed: their sockets close with bytes unread
-  for (const char* protocol : {"http", "https"}) {
-    EXPECT_EQ(served.Curl(protocol, "/a").out, "first");
-  }
-  EXPECT_EQ(served.Stop(), 0);
-}
-
 TEST(Load, KeepsFilesOfSlowReadersOutOfMemory) {
   const TemporaryFolder folder;
   folder.Write("a", "first");

@@ -23,6 +23,8 @@ class RawClient {
   int LocalPort() const;
   /// False when the peer no longer takes bytes.
   bool Send(std::string_view bytes);
+  /// For what this class has no words for.
+  int Descriptor() const { return socket_.Get(); }
   /// No more bytes from this side; reading goes on.
   void FinishSending();
   /// At most `capacity` bytes that are there within the limit; empty at the end or when none came.

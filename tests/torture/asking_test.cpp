@@ -52,6 +52,7 @@ class Peer {
     auto asking = std::async(std::launch::async, [&] { bed_.client->SendMessage(head, true); });
     std::string wrong;
     int connections = 0;
+    int looks = 0;
     const bool ended = WaitFor(
         [&] {
           if (wrong.empty() && !Outcome() && connections < 5) {
@@ -62,13 +63,15 @@ class Peer {
                   std::make_unique<Line>(std::move(accepted.socket), cell_.wire)));
             }
           }
+          // A connection that was ended in order lingers for two seconds.
+          if (++looks == 100) bed_.Pass(seconds(3));
           return Outcome().has_value();
         },
         seconds(5 * kSlowness));
     listener_.Close();
     if (!ended) lines_.clear();
     asking.wait();
-    if (!ended) return "the request has no outcome; ";
+    if (!ended) return "no outcome over " + std::to_string(connections) + " connections; ";
     if (cell_.moment == Moment::kIdle) {
       if (*Outcome() != "200 body") return "the answer is " + *Outcome() + "; ";
       Misbehave(*lines_.back());
@@ -125,7 +128,12 @@ class Peer {
   void Misbehave(Line& line) {
     switch (cell_.act) {
       case Act::kSilence:
-        if (cell_.moment > Moment::kFlight || cell_.wire == Wire::kPlain) bed_.PassAllLimits();
+        // Connecting has a limit of its own, which is real time. With TLS 1.3 the flight ends it.
+        if (cell_.moment > Moment::kFlight || cell_.wire == Wire::kPlain ||
+            (cell_.moment == Moment::kFlight && cell_.wire == Wire::kTls13)) {
+          line.WaitUntilTaken();
+          bed_.PassAllLimits();
+        }
         return;
       case Act::kTrickle:
         return Trickle(line);
@@ -153,7 +161,7 @@ class Peer {
   void Trickle(Line& line) {
     const bool raw = cell_.moment <= Moment::kFlight;
     const std::string endless = Endless();
-    for (int round = 0; round < kAllLimits.count() && !line.Ended(); ++round) {
+    for (int round = 0; round < 2 * kAllLimits.count() && !line.Ended(); ++round) {
       const std::string byte(1, endless[static_cast<std::size_t>(round) % endless.size()]);
       if (!(raw ? line.SendRaw(byte) : line.Send(byte)) || !line.WaitUntilTaken()) return;
       bed_.Pass(seconds(1));
@@ -185,6 +193,7 @@ void RunAll(Wire wire, std::initializer_list<Moment> moments) {
       if (!IsPossible(wire, moment, act)) continue;
       for (const Framing framing : {Framing::kLength, Framing::kChunked}) {
         if (moment < Moment::kHead && framing == Framing::kChunked) continue;
+        if (act == Act::kKeyUpdates && framing == Framing::kChunked && !Torture()) continue;
         const Cell cell{wire, moment, act, framing};
         RunCell(bed, NameOf(cell), [&](TortureBed& own) { return Peer(own, cell).Run(); });
       }

@@ -17,6 +17,7 @@
 #include "tests/support/asking_client.h"
 #include "tests/support/left_behind.h"
 #include "tests/support/manual_clock.h"
+#include "tests/support/raw_client.h"
 #include "tests/support/temporary_folder.h"
 #include "transceiver/transceiver.h"
 
@@ -38,21 +39,29 @@ inline constexpr std::chrono::seconds kAllLimits{1100};
 /// Whether the long cells are asked for, too (VELKORO_TORTURE is set).
 bool Torture();
 
-/// Asks for a small file over and over, on a connection that it keeps.
+/// Asks for a small file over and over, on a connection that it keeps. In between it asks a thread
+/// that does nothing else, which tells how busy the machine is.
 class Bystander {
  public:
   explicit Bystander(int port);
   ~Bystander();
-  /// The longest wait since the last question, in milliseconds; a failure counts as a minute.
-  std::int64_t TakeWorst() { return worst_.exchange(0) / 1'000'000; }
+  /// The longest wait since the last question, in milliseconds, less three of the longest for that
+  /// thread, as a request is handed on about as often; a failure counts as a minute.
+  std::int64_t TakeWorst();
   /// While this is held no request of the bystander is under way.
   ZrMutex turn;
 
  private:
   void Loop();
+  std::int64_t Request();
+  std::int64_t Echo();
   const int port_;
+  std::unique_ptr<RawClient> line_;
+  int echo_[2] = {-1, -1};
   std::atomic<std::int64_t> worst_{0};
+  std::atomic<std::int64_t> worstEcho_{0};
   std::atomic<bool> ended_{false};
+  std::thread echoing_;
   std::thread thread_;
 };
 

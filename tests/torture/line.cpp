@@ -1,15 +1,11 @@
 #include "tests/torture/line.h"
 
 #include <arpa/inet.h>
-#include <linux/inet_diag.h>
-#include <linux/netlink.h>
-#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -17,7 +13,7 @@
 #include <utility>
 
 #include "tests/support/temporary_folder.h"
-#include "tests/support/wait.h"
+#include "tests/support/unread_by_peer.h"
 
 namespace zrtest {
 namespace {
@@ -28,37 +24,6 @@ using std::chrono::steady_clock;
 bool WaitOn(int socket, short events, milliseconds limit) {
   pollfd entry{socket, events, 0};
   return poll(&entry, 1, static_cast<int>(limit.count())) == 1;
-}
-
-/// The bytes that the other end of this connection, a socket of this machine, has not read yet;
-/// none when it is gone.
-std::size_t UnreadByPeer(int socket) {
-  sockaddr_in own{};
-  sockaddr_in other{};
-  socklen_t length = sizeof own;
-  getsockname(socket, reinterpret_cast<sockaddr*>(&own), &length);
-  getpeername(socket, reinterpret_cast<sockaddr*>(&other), &length);
-  struct {
-    nlmsghdr header;
-    inet_diag_req_v2 request;
-  } ask{};
-  ask.header = {sizeof ask, SOCK_DIAG_BY_FAMILY, NLM_F_REQUEST, 0, 0};
-  ask.request.sdiag_family = AF_INET;
-  ask.request.sdiag_protocol = IPPROTO_TCP;
-  ask.request.idiag_states = ~0U;
-  ask.request.id.idiag_sport = other.sin_port;
-  ask.request.id.idiag_dport = own.sin_port;
-  ask.request.id.idiag_src[0] = other.sin_addr.s_addr;
-  ask.request.id.idiag_dst[0] = own.sin_addr.s_addr;
-  ask.request.id.idiag_cookie[0] = ask.request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-  static const ZrDescriptor system(
-      ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
-  send(system.Get(), &ask, sizeof ask, 0);
-  alignas(nlmsghdr) char answer[4096];
-  if (recv(system.Get(), answer, sizeof answer, 0) <= 0) return 0;
-  const auto* const header = reinterpret_cast<const nlmsghdr*>(answer);
-  if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) return 0;
-  return static_cast<const inet_diag_msg*>(NLMSG_DATA(header))->idiag_rqueue;
 }
 
 using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
@@ -160,13 +125,7 @@ bool Line::SendRaw(std::string_view bytes, milliseconds limit) {
   return true;
 }
 
-bool Line::WaitUntilTaken() {
-  for (int i = 0; i < 100; ++i) {  // it is a matter of microseconds, mostly
-    if (UnreadByPeer(socket_.Get()) == 0) return true;
-    sched_yield();
-  }
-  return WaitFor([this] { return UnreadByPeer(socket_.Get()) == 0; });
-}
+bool Line::WaitUntilTaken() { return zrtest::WaitUntilTaken(socket_.Get()); }
 
 bool Line::WaitInput(milliseconds limit) { return WaitOn(socket_.Get(), POLLIN, limit); }
 
