@@ -8,9 +8,15 @@
 #include "servers/head_output.h"
 #include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
+#include "transceiver/receive_pass.h"
 #include "transceiver/transceiver.h"
 
 namespace {
+
+// How long (ns) a server may hold the receive job in one pass, and how long it stays away from it
+// after a longer one.
+constexpr std::int64_t kLongestPass = 2'000'000;
+constexpr std::int64_t kQueueTime = 1'000'000'000;
 
 // Smaller bodies are among what every connection costs, in bytes of heap.
 constexpr std::size_t kCountedBody = 4096;
@@ -31,6 +37,12 @@ bool ZrTransceiverServerL1HTTP::ReceiveEvent(const ZrJobEvent& event) {
 }
 
 void ZrTransceiverServerL1HTTP::wake(const std::string& connectionName) {
+  ZrReceivePass* const pass = ZrReceivePass::Current();
+  if (pass != nullptr && Persistent() &&
+      pass->Defer(std::static_pointer_cast<ZrTransceiverServerL1HTTP>(weak_from_this().lock()),
+                  connectionName)) {
+    return;
+  }
   enqueue(connectionName, ClientName());
 }
 
@@ -58,23 +70,93 @@ void ZrTransceiverServerL1HTTP::processItem(const std::string& connectionName,
   const auto [connection, client] = transceiver->FindEnds(connectionName, clientName);
   if (!Persistent()) return ProcessAnswer(*transceiver, connectionName, connection, client);
   if (!connection) return ForgetConnection(connectionName, client);
-  if (!client || !connection->BeginItem()) return;
+  if (!client) return;
+  std::shared_ptr<ZrXHeader> complete = TakeComplete(connectionName);
+  if (!complete && !connection->BeginItem()) return;
+  RunTurn(*transceiver, connection, client, std::move(complete), false);
+}
+
+// On the receive job. A server of which such a pass took long leaves all to its queue task for a
+// while: the connections of every other server wait for this thread.
+void ZrTransceiverServerL1HTTP::HandleArrived(ZrReceivePass& pass,
+                                              std::span<const ConnectionPointer> connections) {
+  ZrTransceiver* const transceiver = Transceiver();
+  if (transceiver == nullptr || !BeginWork()) return;
+  const std::int64_t begun = transceiver->Clock().MonotonicNs();
+  const HandlerPointer client =
+      begun < queueUntil_ ? nullptr : transceiver->FindClient(ClientName());
+  if (client) {
+    Touch();
+    for (const ConnectionPointer& connection : connections) {
+      pass.WorkOn(connection);
+      HandleHere(*transceiver, connection, client);
+    }
+    if (const std::int64_t ended = transceiver->Clock().MonotonicNs();
+        ended - begun > kLongestPass) {
+      queueUntil_ = ended + kQueueTime;
+    }
+  } else {
+    ZrTransceiverServerL0Socket::HandleArrived(pass, connections);
+  }
+  EndWork();
+}
+
+void ZrTransceiverServerL1HTTP::HandleHere(ZrTransceiver& transceiver,
+                                           const ConnectionPointer& connection,
+                                           const HandlerPointer& client) {
+  // A body may have to be written to the disk as it arrives.
+  if (!connection->IsListed() || HasBodyUnderWay(connection->JobName())) {
+    return enqueue(connection->JobName(), ClientName());
+  }
+  if (connection->BeginItem()) RunTurn(transceiver, connection, client, nullptr, true);
+}
+
+void ZrTransceiverServerL1HTTP::RunTurn(ZrTransceiver& transceiver,
+                                        const ConnectionPointer& connection,
+                                        const HandlerPointer& client,
+                                        std::shared_ptr<ZrXHeader> complete, bool here) {
   bool answerToCome = false;
   try {
-    answerToCome = Assemble(*transceiver, connection, client);
+    if (!complete) complete = Assemble(transceiver, connection, client);
+    if (complete && here && !client->CannotWait(*complete)) return LeaveToQueue(connection);
+    answerToCome = complete && HandOut(transceiver, connection, client, complete);
   } catch (...) {
     // Memory ran out, or the handler failed: this connection is given up.
-    DropMessage(connectionName);
+    DropMessage(connection->JobName());
     connection->CloseAfterItem();
   }
   if (!answerToCome) EndTurn(connection);
 }
 
-bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
-                                         const ConnectionPointer& connection,
-                                         const HandlerPointer& client) {
-  const std::shared_ptr<ZrXHeader> head = MessageOf(connection, client);
-  if (!head) return false;
+// The turn goes on there.
+void ZrTransceiverServerL1HTTP::LeaveToQueue(const ConnectionPointer& connection) {
+  {
+    ZrLock hold(requestLock_);
+    const auto found = exchanges_.find(connection->JobName());
+    if (found != exchanges_.end()) found->second.complete = true;
+  }
+  enqueue(connection->JobName(), ClientName());
+}
+
+bool ZrTransceiverServerL1HTTP::HasBodyUnderWay(const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connectionName);
+  return found != exchanges_.end() && found->second.head && !found->second.head->InHead();
+}
+
+std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::TakeComplete(
+    const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connectionName);
+  if (found == exchanges_.end() || !std::exchange(found->second.complete, false)) return nullptr;
+  return found->second.head;
+}
+
+std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
+                                                               const ConnectionPointer& connection,
+                                                               const HandlerPointer& client) {
+  std::shared_ptr<ZrXHeader> head = MessageOf(connection, client);
+  if (!head) return nullptr;
   ZrReadStep step = ZrReadStep::kClose;
   {
     ZrLock hold(head->Lock());
@@ -84,7 +166,7 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
   }
   if (step == ZrReadStep::kHead) {
     connection->BeginHead();
-    return false;
+    return nullptr;
   }
   connection->EndHead();
   if (const std::size_t held = head->body->HeapBytes(); held > kCountedBody) {
@@ -93,13 +175,13 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
   }
   if (step == ZrReadStep::kBody) {
     connection->NoteBody(head->BodyBytes());
-    return false;
+    return nullptr;
   }
   connection->EndBody();
-  if (step == ZrReadStep::kComplete) return HandOut(transceiver, connection, client, head);
+  if (step == ZrReadStep::kComplete) return head;
   DropMessage(connection->JobName());
   connection->CloseAfterItem();
-  return false;
+  return nullptr;
 }
 
 bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,

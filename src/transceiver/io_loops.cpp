@@ -8,6 +8,7 @@
 #include "platform/socket.h"
 #include "transceiver/connection.h"
 #include "transceiver/housekeeper.h"
+#include "transceiver/receive_pass.h"
 #include "transceiver/stop_progress.h"
 
 namespace {
@@ -142,15 +143,19 @@ void ZrIoLoops::ReceiveLoop() {
     ready.swap(again);
     Resolve(events, ready);
     ResolveResumed(ready);
+    ZrReceivePass pass;
     for (Ready& one : ready) {
+      const Registration registration = one.registration;
+      pass.WorkOn(registration->connection);
       try {
         Receive(one, again);
       } catch (...) {
         // Out of memory, in effect: this connection is given up, the others are served.
-        remove_(*one.registration->connection);
+        remove_(*registration->connection);
       }
     }
     ready.clear();
+    pass.HandOut();
   }
 }
 
