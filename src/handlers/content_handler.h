@@ -21,6 +21,11 @@ class ZrContentHandler {
   virtual bool ReadsBody(ZrTransceiverClient& /*client*/, const ZrXHeader& /*request*/) {
     return true;
   }
+  /// Whether this request, and the answer that nothing serves it, needs nothing that has to be
+  /// waited for.
+  virtual bool CannotWait(ZrTransceiverClient& /*client*/, const ZrXHeader& /*request*/) {
+    return false;
+  }
   /// Sends the answer to a request that nothing served.
   virtual void AnswerNotFound(ZrTransceiverClient& client,
                               const std::shared_ptr<ZrXHeader>& request) = 0;

@@ -252,6 +252,17 @@ void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t s
   SendAnswer(request, answer);
 }
 
+// A query that may name a form command goes the long way.
+bool ZrTransceiverClient::CannotWait(const ZrXHeader& message) {
+  return answersAtOnce_ && content_ && message.kind == ZrMessageKind::kRequest &&
+         IsHttp(message.ProtocolKind()) && message.messageType == ZrMessageType::kGet &&
+         message.refusal == 0 &&
+         (message.method == ZrMethod::kGet || message.method == ZrMethod::kHead) &&
+         message.declaredLength == 0 && message.query.find('%') == std::string::npos &&
+         message.query.find(idField) == std::string::npos &&
+         (commandUrl.empty() || commandUrl != message.path) && content_->CannotWait(*this, message);
+}
+
 int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request) {
   switch (request->ProtocolKind()) {
     case zr::kProtocolSocket:

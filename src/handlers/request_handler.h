@@ -76,6 +76,11 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});
   /// What all peers of the transceiver together may occupy; none without transceiver.
   std::shared_ptr<ZrMemoryBudget> Memory();
+  /// Messages of this client that need neither a host's code nor the disk may be answered by the
+  /// thread that received them. For whoever makes a client of this very class: a derived one may do
+  /// more for a message than this one knows. Call it before the client is registered.
+  void AnswerAtOnce() { answersAtOnce_ = true; }
+  bool CannotWait(const ZrXHeader& message) override;
 
   ZrJob& HandlerJob() override { return *this; }
 
@@ -105,6 +110,7 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   std::string Remember(const std::string& name, Owned owned) ZR_EXCLUDES(lock_);
 
   const std::shared_ptr<ZrContentHandler> content_;
+  bool answersAtOnce_ = false;
 
   ZrMutex lock_;  // never held while calling out
   ZrTransceiver* transceiver_ ZR_GUARDED_BY(lock_) = nullptr;

@@ -13,6 +13,15 @@ struct ZrServedFiles::BatchFiles {
   std::map<std::string, Directory, std::less<>> directories;
   std::map<std::pair<const ZrDirectory*, std::string>, Entry> files;
   std::uint64_t bytes = 0;
+
+  /// Whether the bytes of this file are shared; they are counted then.
+  bool Shares(const ZrFile& file) {
+    if (!file.IsRegular() || file.Size() > kSharedFileSize || bytes + file.Size() > kSharedBytes) {
+      return false;
+    }
+    bytes += file.Size();
+    return true;
+  }
 };
 
 namespace {
@@ -52,22 +61,45 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
     return {start ? start->OpenFile(path) : nullptr, nullptr};
   }
   auto& known = batch->Of<BatchFiles>(this);
+  const Directory start = InBatch(known, directory);
+  if (!start) return {};
+  const auto [place, added] = known.files.try_emplace({start.get(), path});
+  BatchFiles::Entry& entry = place->second;
+  if (added) {
+    entry.found.file = start->OpenFile(path);
+  } else if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
+             known.Shares(*entry.found.file)) {
+    entry.found.bytes = ReadWhole(*entry.found.file);
+  }
+  return entry.found;
+}
+
+ZrServedFiles::Directory ZrServedFiles::InBatch(BatchFiles& known, const std::string& directory) {
   auto start = known.directories.find(directory);
   if (start == known.directories.end()) {
     start = known.directories.emplace(directory, Current(directory)).first;
   }
-  if (!start->second) return {};
-  const auto [place, added] = known.files.try_emplace({start->second.get(), path});
-  BatchFiles::Entry& entry = place->second;
-  if (added) {
-    entry.found.file = start->second->OpenFile(path);
-  } else if (!std::exchange(entry.askedAgain, true) && entry.found.file) {
-    const ZrFile& file = *entry.found.file;
-    if (file.IsRegular() && file.Size() <= kSharedFileSize &&
-        known.bytes + file.Size() <= kSharedBytes) {
-      entry.found.bytes = ReadWhole(file);
-      known.bytes += file.Size();
-    }
+  return start->second;
+}
+
+bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& path) {
+  ZrBatch* const batch = ZrBatch::Current();
+  if (batch == nullptr) return false;
+  auto& known = batch->Of<BatchFiles>(this);
+  const Directory start = InBatch(known, directory);
+  if (!start) return true;
+  if (const auto found = known.files.find({start.get(), path}); found != known.files.end()) {
+    return !found->second.found.file || found->second.found.bytes;
   }
-  return entry.found;
+  ZrFileAtHand now = start->OpenFileAtHand(path);
+  if (now.answer == ZrFileAtHand::Answer::kMustWait) return false;
+  BatchFiles::Entry entry;
+  entry.found.file = std::move(now.file);
+  if (const auto& file = entry.found.file; file && known.Shares(*file)) {
+    auto bytes = std::make_shared<std::string>(static_cast<std::size_t>(file->Size()), '\0');
+    if (file->ReadAtHand(0, *bytes) == bytes->size()) entry.found.bytes = std::move(bytes);
+  }
+  const bool atHand = !entry.found.file || entry.found.bytes;
+  known.files.emplace(std::pair(start.get(), path), std::move(entry));
+  return atHand;
 }

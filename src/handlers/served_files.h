@@ -28,11 +28,16 @@ class ZrServedFiles {
   /// The file of that path beneath the directory, whose text is in the stored form; see
   /// ZrFile::OpenBeneath().
   Found Find(const std::string& directory, const std::string& path) ZR_EXCLUDES(lock_);
+  /// Whether Find() answers for the rest of this batch without waiting for the disk, with the bytes
+  /// of the file or the word that there is none. No outside of a batch.
+  bool IsAtHand(const std::string& directory, const std::string& path) ZR_EXCLUDES(lock_);
 
  private:
   struct BatchFiles;
   using Directory = std::shared_ptr<const ZrDirectory>;
 
+  /// The directory as it stands in this batch.
+  Directory InBatch(BatchFiles& known, const std::string& directory) ZR_EXCLUDES(lock_);
   Directory Current(const std::string& directory) ZR_EXCLUDES(lock_);
 
   ZrMutex lock_;

@@ -83,6 +83,22 @@ bool ZrStaticFiles::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& requ
          path.ends_with(client.scriptExtension) || path.ends_with('/');
 }
 
+// Small files that the system has in memory, and what is not there. Stored pages may be long,
+// programs are waited for.
+bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) {
+  if (client.startDirectory.empty()) return true;
+  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  if (request.path == "/") {
+    return files_.IsAtHand(directory, "index.php") && !files_.Find(directory, "index.php").file &&
+           files_.IsAtHand(directory, "index.html");
+  }
+  const std::string path = request.path.substr(request.path.empty() ? 0 : 1);
+  if (!zr::IsServedPath(path)) return true;
+  if (path.starts_with(client.cgiUrlPrefix) || path.ends_with(client.scriptExtension)) return false;
+  if (client.application != nullptr && client.application->hasStoredValue(path)) return false;
+  return files_.IsAtHand(directory, path);
+}
+
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
                                          const std::shared_ptr<ZrXHeader>& request) {
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);

@@ -24,6 +24,7 @@ class ZrStaticFiles : public ZrContentHandler {
   bool ServeRequest(ZrTransceiverClient& client,
                     const std::shared_ptr<ZrXHeader>& request) override;
   bool ReadsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;
+  bool CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) override;
   void AnswerNotFound(ZrTransceiverClient& client,
                       const std::shared_ptr<ZrXHeader>& request) override;
 

@@ -87,6 +87,7 @@ void ZrQuarnApplication2::startServers() {
     const auto client = zr::MakeJob<ZrTransceiverClient>(
         [this](ZrServerCallback_t& record) { return onServerEvent(record); }, options,
         questions_.get(), content_);
+    client->AnswerAtOnce();
     transceiver_.AddClient(client);
     server.client = client;
 

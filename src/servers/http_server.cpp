@@ -9,9 +9,15 @@
 #include "servers/head_output.h"
 #include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
+#include "transceiver/receive_pass.h"
 #include "transceiver/transceiver.h"
 
 namespace {
+
+// How long (ns) a server may hold the receive job in one pass, and how long it stays away from it
+// after a longer one.
+constexpr std::int64_t kLongestPass = 2'000'000;
+constexpr std::int64_t kQueueTime = 1'000'000'000;
 
 // Smaller bodies are among what every connection costs, in bytes of heap.
 constexpr std::size_t kCountedBody = 4096;
@@ -20,20 +26,30 @@ constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 }  // namespace
 
-// A closed connection goes through the queue like its bytes do: its message is dropped behind the
-// last item that may still work on it. One that has no message takes what waits for it along.
+// A connection that closed while somebody works on its message goes through the queue like its
+// bytes do; else it is forgotten here, with what still waits for it. One that has no message takes
+// what waits for it along.
 bool ZrTransceiverServerL1HTTP::ReceiveEvent(const ZrJobEvent& event) {
   if (event.code == kZrEventClosed) {
-    if (!Persistent() || HasExchange(event.jobName)) {
+    if (!Persistent() || IsAtWork(event.jobName)) {
       wake(event.jobName);
     } else {
       dropItems(event.jobName);
+      ZrTransceiver* const transceiver = Transceiver();
+      ForgetConnection(event.jobName,
+                       transceiver ? transceiver->FindClient(ClientName()) : nullptr);
     }
   }
   return ZrTransceiverServerL0Socket::ReceiveEvent(event);
 }
 
 void ZrTransceiverServerL1HTTP::wake(const std::string& connectionName) {
+  ZrReceivePass* const pass = ZrReceivePass::Current();
+  if (pass != nullptr && Persistent() &&
+      pass->Defer(std::static_pointer_cast<ZrTransceiverServerL1HTTP>(weak_from_this().lock()),
+                  connectionName)) {
+    return;
+  }
   enqueue(connectionName, ClientName());
 }
 
@@ -61,23 +77,98 @@ void ZrTransceiverServerL1HTTP::processItem(const std::string& connectionName,
   const auto [connection, client] = transceiver->FindEnds(connectionName, clientName);
   if (!Persistent()) return ProcessAnswer(*transceiver, connectionName, connection, client);
   if (!connection) return ForgetConnection(connectionName, client);
-  if (!client || !connection->BeginItem()) return;
+  if (!client) return;
+  std::shared_ptr<ZrXHeader> complete = TakeComplete(connectionName);
+  if (!complete && !connection->BeginItem()) return;
+  RunTurn(*transceiver, connection, client, std::move(complete), false);
+}
+
+// On the receive job. A server of which such a pass took long leaves all to its queue task for a
+// while: the connections of every other server wait for this thread.
+void ZrTransceiverServerL1HTTP::HandleArrived(ZrReceivePass& pass,
+                                              std::span<const ConnectionPointer> connections) {
+  ZrTransceiver* const transceiver = Transceiver();
+  if (transceiver == nullptr || !BeginWork()) return;
+  const auto end = [](ZrTransceiverServerL1HTTP* server) { server->EndWork(); };
+  const std::unique_ptr<ZrTransceiverServerL1HTTP, decltype(end)> working(this, end);
+  const std::int64_t begun = transceiver->Clock().MonotonicNs();
+  const HandlerPointer client =
+      begun < queueUntil_ ? nullptr : transceiver->FindClient(ClientName());
+  if (client) {
+    Touch();
+    for (const ConnectionPointer& connection : connections) {
+      pass.WorkOn(connection);
+      HandleHere(*transceiver, connection, client);
+    }
+    if (const std::int64_t ended = transceiver->Clock().MonotonicNs();
+        ended - begun > kLongestPass) {
+      queueUntil_ = ended + kQueueTime;
+    }
+  } else {
+    ZrTransceiverServerL0Socket::HandleArrived(pass, connections);
+  }
+}
+
+void ZrTransceiverServerL1HTTP::HandleHere(ZrTransceiver& transceiver,
+                                           const ConnectionPointer& connection,
+                                           const HandlerPointer& client) {
+  // A body may have to be written to the disk as it arrives.
+  if (!connection->IsListed() || HasBodyUnderWay(connection->JobName())) {
+    return enqueue(connection->JobName(), ClientName());
+  }
+  if (connection->BeginItem()) RunTurn(transceiver, connection, client, nullptr, true);
+}
+
+void ZrTransceiverServerL1HTTP::RunTurn(ZrTransceiver& transceiver,
+                                        const ConnectionPointer& connection,
+                                        const HandlerPointer& client,
+                                        std::shared_ptr<ZrXHeader> complete, bool here) {
   bool answerToCome = false;
   try {
-    answerToCome = Assemble(*transceiver, connection, client);
+    if (!complete) complete = Assemble(transceiver, connection, client);
+    if (complete && here && !client->CannotWait(*complete)) return LeaveToQueue(connection);
+    answerToCome = complete && HandOut(transceiver, connection, client, complete);
   } catch (...) {
     // Memory ran out, or the handler failed: this connection is given up.
-    DropMessage(connectionName);
+    DropMessage(connection->JobName());
     connection->CloseAfterItem();
   }
   if (!answerToCome) EndTurn(connection);
 }
 
-bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
-                                         const ConnectionPointer& connection,
-                                         const HandlerPointer& client) {
-  const std::shared_ptr<ZrXHeader> head = MessageOf(connection, client);
-  if (!head) return false;
+// The turn goes on there.
+void ZrTransceiverServerL1HTTP::LeaveToQueue(const ConnectionPointer& connection) {
+  {
+    ZrLock hold(requestLock_);
+    const auto found = exchanges_.find(connection->JobName());
+    if (found != exchanges_.end()) {
+      found->second.complete = true;
+      found->second.atWork = false;
+    }
+  }
+  enqueue(connection->JobName(), ClientName());
+}
+
+bool ZrTransceiverServerL1HTTP::HasBodyUnderWay(const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connectionName);
+  return found != exchanges_.end() && found->second.head && !found->second.head->InHead();
+}
+
+std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::TakeComplete(
+    const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connectionName);
+  if (found == exchanges_.end() || !std::exchange(found->second.complete, false)) return nullptr;
+  found->second.atWork = true;
+  return found->second.head;
+}
+
+std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
+                                                               const ConnectionPointer& connection,
+                                                               const HandlerPointer& client) {
+  std::shared_ptr<ZrXHeader> head = MessageOf(connection, client);
+  if (!head) return nullptr;
   ZrReadStep step = ZrReadStep::kClose;
   {
     ZrLock hold(head->Lock());
@@ -87,7 +178,8 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
   }
   if (step == ZrReadStep::kHead) {
     connection->BeginHead(head->semantics);
-    return false;
+    Rest(connection->JobName());
+    return nullptr;
   }
   connection->EndHead();
   if (const std::size_t held = head->body->HeapBytes(); held > kCountedBody) {
@@ -101,13 +193,14 @@ bool ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
   }
   if (step == ZrReadStep::kBody || step == ZrReadStep::kContinue) {
     connection->NoteBody(*head->semantics, head->BodyBytes(), head->body->HeapBytes());
-    return false;
+    Rest(connection->JobName());
+    return nullptr;
   }
   connection->EndBody();
-  if (step == ZrReadStep::kComplete) return HandOut(transceiver, connection, client, head);
+  if (step == ZrReadStep::kComplete) return head;
   DropMessage(connection->JobName());
   connection->CloseAfterItem();
-  return false;
+  return nullptr;
 }
 
 bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,
@@ -146,7 +239,10 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
   {
     ZrLock hold(requestLock_);
     const auto found = exchanges_.find(connection->JobName());
-    if (found != exchanges_.end() && found->second.head) return found->second.head;
+    if (found != exchanges_.end() && found->second.head) {
+      found->second.atWork = true;
+      return found->second.head;
+    }
   }
   if (!connection->HasReceived()) return nullptr;
   std::string target = connection->HandlerName();
@@ -168,6 +264,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
     }
     head->ends = exchange.ends;
     exchange.head = head;
+    exchange.atWork = true;
     if (!task.empty()) exchange.task = std::move(task);
     first = added;
   }
@@ -177,9 +274,10 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
   return head;
 }
 
-bool ZrTransceiverServerL1HTTP::HasExchange(const std::string& connectionName) {
+bool ZrTransceiverServerL1HTTP::IsAtWork(const std::string& connectionName) {
   ZrLock hold(requestLock_);
-  return exchanges_.contains(connectionName);
+  const auto found = exchanges_.find(connectionName);
+  return found != exchanges_.end() && found->second.atWork;
 }
 
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(
@@ -199,7 +297,16 @@ void ZrTransceiverServerL1HTTP::DropMessage(const std::string& connectionName) {
   std::shared_ptr<ZrXHeader> dropped;  // released without the lock
   ZrLock hold(requestLock_);
   const auto found = exchanges_.find(connectionName);
-  if (found != exchanges_.end()) dropped = std::move(found->second.head);
+  if (found == exchanges_.end()) return;
+  dropped = std::move(found->second.head);
+  found->second.atWork = false;
+}
+
+// More of the message is to come.
+void ZrTransceiverServerL1HTTP::Rest(const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connectionName);
+  if (found != exchanges_.end()) found->second.atWork = false;
 }
 
 void ZrTransceiverServerL1HTTP::ForgetConnection(const std::string& connectionName,

@@ -5,7 +5,10 @@
 // connection until the answer is on its way. As a worker it is the other side: it sends a request
 // and takes what comes as its answer (http_server_answers.cpp).
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -36,6 +39,10 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
                 const std::shared_ptr<ZrXHeader>& head) override;
   void EndTasks() override;
+  /// Handles those messages whose handler says that they cannot wait.
+  void HandleArrived(
+      ZrReceivePass& pass,
+      std::span<const std::shared_ptr<ZrTransceiverConnection>> connections) override;
 
  protected:
   const ZrSemantics* semantics_;  // constant after construction
@@ -47,6 +54,8 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   // What belongs to one connection.
   struct Exchange {
     std::shared_ptr<ZrXHeader> head;  // the message being assembled; none between messages
+    bool atWork = false;              // a thread reads it or hands it out
+    bool complete = false;            // it has arrived, and its turn has begun
     std::string task;                 // the joined task made for its messages; empty: none was made
     std::shared_ptr<const ZrMessageEnds> ends;  // what its messages carry
   };
@@ -80,12 +89,24 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
 
   std::shared_ptr<ZrXHeader> MessageOf(const ConnectionPointer& connection,
                                        const HandlerPointer& client);
-  bool HasExchange(const std::string& connectionName);
+  bool IsAtWork(const std::string& connectionName);
+  void Rest(const std::string& connectionName);
   void DropMessage(const std::string& connectionName);
   void ForgetConnection(const std::string& connectionName, const HandlerPointer& client);
-  /// Reads what has arrived. Answers whether the connection's turn goes on until its answer.
-  bool Assemble(ZrTransceiver& transceiver, const ConnectionPointer& connection,
-                const HandlerPointer& client);
+  /// Reads what has arrived in the connection's turn; the message when that is complete.
+  std::shared_ptr<ZrXHeader> Assemble(ZrTransceiver& transceiver,
+                                      const ConnectionPointer& connection,
+                                      const HandlerPointer& client);
+  /// The complete message of a turn that has begun, for the queue task.
+  std::shared_ptr<ZrXHeader> TakeComplete(const std::string& connectionName);
+  bool HasBodyUnderWay(const std::string& connectionName);
+  void LeaveToQueue(const ConnectionPointer& connection);
+  void HandleHere(ZrTransceiver& transceiver, const ConnectionPointer& connection,
+                  const HandlerPointer& client);
+  /// Runs one turn: assembles when there is no message yet, hands out when `here` allows it.
+  void RunTurn(ZrTransceiver& transceiver, const ConnectionPointer& connection,
+               const HandlerPointer& client, std::shared_ptr<ZrXHeader> complete, bool here);
+  /// Answers whether the connection's turn goes on until its answer.
   bool HandOut(ZrTransceiver& transceiver, const ConnectionPointer& connection,
                const HandlerPointer& client, const std::shared_ptr<ZrXHeader>& head);
   void EndTurn(const ConnectionPointer& connection);
@@ -93,6 +114,10 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   void Write(ZrTransceiver& transceiver, ZrTransceiverConnection& connection,
              ZrXHeader& head) noexcept;
   void Log(const ZrTransceiverConnection& connection, const ZrXHeader& head, std::uint64_t bytes);
+
+  // While that has not come (monotonic ns), nothing is handled on the receive job: a pass there
+  // took too long.
+  std::atomic<std::int64_t> queueUntil_{0};
 
   ZrMutex requestLock_;
   std::unordered_map<std::string, Exchange> exchanges_ ZR_GUARDED_BY(requestLock_);

@@ -6,6 +6,7 @@
 #include "base/line_writer.h"
 #include "http/message_head.h"
 #include "jobs/scheduler.h"
+#include "transceiver/connection.h"
 #include "transceiver/transceiver.h"
 
 ZrTransceiverServer::ZrTransceiverServer(ZrServerSetup setup)
@@ -179,6 +180,23 @@ void ZrTransceiverServer::QueueLoop() {
   }
 }
 
+void ZrTransceiverServer::HandleArrived(
+    ZrReceivePass&, std::span<const std::shared_ptr<ZrTransceiverConnection>> connections) {
+  for (const auto& connection : connections) enqueue(connection->JobName(), clientName_);
+}
+
+bool ZrTransceiverServer::BeginWork() {
+  ZrLock hold(queueLock_);
+  if (ended_) return false;
+  ++working_;
+  return true;
+}
+
+void ZrTransceiverServer::EndWork() {
+  ZrLock hold(queueLock_);
+  if (--working_ == 0 && ended_) queueWake_.NotifyAll();
+}
+
 void ZrTransceiverServer::EndTasks() {
   std::uint64_t task = 0;
   {
@@ -187,6 +205,7 @@ void ZrTransceiverServer::EndTasks() {
     processing_ = false;
     task = std::exchange(queueTask_, 0);
     queueWake_.NotifyAll();
+    queueWake_.Wait(queueLock_, [this]() ZR_REQUIRES(queueLock_) { return working_ == 0; });
   }
   if (task == 0) return;
   scheduler_.WaitDone(task);

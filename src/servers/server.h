@@ -70,6 +70,10 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   /// The base starts nothing and answers no.
   bool start() override { return false; }
   void EndTasks() override;
+  /// The base leaves them to the queue task.
+  void HandleArrived(
+      ZrReceivePass& pass,
+      std::span<const std::shared_ptr<ZrTransceiverConnection>> connections) override;
   ZrJobWithTimeout& ServerJob() override { return *this; }
   std::string PeerName() const override { return ownerName_; }
   bool CanExpire() const override { return !persistent_; }
@@ -102,6 +106,10 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   /// Starts the queue task, for servers that are not to find out with their first pair that there
   /// is no thread for it. No: there is none.
   [[nodiscard]] bool StartQueue() ZR_EXCLUDES(queueLock_);
+  /// Brackets work that another thread than the queue task does: EndTasks() waits for its end. No:
+  /// the server's tasks have been ended.
+  [[nodiscard]] bool BeginWork() ZR_EXCLUDES(queueLock_);
+  void EndWork() ZR_EXCLUDES(queueLock_);
   /// Whether the queue task shall go on; a long processItem() may ask.
   bool Processing() const { return processing_.load(std::memory_order_acquire); }
   friend void zr::EndServer(ZrTransceiverServer* server) noexcept;
@@ -128,8 +136,9 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   std::vector<Item> queue_ ZR_GUARDED_BY(queueLock_);
   std::unordered_set<std::string> dropped_ ZR_GUARDED_BY(queueLock_);  // keys of no use in it
   std::uint64_t queueTask_ ZR_GUARDED_BY(queueLock_) = 0;              // task ID; 0: not started
-  bool ended_ ZR_GUARDED_BY(queueLock_) = false;                       // EndTasks() ran
-  std::atomic<bool> processing_{false};                                // changes under queueLock_
+  std::size_t working_ ZR_GUARDED_BY(queueLock_) = 0;  // between BeginWork() and EndWork()
+  bool ended_ ZR_GUARDED_BY(queueLock_) = false;       // EndTasks() ran
+  std::atomic<bool> processing_{false};                // changes under queueLock_
 };
 
 namespace zr {

@@ -5,6 +5,7 @@
 
 class ZrMessageHandler;
 class ZrOutgoingLink;
+class ZrReceivePass;
 class ZrServerLink;
 class ZrTransceiver;
 class ZrTransceiverConnection;

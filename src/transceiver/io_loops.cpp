@@ -8,6 +8,7 @@
 #include "platform/socket.h"
 #include "transceiver/connection.h"
 #include "transceiver/housekeeper.h"
+#include "transceiver/receive_pass.h"
 #include "transceiver/stop_progress.h"
 
 namespace {
@@ -159,15 +160,19 @@ void ZrIoLoops::ReceiveLoop() {
     } catch (...) {
       // Out of memory: what was not taken over is reported again by the next wait, or still listed.
     }
+    ZrReceivePass pass;
     for (Ready& one : ready) {
+      const Registration registration = one.registration;
+      pass.WorkOn(registration->connection);
       try {
         Receive(one, again);
       } catch (...) {
         // Out of memory, in effect: this connection is given up, the others are served.
-        remove_(*one.registration->connection);
+        remove_(*registration->connection);
       }
     }
     ready.clear();
+    pass.HandOut(remove_);
   }
 }
 

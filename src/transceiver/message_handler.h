@@ -35,6 +35,12 @@ class ZrMessageHandler {
   /// what it throws closes the connection.
   virtual int HandleMessage(const std::string& name, std::shared_ptr<ZrXHeader> message) = 0;
 
+  /// Whether HandleMessage() of this complete message neither waits for anything nor runs code of a
+  /// host: then it may be called at once by the thread that received the message, beside messages
+  /// of other connections. Without that it is called on the server's queue task, in order. No by
+  /// default. Threads: any.
+  virtual bool CannotWait(const ZrXHeader& /*message*/) { return false; }
+
   /// Called once when a message's head has been read and its body is still to come, with the head's
   /// lock held. No closes the connection.
   virtual bool OnHeadComplete(ZrXHeader& head) = 0;

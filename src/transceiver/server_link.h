@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "transceiver/fwd.h"
@@ -32,6 +33,13 @@ class ZrServerLink {
   /// Stops the server, ends all its tasks and waits for them. No message is handled and no peer is
   /// accepted after it. The caller holds no lock. Idempotent.
   virtual void EndTasks() = 0;
+
+  /// Bytes have arrived on these connections, which the server deferred to the end of the receive
+  /// job's pass. It handles what cannot wait and leaves the rest to its own task. Called on the
+  /// receive job.
+  virtual void HandleArrived(
+      ZrReceivePass& pass,
+      std::span<const std::shared_ptr<ZrTransceiverConnection>> connections) = 0;
 
   /// Sends a message head with its body on a connection of this server; without connection it is
   /// dropped. Answers whether the server is still in service. The caller holds no lock. Threads:

@@ -492,7 +492,7 @@ TEST(Servers, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
   {
     std::deque<RawClient> silent;
     for (int i = 0; i < 300; ++i) silent.emplace_back(port).Send("GET / HTTP/1.1\r\n");
-    ASSERT_TRUE(WaitFor([&] { return server->waitingItems() == silent.size(); }));
+    ASSERT_TRUE(bed.WaitForConnections(1 + silent.size()));
     clock.Advance(200s);
     bed.transceiver.WakeHousekeeper();
     ASSERT_TRUE(bed.WaitForConnections(1));

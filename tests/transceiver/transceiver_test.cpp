@@ -74,7 +74,7 @@ TEST(Transceiver, TellsTheServerOncePerBatchAndTheThreeJobsOfTheEnd) {
 }
 
 TEST(Transceiver, AConnectionThatNobodyCanServeEndsAtOnce) {
-  ServerBed bed;
+  TransceiverBed bed;
   bed.scheduler.Stop();  // no thread for the I/O jobs
   Line line(bed);
   EXPECT_EQ(bed.transceiver.ConnectionCount(), 0u);
@@ -84,7 +84,7 @@ TEST(Transceiver, AConnectionThatNobodyCanServeEndsAtOnce) {
 
 TEST(Transceiver, ShortMemoryPausesThoseWithMuchAndGivesUpTheNewestThatStandsStill) {
   ManualClock clock;
-  ServerBed bed(clock, 300'000);
+  TransceiverBed bed(clock, 300'000);
   const auto holds = [](Line& line, std::uint64_t bytes) {
     return WaitFor([&] { return line.connection->HeldInput() == bytes; });
   };
