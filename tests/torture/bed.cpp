@@ -248,6 +248,9 @@ void TortureBed::WarmUp() {
     scheduler_.WaitDone(task);
     scheduler_.FetchResult(task);
   }
+  // A message that goes with its connection, for the thread that such things need once.
+  RawClient half(Port(zr::kProtocolHttp));
+  half.Send("GET /");
   for (const std::uint32_t kind : {zr::kProtocolHttp, zr::kProtocolHttps, zr::kProtocolSocket}) {
     client->SendMessage(AskingBed::Request(Port(kind), "/cgi-bin/run", "warm", kind), true);
   }
