@@ -102,20 +102,18 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
   std::optional<steady_clock::time_point> drainEnd;  // set once the child has ended
   std::size_t left = settings_.limits.output;
   const bool reportsEnd = process_.EndDescriptor() >= 0;
-  std::optional<steady_clock::time_point> waitsSince;  // for room
+  bool waits = false;  // for room, since then
+  steady_clock::time_point waitsSince;
 
   while (!drainEnd || stdoutRead_.IsOpen()) {
     // Closed at once when there is nothing (more) to deliver: the child then reads its end.
     if (input.Empty()) stdinWrite_.Close();
-    if (!output.MustWait()) {
-      waitsSince.reset();
-    } else if (!waitsSince) {
-      waitsSince = steady_clock::now();
-    }
-    room.SetWaiting(waitsSince.has_value());
+    const bool waited = std::exchange(waits, output.MustWait());
+    if (waits && !waited) waitsSince = steady_clock::now();
+    room.SetWaiting(waits);
     enum { kOutput, kInput, kEnd, kStop, kGone, kItems };
     std::array<zr::PollItem, kItems> items;
-    items[kOutput].descriptor = waitsSince ? -1 : stdoutRead_.Get();
+    items[kOutput].descriptor = waits ? -1 : stdoutRead_.Get();
     items[kInput] = {stdinWrite_.Get(), true};
     items[kEnd].descriptor = drainEnd ? -1 : process_.EndDescriptor();
     items[kStop].descriptor = settings_.stop != nullptr ? settings_.stop->Descriptor() : -1;
@@ -125,7 +123,7 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
     if (!drainEnd && !reportsEnd) {
       deadline = std::min(deadline, steady_clock::now() + kEndPollInterval);
     }
-    if (waitsSince) deadline = std::min(deadline, steady_clock::now() + kRoomPollInterval);
+    if (waits) deadline = std::min(deadline, steady_clock::now() + kRoomPollInterval);
     zr::PollDescriptors(items, deadline);
 
     if (items[kStop].ready || items[kGone].ready) return ZrPipeExecEnd::kStopped;
@@ -142,7 +140,7 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
       over = Collect(output, left, kChunk);
     }
     if (over) return *over;
-    if (waitsSince && now - *waitsSince >= settings_.limits.room && room.IsNewest()) {
+    if (waits && now - waitsSince >= settings_.limits.room && room.IsNewest()) {
       return ZrPipeExecEnd::kNoRoom;
     }
     if (!drainEnd && now >= runEnd) return ZrPipeExecEnd::kRunLimit;
