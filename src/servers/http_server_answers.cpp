@@ -18,8 +18,9 @@ bool ZrTransceiverServerL1HTTP::BeginExchange(const ConnectionPointer& connectio
     asked_ = asked;
   }
   connection->ExpectAnswers();
-  // From here on the end of the connection finds the exchange. One that came before did not.
-  return connection->IsListed() || !EndExchange(asked);
+  // From here on the end of the connection finds the exchange. One that came before did not; and
+  // what is sent while it closes would reach a peer whose answer is dropped.
+  return (connection->IsListed() && !connection->IsClosing()) || !EndExchange(asked);
 }
 
 // Of the failures only those come back that nobody else tells the pool.

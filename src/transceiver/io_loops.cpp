@@ -39,16 +39,22 @@ bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
   auto registration = std::make_shared<ZrIoRegistration>();
   registration->socket = std::move(socket);
   registration->connection = connection;
+  // A handshake that was made before may have read more than its own bytes.
+  const bool buffered = connection->HasBufferedInput();
   // Held until the socket is watched, so that a removal at this moment comes after it.
   ZrLock writing(connection->Lock());
   {
     ZrLock hold(lock_);
     if (!StartJobs()) return false;
     registration->token = ++lastToken_;
+    if (buffered) resumed_.push_back(registration->token);
     byToken_.emplace(registration->token, registration);
   }
   connection->Bind(registration);
-  if (receivePoller_.Add(descriptor, registration->token, kInput)) return true;
+  if (receivePoller_.Add(descriptor, registration->token, kInput)) {
+    if (buffered) receivePoller_.Wake();
+    return true;
+  }
   connection->Bind(nullptr);
   ZrLock hold(lock_);
   byToken_.erase(registration->token);

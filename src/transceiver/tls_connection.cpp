@@ -29,6 +29,8 @@ ZrTransceiverConnection_SSLAddon::ZrTransceiverConnection_SSLAddon(
   engine_.emplace(context, socket_->Line(), Side::kClient, peer.name);
   engine_->ConnectWithin(ZrTlsEngine::kHandshakeLimit, peer.cancelled);
   established_ = true;
+  // What came right behind the handshake may have been read with its last bytes.
+  bufferedInput_ = engine_->HasBufferedInput();
 }
 
 ZrTransceiverConnection_SSLAddon::~ZrTransceiverConnection_SSLAddon() {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <future>
 #include <optional>
 
 #include "net/tcp_socket.h"
@@ -169,6 +171,41 @@ TEST(TlsConnection, ReadsOnAfterAPauseToTheLastByte) {
     return total == expected;
   })) << total
       << " of " << expected;
+}
+
+// A server that says goodbye along with the end of its handshake: our side reads both at once, and
+// the socket never announces anything again.
+TEST(TlsConnection, SeesTheEndThatCameWithTheHandshake) {
+  TransceiverBed bed;
+  ZrSocketIPvx listener;
+  int port = 0;
+  ASSERT_EQ(listener.listen("", port, 4), ZrSocketResult::kSuccess);
+  auto connecting = std::async(std::launch::async, [&bed, port] {
+    const ZrTlsContextPtr context = zr::MakeTlsClientContext();
+    const auto socket = std::make_shared<ZrSocketIPvx>(0);
+    EXPECT_EQ(socket->connect("127.0.0.1", port), ZrSocketResult::kSuccess);
+    const auto made = zr::MakeJob<ZrTransceiverConnection_SSLAddon>(
+        context.get(), ZrTlsPeer{}, socket, bed.transceiver, "nobody", "nobody",
+        ZrServerCallback_t{}, &TransceiverBed::Finish);
+    bed.transceiver.AddConnection(socket, made);
+    return made;
+  });
+  ZrSocketIPvx accepted(1);
+  ASSERT_GE(listener.accept(accepted, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
+  const auto& files = zrtest::TestCertificate();
+  const ZrTlsContextPtr context = zr::MakeTlsServerContext(files.certificate, files.privateKey);
+  zrtest::ScriptedLine line;
+  ZrTlsEngine server(context.get(), line, ZrTlsEngine::Side::kServer);
+  std::array<char, 4096> hello;
+  ASSERT_EQ(accepted.Line().WaitReadable(20s), ZrWaitStatus::kReady);
+  line.input.assign(hello.data(), accepted.Line().Receive(hello).count);
+  server.BeginTurn();
+  server.Handshake();
+  server.Flush();
+  line.output += std::string_view("\x15\x03\x03\x00\x02\x01\x00", 7);
+  EXPECT_EQ(accepted.Line().Send(line.output).count, line.output.size());
+  const auto connection = connecting.get();
+  EXPECT_TRUE(WaitFor([&] { return !connection->IsListed(); }));
 }
 
 }  // namespace
