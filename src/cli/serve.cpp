@@ -40,6 +40,7 @@ struct ServeOptions {
   std::string directory = ".";
   std::vector<std::string> listen;
   std::vector<std::string> pages;
+  std::string semantics = "minimal";
   KeyPairOptions keys;
   std::optional<std::string> php;
   std::optional<std::string> log;
@@ -92,6 +93,7 @@ class Serving {
       ZrServerDefinition server{.address = url.address,
                                 .port = url.port,
                                 .protocolKind = static_cast<std::int32_t>(url.protocolKind)};
+      server.options.Set("semantics", options_.semantics);
       server.options.Set("quiet", "yes");  // what a port's failure means is said here
       servers.push_back(std::move(server));
     }
@@ -198,6 +200,12 @@ void AddServe(CLI::App& program, Run& chosen) {
                   "Where a certificate made for localhost is kept when none is given "
                   "[$XDG_STATE_HOME/velkoro or ~/.local/state/velkoro]")
       ->type_name("DIR");
+  serve
+      .add_option("--semantics", options->semantics,
+                  "How HTTP is read and answered: minimal, the system's own dialect, or standard, "
+                  "with content types, HEAD, conditional requests and parts of files")
+      ->check(CLI::IsMember({"minimal", "standard"}))
+      ->capture_default_str();
   serve
       .add_option("--php", options->php,
                   "The PHP interpreter for pages that end in .php [php-cgi, when it is installed]")

@@ -19,6 +19,58 @@ bool RunCgi(const std::string& program, const ZrCgiVariables& variables, ZrStrin
 
 }  // namespace zr
 
+namespace {
+
+std::string_view MethodName(ZrMethod method) {
+  switch (method) {
+    case ZrMethod::kGet:
+      return "GET";
+    case ZrMethod::kPost:
+      return "POST";
+    case ZrMethod::kHead:
+      return "HEAD";
+    case ZrMethod::kPut:
+      return "PUT";
+    case ZrMethod::kPatch:
+      return "PATCH";
+    case ZrMethod::kDelete:
+      return "DELETE";
+    case ZrMethod::kOptions:
+      return "OPTIONS";
+  }
+  return "GET";
+}
+
+void AddStandardVariables(const ZrXHeader& request, std::string root, const std::string& path,
+                          const std::string& script, ZrCgiVariables& variables) {
+  while (root.size() > 1 && root.ends_with('/')) root.pop_back();
+  const auto words = request.headers[zr::kFirstLine];
+  const auto& peer = request.PeerRecord().info;
+  const std::string name = "/" + path;
+  const std::string serverAddress = peer.Get("localaddress");
+  const std::string serverPort = peer.Get("localport");
+  const std::string remoteAddress = peer.Get("remoteaddress");
+  const std::string remotePort = peer.Get("remoteport");
+  zr::ProgramRequest facts{.method = MethodName(request.method),
+                           .protocol = request.oldVersion ? "HTTP/1.0" : "HTTP/1.1",
+                           .target = words.size() >= 2 ? words[1] : std::string_view(),
+                           .query = request.query,
+                           .scriptName = name,
+                           .extraPath = {},
+                           .documentRoot = root,
+                           .scriptFile = script,
+                           .secure = request.ProtocolKind() == zr::kProtocolHttps,
+                           .serverAddress = serverAddress,
+                           .serverPort = serverPort,
+                           .remoteAddress = remoteAddress,
+                           .remotePort = remotePort,
+                           .fields = &request.headers};
+  if (request.body && !request.body->Empty()) facts.bodyBytes = request.body->Size();
+  zr::BuildStandardVariables(facts, variables);
+}
+
+}  // namespace
+
 ZrCgi::ZrCgi(ZrRinvalScheduler2& scheduler, ZrPipeExecLimits limits, std::size_t mostRuns)
     : limits_(limits), runs_(scheduler, mostRuns) {}
 
@@ -29,7 +81,13 @@ bool ZrCgi::RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHead
   // Programs change their working directory: the path must hold from everywhere.
   const std::string script = zr::AbsolutePath(zr::SystemDirectory(directory) + path);
   ZrCgiVariables variables = {{"REDIRECT_STATUS", "CGI"}, {"SCRIPT_FILENAME", script}};
-  if (!zr::BuildCgiVariables(*request, variables)) return false;
+  if (request->semantics->IsStandard()) {
+    variables.erase("SCRIPT_FILENAME");
+    AddStandardVariables(*request, zr::AbsolutePath(zr::SystemDirectory(directory)), path, script,
+                         variables);
+  } else if (!zr::BuildCgiVariables(*request, variables)) {
+    return false;
+  }
   const auto peer = request->peerWatch;
   runs_.Submit([this, &client, request, variables = std::move(variables),
                 program = kind == ZrScriptKind::kPhp ? client.phpInterpreter : script](

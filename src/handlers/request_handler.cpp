@@ -4,6 +4,7 @@
 
 #include "base/batch.h"
 #include "handlers/command_handler.h"
+#include "handlers/standard_files.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
 #include "http/protocol_kind.h"
@@ -239,11 +240,8 @@ bool ZrTransceiverClient::AnswerByRule(const ZrXHeader& request) {
 void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t status,
                                        std::string_view allow) {
   const auto answer = request.MakeResponse();
-  const std::string title =
-      std::to_string(status) + " " + std::string(answer->semantics->StatusPhrase(status));
   if (status != 204) {
-    answer->SetBodyText("<!DOCTYPE html>\n<html lang=\"en\"><head><title>" + title +
-                        "</title></head><body><h1>" + title + "</h1></body></html>\n");
+    zr::AnswerWithPage(request, *answer, status);
   }
   if (!allow.empty()) {
     answer->SetField("allow", allow);

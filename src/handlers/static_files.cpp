@@ -10,6 +10,7 @@
 #include "handlers/request_handler.h"
 #include "handlers/script_runner.h"
 #include "handlers/served_path.h"
+#include "handlers/standard_files.h"
 #include "html/error_page_404.h"
 #include "http/message_head.h"
 #include "http/response_head.h"
@@ -24,6 +25,13 @@ bool RefuseMethod(ZrTransceiverClient& client, const ZrXHeader& request) {
   }
   client.AnswerStatus(request, 405, "GET, HEAD, POST, OPTIONS");
   return true;
+}
+
+// Hidden names are, but for the one folder that the whole web knows (RFC 8615).
+bool IsServed(const ZrXHeader& request, std::string_view path) {
+  constexpr std::string_view kWellKnown = ".well-known/";
+  const bool known = request.semantics->IsStandard() && path.starts_with(kWellKnown);
+  return zr::IsServedPath(known ? path.substr(kWellKnown.size()) : path);
 }
 
 /// What a stored page raises while it is made or sent ends in the 404 answer.
@@ -54,7 +62,7 @@ bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
     return ServeDefaultDocument(client, request);
   }
   const std::string path = request->path.substr(request->path.empty() ? 0 : 1);
-  if (!zr::IsServedPath(path)) {
+  if (!IsServed(*request, path)) {
     return false;
   }
   if (client.application != nullptr && client.application->hasStoredValue(path)) {
@@ -67,10 +75,15 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const ZrXHeader& reque
                              const std::string& path, ZrServedFiles::Found found) {
   if (RefuseMethod(client, request)) return true;
   const auto answer = request.MakeResponse();
-  answer->SetStatus(200);
-  answer->SetFileBody(zr::NormalizeDirectoryPath(client.startDirectory) + path, found.file->Size());
-  answer->SetBodyFile(std::move(found.file));
-  answer->fileBytes = std::move(found.bytes);
+  std::string name = zr::NormalizeDirectoryPath(client.startDirectory) + path;
+  if (request.semantics->IsStandard()) {
+    zr::AnswerWithFile(request, *answer, std::move(name), std::move(found), types_);
+  } else {
+    answer->SetStatus(200);
+    answer->SetFileBody(std::move(name), found.file->Size());
+    answer->SetBodyFile(std::move(found.file));
+    answer->fileBytes = std::move(found.bytes);
+  }
   client.SendAnswer(request, answer);
   return true;
 }
@@ -93,7 +106,7 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
            files_.IsAtHand(directory, "index.html");
   }
   const std::string path = request.path.substr(request.path.empty() ? 0 : 1);
-  if (!zr::IsServedPath(path)) return true;
+  if (!IsServed(request, path)) return true;
   if (path.starts_with(client.cgiUrlPrefix) || path.ends_with(client.scriptExtension)) return false;
   if (client.application != nullptr && client.application->hasStoredValue(path)) return false;
   return files_.IsAtHand(directory, path);
@@ -122,12 +135,43 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
   if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension)) {
     return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   }
+  if (found.file->IsDirectory() && request->semantics->IsStandard()) {
+    return ServeDirectory(client, request, path);
+  }
   return SendFile(client, *request, path, std::move(found));
+}
+
+// What a directory answers in standard semantics: its own page, at an address that ends with a
+// slash, so that the links of the page lead where they are meant to.
+bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
+                                   const std::shared_ptr<ZrXHeader>& request,
+                                   const std::string& path) {
+  if (RefuseMethod(client, *request)) return true;
+  if (!path.ends_with('/')) {
+    const auto answer = request->MakeResponse();
+    zr::AnswerWithPage(*request, *answer, 301);
+    answer->SetField("Location", zr::DirectoryAddress(*request));
+    client.SendAnswer(*request, answer);
+    return true;
+  }
+  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string script = path + "index" + client.scriptExtension;
+  if (files_.Find(directory, script).file) {
+    return scripts_ && scripts_->RunScript(client, request, script, ZrScriptKind::kPhp);
+  }
+  const std::string page = path + "index.html";
+  ZrServedFiles::Found index = files_.Find(directory, page);
+  return index.file && !index.file->IsDirectory() &&
+         SendFile(client, *request, page, std::move(index));
 }
 
 void ZrStaticFiles::AnswerNotFound(ZrTransceiverClient& client,
                                    const std::shared_ptr<ZrXHeader>& request) {
   const auto answer = request->MakeResponse();
+  if (request->semantics->IsStandard()) {
+    zr::AnswerWithPage(*request, *answer, 404);
+    return client.SendAnswer(*request, answer);
+  }
   answer->SetStatus(404);
   answer->body = std::make_unique<ZrStringBuf>();
   answer->body->Append(notFoundPage_);

@@ -186,6 +186,7 @@ class ZrXHeader : public ZrJob {
   std::uint64_t declaredLength = 0;  // received: the "content-length" field
   std::string filePath;
   std::shared_ptr<const ZrFile> bodyFile;
+  std::uint64_t fileOffset = 0;                  // of the body's first byte in the file
   std::shared_ptr<const std::string> fileBytes;  // the whole file, where it is in memory already
   bool cgiHeadPending = false;                   // `body` begins with the head lines of a program
   bool closeRequested = false;                   // the "connection" field asks for "close"

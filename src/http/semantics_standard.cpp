@@ -10,7 +10,7 @@
 #include "http/head_text.h"
 #include "http/http_date.h"
 #include "http/message_head.h"
-#include "http/program_head.h"
+#include "http/program_answer.h"
 #include "http/response_head.h"
 #include "http/standard_head.h"
 #include "http/status_phrases.h"
@@ -20,7 +20,9 @@ namespace {
 constexpr std::uint64_t kBadRequest = 400;
 constexpr std::uint64_t kRequestTimeout = 408;
 constexpr std::uint64_t kContentTooLarge = 413;
+constexpr std::uint64_t kFound = 302;
 constexpr std::uint64_t kInternalError = 500;
+constexpr std::uint64_t kBadGateway = 502;
 constexpr std::uint64_t kInsufficientStorage = 507;
 
 // The rest of a refused request is not read, so the connection cannot be used again.
@@ -116,26 +118,23 @@ bool IsServersOwn(std::string_view name) {
          name == "date" || name == "server" || name == "keep-alive";
 }
 
-// What a program writes in front of its page becomes fields and the status of the answer.
+// What a program writes in front of its page becomes fields and the status of the answer. The
+// answer to a local redirect is asked for by the client: that leads to the same page, and its
+// address is the right one then.
 void TakeProgramHead(ZrXHeader& answer) {
   answer.cgiHeadPending = false;
   if (!answer.body) return;
-  const std::size_t size = zr::ProgramHeadSize(answer.body->Unread());
-  std::string_view head = answer.body->Unread().substr(0, size);
-  for (;;) {
-    const std::string_view line = head.substr(0, head.find('\r'));
-    if (line.empty()) break;
-    const std::string_view name = line.substr(0, line.find(':'));
-    const std::string_view value = zr::TrimBlanks(line.substr(name.size() + 1));
-    if (zr::EqualsIgnoringCase(name, "status")) {
-      const auto status = zr::ParseDigits(value.substr(0, 3));
-      if (status && *status >= 200) answer.SetStatus(*status);
-    } else {
-      answer.AddField(name, value);
-    }
-    head.remove_prefix(line.size() + 2);
+  ZrProgramAnswer program = zr::ReadProgramAnswer(answer.body->Unread());
+  if (program.read != ZrProgramAnswer::Read::kComplete) {
+    answer.body->Clear();
+    return answer.SetStatus(kBadGateway);
   }
-  answer.body->Consume(size);
+  answer.SetStatus(program.status);
+  for (const auto& [name, value] : program.fields) answer.AddField(name, value);
+  answer.body->Consume(program.headBytes);
+  if (program.localRedirect.empty()) return;
+  answer.SetStatus(kFound);
+  answer.SetField("location", program.localRedirect);
 }
 
 bool HasNoBody(std::uint64_t status) { return status < 200 || status == 204 || status == 304; }

@@ -31,12 +31,17 @@ class ZrFile {
   /// Opens a file by its path in the system's form, wherever it lies. Nothing when it is not there.
   static std::shared_ptr<const ZrFile> Open(const std::string& path);
 
-  bool IsRegular() const noexcept { return !directory_; }
-  bool IsDirectory() const noexcept { return directory_; }
+  bool IsRegular() const noexcept { return !facts_.directory; }
+  bool IsDirectory() const noexcept { return facts_.directory; }
   /// Bytes in the file when it was opened; 0 for a directory.
-  std::uint64_t Size() const noexcept { return size_; }
+  std::uint64_t Size() const noexcept { return facts_.size; }
   /// Seconds since 1970 of the last change of the content when it was opened.
-  std::int64_t ModifiedSeconds() const noexcept { return modified_; }
+  std::int64_t ModifiedSeconds() const noexcept { return facts_.modified / 1'000'000'000; }
+  /// The same in nanoseconds.
+  std::int64_t ModifiedNs() const noexcept { return facts_.modified; }
+  /// With Node(): which file it is, whatever its name.
+  std::uint64_t Device() const noexcept { return facts_.device; }
+  std::uint64_t Node() const noexcept { return facts_.node; }
   /// Fills the target from that offset. Returns the bytes read, fewer than asked for only at the
   /// end of the file (which may have moved since the opening); nothing when the disk failed.
   std::optional<std::size_t> ReadAt(std::uint64_t offset, std::span<char> target) const;
@@ -48,18 +53,20 @@ class ZrFile {
 
  private:
   friend class ZrDirectory;
-  ZrFile(ZrDescriptor descriptor, bool directory, std::uint64_t size,
-         std::int64_t modified) noexcept
-      : descriptor_(std::move(descriptor)),
-        directory_(directory),
-        size_(size),
-        modified_(modified) {}
+  struct Facts {
+    bool directory = false;
+    std::uint64_t size = 0;
+    std::int64_t modified = 0;  // nanoseconds since 1970
+    std::uint64_t device = 0;
+    std::uint64_t node = 0;
+  };
+
+  ZrFile(ZrDescriptor descriptor, const Facts& facts) noexcept
+      : descriptor_(std::move(descriptor)), facts_(facts) {}
   static std::shared_ptr<const ZrFile> FromDescriptor(ZrDescriptor descriptor);
 
   ZrDescriptor descriptor_;
-  bool directory_;
-  std::uint64_t size_;
-  std::int64_t modified_;
+  Facts facts_;
 };
 
 /// What is known of a file without waiting for the disk.

@@ -13,17 +13,18 @@ namespace {
 // The head stands in the buffer. A small file is read in behind it: one call to the system then
 // sends both. The length was announced; a file that has fewer bytes by now ends the connection.
 void QueueFile(ZrTransceiverConnection& connection, std::unique_ptr<ZrStringBuf> out,
-               std::shared_ptr<const ZrFile> file, std::uint64_t length) {
+               std::shared_ptr<const ZrFile> file, std::uint64_t offset, std::uint64_t length) {
   std::uint64_t inlined = 0;
   if (length <= zr::kInlineFileSize) {
     const std::span<char> space = out->Prepare(static_cast<std::size_t>(length));
     const std::size_t got =
-        file->ReadAt(0, space.first(static_cast<std::size_t>(length))).value_or(0);
+        file->ReadAt(offset, space.first(static_cast<std::size_t>(length))).value_or(0);
     out->Commit(got);
     inlined = got;
   }
   connection.SendBuffer(out);
-  if (inlined < length) connection.SendFileBytes(std::move(file), inlined, length - inlined);
+  if (inlined < length)
+    connection.SendFileBytes(std::move(file), offset + inlined, length - inlined);
 }
 
 std::unique_ptr<ZrStringBuf> CopyOf(const std::unique_ptr<ZrStringBuf>& body) {
@@ -74,6 +75,6 @@ std::uint64_t zr::QueueMessage(ZrTransceiverConnection& connection, ZrXHeader& h
     connection.SendBuffer(out);
     return headSize + head.contentLength;
   }
-  QueueFile(connection, std::move(out), std::move(file), head.contentLength);
+  QueueFile(connection, std::move(out), std::move(file), head.fileOffset, head.contentLength);
   return headSize + head.contentLength;
 }

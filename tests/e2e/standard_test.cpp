@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <filesystem>
 #include <set>
 
 #include "host/application.h"
@@ -150,6 +151,61 @@ TEST_F(Standard, AnswersInOrderAndSaysWhyItCloses) {
     EXPECT_EQ(statuses, std::vector<std::string>(c.statuses.begin(), c.statuses.end())) << got;
     EXPECT_EQ(got.find("\r\nConnection: close\r\n") != got.npos, c.closes) << got;
   }
+}
+
+TEST_F(Standard, FilesHaveTypesVersionsAndParts) {
+  folder_.Write("app.mjs", "export {};");
+  folder_.Write("sub dir/index.html", "inside");
+  folder_.Write(".well-known/x.json", "{}");
+  folder_.Write("large", std::string(100'000, 'a') + "z");
+  const auto fields = [&](const std::string& path, std::vector<std::string> words = {}) {
+    words.insert(words.end(), {"-D", "-", "-o", "/dev/null"});
+    return Curl(path, words).out;
+  };
+  const auto field = [&](const std::string& path, const std::string& name,
+                         std::vector<std::string> words = {}) {
+    const std::string head = fields(path, std::move(words));
+    const std::size_t at = head.find("\r\n" + name + ": ");
+    if (at == head.npos) return std::string("-");
+    const std::size_t begin = at + name.size() + 4;
+    return head.substr(begin, head.find("\r\n", begin) - begin);
+  };
+  EXPECT_EQ(field("/app.mjs", "Content-Type"), "text/javascript; charset=utf-8");
+  EXPECT_EQ(field("/.well-known/x.json", "Content-Type"), "application/json");
+  EXPECT_EQ(field("/a%20b", "Content-Type"), "application/octet-stream");
+  EXPECT_EQ(field("/app.mjs", "Accept-Ranges"), "bytes");
+  // A version that the client has is not sent again; one that it does not mean is refused.
+  const std::string tag = field("/app.mjs", "Etag");
+  const std::string date = field("/app.mjs", "Last-Modified");
+  EXPECT_EQ(Asked("/app.mjs", {"-H", "If-None-Match: " + tag}), "|304");
+  EXPECT_EQ(Asked("/app.mjs", {"-H", "If-Modified-Since: " + date}), "|304");
+  EXPECT_TRUE(Asked("/app.mjs", {"-H", "If-Match: \"other\""}).ends_with("|412"));
+  EXPECT_NE(field("/large", "Etag"), tag);
+  // Parts, from memory and from the disk.
+  EXPECT_EQ(Asked("/app.mjs", {"-r", "0-5"}), "export|206");
+  EXPECT_EQ(Asked("/large", {"-r", "99999-"}), "az|206");
+  EXPECT_EQ(Asked("/large", {"-r", "-1"}), "z|206");
+  EXPECT_EQ(field("/large", "Content-Range", {"-r", "-1"}), "bytes 100000-100000/100001");
+  EXPECT_EQ(Asked("/large", {"-r", "1-99000"}).size(), 99'000u + 4);
+  EXPECT_TRUE(Asked("/large", {"-r", "200000-"}).ends_with("|416"));
+  const std::string several = Asked("/app.mjs", {"-r", "0-1,7-7"});
+  EXPECT_NE(several.find("bytes 0-1/10\r\n\r\nex\r\n--"), several.npos) << several;
+  EXPECT_TRUE(several.ends_with("--\r\n|206"));
+  // What a program says in its head is what the answer says.
+  folder_.Write(
+      "cgi-bin/go",
+      "#!/bin/sh\nprintf 'Status: 303 Over there\\nLocation: https://a.example/\\nSet-Cookie: "
+      "a=1\\nSet-Cookie: b=2\\n\\n%s' \"$REQUEST_URI\"\n");
+  std::filesystem::permissions(folder_.Path("cgi-bin/go"), std::filesystem::perms::owner_all);
+  EXPECT_EQ(Asked("/cgi-bin/go?x"), "/cgi-bin/go?x|303");
+  EXPECT_EQ(field("/cgi-bin/go", "Location"), "https://a.example/");
+  // A directory's page stands behind its slash.
+  EXPECT_EQ(field("/sub%20dir?q", "Location"), "/sub%20dir/?q");
+  EXPECT_EQ(Asked("/sub%20dir/"), "inside|200");
+  EXPECT_TRUE(Asked("/none").ends_with("|404"));
+  EXPECT_NE(Asked("/none", {"-H", "Accept: application/json"}).find("{\"status\":404"),
+            std::string::npos);
+  EXPECT_TRUE(Asked("/.git/config", {"--path-as-is"}).ends_with("|404"));
 }
 
 }  // namespace

@@ -91,9 +91,13 @@ std::shared_ptr<const ZrFile> ZrFile::FromDescriptor(ZrDescriptor descriptor) {
   if (!descriptor.IsOpen() || ::fstat(descriptor.Get(), &status) != 0) return nullptr;
   const bool directory = S_ISDIR(status.st_mode);
   if (!directory && !S_ISREG(status.st_mode)) return nullptr;
-  const auto size = directory ? 0 : static_cast<std::uint64_t>(status.st_size);
-  return std::shared_ptr<const ZrFile>(
-      new ZrFile(std::move(descriptor), directory, size, status.st_mtim.tv_sec));
+  const ZrFile::Facts facts{
+      .directory = directory,
+      .size = directory ? 0 : static_cast<std::uint64_t>(status.st_size),
+      .modified = std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec,
+      .device = status.st_dev,
+      .node = status.st_ino};
+  return std::shared_ptr<const ZrFile>(new ZrFile(std::move(descriptor), facts));
 }
 
 std::shared_ptr<const ZrFile> ZrFile::OpenBeneath(std::string_view directory,
