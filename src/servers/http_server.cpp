@@ -152,7 +152,7 @@ void ZrTransceiverServerL1HTTP::LeaveToQueue(const ConnectionPointer& connection
 bool ZrTransceiverServerL1HTTP::HasBodyUnderWay(const std::string& connectionName) {
   ZrLock hold(requestLock_);
   const auto found = exchanges_.find(connectionName);
-  return found != exchanges_.end() && found->second.head && !found->second.head->InHead();
+  return found != exchanges_.end() && found->second.bodyUnderWay;
 }
 
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::TakeComplete(
@@ -178,7 +178,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
   }
   if (step == ZrReadStep::kHead) {
     connection->BeginHead(head->semantics);
-    Rest(connection->JobName());
+    Rest(connection->JobName(), false);
     return nullptr;
   }
   connection->EndHead();
@@ -193,7 +193,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
   }
   if (step == ZrReadStep::kBody || step == ZrReadStep::kContinue) {
     connection->NoteBody(*head->semantics, head->BodyBytes(), head->body->HeapBytes());
-    Rest(connection->JobName());
+    Rest(connection->JobName(), true);
     return nullptr;
   }
   connection->EndBody();
@@ -299,14 +299,16 @@ void ZrTransceiverServerL1HTTP::DropMessage(const std::string& connectionName) {
   const auto found = exchanges_.find(connectionName);
   if (found == exchanges_.end()) return;
   dropped = std::move(found->second.head);
-  found->second.atWork = false;
+  found->second.atWork = found->second.bodyUnderWay = false;
 }
 
 // More of the message is to come.
-void ZrTransceiverServerL1HTTP::Rest(const std::string& connectionName) {
+void ZrTransceiverServerL1HTTP::Rest(const std::string& connectionName, bool bodyUnderWay) {
   ZrLock hold(requestLock_);
   const auto found = exchanges_.find(connectionName);
-  if (found != exchanges_.end()) found->second.atWork = false;
+  if (found == exchanges_.end()) return;
+  found->second.atWork = false;
+  found->second.bodyUnderWay = bodyUnderWay;
 }
 
 void ZrTransceiverServerL1HTTP::ForgetConnection(const std::string& connectionName,

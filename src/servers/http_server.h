@@ -55,6 +55,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   struct Exchange {
     std::shared_ptr<ZrXHeader> head;  // the message being assembled; none between messages
     bool atWork = false;              // a thread reads it or hands it out
+    bool bodyUnderWay = false;        // its head is there, its body is not
     bool complete = false;            // it has arrived, and its turn has begun
     std::string task;                 // the joined task made for its messages; empty: none was made
     std::shared_ptr<const ZrMessageEnds> ends;  // what its messages carry
@@ -90,7 +91,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   std::shared_ptr<ZrXHeader> MessageOf(const ConnectionPointer& connection,
                                        const HandlerPointer& client);
   bool IsAtWork(const std::string& connectionName);
-  void Rest(const std::string& connectionName);
+  void Rest(const std::string& connectionName, bool bodyUnderWay);
   void DropMessage(const std::string& connectionName);
   void ForgetConnection(const std::string& connectionName, const HandlerPointer& client);
   /// Reads what has arrived in the connection's turn; the message when that is complete.
