@@ -21,7 +21,7 @@ TEST(CgiRunsTest, NoMoreThanAllowedHappenAtOnceAndTheOthersKeepTheirOrder) {
   std::counting_semaphore<> mayEnd(0);
   std::atomic<int> happening = 0;
   std::mutex lock;
-  std::vector<int> order;
+  std::vector<std::size_t> order;
   const auto begun = [&] {
     std::lock_guard hold(lock);
     return order.size();
@@ -54,19 +54,19 @@ TEST(CgiRunsTest, RunsWhosePeerHasGoneAreDroppedWithWhatTheyHold) {
   runs.Submit([&](const ZrWakeFlag&) { EXPECT_TRUE(mayEnd.try_acquire_for(seconds(20))); });
   const auto held = std::make_shared<int>(0);
   std::vector<std::shared_ptr<ZrPeerWatch>> peers;
-  std::vector<int> order;
-  for (int i = 0; i < 6; ++i) {
+  std::vector<std::size_t> order;
+  for (std::size_t i = 0; i < 6; ++i) {
     peers.push_back(std::make_shared<ZrPeerWatch>());
     if (i == 5) peers[5]->MarkGone();
     runs.Submit([&order, held, i](const ZrWakeFlag&) { order.push_back(i); }, peers[i]);
   }
   EXPECT_EQ(held.use_count(), 6);
-  for (const int gone : {0, 3}) peers[gone]->MarkGone();
+  for (const std::size_t gone : {0U, 3U}) peers[gone]->MarkGone();
   EXPECT_EQ(held.use_count(), 4);
   mayEnd.release();
   EXPECT_TRUE(zrtest::WaitFor([&] { return held.use_count() == 1; }));
   runs.Stop();
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 4}));
+  EXPECT_EQ(order, (std::vector<std::size_t>{1, 2, 4}));
   for (const auto& peer : peers) peer->MarkGone();  // nobody is told any more
 }
 
