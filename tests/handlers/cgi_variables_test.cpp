@@ -17,20 +17,24 @@ using std::string_view_literals::operator""sv;
 
 using Fields = std::vector<std::pair<std::string_view, std::string_view>>;
 
-/// The variables of a request, "NAME=value" each, sorted; empty when it is refused.
-std::vector<std::string> Variables(ZrMessageType type, const Fields& fields) {
-  const auto request = zr::MakeJob<ZrXHeader>(type, zr::kProtocolHttp);
-  request->query = "a=1&b=%20";
-  for (const auto& [name, value] : fields) request->headers.Append(name, value);
-  ZrCgiVariables variables;
-  std::vector<std::string> lines;
-  const bool taken = zr::BuildCgiVariables(*request, variables);
-  EXPECT_EQ(taken, !variables.empty());
+using Lines = std::vector<std::string>;
+
+/// "NAME=value" each, sorted.
+Lines LinesOf(const ZrCgiVariables& variables) {
+  Lines lines;
   for (const auto& [name, value] : variables) lines.push_back(name + "=" + value);
   return lines;
 }
 
-using Lines = std::vector<std::string>;
+/// The variables of a request; empty when it is refused.
+Lines Variables(ZrMessageType type, const Fields& fields) {
+  const auto request = zr::MakeJob<ZrXHeader>(type, zr::kProtocolHttp);
+  request->query = "a=1&b=%20";
+  for (const auto& [name, value] : fields) request->headers.Append(name, value);
+  ZrCgiVariables variables;
+  EXPECT_EQ(zr::BuildCgiVariables(*request, variables), !variables.empty());
+  return LinesOf(variables);
+}
 
 TEST(CgiVariablesTest, MethodsHaveTheirOwn) {
   EXPECT_EQ(Variables(ZrMessageType::kGet, {{":first:", "GET"}, {"content-length", "3"}}),
@@ -72,19 +76,17 @@ TEST(CgiVariablesTest, OnlyHarmlessFieldsBecomeVariables) {
 }
 
 TEST(CgiVariablesTest, StandardSemanticsGiveEveryMetaVariable) {
+  const std::pair<const char*, const char*> sent[] = {{":first:", "POST"},
+                                                      {"authorization", "Basic dTpw"},
+                                                      {"content-type", "text/x; a=b"},
+                                                      {"cookie", "a=1"},
+                                                      {"cookie", "b=2"},
+                                                      {"accept", "a/b"},
+                                                      {"accept", "c/d"},
+                                                      {"host", "example.org:8080"},
+                                                      {"proxy", "evil"}};
   ZrHeaderFields fields;
-  for (const auto& [name, value] :
-       std::initializer_list<std::pair<const char*, const char*>>{{":first:", "POST"},
-                                                                  {"authorization", "Basic dTpw"},
-                                                                  {"content-type", "text/x; a=b"},
-                                                                  {"cookie", "a=1"},
-                                                                  {"cookie", "b=2"},
-                                                                  {"accept", "a/b"},
-                                                                  {"accept", "c/d"},
-                                                                  {"host", "example.org:8080"},
-                                                                  {"proxy", "evil"}}) {
-    fields.Append(name, value);
-  }
+  for (const auto& [name, value] : sent) fields.Append(name, value);
   zr::ProgramRequest request{.method = "POST",
                              .protocol = "HTTP/1.1",
                              .target = "/cgi-bin/x%20y/extra?a=%31",
@@ -102,34 +104,33 @@ TEST(CgiVariablesTest, StandardSemanticsGiveEveryMetaVariable) {
                              .fields = &fields};
   ZrCgiVariables variables;
   zr::BuildStandardVariables(request, variables);
-  const ZrCgiVariables expected = {{"AUTH_TYPE", "Basic"},
-                                   {"CONTENT_LENGTH", "3"},
-                                   {"CONTENT_TYPE", "text/x; a=b"},
-                                   {"DOCUMENT_ROOT", "/srv/www"},
-                                   {"GATEWAY_INTERFACE", "CGI/1.1"},
-                                   {"HTTPS", "on"},
-                                   {"HTTP_ACCEPT", "a/b, c/d"},
-                                   {"HTTP_AUTHORIZATION", "Basic dTpw"},
-                                   {"HTTP_CONTENT_TYPE", "text/x; a=b"},
-                                   {"HTTP_COOKIE", "a=1; b=2"},
-                                   {"HTTP_HOST", "example.org:8080"},
-                                   {"PATH_INFO", "/extra"},
-                                   {"PATH_TRANSLATED", "/srv/www/extra"},
-                                   {"QUERY_STRING", "a=%31"},
-                                   {"REDIRECT_STATUS", "200"},
-                                   {"REMOTE_ADDR", "10.0.0.2"},
-                                   {"REMOTE_PORT", "40000"},
-                                   {"REQUEST_METHOD", "POST"},
-                                   {"REQUEST_SCHEME", "https"},
-                                   {"REQUEST_URI", "/cgi-bin/x%20y/extra?a=%31"},
-                                   {"SCRIPT_FILENAME", "/srv/www/cgi-bin/x y"},
-                                   {"SCRIPT_NAME", "/cgi-bin/x y"},
-                                   {"SERVER_ADDR", "10.0.0.1"},
-                                   {"SERVER_NAME", "example.org"},
-                                   {"SERVER_PORT", "8080"},
-                                   {"SERVER_PROTOCOL", "HTTP/1.1"},
-                                   {"SERVER_SOFTWARE", "velkoro/1.28.1"}};
-  EXPECT_EQ(variables, expected);
+  EXPECT_EQ(LinesOf(variables), (Lines{"AUTH_TYPE=Basic",
+                                       "CONTENT_LENGTH=3",
+                                       "CONTENT_TYPE=text/x; a=b",
+                                       "DOCUMENT_ROOT=/srv/www",
+                                       "GATEWAY_INTERFACE=CGI/1.1",
+                                       "HTTPS=on",
+                                       "HTTP_ACCEPT=a/b, c/d",
+                                       "HTTP_AUTHORIZATION=Basic dTpw",
+                                       "HTTP_CONTENT_TYPE=text/x; a=b",
+                                       "HTTP_COOKIE=a=1; b=2",
+                                       "HTTP_HOST=example.org:8080",
+                                       "PATH_INFO=/extra",
+                                       "PATH_TRANSLATED=/srv/www/extra",
+                                       "QUERY_STRING=a=%31",
+                                       "REDIRECT_STATUS=200",
+                                       "REMOTE_ADDR=10.0.0.2",
+                                       "REMOTE_PORT=40000",
+                                       "REQUEST_METHOD=POST",
+                                       "REQUEST_SCHEME=https",
+                                       "REQUEST_URI=/cgi-bin/x%20y/extra?a=%31",
+                                       "SCRIPT_FILENAME=/srv/www/cgi-bin/x y",
+                                       "SCRIPT_NAME=/cgi-bin/x y",
+                                       "SERVER_ADDR=10.0.0.1",
+                                       "SERVER_NAME=example.org",
+                                       "SERVER_PORT=8080",
+                                       "SERVER_PROTOCOL=HTTP/1.1",
+                                       "SERVER_SOFTWARE=velkoro/1.28.1"}));
 
   // Without host, body, extra path and TLS; then hosts in every form.
   const ZrHeaderFields none;

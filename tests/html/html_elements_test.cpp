@@ -4,16 +4,20 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <sstream>
 #include <string>
+#include <typeindex>
 #include <utility>
 
 #include "base/exception.h"
 #include "html/error_page_404.h"
 #include "html/form_elements.h"
 #include "html/html_document.h"
+#include "html/html_dtd.h"
 #include "html/html_text.h"
 #include "html/plain_elements.h"
+#include "markup/element_reader_stream.h"
 #include "tests/markup/dump.h"
 
 namespace {
@@ -51,6 +55,25 @@ TEST(HtmlElements, WriteTheirAttributesAndText) {
       {script.ToText(), "<script type=\"text/javascript\">\n<!--\n\ngo();\n//-->\n\n</script>"},
   };
   for (const auto& [written, expected] : cases) EXPECT_EQ(written, expected);
+}
+
+TEST(HtmlElements, TheReaderMakesEachTagItsOwnClass) {
+  std::istringstream nothing;
+  ZrDTDElementReaderStream reader(nothing, zr::HtmlDocumentKinds());
+  for (const char* const kind : {"html", "xmlhtml"}) {
+    ZrDTD& dtd = *reader.FindDTD(kind);
+    std::set<std::type_index> classes;
+    for (const auto& [tag, make] : dtd.TagFactories()) {
+      SCOPED_TRACE(tag);
+      const auto made = zr::CreateElement(dtd, tag);
+      ZrXMLGenericElement& element = *made;
+      EXPECT_EQ(element.Name(), tag);
+      EXPECT_TRUE(element.OwnLine() && classes.insert(typeid(element)).second);
+      EXPECT_EQ(element.IsClosed(), dtd.VoidNames().contains(tag));
+    }
+    EXPECT_EQ(classes.size(), 115u);
+    EXPECT_EQ(dtd.VoidNames().size(), 16u);
+  }
 }
 
 TEST(HtmlElements, TextGrowsAndIsFoundAsText) {

@@ -36,24 +36,15 @@ TEST(ByteRangesTest, FieldsAreReadForABodyOfTenBytes) {
       {"bytes=0-0, 2-3 ,,-1", "0-0,2-3,9-9,"},
       {"bytes=7-,0-1,30-", "7-9,0-1,"},
       {"bytes=0-4,4-8", "0-4,4-8,"},  // overlapping, and as much as the body
-      {"bytes=0-5,4-8", "whole"},     // ... more than it
-      {"bytes=0-,0-", "whole"},
       {sixteen, "0-0,"},
-      {sixteen + ",-1", "whole"},
-      {"bytes=4-3", "whole"},
-      {"bytes=0-4,4-3", "whole"},
-      {"bytes=", "whole"},
-      {"bytes=,", "whole"},
-      {"bytes=-", "whole"},
-      {"bytes=--1", "whole"},
-      {"bytes=+1-2", "whole"},
-      {"bytes=0x1-2", "whole"},
-      {"bytes=1 - 2", "whole"},
-      {"bytes 0-4", "whole"},
-      {"lines=0-4", "whole"},
-      {"", "whole"},
   };
   for (const auto& c : cases) EXPECT_EQ(Read(c.field, 10), c.result) << c.field;
+  // More than the body, more ranges than 16, and what cannot be read.
+  const std::string whole[] = {
+      "bytes=0-5,4-8", "bytes=0-,0-", sixteen + ",-1", "bytes=4-3", "bytes=0-4,4-3",
+      "bytes=",        "bytes=,",     "bytes=-",       "bytes=--1", "bytes=+1-2",
+      "bytes=0x1-2",   "bytes=1 - 2", "bytes 0-4",     "lines=0-4", ""};
+  for (const std::string& field : whole) EXPECT_EQ(Read(field, 10), "whole") << field;
   EXPECT_EQ(Read("bytes=0-", 0), "none");
   EXPECT_EQ(Read("bytes=-1", 0), "none");
 }

@@ -17,14 +17,11 @@ TEST(ContentTypesTest, LastExtensionOfTheNameDecides) {
       {"v.mp4", "video/mp4"},
       {"site.webmanifest", "application/manifest+json"},
       {"3.7z", "application/x-7z-compressed"},
-      {"a.html/plain", "application/octet-stream"},
-      {"html", "application/octet-stream"},
-      {"a.", "application/octet-stream"},
-      {"", "application/octet-stream"},
-      {"a.zzz", "application/octet-stream"},
-      {"a.htm\xff", "application/octet-stream"},
   };
   for (const auto& [path, type] : kCases) EXPECT_EQ(types.TypeOf(path), type) << path;
+  for (const char* path : {"a.html/plain", "html", "a.", "", "a.zzz", "a.htm\xff"}) {
+    EXPECT_EQ(types.TypeOf(path), "application/octet-stream") << path;
+  }
   EXPECT_EQ(types.TypeOf("a." + std::string(1 << 16, 'x')), "application/octet-stream");
 }
 
@@ -43,11 +40,11 @@ TEST(ContentTypesTest, SetTypesComeBeforeBuiltInOnesBeforeThoseOfTheSystem) {
       {"a.sys", "text/x-sys; charset=utf-8"},
       {"a.SYS2", "text/x-sys; charset=utf-8"},
       {"a.html", "text/html; charset=utf-8"},
-      {"a.x1", "application/octet-stream"},
-      {"a.x2", "application/octet-stream"},
-      {"a.x3", "application/octet-stream"},
   };
   for (const auto& [path, type] : kCases) EXPECT_EQ(types.TypeOf(path), type) << path;
+  for (const char* path : {"a.x1", "a.x2", "a.x3"}) {
+    EXPECT_EQ(types.TypeOf(path), "application/octet-stream") << path;
+  }
   constexpr std::pair<const char*, const char*> kRefused[] = {
       {"", "text/x"}, {".", "text/x"},   {"a/b", "text/x"},        {"a", "text"}, {"a", "text/"},
       {"a", "/x"},    {"a", "text/x y"}, {"a", "text/x;\r\nA: b"}, {"a", ""},

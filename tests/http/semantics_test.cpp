@@ -226,7 +226,7 @@ TEST(Semantics, ReadRequestsHoweverTheyAreCut) {
 TEST(Semantics, TargetsAreDecodedOnce) {
   struct TargetCase {
     const char* text;
-    const char* path;  // none: malformed
+    const char* path;
     const char* query;
   };
   const TargetCase cases[] = {
@@ -238,27 +238,17 @@ TEST(Semantics, TargetsAreDecodedOnce) {
       {"HTTPS://[::1]:1", "/", ""},
       {"http://h?q", "/", "q"},
       {"*", "*", ""},
-      {"/a%2fb", nullptr, ""},
-      {"/%00", nullptr, ""},
-      {"/%4", nullptr, ""},
-      {"/a#b", nullptr, ""},
-      {"/a\x7F", nullptr, ""},
-      {"/a b", nullptr, ""},
-      {"", nullptr, ""},
-      {"a", nullptr, ""},
-      {"ftp://h/", nullptr, ""},
-      {"http:///a", nullptr, ""},
-      {"http://u@h/", nullptr, ""},
-      {"http://[::1/", nullptr, ""},
-      {"http://h:x/", nullptr, ""},
   };
   for (const TargetCase& c : cases) {
-    SCOPED_TRACE(c.text);
     const auto target = zr::ParseRequestTarget(c.text);
-    ASSERT_EQ(target.has_value(), c.path != nullptr);
-    if (!target) continue;
+    ASSERT_TRUE(target) << c.text;
     EXPECT_EQ(target->path, c.path);
     EXPECT_EQ(target->query, c.query);
+  }
+  for (const char* malformed :
+       {"/a%2fb", "/%00", "/%4", "/a#b", "/a\x7F", "/a b", "", "a", "ftp://h/", "http:///a",
+        "http://u@h/", "http://[::1/", "http://h:x/"}) {
+    EXPECT_FALSE(zr::ParseRequestTarget(malformed)) << malformed;
   }
 }
 
