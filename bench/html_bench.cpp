@@ -26,9 +26,8 @@ std::unique_ptr<ZrHTML_Document2> TablePage(std::int64_t rows) {
   for (std::int64_t row = 0; row < rows; ++row) {
     ZrHTML_tr2* const line = table->Adopt(std::make_unique<ZrHTML_tr2>());
     line->id.SetFromString("row");
-    for (const char* text : {"hall", "40 W", "on since nine o'clock"}) {
+    for (const char* text : {"hall", "40 W", "on since nine o'clock"})
       line->Adopt(std::make_unique<ZrHTML_td2>())->Adopt(std::make_unique<ZrHTML_text2>(text));
-    }
   }
   page->AddToBody(std::move(table));
   return page;

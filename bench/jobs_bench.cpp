@@ -127,9 +127,8 @@ void DeliverInline(benchmark::State& state) {
   const auto job = zr::MakeJob<CountingJob>();
   job->CreateJoinedTask("");
   const Allocations count(state);
-  for (auto _ : state) {
+  for (auto _ : state)
     ZrJobRegistry::Instance().Deliver(job->JobName(), DataArrived(job->JobName()));
-  }
 }
 BENCHMARK(DeliverInline);
 
@@ -165,9 +164,8 @@ void PostBurst(benchmark::State& state) {
   const auto burst = static_cast<std::size_t>(state.range(0));
   std::size_t sent = 0;
   for (auto _ : state) {
-    for (std::size_t i = 0; i < burst; ++i) {
+    for (std::size_t i = 0; i < burst; ++i)
       ZrJobRegistry::Instance().Post(job->JobName(), DataArrived(job->JobName()));
-    }
     job->Await(sent += burst);
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));

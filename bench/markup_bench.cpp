@@ -116,9 +116,8 @@ struct Tinyxml2 {
   using Document = std::unique_ptr<tinyxml2::XMLDocument>;
   static Document Read(const std::string& xml) {
     auto document = std::make_unique<tinyxml2::XMLDocument>();
-    if (document->Parse(xml.data(), xml.size()) != tinyxml2::XML_SUCCESS) {
+    if (document->Parse(xml.data(), xml.size()) != tinyxml2::XML_SUCCESS)
       throw std::runtime_error("tinyxml2");
-    }
     return document;
   }
   static std::string Write(const Document& document) {

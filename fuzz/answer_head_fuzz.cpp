@@ -29,9 +29,8 @@ struct Outcome {
 
 void Step(Outcome& outcome, Line line) {
   for (;;) {
-    if (!outcome.head) {
+    if (!outcome.head)
       outcome.head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, zr::kProtocolHttp);
-    }
     outcome.result = outcome.reader.Read(*outcome.head, outcome.rest, line, [&](ZrXHeader&) {
       ++outcome.callbacks;
       return true;
@@ -58,9 +57,8 @@ std::unique_ptr<Outcome> Read(std::string_view bytes, std::size_t pieceSize, Lin
 std::string Dump(const Outcome& outcome) {
   const ZrXHeader& head = *outcome.head;
   std::string text = std::to_string(head.status);
-  for (const auto& [name, values] : head.headers) {
+  for (const auto& [name, values] : head.headers)
     for (const std::string_view value : values) text.append("\n").append(name).append(value);
-  }
   text.append(outcome.reader.KeepsConnection() ? "\n\nkeep\n" : "\n\nclose\n");
   return text.append(head.body->Unread()).append("\n\n").append(outcome.rest.Unread());
 }

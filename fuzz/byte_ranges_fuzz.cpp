@@ -20,8 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     again += std::to_string(part.first) + "-" + std::to_string(part.last) + ",";
   }
   // Written again they mean the same.
-  if (!ranges.parts.empty()) {
+  if (!ranges.parts.empty())
     ZR_FUZZ_CHECK(zr::ReadByteRanges(again, bodySize).parts == ranges.parts);
-  }
   return 0;
 }

@@ -38,9 +38,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ZR_FUZZ_CHECK(taken.empty() || taken.find(line + "\r\n") != std::string::npos);
     const std::string name = line.substr(0, line.find(':'));
     ZR_FUZZ_CHECK(!zr::EqualsIgnoringCase(name, "transfer-encoding"));
-    if (zr::EqualsIgnoringCase(name, "content-length")) {
+    if (zr::EqualsIgnoringCase(name, "content-length"))
       ZR_FUZZ_CHECK(zr::ParseDigits(zr::TrimBlanks(line.substr(name.size() + 1))) == page.size());
-    }
     at = end + 2;
   }
   return 0;

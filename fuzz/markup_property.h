@@ -59,9 +59,8 @@ bool AllStable(const ZrXMLComplexElement& node, IsStable&& isStable) {
     });
     if (quoted) return false;
   }
-  for (const ZrXMLComplexElement* child : node.Children()) {
+  for (const ZrXMLComplexElement* child : node.Children())
     if (!AllStable(*child, isStable)) return false;
-  }
   return true;
 }
 

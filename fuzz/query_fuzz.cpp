@@ -60,14 +60,12 @@ void Find(ZrXMLGenericElement& from, std::string_view path, ZrXMLElementList& fo
   if (name.empty()) return;
   const bool last = bracket + 1 >= rest.size();
   for (ZrXMLGenericElement* element : named) {
-    if (value.empty() ? !element->HasAttribute(name) : !element->AttributeEquals(name, value)) {
+    if (value.empty() ? !element->HasAttribute(name) : !element->AttributeEquals(name, value))
       continue;
-    }
-    if (last) {
+    if (last)
       found.push_back(element);
-    } else {
+    else
       Find(*element, rest.substr(bracket + 2), found);
-    }
   }
 }
 

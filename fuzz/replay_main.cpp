@@ -15,11 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 int main(int argc, char** argv) {
   std::vector<std::filesystem::path> files;
-  for (int i = 1; i < argc; ++i) {
-    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
+  for (int i = 1; i < argc; ++i)
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
       files.push_back(entry.path());
-    }
-  }
   std::sort(files.begin(), files.end());
   for (const std::filesystem::path& file : files) {
     // A target that fails aborts; the last name printed is then the one to look at.

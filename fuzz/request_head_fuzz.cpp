@@ -36,9 +36,8 @@ Outcome Read(std::string_view bytes, std::size_t pieceSize) {
 
 std::string Dump(const ZrXHeader& head) {
   std::string text = head.path + "\n" + head.query + "\n" + std::to_string(head.declaredLength);
-  for (const auto& [name, values] : head.headers) {
+  for (const auto& [name, values] : head.headers)
     for (const std::string_view value : values) text.append("\n").append(name).append(value);
-  }
   for (const auto& block : head.blocks) text.append("\n").append(block->Text());
   return text.append("\n\n").append(head.body->Unread());
 }
@@ -107,9 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ZR_FUZZ_CHECK(whole.head->method == standard.head->method);
     ZR_FUZZ_CHECK(whole.head->declaredLength == standard.head->declaredLength);
     const std::string_view path = whole.head->path;
-    if (path.starts_with('/') && path.find('%') == path.npos && path.find("/.") == path.npos) {
+    if (path.starts_with('/') && path.find('%') == path.npos && path.find("/.") == path.npos)
       ZR_FUZZ_CHECK(path == standard.head->path);
-    }
   }
 
   const auto answer = whole.head->MakeResponse();

@@ -84,9 +84,8 @@ class Exchange {
         return script_.remove_prefix(std::min(raw.size(), script_.size()));
       }
       case 4:
-        if (const std::size_t at = Next(); at < line_.input.size()) {
+        if (const std::size_t at = Next(); at < line_.input.size())
           line_.input[at] = static_cast<char>(line_.input[at] ^ static_cast<char>(1 << Next() % 8));
-        }
         return;
       case 5:
         return line_.input.resize(line_.input.size() - std::min(line_.input.size(), Next()));

@@ -26,9 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   constexpr std::string_view kType = "application/x-www-form-urlencoded";
   const auto first = DecodeForm(kType, {reinterpret_cast<const char*>(data), size});
   std::string encoded;
-  for (const auto& block : first->blocks) {
+  for (const auto& block : first->blocks)
     encoded += "&" + Encode(block->Name()) + "=" + Encode(block->Text());
-  }
   const auto second = DecodeForm(kType, encoded);
   ZR_FUZZ_CHECK(first->blocks.size() == second->blocks.size());
   for (std::size_t i = 0; i < first->blocks.size(); ++i) {

@@ -13,9 +13,8 @@ int main() {
       "</house>\n"
       "<!-- measured in May -->\n");
 
-  for (const velkoro::Element& lamp : house.Query("house/room[name=attic]/lamp")) {
+  for (const velkoro::Element& lamp : house.Query("house/room[name=attic]/lamp"))
     std::cout << lamp.Attribute("watt", "?") << " W\n";
-  }
   std::cout << house.Query("//lamp").size() << " lamps\n";
 
   velkoro::Element hall = house.QueryFirst("//room[name=hall]");

@@ -27,9 +27,8 @@ constexpr const char* kDragScript = R"(function quarn_start_drag(element) {
 void AddRule(ZrHTML_style2& sheet, const std::string& selector,
              std::initializer_list<const char*> declarations) {
   ZrCSSRule* const rule = sheet.Adopt(std::make_unique<ZrCSSRule>(selector));
-  for (const char* declaration : declarations) {
+  for (const char* declaration : declarations)
     rule->Adopt(std::make_unique<ZrCSSProperty>(declaration, false));
-  }
 }
 
 std::unique_ptr<ZrHTML_style2> StyleSheet() {
@@ -150,9 +149,8 @@ std::string StartPage() {
   box->AppendText("Drag me");
   page.AddToBody(std::move(box));
   auto lamps = std::make_unique<ZrHTML_p2>();
-  for (const char* lamp : {"lamp lamp0", "lamp lamp1", "lamp lamp2"}) {
+  for (const char* lamp : {"lamp lamp0", "lamp lamp1", "lamp lamp2"})
     lamps->Adopt(std::make_unique<ZrHTML_span2>())->class_.SetFromText(lamp);
-  }
   page.AddToBody(std::move(lamps));
   page.AddToBody(GreetForm());
   page.AddToBody(UploadForm());

@@ -22,9 +22,8 @@ class ZrBatch {
   /// owner outlives the batch, and always asks for the same type.
   template <class Kept>
   Kept& Of(const void* owner) {
-    for (const auto& [kept, thing] : kept_) {
+    for (const auto& [kept, thing] : kept_)
       if (kept == owner) return static_cast<Holder<Kept>&>(*thing).value;
-    }
     auto made = std::make_unique<Holder<Kept>>();
     Kept& value = made->value;
     kept_.emplace_back(owner, std::move(made));

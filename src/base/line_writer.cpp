@@ -106,11 +106,10 @@ void ZrLineQueue::PushOfKind(std::string_view kind, std::string_view line) noexc
       kind = {};
     }
   }
-  if (kind.empty()) {
+  if (kind.empty())
     Push(line);
-  } else {
+  else
     ZrLineWriter::Instance().Wake();  // it has a new time to keep
-  }
 } catch (const std::exception&) {
   // No memory for a word about somebody's fault.
 }
@@ -179,9 +178,7 @@ Clock::time_point ZrLineQueue::Step(ZrPoller& poller, bool hurry) {
     const ZrLineSink::Result result = sink_.Write(std::string_view(writing_).substr(written_));
     written_ += result.count;
     if (result.status == ZrLineSink::Status::kBlocked) {
-      if (!watched_) {
-        watched_ = poller.Add(sink_.WaitDescriptor(), 0, ZrInterest::kWrite);
-      }
+      if (!watched_) watched_ = poller.Add(sink_.WaitDescriptor(), 0, ZrInterest::kWrite);
       // One that cannot be watched is asked again.
       return watched_ ? Clock::time_point::max() : Clock::now() + kPause;
     }
@@ -337,9 +334,8 @@ void ZrLineWriter::WriteHere() noexcept try {
     poller = poller_.get();
     queues = queues_;
   }
-  for (const auto& queue : queues) {
+  for (const auto& queue : queues)
     if (poller != nullptr) queue->Step(*poller, true);
-  }
   const ZrLock hold(lock_);
   writesHere_ = false;
 } catch (const std::exception&) {

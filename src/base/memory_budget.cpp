@@ -28,9 +28,8 @@ ZrMemoryShare& ZrMemoryShare::operator=(ZrMemoryShare&& other) noexcept {
 void ZrMemoryShare::Set(std::uint64_t bytes) {
   const std::uint64_t before = std::exchange(bytes_, bytes);
   if (!budget_ || before == bytes) return;
-  if (bytes > before) {
+  if (bytes > before)
     budget_->Add(bytes - before);
-  } else {
+  else
     budget_->Release(before - bytes);
-  }
 }

@@ -21,12 +21,10 @@ std::uint32_t ParseUnsignedLong(std::string_view text) {
   if (negative || (!text.empty() && text.front() == '+')) text.remove_prefix(1);
   std::uint32_t value = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (result.ec == std::errc::invalid_argument) {
+  if (result.ec == std::errc::invalid_argument)
     throw std::invalid_argument("invalid stoul argument");
-  }
-  if (result.ec == std::errc::result_out_of_range) {
+  if (result.ec == std::errc::result_out_of_range)
     throw std::out_of_range("stoul argument out of range");
-  }
   return negative ? std::uint32_t{0} - value : value;
 }
 
@@ -55,15 +53,12 @@ double ParseDouble(std::string_view text) {
         std::from_chars(text.data() + 2, text.data() + text.size(), value, std::chars_format::hex);
   }
   // "0x" without digits is the number 0 and a rest.
-  if (result.ec == std::errc::invalid_argument && !text.empty() && text.front() != '-') {
+  if (result.ec == std::errc::invalid_argument && !text.empty() && text.front() != '-')
     result = std::from_chars(text.data(), text.data() + text.size(), value);
-  }
-  if (result.ec == std::errc::invalid_argument) {
+  if (result.ec == std::errc::invalid_argument)
     throw std::invalid_argument("invalid stod argument");
-  }
-  if (result.ec == std::errc::result_out_of_range) {
+  if (result.ec == std::errc::result_out_of_range)
     throw std::out_of_range("stod argument out of range");
-  }
   return negative ? -value : value;
 }
 

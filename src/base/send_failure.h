@@ -43,9 +43,8 @@ constexpr std::string_view SendFailureReason(ZrSendFailureKind kind) {
 
 /// The kind of such a text; kNotSent for any other.
 constexpr ZrSendFailureKind SendFailureKindOf(std::string_view reason) {
-  for (std::size_t kind = 1; kind < kSendFailureReasons.size(); ++kind) {
+  for (std::size_t kind = 1; kind < kSendFailureReasons.size(); ++kind)
     if (kSendFailureReasons[kind] == reason) return static_cast<ZrSendFailureKind>(kind);
-  }
   return ZrSendFailureKind::kNotSent;
 }
 

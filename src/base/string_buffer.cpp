@@ -73,13 +73,12 @@ void ZrStringBuf::Commit(std::size_t bytes) noexcept {
 }
 
 void ZrStringBuf::Consume(std::size_t bytes) noexcept {
-  if (bytes >= Size()) {
+  if (bytes >= Size())
     Clear();
-  } else if (owner_) {
+  else if (owner_)
     setg(eback(), gptr() + bytes, egptr());
-  } else {
+  else
     SetArea(ReadOffset() + bytes);
-  }
 }
 
 std::string ZrStringBuf::Take() {
@@ -93,11 +92,10 @@ std::string ZrStringBuf::Take() {
 
 void ZrStringBuf::Clear() noexcept {
   owner_ = nullptr;
-  if (storage_.capacity() > kKeptCapacity) {
+  if (storage_.capacity() > kKeptCapacity)
     storage_ = std::string();
-  } else {
+  else
     storage_.clear();
-  }
   end_ = 0;
   SetArea(0);
 }

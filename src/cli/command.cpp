@@ -32,9 +32,8 @@ constexpr std::size_t kMaxInputBytes = std::size_t{1} << 30;
 std::string HelpHint(const CLI::App& program) {
   std::string words = "velkoro";
   for (auto named = program.get_subcommands(); !named.empty();
-       named = named.front()->get_subcommands()) {
+       named = named.front()->get_subcommands())
     words += " " + named.front()->get_name();
-  }
   return words + " --help";
 }
 
@@ -123,9 +122,7 @@ int Main(int count, const char* const* arguments) {
     return kUsage;
   }
   try {
-    if (!chosen) {
-      throw UsageError("a command is missing");
-    }
+    if (!chosen) throw UsageError("a command is missing");
     return chosen();
   } catch (const UsageError& wrong) {
     PrintError(std::string(wrong.what()) + "; see " + HelpHint(program));

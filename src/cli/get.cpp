@@ -93,11 +93,10 @@ class Asker final : public ZrTransceiverClient {
     ZrLock hold(outcomeLock_);
     const auto came = [this, &name]()
                           ZR_REQUIRES(outcomeLock_) { return outcomes_.contains(name); };
-    if (!deadline) {
+    if (!deadline)
       arrived_.Wait(outcomeLock_, came);
-    } else if (!arrived_.WaitFor(outcomeLock_, *deadline - steady_clock::now(), came)) {
+    else if (!arrived_.WaitFor(outcomeLock_, *deadline - steady_clock::now(), came))
       return {nullptr, {ZrSendFailureKind::kTimedOut, kNoAnswerInTime}};
-    }
     return std::move(outcomes_.extract(name).mapped());
   }
 
@@ -117,9 +116,8 @@ FormFields Fields(const std::vector<std::string>& given) {
   FormFields fields;
   for (const std::string& text : given) {
     const std::size_t mark = text.find('=');
-    if (mark == std::string::npos || mark == 0) {
+    if (mark == std::string::npos || mark == 0)
       throw UsageError("--post '" + text + "': give it as NAME=VALUE");
-    }
     fields.emplace_back(text.substr(0, mark), text.substr(mark + 1));
   }
   return fields;
@@ -166,31 +164,24 @@ class Getting {
   explicit Getting(const GetOptions& options) : options_(options) {}
 
   int Run() {
-    if (!options_.ca.empty() && options_.insecure) {
+    if (!options_.ca.empty() && options_.insecure)
       throw UsageError("--ca and --insecure contradict each other: give one of them");
-    }
     if (int error = 0; !options_.ca.empty() && !ReadWholeFile(options_.ca, kMaxPemBytes, &error)) {
       throw std::runtime_error("the certificate file '" + options_.ca + "' " +
                                ReadFailure(error, "16 MiB"));
     }
     fields_ = Fields(options_.post);
     std::vector<RequestUrl> urls;
-    for (const std::string& text : options_.urls) {
-      urls.push_back(ParseRequestUrl(text));
-    }
+    for (const std::string& text : options_.urls) urls.push_back(ParseRequestUrl(text));
     Output output(options_.output);
-    if (options_.timeout > 0) {
-      deadline_ = steady_clock::now() + Limit();
-    }
+    if (options_.timeout > 0) deadline_ = steady_clock::now() + Limit();
     ZrRinvalScheduler2 scheduler;
     ZrTransceiver transceiver(scheduler, ProtocolServers(OutgoingPools()));
     const auto asker = MakeJob<Asker>();
     transceiver.AddClient(asker);
     try {
       SendAll(*asker, urls, output);
-      while (!asked_.empty()) {
-        TakeFirst(*asker, output);
-      }
+      while (!asked_.empty()) TakeFirst(*asker, output);
     } catch (...) {
       End(transceiver, asker);
       throw;
@@ -222,15 +213,9 @@ class Getting {
     head->port = static_cast<std::uint64_t>(url.port);
     head->path = url.target;
     head->connectOptions.Set("quiet", "yes");
-    if (!options_.insecure) {
-      head->connectOptions.Set("cacertificate", options_.ca);
-    }
-    if (deadline_) {
-      head->connectOptions.Set("timeout", std::to_string(Limit().count()));
-    }
-    if (!fields_.empty()) {
-      SetFormBody(*head, fields_);
-    }
+    if (!options_.insecure) head->connectOptions.Set("cacertificate", options_.ca);
+    if (deadline_) head->connectOptions.Set("timeout", std::to_string(Limit().count()));
+    if (!fields_.empty()) SetFormBody(*head, fields_);
     head->SetState(kHeadStateComplete);
     return head;
   }
@@ -242,9 +227,7 @@ class Getting {
     for (std::size_t i = 0; i < urls.size(); ++i) {
       bool reached = true;
       for (int round = 0; round < options_.repeat && reached; ++round) {
-        if (asked_.size() == kMostOpen) {
-          TakeFirst(asker, output);
-        }
+        if (asked_.size() == kMostOpen) TakeFirst(asker, output);
         if (TimeIsUp()) {
           Fail(options_.urls[i], {ZrSendFailureKind::kTimedOut, kNoAnswerInTime});
           break;
@@ -260,9 +243,7 @@ class Getting {
     const Asked one = std::move(asked_.front());
     asked_.pop_front();
     const Outcome outcome = asker.Take(one.name, deadline_);
-    if (!outcome.answer) {
-      return Fail(*one.url, outcome.failure);
-    }
+    if (!outcome.answer) return Fail(*one.url, outcome.failure);
     const ZrXHeader& answer = *outcome.answer;
     if (options_.verbose) {
       std::string line;
@@ -278,26 +259,21 @@ class Getting {
 
   static std::string StatusLine(const ZrXHeader& answer) {
     std::string line;
-    for (const std::string_view word : answer.headers[kFirstLine]) {
+    for (const std::string_view word : answer.headers[kFirstLine])
       line += (line.empty() ? "" : " ") + std::string(word);
-    }
     return line;
   }
 
   void Fail(const std::string& url, const ZrSendFailure& failure) {
     succeeded_ = false;
     std::string text = url + ": " + std::string(SendFailureReason(failure.kind));
-    if (!failure.detail.empty()) {
-      text += " (" + failure.detail + ")";
-    }
+    if (!failure.detail.empty()) text += " (" + failure.detail + ")";
     Say(text);
   }
 
   // The same failure of many repetitions is one line.
   void Say(const std::string& text) {
-    if (said_.insert(text).second) {
-      PrintError(text);
-    }
+    if (said_.insert(text).second) PrintError(text);
   }
 
   const GetOptions options_;

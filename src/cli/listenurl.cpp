@@ -17,12 +17,8 @@ constexpr std::string_view kSchemeEnd = "://";
 }
 
 std::uint32_t ServedProtocol(std::string_view scheme) {
-  for (const std::uint32_t kind :
-       {kProtocolHttp, kProtocolHttps, kProtocolQuarn, kProtocolSocket}) {
-    if (ProtocolSchemeName(kind) == scheme) {
-      return kind;
-    }
-  }
+  for (const std::uint32_t kind : {kProtocolHttp, kProtocolHttps, kProtocolQuarn, kProtocolSocket})
+    if (ProtocolSchemeName(kind) == scheme) return kind;
   return 0;
 }
 
@@ -46,30 +42,20 @@ bool IsAddress(std::string_view address) {
 ListenUrl ParseListenUrl(std::string_view text) {
   std::string_view rest = text;
   const std::size_t schemeEnd = rest.find(kSchemeEnd);
-  if (schemeEnd == std::string_view::npos) {
-    Refuse(text, "give it as https://ADDRESS:PORT");
-  }
+  if (schemeEnd == std::string_view::npos) Refuse(text, "give it as https://ADDRESS:PORT");
   ListenUrl url;
   url.protocolKind = ServedProtocol(rest.substr(0, schemeEnd));
-  if (url.protocolKind == 0) {
-    Refuse(text, "the protocol must be https, http, quarn or socket");
-  }
+  if (url.protocolKind == 0) Refuse(text, "the protocol must be https, http, quarn or socket");
   rest.remove_prefix(schemeEnd + kSchemeEnd.size());
-  if (rest.ends_with('/')) {
-    rest.remove_suffix(1);
-  }
+  if (rest.ends_with('/')) rest.remove_suffix(1);
   const std::size_t colon = rest.rfind(':');
-  if (colon == std::string_view::npos || rest.ends_with(']')) {
+  if (colon == std::string_view::npos || rest.ends_with(']'))
     Refuse(text, "the port is missing; port 0 lets the system choose one");
-  }
   url.address = rest.substr(0, colon);
-  if (!IsAddress(url.address)) {
+  if (!IsAddress(url.address))
     Refuse(text, "the address must be a name, an IPv4 address or an IPv6 address in brackets");
-  }
   const auto port = ParseDigits(rest.substr(colon + 1));
-  if (!port || *port > kMaxPort) {
-    Refuse(text, "the port must be a number from 0 to 65535");
-  }
+  if (!port || *port > kMaxPort) Refuse(text, "the port must be a number from 0 to 65535");
   url.port = static_cast<int>(*port);
   return url;
 }

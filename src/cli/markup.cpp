@@ -51,9 +51,8 @@ class Document {
     for (ZrXMLComplexElement* node : Top().Children()) {
       ZrXMLGenericElement* const element = node->AsGeneric();
       if (element != nullptr && element->OwnLine() && !element->IsTextNode() &&
-          dynamic_cast<ZrHTML_Doctype2*>(element) == nullptr) {
+          dynamic_cast<ZrHTML_Doctype2*>(element) == nullptr)
         return element;
-      }
     }
     return nullptr;
   }

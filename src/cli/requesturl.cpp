@@ -19,11 +19,8 @@ constexpr std::string_view kSchemeEnd = "://";
 }
 
 std::uint32_t RequestedProtocol(std::string_view scheme) {
-  for (const std::uint32_t kind : {kProtocolHttp, kProtocolHttps, kProtocolQuarn}) {
-    if (ProtocolSchemeName(kind) == scheme) {
-      return kind;
-    }
-  }
+  for (const std::uint32_t kind : {kProtocolHttp, kProtocolHttps, kProtocolQuarn})
+    if (ProtocolSchemeName(kind) == scheme) return kind;
   return 0;
 }
 
@@ -47,15 +44,12 @@ std::string EncodedTarget(std::string_view target) {
 int PortOf(std::string_view text, const std::optional<std::string_view>& given,
            std::uint32_t protocolKind) {
   if (!given) {
-    if (protocolKind == kProtocolQuarn) {
-      Refuse(text, "a quarn address needs a port");
-    }
+    if (protocolKind == kProtocolQuarn) Refuse(text, "a quarn address needs a port");
     return protocolKind == kProtocolHttps ? kHttpsPort : kHttpPort;
   }
   const auto port = ParseDigits(*given);
-  if (!port || *port == 0 || *port > kMaxPort) {
+  if (!port || *port == 0 || *port > kMaxPort)
     Refuse(text, "the port must be a number from 1 to 65535");
-  }
   return static_cast<int>(*port);
 }
 
@@ -63,14 +57,10 @@ int PortOf(std::string_view text, const std::optional<std::string_view>& given,
 
 RequestUrl ParseRequestUrl(std::string_view text) {
   const std::size_t schemeEnd = text.find(kSchemeEnd);
-  if (schemeEnd == std::string_view::npos) {
-    Refuse(text, "give it as https://HOST/PATH");
-  }
+  if (schemeEnd == std::string_view::npos) Refuse(text, "give it as https://HOST/PATH");
   RequestUrl url;
   url.protocolKind = RequestedProtocol(text.substr(0, schemeEnd));
-  if (url.protocolKind == 0) {
-    Refuse(text, "the protocol must be https, http or quarn");
-  }
+  if (url.protocolKind == 0) Refuse(text, "the protocol must be https, http or quarn");
   std::string_view rest = text.substr(schemeEnd + kSchemeEnd.size());
   rest = rest.substr(0, rest.find('#'));
   const std::size_t targetStart = rest.find_first_of("/?");
@@ -78,9 +68,8 @@ RequestUrl ParseRequestUrl(std::string_view text) {
   const std::string_view target =
       targetStart == std::string_view::npos ? std::string_view() : rest.substr(targetStart);
   url.target = (target.starts_with('/') ? "" : "/") + EncodedTarget(target);
-  if (place.find('@') != std::string_view::npos) {
+  if (place.find('@') != std::string_view::npos)
     Refuse(text, "user names and passwords are not sent; give the address without");
-  }
   std::optional<std::string_view> port;
   if (const std::size_t colon = place.rfind(':');
       colon != std::string_view::npos && place.find(']', colon) == std::string_view::npos) {
@@ -89,9 +78,8 @@ RequestUrl ParseRequestUrl(std::string_view text) {
   }
   const bool bracketed = place.starts_with('[') && place.ends_with(']');
   if (place.empty() || place.find_first_of(" \t\r\n") != std::string_view::npos ||
-      (!bracketed && place.find_first_of("[]:") != std::string_view::npos)) {
+      (!bracketed && place.find_first_of("[]:") != std::string_view::npos))
     Refuse(text, "the host must be a name, an IPv4 address or an IPv6 address in brackets");
-  }
   url.host = place;
   url.port = PortOf(text, port, url.protocolKind);
   return url;

@@ -76,9 +76,7 @@ class Serving {
     ServeEvents events(log.has_value());
     ZrQuarnApplication2 application(&storage, servers, settings);
     application.setObserver([&events](const ZrServerCallback_t& report) { events.Tell(report); });
-    if (log) {
-      application.setLogSink([&log](std::string_view line) { log->Write(line); });
-    }
+    if (log) application.setLogSink([&log](std::string_view line) { log->Write(line); });
     events.OnHurry([&application] { application.abandonAnswers(); });
     const int status = Attend(application, events, log);
     events.OnHurry({});
@@ -225,9 +223,7 @@ void AddServe(CLI::App& program, Run& chosen) {
   serve.add_flag("--open", options->open, "Show the page in the browser");
   serve.footer(kExamples);
   serve.callback([options, &chosen] {
-    if (options->listen.empty()) {
-      options->listen.emplace_back(kDefaultUrl);
-    }
+    if (options->listen.empty()) options->listen.emplace_back(kDefaultUrl);
     chosen = [options] { return Serving(*options).Run(); };
   });
 }

@@ -17,7 +17,8 @@ constexpr std::chrono::milliseconds kLastLines{100};
 }  // namespace
 
 ServeEvents::ServeEvents(bool reopens) : signals_(reopens) {
-  thread_ = ZrThread::Start("velkoro_signals", [this] { WatchSignals(); });
+  thread_ = ZrThread::Start(
+      "velkoro_signals", [this] { WatchSignals(); });
 }
 
 ServeEvents::~ServeEvents() {
@@ -34,9 +35,8 @@ void ServeEvents::Add(Event event) {
 
 void ServeEvents::Tell(const ZrServerCallback_t& report) {
   if (report.kind == ZrServerCallback_t::kListening ||
-      report.kind == ZrServerCallback_t::kBindFailed) {
+      report.kind == ZrServerCallback_t::kBindFailed)
     Add({Event::Kind::kReport, report});
-  }
 }
 
 ServeEvents::Event ServeEvents::Next() {
@@ -69,9 +69,8 @@ void ServeEvents::Hurry() {
     if (hurry_) hurry_();
   }
   Signal signal = Signal::kWake;
-  while (!over_ && signal != Signal::kStop && signal != Signal::kTimeout) {
+  while (!over_ && signal != Signal::kStop && signal != Signal::kTimeout)
     signal = signals_.Wait(kHurryLimit);
-  }
   if (over_) return;
   if (signal == Signal::kTimeout) FlushLines(kLastLines);
   std::_Exit(kSuccess);

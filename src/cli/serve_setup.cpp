@@ -24,9 +24,8 @@ constexpr std::size_t kMaxPemBytes = std::size_t{16} << 20;
 /// Throws with the reason when the file is not one that OpenSSL could read.
 void RequireReadable(const std::string& what, const std::string& file) {
   int error = 0;
-  if (!ReadWholeFile(file, kMaxPemBytes, &error)) {
+  if (!ReadWholeFile(file, kMaxPemBytes, &error))
     throw std::runtime_error(what + " '" + file + "' " + ReadFailure(error, "16 MiB"));
-  }
 }
 
 /// Why the pair cannot be used; empty when it can.
@@ -63,16 +62,14 @@ CertificateFiles KeptPair(const std::optional<std::string>& given) {
 }  // namespace
 
 void KeyPairOptions::CheckUsage() const {
-  if (certificate.has_value() != privateKey.has_value()) {
+  if (certificate.has_value() != privateKey.has_value())
     throw UsageError("--certificate and --private-key belong together: give both or none");
-  }
   if (state && state->empty()) throw UsageError("--state has an empty name");
 }
 
 std::string DocumentDirectory(const std::string& given) {
-  if (given.empty()) {
+  if (given.empty())
     throw UsageError("the document directory has an empty name; \".\" is the current directory");
-  }
   const auto refuse = [&given](const std::string& why) {
     throw std::runtime_error("the document directory '" + given + "' " + why);
   };
@@ -89,9 +86,8 @@ std::string DocumentDirectory(const std::string& given) {
   if (failed) refuse("cannot be used: " + failed.message());
   std::string text = path.string();
   if (text.size() > 1 && text.ends_with('/')) text.pop_back();
-  if (const int error = CheckAccess(text, ZrAccess::kEnter); error != 0) {
+  if (const int error = CheckAccess(text, ZrAccess::kEnter); error != 0)
     refuse("may not be entered: " + std::string(SystemErrorText(error)));
-  }
   if (text.find('\\') != std::string::npos) refuse("has a backslash in its path; rename it");
   return text;
 }
@@ -126,9 +122,8 @@ std::string PhpInterpreter(const std::optional<std::string>& given) {
   }
   // Programs run in the directory of their page.
   const std::string file = AbsolutePath(*given);
-  if (PathKind(file) != ZrPathKind::kRegular || CheckAccess(file, ZrAccess::kEnter) != 0) {
+  if (PathKind(file) != ZrPathKind::kRegular || CheckAccess(file, ZrAccess::kEnter) != 0)
     throw std::runtime_error("'" + *given + "' for --php is no program that can be run");
-  }
   return file;
 }
 

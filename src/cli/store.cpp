@@ -76,9 +76,8 @@ int PrintProjects(const StoreArguments& arguments) {
     const std::string name = project->AttributeValue("name", "");
     if (name.empty()) continue;
     std::string path = project->AttributeValue("projectpath", "");
-    if (path.size() < 2 || path[1] != ':') {
+    if (path.size() < 2 || path[1] != ':')
       path = storage->ProjectStorageDirectory() + "/" + (path.empty() ? name : path);
-    }
     out.append(name).append("\t").append(path).append("\n");
   }
   return Print(out);
@@ -86,13 +85,11 @@ int PrintProjects(const StoreArguments& arguments) {
 
 int PrintValue(const StoreArguments& arguments) {
   const std::unique_ptr<ZrPersistentAppStorage> storage = Open(arguments);
-  if (arguments.defaultText) {
+  if (arguments.defaultText)
     return Print(storage->GetValue(arguments.path, *arguments.defaultText) + "\n");
-  }
   const std::string value = storage->GetValue(arguments.path, "a");
-  if (value == "a" && storage->GetValue(arguments.path, "b") == "b") {
+  if (value == "a" && storage->GetValue(arguments.path, "b") == "b")
     throw std::runtime_error("there is no value '" + arguments.path + "'; --default prints one");
-  }
   return Print(value + "\n");
 }
 
@@ -111,9 +108,8 @@ int PrintExpanded(const StoreArguments& arguments) {
   if (!arguments.project.empty()) OpenProject(*storage, arguments.project);
   for (const std::string& mapping : arguments.mappings) {
     const std::size_t equals = mapping.find('=');
-    if (equals == 0 || equals == std::string::npos) {
+    if (equals == 0 || equals == std::string::npos)
       throw UsageError("--set " + mapping + ": give NAME=TEXT");
-    }
     storage->SetMapping(mapping.substr(0, equals), mapping.substr(equals + 1));
   }
   std::string text = TextOf(arguments.file);

@@ -101,11 +101,10 @@ void ZrCgiRuns::FetchTasks(bool all) {
   std::vector<std::uint64_t> running;
   for (const std::uint64_t task : tasks) {
     if (all) scheduler_.WaitDone(task);
-    if (scheduler_.IsDone(task)) {
+    if (scheduler_.IsDone(task))
       scheduler_.FetchResult(task);
-    } else {
+    else
       running.push_back(task);
-    }
   }
   if (running.empty()) return;
   ZrLock hold(queue_->lock);

@@ -22,15 +22,14 @@ std::string VariableName(std::string_view field) {
   name.reserve(kFieldPrefix.size() + field.size());
   for (const char c : field) {
     // Spelled out instead of asked of the C library, whose answer depends on the host's locale.
-    if (c >= 'a' && c <= 'z') {
+    if (c >= 'a' && c <= 'z')
       name += static_cast<char>(c - 'a' + 'A');
-    } else if ((c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_') {
+    else if ((c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_')
       name += c;
-    } else if (c == '-') {
+    else if (c == '-')
       name += '_';
-    } else {
+    else
       return {};
-    }
   }
   return name == "HTTP_PROXY" ? std::string() : name;
 }
@@ -73,9 +72,8 @@ bool BuildCgiVariables(const ZrXHeader& request, ZrCgiVariables& variables) {
         request.headers.First("content-type", "application/x-www-form-urlencoded");
     contentType = contentType.substr(0, contentType.find_last_not_of("\r\n") + 1);
     Add(variables, "CONTENT_TYPE", contentType);
-    if (request.headers.contains("content-length")) {
+    if (request.headers.contains("content-length"))
       Add(variables, "CONTENT_LENGTH", request.headers.First("content-length"));
-    }
   }
   // In byte order "-" comes before "_", and the first of two equal names stays.
   for (const auto& [field, values] : request.headers) {
@@ -115,18 +113,14 @@ void BuildStandardVariables(const ProgramRequest& request, ZrCgiVariables& varia
     Add(variables, "PATH_TRANSLATED", std::string(request.documentRoot).append(request.extraPath));
   }
   if (request.bodyBytes) Add(variables, "CONTENT_LENGTH", std::to_string(*request.bodyBytes));
-  if (fields.contains("content-type")) {
-    Add(variables, "CONTENT_TYPE", fields.First("content-type"));
-  }
+  if (fields.contains("content-type")) Add(variables, "CONTENT_TYPE", fields.First("content-type"));
   const std::string_view credentials = fields.First("authorization");
-  if (const std::size_t end = credentials.find(' '); end != std::string_view::npos && end > 0) {
+  if (const std::size_t end = credentials.find(' '); end != std::string_view::npos && end > 0)
     Add(variables, "AUTH_TYPE", credentials.substr(0, end));
-  }
   for (const auto& [field, values] : fields) {
     std::string name = VariableName(field);
-    if (!name.empty() && !values.empty()) {
+    if (!name.empty() && !values.empty())
       Add(variables, std::move(name), Joined(values, field == "cookie" ? "; " : ", "));
-    }
   }
 }
 

@@ -63,19 +63,17 @@ ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& i
   ZrRoomQueue::Place room(settings_.roomQueue);  // held until what was written is released
   ZrProgramOutput written(settings_.memory);
   const ZrPipeExecEnd end = Move(input, written, room);
-  if (end == ZrPipeExecEnd::kEnded) {
+  if (end == ZrPipeExecEnd::kEnded)
     process_.Collect();
-  } else {
+  else
     EndFamily();
-  }
   if (end == ZrPipeExecEnd::kNoRoom) return end;
   const std::unique_ptr<ZrStringBuf> all = written.Finish();
   if (!all) return ZrPipeExecEnd::kNoRoom;
-  if (output.Empty()) {
+  if (output.Empty())
     output = std::move(*all);
-  } else {
+  else
     output.Append(all->Unread());
-  }
   return end;
 }
 
@@ -120,9 +118,8 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
     items[kGone].descriptor = settings_.gone != nullptr ? settings_.gone->Descriptor() : -1;
 
     auto deadline = drainEnd ? std::min(*drainEnd, runEnd) : runEnd;
-    if (!drainEnd && !reportsEnd) {
+    if (!drainEnd && !reportsEnd)
       deadline = std::min(deadline, steady_clock::now() + kEndPollInterval);
-    }
     if (waits) deadline = std::min(deadline, steady_clock::now() + kRoomPollInterval);
     zr::PollDescriptors(items, deadline);
 
@@ -140,9 +137,8 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
       over = Collect(output, left, kChunk);
     }
     if (over) return *over;
-    if (waits && now - waitsSince >= settings_.limits.room && room.IsNewest()) {
+    if (waits && now - waitsSince >= settings_.limits.room && room.IsNewest())
       return ZrPipeExecEnd::kNoRoom;
-    }
     if (!drainEnd && now >= runEnd) return ZrPipeExecEnd::kRunLimit;
     if (drainEnd && now >= std::min(*drainEnd, runEnd)) break;
   }
@@ -183,11 +179,10 @@ void ZrWinPipeExec::EndFamily() {
   process_.Terminate();
   process_.WaitForEnd(steady_clock::now() + settings_.limits.terminationGrace);
   process_.Kill();
-  if (process_.WaitForEnd(steady_clock::now() + kKillLimit)) {
+  if (process_.WaitForEnd(steady_clock::now() + kKillLimit))
     process_.Collect();
-  } else {
+  else
     process_.Abandon();
-  }
   stdinWrite_.Close();
   if (zr::HasWriter(stdoutRead_.Get(), kPipePatience)) zr::KillHoldersOf(stdoutRead_.Get());
 }

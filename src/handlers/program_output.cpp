@@ -45,11 +45,10 @@ void ZrRoomQueue::Place::SetWaiting(bool waits) {
   if (waits == waits_ || queue_ == nullptr) return;
   waits_ = waits;
   ZrLock hold(queue_->lock_);
-  if (waits) {
+  if (waits)
     queue_->waiting_.insert(number_);
-  } else {
+  else
     queue_->waiting_.erase(number_);
-  }
 }
 
 bool ZrRoomQueue::Place::IsNewest() const {

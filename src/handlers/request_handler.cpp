@@ -29,9 +29,7 @@ struct HostCode {
   HostCode(const HostCode&) = delete;
   HostCode& operator=(const HostCode&) = delete;
   ~HostCode() {
-    if (ZrBatch* const batch = ZrBatch::Current()) {
-      batch->Forget();
-    }
+    if (ZrBatch* const batch = ZrBatch::Current()) batch->Forget();
   }
 };
 
@@ -66,9 +64,7 @@ class ZrTransceiverClient::TransceiverUse {
   }
   ~TransceiverUse() {
     ZrLock hold(client_.lock_);
-    if (--client_.uses_ == 0) {
-      client_.unused_.NotifyAll();
-    }
+    if (--client_.uses_ == 0) client_.unused_.NotifyAll();
   }
   TransceiverUse(const TransceiverUse&) = delete;
   TransceiverUse& operator=(const TransceiverUse&) = delete;
@@ -109,24 +105,18 @@ void ZrTransceiverClient::OnUnanswered(const ZrJobEvent& event) {
   const auto reason = event.fields.find("reason");
   const auto error = event.fields.find("error");
   const auto end = event.fields.end();
-  if (head == end || reason == end || error == end) {
-    return;
-  }
+  if (head == end || reason == end || error == end) return;
   {
     // Of an answer and the word that there is none, the first one counts.
     ZrLock hold(lock_);
-    if (ownedNames_.erase(head->second) == 0) {
-      return;
-    }
+    if (ownedNames_.erase(head->second) == 0) return;
   }
   MessageFailed(head->second, {zr::SendFailureKindOf(reason->second), error->second});
 }
 
 bool ZrTransceiverClient::AttachTransceiver(ZrTransceiver& transceiver) {
   ZrLock hold(lock_);
-  if (transceiver_ != nullptr) {
-    return false;
-  }
+  if (transceiver_ != nullptr) return false;
   transceiver_ = &transceiver;
   return true;
 }
@@ -153,9 +143,8 @@ std::string ZrTransceiverClient::OpenServer(std::shared_ptr<ZrXServerHeader> con
   Remember(expected, Owned::kServer);
   const TransceiverUse transceiver(*this);
   std::string name;
-  if (transceiver.Get() != nullptr) {
+  if (transceiver.Get() != nullptr)
     name = transceiver.Get()->OpenServer(*this, std::move(configuration), callback);
-  }
   if (name != expected) {
     ZrLock hold(lock_);
     ownedNames_.erase(expected);
@@ -165,13 +154,10 @@ std::string ZrTransceiverClient::OpenServer(std::shared_ptr<ZrXServerHeader> con
 
 std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message, bool flag) {
   const TransceiverUse transceiver(*this);
-  if (!message || transceiver.Get() == nullptr) {
-    return {};
-  }
+  if (!message || transceiver.Get() == nullptr) return {};
   // The answer may be there before Send returns.
-  if (message->kind == ZrMessageKind::kUnrecognised) {
+  if (message->kind == ZrMessageKind::kUnrecognised)
     message->kind = ZrMessageKind::kRequest;  // nobody has read it: it was made here
-  }
   const std::string expected = message->JobName();
   Remember(expected, Owned::kMessage);
   const std::string task = CreateJoinedTask("send_" + expected);
@@ -195,9 +181,8 @@ void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
                                      const std::shared_ptr<ZrXResponseHeader>& answer) {
   answer->SetState(zr::kHeadStateComplete);
   const TransceiverUse transceiver(*this);
-  if (transceiver.Get() != nullptr) {
+  if (transceiver.Get() != nullptr)
     transceiver.Get()->Send(*this, answer, callback, request.target, true);
-  }
 }
 
 std::shared_ptr<ZrMemoryBudget> ZrTransceiverClient::Memory() {
@@ -209,9 +194,7 @@ int ZrTransceiverClient::HandleMessage(const std::string& name,
                                        std::shared_ptr<ZrXHeader> message) {
   {
     ZrLock hold(lock_);
-    if (ownedNames_.find(name) == ownedNames_.end()) {
-      return kHandled;
-    }
+    if (ownedNames_.find(name) == ownedNames_.end()) return kHandled;
   }
   switch (message->kind.load()) {
     case ZrMessageKind::kRequest:
@@ -240,12 +223,8 @@ bool ZrTransceiverClient::AnswerByRule(const ZrXHeader& request) {
 void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t status,
                                        std::string_view allow) {
   const auto answer = request.MakeResponse();
-  if (status != 204) {
-    zr::AnswerWithPage(request, *answer, status);
-  }
-  if (!allow.empty()) {
-    answer->SetField("allow", allow);
-  }
+  if (status != 204) zr::AnswerWithPage(request, *answer, status);
+  if (!allow.empty()) answer->SetField("allow", allow);
   answer->SetStatus(status);
   SendAnswer(request, answer);
 }
@@ -267,12 +246,9 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
       return kHandled;
     case zr::kProtocolHttp:
     case zr::kProtocolHttps:
-      if (AnswerByRule(*request)) {
-        return kHandled;
-      }
-      if (!FormCommandStep(request) && content_ && !content_->ServeRequest(*this, request)) {
+      if (AnswerByRule(*request)) return kHandled;
+      if (!FormCommandStep(request) && content_ && !content_->ServeRequest(*this, request))
         content_->AnswerNotFound(*this, request);
-      }
       return kHandled;
     case zr::kProtocolQuarn:
       if (!FormCommandStep(request)) {
@@ -292,12 +268,8 @@ int ZrTransceiverClient::AcceptAnswer(const std::string& name,
     // The name of a message is forgotten with its first answer; a server's stays.
     ZrLock hold(lock_);
     const auto found = ownedNames_.find(name);
-    if (found == ownedNames_.end()) {
-      return kHandled;
-    }
-    if (found->second == Owned::kMessage) {
-      ownedNames_.erase(found);
-    }
+    if (found == ownedNames_.end()) return kHandled;
+    if (found->second == Owned::kMessage) ownedNames_.erase(found);
   }
   bool accepted = false;
   switch (answer->ProtocolKind()) {
@@ -318,9 +290,7 @@ int ZrTransceiverClient::AcceptAnswer(const std::string& name,
 }
 
 bool ZrTransceiverClient::FormCommandStep(const std::shared_ptr<ZrXHeader>& request) {
-  if (!IsHttp(request->ProtocolKind())) {
-    return false;
-  }
+  if (!IsHttp(request->ProtocolKind())) return false;
   // A body that cannot be read as a form leaves the fields of the query.
   static_cast<void>(ParseFormBody(*request));
   return RunCommand(request, std::string(zr::FieldText(request->allFields, idField)));
@@ -329,17 +299,11 @@ bool ZrTransceiverClient::FormCommandStep(const std::shared_ptr<ZrXHeader>& requ
 bool ZrTransceiverClient::RunCommand(const std::shared_ptr<ZrXHeader>& request,
                                      const std::string& id) {
   ZrCommandHandler* handler = nullptr;
-  if (application == nullptr) {
-    return false;
-  }
+  if (application == nullptr) return false;
   if (id.empty()) {
-    if (commandUrl.empty() || commandUrl != request->path) {
-      return false;
-    }
+    if (commandUrl.empty() || commandUrl != request->path) return false;
     handler = application->nullQuery(idField);
-    if (handler == nullptr) {
-      return false;
-    }
+    if (handler == nullptr) return false;
   }
   const auto answer = request->MakeResponse();
   const HostCode hostCode;
@@ -353,9 +317,7 @@ bool ZrTransceiverClient::RunCommand(const std::shared_ptr<ZrXHeader>& request,
   } catch (...) {
     return false;
   }
-  if (answer->status == kUnansweredStatus) {
-    return false;
-  }
+  if (answer->status == kUnansweredStatus) return false;
   SendAnswer(*request, answer);
   return true;
 }

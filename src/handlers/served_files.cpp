@@ -16,9 +16,8 @@ struct ZrServedFiles::BatchFiles {
 
   /// Whether the bytes of this file are shared; they are counted then.
   bool Shares(const ZrFile& file) {
-    if (!file.IsRegular() || file.Size() > kSharedFileSize || bytes + file.Size() > kSharedBytes) {
+    if (!file.IsRegular() || file.Size() > kSharedFileSize || bytes + file.Size() > kSharedBytes)
       return false;
-    }
     bytes += file.Size();
     return true;
   }
@@ -46,11 +45,10 @@ ZrServedFiles::Directory ZrServedFiles::Current(const std::string& directory) {
   if (known && known->IsCurrent()) return known;
   Directory opened = ZrDirectory::Open(directory);
   ZrLock hold(lock_);
-  if (opened) {
+  if (opened)
     directories_.insert_or_assign(directory, opened);
-  } else {
+  else
     directories_.erase(directory);
-  }
   return opened;
 }
 
@@ -65,20 +63,18 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
   if (!start) return {};
   const auto [place, added] = known.files.try_emplace({start.get(), path});
   BatchFiles::Entry& entry = place->second;
-  if (added) {
+  if (added)
     entry.found.file = start->OpenFile(path);
-  } else if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
-             known.Shares(*entry.found.file)) {
+  else if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
+           known.Shares(*entry.found.file))
     entry.found.bytes = ReadWhole(*entry.found.file);
-  }
   return entry.found;
 }
 
 ZrServedFiles::Directory ZrServedFiles::InBatch(BatchFiles& known, const std::string& directory) {
   auto start = known.directories.find(directory);
-  if (start == known.directories.end()) {
+  if (start == known.directories.end())
     start = known.directories.emplace(directory, Current(directory)).first;
-  }
   return start->second;
 }
 
@@ -88,9 +84,8 @@ bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& pa
   auto& known = batch->Of<BatchFiles>(this);
   const Directory start = InBatch(known, directory);
   if (!start) return true;
-  if (const auto found = known.files.find({start.get(), path}); found != known.files.end()) {
+  if (const auto found = known.files.find({start.get(), path}); found != known.files.end())
     return !found->second.found.file || found->second.found.bytes;
-  }
   ZrFileAtHand now = start->OpenFileAtHand(path);
   if (now.answer == ZrFileAtHand::Answer::kMustWait) return false;
   BatchFiles::Entry entry;

@@ -85,9 +85,11 @@ void AddFrame(ZrHTML_Document2& page, const std::string& title) {
 
 /// Keeps what is shown, in the order in which it is shown; answers how many are left out.
 std::size_t Arrange(std::vector<zr::ListingEntry>& entries) {
-  std::erase_if(entries, [](const zr::ListingEntry& entry) {
-    return entry.name.empty() || entry.name.front() == '.';
-  });
+  std::erase_if(
+      entries,
+      [](const zr::ListingEntry& entry) {
+        return entry.name.empty() || entry.name.front() == '.';
+      });
   std::sort(entries.begin(), entries.end(),
             [](const zr::ListingEntry& one, const zr::ListingEntry& other) {
               return one.directory != other.directory ? one.directory : one.name < other.name;

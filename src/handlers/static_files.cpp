@@ -20,9 +20,8 @@ namespace {
 /// Files and stored pages do not change by a request.
 bool RefuseMethod(ZrTransceiverClient& client, const ZrXHeader& request) {
   if (request.method != ZrMethod::kPut && request.method != ZrMethod::kPatch &&
-      request.method != ZrMethod::kDelete) {
+      request.method != ZrMethod::kDelete)
     return false;
-  }
   client.AnswerStatus(request, 405, "GET, HEAD, POST, OPTIONS");
   return true;
 }
@@ -55,19 +54,12 @@ ZrStaticFiles::ZrStaticFiles(std::shared_ptr<ZrScriptRunner> scripts)
 
 bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
                                  const std::shared_ptr<ZrXHeader>& request) {
-  if (client.startDirectory.empty() || request->kind != ZrMessageKind::kRequest) {
-    return false;
-  }
-  if (request->path == "/") {
-    return ServeDefaultDocument(client, request);
-  }
+  if (client.startDirectory.empty() || request->kind != ZrMessageKind::kRequest) return false;
+  if (request->path == "/") return ServeDefaultDocument(client, request);
   const std::string path = request->path.substr(request->path.empty() ? 0 : 1);
-  if (!IsServed(*request, path)) {
-    return false;
-  }
-  if (client.application != nullptr && client.application->hasStoredValue(path)) {
+  if (!IsServed(*request, path)) return false;
+  if (client.application != nullptr && client.application->hasStoredValue(path))
     return SendStoredPage(client, *request, path);
-  }
   return ServePath(client, request, path);
 }
 
@@ -115,9 +107,8 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
                                          const std::shared_ptr<ZrXHeader>& request) {
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
-  if (files_.Find(directory, "index.php").file) {
+  if (files_.Find(directory, "index.php").file)
     return scripts_ && scripts_->RunScript(client, request, "index.php", ZrScriptKind::kPhp);
-  }
   ZrServedFiles::Found index = files_.Find(directory, "index.html");
   return index.file && SendFile(client, *request, "index.html", std::move(index));
 }
@@ -129,15 +120,11 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
     return scripts_ && scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
   }
   ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), path);
-  if (!found.file) {
-    return false;
-  }
-  if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension)) {
+  if (!found.file) return false;
+  if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension))
     return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
-  }
-  if (found.file->IsDirectory() && request->semantics->IsStandard()) {
+  if (found.file->IsDirectory() && request->semantics->IsStandard())
     return ServeDirectory(client, request, path);
-  }
   return SendFile(client, *request, path, std::move(found));
 }
 
@@ -156,9 +143,8 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
   }
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
   const std::string script = path + "index" + client.scriptExtension;
-  if (files_.Find(directory, script).file) {
+  if (files_.Find(directory, script).file)
     return scripts_ && scripts_->RunScript(client, request, script, ZrScriptKind::kPhp);
-  }
   const std::string page = path + "index.html";
   ZrServedFiles::Found index = files_.Find(directory, page);
   return index.file && !index.file->IsDirectory() &&

@@ -55,11 +55,8 @@ ZrQuarnApplication2::ZrQuarnApplication2(ZrPersistentAppStorage* storage,
 ZrQuarnApplication2::~ZrQuarnApplication2() {
   // First everything that runs ends, so that nothing below is used while it goes.
   stopServers();
-  for (const ZrServerDefinition& server : servers_) {
-    if (server.client) {
-      transceiver_.RemoveClient(server.client);
-    }
-  }
+  for (const ZrServerDefinition& server : servers_)
+    if (server.client) transceiver_.RemoveClient(server.client);
   scheduler_.Stop();
   ZrLock hold(handlerLock_);
   for (auto& [name, handler] : handlers_) {
@@ -107,20 +104,15 @@ void ZrQuarnApplication2::startServers() {
 
 bool ZrQuarnApplication2::onServerEvent(ZrServerCallback_t& record) {
   try {
-    if (logSink_ && record.kind == ZrServerCallback_t::kMessageLogged) {
+    if (logSink_ && record.kind == ZrServerCallback_t::kMessageLogged)
       logSink_(record.info.Get("logging"));
-    } else {
+    else
       transceiver_.PrintLogRecord(record);
-    }
   } catch (...) {
     // The line is lost to its sink alone.
   }
-  if (record.kind == ZrServerCallback_t::kListening) {
-    OnListening(record);
-  }
-  if (observer_) {
-    observer_(record);  // what it throws ends in the request handler
-  }
+  if (record.kind == ZrServerCallback_t::kListening) OnListening(record);
+  if (observer_) observer_(record);  // what it throws ends in the request handler
   return true;
 }
 
@@ -139,15 +131,13 @@ void ZrQuarnApplication2::OnListening(const ZrServerCallback_t& record) {
     popup = options_.Get("no_browser_popup").empty();
     command = options_.Get("_app_context_commandurl");
   }
-  if (popup && protocol == "http" && !port.empty() && !address.empty()) {
+  if (popup && protocol == "http" && !port.empty() && !address.empty())
     OpenInBrowser(protocol + "://" + address + ":" + port + (command.empty() ? "/" : command));
-  }
 }
 
 void ZrQuarnApplication2::OpenInBrowser(const std::string& url) {
-  if (!launcher_.open(url, "text/html")) {
+  if (!launcher_.open(url, "text/html"))
     ZrLineWriter::Instance().Output().PushLines("\nplease, open document at " + url + "\n\n");
-  }
 }
 
 void ZrQuarnApplication2::openDocument(const std::string& address, std::int32_t port,
@@ -180,14 +170,11 @@ bool ZrQuarnApplication2::hasHandler(const std::string& name) {
 void ZrQuarnApplication2::dispatchToHandler(const std::string& name, ZrXHeader& request,
                                             ZrXResponseHeader& answer, const std::string& command) {
   ZrLock hold(handlerLock_);
-  if (const auto found = handlers_.find(name);
-      found != handlers_.end() && found->second != nullptr) {
+  if (const auto found = handlers_.find(name); found != handlers_.end() && found->second != nullptr)
     found->second->Request(request, answer, command);
-  }
   const ZrXResponseHeader::Handover& handover = answer.HandoverRecord();
-  if (handover.handoverName == name && handover.handoverHandler != nullptr) {
+  if (handover.handoverName == name && handover.handoverHandler != nullptr)
     handlers_[name] = handover.handoverHandler;
-  }
 }
 
 bool ZrQuarnApplication2::hasStoredValue(const std::string& name) {

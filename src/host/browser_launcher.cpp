@@ -21,9 +21,7 @@ ZrBrowserLauncher::ZrBrowserLauncher(ZrRinvalScheduler2& scheduler, Start start)
     : scheduler_(scheduler), start_(std::move(start)) {}
 
 bool ZrBrowserLauncher::open(const std::string& url, std::string_view mimeType) {
-  if (mimeType != "text/html") {
-    return false;
-  }
+  if (mimeType != "text/html") return false;
   ZrRinvalTaskDescription description;
   description.name = "intention";
   // The task holds what it needs. What former ones have left is fetched here.
@@ -43,10 +41,7 @@ bool ZrBrowserLauncher::open(const std::string& url, std::string_view mimeType) 
 }
 
 bool ZrBrowserLauncher::Launch(const std::string& url, const Start& start) {
-  for (const std::string_view program : kPrograms) {
-    if (start(program, {url})) {
-      return true;
-    }
-  }
+  for (const std::string_view program : kPrograms)
+    if (start(program, {url})) return true;
   return false;
 }

@@ -48,15 +48,12 @@ void* EndServer(void* server) {
 
 void* StartHTTPServer(const char* address, int port, const char* startPath, const char* cgiBinPath,
                       const char* caCertificate, const char* privateKey) {
-  if (address == nullptr || startPath == nullptr || cgiBinPath == nullptr) {
+  if (address == nullptr || startPath == nullptr || cgiBinPath == nullptr)
     throw ZrException("options are missing", 27, "src");
-  }
-  if (caCertificate == nullptr || privateKey == nullptr) {
+  if (caCertificate == nullptr || privateKey == nullptr)
     throw ZrException("keys are missing", 31, "src");
-  }
-  if (zr::IsForkOfThreads()) {
+  if (zr::IsForkOfThreads())
     throw ZrException("a server was started before the fork", __LINE__, "src");
-  }
   // A start that fails below leaves nothing behind: the handle owns all of it.
   auto handle = std::make_unique<ZrServerHandle>();
   handle->storage.SetApplication(kApplicationName);
@@ -81,9 +78,7 @@ void* StartHTTPServer(const char* address, int port, const char* startPath, cons
 }
 
 int ServerPort(void* server) {
-  if (server == nullptr) {
-    return 0;
-  }
+  if (server == nullptr) return 0;
   try {
     const ZrOptionMap options = static_cast<ZrServerHandle*>(server)->application->getOptions();
     const std::string port = options.Get("tcp_port_https", options.Get("tcp_port_http"));

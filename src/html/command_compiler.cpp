@@ -27,9 +27,8 @@ std::vector<std::string_view> ZrCommandCompiler::Parse(std::string_view text) co
     if (position == std::string_view::npos) return parts;
     // The separator and the bracket are single characters, so the first of them ends the argument.
     std::size_t end = position;
-    while (end < text.size() && !Contains(kSeparator, text[end]) && !Contains(kClose, text[end])) {
+    while (end < text.size() && !Contains(kSeparator, text[end]) && !Contains(kClose, text[end]))
       ++end;
-    }
     if (end == text.size()) return parts;
     parts.push_back(text.substr(position, end - position));
     if (!Contains(kSeparator, text[end])) return parts;
@@ -39,9 +38,8 @@ std::vector<std::string_view> ZrCommandCompiler::Parse(std::string_view text) co
 
 std::string_view ZrCommandCompiler::Unquote(std::string_view argument) const {
   if (argument.empty() || !Contains(kQuotes, argument.front()) ||
-      !Contains(kQuotes, argument.back())) {
+      !Contains(kQuotes, argument.back()))
     return argument;
-  }
   if (argument.size() == 1) return {};
   return argument.substr(1, argument.size() - 2);
 }

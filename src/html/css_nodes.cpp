@@ -40,9 +40,8 @@ void ZrCSSHTMLComment::Write(std::ostream& stream) const {
 }
 
 void ZrCSSMediaQuery::ChildAdded(ZrXMLComplexElement* child) {
-  if (!zr::IsStyleText(*child) && !Is<ZrCSSHTMLComment>(*child) && !Is<ZrCSSRule>(*child)) {
+  if (!zr::IsStyleText(*child) && !Is<ZrCSSHTMLComment>(*child) && !Is<ZrCSSRule>(*child))
     throw ZrException("must be an CSS element", 902, "src");
-  }
 }
 
 void ZrCSSMediaQuery::Write(std::ostream& stream) const {
@@ -50,9 +49,8 @@ void ZrCSSMediaQuery::Write(std::ostream& stream) const {
 }
 
 void ZrCSSRule::ChildAdded(ZrXMLComplexElement* child) {
-  if (!zr::IsStyleText(*child) && !Is<ZrCSSHTMLComment>(*child) && !Is<ZrCSSProperty>(*child)) {
+  if (!zr::IsStyleText(*child) && !Is<ZrCSSHTMLComment>(*child) && !Is<ZrCSSProperty>(*child))
     throw ZrException("must be an CSS element", 934, "src");
-  }
 }
 
 void ZrCSSRule::Write(std::ostream& stream) const {

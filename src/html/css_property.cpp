@@ -17,9 +17,8 @@ ZrCSSProperty::ZrCSSProperty(std::string_view text, bool nameOnly)
     return;
   }
   const std::size_t colon = text.find(':');
-  if (colon == std::string_view::npos) {
+  if (colon == std::string_view::npos)
     throw ZrException("CSS property not well formed (missing ':').", 969, "src");
-  }
   propertyName_ = zr::Trim(text.substr(0, colon));
   propertyValue_ = zr::Trim(text.substr(colon + 1), kAroundValues);
 }

@@ -65,9 +65,8 @@ ZrXMLComplexElement& ZrHTML_html2::Head() {
 }
 
 ZrHTML_html2& ZrHTML_Document2::HtmlRoot() {
-  if (FindFirst<ZrXMLComplexElement>(*this, "HTMLDoctype") == nullptr) {
+  if (FindFirst<ZrXMLComplexElement>(*this, "HTMLDoctype") == nullptr)
     AdoptFront(*this, std::make_unique<ZrHTML_Doctype2>("html"));
-  }
   if (auto* const html = FindFirst<ZrHTML_html2>(*this, "html")) return *html;
   return *Adopt(std::make_unique<ZrHTML_html2>());
 }

@@ -104,9 +104,8 @@ std::unique_ptr<ZrXMLGenericElement> zr::CreateElement(ZrDTD& dtd, std::string_v
   const auto factory = dtd.TagFactories().find(tag);
   if (factory != dtd.TagFactories().end()) {
     Node made = factory->second({});
-    if (made != nullptr && made->AsGeneric() != nullptr) {
+    if (made != nullptr && made->AsGeneric() != nullptr)
       return std::unique_ptr<ZrXMLGenericElement>(made.release()->AsGeneric());
-    }
   }
   return std::make_unique<ZrXMLGenericElement>(dtd.SharedName(tag), true);
 }

@@ -89,9 +89,8 @@ ZrHTML_style2::ZrHTML_style2() : Group(zr::html::NodeName<ZrHTML_style2>("style"
 void ZrHTML_style2::ChildAdded(ZrXMLComplexElement* child) {
   if (!zr::IsStyleText(*child) && dynamic_cast<ZrCSSHTMLComment*>(child) == nullptr &&
       dynamic_cast<ZrCSSMediaQuery*>(child) == nullptr &&
-      dynamic_cast<ZrCSSRule*>(child) == nullptr) {
+      dynamic_cast<ZrCSSRule*>(child) == nullptr)
     throw ZrException("must be an CSS element", 1094, "src");
-  }
 }
 
 std::string ZrHTML_style2::Value(ZrNameView newValue) {

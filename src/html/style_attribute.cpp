@@ -22,9 +22,8 @@ std::optional<std::string_view> NextPiece(std::string_view& text, char separator
 }  // namespace
 
 void ZrStyleAttribute::WriteValue(std::ostream& stream) const {
-  for (const auto& [name, property] : properties_) {
+  for (const auto& [name, property] : properties_)
     if (property && !property->IsEmpty()) property->Write(stream);
-  }
 }
 
 void ZrStyleAttribute::SetFromText(const char* text) {
@@ -38,9 +37,8 @@ void ZrStyleAttribute::AddFromString(const std::string& text) {
     const auto name = NextPiece(declaration, ':');
     if (!name) continue;
     const auto value = NextPiece(declaration, ':');
-    if (!value || !declaration.empty()) {
+    if (!value || !declaration.empty())
       throw ZrException("style syntax wrong at: >" + text + "< ", 59, "src");
-    }
     std::string canonical(zr::Trim(*name));
     canonical.append(":").append(zr::Trim(*value)).append(";");
     auto property = std::make_shared<ZrCSSProperty>(canonical, false);

@@ -65,11 +65,10 @@ ZrAnswerReader::Result ZrAnswerReader::Read(ZrXHeader& head, ZrStringBuf& input,
 ZrAnswerReader::Result ZrAnswerReader::ReadHead(
     ZrXHeader& head, ZrStringBuf& input, const std::function<bool(ZrXHeader&)>& onHeadComplete) {
   if (!head.body) head.body = std::make_unique<ZrStringBuf>();
-  if (head.body->Empty()) {
+  if (head.body->Empty())
     *head.body = std::move(input);
-  } else {
+  else
     head.body->Append(input.Unread());
-  }
   input.Clear();
   // The end of the body is found here, not there: only what concerns the head is of interest.
   const ZrReadResult read = head.ReadHead([](ZrXHeader&) { return true; });
@@ -151,15 +150,13 @@ ZrAnswerReader::Result ZrAnswerReader::ReadBody(ZrXHeader& head, ZrStringBuf& in
         step_ = Step::kDone;
         break;
       case Step::kUntilEnd:
-        if (head.body->Size() + input.Size() > zr::kMaxBodyBytes) {
+        if (head.body->Size() + input.Size() > zr::kMaxBodyBytes)
           return Unreadable("the body of the answer is too long");
-        }
         MoveBytes(head, input, input.Size());
         return Result::kIncomplete;
       case Step::kChunks:
-        if (const Result result = ReadChunks(head, input); result != Result::kComplete) {
+        if (const Result result = ReadChunks(head, input); result != Result::kComplete)
           return result;
-        }
         step_ = Step::kDone;
         break;
     }
@@ -172,9 +169,8 @@ ZrAnswerReader::Result ZrAnswerReader::ReadChunks(ZrXHeader& head, ZrStringBuf& 
       case ZrChunkedDecoder::Next::kIncomplete:
         return Result::kIncomplete;
       case ZrChunkedDecoder::Next::kData:
-        if (chunks_.Remaining() > zr::kMaxBodyBytes - head.body->Size()) {
+        if (chunks_.Remaining() > zr::kMaxBodyBytes - head.body->Size())
           return Unreadable("the body of the answer is too long");
-        }
         chunks_.Took(MoveBytes(head, input, chunks_.Remaining()));
         break;
       case ZrChunkedDecoder::Next::kEnd:

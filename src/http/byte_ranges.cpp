@@ -44,9 +44,8 @@ ZrByteRanges zr::ReadByteRanges(std::string_view field, std::uint64_t size) {
   using Kind = ZrByteRanges::Kind;
   const std::size_t equals = field.find('=');
   if (equals == std::string_view::npos ||
-      !EqualsIgnoringCase(TrimBlanks(field.substr(0, equals)), "bytes")) {
+      !EqualsIgnoringCase(TrimBlanks(field.substr(0, equals)), "bytes"))
     return {};
-  }
   ZrByteRanges ranges{Kind::kParts};
   std::size_t asked = 0;
   std::uint64_t total = 0;

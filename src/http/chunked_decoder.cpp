@@ -63,9 +63,8 @@ ZrChunkedDecoder::Next ZrChunkedDecoder::Read(ZrStringBuf& input) {
 ZrChunkedDecoder::Next ZrChunkedDecoder::ReadSize(ZrStringBuf& input) {
   const std::string_view line = input.Unread().substr(0, kMaxChunkLine);
   const std::size_t end = line.find(kLineEnd);
-  if (end == std::string_view::npos) {
+  if (end == std::string_view::npos)
     return line.size() == kMaxChunkLine ? Next::kNoSize : Next::kIncomplete;
-  }
   const auto size = SizeIn(line.substr(0, end));
   if (!size || HasLoneLineEnd(line.substr(0, end))) return Next::kNoSize;
   input.Consume(end + kLineEnd.size());

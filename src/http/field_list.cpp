@@ -3,9 +3,9 @@
 #include <algorithm>
 
 bool zr::EqualsIgnoringCase(std::string_view text, std::string_view lower) {
-  return std::equal(text.begin(), text.end(), lower.begin(), lower.end(), [](char a, char b) {
-    return (a >= 'A' && a <= 'Z' ? static_cast<char>(a | 0x20) : a) == b;
-  });
+  return std::equal(
+      text.begin(), text.end(), lower.begin(), lower.end(),
+      [](char a, char b) { return (a >= 'A' && a <= 'Z' ? static_cast<char>(a | 0x20) : a) == b; });
 }
 
 std::string zr::LowerCase(std::string_view text) {

@@ -32,9 +32,8 @@ std::string PlainType(const ZrXHeader& request, std::string_view type) {
     const std::size_t equals = part.find('=');
     if (equals == std::string_view::npos) continue;
     std::string_view value = part.substr(equals + 1);
-    if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"')) {
+    if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"'))
       value = value.substr(1, value.size() - 2);
-    }
     if (!zr::EqualsIgnoringCase(part.substr(0, equals), "boundary")) continue;
     return plain.append(";boundary=").append(value);
   }
@@ -83,13 +82,12 @@ ZrReadResult ParseFormBody(ZrXHeader& request) {
   const ZrHeaderFields::Values types = request.headers["content-type"];
   const std::string type = types.empty() ? std::string() : PlainType(request, types.front());
   const std::string_view body = request.body ? request.body->Unread() : std::string_view();
-  if (type.starts_with(kMultipart)) {
+  if (type.starts_with(kMultipart))
     zr::AppendMultipart(request, body, std::string_view(type).substr(kMultipart.size()));
-  } else if (type.starts_with(kUrlEncoded)) {
+  else if (type.starts_with(kUrlEncoded))
     zr::AppendUrlEncoded(request, body, true);
-  } else if (!types.empty() && !request.semantics->IsStandard()) {
+  else if (!types.empty() && !request.semantics->IsStandard())
     zr::WriteDiagnostic("content type not defined", "content type not defined (" + type + ")");
-  }
 
   for (const auto& block : request.blocks) {
     if (block->Name().empty()) continue;

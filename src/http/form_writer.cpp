@@ -52,9 +52,8 @@ void zr::SetFormBody(ZrXHeader& head, const FormFields& fields) {
   for (const auto& [name, value] : fields) {
     for (const std::string_view piece :
          {std::string_view("--"), std::string_view(head.boundary), kLineEnd,
-          std::string_view("Content-Disposition: form-data; name=\"")}) {
+          std::string_view("Content-Disposition: form-data; name=\"")})
       head.body->Append(piece);
-    }
     head.body->Append(EncodedName(name));
     head.body->Append("\"\r\n\r\n");
     head.body->Append(value);

@@ -26,11 +26,10 @@ ZrHeaderFields& ZrHeaderFields::operator=(ZrHeaderFields&& other) noexcept {
 }
 
 ZrHeaderFields::Store& ZrHeaderFields::Writable() {
-  if (!store_) {
+  if (!store_)
     store_ = std::make_shared<Store>();
-  } else if (shared_.load(std::memory_order_relaxed)) {
+  else if (shared_.load(std::memory_order_relaxed))
     store_ = std::make_shared<Store>(*store_);
-  }
   shared_.store(false, std::memory_order_relaxed);
   return *store_;
 }
@@ -38,9 +37,8 @@ ZrHeaderFields::Store& ZrHeaderFields::Writable() {
 void ZrHeaderFields::Append(std::string_view name, std::string_view value) {
   Store& store = Writable();
   constexpr std::size_t kMaxText = std::numeric_limits<std::uint32_t>::max();
-  if (name.size() + value.size() > kMaxText - store.text.size()) {
+  if (name.size() + value.size() > kMaxText - store.text.size())
     throw std::length_error("more than 4 GiB of header fields");
-  }
   Line line;
   line.nameStart = static_cast<std::uint32_t>(store.text.size());
   line.nameSize = static_cast<std::uint32_t>(name.size());

@@ -26,9 +26,7 @@ constexpr std::int64_t kLast = 253'402'300'799;   // of the year 9999
 constexpr std::size_t kLength = 29;
 
 void PutNumber(char* out, unsigned number, int digits) {
-  for (int i = digits - 1; i >= 0; --i, number /= 10) {
-    out[i] = static_cast<char>('0' + number % 10);
-  }
+  for (int i = digits - 1; i >= 0; --i, number /= 10) out[i] = static_cast<char>('0' + number % 10);
 }
 
 void Put(char* out, std::int64_t time) {

@@ -55,9 +55,7 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
   answer->path = path;
   answer->requestHeaders = headers;
   const ZrHeaderFields::Values words = headers[zr::kFirstLine];
-  if (words.size() >= 2) {
-    answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
-  }
+  if (words.size() >= 2) answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
   answer->route.assign(route.rbegin(), route.rend());
   answer->ends = ends;
   return answer;

@@ -139,9 +139,8 @@ bool ZrXHeader::ParseFirstLine(std::string_view line) {
     }
   }
   kind = lineKind;
-  for (const std::string* word : {&first, &second, &third}) {
+  for (const std::string* word : {&first, &second, &third})
     if (!word->empty()) headers.Append(zr::kFirstLine, *word);
-  }
   if (!second.empty()) ParseTarget(second);
   return lineKind != ZrMessageKind::kUnrecognised;
 }

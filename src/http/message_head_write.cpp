@@ -18,11 +18,10 @@ bool ZrXHeader::WriteHead(ZrStringBuf& out) {
   ZrLock hold(headLock);
   if (State() != zr::kHeadStateComplete || messageType == ZrMessageType::kNone) return false;
   out.Reserve(out.Size() + kUsualHeadBytes);
-  if (messageType == ZrMessageType::kAnswer) {
+  if (messageType == ZrMessageType::kAnswer)
     semantics->WriteAnswerHead(*this, out);
-  } else {
+  else
     WriteRequestHead(out);
-  }
   headWritten_ = true;
   return true;
 }

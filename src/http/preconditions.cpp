@@ -40,9 +40,8 @@ bool NamesTag(const ZrHeaderFields::Values& values, std::string_view current, bo
   for (std::string_view list : values) {
     if (zr::TrimBlanks(list) == "*") return !current.empty();
     bool weak = false;
-    while (const auto tag = TakeTag(list, weak)) {
+    while (const auto tag = TakeTag(list, weak))
       if (*tag == current && !(strongly && weak)) return true;
-    }
   }
   return false;
 }
@@ -77,9 +76,8 @@ ZrPrecondition zr::CheckPreconditions(const ZrHeaderFields& request, bool reads,
     if (modifiedAfter(*date)) return ZrPrecondition::kFailed;
   }
   if (const auto none = request["if-none-match"]; !none.empty()) {
-    if (NamesTag(none, current.entityTag, false)) {
+    if (NamesTag(none, current.entityTag, false))
       return reads ? ZrPrecondition::kNotModified : ZrPrecondition::kFailed;
-    }
   } else if (reads && current.lastModified) {
     const auto date = DateOf(request["if-modified-since"]);
     if (date && !modifiedAfter(*date)) return ZrPrecondition::kNotModified;

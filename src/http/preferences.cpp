@@ -31,11 +31,13 @@ std::optional<Element> ReadElement(std::string_view element) {
 /// Calls `visit` with every element that can be read.
 template <class Visit>
 void ForEachElement(const ZrHeaderFields::Values& values, Visit visit) {
-  zr::AllListElements(values, [&](std::string_view text) {
-    const std::optional<Element> element = ReadElement(text);
-    if (element && !element->text.empty()) visit(*element);
-    return true;
-  });
+  zr::AllListElements(
+      values,
+      [&](std::string_view text) {
+        const std::optional<Element> element = ReadElement(text);
+        if (element && !element->text.empty()) visit(*element);
+        return true;
+      });
 }
 
 }  // namespace
@@ -97,9 +99,8 @@ zr::Weight zr::MediaWeight(const ZrHeaderFields::Values& accept, std::string_vie
     const std::string_view range = element.text;
     int exact = 0;
     if (range == "*/*") exact = 1;
-    if (range.ends_with("/*") && EqualsIgnoringCase(range.substr(0, range.size() - 1), family)) {
+    if (range.ends_with("/*") && EqualsIgnoringCase(range.substr(0, range.size() - 1), family))
       exact = 2;
-    }
     if (EqualsIgnoringCase(range, type)) exact = 3;
     if (exact == 0 || exact < exactness) return;
     weight = exact == exactness ? std::max(weight, element.weight) : element.weight;

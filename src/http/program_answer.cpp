@@ -61,9 +61,8 @@ bool TakeField(std::string_view line, ZrProgramAnswer& answer, Special& special)
 
 Read Finish(ZrProgramAnswer& answer, const Special& special) {
   // Without one of the three it is no head but a page that looks like one.
-  if (special.location.empty()) {
+  if (special.location.empty())
     return special.status || special.contentType ? Read::kComplete : Read::kMalformed;
-  }
   if (special.status) return Read::kComplete;
   if (special.location.front() == '/' && !special.location.starts_with("//") &&
       answer.fields.size() == 1) {

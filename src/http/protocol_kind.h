@@ -27,9 +27,8 @@ inline constexpr std::array<ProtocolScheme, 6> kProtocolSchemes = {{{kProtocolHt
 
 /// The scheme of a protocol kind, "none" for a kind that is not in the table.
 constexpr std::string_view ProtocolSchemeName(std::uint32_t kind) {
-  for (const ProtocolScheme& entry : kProtocolSchemes) {
+  for (const ProtocolScheme& entry : kProtocolSchemes)
     if (entry.kind == kind) return entry.scheme;
-  }
   return "none";
 }
 

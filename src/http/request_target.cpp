@@ -51,11 +51,10 @@ void RemoveDotSegments(std::string& path) {
     const bool last = end == path.size();
     at = end;
     if (piece == "/..") result.erase(std::min(result.rfind('/'), result.size()));
-    if (piece != "/." && piece != "/..") {
+    if (piece != "/." && piece != "/..")
       result += piece;
-    } else if (last) {
+    else if (last)
       result += '/';
-    }
   }
   path = std::move(result);
 }
@@ -76,9 +75,8 @@ std::optional<zr::RequestTarget> zr::ParseRequestTarget(std::string_view text) {
     const std::size_t colon = path.find("://");
     if (colon == std::string_view::npos) return std::nullopt;
     const std::string_view scheme = path.substr(0, colon);
-    if (!EqualsIgnoringCase(scheme, "http") && !EqualsIgnoringCase(scheme, "https")) {
+    if (!EqualsIgnoringCase(scheme, "http") && !EqualsIgnoringCase(scheme, "https"))
       return std::nullopt;
-    }
     path.remove_prefix(colon + 3);
     const std::size_t slash = std::min(path.find('/'), path.size());
     target.authority = path.substr(0, slash);
@@ -98,16 +96,14 @@ bool zr::IsAuthority(std::string_view text) {
     if (end == std::string_view::npos || end < 3) return false;
     const std::string_view address = text.substr(1, end - 1);
     if (!std::all_of(address.begin(), address.end(),
-                     [](char c) { return HexDigit(c) >= 0 || c == ':' || c == '.'; })) {
+                     [](char c) { return HexDigit(c) >= 0 || c == ':' || c == '.'; }))
       return false;
-    }
     ++end;
   } else {
     constexpr std::string_view kOthers = "-._~!$&'()*+,;=%";
     while (end < text.size() && (IsLetter(text[end]) || IsDigit(text[end]) ||
-                                 kOthers.find(text[end]) != std::string_view::npos)) {
+                                 kOthers.find(text[end]) != std::string_view::npos))
       ++end;
-    }
   }
   const std::string_view rest = text.substr(end);
   return rest.empty() ||

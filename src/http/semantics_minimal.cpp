@@ -42,9 +42,8 @@ ZrReadStep ZrMinimalSemantics::Read(ZrXHeader& message, const HeadCallback& onHe
   // comes later is the next one.
   switch (message.ReadHead(onHead)) {
     case ZrReadResult::kIncomplete:
-      if (message.InHead()) {
+      if (message.InHead())
         return BeginsNoMessage(message) ? ZrReadStep::kClose : ZrReadStep::kHead;
-      }
       return message.KeepBody(message.declaredLength) ? ZrReadStep::kBody : ZrReadStep::kClose;
     case ZrReadResult::kRejected:
       return ZrReadStep::kClose;
@@ -55,16 +54,14 @@ ZrReadStep ZrMinimalSemantics::Read(ZrXHeader& message, const HeadCallback& onHe
   if (message.kind != ZrMessageKind::kRequest || !message.FinishBody()) return ZrReadStep::kClose;
   // What follows a request that announces no body is the next request.
   if (message.messageType == ZrMessageType::kGet && !message.body->Empty() &&
-      !message.headers.contains("content-length")) {
+      !message.headers.contains("content-length"))
     message.surplus = std::exchange(message.body, std::make_unique<ZrStringBuf>());
-  }
   return ZrReadStep::kComplete;
 }
 
 std::string_view ZrMinimalSemantics::StatusPhrase(std::uint64_t status) const {
-  for (const Reason& reason : kReasons) {
+  for (const Reason& reason : kReasons)
     if (reason.status == status) return reason.phrase;
-  }
   return {};
 }
 
@@ -100,9 +97,8 @@ void ZrMinimalSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) co
     zr::AppendText(out, answer.location);
     out.Append(kLineEnd);
   }
-  if (answer.cgiHeadPending) {
+  if (answer.cgiHeadPending)
     zr::AppendProgramHead(out, programHead, answer.contentLength);
-  } else {
+  else
     out.Append(kLineEnd);
-  }
 }

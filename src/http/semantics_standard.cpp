@@ -51,9 +51,8 @@ std::size_t MoveToBody(ZrXHeader& message, std::uint64_t most) {
 
 ZrReadStep Complete(ZrXHeader& message) {
   if (!message.FinishBody()) return Refuse(message, kInsufficientStorage);
-  if (message.reading.input && !message.reading.input->Empty()) {
+  if (message.reading.input && !message.reading.input->Empty())
     message.surplus = std::move(message.reading.input);
-  }
   message.reading.input = nullptr;
   return ZrReadStep::kComplete;
 }
@@ -71,9 +70,8 @@ ZrReadStep ReadChunks(ZrXHeader& message) {
       case ZrChunkedDecoder::Next::kIncomplete:
         return Incomplete(message, message.BodyBytes());
       case ZrChunkedDecoder::Next::kData:
-        if (chunks.Remaining() > zr::kMaxBodyBytes - message.BodyBytes()) {
+        if (chunks.Remaining() > zr::kMaxBodyBytes - message.BodyBytes())
           return Refuse(message, kContentTooLarge);
-        }
         chunks.Took(MoveToBody(message, chunks.Remaining()));
         break;
       case ZrChunkedDecoder::Next::kEnd:
@@ -97,9 +95,7 @@ ZrReadStep ReadBody(ZrXHeader& message) {
 ZrReadStep BeginBody(ZrXHeader& message) {
   ZrMessageReading& place = message.reading;
   // The usual request has no body and nothing behind it, or its body and nothing else.
-  if (!place.chunks && message.body->Size() == message.declaredLength) {
-    return ZrReadStep::kComplete;
-  }
+  if (!place.chunks && message.body->Size() == message.declaredLength) return ZrReadStep::kComplete;
   if (place.expectsContinue && message.bodyUnwanted && message.body->Empty()) {
     // Whether the body comes all the same is the client's choice, which cannot be known here.
     message.closeRequested = true;
@@ -157,9 +153,8 @@ ZrReadStep ZrStandardSemantics::Read(ZrXHeader& message, const HeadCallback& onH
   if (message.refusal != 0) return ZrReadStep::kComplete;
   if (!message.InHead()) return ReadBody(message);
   message.kind = ZrMessageKind::kRequest;
-  if (const std::uint64_t refusal = zr::ReadStandardHead(message); refusal != 0) {
+  if (const std::uint64_t refusal = zr::ReadStandardHead(message); refusal != 0)
     return Refuse(message, refusal);
-  }
   if (message.InHead()) return ZrReadStep::kHead;
   if (!onHead(message)) return ZrReadStep::kClose;
   return BeginBody(message);
@@ -185,9 +180,8 @@ bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
   if (answer.cgiHeadPending && answer.filePath.empty()) TakeProgramHead(answer);
   if (StatusPhrase(answer.status).empty() || answer.status < 200) answer.status = kInternalError;
-  if (answer.filePath.empty() && !answer.streamed) {
+  if (answer.filePath.empty() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
-  }
   // A client of the old version finds the end of a streamed body at the end of the connection.
   if (answer.streamed && answer.oldVersion) answer.closeRequested = true;
 
@@ -199,11 +193,10 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
   out.Append(zr::HttpDateNow());
   out.Append("\r\nServer: ");
   out.Append(zr::kServerProduct);
-  if (answer.closeRequested) {
+  if (answer.closeRequested)
     out.Append("\r\nConnection: close");
-  } else if (answer.keepsOld) {
+  else if (answer.keepsOld)
     out.Append("\r\nConnection: keep-alive");
-  }
   if (!HasNoBody(answer.status)) {
     if (!answer.streamed) {
       out.Append("\r\nContent-Length: ");
@@ -226,9 +219,8 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
   }
   for (const auto& [name, values] : answer.headers) {
     if (!zr::IsToken(name) || IsServersOwn(name)) continue;
-    for (const std::string_view value : values) {
+    for (const std::string_view value : values)
       if (zr::IsFieldValue(value)) AppendField(out, name, value);
-    }
   }
   out.Append("\r\n");
 }

@@ -49,9 +49,8 @@ constexpr std::array<Method, 7> kMethods = {{
 
 std::uint64_t ReadVersion(ZrXHeader& message, std::string_view text) {
   const auto digit = [&text](std::size_t at) { return text[at] >= '0' && text[at] <= '9'; };
-  if (text.size() != 8 || !text.starts_with("HTTP/") || !digit(5) || text[6] != '.' || !digit(7)) {
+  if (text.size() != 8 || !text.starts_with("HTTP/") || !digit(5) || text[6] != '.' || !digit(7))
     return kBadRequest;
-  }
   if (text[5] != '1') return kVersionNotSupported;
   message.oldVersion = text[7] == '0';
   return kFine;
@@ -79,12 +78,10 @@ std::uint64_t ReadRequestLine(ZrXHeader& message, std::string_view line) {
   if (!zr::IsToken(name) || first == last) return kBadRequest;
   const std::string_view target = line.substr(first + 1, last - first - 1);
   message.headers.Reserve(std::min(message.body->Size(), zr::kMaxHeadBytes), kUsualLines);
-  for (const std::string_view word : {name, target, line.substr(last + 1)}) {
+  for (const std::string_view word : {name, target, line.substr(last + 1)})
     message.headers.Append(zr::kFirstLine, word);
-  }
-  if (const std::uint64_t refusal = ReadVersion(message, line.substr(last + 1)); refusal != kFine) {
+  if (const std::uint64_t refusal = ReadVersion(message, line.substr(last + 1)); refusal != kFine)
     return refusal;
-  }
   const auto known = std::find_if(kMethods.begin(), kMethods.end(),
                                   [name](const Method& entry) { return entry.name == name; });
   if (known == kMethods.end()) return kNotImplemented;
@@ -149,9 +146,8 @@ std::uint64_t ReadFraming(ZrXHeader& message) {
 std::uint64_t FinishHead(ZrXHeader& message) {
   const ZrHeaderFields::Values hosts = message.headers["host"];
   if (hosts.size() > 1 || (hosts.empty() && !message.oldVersion) ||
-      (!hosts.empty() && !zr::IsAuthority(hosts.front()))) {
+      (!hosts.empty() && !zr::IsAuthority(hosts.front())))
     return kBadRequest;
-  }
   if (message.authority.empty() && !hosts.empty()) message.authority = hosts.front();
   if (const std::uint64_t refusal = ReadFraming(message); refusal != kFine) return refusal;
 
@@ -162,9 +158,8 @@ std::uint64_t FinishHead(ZrXHeader& message) {
 
   const ZrHeaderFields::Values expected = message.headers["expect"];
   if (expected.empty() || message.oldVersion) return kFine;
-  if (expected.size() != 1 || !zr::EqualsIgnoringCase(expected.front(), "100-continue")) {
+  if (expected.size() != 1 || !zr::EqualsIgnoringCase(expected.front(), "100-continue"))
     return kExpectationFailed;
-  }
   message.reading.expectsContinue = true;
   return kFine;
 }
@@ -205,9 +200,8 @@ std::uint64_t zr::ReadStandardHead(ZrXHeader& message) {
     if (!empty) {
       if (place.lineCount == kMaxHeadLines) return kHeadTooLarge;
       if (first) {
-        if (const std::uint64_t refusal = ReadRequestLine(message, line); refusal != kFine) {
+        if (const std::uint64_t refusal = ReadRequestLine(message, line); refusal != kFine)
           return refusal;
-        }
       } else if (!ReadField(message, line)) {
         return kBadRequest;
       }

@@ -34,11 +34,10 @@ void PushFront(Node*& head, Node* node) {
 template <auto Next, auto Previous, class Node>
 void Unlink(Node*& head, Node* node) {
   if (node->*Next) (node->*Next)->*Previous = node->*Previous;
-  if (node->*Previous) {
+  if (node->*Previous)
     (node->*Previous)->*Next = node->*Next;
-  } else {
+  else
     head = node->*Next;
-  }
 }
 
 template <class Membership, class Task>
@@ -84,11 +83,10 @@ void ZrJobRegistry::RemoveMember(Membership* member) {
   Unlink<&Membership::nextOfJob, &Membership::previousOfJob>(link.memberships, member);
   Unlink<&Membership::nextOfTask, &Membership::previousOfTask>(member->task->members, member);
   --member->task->memberCount;
-  if (member == &link.first) {
+  if (member == &link.first)
     member->job = nullptr;
-  } else {
+  else
     delete member;
-  }
   if (!link.memberships) jobs_.TakeOut(link);
 }
 

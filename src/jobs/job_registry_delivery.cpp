@@ -107,11 +107,10 @@ void ZrJobRegistry::Queue(std::list<Entry>& entry, bool urgent) {
   }
   const bool first = queue_.empty();
   queue_.splice(queue_.end(), entry);
-  if (urgent) {
+  if (urgent)
     WakeNow();
-  } else if (first) {
+  else if (first)
     wake_.NotifyOne();
-  }
 }
 
 bool ZrJobRegistry::Post(std::string_view target, ZrJobEvent event) {
@@ -160,9 +159,9 @@ void ZrJobRegistry::WakeDelivery() {
 }
 
 void ZrJobRegistry::StartDelivery() {
-  if (!delivery_.Joinable() && !stopping_) {
-    delivery_ = ZrThread::Start("zr-delivery", [this] { DeliveryLoop(); });
-  }
+  if (!delivery_.Joinable() && !stopping_)
+    delivery_ = ZrThread::Start(
+        "zr-delivery", [this] { DeliveryLoop(); });
 }
 
 ZrJob* ZrJobRegistry::TakeFront(std::list<Entry>& taken) {

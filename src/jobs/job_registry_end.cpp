@@ -53,9 +53,9 @@ bool ZrJobRegistry::Reap(ZrJob* job) noexcept {
   ++handedCount_;
   reap_.NotifyOne();
   try {
-    if (!reaper_.Joinable()) {
-      reaper_ = ZrThread::Start("zr-reaper", [this] { ReaperLoop(); });
-    }
+    if (!reaper_.Joinable())
+      reaper_ = ZrThread::Start(
+          "zr-reaper", [this] { ReaperLoop(); });
   } catch (const std::exception&) {
     // The job waits until a thread can be had.
   }

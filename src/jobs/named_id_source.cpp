@@ -48,9 +48,8 @@ std::optional<std::int64_t> ZrNamedIdSource::NumberOf(std::string_view prefix,
                                                       std::string_view name) {
   const std::size_t digits = prefix.size() + 1;
   if (name.size() != digits + kMicrosecondDigits + kSecondDigits || !name.starts_with(prefix) ||
-      name[prefix.size()] != '*') {
+      name[prefix.size()] != '*')
     return std::nullopt;
-  }
   const auto microseconds = ReadDigits(name.substr(digits, kMicrosecondDigits));
   const auto seconds = ReadDigits(name.substr(digits + kMicrosecondDigits));
   if (!microseconds || !seconds || *microseconds >= kMicrosecondsPerSecond) return std::nullopt;

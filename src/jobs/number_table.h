@@ -36,9 +36,8 @@ class ZrNumberTable {
   std::size_t Size() const noexcept { return size_; }
   /// Any of them, nothing when there is none.
   Thing* Any() const noexcept {
-    for (Thing* const chain : chains_) {
+    for (Thing* const chain : chains_)
       if (chain) return chain;
-    }
     return nullptr;
   }
 

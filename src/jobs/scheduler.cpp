@@ -116,9 +116,7 @@ void ZrRinvalScheduler2::Run(Task& task) noexcept {
   std::string failure;
   try {
     result = task.function(task.record.get());
-    if (!result) {
-      throw ZrException("irregular return condition (nullptr) for a task", 199, "src");
-    }
+    if (!result) throw ZrException("irregular return condition (nullptr) for a task", 199, "src");
   } catch (const std::exception& e) {
     failure = e.what();
   } catch (...) {
@@ -175,7 +173,9 @@ void ZrRinvalScheduler2::RequeueLater(Task& task) {
 }
 
 void ZrRinvalScheduler2::StartTimer() {
-  if (!timer_.Joinable()) timer_ = ZrThread::Start("zr-timer", [this] { TimerLoop(); });
+  if (!timer_.Joinable())
+    timer_ = ZrThread::Start(
+        "zr-timer", [this] { TimerLoop(); });
 }
 
 void ZrRinvalScheduler2::TimerLoop() {

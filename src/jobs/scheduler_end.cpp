@@ -34,9 +34,8 @@ void ZrRinvalScheduler2::Stop() {
     for (const auto& [due, task] : waiting_) EndUnrun(*task);
     ready_.clear();
     waiting_.clear();
-    for (const auto& [id, task] : tasks_) {
+    for (const auto& [id, task] : tasks_)
       if (task->stage == Task::Stage::kRunning && !task->stopCalled) running.push_back(id);
-    }
   }
   for (const std::uint64_t id : running) CallStopAction(id);
   timer.Join();

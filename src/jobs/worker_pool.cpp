@@ -28,7 +28,8 @@ void ZrWorkerPool::Run(std::function<void()> body) {
   const Workers::iterator worker = workers_.emplace(workers_.end());
   worker->body = std::move(body);
   try {
-    worker->thread = ZrThread::Start("zr-task", [this, worker] { Loop(worker); });
+    worker->thread = ZrThread::Start(
+        "zr-task", [this, worker] { Loop(worker); });
   } catch (...) {
     workers_.erase(worker);
     throw;

@@ -37,16 +37,14 @@ ZrAttributeMap::Place ZrAttributeMap::Obtain(ZrNameView name) {
   if (block_ == nullptr) Resize(1);
   if (block_->many == nullptr) {
     const std::uint32_t place = LowerBound(name.text());
-    if (place < block_->size && block_->entries()[place].name.str() == name.text()) {
+    if (place < block_->size && block_->entries()[place].name.str() == name.text())
       return {block_->entries()[place].owner, false};
-    }
     if (block_->size < kFew) {
       if (block_->size == block_->capacity) Resize(block_->capacity * 2 + 1);
       Entry* const entries = block_->entries();
       new (entries + block_->size) Entry{ZrName(name), nullptr};
-      if (place != block_->size) {
+      if (place != block_->size)
         std::rotate(entries + place, entries + block_->size, entries + block_->size + 1);
-      }
       ++block_->size;
       return {entries[place].owner, true};
     }

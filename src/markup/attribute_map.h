@@ -52,9 +52,8 @@ class ZrAttributeMap {
             static_cast<const ZrXMLComplexAttribute2*>(entries[i].owner.get()));
     }
     if (block_->many == nullptr) return;
-    for (const auto& [name, owner] : *block_->many) {
+    for (const auto& [name, owner] : *block_->many)
       visit(name.str(), static_cast<const ZrXMLComplexAttribute2*>(owner.get()));
-    }
   }
 
  private:

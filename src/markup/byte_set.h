@@ -17,10 +17,8 @@ class ByteSet {
     return *this;
   }
   constexpr ByteSet& AddRange(char first, char last) {
-    for (unsigned c = static_cast<unsigned char>(first); c <= static_cast<unsigned char>(last);
-         ++c) {
+    for (unsigned c = static_cast<unsigned char>(first); c <= static_cast<unsigned char>(last); ++c)
       has_[c] = true;
-    }
     return *this;
   }
   constexpr ByteSet Inverted() const {

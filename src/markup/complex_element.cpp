@@ -10,11 +10,10 @@ ZrXMLComplexElement::~ZrXMLComplexElement() {
   if (ZrXMLComplexElement* const parent = Parent()) parent->Unlink(this);
   if (body_ == nullptr) return;
   if (ZrElementObserver* const observer = Observer()) observer->ElementGoesAway(*this);
-  if ((flags_ & kOrphan) != 0) {
+  if ((flags_ & kOrphan) != 0)
     body_->children.MoveTo(*link_.graveyard);
-  } else {
+  else
     body_->children.DestroyAll();
-  }
   delete body_;
 }
 
@@ -53,9 +52,8 @@ bool ZrXMLComplexElement::EndStartTag(zr::TagWriter& tag) const {
 }
 
 ZrXMLComplexElement::WriteCall::WriteCall() {
-  if (depth == kMaxWriteDepth) {
+  if (depth == kMaxWriteDepth)
     throw ZrException("elements nested too deeply to be written", 643, "src");
-  }
   ++depth;
 }
 
@@ -90,9 +88,8 @@ void ZrXMLComplexElement::RequireFreeSlow(const ZrXMLComplexElement& node) const
 
 ZrXMLComplexElement* ZrXMLComplexElement::AddChild(ZrXMLComplexElement* child) {
   if (child == nullptr) return child;
-  if ((flags_ & kClosed) != 0) {
+  if ((flags_ & kClosed) != 0)
     throw ZrException("child elements not allowed for " + name_.str(), 631, "src");
-  }
   RequireFree(*child);
   Link(nullptr, child);
   ChildAdded(child);
@@ -122,9 +119,8 @@ void ZrXMLComplexElement::FindByName(std::string_view name, ZrXMLNodeList& list,
   if (Name() == name) list.push_back(this);
   if (depth == 0) return;
   if (Children().HasClearedSlots()) throw ZrException("Nullelement", 687, "src");
-  for (ZrXMLComplexElement* child : Children()) {
+  for (ZrXMLComplexElement* child : Children())
     child->FindByName(name, list, depth == kUnlimited ? depth : depth - 1);
-  }
 }
 
 ZrXMLComplexElement* ZrXMLComplexElement::ContentChild(bool skipText, int index) {
@@ -248,9 +244,8 @@ ZrXMLComplexElement* ZrXMLComplexElement::InsertChild(ZrXMLComplexElement* befor
                                                       ZrXMLComplexElement* child) {
   if (before == nullptr || child == nullptr) return AddChild(child);
   if (before->Parent() != this) throw ZrException("not a child", 642, "src");
-  if ((flags_ & kClosed) != 0) {
+  if ((flags_ & kClosed) != 0)
     throw ZrException("child elements not allowed for " + name_.str(), 631, "src");
-  }
   RequireFree(*child);
   Link(before, child);
   ChildAdded(child);

@@ -196,9 +196,8 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   /// Throws when the node may not be put below this element, see the head of this file.
   void RequireFree(const ZrXMLComplexElement& node) const {
     // Only what has children can be above this element.
-    if (node.link_.parent != nullptr || &node == this || !node.Children().empty()) [[unlikely]] {
+    if (node.link_.parent != nullptr || &node == this || !node.Children().empty()) [[unlikely]]
       RequireFreeSlow(node);
-    }
   }
   /// Puts newChild in the place of oldChild, calls ChildAdded() for it and destroys oldChild, also
   /// when ChildAdded() throws. ChildRemoved() was called at the stamp of the list; false, and

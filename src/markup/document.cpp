@@ -77,9 +77,8 @@ void EscapeQuotes(ZrXMLComplexElement& top) {
     });
     for (const std::string& name : names) {
       std::string value = element.AttributeValue(name, {});
-      for (std::size_t quote = 0; (quote = value.find('"', quote)) != std::string::npos;) {
+      for (std::size_t quote = 0; (quote = value.find('"', quote)) != std::string::npos;)
         value.replace(quote, 1, "&quot;");
-      }
       element.SetAttribute(name, value);
     }
   }
@@ -116,11 +115,10 @@ Document::Document(std::string_view rootName, DocumentKind kind)
     : tree_(std::make_unique<Tree>(Tree{std::make_unique<TopNode>(kind)})) {
   Part root = Part::Element(rootName, kind);
   TopNode& top = *tree_->top;
-  if (kind == DocumentKind::kXml) {
+  if (kind == DocumentKind::kXml)
     top.Adopt(std::make_unique<ZrXML_ProcInst2>(kDeclaration));
-  } else {
+  else
     top.Adopt(std::make_unique<zr::DoctypeNode>("DOCTYPE html"));
-  }
   top.Adopt(std::make_unique<ZrXMLGenericWhitespace>("\n"));
   Add(std::move(root));
   top.Adopt(std::make_unique<ZrXMLGenericWhitespace>("\n"));
@@ -144,9 +142,8 @@ Document Document::ReadText(std::string_view text, DocumentKind kind, std::strin
       Fail(name, reader.Place(), Plain(e.what()));
     }
   }
-  if (splitter.current != top) {
+  if (splitter.current != top)
     Fail(name, reader.Place(), "the element '" + splitter.current->Name() + "' is not closed");
-  }
   if (kind == DocumentKind::kXml) CheckXml(*top, name);
   if (text.find('\'') != std::string_view::npos) EscapeQuotes(*top);
   (void)splitter.top.release();
@@ -176,17 +173,15 @@ Document Document::ReadFile(const std::string& path, DocumentKind kind) {
 DocumentKind Document::Kind() const { return tree_->top->Kind(); }
 
 Element Document::Root() const {
-  for (const ZrXMLComplexElement* child : tree_->top->Children()) {
+  for (const ZrXMLComplexElement* child : tree_->top->Children())
     if (NodeAccess::IsElement(*child)) return NodeAccess::ElementHandle(child);
-  }
   return {};
 }
 
 std::vector<Node> Document::Nodes() const {
   std::vector<Node> nodes;
-  for (const ZrXMLComplexElement* child : tree_->top->Children()) {
+  for (const ZrXMLComplexElement* child : tree_->top->Children())
     nodes.push_back(NodeAccess::Handle(child));
-  }
   return nodes;
 }
 
@@ -205,9 +200,8 @@ Node Document::Add(Part part) {
 
 Document Document::Copy() const {
   auto copy = std::make_unique<Tree>(Tree{std::make_unique<TopNode>(Kind())});
-  for (const ZrXMLComplexElement* child : tree_->top->Children()) {
+  for (const ZrXMLComplexElement* child : tree_->top->Children())
     copy->top->Adopt(NodeAccess::CopyOf(*child));
-  }
   return Document(std::move(copy));
 }
 

@@ -88,7 +88,8 @@ class PathReader {
 
 bool HoldsText(const ZrXMLComplexElement& element) {
   return std::any_of(
-      element.Children().begin(), element.Children().end(), [](const ZrXMLComplexElement* child) {
+      element.Children().begin(), element.Children().end(),
+      [](const ZrXMLComplexElement* child) {
         return NodeAccess::KindOf(*child) == NodeKind::kText &&
                static_cast<const ZrXMLTextCarrier*>(child)->text().find_first_not_of(" \t\r\n") !=
                    std::string_view::npos;
@@ -160,9 +161,7 @@ void Document::Indent(unsigned blanks) {
           line(*open, child, depth);
         }
       }
-      if (!open->Children().empty()) {
-        line(*open, nullptr, open == &top ? 0 : depth - blanks);
-      }
+      if (!open->Children().empty()) line(*open, nullptr, open == &top ? 0 : depth - blanks);
     }
     Base* child = open->Children().front();
     const bool broken = MayBreak(*open);

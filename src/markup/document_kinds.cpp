@@ -31,17 +31,15 @@ constexpr struct {
             {"title", "content-title"}};
 
 const char* RawKind(std::string_view tag) {
-  for (const auto& raw : kRaw) {
+  for (const auto& raw : kRaw)
     if (tag == raw.tag) return raw.kind;
-  }
   return nullptr;
 }
 
 std::string Lower(std::string_view text) {
   std::string lower(text);
-  for (char& c : lower) {
+  for (char& c : lower)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
   return lower;
 }
 
@@ -214,11 +212,9 @@ void FillPageDocument(ZrDTD& dtd) {
 }
 
 void FillRawContent(ZrDTD& dtd) {
-  for (const auto& raw : kRaw) {
-    if (dtd.Name() == raw.kind) {
+  for (const auto& raw : kRaw)
+    if (dtd.Name() == raw.kind)
       dtd.AddState(std::make_unique<RawTextState>(raw.tag), FacadeText<ZrXMLGenericText>, false);
-    }
-  }
   dtd.AddState(std::make_unique<PageElementState>(), PageElement, true);
 }
 
@@ -233,9 +229,8 @@ std::span<const ZrDTDDefinition> FacadeKinds() { return kFacadeKinds; }
 
 std::unique_ptr<ZrXMLGenericElement> MakeFacadeElement(ZrNameView name, bool page) {
   if (!page) return std::make_unique<ZrXMLGenericElement>(name, false);
-  if (const char* const kind = RawKind(name.text())) {
+  if (const char* const kind = RawKind(name.text()))
     return std::make_unique<RawElement>(name, kind);
-  }
   auto element = std::make_unique<ZrXMLGenericElement>(name, false);
   element->SetSelfClosesWhenEmpty(false);
   if (IsVoidTag(name.text())) element->SetClosed(true);

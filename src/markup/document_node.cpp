@@ -34,11 +34,10 @@ bool IsBlank(const ZrXMLComplexElement& node) {
 void AppendText(std::string& text, const ZrXMLComplexElement& node) {
   const auto* const carrier = dynamic_cast<const ZrXMLTextCarrier*>(&node);
   if (carrier == nullptr) return;
-  if (dynamic_cast<const zr::CdataNode*>(&node) != nullptr || IsCode(node.Parent())) {
+  if (dynamic_cast<const zr::CdataNode*>(&node) != nullptr || IsCode(node.Parent()))
     text += carrier->text();
-  } else {
+  else
     text += Unescape(carrier->text());
-  }
 }
 
 }  // namespace
@@ -84,12 +83,10 @@ ZrXMLComplexElement* NodeAccess::Insert(Base& parent, Base* before, Part&& part)
   if (parent.IsClosed()) Refuse("the element '" + parent.Name() + "' takes no content");
   const auto* const top = dynamic_cast<const TopNode*>(&parent);
   if (top != nullptr && top->Kind() == DocumentKind::kXml) {
-    if (KindOf(*node) == NodeKind::kText && !IsBlank(*node)) {
+    if (KindOf(*node) == NodeKind::kText && !IsBlank(*node))
       Refuse("a text can't stand beside the root");
-    }
-    for (const Base* child : parent.Children()) {
+    for (const Base* child : parent.Children())
       if (IsElement(*node) && IsElement(*child)) Refuse("a document has one root");
-    }
   }
   Base* const added = node.get();
   parent.InsertChild(before, added);
@@ -111,9 +108,8 @@ NodeAccess::Owner NodeAccess::CopyOf(const Base& node) {
         default:
           break;
       }
-      if (dynamic_cast<const zr::CdataNode*>(&from) != nullptr) {
+      if (dynamic_cast<const zr::CdataNode*>(&from) != nullptr)
         return std::make_unique<zr::CdataNode>(text);
-      }
       return std::make_unique<ZrXMLGenericText>(text);
     }
     auto element = zr::MakeFacadeElement(from.Name(), IsOfPage(from));
@@ -156,14 +152,11 @@ Node Node::Previous() const { return NodeAccess::Handle(NodeAccess::Get(*this).P
 
 std::string Node::Text() const {
   const ZrXMLComplexElement& node = NodeAccess::Get(*this);
-  if (Kind() != NodeKind::kElement && Kind() != NodeKind::kText) {
+  if (Kind() != NodeKind::kElement && Kind() != NodeKind::kText)
     return std::string(static_cast<const ZrXMLTextCarrier&>(node).text());
-  }
   std::string text;
-  for (const ZrXMLComplexElement* at = &node; at != nullptr;
-       at = NodeAccess::NextInTree(*at, node)) {
+  for (const ZrXMLComplexElement* at = &node; at != nullptr; at = NodeAccess::NextInTree(*at, node))
     if (NodeAccess::KindOf(*at) == NodeKind::kText) AppendText(text, *at);
-  }
   return text;
 }
 
@@ -242,29 +235,24 @@ std::vector<std::pair<std::string, std::string>> Element::Attributes() const {
 }
 
 Element Element::First(std::string_view name) const {
-  for (const ZrXMLComplexElement* child : NodeAccess::Get(*this).Children()) {
-    if (NodeAccess::IsElement(*child) && (name.empty() || child->Name() == name)) {
+  for (const ZrXMLComplexElement* child : NodeAccess::Get(*this).Children())
+    if (NodeAccess::IsElement(*child) && (name.empty() || child->Name() == name))
       return NodeAccess::ElementHandle(child);
-    }
-  }
   return {};
 }
 
 std::vector<Element> Element::Children(std::string_view name) const {
   std::vector<Element> children;
-  for (const ZrXMLComplexElement* child : NodeAccess::Get(*this).Children()) {
-    if (NodeAccess::IsElement(*child) && (name.empty() || child->Name() == name)) {
+  for (const ZrXMLComplexElement* child : NodeAccess::Get(*this).Children())
+    if (NodeAccess::IsElement(*child) && (name.empty() || child->Name() == name))
       children.push_back(NodeAccess::ElementHandle(child));
-    }
-  }
   return children;
 }
 
 std::vector<Node> Element::Nodes() const {
   std::vector<Node> nodes;
-  for (const ZrXMLComplexElement* child : NodeAccess::Get(*this).Children()) {
+  for (const ZrXMLComplexElement* child : NodeAccess::Get(*this).Children())
     nodes.push_back(NodeAccess::Handle(child));
-  }
   return nodes;
 }
 
@@ -286,11 +274,9 @@ Node Element::AddText(std::string_view text) {
   ZrXMLGenericElement& element = NodeAccess::Get(*this);
   if (!IsCode(&element)) return Add(Part::Text(text));
   // Nothing is resolved in scripts and styles, so nothing may end them.
-  for (std::size_t at = 0; (at = text.find("</", at)) != std::string_view::npos; at += 2) {
-    if (zr::EqualsLower(text.substr(at + 2, element.Name().size()), element.Name())) {
+  for (std::size_t at = 0; (at = text.find("</", at)) != std::string_view::npos; at += 2)
+    if (zr::EqualsLower(text.substr(at + 2, element.Name().size()), element.Name()))
       Refuse("the text would end the element '" + element.Name() + "'");
-    }
-  }
   return Add(NodeAccess::Give(std::make_unique<ZrXMLGenericText>(text)));
 }
 
@@ -322,9 +308,8 @@ Part Part::Text(std::string_view text) {
 }
 
 Part Part::Comment(std::string_view text) {
-  if (text.find("--") != std::string_view::npos || text.ends_with('-')) {
+  if (text.find("--") != std::string_view::npos || text.ends_with('-'))
     Refuse("a comment can't hold \"--\" or end in \"-\"");
-  }
   return NodeAccess::Give(std::make_unique<ZrXML_Comment2>(text));
 }
 

@@ -49,9 +49,8 @@ bool AppendReferred(std::string& text, std::string_view reference) {
   const char* const end = digits.data() + digits.size();
   const auto result = std::from_chars(digits.data(), end, code, hexadecimal ? 16 : 10);
   const bool surrogate = code >= 0xd800 && code < 0xe000;
-  if (result.ec != std::errc() || result.ptr != end || code == 0 || code > 0x10ffff || surrogate) {
+  if (result.ec != std::errc() || result.ptr != end || code == 0 || code > 0x10ffff || surrogate)
     return false;
-  }
   AppendUtf8(text, code);
   return true;
 }
@@ -60,13 +59,16 @@ bool AppendReferred(std::string& text, std::string_view reference) {
 
 bool zr::IsDocumentName(std::string_view name) {
   return !name.empty() && zr::kXmlNameStart.Has(name.front()) &&
-         std::all_of(name.begin(), name.end(), [](char c) { return zr::kXmlNameBytes.Has(c); });
+         std::all_of(
+             name.begin(), name.end(), [](char c) { return zr::kXmlNameBytes.Has(c); });
 }
 
 bool zr::EqualsLower(std::string_view text, std::string_view lower) {
-  return std::equal(text.begin(), text.end(), lower.begin(), lower.end(), [](char a, char b) {
-    return (a >= 'A' && a <= 'Z' ? static_cast<char>(a - 'A' + 'a') : a) == b;
-  });
+  return std::equal(
+      text.begin(), text.end(), lower.begin(), lower.end(),
+      [](char a, char b) {
+        return (a >= 'A' && a <= 'Z' ? static_cast<char>(a - 'A' + 'a') : a) == b;
+      });
 }
 
 bool zr::IsVoidTag(std::string_view name) {
@@ -82,11 +84,10 @@ std::string velkoro::Escape(std::string_view text) {
   for (const char c : text) {
     const auto* const known = std::find_if(std::begin(kReferences), std::end(kReferences),
                                            [c](const auto& row) { return row.byte == c; });
-    if (known == std::end(kReferences)) {
+    if (known == std::end(kReferences))
       escaped += c;
-    } else {
+    else
       escaped += known->reference;
-    }
   }
   return escaped;
 }

@@ -11,9 +11,8 @@ void ZrDTD::AddState(std::unique_ptr<ZrDTDElementRead> prototype, Factory factor
   const auto place = std::lower_bound(
       states_.begin(), states_.end(), prototype->Name(),
       [](const State& state, const std::string& name) { return state.prototype->Name() < name; });
-  if (place != states_.end() && place->prototype->Name() == prototype->Name()) {
+  if (place != states_.end() && place->prototype->Name() == prototype->Name())
     throw ZrException("name can't be twice", 1122, "src");
-  }
   if (states_.size() == 64) throw std::length_error("a DTD has at most 64 states");
   states_.insert(place, State{std::move(prototype), factory, container});
   indexed_ = false;

@@ -3,11 +3,10 @@
 #include <memory>
 
 void ZrElementExtras::Discard() noexcept {
-  if (HasRecord()) {
+  if (HasRecord())
     delete record();
-  } else {
+  else
     ZrName::Drop(name());
-  }
 }
 
 const std::string& ZrElementExtras::value() const {

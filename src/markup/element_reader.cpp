@@ -61,9 +61,8 @@ void ZrDTDElementReader::KeepValues() {
 
 void ZrDTDElementReader::AddDTD(std::unique_ptr<ZrDTD> dtd) {
   const std::string& name = dtd->Name().str();
-  if (!dtds_.try_emplace(name, std::move(dtd)).second) {
+  if (!dtds_.try_emplace(name, std::move(dtd)).second)
     throw ZrException("name can't be twice", 1122, "src");
-  }
 }
 
 ZrDTD* ZrDTDElementReader::FindDTD(std::string_view name) {

@@ -82,9 +82,8 @@ class ZrDTDElementReader {
     return attributes_.emplace_back(AttributeRecord{names_.Intern(name), {}, true});
   }
   void FinishAttributes(std::string_view tag) {
-    for (AttributeRecord& record : attributes_) {
+    for (AttributeRecord& record : attributes_)
       record.value = tag.substr(record.valueAt, record.valueLength);
-    }
   }
 
   /// Adds a document kind. Throws ZrException "name can't be twice" for a name that is there.

@@ -29,9 +29,8 @@ void ZrXMLGenericElement::WriteAfterStartTag(std::ostream&) const {}
 void ZrXMLGenericElement::WriteBeforeEndTag(std::ostream&) const {}
 
 void ZrXMLGenericElement::CollectElementChildren(ZrXMLElementList& list) {
-  for (ZrXMLComplexElement* child : Children()) {
+  for (ZrXMLComplexElement* child : Children())
     if (child->AsGeneric() != nullptr) list.push_back(child->AsGeneric());
-  }
 }
 
 void ZrXMLGenericElement::AssignAttributeText(const std::string& text) {
@@ -149,9 +148,8 @@ bool ZrXMLGenericElement::ReplaceByAttribute(ZrXMLGenericElement* newElement, Zr
     newElement->SetAttribute(attrName, attrValue);
     return ExchangeChild(element, newElement, stamp);
   }
-  for (ZrXMLComplexElement* child : Children()) {
+  for (ZrXMLComplexElement* child : Children())
     if (child->ReplaceByAttribute(newElement, attrName, attrValue)) return true;
-  }
   return false;
 }
 

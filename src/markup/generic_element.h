@@ -114,9 +114,8 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
     };
     if (attributes != nullptr) {
       attributes->ForEach([&](const std::string& name, const ZrXMLComplexAttribute2* attribute) {
-        while (member != members.end() && member->name != nullptr && *member->name < name) {
+        while (member != members.end() && member->name != nullptr && *member->name < name)
           visitMember();
-        }
         visit(name, attribute);
       });
     }
@@ -165,9 +164,8 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
   // The member of that name that is kept apart.
   ZrXMLComplexAttribute2* FindMember(std::string_view name) const {
     if (!MembersApart()) return nullptr;
-    for (const Member& member : ApartMembers()) {
+    for (const Member& member : ApartMembers())
       if (member.name != nullptr && *member.name == name) return member.attribute;
-    }
     return nullptr;
   }
   bool WriteStart(std::ostream& stream) const;

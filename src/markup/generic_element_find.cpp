@@ -7,22 +7,17 @@
 
 void ZrXMLGenericElement::FindWithAttribute(ZrXMLElementList& list, std::string_view attrName) {
   if (HasAttribute(attrName)) list.push_back(this);
-  for (ZrXMLComplexElement* child : Children()) {
-    if (child->AsGeneric() != nullptr) {
-      child->AsGeneric()->FindWithAttribute(list, attrName);
-    }
-  }
+  for (ZrXMLComplexElement* child : Children())
+    if (child->AsGeneric() != nullptr) child->AsGeneric()->FindWithAttribute(list, attrName);
 }
 
 void ZrXMLGenericElement::FindWithAttributeValue(std::string_view attrName,
                                                  std::string_view attrValue,
                                                  ZrXMLElementList& list) {
   if (AttributeEquals(attrName, attrValue)) list.push_back(this);
-  for (ZrXMLComplexElement* child : Children()) {
-    if (child->AsGeneric() != nullptr) {
+  for (ZrXMLComplexElement* child : Children())
+    if (child->AsGeneric() != nullptr)
       child->AsGeneric()->FindWithAttributeValue(attrName, attrValue, list);
-    }
-  }
 }
 
 ZrXMLGenericElement* ZrXMLGenericElement::FirstWithAttributeValue(std::string_view attrName,
@@ -41,9 +36,8 @@ void ZrXMLGenericElement::FindElementsByName(std::string_view name, ZrXMLElement
                                              std::size_t depth) {
   ZrXMLNodeList nodes;
   FindByName(name, nodes, depth);
-  for (ZrXMLComplexElement* node : nodes) {
+  for (ZrXMLComplexElement* node : nodes)
     if (node->AsGeneric() != nullptr) list.push_back(node->AsGeneric());
-  }
 }
 
 namespace {
@@ -126,14 +120,11 @@ std::unique_ptr<ZrXMLElementList> ZrXMLGenericElement::Query(std::string_view pa
     for (ZrXMLGenericElement* element : *found) {
       named.clear();
       element->FindByName(step.name, named, 1);
-      for (ZrXMLComplexElement* node : named) {
-        if (node->AsGeneric() != nullptr && step.Holds(*node->AsGeneric())) {
+      for (ZrXMLComplexElement* node : named)
+        if (node->AsGeneric() != nullptr && step.Holds(*node->AsGeneric()))
           next.push_back(node->AsGeneric());
-        }
-      }
-      if (next.size() > kMaxQueryResults) {
+      if (next.size() > kMaxQueryResults)
         throw ZrException("too many results for the path", 745, "src");
-      }
     }
     found->swap(next);
     if (found->empty()) break;

@@ -30,12 +30,8 @@ std::uint64_t Load(const char* bytes) {
 
 // Up to eight bytes as one word, by loads that may overlap.
 std::uint64_t LoadUpTo8(const char* bytes, std::size_t count) {
-  if (count >= 4) {
-    return Load<std::uint32_t>(bytes) | Load<std::uint32_t>(bytes + count - 4) << 32;
-  }
-  if (count >= 2) {
-    return Load<std::uint16_t>(bytes) | Load<std::uint16_t>(bytes + count - 2) << 16;
-  }
+  if (count >= 4) return Load<std::uint32_t>(bytes) | Load<std::uint32_t>(bytes + count - 4) << 32;
+  if (count >= 2) return Load<std::uint16_t>(bytes) | Load<std::uint16_t>(bytes + count - 2) << 16;
   return static_cast<unsigned char>(*bytes);
 }
 

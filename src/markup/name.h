@@ -93,16 +93,14 @@ class ZrName {
   static zr::NameText* Copy(std::string_view text);
   static void Hold(zr::NameText* shared) noexcept {
     if (shared != nullptr &&
-        (shared->references.load(std::memory_order_relaxed) & zr::NameText::kPermanent) == 0) {
+        (shared->references.load(std::memory_order_relaxed) & zr::NameText::kPermanent) == 0)
       shared->references.fetch_add(1, std::memory_order_relaxed);
-    }
   }
   static void Drop(zr::NameText* shared) noexcept {
     if (shared != nullptr &&
         (shared->references.load(std::memory_order_relaxed) & zr::NameText::kPermanent) == 0 &&
-        shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        shared->references.fetch_sub(1, std::memory_order_acq_rel) == 1)
       delete shared;
-    }
   }
 
   zr::NameText* shared_ = nullptr;

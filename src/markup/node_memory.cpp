@@ -87,11 +87,10 @@ void NodePool::ReturnFirst(Chunk* chunk) noexcept {
 }
 
 inline void NodePool::Return(Chunk* chunk) noexcept {
-  if (thread.chunk != chunk) {
+  if (thread.chunk != chunk)
     ReturnFirst(chunk);
-  } else {
+  else
     ++thread.count;
-  }
 }
 
 namespace {
@@ -107,9 +106,7 @@ namespace {
 
 void* AllocateNodeMemory(std::size_t size) {
   NodePool* const pool = NodePool::thread.pool;
-  if (pool == nullptr || size > NodePool::kLargestPiece) {
-    return AllocateFromHeap(size);
-  }
+  if (pool == nullptr || size > NodePool::kLargestPiece) return AllocateFromHeap(size);
   const std::size_t step = Rounded(size);
   void*& freed = pool->freed_[step / NodePool::kGrain];
   if (freed != nullptr) {
@@ -170,11 +167,10 @@ NodeFreeing::~NodeFreeing() {
 
 void NodePool::Drop(Chunk* chunk, std::uint64_t count) noexcept {
   const std::uint64_t left = chunk->pieces.fetch_sub(count, std::memory_order_acq_rel) - count;
-  if (left == kLarge) {
+  if (left == kLarge)
     spareChunks.Keep(chunk);
-  } else if (left == 0) {
+  else if (left == 0)
     std::free(chunk);
-  }
 }
 
 void NodePool::Retire() noexcept {

@@ -39,9 +39,8 @@ class Builder {
 
 void Builder::LookUp() {
   dtd_ = reader_.FindDTD(splitter_.dtdName.str());
-  if (dtd_ == nullptr) {
+  if (dtd_ == nullptr)
     throw ZrException("DTD '" + splitter_.dtdName.str() + "' not defined", 986, "src");
-  }
   splitter_.dtdName = dtd_->Name();  // the same text, shared by all who keep it
   judged_ = nullptr;
 }
@@ -70,11 +69,10 @@ void Builder::Use(ZrDTD::State& state) {
       currentIsVoid_ = !dtd_->VoidNames().empty() && dtd_->VoidNames().count(judged_->Name()) != 0;
     }
     const ZrDTDElementRead& token = *state.prototype;
-    if (currentIsVoid_ || (!token.IsPlain() && token.IsClosing())) {
+    if (currentIsVoid_ || (!token.IsPlain() && token.IsClosing()))
       CloseCurrent(token);
-    } else {
+    else
       Build(state);
-    }
   } catch (const ZrException&) {
     throw;
   } catch (...) {
@@ -101,28 +99,23 @@ void Builder::CloseCurrent(const ZrDTDElementRead& token) {
 
 void Builder::Build(ZrDTD::State& state) {
   ZrDTDElementRead& token = *state.prototype;
-  if (state.container && splitter_.depth >= ZrXMLContentSplitter::kMaxDepth) {
+  if (state.container && splitter_.depth >= ZrXMLContentSplitter::kMaxDepth)
     throw ZrException("elements nested deeper than 1000", 1047, "src");
-  }
   if (state.factory == nullptr) throw std::logic_error("the token makes no node");
   std::unique_ptr<ZrXMLComplexElement> node = state.factory(token.Text(), *dtd_);
-  if (node == nullptr) {
-    throw ZrException("problem in DTD with '" + token.Name() + "'", 1041, "src");
-  }
+  if (node == nullptr) throw ZrException("problem in DTD with '" + token.Name() + "'", 1041, "src");
   if (!token.IsPlain() && token.CarriesAttributes()) {
     if (ZrXMLGenericElement* const element = node->AsGeneric()) {
       element->ReserveAttributes(reader_.Attributes().size());
-      for (const auto& record : reader_.Attributes()) {
+      for (const auto& record : reader_.Attributes())
         element->SetAttribute(record.name, record.bare ? std::string_view("true") : record.value);
-      }
     }
   }
   ZrXMLComplexElement* const added = splitter_.current->Adopt(std::move(node));
-  if (token.SelfClosed() || !state.container) {
+  if (token.SelfClosed() || !state.container)
     added->Completed();
-  } else {
+  else
     Descend(added);
-  }
 }
 
 void Builder::Descend(ZrXMLComplexElement* node) {
@@ -136,9 +129,8 @@ void Builder::Descend(ZrXMLComplexElement* node) {
 // The message with the line, unless it has one.
 ZrException Located(const ZrException& error, int raisedAt, const ZrDTDElementReader& reader) {
   std::string text = error.what();
-  if (text.find("around line") == std::string::npos) {
+  if (text.find("around line") == std::string::npos)
     text += " around line " + std::to_string(reader.Line());
-  }
   return ZrException(std::move(text), raisedAt, "src");
 }
 

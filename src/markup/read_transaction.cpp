@@ -19,9 +19,8 @@ int ReadTransaction::Get(bool endAllowed) {
     AdvanceCounting(next_ + 1);
     return byte;
   }
-  if (!endAllowed) {
+  if (!endAllowed)
     zr::WriteDiagnostic("reading EOF", "reading EOF is an error! ---> will become an exception");
-  }
   const std::size_t next = Offset(next_);
   const std::size_t furthest = Offset(furthest_);
   *window().MakeRoom() = static_cast<char>(byte);

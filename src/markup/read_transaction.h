@@ -53,9 +53,8 @@ class ReadTransaction {
   /// Takes the bytes of the literal, which holds no line feed, as far as they match; whether all
   /// do.
   bool TakeLiteral(std::string_view literal) {
-    for (const char byte : literal) {
+    for (const char byte : literal)
       if (!TakeIf(byte)) return false;
-    }
     return true;
   }
   /// Takes the longest run of bytes of the set, which holds no line feed.

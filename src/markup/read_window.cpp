@@ -51,11 +51,9 @@ void ZrReadWindow::NoteFutile(std::string_view delimiter, std::size_t position) 
 
 std::size_t ZrReadWindow::KnownFreeSlow(std::string_view delimiter, std::size_t position) const {
   const std::uint64_t offset = Consumed() + position;
-  for (const Futile& f : futile_) {
-    if (f.delimiter == delimiter && f.from <= offset && offset < f.to) {
+  for (const Futile& f : futile_)
+    if (f.delimiter == delimiter && f.from <= offset && offset < f.to)
       return static_cast<std::size_t>(f.to - Consumed());
-    }
-  }
   return position;
 }
 

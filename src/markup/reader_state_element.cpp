@@ -69,12 +69,11 @@ bool ZrDTDElementRead_Element::ReadRest(ReadTransaction& input, ZrDTDElementRead
       selfClosed_ = input.TakeIf('>');
       return selfClosed_;
     }
-    if (zr::kWhitespace.Has(next)) {
+    if (zr::kWhitespace.Has(next))
       input.TakeWhitespace();
-    } else if (!Names<grammar == Grammar::kPlain>::kStart.Has(next) ||
-               !ReadAttribute<grammar>(input, reader)) {
+    else if (!Names<grammar == Grammar::kPlain>::kStart.Has(next) ||
+             !ReadAttribute<grammar>(input, reader))
       return false;
-    }
   }
 }
 
@@ -88,9 +87,8 @@ ZrDTDElementRead_Element::Outcome ZrDTDElementRead_Element::ReadTag(ReadTransact
   nameLength_ = input.TakeRun(Bytes::kBytes).size() + (endTag ? 1 : 0);
   const int next = input.Peek();
   const bool blankAllowed = !endTag || grammar != Grammar::kPlain;
-  if (next != '>' && next != '/' && !(blankAllowed && zr::kWhitespace.Has(next))) {
+  if (next != '>' && next != '/' && !(blankAllowed && zr::kWhitespace.Has(next)))
     return Outcome::kIncomplete;
-  }
   return ReadRest<grammar>(input, reader) ? Outcome::kTag : Outcome::kNone;
 }
 
@@ -106,9 +104,8 @@ ZrDTDElementRead* ZrDTDElementRead_Element::Read(ZrDTDElementReader& reader) {
   }
   const std::string_view taken = input.Taken();
   text_ = taken.substr(1, nameLength_);
-  if (outcome == Outcome::kIncomplete) {
+  if (outcome == Outcome::kIncomplete)
     throw ZrException("incomplete tag '" + std::string(text_) + "'", 377, "src");
-  }
   reader.FinishAttributes(taken);
   return this;
 }

@@ -6,9 +6,8 @@ void ZrShortText::StoreLong(std::string_view text) {
   std::memcpy(bytes_, &copy, sizeof copy);
   // Seven bytes of the size fit; the eighth is the tag.
   std::uint64_t length = text.size();
-  for (std::size_t i = sizeof copy; i < kInside; ++i, length >>= 8) {
+  for (std::size_t i = sizeof copy; i < kInside; ++i, length >>= 8)
     bytes_[i] = static_cast<char>(length & 0xff);
-  }
   bytes_[kInside] = static_cast<char>(kOutside);
 }
 

@@ -57,21 +57,19 @@ class ZrShortText {
     std::memcpy(bytes_ + count - sizeof tail, &tail, sizeof tail);
   }
   void CopyShort(const char* from, std::size_t count) {
-    if (count >= 8) {
+    if (count >= 8)
       CopyEnds<std::uint64_t>(from, count);
-    } else if (count >= 4) {
+    else if (count >= 4)
       CopyEnds<std::uint32_t>(from, count);
-    } else if (count >= 2) {
+    else if (count >= 2)
       CopyEnds<std::uint16_t>(from, count);
-    } else if (count == 1) {
+    else if (count == 1)
       bytes_[0] = *from;
-    }
   }
   std::size_t size() const {
     std::size_t length = 0;
-    for (std::size_t i = kInside; i-- > 8;) {
+    for (std::size_t i = kInside; i-- > 8;)
       length = length << 8 | static_cast<unsigned char>(bytes_[i]);
-    }
     return length;
   }
   char* data() const {
@@ -81,9 +79,7 @@ class ZrShortText {
   }
   void FreeLong() noexcept;
   void Free() {
-    if (static_cast<unsigned char>(bytes_[kInside]) == kOutside) {
-      FreeLong();
-    }
+    if (static_cast<unsigned char>(bytes_[kInside]) == kOutside) FreeLong();
   }
 
   alignas(char*) char bytes_[kInside + 1];

@@ -39,9 +39,7 @@ constexpr const char* kCertificateName = "/certificate.pem";
 constexpr const char* kKeyName = "/private-key.pem";
 
 void Require(bool made, const char* what) {
-  if (!made) {
-    throw ZrException(std::string("OpenSSL could not make ") + what, __LINE__, "src");
-  }
+  if (!made) throw ZrException(std::string("OpenSSL could not make ") + what, __LINE__, "src");
 }
 
 void AddExtension(X509* certificate, int id, const char* value) {
@@ -131,18 +129,16 @@ CertificateFiles EnsureSelfSignedCertificate(const std::string& folder) {
   const CertificateFiles files{folder + kCertificateName, folder + kKeyName};
   if (IsThere(files)) return files;
   try {
-    if (const std::filesystem::path home(folder); home.has_parent_path()) {
+    if (const std::filesystem::path home(folder); home.has_parent_path())
       std::filesystem::create_directories(home.parent_path());
-    }
     const FreshFolder fresh(folder);
     WritePair(fresh.Name());
     std::error_code lost;
     std::filesystem::rename(fresh.Name(), folder, lost);
     // Another program may have been first. What else holds files is somebody's, and stays.
     if (lost && !IsThere(files)) {
-      if (lost != std::errc::directory_not_empty && lost != std::errc::file_exists) {
+      if (lost != std::errc::directory_not_empty && lost != std::errc::file_exists)
         throw std::system_error(lost);
-      }
       throw ZrException("the pair of files in it is incomplete; remove that folder", __LINE__,
                         "src");
     }

@@ -26,9 +26,8 @@ ZrSocketIPvx::ZrSocketIPvx(int /*unused*/) {}
 ZrSocketIPvx::ZrSocketIPvx(ZrByteLine& line) : closed_(false), line_(&line) {}
 
 ZrSocketIPvx::~ZrSocketIPvx() {
-  for (const ZrDescriptor* socket : {&primary_, &secondary_}) {
+  for (const ZrDescriptor* socket : {&primary_, &secondary_})
     if (socket->IsOpen()) zr::ShutdownBoth(socket->Get());
-  }
 }
 
 void ZrSocketIPvx::Complain(const std::string& line) const {
@@ -119,9 +118,8 @@ int ZrSocketIPvx::accept(ZrSocketIPvx& newSocket, int timeoutMillis, const PeerF
   int descriptor = acceptStep(listeners.at(static_cast<std::size_t>(first)), newSocket, filter);
   // A primary that had no peer after all gives the secondary its turn.
   if (descriptor < 0 && first == 0 && secondary_.IsOpen() &&
-      lastAccept_ != ZrAcceptStatus::kExhausted && waitReadable(0, secondary_.Get())) {
+      lastAccept_ != ZrAcceptStatus::kExhausted && waitReadable(0, secondary_.Get()))
     descriptor = acceptStep(secondary_.Get(), newSocket, filter);
-  }
   return descriptor;
 }
 

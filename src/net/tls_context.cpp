@@ -60,14 +60,12 @@ namespace zr {
 
 ZrTlsContextPtr MakeTlsServerContext(const std::string& certificateFile,
                                      const std::string& privateKeyFile) {
-  if (certificateFile.empty() || privateKeyFile.empty()) {
+  if (certificateFile.empty() || privateKeyFile.empty())
     throw ZrException_SSL("can't find ca certificate and/or private key", 952, kSource);
-  }
   InitialiseOpenSsl();
   ZrTlsContextPtr context(::SSL_CTX_new(::TLS_server_method()));
-  if (context == nullptr) {
+  if (context == nullptr)
     throw ZrException_SSL("problem with SSL method initialization", 957, kSource);
-  }
   SetCommonOptions(context.get());
   // A client that ends its side without TLS's own end mark still gets its answer; requests carry
   // their length, so nothing can be cut unseen.
@@ -92,9 +90,8 @@ ZrTlsContextPtr MakeTlsServerContext(const std::string& certificateFile,
 ZrTlsContextPtr MakeTlsClientContext(const ZrTlsTrust& trust) {
   InitialiseOpenSsl();
   ZrTlsContextPtr context(::SSL_CTX_new(::TLS_client_method()));
-  if (context == nullptr) {
+  if (context == nullptr)
     throw ZrException_SSL("problem with SSL method initialization (client)", 999, kSource);
-  }
   SetCommonOptions(context.get());
   if (trust.kind == ZrTlsTrust::Kind::kAnyone) return context;
   const bool loaded =

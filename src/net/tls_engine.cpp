@@ -114,9 +114,8 @@ ZrTlsEngine::~ZrTlsEngine() = default;
 // with; what is written otherwise is data, or follows from what was read.
 void ZrTlsEngine::OnRecord(int isWritten, int /*version*/, int type, const void* /*bytes*/,
                            std::size_t /*length*/, ssl_st* /*ssl*/, void* engine) {
-  if (type == (isWritten != 0 ? SSL3_RT_ALERT : SSL3_RT_HEADER)) {
+  if (type == (isWritten != 0 ? SSL3_RT_ALERT : SSL3_RT_HEADER))
     static_cast<ZrTlsEngine*>(engine)->CountIdleRecord();
-  }
 }
 
 void ZrTlsEngine::CountIdleRecord() {
@@ -149,10 +148,8 @@ void ZrTlsEngine::Break() {
 std::string ZrTlsEngine::Reason() const {
   if (tooManyIdle_) return "too many records without data";
   const unsigned long error = ERR_peek_error();
-  if (ERR_GET_LIB(error) == ERR_LIB_SSL &&
-      ERR_GET_REASON(error) == SSL_R_CERTIFICATE_VERIFY_FAILED) {
+  if (ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) == SSL_R_CERTIFICATE_VERIFY_FAILED)
     return X509_verify_cert_error_string(SSL_get_verify_result(ssl_.get()));
-  }
   if (const char* text = ERR_reason_error_string(error); text != nullptr) return text;
   return transport_.Error() != 0 ? zr::SystemErrorText(transport_.Error()) : "connection closed";
 }
@@ -188,28 +185,24 @@ void ZrTlsEngine::ConnectWithin(milliseconds limit, const std::function<bool()>&
     BeginTurn();
     const ZrTlsWriteStatus status = Handshake();
     const ZrTlsWriteStatus flushed = Flush();
-    if (status == ZrTlsWriteStatus::kFailed || flushed == ZrTlsWriteStatus::kFailed) {
+    if (status == ZrTlsWriteStatus::kFailed || flushed == ZrTlsWriteStatus::kFailed)
       throw ZrException("Error in TLS handshake: " + problem_, 534, "src");
-    }
     const bool full = flushed == ZrTlsWriteStatus::kWantWrite;
     if (status == ZrTlsWriteStatus::kDone && !full) return;
     const auto now = steady_clock::now();
-    if (now >= deadline || (cancelled && cancelled())) {
+    if (now >= deadline || (cancelled && cancelled()))
       throw ZrException("Error getting SSL_connect", 529, "src");
-    }
     // Short waits, so that the wish to cancel is noticed.
     const auto slice = std::min(zr::kCancelSlice, std::chrono::ceil<milliseconds>(deadline - now));
     if (!full) {
       roomDeadline = steady_clock::time_point::max();
-      if (transport_.Line().WaitReadable(slice) == ZrWaitStatus::kFailed) {
+      if (transport_.Line().WaitReadable(slice) == ZrWaitStatus::kFailed)
         throw ZrException("Error getting SSL read", 504, "src");
-      }
       continue;
     }
     roomDeadline = std::min(roomDeadline, now + kRoomLimit);
-    if (now >= roomDeadline || transport_.Line().WaitWritable(slice) == ZrWaitStatus::kFailed) {
+    if (now >= roomDeadline || transport_.Line().WaitWritable(slice) == ZrWaitStatus::kFailed)
       throw ZrException("Error getting SSL write", 519, "src");
-    }
   }
 }
 

@@ -40,9 +40,8 @@ ZrIoResult ZrTlsTransport::Write(std::string_view bytes) {
   // The last record of a lot goes out from where OpenSSL has it.
   const std::array<std::string_view, 2> pieces = {Kept(), bytes};
   const ZrIoResult result = before == 0 ? line_.Send(bytes) : line_.SendPieces(pieces);
-  if (result.status != ZrIoStatus::kDone && result.status != ZrIoStatus::kWouldBlock) {
+  if (result.status != ZrIoStatus::kDone && result.status != ZrIoStatus::kWouldBlock)
     return Die(result.error);
-  }
   sent_ += result.count;
   const std::size_t ofKept = std::min(result.count, before);
   bytes.remove_prefix(result.count - ofKept);

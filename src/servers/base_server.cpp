@@ -11,9 +11,8 @@ bool ZrTransceiverServerL0::ReceiveEvent(const ZrJobEvent& event) {
   } catch (...) {
     // Without memory for it nobody would ever come for these bytes, and no other event tells of
     // them.
-    if (ZrTransceiver* const transceiver = Transceiver()) {
+    if (ZrTransceiver* const transceiver = Transceiver())
       transceiver->RemoveConnection(event.jobName, false);
-    }
   }
   return true;
 }

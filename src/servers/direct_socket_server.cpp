@@ -113,11 +113,10 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& to,
     head->FillAccessFields(record.info);
     // A request may have to be sent again.
     auto body = std::make_unique<ZrStringBuf>();
-    if (!asks) {
+    if (!asks)
       body = head->TakeBody();
-    } else if (head->body) {
+    else if (head->body)
       body->Append(head->body->Unread());
-    }
     record.info.Set("bytes", std::to_string(body->Size()));
     {
       // Bodies of one server go out one after the other.
@@ -128,8 +127,7 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& to,
     TellOwner(record);
   }
   LeaveJoinedTask(head->target);
-  if (!connection && asks) {
+  if (!connection && asks)
     ReportUnanswered({ZrSendFailureKind::kClosed, "the connection has closed", true});
-  }
   return true;
 }

@@ -47,9 +47,8 @@ void ZrTransceiverServerL1HTTP::wake(const std::string& connectionName) {
   ZrReceivePass* const pass = ZrReceivePass::Current();
   if (pass != nullptr && Persistent() &&
       pass->Defer(std::static_pointer_cast<ZrTransceiverServerL1HTTP>(weak_from_this().lock()),
-                  connectionName)) {
+                  connectionName))
     return;
-  }
   enqueue(connectionName, ClientName());
 }
 
@@ -63,9 +62,8 @@ void ZrTransceiverServerL1HTTP::EndTasks() {
     ended.swap(exchanges_);
   }
   if (!client) return;
-  for (const auto& [name, exchange] : ended) {
+  for (const auto& [name, exchange] : ended)
     if (!exchange.task.empty()) client->HandlerJob().LeaveJoinedTask(exchange.task);
-  }
 }
 
 // ---- Received messages -------------------------------------------------------------------------
@@ -100,10 +98,8 @@ void ZrTransceiverServerL1HTTP::HandleArrived(ZrReceivePass& pass,
       pass.WorkOn(connection);
       HandleHere(*transceiver, connection, client);
     }
-    if (const std::int64_t ended = transceiver->Clock().MonotonicNs();
-        ended - begun > kLongestPass) {
+    if (const std::int64_t ended = transceiver->Clock().MonotonicNs(); ended - begun > kLongestPass)
       queueUntil_ = ended + kQueueTime;
-    }
   } else {
     ZrTransceiverServerL0Socket::HandleArrived(pass, connections);
   }
@@ -113,9 +109,8 @@ void ZrTransceiverServerL1HTTP::HandleHere(ZrTransceiver& transceiver,
                                            const ConnectionPointer& connection,
                                            const HandlerPointer& client) {
   // A body may have to be written to the disk as it arrives.
-  if (!connection->IsListed() || HasBodyUnderWay(connection->JobName())) {
+  if (!connection->IsListed() || HasBodyUnderWay(connection->JobName()))
     return enqueue(connection->JobName(), ClientName());
-  }
   if (connection->BeginItem()) RunTurn(transceiver, connection, client, nullptr, true);
 }
 
@@ -318,9 +313,8 @@ void ZrTransceiverServerL1HTTP::ForgetConnection(const std::string& connectionNa
     ZrLock hold(requestLock_);
     forgotten = exchanges_.extract(connectionName);
   }
-  if (forgotten && client && !forgotten.mapped().task.empty()) {
+  if (forgotten && client && !forgotten.mapped().task.empty())
     client->HandlerJob().LeaveJoinedTask(forgotten.mapped().task);
-  }
 }
 
 // ---- Sent messages -----------------------------------------------------------------------------

@@ -84,11 +84,10 @@ void ZrTransceiverServerL1HTTP::ProcessAnswer(ZrTransceiver& transceiver,
     // Memory ran out: this exchange is given up.
   }
   // A head has its time limit, from its first byte to its last.
-  if (result == ZrAnswerReader::Result::kIncomplete && asked->reader.InHead(*asked->answer)) {
+  if (result == ZrAnswerReader::Result::kIncomplete && asked->reader.InHead(*asked->answer))
     asked->connection->BeginHead(semantics_);
-  } else {
+  else
     asked->connection->EndHead();
-  }
   switch (result) {
     case ZrAnswerReader::Result::kIncomplete:
     case ZrAnswerReader::Result::kInterim:
@@ -146,11 +145,10 @@ void ZrTransceiverServerL1HTTP::FailExchange(const std::shared_ptr<Asked>& asked
                                              const ConnectionPointer& connection) {
   if (!EndExchange(asked)) return;
   ZrSendFailure failure{ZrSendFailureKind::kUnreadable, asked->reader.Problem()};
-  if (!connection && asked->connection->IsExpired()) {
+  if (!connection && asked->connection->IsExpired())
     failure = {ZrSendFailureKind::kTimedOut, "nothing more came"};
-  } else if (!connection && !asked->arrived) {
+  else if (!connection && !asked->arrived)
     failure = {ZrSendFailureKind::kClosed, "no answer came", true};
-  }
   if (connection) {
     connection->Reset();
     connection->Close();

@@ -45,9 +45,8 @@ std::shared_ptr<ZrTransceiverConnection> ZrTransceiverServerL1HTTPS::createConne
   try {
     return CreateConnection(transceiver, serverName, PeerName(), record, socket);
   } catch (const ZrException& problem) {
-    if (!Persistent() && (IsStartCancelled() || std::chrono::steady_clock::now() >= handshakeEnd)) {
+    if (!Persistent() && (IsStartCancelled() || std::chrono::steady_clock::now() >= handshakeEnd))
       throw ZrConnectionFailure(ZrSendFailureKind::kTimedOut, "no answer in the TLS handshake");
-    }
     throw ZrConnectionFailure(ZrSendFailureKind::kTls, problem.what());
   }
 }

@@ -48,13 +48,12 @@ std::shared_ptr<ZrXHeader> ZrURLHookService::submit(std::shared_ptr<ZrXHeader> h
     }
     if (!ended_ && !worker) ++starting_;
   }
-  if (startFailed) {
+  if (startFailed)
     Report({request.head, {ZrSendFailureKind::kStopped}});
-  } else if (worker) {
+  else if (worker)
     deliverToWorker(worker, request);
-  } else {
+  else
     startFailed = !StartWorker(request);
-  }
   return request.head;
 }
 
@@ -123,11 +122,10 @@ bool ZrURLHookService::StartWorker(const Request& request) {
     ZrLock hold(lock_);
     --starting_;
     startingWorkers_.erase(worker);
-    if (started && !ended_) {
+    if (started && !ended_)
       workers_[worker->JobName()] = {worker, request};
-    } else {
+    else
       WakePump();
-    }
     late = started && ended_;
   }
   if (late) DropWorker(worker);

@@ -160,11 +160,9 @@ void ZrTransceiverServerL0Socket::AcceptLoop() {
   listener.setQuiet(!configuration_->GetOption("quiet").empty());
   ZrServerCallback_t record;
   if (!Listen(listener, record)) return;
-  for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()}) {
-    if (descriptor >= 0 && !poller_->Add(descriptor, 0, ZrInterest::kRead)) {
+  for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()})
+    if (descriptor >= 0 && !poller_->Add(descriptor, 0, ZrInterest::kRead))
       throw ZrException("the system cannot watch the listening socket", __LINE__, "src");
-    }
-  }
   record.kind = ZrServerCallback_t::kListening;
   TellOwner(record);
   while (Running()) {
@@ -176,9 +174,8 @@ void ZrTransceiverServerL0Socket::AcceptLoop() {
       Pause(kExhaustedPause);
     }
   }
-  for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()}) {
+  for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()})
     if (descriptor >= 0) poller_->Remove(descriptor);
-  }
 }
 
 bool ZrTransceiverServerL0Socket::Listen(ZrSocketIPvx& listener, ZrServerCallback_t& record) {
@@ -212,9 +209,8 @@ void ZrTransceiverServerL0Socket::AcceptWaiting(ZrSocketIPvx& listener,
     if (!prepared) prepared = std::make_shared<ZrSocketIPvx>(1);
     if (listener.accept(*prepared, 0, everyone) < 0) {
       const ZrAcceptStatus status = listener.lastAccept();
-      if (status == ZrAcceptStatus::kExhausted || status == ZrAcceptStatus::kFailed) {
+      if (status == ZrAcceptStatus::kExhausted || status == ZrAcceptStatus::kFailed)
         Pause(kExhaustedPause);
-      }
       return;
     }
     TakePeer(std::exchange(prepared, nullptr), listening);
@@ -227,9 +223,8 @@ void ZrTransceiverServerL0Socket::TakePeer(std::shared_ptr<ZrSocketIPvx> socket,
   const std::string host = socket->peerAddress();
   const std::string port = socket->peerPort();
   if (transceiver == nullptr || !configuration_->AcceptsPeer(HostRecord(type_, host, port)) ||
-      transceiver->ConnectionCount() >= connectionCap_) {
+      transceiver->ConnectionCount() >= connectionCap_)
     return;
-  }
   ZrServerCallback_t record;
   record.kind = ZrServerCallback_t::kConnectionAccepted;
   record.info.Set("remoteaddress", host);
@@ -275,9 +270,8 @@ bool ZrTransceiverServerL0Socket::IsStartCancelled() const {
 
 bool ZrTransceiverServerL0Socket::StartConnecting() {
   ZrTransceiver* const transceiver = Transceiver();
-  if (!target_ || transceiver == nullptr) {
+  if (!target_ || transceiver == nullptr)
     return FailStart(ZrSendFailureKind::kNotSent, "there is no target");
-  }
   const milliseconds limit = StartLimit(*target_);
   startDeadline_ = (steady_clock::now() + limit).time_since_epoch().count();
   auto socket = std::make_shared<ZrSocketIPvx>(0);

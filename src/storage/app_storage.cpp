@@ -44,9 +44,8 @@ bool EachPrefixExists(std::string_view directory, bool create) {
       if (prefix.size() > kMaxPathCharacters) return false;
       const std::string systemPath = zr::SystemDirectory(prefix);
       if (zr::PathKind(systemPath) == zr::ZrPathKind::kMissing &&
-          (!create || zr::MakeDirectories(systemPath, kDirectoryMode) != 0)) {
+          (!create || zr::MakeDirectories(systemPath, kDirectoryMode) != 0))
         return false;
-      }
     }
     start = end + 1;
   }
@@ -88,9 +87,8 @@ void ZrPersistentAppStorage::LoadApplication(const std::string& name) {
 void ZrPersistentAppStorage::SetApplication(const std::string& name) {
   ZrXMLElementList bases;
   Root()->FindElementsByName(kBase, bases, ZrXMLComplexElement::kUnlimited);
-  if (bases.size() != 1) {
+  if (bases.size() != 1)
     throw ZrException("could not read the application config base 'quarn'", 518, "src");
-  }
   SetCurrent(bases.front());
   ZrXMLElementList applications;
   Current()->FindElementsByName(name, applications, ZrXMLComplexElement::kUnlimited);
@@ -125,9 +123,8 @@ void ZrPersistentAppStorage::GetOptions(std::map<std::string, std::string>& map)
 }
 
 ZrXMLGenericElement* ZrPersistentAppStorage::FindProject(const std::string& name) {
-  for (ZrXMLGenericElement* const project : ListedProjects()) {
+  for (ZrXMLGenericElement* const project : ListedProjects())
     if (project->AttributeEquals("name", name)) return project;
-  }
   return nullptr;
 }
 
@@ -180,9 +177,7 @@ std::string ZrPersistentAppStorage::ProjectStorageDirectory() {
 
 const std::string& ZrPersistentAppStorage::ProjectFile(const std::string& name) const {
   const auto file = projectFiles_.find(name);
-  if (file == projectFiles_.end()) {
-    throw ZrException("project " + name + "not found", 779, "src");
-  }
+  if (file == projectFiles_.end()) throw ZrException("project " + name + "not found", 779, "src");
   return file->second;
 }
 
@@ -244,16 +239,13 @@ bool ZrPersistentAppStorage::ExpandMarkers(const std::string& project, std::stri
   // first of a name counts.
   std::map<std::string, ZrXMLGenericElement*, std::less<>> blocks;
   const auto open = openProjects_.find(project);
-  if (open != openProjects_.end() && text.find("[[") != std::string::npos) {
-    for (ZrXMLGenericElement* const block : open->second->StringVariables()) {
+  if (open != openProjects_.end() && text.find("[[") != std::string::npos)
+    for (ZrXMLGenericElement* const block : open->second->StringVariables())
       blocks.try_emplace(block->AttributeValue("name", ""), block);
-    }
-  }
   const bool complete = zr::ExpandMarkers(text, [&](std::string_view name) {
     if (name.starts_with('!')) return zr::EvaluateCommand(name);
-    if (const auto block = blocks.find(name); block != blocks.end()) {
+    if (const auto block = blocks.find(name); block != blocks.end())
       return ZrXMLDatabase::InnerMarkup(*block->second);
-    }
     const auto mapping = mappings_.find(name);
     return mapping == mappings_.end() ? std::string() : mapping->second;
   });

@@ -25,9 +25,8 @@ std::vector<std::string_view> Pieces(std::string_view path) {
     const std::size_t dot = std::min(path.find('.', start), path.size());
     pieces.push_back(path.substr(start, dot - start));
     start = dot + 1;
-    if (pieces.back().empty() || pieces.size() > kMaxNames) {
+    if (pieces.back().empty() || pieces.size() > kMaxNames)
       throw StoreError("'" + std::string(path) + "' is not the path of a value");
-    }
   }
   return pieces;
 }

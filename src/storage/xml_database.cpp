@@ -64,9 +64,8 @@ ZrXMLDatabase::~ZrXMLDatabase() = default;
 ZrXMLDatabase::Place ZrXMLDatabase::Resolve(const std::string& path, bool create) {
   if (baseName_.empty() || current_ == nullptr) throw ZrException(kNoBase, 296, "src");
   const std::vector<std::string_view> pieces = SplitPath(path);
-  if (pieces.size() < 2) {
+  if (pieces.size() < 2)
     throw ZrException("the element and attribute name can't be empty", 300, "src");
-  }
   ZrXMLGenericElement* element = current_;
   for (std::size_t i = 0; i + 1 < pieces.size() && element != nullptr; ++i) {
     ZrXMLGenericElement* const next = FirstAtDepthOne(element, pieces[i]);
@@ -87,9 +86,8 @@ void ZrXMLDatabase::SetValue(const std::string& path, const std::string& value) 
 std::string ZrXMLDatabase::GetValue(const std::string& path, const std::string& defaultValue) {
   try {
     const Place place = Resolve(path, false);
-    if (place.element != nullptr) {
+    if (place.element != nullptr)
       return place.element->AttributeValue(place.attribute, defaultValue);
-    }
   } catch (...) {
     // The same: a path that names no value has the default.
   }
@@ -114,16 +112,14 @@ void ZrXMLDatabase::Load(const std::string& path, const OnMissing& onMissing) {
       error.clear();
       std::istringstream stream(std::move(*text));
       std::unique_ptr<ZrXMLComplexElement> parsed = zr::ParseStream(stream, "xml", error);
-      if (parsed != nullptr && parsed->AsGeneric() != nullptr) {
+      if (parsed != nullptr && parsed->AsGeneric() != nullptr)
         element.reset(parsed.release()->AsGeneric());
-      }
     }
   } catch (const std::exception& e) {
     error = e.what();
   }
-  if (element == nullptr) {
+  if (element == nullptr)
     throw ZrException("no config was found - " + path + " with " + error, 268, "src");
-  }
   root_ = std::move(element);
   current_ = root_.get();
   baseName_ = root_->Name();
@@ -152,9 +148,8 @@ void ZrXMLDatabase::FindElements(const std::string& path, ZrXMLElementList& list
   const std::vector<std::string_view> pieces = SplitPath(path);
   if (pieces.empty()) throw ZrException("the element name can't be empty", 400, "src");
   ZrXMLGenericElement* element = current_;
-  for (std::size_t i = 0; i + 1 < pieces.size() && element != nullptr; ++i) {
+  for (std::size_t i = 0; i + 1 < pieces.size() && element != nullptr; ++i)
     element = FirstAtDepthOne(element, pieces[i]);
-  }
   if (element != nullptr) element->FindElementsByName(pieces.back(), list, 1);
 }
 
@@ -170,9 +165,8 @@ ZrXMLElementList ZrXMLDatabase::StringVariables() {
 }
 
 ZrXMLGenericElement* ZrXMLDatabase::FindStringVariable(const std::string& name) {
-  for (ZrXMLGenericElement* const variable : StringVariables()) {
+  for (ZrXMLGenericElement* const variable : StringVariables())
     if (variable->AttributeValue("name", "") == name) return variable;
-  }
   return nullptr;
 }
 

@@ -81,9 +81,8 @@ void ZrTransceiverConnection::Close() {
 void ZrTransceiverConnection::BeginHead(const ZrSemantics* rules) {
   rules_.store(rules, std::memory_order_relaxed);
   std::int64_t none = 0;
-  if (headSince_.load(std::memory_order_relaxed) == 0) {
+  if (headSince_.load(std::memory_order_relaxed) == 0)
     headSince_.compare_exchange_strong(none, owner_.Clock().MonotonicNs());
-  }
 }
 
 void ZrTransceiverConnection::EndHead() { headSince_.store(0, std::memory_order_relaxed); }

@@ -45,9 +45,8 @@ void ZrHousekeeper::Watch(const std::shared_ptr<ZrTransceiverConnection>& connec
   ZrLock hold(lock_);
   const std::int64_t due = RoundUp(
       std::clamp(connection->NextExpiryNs(), now, now + ZrTransceiverConnection::kHeadTimeLimit));
-  if (const auto before = placeOf_.find(connection.get()); before != placeOf_.end()) {
+  if (const auto before = placeOf_.find(connection.get()); before != placeOf_.end())
     places_.erase(before->second);
-  }
   if (due < Due()) wake_.NotifyOne();
   placeOf_[connection.get()] = places_.emplace(Place(due, connection.get()), connection).first;
 }
@@ -125,9 +124,8 @@ ZrHousekeeper::Work ZrHousekeeper::TakeDue() {
   work.endings.swap(endings_);
   const std::int64_t now = clock_.MonotonicNs();
   while (!places_.empty() && places_.begin()->first.first <= now) {
-    if (auto connection = places_.begin()->second.lock()) {
+    if (auto connection = places_.begin()->second.lock())
       work.connections.push_back(std::move(connection));
-    }
     placeOf_.erase(places_.begin()->first.second);
     places_.erase(places_.begin());
   }
@@ -158,9 +156,8 @@ void ZrHousekeeper::Loop() {
       Do([&] { next = duties_.checkMemory(); });
       WatchMemory(next);
     }
-    for (const auto& connection : work.connections) {
+    for (const auto& connection : work.connections)
       Do([&] { duties_.checkConnection(connection); });
-    }
     Do([] { ZrJobRegistry::Instance().WakeDelivery(); });
   }
 }

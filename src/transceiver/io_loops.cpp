@@ -83,9 +83,8 @@ bool ZrIoLoops::StartJobs() {
     receiveJob_ =
         Submit("ZrTransceiver_tcp_rcv", &ZrIoLoops::ReceiveLoop, receiving_, receivePoller_);
   }
-  if (sendJob_ == 0) {
+  if (sendJob_ == 0)
     sendJob_ = Submit("ZrTransceiver_tcp_snd", &ZrIoLoops::SendLoop, sending_, sendPoller_);
-  }
   return receiveJob_ != 0 && sendJob_ != 0;
 }
 
@@ -241,11 +240,9 @@ void ZrIoLoops::FeedStarved() {
   {
     ZrLock hold(lock_);
     bell_->rung = false;
-    for (const std::uint64_t token : starved_) {
-      if (const auto found = byToken_.find(token); found != byToken_.end()) {
+    for (const std::uint64_t token : starved_)
+      if (const auto found = byToken_.find(token); found != byToken_.end())
         starved.push_back(found->second);
-      }
-    }
     starved_.clear();
   }
   for (const Registration& registration : starved) {
@@ -266,9 +263,8 @@ void ZrIoLoops::ResumeReading(ZrTransceiverConnection& connection) {
   ZrIoRegistration* const registration = connection.Registration();
   if (registration == nullptr || !registration->paused || connection.PeerFinished()) return;
   if (registration->starved && !connection.IsClosing() && memory_->Exceeded() &&
-      connection.HeldInput() > kFairShare) {
+      connection.HeldInput() > kFairShare)
     return connection.PauseReading();  // asked again when more of its bytes were taken
-  }
   registration->starved = false;
   const int descriptor = registration->socket->primaryDescriptor();
   receivePoller_.Remove(descriptor);
@@ -321,9 +317,8 @@ void ZrIoLoops::SendLoop() {
       try {
         Flush(connection, &one);
         // Room on the socket may be what reading had waited for.
-        if (connection.HasBufferedInput() && !connection.IsReadingPaused()) {
+        if (connection.HasBufferedInput() && !connection.IsReadingPaused())
           ReadAgain(one.registration->token);
-        }
       } catch (...) {
         remove_(connection);  // as in the receive loop
       }
@@ -341,9 +336,8 @@ void ZrIoLoops::FlushAll() {
   std::vector<Registration> pending;
   {
     ZrLock hold(lock_);
-    for (const auto& [token, registration] : byToken_) {
+    for (const auto& [token, registration] : byToken_)
       if (registration->connection->SendPending()) pending.push_back(registration);
-    }
   }
   for (const Registration& registration : pending) Flush(*registration->connection);
 }

@@ -12,9 +12,8 @@ namespace {
 // to be verified never goes over a line that was not.
 std::string PoolKey(const ZrXHeader& request) {
   std::string key = request.TargetUrl();
-  for (const auto& [name, value] : request.connectOptions.entries()) {
+  for (const auto& [name, value] : request.connectOptions.entries())
     key.append("\n").append(name).append("=").append(value);
-  }
   return key;
 }
 
@@ -51,9 +50,8 @@ void ZrOutgoingPools::EndTasks() {
   std::vector<Pool> pools;
   {
     ZrLock hold(lock_);
-    for (const auto& [clientName, ofClient] : hookServices_) {
+    for (const auto& [clientName, ofClient] : hookServices_)
       for (const auto& [key, pool] : ofClient) pools.push_back(pool);
-    }
   }
   End(pools);
 }

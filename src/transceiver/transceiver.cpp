@@ -123,9 +123,8 @@ std::string ZrTransceiver::OpenServer(ZrMessageHandler& client,
     ZrLock hold(clientLock_);
     const auto record = clients_.find(clientName);
     if (record == clients_.end()) return CommonErrorName();
-    if (entry != factories_.listening.end() && !record->second.servers.insert(headName).second) {
+    if (entry != factories_.listening.end() && !record->second.servers.insert(headName).second)
       return headName;
-    }
   }
   if (entry == factories_.listening.end()) {
     zr::WriteOutputNotice("unknown protocol!! (3)");
@@ -270,9 +269,8 @@ void ZrTransceiver::PrintLogRecord(const ZrServerCallback_t& record) {
 
 std::string ZrTransceiver::AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
                                          std::shared_ptr<ZrTransceiverConnection> connection) {
-  if (!socket || !connection) {
+  if (!socket || !connection)
     throw ZrException("socket and connection must be defined", 1906, "src");
-  }
   const std::string& name = connection->JobName();
   {
     ZrLock hold(clientLock_);
@@ -356,7 +354,8 @@ bool ZrTransceiver::IsBusy() {
 }
 
 bool ZrTransceiver::WaitForAnswers(std::chrono::nanoseconds limit) {
-  return progress_.WaitUntilIdle(limit, [this] { return IsBusy(); });
+  return progress_.WaitUntilIdle(
+      limit, [this] { return IsBusy(); });
 }
 
 // ---- Time limits -------------------------------------------------------------------------------

@@ -15,13 +15,13 @@ namespace {
 
 using std::chrono::seconds;
 
-TEST(CgiRunsTest, NoMoreThanAllowedHappenAtOnceAndTheOthersKeepTheirOrder) {
+TEST(CgiRuns, NoMoreThanAllowedHappenAtOnceAndTheOthersKeepTheirOrder) {
   ZrRinvalScheduler2 scheduler;
   ZrCgiRuns runs(scheduler, 3);
   std::counting_semaphore<> mayEnd(0);
   std::atomic<int> happening = 0;
   std::mutex lock;
-  std::vector<std::size_t> order;
+  std::vector<int> order;
   const auto begun = [&] {
     std::lock_guard hold(lock);
     return order.size();
@@ -47,7 +47,7 @@ TEST(CgiRunsTest, NoMoreThanAllowedHappenAtOnceAndTheOthersKeepTheirOrder) {
   EXPECT_TRUE(std::is_sorted(order.begin() + 3, order.end()));
 }
 
-TEST(CgiRunsTest, RunsWhosePeerHasGoneAreDroppedWithWhatTheyHold) {
+TEST(CgiRuns, RunsWhosePeerHasGoneAreDroppedWithWhatTheyHold) {
   ZrRinvalScheduler2 scheduler;
   ZrCgiRuns runs(scheduler, 1);
   std::counting_semaphore<> mayEnd(0);
@@ -70,7 +70,7 @@ TEST(CgiRunsTest, RunsWhosePeerHasGoneAreDroppedWithWhatTheyHold) {
   for (const auto& peer : peers) peer->MarkGone();  // nobody is told any more
 }
 
-TEST(CgiRunsTest, StopReachesRunsThatHappenThatWaitAndThatComeLater) {
+TEST(CgiRuns, StopReachesRunsThatHappenThatWaitAndThatComeLater) {
   ZrRinvalScheduler2 scheduler;
   ZrCgiRuns runs(scheduler, 2);
   std::atomic<int> begun = 0;

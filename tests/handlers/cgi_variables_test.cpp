@@ -32,11 +32,12 @@ Lines Variables(ZrMessageType type, const Fields& fields) {
   request->query = "a=1&b=%20";
   for (const auto& [name, value] : fields) request->headers.Append(name, value);
   ZrCgiVariables variables;
-  EXPECT_EQ(zr::BuildCgiVariables(*request, variables), !variables.empty());
+  const bool taken = zr::BuildCgiVariables(*request, variables);
+  EXPECT_EQ(taken, !variables.empty());
   return LinesOf(variables);
 }
 
-TEST(CgiVariablesTest, MethodsHaveTheirOwn) {
+TEST(CgiVariables, MethodsHaveTheirOwn) {
   EXPECT_EQ(Variables(ZrMessageType::kGet, {{":first:", "GET"}, {"content-length", "3"}}),
             (Lines{"HTTP_CONTENT_LENGTH=3", "QUERY_STRING=a=1&b=%20", "REQUEST_METHOD=GET"}));
   EXPECT_EQ(
@@ -49,7 +50,7 @@ TEST(CgiVariablesTest, MethodsHaveTheirOwn) {
   EXPECT_EQ(Variables(ZrMessageType::kAnswer, {{"a", "b"}}), Lines{});
 }
 
-TEST(CgiVariablesTest, OnlyHarmlessFieldsBecomeVariables) {
+TEST(CgiVariables, OnlyHarmlessFieldsBecomeVariables) {
   struct Case {
     const char* name;
     Fields fields;
@@ -75,7 +76,7 @@ TEST(CgiVariablesTest, OnlyHarmlessFieldsBecomeVariables) {
             Lines{"REQUEST_METHOD=POST"});
 }
 
-TEST(CgiVariablesTest, StandardSemanticsGiveEveryMetaVariable) {
+TEST(CgiVariables, StandardSemanticsGiveEveryMetaVariable) {
   const std::pair<const char*, const char*> sent[] = {{":first:", "POST"},
                                                       {"authorization", "Basic dTpw"},
                                                       {"content-type", "text/x; a=b"},
@@ -157,7 +158,7 @@ TEST(CgiVariablesTest, StandardSemanticsGiveEveryMetaVariable) {
   }
 }
 
-TEST(CgiVariablesTest, ProgramsAreFoundInFrontOfTheirExtraPath) {
+TEST(CgiVariables, ProgramsAreFoundInFrontOfTheirExtraPath) {
   const std::map<std::string_view, zr::ZrPathKind> there = {
       {"/cgi-bin", zr::ZrPathKind::kDirectory},   {"/cgi-bin/x", zr::ZrPathKind::kRegular},
       {"/cgi-bin/d", zr::ZrPathKind::kDirectory}, {"/cgi-bin/d/y", zr::ZrPathKind::kRegular},

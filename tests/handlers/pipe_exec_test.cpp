@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-class PipeExecTest : public ::testing::Test {
+class PipeExec : public ::testing::Test {
  protected:
   /// A program of these shell commands.
   std::string Shell(const std::string& commands) {
@@ -52,7 +52,7 @@ class PipeExecTest : public ::testing::Test {
   ZrPipeExecEnd end_ = ZrPipeExecEnd::kNotStarted;
 };
 
-TEST_F(PipeExecTest, WhatChildrenWriteIsTheOutput) {
+TEST_F(PipeExec, WhatChildrenWriteIsTheOutput) {
   constexpr std::pair<const char*, const char*> kCases[] = {
       {"echo text; exec >&- 2>&-; sleep 0.2", "text\n"},         // output closed early
       {"exec <&-; sleep 0.1; echo text", "text\n"},              // input ignored
@@ -65,7 +65,7 @@ TEST_F(PipeExecTest, WhatChildrenWriteIsTheOutput) {
   }
 }
 
-TEST_F(PipeExecTest, RunWithoutPipesIsReportedAndStillEnds) {
+TEST_F(PipeExec, RunWithoutPipesIsReportedAndStillEnds) {
   const std::string program = Shell("echo text");
   // (Checked builds look at types through descriptors of their own the first time.)
   EXPECT_EQ(Run(program, "input"), "text\n");
@@ -88,7 +88,7 @@ TEST_F(PipeExecTest, RunWithoutPipesIsReportedAndStillEnds) {
   EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
 }
 
-TEST_F(PipeExecTest, VariablesJoinTheInheritedOnesAndWin) {
+TEST_F(PipeExec, VariablesJoinTheInheritedOnesAndWin) {
   ZrEnvironment inherited;
   inherited.Set("PATH", "/bin:/usr/bin");
   inherited.Set("FROM_SERVER", "server");
@@ -101,7 +101,7 @@ TEST_F(PipeExecTest, VariablesJoinTheInheritedOnesAndWin) {
             "server GET a=1&b=\xff\n unset\n");
 }
 
-TEST_F(PipeExecTest, GrandchildHoldsTheRunNoLongerThanTheDrainLimit) {
+TEST_F(PipeExec, GrandchildHoldsTheRunNoLongerThanTheDrainLimit) {
   settings_.limits.drain = milliseconds(100);
   // One is silent, one never stops writing.
   EXPECT_EQ(Run(Shell("echo text; sleep 1000 & echo $! >" + folder_.Path("silent"))), "text\n");
@@ -115,7 +115,7 @@ TEST_F(PipeExecTest, GrandchildHoldsTheRunNoLongerThanTheDrainLimit) {
   ::kill(std::stoi(zrtest::ReadFile(folder_.Path("silent"))), SIGKILL);
 }
 
-TEST_F(PipeExecTest, LimitsEndTheWholeGroup) {
+TEST_F(PipeExec, LimitsEndTheWholeGroup) {
   settings_.limits = {milliseconds(400), 100000, milliseconds(100), milliseconds(50)};
   const std::string stubborn =
       "trap '' TERM; (trap '' TERM; echo text; while :; do sleep 1000; done) & echo $! >" +
@@ -131,7 +131,7 @@ TEST_F(PipeExecTest, LimitsEndTheWholeGroup) {
   EXPECT_TRUE(zrtest::WaitFor([this] { return IsGone("child"); }));
 }
 
-TEST_F(PipeExecTest, EndReachesThoseThatLeftTheGroup) {
+TEST_F(PipeExec, EndReachesThoseThatLeftTheGroup) {
   settings_.limits.terminationGrace = milliseconds(50);
   const std::string id = folder_.Path("id");
   const std::string note = "echo $$ >" + id + ".new; mv " + id + ".new " + id + "; ";
@@ -160,7 +160,7 @@ TEST_F(PipeExecTest, EndReachesThoseThatLeftTheGroup) {
   }
 }
 
-TEST_F(PipeExecTest, OutputCountsForAsLongAsItIsHeld) {
+TEST_F(PipeExec, OutputCountsForAsLongAsItIsHeld) {
   settings_.memory = std::make_shared<ZrMemoryBudget>(std::uint64_t{1} << 30);
   for (const std::size_t size : {0U, 65536U, 65537U, 1U << 20, (1U << 20) + 1, 5U << 20}) {
     SCOPED_TRACE(size);
@@ -178,7 +178,7 @@ TEST_F(PipeExecTest, OutputCountsForAsLongAsItIsHeld) {
   }
 }
 
-TEST_F(PipeExecTest, OutputWaitsForRoomUntilItIsGivenUp) {
+TEST_F(PipeExec, OutputWaitsForRoomUntilItIsGivenUp) {
   settings_.memory = std::make_shared<ZrMemoryBudget>(100);
   ZrMemoryShare others(settings_.memory);
   others.Set(200);
@@ -210,7 +210,7 @@ TEST_F(PipeExecTest, OutputWaitsForRoomUntilItIsGivenUp) {
   EXPECT_TRUE(first.IsNewest());
 }
 
-TEST_F(PipeExecTest, OutputUpToTheLimitIsNoReasonToEndAnything) {
+TEST_F(PipeExec, OutputUpToTheLimitIsNoReasonToEndAnything) {
   settings_.limits.output = 65536 + 10;
   for (const std::size_t size : {65545U, 65546U, 65547U}) {
     SCOPED_TRACE(size);

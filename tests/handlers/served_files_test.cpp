@@ -12,9 +12,9 @@
 
 namespace {
 
-class ServedFilesTest : public testing::Test {
+class ServedFiles : public testing::Test {
  protected:
-  ServedFilesTest() { folder_.Write("site/page", "one"); }
+  ServedFiles() { folder_.Write("site/page", "one"); }
   /// The bytes that a request for the page would get; "-" when it is not there.
   std::string Ask(const std::string& path = "page") {
     const auto found = files_.Find(folder_.Path("site"), path);
@@ -29,7 +29,7 @@ class ServedFilesTest : public testing::Test {
   ZrServedFiles files_;
 };
 
-TEST_F(ServedFilesTest, EachBatchSeesTheDiskAsItIs) {
+TEST_F(ServedFiles, EachBatchSeesTheDiskAsItIs) {
   const struct {
     const char* name;
     std::function<void()> change;
@@ -72,7 +72,7 @@ TEST_F(ServedFilesTest, EachBatchSeesTheDiskAsItIs) {
   }
 }
 
-TEST_F(ServedFilesTest, CodeOfTheHostEndsWhatABatchKnows) {
+TEST_F(ServedFiles, CodeOfTheHostEndsWhatABatchKnows) {
   ZrBatch batch;
   EXPECT_EQ(Ask("late"), "-");
   folder_.Write("site/late", "here");
@@ -81,7 +81,7 @@ TEST_F(ServedFilesTest, CodeOfTheHostEndsWhatABatchKnows) {
   EXPECT_EQ(Ask("late"), "here");
 }
 
-TEST_F(ServedFilesTest, LargeFilesAreNotShared) {
+TEST_F(ServedFiles, LargeFilesAreNotShared) {
   folder_.Write("site/most", std::string(ZrServedFiles::kSharedFileSize, 'm'));
   folder_.Write("site/large", std::string(ZrServedFiles::kSharedFileSize + 1, 'l'));
   const ZrBatch batch;

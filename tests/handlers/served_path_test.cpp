@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(ServedPathTest, NoSpellingLeadsToHiddenNamesOrAroundAPrefix) {
+TEST(ServedPath, NoSpellingLeadsToHiddenNamesOrAroundAPrefix) {
   constexpr std::string_view kServed[] = {"a",         "a.b",   "a./b",  "sub/", "sub/a..b",
                                           "cgi-bin/x", "%2e/a", "%2F.a", "\\.a", "a b"};
   constexpr std::string_view kNot[] = {"",

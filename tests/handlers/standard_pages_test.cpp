@@ -29,7 +29,7 @@ std::string Links(const std::string& page) {
   return lines;
 }
 
-TEST(StandardPagesTest, ListingLinksToWhatItShows) {
+TEST(StandardPages, ListingLinksToWhatItShows) {
   const std::string page = zr::DirectoryListing(
       "/a<b>/", {{.name = "z.txt", .size = 1023, .modified = 784111777},
                  {.name = "javascript:alert(1)", .size = 1024},
@@ -55,7 +55,7 @@ TEST(StandardPagesTest, ListingLinksToWhatItShows) {
   EXPECT_EQ(Links(zr::DirectoryListing("/", {})), "");
 }
 
-TEST(StandardPagesTest, ListingOfManyHasALimit) {
+TEST(StandardPages, ListingOfManyHasALimit) {
   std::vector<zr::ListingEntry> many;
   for (std::size_t i = 0; i < zr::kMostListed + 3; ++i)
     many.push_back({std::to_string(100'000 + i)});
@@ -65,7 +65,7 @@ TEST(StandardPagesTest, ListingOfManyHasALimit) {
   EXPECT_NE(page.find("and 3 more"), std::string::npos);
 }
 
-TEST(StandardPagesTest, ErrorPageSaysStatusPhraseAndASentence) {
+TEST(StandardPages, ErrorPageSaysStatusPhraseAndASentence) {
   const zr::ErrorPage page = zr::MakeErrorPage(404, "Not Found", false);
   EXPECT_EQ(page.contentType, "text/html; charset=utf-8");
   EXPECT_NE(page.body.find("<title>\nError 404 - Not Found\n</title>"), std::string::npos);

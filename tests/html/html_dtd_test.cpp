@@ -58,8 +58,8 @@ TEST(HtmlReader, ReadsPagesAndStyleSheets) {
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.text);
-    EXPECT_EQ(zr_test::Read(c.text, c.kind, zr::HtmlDocumentKinds()), c.result);
-    EXPECT_EQ(zr_test::ReadAndWritten(c.text, c.kind, zr::HtmlDocumentKinds()), c.written);
+    EXPECT_EQ(zrtest::Read(c.text, c.kind, zr::HtmlDocumentKinds()), c.result);
+    EXPECT_EQ(zrtest::ReadAndWritten(c.text, c.kind, zr::HtmlDocumentKinds()), c.written);
   }
 }
 
@@ -93,17 +93,16 @@ TEST(HtmlReader, RefusesWithTheLine) {
        "cssproperty @1 # wrong closing tag '}' instead '/ZrXMLContentSplitter::TOP' around line 1"},
   };
   for (const Case& c : kCases) {
-    EXPECT_EQ(zr_test::Read(c.text, c.kind, zr::HtmlDocumentKinds()), c.result);
+    EXPECT_EQ(zrtest::Read(c.text, c.kind, zr::HtmlDocumentKinds()), c.result);
   }
 }
 
 // Each of these took minutes if an attempt cost what lies in the buffer and not what it consumed.
 TEST(HtmlReader, HostileSheetsAreLinear) {
-  const std::string declarations = zr_test::Repeated("a: b;\n", 400'000);
-  const std::string blanks = zr_test::Repeated(" ", 2'000'000) + "}";
-  EXPECT_TRUE(zr_test::ReadAndWritten(declarations, "css", zr::HtmlDocumentKinds()) ==
-              declarations);
-  EXPECT_TRUE(zr_test::ReadAndWritten("a{b:c" + blanks, "css", zr::HtmlDocumentKinds()) ==
+  const std::string declarations = zrtest::Repeated("a: b;\n", 400'000);
+  const std::string blanks = zrtest::Repeated(" ", 2'000'000) + "}";
+  EXPECT_TRUE(zrtest::ReadAndWritten(declarations, "css", zr::HtmlDocumentKinds()) == declarations);
+  EXPECT_TRUE(zrtest::ReadAndWritten("a{b:c" + blanks, "css", zr::HtmlDocumentKinds()) ==
               "a{b: c;" + blanks);
 }
 

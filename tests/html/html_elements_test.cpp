@@ -144,7 +144,7 @@ TEST(HtmlDocument, MakesTheFrameThatIsMissing) {
   ZrHTML_Document2 page;
   page.AddToBody(std::make_unique<ZrHTML_p2>());
   page.AddToHead(std::make_unique<ZrHTML_title2>("T"));
-  EXPECT_EQ(zr_test::Dump(page.HtmlRoot()), "html(head(title(\"T\")) body(p))");
+  EXPECT_EQ(zrtest::Dump(page.HtmlRoot()), "html(head(title(\"T\")) body(p))");
 }
 
 TEST(HtmlDocument, TheErrorPageShowsMessageAndLink) {

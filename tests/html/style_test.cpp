@@ -16,8 +16,8 @@
 
 namespace {
 
-using zr_test::MessageOf;
-using zr_test::Written;
+using zrtest::MessageOf;
+using zrtest::Written;
 
 TEST(StyleAttribute, ReadsDeclarationsAndWritesThemByName) {
   constexpr std::pair<const char*, const char*> kCases[] = {
@@ -104,7 +104,7 @@ TEST(CssNodes, KeepWhatTheyRefuse) {
     SCOPED_TRACE(message);
     EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrHTML_b2>()); }), message);
     EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrCSSProperty>("p:v", false)); }),
-              node == &rule ? zr_test::kNoMessage : message);
+              node == &rule ? zrtest::kNoMessage : message);
     EXPECT_EQ(Written(*node), written);
   }
   rule.Adopt(std::make_unique<ZrCSSHTMLComment>());

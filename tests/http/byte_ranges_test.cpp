@@ -16,7 +16,7 @@ std::string Read(std::string_view field, std::uint64_t size) {
   return text;
 }
 
-TEST(ByteRangesTest, FieldsAreReadForABodyOfTenBytes) {
+TEST(ByteRanges, FieldsAreReadForABodyOfTenBytes) {
   std::string sixteen = "bytes=0-0";
   for (int i = 1; i < 16; ++i) sixteen += ",20-";
   const struct {
@@ -49,7 +49,7 @@ TEST(ByteRangesTest, FieldsAreReadForABodyOfTenBytes) {
   EXPECT_EQ(Read("bytes=-1", 0), "none");
 }
 
-TEST(ByteRangesTest, SeveralRangesHaveTheLengthTheyAnnounce) {
+TEST(ByteRanges, SeveralRangesHaveTheLengthTheyAnnounce) {
   const auto body = zr::MakeMultipartRanges({{0, 1}, {7, 9}}, 10, "text/x", "mark");
   std::string sent;
   for (const auto& part : body.parts) {

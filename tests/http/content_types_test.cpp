@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(ContentTypesTest, LastExtensionOfTheNameDecides) {
+TEST(ContentTypes, LastExtensionOfTheNameDecides) {
   const ZrContentTypes types;
   constexpr std::pair<const char*, const char*> kCases[] = {
       {"index.html", "text/html; charset=utf-8"},
@@ -25,7 +25,7 @@ TEST(ContentTypesTest, LastExtensionOfTheNameDecides) {
   EXPECT_EQ(types.TypeOf("a." + std::string(1 << 16, 'x')), "application/octet-stream");
 }
 
-TEST(ContentTypesTest, SetTypesComeBeforeBuiltInOnesBeforeThoseOfTheSystem) {
+TEST(ContentTypes, SetTypesComeBeforeBuiltInOnesBeforeThoseOfTheSystem) {
   ZrContentTypes types;
   EXPECT_TRUE(types.Set(".JS", "application/x-own"));
   EXPECT_TRUE(types.Set("set", "text/x-set"));

@@ -14,7 +14,7 @@ using Fields = std::vector<std::pair<const char*, std::string>>;
 constexpr std::int64_t kModified = 784111777;
 constexpr const char* kDate = "Sun, 06 Nov 1994 08:49:37 GMT";
 
-TEST(FileAnswerTest, PreconditionsComeBeforeRanges) {
+TEST(FileAnswer, PreconditionsComeBeforeRanges) {
   const ZrFileFacts file{.version = {.size = 100, .modified = kModified * 1'000'000'000 + 999},
                          .contentType = "text/x"};
   const std::string tag = zr::EntityTag(file.version);
@@ -60,7 +60,7 @@ TEST(FileAnswerTest, PreconditionsComeBeforeRanges) {
   }
 }
 
-TEST(FileAnswerTest, CodedFilesAndSeveralRangesSaySo) {
+TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
   const ZrFileFacts file{.version = {.size = 10, .modified = (kModified + 1000) * 1'000'000'000},
                          .contentType = "text/x",
                          .coding = "br",

@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(PeerWatchTest, EachActionIsCalledOnceWhateverItDoesItself) {
+TEST(PeerWatch, EachActionIsCalledOnceWhateverItDoesItself) {
   const auto watch = std::make_shared<ZrPeerWatch>();
   std::vector<int> called;
   ZrPeerWatch::Token third = 0;
@@ -34,7 +34,7 @@ TEST(PeerWatchTest, EachActionIsCalledOnceWhateverItDoesItself) {
   EXPECT_FALSE(ZrPeerSubscription(nullptr, [] { FAIL(); }).Gone());
 }
 
-TEST(PeerWatchTest, NoSubscriptionIsMissedByThreadsAtTheSameTime) {
+TEST(PeerWatch, NoSubscriptionIsMissedByThreadsAtTheSameTime) {
   for (int round = 0; round < 300; ++round) {
     const auto watch = std::make_shared<ZrPeerWatch>();
     std::atomic<int> told = 0;

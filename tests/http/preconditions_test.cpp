@@ -21,7 +21,7 @@ ZrHeaderFields Request(const Fields& fields) {
   return request;
 }
 
-TEST(PreconditionsTest, AreEvaluatedInTheirOrder) {
+TEST(Preconditions, AreEvaluatedInTheirOrder) {
   constexpr auto kHolds = ZrPrecondition::kHolds;
   constexpr auto kNotModified = ZrPrecondition::kNotModified;
   constexpr auto kFailed = ZrPrecondition::kFailed;
@@ -69,7 +69,7 @@ TEST(PreconditionsTest, AreEvaluatedInTheirOrder) {
   EXPECT_EQ(zr::CheckPreconditions(Request({{"if-modified-since", kAt}}), true, {}), kHolds);
 }
 
-TEST(PreconditionsTest, RangeCountsForTheVersionItWasMadeFor) {
+TEST(Preconditions, RangeCountsForTheVersionItWasMadeFor) {
   const ZrValidators current{"\"tag\"", kModified};
   const struct {
     const char* value;
@@ -85,7 +85,7 @@ TEST(PreconditionsTest, RangeCountsForTheVersionItWasMadeFor) {
   EXPECT_FALSE(zr::RangeCounts(Request({{"if-range", kAt}}), current, kModified));
 }
 
-TEST(PreconditionsTest, TagChangesWithEachPartOfAVersion) {
+TEST(Preconditions, TagChangesWithEachPartOfAVersion) {
   const ZrFileVersion version{.size = 10, .modified = 1'000'000'001, .device = 3, .node = 4};
   std::vector<ZrFileVersion> others(4, version);
   ++others[0].size;

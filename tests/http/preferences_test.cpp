@@ -17,7 +17,7 @@ std::string_view Chosen(std::initializer_list<std::string_view> values, ZrCoding
   return zr::CodingName(zr::ChooseCoding(fields["f"], offer));
 }
 
-TEST(PreferencesTest, CodingIsChosenByWeightAndRank) {
+TEST(Preferences, CodingIsChosenByWeightAndRank) {
   const struct {
     std::initializer_list<std::string_view> values;
     const char* ofBoth;
@@ -49,7 +49,7 @@ TEST(PreferencesTest, CodingIsChosenByWeightAndRank) {
   }
 }
 
-TEST(PreferencesTest, WeightsAreReadAsTheyAreWritten) {
+TEST(Preferences, WeightsAreReadAsTheyAreWritten) {
   constexpr std::pair<std::string_view, int> kCases[] = {
       {"0", 0},     {"1", 1000},   {"0.", 0},  {"1.000", 1000}, {"0.5", 500}, {"0.123", 123},
       {"0.001", 1}, {"1.001", -1}, {"2", -1},  {"0.1234", -1},  {".5", -1},   {"0,5", -1},
@@ -57,7 +57,7 @@ TEST(PreferencesTest, WeightsAreReadAsTheyAreWritten) {
   for (const auto& [text, weight] : kCases) EXPECT_EQ(zr::ReadWeight(text), weight) << text;
 }
 
-TEST(PreferencesTest, TheMostExactRangeOfMediaCounts) {
+TEST(Preferences, TheMostExactRangeOfMediaCounts) {
   const struct {
     const char* accept;
     int html;

@@ -18,7 +18,7 @@ std::string Read(std::string_view output) {
   return text.append("|").append(output.substr(answer.headBytes));
 }
 
-TEST(ProgramAnswerTest, HeadsAreReadAndCutAtEachPlaceTheyAreIncomplete) {
+TEST(ProgramAnswer, HeadsAreReadAndCutAtEachPlaceTheyAreIncomplete) {
   constexpr std::pair<std::string_view, std::string_view> kCases[] = {
       {"Content-Type: text/x\r\n\r\npage\r\n\r\n", "200 Content-Type=text/x;|page\r\n\r\n"},
       {"Content-Type:text/x \nX-A:  b c\t\n\npage", "200 Content-Type=text/x;X-A=b c;|page"},
@@ -45,7 +45,7 @@ TEST(ProgramAnswerTest, HeadsAreReadAndCutAtEachPlaceTheyAreIncomplete) {
   }
 }
 
-TEST(ProgramAnswerTest, WhatIsNoHeadIsMalformed) {
+TEST(ProgramAnswer, WhatIsNoHeadIsMalformed) {
   constexpr std::string_view kCases[] = {
       "page\n",
       "\n",

@@ -32,9 +32,9 @@ TEST(Documents, RealFilesSurviveReadingAndWriting) {
        {"/usr/share/mime/packages/freedesktop.org.xml", "/usr/share/X11/xkb/rules/evdev.xml",
         "/usr/share/xml/iso-codes/iso_639-3.xml"}) {
     SCOPED_TRACE(path);
-    const std::string original = zr_test::PlainXml(zrtest::ReadFile(path));
-    const std::string written = zr_test::ReadAndWritten(original);
-    EXPECT_EQ(zr_test::ReadAndWritten(written), written);
+    const std::string original = zrtest::PlainXml(zrtest::ReadFile(path));
+    const std::string written = zrtest::ReadAndWritten(original);
+    EXPECT_EQ(zrtest::ReadAndWritten(written), written);
     const std::string expected = WithoutBreaksBetweenTags(Canonical(original));
     const std::string actual = WithoutBreaksBetweenTags(Canonical(written));
     EXPECT_GT(actual.size(), 100'000u) << "is the file missing?";

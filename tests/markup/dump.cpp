@@ -8,7 +8,7 @@
 #include "markup/parse.h"
 #include "markup/xml_nodes.h"
 
-namespace zr_test {
+namespace zrtest {
 
 namespace {
 
@@ -115,4 +115,4 @@ std::string Repeated(std::string_view text, std::size_t times) {
   return all;
 }
 
-}  // namespace zr_test
+}  // namespace zrtest

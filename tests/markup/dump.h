@@ -9,7 +9,7 @@
 #include "markup/complex_element.h"
 #include "markup/dtd.h"
 
-namespace zr_test {
+namespace zrtest {
 
 /// Elements as name[attribute=value bare](children), text as 'text', whitespace as {n} for a line
 /// feed and {.} for a blank, comments as !text!, processing instructions as ?text?, text nodes of
@@ -54,4 +54,4 @@ std::string MessageOf(Action&& action) {
   return kNoMessage;
 }
 
-}  // namespace zr_test
+}  // namespace zrtest

@@ -13,10 +13,10 @@
 
 namespace {
 
-using zr_test::Dump;
-using zr_test::Read;
-using zr_test::ReadCase;
-using zr_test::Repeated;
+using zrtest::Dump;
+using zrtest::Read;
+using zrtest::ReadCase;
+using zrtest::Repeated;
 
 TEST(Parse, XmlTokensBecomeNodes) {
   constexpr ReadCase kCases[] = {
@@ -41,7 +41,7 @@ TEST(Parse, XmlTokensBecomeNodes) {
       {"open elements stay", "<a><b>x", "a(b('x')) @1"},
       {"greater-than is text", "a>b", "'a>b' @1"},
   };
-  zr_test::ExpectRead(kCases);
+  zrtest::ExpectRead(kCases);
 }
 
 TEST(Parse, FailuresNameTheLine) {
@@ -66,7 +66,7 @@ TEST(Parse, FailuresNameTheLine) {
       {"doctype is none of xml", "<!DOCTYPE a>", "@1 # reading error  around line 1"},
       {"end", "</", "@1 # reading error  around line 1"},
   };
-  zr_test::ExpectRead(kCases);
+  zrtest::ExpectRead(kCases);
 }
 
 TEST(Parse, TokensLongerThanTheWindowAreTheSameTokens) {
@@ -116,7 +116,7 @@ TEST(Parse, BrokenKindsAreReported) {
       {"void element refuses another tag", "<v><a/>",
        "v @1 # wrong closing tag 'a' instead '/v' around line 1"},
   };
-  zr_test::ExpectRead(kCases, "broken", kKinds);
+  zrtest::ExpectRead(kCases, "broken", kKinds);
   EXPECT_EQ(Read("x", "twice", kKinds), "@1 # name can't be twice around line 1");
   EXPECT_EQ(Read("x", "other", kKinds), "@1 # DTD 'other' not defined around line 1");
   EXPECT_EQ(Read("x", ""), "@1 # DTD can't be empty");
@@ -177,7 +177,7 @@ TEST(Parse, HostileInputIsLinear) {
     std::istringstream stream(input);
     ZrDTDElementReaderStream reader(stream);
     const std::string error =
-        zr_test::MessageOf([&] { zr::Parse(reader.Splitter(), reader, "xml", false); });
+        zrtest::MessageOf([&] { zr::Parse(reader.Splitter(), reader, "xml", false); });
     EXPECT_EQ(error, input[0] == 't' ? "reading error  around line 1" : "nothing thrown");
     EXPECT_FALSE(reader.Splitter().top->Children().empty());
   }

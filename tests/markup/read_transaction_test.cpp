@@ -53,11 +53,11 @@ TEST(ReadTransaction, StatesOfAProgramAreFreshForEachToken) {
     dtd.AddState(std::make_unique<Digit>(), make, false);
   };
   const ZrDTDDefinition kinds[] = {{"numbers", fill}};
-  EXPECT_EQ(zr_test::Read("12", "numbers", kinds), "'1' '2' @1");
+  EXPECT_EQ(zrtest::Read("12", "numbers", kinds), "'1' '2' @1");
 }
 
 TEST(ReadTransaction, AttributesStayUntilTheNextTag) {
-  std::istringstream stream("<a x='the value of x' y=\"\"/>" + zr_test::Repeated("word", 40'000) +
+  std::istringstream stream("<a x='the value of x' y=\"\"/>" + zrtest::Repeated("word", 40'000) +
                             "<b/>");
   ZrDTDElementReaderStream reader(stream);
   const auto read = [&] { zr::Parse(reader.Splitter(), reader, "xml", true); };

@@ -17,10 +17,10 @@
 
 namespace {
 
-using zr_test::Dump;
-using zr_test::MessageOf;
-using zr_test::Repeated;
-using zr_test::Written;
+using zrtest::Dump;
+using zrtest::MessageOf;
+using zrtest::Repeated;
+using zrtest::Written;
 
 std::unique_ptr<ZrXMLGenericElement> Element(const char* name) {
   return std::make_unique<ZrXMLGenericElement>(name, true);

@@ -31,7 +31,7 @@ namespace {
 
 const ZrSocketIPvx::PeerFilter kAnyone = [](ZrHostInfo_t&) { return true; };
 
-class SocketTest : public testing::Test {
+class Socket : public testing::Test {
  protected:
   void Listen() { ASSERT_EQ(listener_->listen("10.9.8.7", port_, 16), ZrSocketResult::kSuccess); }
   void Connect(ZrSocketIPvx& client, ZrSocketIPvx& server, const std::string& host = "127.0.0.1") {
@@ -51,7 +51,7 @@ class SocketTest : public testing::Test {
   int port_ = 0;
 };
 
-TEST_F(SocketTest, PeersOfBothFamiliesReachTheOnePort) {
+TEST_F(Socket, PeersOfBothFamiliesReachTheOnePort) {
   int beyond = 65536;
   EXPECT_EQ(ZrSocketIPvx().listen("", beyond, 16), ZrSocketResult::kListenFailed);
   Listen();
@@ -70,7 +70,7 @@ TEST_F(SocketTest, PeersOfBothFamiliesReachTheOnePort) {
   }
 }
 
-TEST_F(SocketTest, ReceiveTellsEndNothingAndFailureApart) {
+TEST_F(Socket, ReceiveTellsEndNothingAndFailureApart) {
   Listen();
   ZrSocketIPvx client;
   auto server = std::make_unique<ZrSocketIPvx>(1);
@@ -105,7 +105,7 @@ TEST_F(SocketTest, ReceiveTellsEndNothingAndFailureApart) {
   EXPECT_EQ(none.lastError(), EBADF);
 }
 
-TEST_F(SocketTest, ConnectDoesNotWaitForTheResolver) {
+TEST_F(Socket, ConnectDoesNotWaitForTheResolver) {
   struct Case {
     std::chrono::milliseconds limit;
     bool cancelled;

@@ -26,9 +26,9 @@ std::string Content(const ZrFile& file) {
   return bytes;
 }
 
-class BeneathTest : public testing::Test {
+class Beneath : public testing::Test {
  protected:
-  BeneathTest() {
+  Beneath() {
     folder_.Write("site/page.txt", "page");
     folder_.Write("site/sub/a..b", "dots");
     folder_.Write("site/odd\\name", "backslash");
@@ -51,7 +51,7 @@ class BeneathTest : public testing::Test {
   zrtest::TemporaryFolder folder_;
 };
 
-TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
+TEST_F(Beneath, OpensWhatLiesInsideAndNothingElse) {
   const struct {
     const char* name;
     std::string path;
@@ -104,7 +104,7 @@ TEST_F(BeneathTest, OpensWhatLiesInsideAndNothingElse) {
   EXPECT_EQ(ZrFile::OpenBeneath(folder_.Path("site/page.txt"), "/"), nullptr);
 }
 
-TEST_F(BeneathTest, WhatMayOnlyBeRunIsThere) {
+TEST_F(Beneath, WhatMayOnlyBeRunIsThere) {
   folder_.Write("site/program", "program");
   ASSERT_EQ(::chmod(folder_.Path("site/program").c_str(), 0111), 0);
   ASSERT_EQ(::chmod(folder_.Path().c_str(), 0755), 0);
@@ -116,7 +116,7 @@ TEST_F(BeneathTest, WhatMayOnlyBeRunIsThere) {
   }).join();
 }
 
-TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {
+TEST_F(Beneath, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   const auto file = ZrFile::OpenBeneath(folder_.Path("site"), "page.txt");
   ASSERT_NE(file, nullptr);
   ASSERT_EQ(zr::ReplaceFile(folder_.Path("site/page.txt"), "other page", 0600), 0);
@@ -134,7 +134,7 @@ TEST_F(BeneathTest, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   EXPECT_EQ(huge->ReadAt(~std::uint64_t{0}, end), 0U);
 }
 
-TEST_F(BeneathTest, AKeptDirectoryKnowsWhenItsNameLeadsElsewhere) {
+TEST_F(Beneath, AKeptDirectoryKnowsWhenItsNameLeadsElsewhere) {
   const auto site = ZrDirectory::Open(folder_.Path("site"));
   ASSERT_NE(site, nullptr);
   EXPECT_TRUE(site->IsCurrent());
@@ -148,7 +148,7 @@ TEST_F(BeneathTest, AKeptDirectoryKnowsWhenItsNameLeadsElsewhere) {
   EXPECT_EQ(ZrDirectory::Open(folder_.Path("site/page.txt")), nullptr);
 }
 
-TEST_F(BeneathTest, BytesAtHandAreTheSameBytesOrNone) {
+TEST_F(Beneath, BytesAtHandAreTheSameBytesOrNone) {
   const auto site = ZrDirectory::Open(folder_.Path("site"));
   const auto file = site->OpenFile("page.txt");
   std::array<char, 8> bytes{};

@@ -14,7 +14,7 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-class ProcessTest : public ::testing::Test {
+class Process : public ::testing::Test {
  protected:
   std::error_code StartShell(const std::string& script) {
     EXPECT_FALSE(zr::MakePipe(output_));
@@ -32,7 +32,7 @@ class ProcessTest : public ::testing::Test {
   ZrProcess process_;
 };
 
-TEST_F(ProcessTest, ChildHasOnlyItsOwnVariablesDescriptorsAndSignals) {
+TEST_F(Process, ChildHasOnlyItsOwnVariablesDescriptorsAndSignals) {
   // Descriptors of the host that would survive an exec, and dispositions that would too.
   std::FILE* hostFile = std::fopen("/dev/null", "r");
   const auto previous = std::signal(SIGTERM, SIG_IGN);
@@ -58,7 +58,7 @@ TEST_F(ProcessTest, ChildHasOnlyItsOwnVariablesDescriptorsAndSignals) {
   std::fclose(hostFile);
 }
 
-TEST_F(ProcessTest, HostThatCollectsItsChildrenIsSurvived) {
+TEST_F(Process, HostThatCollectsItsChildrenIsSurvived) {
   const auto previous = std::signal(SIGCHLD, SIG_IGN);
   ASSERT_FALSE(StartShell("exit 3"));
   EXPECT_TRUE(process_.WaitForEnd(steady_clock::now() + seconds(20)));

@@ -10,7 +10,7 @@
 
 namespace {
 
-using zr_test::MessageOf;
+using zrtest::MessageOf;
 
 // The storage works from the current directory.
 class AppStorage : public testing::Test {

@@ -11,8 +11,8 @@
 
 namespace {
 
-using zr_test::MessageOf;
-using zr_test::Written;
+using zrtest::MessageOf;
+using zrtest::Written;
 
 TEST(XMLDatabase, ValuesAreFoundUnderTheirPaths) {
   ZrXMLDatabase database("quarn");

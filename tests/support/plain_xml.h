@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace zr_test {
+namespace zrtest {
 
 /// Takes out the document type line, and every ":" in the names of elements and attributes;
 /// comments, attribute values and text stay as they are.
@@ -38,4 +38,4 @@ inline std::string PlainXml(std::string_view xml) {
   return plain;
 }
 
-}  // namespace zr_test
+}  // namespace zrtest

@@ -20,9 +20,8 @@ namespace zr {
 namespace {
 
 void ResetSignals() {
-  for (int number = 1; number < NSIG; ++number) {
+  for (int number = 1; number < NSIG; ++number)
     signal(number, SIG_DFL);  // fails for those that cannot be changed, which need no change
-  }
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -52,24 +51,16 @@ void ResetSignals() {
 bool StartDetachedProgram(std::string_view program, const std::vector<std::string>& arguments) {
   const char* path = std::getenv("PATH");
   const auto file = FindProgram(program, path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin");
-  if (!file) {
-    return false;
-  }
+  if (!file) return false;
   std::vector<char*> words{const_cast<char*>(file->c_str())};
-  for (const std::string& word : arguments) {
-    words.push_back(const_cast<char*>(word.c_str()));
-  }
+  for (const std::string& word : arguments) words.push_back(const_cast<char*>(word.c_str()));
   words.push_back(nullptr);
   Pipe report;
-  if (MakePipe(report)) {
-    return false;
-  }
+  if (MakePipe(report)) return false;
   const pid_t between = fork();
   if (between == 0) {
     const pid_t detached = fork();
-    if (detached == 0) {
-      Become(words.data(), report.write.Get());
-    }
+    if (detached == 0) Become(words.data(), report.write.Get());
     _exit(detached < 0 ? 1 : 0);
   }
   report.write.Close();

@@ -167,9 +167,8 @@ ZrDescriptor ZrDirectory::OpenPath(std::string_view path, int flags) const {
   if (!inside) return {};
   ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str(), flags));
   // EXDEV: a link led out, or only seemed to; ENOSYS and EPERM: the call is missing or filtered.
-  if (!file.IsOpen() && (errno == EXDEV || errno == ENOSYS || errno == EPERM || errno == EAGAIN)) {
+  if (!file.IsOpen() && (errno == EXDEV || errno == ENOSYS || errno == EPERM || errno == EAGAIN))
     file = OpenAndCheckPlace(descriptor_.Get(), inside->c_str(), flags);
-  }
   return file;
 }
 
@@ -178,9 +177,8 @@ ZrFileAtHand ZrDirectory::OpenFileAtHand(std::string_view path) const {
   const auto inside = Inside(path);
   if (!inside) return {Answer::kNotThere};
   ZrDescriptor file(OpenInside(descriptor_.Get(), inside->c_str(), kReadFlags, RESOLVE_CACHED));
-  if (!file.IsOpen()) {
+  if (!file.IsOpen())
     return {errno == ENOENT || errno == ENOTDIR ? Answer::kNotThere : Answer::kMustWait};
-  }
   auto opened = ZrFile::FromDescriptor(std::move(file));
   const Answer answer = opened == nullptr ? Answer::kNotThere : Answer::kFile;
   return {answer, std::move(opened)};

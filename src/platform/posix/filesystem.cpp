@@ -50,9 +50,8 @@ std::string AbsolutePath(std::string path) {
 
 ZrPathKind PathKind(const std::string& path) {
   struct stat status {};
-  if (path.find('\0') != std::string::npos || ::stat(path.c_str(), &status) != 0) {
+  if (path.find('\0') != std::string::npos || ::stat(path.c_str(), &status) != 0)
     return ZrPathKind::kMissing;
-  }
   if (S_ISDIR(status.st_mode)) return ZrPathKind::kDirectory;
   return S_ISREG(status.st_mode) ? ZrPathKind::kRegular : ZrPathKind::kOther;
 }

@@ -50,9 +50,8 @@ int WaitOnce(int poll, std::span<epoll_event> events, nanoseconds left, bool bou
 ZrPoller::ZrPoller()
     : poll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!poll_.IsOpen() || !wake_.IsOpen() ||
-      !Control(poll_.Get(), EPOLL_CTL_ADD, wake_.Get(), kWakeToken, ZrInterest::kRead)) {
+      !Control(poll_.Get(), EPOLL_CTL_ADD, wake_.Get(), kWakeToken, ZrInterest::kRead))
     throw std::system_error(errno, std::generic_category(), "no descriptors left to wait on");
-  }
   ready_.reserve(kMostEvents);
 }
 

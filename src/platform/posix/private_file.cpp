@@ -19,12 +19,8 @@ namespace {
 bool WriteAll(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(descriptor, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) {
-      continue;
-    }
-    if (written <= 0) {
-      return false;
-    }
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
     bytes.remove_prefix(static_cast<std::size_t>(written));
   }
   return fsync(descriptor) == 0;
@@ -34,16 +30,12 @@ bool WriteAll(int descriptor, std::string_view bytes) {
 
 void WritePrivateFile(const std::string& path, std::string_view bytes) {
   const ZrDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (!file.IsOpen() || !WriteAll(file.Get(), bytes)) {
-    Fail(path);
-  }
+  if (!file.IsOpen() || !WriteAll(file.Get(), bytes)) Fail(path);
 }
 
 std::string MakePrivateFolder(const std::string& path) {
   std::string name = path + ".XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) {
-    Fail(path);
-  }
+  if (mkdtemp(name.data()) == nullptr) Fail(path);
   return name;
 }
 

@@ -74,9 +74,8 @@ class FileActions {
   const posix_spawn_file_actions_t* Get() const { return &value_; }
 
   int Standard(int source, int target) {
-    if (source < 0) {
+    if (source < 0)
       return posix_spawn_file_actions_addopen(&value_, target, "/dev/null", O_RDWR, 0);
-    }
     if (source <= STDERR_FILENO && source != target) {
       // An earlier step may already have replaced it.
       ZrDescriptor& copy = copies_[static_cast<std::size_t>(target)];
@@ -103,18 +102,16 @@ bool IsExecutableFile(const std::string& file) {
 
 ZrEnvironment ZrEnvironment::OfThisProcess() {
   ZrEnvironment made;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
     made.entries_.emplace_back(*entry);
-  }
   return made;
 }
 
 bool ZrEnvironment::Set(std::string_view name, std::string_view value) {
   constexpr std::string_view kNoName("=\0", 2);
   if (name.empty() || name.find_first_of(kNoName) != std::string_view::npos ||
-      value.find('\0') != std::string_view::npos) {
+      value.find('\0') != std::string_view::npos)
     return false;
-  }
   std::string entry;
   entry.reserve(name.size() + 1 + value.size());
   entry.append(name).append(1, '=').append(value);
@@ -122,20 +119,17 @@ bool ZrEnvironment::Set(std::string_view name, std::string_view value) {
     return other.compare(0, name.size() + 1, entry, 0, name.size() + 1) == 0;
   };
   const auto found = std::find_if(entries_.begin(), entries_.end(), sameName);
-  if (found == entries_.end()) {
+  if (found == entries_.end())
     entries_.push_back(std::move(entry));
-  } else {
+  else
     *found = std::move(entry);
-  }
   return true;
 }
 
 std::optional<std::string_view> ZrEnvironment::Get(std::string_view name) const {
-  for (const std::string& entry : entries_) {
-    if (entry.size() > name.size() && entry[name.size()] == '=' && entry.starts_with(name)) {
+  for (const std::string& entry : entries_)
+    if (entry.size() > name.size() && entry[name.size()] == '=' && entry.starts_with(name))
       return std::string_view(entry).substr(name.size() + 1);
-    }
-  }
   return std::nullopt;
 }
 
@@ -171,9 +165,8 @@ std::error_code ZrProcess::Start(const ZrProcessStart& start) {
 
   FileActions actions;
   const int sources[] = {start.standardInput, start.standardOutput, start.standardError};
-  for (int target = STDIN_FILENO; target <= STDERR_FILENO; ++target) {
+  for (int target = STDIN_FILENO; target <= STDERR_FILENO; ++target)
     if (const int failed = actions.Standard(sources[target], target)) return Error(failed);
-  }
   if (const int failed = actions.CloseOthers()) return Error(failed);
 
   const std::vector<char*> arguments = Pointers(&start.program, start.arguments);
@@ -181,9 +174,8 @@ std::error_code ZrProcess::Start(const ZrProcessStart& start) {
   const Attributes attributes;
   pid_t pid = -1;
   if (const int failed = ::posix_spawn(&pid, file->c_str(), actions.Get(), attributes.Get(),
-                                       arguments.data(), variables.data())) {
+                                       arguments.data(), variables.data()))
     return Error(failed);
-  }
   pid_ = pid;
   // Only this object waits for the child, so the id cannot have passed to another one yet.
   // (The C library's own declaration lacks C linkage in some releases.)
@@ -245,9 +237,8 @@ void ZrProcess::Kill() noexcept {
   if (!IsHeld()) return;
   try {
     SignalFamily(SIGSTOP);
-    for (int round = 0; round < kMostGatherings && family_->Gather(pid_); ++round) {
+    for (int round = 0; round < kMostGatherings && family_->Gather(pid_); ++round)
       family_->Signal(SIGSTOP, pid_);
-    }
     family_->Signal(SIGKILL, pid_);
   } catch (const std::bad_alloc&) {
     // Those of the group end all the same.

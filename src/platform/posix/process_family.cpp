@@ -82,11 +82,10 @@ void SignalProcess(int process, std::uint64_t begun, int number) {
   if (!handle.IsOpen() && errno == ESRCH) return;
   const std::optional<Status> status = StatusOf(process);
   if (!status || status->begun != begun) return;
-  if (handle.IsOpen()) {
+  if (handle.IsOpen())
     ::syscall(SYS_pidfd_send_signal, handle.Get(), number, nullptr, 0);
-  } else {
+  else
     ::kill(process, number);  // no descriptor left for the handle
-  }
 }
 
 }  // namespace
@@ -127,9 +126,8 @@ bool ZrProcessFamily::GatherChildrenOf(int parent) {
 }
 
 void ZrProcessFamily::Signal(int number, int exceptGroup) const {
-  for (const Member& member : members_) {
+  for (const Member& member : members_)
     if (::getpgid(member.id) != exceptGroup) SignalProcess(member.id, member.begun, number);
-  }
 }
 
 namespace zr {
@@ -146,10 +144,8 @@ void KillHoldersOf(int pipe) {
       std::array<char, 64> target;
       const std::string link = Place(process) + standard;
       const ssize_t length = ::readlink(link.c_str(), target.data(), target.size());
-      if (length <= 0 ||
-          std::string_view(target.data(), static_cast<std::size_t>(length)) != held) {
+      if (length <= 0 || std::string_view(target.data(), static_cast<std::size_t>(length)) != held)
         continue;
-      }
       SignalProcess(process, before->begun, SIGKILL);
       return;
     }

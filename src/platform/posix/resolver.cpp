@@ -70,11 +70,10 @@ std::optional<ZrResolution> WaitFor(Lookup& lookup, milliseconds limit,
   ZrLock hold(lookup.lock);
   for (;;) {
     const auto next = steady_clock::now() + zr::kCancelSlice;
-    if (lookup.ended.WaitUntil(
-            lookup.lock, bounded ? std::min(next, deadline) : next,
-            [&lookup]() ZR_REQUIRES(lookup.lock) { return lookup.result.has_value(); })) {
+    if (lookup.ended.WaitUntil(lookup.lock, bounded ? std::min(next, deadline) : next,
+                               [&lookup]()
+                                   ZR_REQUIRES(lookup.lock) { return lookup.result.has_value(); }))
       return std::move(lookup.result);
-    }
     if ((bounded && steady_clock::now() >= deadline) || (cancelled && cancelled())) return {};
   }
 }
@@ -91,12 +90,14 @@ ZrResolution ResolveHost(const std::string& host, int port, milliseconds limit,
   const auto lookup = std::make_shared<Lookup>();
   ZrThread thread;
   try {
-    thread = ZrThread::Start("zr-lookup", [lookup, host, port] {
-      ZrResolution result = Resolve(host.c_str(), port, 0);
-      ZrLock hold(lookup->lock);
-      lookup->result = std::move(result);
-      lookup->ended.NotifyAll();
-    });
+    thread = ZrThread::Start(
+        "zr-lookup",
+        [lookup, host, port] {
+          ZrResolution result = Resolve(host.c_str(), port, 0);
+          ZrLock hold(lookup->lock);
+          lookup->result = std::move(result);
+          lookup->ended.NotifyAll();
+        });
   } catch (const std::system_error&) {
     return Resolve(host.c_str(), port, 0);  // the system has no thread left: it takes its time
   }

@@ -32,15 +32,13 @@ ZrSignalWaiter::ZrSignalWaiter(bool reopens) {
   signal(SIGPIPE, SIG_IGN);
   signals_ = ZrDescriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
   wake_ = ZrDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!signals_.IsOpen() || !wake_.IsOpen()) {
+  if (!signals_.IsOpen() || !wake_.IsOpen())
     throw std::system_error(errno, std::generic_category(), "waiting for signals");
-  }
 }
 
 ZrSignalWaiter::~ZrSignalWaiter() {
-  if (stopTaken_) {
+  if (stopTaken_)
     for (const int number : {SIGINT, SIGTERM}) signal(number, [](int) { _exit(0); });
-  }
   const sigset_t set = SetOf(true);
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
@@ -55,9 +53,8 @@ Signal ZrSignalWaiter::Wait(std::chrono::milliseconds limit) {
       return Signal::kStop;
     }
     std::uint64_t count = 0;
-    if (read(wake_.Get(), &count, sizeof count) == static_cast<ssize_t>(sizeof count)) {
+    if (read(wake_.Get(), &count, sizeof count) == static_cast<ssize_t>(sizeof count))
       return Signal::kWake;
-    }
     int timeout = -1;
     if (limit.count() >= 0) {
       const auto left =

@@ -83,9 +83,8 @@ ZrDescriptor OpenListener(const ZrSocketAddress& address, int backlog, int* erro
   // Connections of an earlier server that still linger do not hold the port; a listener does.
   if (!SetOption(socket.Get(), SOL_SOCKET, SO_REUSEADDR, 1)) return Failed(error);
   if (address.family == ZrAddressFamily::kIPv6 &&
-      !SetOption(socket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, 0)) {
+      !SetOption(socket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, 0))
     return Failed(error);
-  }
   if (::bind(socket.Get(), Native(address), address.length) != 0) return Failed(error);
   if (::listen(socket.Get(), backlog) != 0) return Failed(error);
   return socket;
@@ -95,12 +94,10 @@ int LocalPort(int socket) {
   sockaddr_storage address{};
   socklen_t length = sizeof address;
   if (::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0) return -1;
-  if (address.ss_family == AF_INET6) {
+  if (address.ss_family == AF_INET6)
     return ntohs(reinterpret_cast<const sockaddr_in6*>(&address)->sin6_port);
-  }
-  if (address.ss_family == AF_INET) {
+  if (address.ss_family == AF_INET)
     return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
-  }
   return -1;
 }
 
@@ -115,11 +112,10 @@ ZrAccepted AcceptPeer(int listener) {
   } while (socket < 0 && errno == EINTR);
   if (socket < 0) {
     result.error = errno;
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
       result.status = ZrAcceptStatus::kExhausted;
-    } else {
+    else
       result.status = IsPeerError(errno) ? ZrAcceptStatus::kNoPeer : ZrAcceptStatus::kFailed;
-    }
     return result;
   }
   result.socket = ZrDescriptor(socket);
@@ -158,9 +154,8 @@ ZrNumericName NumericName(const ZrSocketAddress& given) {
   std::array<char, NI_MAXHOST> host{};
   std::array<char, NI_MAXSERV> service{};
   if (::getnameinfo(Native(address), address.length, host.data(), host.size(), service.data(),
-                    service.size(), NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+                    service.size(), NI_NUMERICHOST | NI_NUMERICSERV) != 0)
     return {};
-  }
   return {host.data(), service.data()};
 }
 
@@ -212,9 +207,8 @@ ZrDescriptor ConnectTo(const ZrSocketAddress& address, std::chrono::milliseconds
   }
   int outcome = 0;
   socklen_t length = sizeof outcome;
-  if (::getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &outcome, &length) != 0) {
+  if (::getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &outcome, &length) != 0)
     return Failed(error);
-  }
   if (outcome != 0) {
     errno = outcome;
     return Failed(error);

@@ -70,9 +70,8 @@ ZrIoResult SendBytes(int socket, std::string_view bytes) {
 ZrIoResult SendPieces(int socket, std::span<const std::string_view> pieces) {
   std::array<iovec, kMostPieces> vectors;
   const std::size_t used = std::min(pieces.size(), kMostPieces);
-  for (std::size_t i = 0; i < used; ++i) {
+  for (std::size_t i = 0; i < used; ++i)
     vectors[i] = {const_cast<char*>(pieces[i].data()), pieces[i].size()};
-  }
   msghdr message{};
   message.msg_iov = vectors.data();
   message.msg_iovlen = used;
@@ -132,9 +131,8 @@ int WaitAnyReadable(std::span<const int> descriptors, milliseconds limit) {
   // poll() itself leaves negative descriptors out.
   for (std::size_t i = 0; i < used; ++i) entries[i] = {descriptors[i], POLLIN | POLLPRI, 0};
   if (PollUntil({entries.data(), used}, limit) <= 0) return -1;
-  for (std::size_t i = 0; i < used; ++i) {
+  for (std::size_t i = 0; i < used; ++i)
     if (entries[i].revents != 0) return static_cast<int>(i);
-  }
   return -1;
 }
 

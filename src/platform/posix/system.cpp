@@ -56,16 +56,14 @@ std::string HomeDirectory() {
   passwd* found = nullptr;
   std::vector<char> texts(16384);
   if (::getpwuid_r(::getuid(), &entry, texts.data(), texts.size(), &found) != 0 ||
-      found == nullptr || found->pw_dir == nullptr) {
+      found == nullptr || found->pw_dir == nullptr)
     return {};
-  }
   return found->pw_dir;
 }
 
 std::string StateDirectory(const std::string& program) {
-  if (auto state = EnvironmentValue("XDG_STATE_HOME"); state && state->starts_with('/')) {
+  if (auto state = EnvironmentValue("XDG_STATE_HOME"); state && state->starts_with('/'))
     return *state + (state->ends_with('/') ? "" : "/") + program;
-  }
   const std::string home = HomeDirectory();
   return home.empty() ? std::string() : home + "/.local/state/" + program;
 }

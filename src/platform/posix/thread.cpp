@@ -22,9 +22,8 @@ std::atomic<int> startsUntilFailure{0};
 sigset_t AsynchronousSignals() {
   sigset_t set;
   sigfillset(&set);
-  for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGPROF}) {
+  for (const int number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS, SIGPROF})
     sigdelset(&set, number);
-  }
   return set;
 }
 
@@ -60,9 +59,8 @@ ZrThread ZrThread::Start(const char* name, std::function<void()> body) {
   const SignalsBlocked blocked;
   pid_t none = 0;
   processOfThreads.compare_exchange_strong(none, ::getpid());
-  if (startsUntilFailure > 0 && --startsUntilFailure == 0) {
+  if (startsUntilFailure > 0 && --startsUntilFailure == 0)
     throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-  }
   ZrThread started;
   started.thread_ =
       std::thread([label = std::string(name), run = std::move(body)] { RunBody(label, run); });
@@ -79,11 +77,10 @@ ZrThread& ZrThread::operator=(ZrThread&& other) noexcept {
 
 void ZrThread::Join() noexcept {
   if (!thread_.joinable()) return;
-  if (thread_.get_id() == std::this_thread::get_id()) {
+  if (thread_.get_id() == std::this_thread::get_id())
     thread_.detach();
-  } else {
+  else
     thread_.join();
-  }
 }
 
 bool zr::IsForkOfThreads() noexcept {
