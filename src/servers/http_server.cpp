@@ -118,6 +118,7 @@ void ZrTransceiverServerL1HTTP::RunTurn(ZrTransceiver& transceiver,
                                         const ConnectionPointer& connection,
                                         const HandlerPointer& client,
                                         std::shared_ptr<ZrXHeader> complete, bool here) {
+  const std::uint32_t item = connection->Item();
   bool answerToCome = false;
   try {
     if (!complete) complete = Assemble(transceiver, connection, client);
@@ -125,8 +126,7 @@ void ZrTransceiverServerL1HTTP::RunTurn(ZrTransceiver& transceiver,
     answerToCome = complete && HandOut(transceiver, connection, client, complete);
   } catch (...) {
     // Memory ran out, or the handler failed: this connection is given up.
-    DropMessage(connection->JobName());
-    connection->CloseAfterItem();
+    return GoOn(connection, connection->EndItemAndClose(item));
   }
   if (!answerToCome) EndTurn(connection);
 }
@@ -205,12 +205,12 @@ bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,
   if (head->surplus) connection->PutBack(*head->surplus);
   // Asked for before the answer can be on its way, which ends the turn.
   if (head->closeRequested || head->endUncertain) connection->CloseAfterItem();
+  LetGo(connection->JobName());
   if (client->HandleMessage(HeadName(), head) == 0) {
-    DropMessage(connection->JobName());
     connection->CloseAfterItem();
     return false;
   }
-  DropMessage(connection->JobName());
+  EndWorkOn(connection->JobName());
   if (!head->answered) return true;
   connection->Reset();
   if (head->route.size() > 1) transceiver.ReleaseServerTask(head->route[1]);
@@ -218,7 +218,12 @@ bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,
 }
 
 void ZrTransceiverServerL1HTTP::EndTurn(const ConnectionPointer& connection) {
-  switch (connection->EndItem()) {
+  GoOn(connection, connection->EndItem());
+}
+
+void ZrTransceiverServerL1HTTP::GoOn(const ConnectionPointer& connection,
+                                     ZrTransceiverConnection::AfterItem next) {
+  switch (next) {
     case ZrTransceiverConnection::AfterItem::kNothing:
       return;
     case ZrTransceiverConnection::AfterItem::kWake:
@@ -295,6 +300,20 @@ void ZrTransceiverServerL1HTTP::DropMessage(const std::string& connectionName) {
   if (found == exchanges_.end()) return;
   dropped = std::move(found->second.head);
   found->second.atWork = found->second.bodyUnderWay = false;
+}
+
+void ZrTransceiverServerL1HTTP::LetGo(const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connectionName);
+  if (found == exchanges_.end()) return;
+  found->second.head = nullptr;  // the caller has it
+  found->second.bodyUnderWay = false;
+}
+
+void ZrTransceiverServerL1HTTP::EndWorkOn(const std::string& connectionName) {
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connectionName);
+  if (found != exchanges_.end() && !found->second.head) found->second.atWork = false;
 }
 
 // More of the message is to come.

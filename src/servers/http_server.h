@@ -93,6 +93,11 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   bool IsAtWork(const std::string& connectionName);
   void Rest(const std::string& connectionName, bool bodyUnderWay);
   void DropMessage(const std::string& connectionName);
+  /// Takes a complete message off, which is handed out then. Its answer ends the turn, and the next
+  /// message may be read by another thread before the handler has returned.
+  void LetGo(const std::string& connectionName);
+  /// The handler has returned; there may be a new message by now, on which others work.
+  void EndWorkOn(const std::string& connectionName);
   void ForgetConnection(const std::string& connectionName, const HandlerPointer& client);
   /// Reads what has arrived in the connection's turn; the message when that is complete.
   std::shared_ptr<ZrXHeader> Assemble(ZrTransceiver& transceiver,
@@ -111,6 +116,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   bool HandOut(ZrTransceiver& transceiver, const ConnectionPointer& connection,
                const HandlerPointer& client, const std::shared_ptr<ZrXHeader>& head);
   void EndTurn(const ConnectionPointer& connection);
+  void GoOn(const ConnectionPointer& connection, ZrTransceiverConnection::AfterItem next);
   /// Whatever fails, the caller goes on to end the turn.
   void Write(ZrTransceiver& transceiver, ZrTransceiverConnection& connection,
              ZrXHeader& head) noexcept;

@@ -192,9 +192,20 @@ bool ZrTransceiverConnection::BeginItem() { return turn_.Begin(); }
 ZrTransceiverConnection::AfterItem ZrTransceiverConnection::EndItem() {
   bool resume = false;
   const AfterItem next = turn_.End(resume);
+  AfterEnd(next, resume);
+  return next;
+}
+
+ZrTransceiverConnection::AfterItem ZrTransceiverConnection::EndItemAndClose(std::uint32_t item) {
+  bool resume = false;
+  const AfterItem next = turn_.EndAndClose(item, resume);
+  AfterEnd(next, resume);
+  return next;
+}
+
+void ZrTransceiverConnection::AfterEnd(AfterItem next, bool resume) {
   if (resume) owner_.ResumeReading(*this);
   if (next == AfterItem::kNothing) owner_.NoteProgress();
-  return next;
 }
 
 void ZrTransceiverConnection::CloseAfterItem() { turn_.CloseAfterItem(); }

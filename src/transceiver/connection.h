@@ -143,6 +143,13 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// the server is told again when that has changed.
   bool BeginItem();
   AfterItem EndItem();
+  /// The item in progress, for the thread that has begun it: an answer, which any thread may give,
+  /// ends it, and then the next one may begin elsewhere at once.
+  std::uint32_t Item() const { return turn_.Item(); }
+  bool IsInItem() const { return turn_.InItem(); }
+  /// Ends that item unless its answer has done so, and has the connection close behind it, or
+  /// behind the next one when that has begun meanwhile.
+  AfterItem EndItemAndClose(std::uint32_t item);
   /// The connection is to be closed when the item in progress has ended.
   void CloseAfterItem();
   /// A message's head has begun and is not complete / is complete. One that comes too late is
@@ -212,6 +219,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
  private:
   bool AwaitsAnswer();
+  void AfterEnd(AfterItem next, bool resume);
 
   // Constant after construction.
   ZrTransceiver& owner_;

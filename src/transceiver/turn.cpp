@@ -129,11 +129,25 @@ bool ZrTurn::HasBytes() const {
 bool ZrTurn::Begin() {
   ZrLock hold(lock_);
   const bool full = role_ == Role::kServes && OutputFull();
-  return Apply(full ? Event::kBeginFull : Event::kBegin) == Effect::kGrant;
+  if (Apply(full ? Event::kBeginFull : Event::kBegin) != Effect::kGrant) return false;
+  item_.store(Item() + 1, std::memory_order_relaxed);
+  return true;
 }
 
 ZrTurn::After ZrTurn::End(bool& resume) {
   ZrLock hold(lock_);
+  return EndLocked(resume);
+}
+
+ZrTurn::After ZrTurn::EndAndClose(std::uint32_t item, bool& resume) {
+  resume = false;
+  ZrLock hold(lock_);
+  Apply(Event::kCloseAfter);
+  if (InItem() && item != Item()) return After::kNothing;
+  return EndLocked(resume);
+}
+
+ZrTurn::After ZrTurn::EndLocked(bool& resume) {
   const Effect effect = Apply(OutputFull() ? Event::kEndFull : Event::kEnd);
   resume = Resume();
   switch (effect) {

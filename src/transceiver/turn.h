@@ -119,8 +119,13 @@ class ZrTurn {
   void Forget() ZR_EXCLUDES(lock_);
 
   bool Begin() ZR_EXCLUDES(lock_);
+  /// The item that was begun last; while it is in progress nobody begins another one.
+  std::uint32_t Item() const noexcept { return item_.load(std::memory_order_relaxed); }
   /// `resume` tells whether reading had paused and goes on.
   After End(bool& resume) ZR_EXCLUDES(lock_);
+  /// The item ends unless it has already, and the connection closes behind it, or behind the next
+  /// one when that has begun meanwhile.
+  After EndAndClose(std::uint32_t item, bool& resume) ZR_EXCLUDES(lock_);
   void CloseAfterItem() ZR_EXCLUDES(lock_);
   /// Output went. Yes: the server waited for that and is to be told.
   bool OutputWent() ZR_EXCLUDES(lock_);
@@ -141,13 +146,15 @@ class ZrTurn {
 
  private:
   Effect Apply(Event event) ZR_REQUIRES(lock_);
+  After EndLocked(bool& resume) ZR_REQUIRES(lock_);
   bool OutputFull() const { return output_.Bytes() > kOutputMark; }
   bool Resume() ZR_REQUIRES(lock_);
   void Count() ZR_REQUIRES(lock_) { share_.SetPages(bytes_.Size()); }
 
   const ZrSendQueue& output_;
   mutable ZrMutex lock_;
-  std::atomic<State> state_{State::kIdle};  // changed under the lock only
+  std::atomic<State> state_{State::kIdle};  // changed under the lock only, like the next
+  std::atomic<std::uint32_t> item_{0};
   Role role_ ZR_GUARDED_BY(lock_) = Role::kServes;
   Input input_ ZR_GUARDED_BY(lock_) = Input::kReading;
   ZrStringBuf bytes_ ZR_GUARDED_BY(lock_);

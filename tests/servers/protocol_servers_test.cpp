@@ -81,6 +81,52 @@ TEST(Http, FailuresOfCallbacksAndHandlersLeaveNoTurnOpen) {
   bed.transceiver.StopServers();
 }
 
+// The next message of the connection is read on another thread while the handler goes on; nearly
+// always, so that nobody waits for it for ever.
+TEST(Http, AnAnswerEndsTheTurnWhateverItsHandlerStillDoes) {
+  const zrtest::ManualClock clock;  // no pass takes long
+  ServerBed bed(clock);
+  std::counting_semaphore<> served(0);
+  bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) -> int {
+    self.Answer(*m, m->path);
+    if (m->path == "/quick") served.release();
+    if (m->path == "/slow") static_cast<void>(served.try_acquire_for(100ms));
+    if (m->path == "/thrown") throw 7;
+    return 1;
+  };
+  RawClient client(bed.Open(zr::kProtocolHttp));
+  for (int i = 0; i < 10; ++i) {
+    for (const char* path : {"/slow", "/quick", "/quick"}) {
+      client.Send(std::string("GET ") + path + " HTTP/1.1\r\n\r\n");
+      ASSERT_EQ(client.ReadUntil(path), Answer(path)) << i;
+    }
+  }
+  client.Send("GET /thrown HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(client.ReadToEnd(), Answer("/thrown"));
+}
+
+// Some of them by the receive job, and when it has done enough for one connection, by the task.
+TEST(Http, RequestsSentAtOnceAreAnsweredOnceAndInOrder) {
+  ServerBed bed;
+  bed.onMessage = [](ServerBed& self, const ServerBed::Message& m) {
+    self.Answer(*m, m->query);
+    return 1;
+  };
+  const int port = bed.Open(zr::kProtocolHttp);
+  for (int round = 0; round < 30; ++round) {
+    RawClient client(port);
+    std::string requests;
+    std::string expected;
+    for (int i = 0; i < 40; ++i) {
+      requests += "GET /quick?" + std::to_string(i) + " HTTP/1.1\r\n\r\n";
+      expected += Answer(std::to_string(i));
+    }
+    client.Send(requests);
+    client.FinishSending();
+    ASSERT_EQ(client.ReadToEnd(), expected);
+  }
+}
+
 TEST(Http, WithoutAThreadAServerIsRefused) {
   ServerBed bed;
   bed.scheduler.Stop();

@@ -30,6 +30,7 @@ class BedHandler : public ZrJob, public ZrMessageHandler {
   bool AttachTransceiver(ZrTransceiver&) override { return true; }
   void DetachTransceiver(ZrTransceiver&) override {}
   int HandleMessage(const std::string&, Message message) override { return handle_(message); }
+  bool CannotWait(const ZrXHeader& message) override { return message.path == "/quick"; }
   bool OnHeadComplete(ZrXHeader& head) override {
     head.bodyUnwanted = head.path == "/unwanted";
     return true;

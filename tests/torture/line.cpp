@@ -21,6 +21,9 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+// A buffer as large as all that is still to come would be cleared for each piece of it.
+constexpr std::size_t kPiece = 64 * 1024;
+
 bool WaitOn(int socket, short events, milliseconds limit) {
   pollfd entry{socket, events, 0};
   return poll(&entry, 1, static_cast<int>(limit.count())) == 1;
@@ -140,11 +143,11 @@ bool Line::Fill(milliseconds limit) {
 }
 
 std::string Line::Read(std::size_t most, milliseconds limit) {
-  std::string text(most, '\0');
+  std::string text(std::min(most, kPiece), '\0');
   if (!tls_) {
     ssize_t count = -1;
     if (WaitOn(socket_.Get(), POLLIN, limit)) {
-      count = recv(socket_.Get(), text.data(), most, MSG_DONTWAIT);
+      count = recv(socket_.Get(), text.data(), text.size(), MSG_DONTWAIT);
       ended_ = count == 0 || (count < 0 && errno != EAGAIN);
     }
     text.resize(static_cast<std::size_t>(std::max<ssize_t>(0, count)));
@@ -152,7 +155,7 @@ std::string Line::Read(std::size_t most, milliseconds limit) {
   }
   const auto deadline = steady_clock::now() + limit;
   do {
-    const int count = SSL_read(tls_.get(), text.data(), static_cast<int>(most));
+    const int count = SSL_read(tls_.get(), text.data(), static_cast<int>(text.size()));
     const int error = SSL_get_error(tls_.get(), count);
     if (const std::string out = TakeOutput(); !out.empty()) SendRaw(out);
     if (count > 0) {
