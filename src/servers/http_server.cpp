@@ -205,12 +205,13 @@ bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,
   if (head->surplus) connection->PutBack(*head->surplus);
   // Asked for before the answer can be on its way, which ends the turn.
   if (head->closeRequested || head->endUncertain) connection->CloseAfterItem();
+  // Before the handler has it: another thread may answer, and the next message begin, before this
+  // one returns from there.
+  DropMessage(connection->JobName());
   if (client->HandleMessage(HeadName(), head) == 0) {
-    DropMessage(connection->JobName());
     connection->CloseAfterItem();
     return false;
   }
-  DropMessage(connection->JobName());
   if (!head->answered) return true;
   connection->Reset();
   if (head->route.size() > 1) transceiver.ReleaseServerTask(head->route[1]);
