@@ -6,7 +6,7 @@ build_packages=(cmake g++ libcli11-dev libssl-dev ninja-build)
 test_packages=(adminer binutils curl iso-codes libgtest-dev libxml2-utils nginx-light openssl php-cgi pkg-config procps
                shared-mime-info xkb-data)
 browser_packages=(chromium chromium-driver openssl python3-selenium)
-check_packages=(clang clang-format git)
+check_packages=(clang clang-format clang-tidy git)
 bench_packages=(iso-codes libbenchmark-dev libpugixml-dev libtinyxml2-dev libxml2-dev shared-mime-info xkb-data)
 count_packages=(gcc python3 strace valgrind)
 peer_packages=(civetweb gcc h2o libcpp-httplib-dev libmicrohttpd-dev lighttpd lighttpd-mod-openssl nginx-light

@@ -45,7 +45,7 @@ ZrServerDefinition DefinitionOf(const std::vector<std::string>& arguments) {
   server.protocolKind = zr::kProtocolHttp;
   if (!arguments.empty()) {
     const auto port = zr::ParseDigits(arguments[0]);
-    if (!port || *port > 65535) throw ZrException("no port: " + arguments[0], 0, "forms");
+    if (!port || *port > 65535) throw ZrException("no port: " + arguments[0]);
     server.port = static_cast<std::int32_t>(*port);
   }
   if (arguments.size() == 3) {

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-ZrException::ZrException(std::string message, int /*line*/, const char* /*source*/)
+ZrException::ZrException(std::string message, int /*number*/, const char* /*tag*/)
     : message_(std::move(message)) {}
 
-ZrException_SSL::ZrException_SSL(const std::string& message, int line, const char* source)
-    : ZrException("(SSL) " + message, line, source) {}
+ZrException_SSL::ZrException_SSL(const std::string& message, int number, const char* tag)
+    : ZrException("(SSL) " + message, number, tag) {}

@@ -5,11 +5,11 @@
 #include <exception>
 #include <string>
 
-/// A failure with a message for the user. The line number and the source tag say where it was
-/// raised; they are no part of any text.
+/// A failure with a message for the user. The number and the tag are the fixed ones by which the
+/// failures of old interfaces are listed; nothing shows them, and a new failure has none.
 class ZrException : public std::exception {
  public:
-  ZrException(std::string message, int line, const char* source);
+  explicit ZrException(std::string message, int number = 0, const char* tag = "n.a.");
   /// The message, unchanged. The text lives as long as the exception.
   const char* what() const noexcept override { return message_.c_str(); }
 
@@ -20,5 +20,5 @@ class ZrException : public std::exception {
 /// A failure of the TLS set-up: what() is "(SSL) " followed by the message.
 class ZrException_SSL : public ZrException {
  public:
-  ZrException_SSL(const std::string& message, int line, const char* source);
+  explicit ZrException_SSL(const std::string& message, int number = 0, const char* tag = "n.a.");
 };

@@ -141,7 +141,7 @@ class Serving {
     if (record.kind == ZrServerCallback_t::kListening) {
       std::string line = "velkoro: serving ";
       AppendPrintable(line, directory_);
-      line += " on " + url + "/";
+      line.append(" on ").append(url).append("/");
       if (protocol == "https") {
         line += " (certificate ";
         AppendPrintable(line, pair_.certificate);

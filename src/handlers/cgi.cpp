@@ -41,12 +41,17 @@ std::string_view MethodName(ZrMethod method) {
   return "GET";
 }
 
-void AddStandardVariables(const ZrXHeader& request, std::string root, const std::string& path,
-                          const std::string& script, ZrCgiVariables& variables) {
+struct Script {
+  const std::string& path;  // as it was asked for
+  const std::string& file;
+};
+
+void AddStandardVariables(const ZrXHeader& request, std::string root, const Script& script,
+                          ZrCgiVariables& variables) {
   while (root.size() > 1 && root.ends_with('/')) root.pop_back();
   const auto words = request.headers[zr::kFirstLine];
   const auto& peer = request.PeerRecord().info;
-  const std::string name = "/" + path;
+  const std::string name = "/" + script.path;
   const std::string serverAddress = peer.Get("localaddress");
   const std::string serverPort = peer.Get("localport");
   const std::string remoteAddress = peer.Get("remoteaddress");
@@ -58,7 +63,7 @@ void AddStandardVariables(const ZrXHeader& request, std::string root, const std:
                            .scriptName = name,
                            .extraPath = {},
                            .documentRoot = root,
-                           .scriptFile = script,
+                           .scriptFile = script.file,
                            .secure = request.ProtocolKind() == zr::kProtocolHttps,
                            .serverAddress = serverAddress,
                            .serverPort = serverPort,
@@ -83,7 +88,7 @@ bool ZrCgi::RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHead
   ZrCgiVariables variables = {{"REDIRECT_STATUS", "CGI"}, {"SCRIPT_FILENAME", script}};
   if (request->semantics->IsStandard()) {
     variables.erase("SCRIPT_FILENAME");
-    AddStandardVariables(*request, zr::AbsolutePath(zr::SystemDirectory(directory)), path, script,
+    AddStandardVariables(*request, zr::AbsolutePath(zr::SystemDirectory(directory)), {path, script},
                          variables);
   } else if (!zr::BuildCgiVariables(*request, variables)) {
     return false;
@@ -117,7 +122,7 @@ void ZrCgi::Answer(ZrTransceiverClient& client, ZrXHeader& request, const std::s
       client.SendAnswer(request, answer);
       return;
     }
-  } catch (const std::exception&) {
+  } catch (...) {
     // Out of memory or descriptors; the connection still waits for its answer.
   }
   client.SendAnswer(request, request.MakeResponse());

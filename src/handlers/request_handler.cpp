@@ -162,7 +162,7 @@ std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message,
   Remember(expected, Owned::kMessage);
   const std::string task = CreateJoinedTask("send_" + expected);
   message->Attach(task);
-  const std::string name = transceiver.Get()->Send(*this, std::move(message), callback, task, flag);
+  std::string name = transceiver.Get()->Send(*this, std::move(message), callback, task, flag);
   if (name != expected) {
     // By an event, behind the one that tells a better reason where there is one.
     ZrJobEvent event;
@@ -182,7 +182,7 @@ void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
   answer->SetState(zr::kHeadStateComplete);
   const TransceiverUse transceiver(*this);
   if (transceiver.Get() != nullptr)
-    transceiver.Get()->Send(*this, answer, callback, request.target, true);
+    transceiver.Get()->Send(*this, answer, callback, request.target);
 }
 
 std::shared_ptr<ZrMemoryBudget> ZrTransceiverClient::Memory() {

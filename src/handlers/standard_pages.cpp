@@ -62,13 +62,19 @@ void AddCell(ZrXMLComplexElement& row, std::string_view text) {
   row.Adopt(std::make_unique<Cell>())->Adopt(std::make_unique<ZrHTML_text2>(text));
 }
 
-/// The link begins with "./": a name with a colon would be taken for a scheme.
-void AddRow(ZrXMLComplexElement& table, const std::string& link, const std::string& shown,
-            const std::string& size, const std::string& time) {
+struct Row {
+  std::string link;  // begins with "./": a name with a colon would be taken for a scheme
+  std::string shown;
+  std::string size;
+  std::string time;
+};
+
+void AddRow(ZrXMLComplexElement& table, const Row& entry) {
   ZrXMLComplexElement& row = *table.Adopt(std::make_unique<ZrHTML_tr2>());
-  row.Adopt(std::make_unique<ZrHTML_td2>())->Adopt(std::make_unique<ZrHTML_a2>(link, shown));
-  AddCell<ZrHTML_td2>(row, size);
-  AddCell<ZrHTML_td2>(row, time);
+  row.Adopt(std::make_unique<ZrHTML_td2>())
+      ->Adopt(std::make_unique<ZrHTML_a2>(entry.link, entry.shown));
+  AddCell<ZrHTML_td2>(row, entry.size);
+  AddCell<ZrHTML_td2>(row, entry.time);
 }
 
 void AddFrame(ZrHTML_Document2& page, const std::string& title) {
@@ -187,11 +193,13 @@ std::string zr::DirectoryListing(std::string_view path, std::vector<ListingEntry
   ZrXMLComplexElement& table = page.AddToBody(std::make_unique<ZrHTML_table2>());
   ZrXMLComplexElement& head = *table.Adopt(std::make_unique<ZrHTML_tr2>());
   for (const char* name : {"Name", "Size", "Changed (UTC)"}) AddCell<ZrHTML_th2>(head, name);
-  if (path != "/") AddRow(table, "../", "..", "", "");
+  if (path != "/") AddRow(table, {"../", "..", "", ""});
   for (const ListingEntry& entry : entries) {
     const char* const end = entry.directory ? "/" : "";
-    AddRow(table, "./" + EscapedPathPiece(entry.name) + end, EscapedMarkup(entry.name) + end,
-           entry.directory ? "" : SizeText(entry.size), TimeText(entry.modified));
+    AddRow(table, {.link = "./" + EscapedPathPiece(entry.name) + end,
+                   .shown = EscapedMarkup(entry.name) + end,
+                   .size = entry.directory ? "" : SizeText(entry.size),
+                   .time = TimeText(entry.modified)});
   }
   if (more > 0) {
     page.AddToBody(std::make_unique<ZrHTML_p2>())

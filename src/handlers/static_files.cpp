@@ -1,6 +1,5 @@
 #include "handlers/static_files.h"
 
-#include <exception>
 #include <memory>
 #include <string>
 #include <utility>
@@ -33,18 +32,20 @@ bool IsServed(const ZrXHeader& request, std::string_view path) {
   return zr::IsServedPath(known ? path.substr(kWellKnown.size()) : path);
 }
 
-/// What a stored page raises while it is made or sent ends in the 404 answer.
+/// What a stored page raises while it is made ends in the 404 answer. What is raised while it is
+/// sent does not: a part of it may be on its way.
 bool SendStoredPage(ZrTransceiverClient& client, const ZrXHeader& request,
                     const std::string& name) {
   if (RefuseMethod(client, request)) return true;
+  std::shared_ptr<ZrXResponseHeader> answer;
   try {
-    const auto answer = request.MakeResponse();
+    answer = request.MakeResponse();
     client.application->fillFromStorage(name, *answer);
-    client.SendAnswer(request, answer);
-    return true;
-  } catch (const std::exception&) {
+  } catch (...) {
     return false;
   }
+  client.SendAnswer(request, answer);
+  return true;
 }
 
 }  // namespace

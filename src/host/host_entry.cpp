@@ -52,8 +52,7 @@ void* StartHTTPServer(const char* address, int port, const char* startPath, cons
     throw ZrException("options are missing", 27, "src");
   if (caCertificate == nullptr || privateKey == nullptr)
     throw ZrException("keys are missing", 31, "src");
-  if (zr::IsForkOfThreads())
-    throw ZrException("a server was started before the fork", __LINE__, "src");
+  if (zr::IsForkOfThreads()) throw ZrException("a server was started before the fork");
   // A start that fails below leaves nothing behind: the handle owns all of it.
   auto handle = std::make_unique<ZrServerHandle>();
   handle->storage.SetApplication(kApplicationName);

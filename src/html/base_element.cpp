@@ -40,7 +40,7 @@ ZrXMLGenericElement::Members ZrHTML_BaseElement2::ApartMembers() const {
 void ZrHTML_BaseElement2::EnterMember(ZrNameView name, ZrXMLComplexAttribute2& member) {
   auto proxy = std::make_unique<ZrXMLComplexAttributeProxy2>(&member);
   AddAttribute(name, proxy.get());
-  proxy.release();
+  static_cast<void>(proxy.release());
 }
 
 std::string ZrHTML_BaseElement2::ToText() const {

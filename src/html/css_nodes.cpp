@@ -14,15 +14,20 @@ bool Is(const ZrXMLComplexElement& node) {
   return dynamic_cast<const Node*>(&node) != nullptr;
 }
 
+struct Marks {
+  std::string_view selector;
+  std::string_view open;
+  std::string_view close;
+};
+
 // A node of a style sheet: what opens it, its children, what closes it.
-void WriteBlock(const ZrXMLComplexElement& node, std::ostream& stream, std::string_view selector,
-                std::string_view open, std::string_view close) {
+void WriteBlock(const ZrXMLComplexElement& node, std::ostream& stream, const Marks& marks) {
   node.WritePrologue(stream);
   zr::TagWriter opening(stream);
-  opening << selector << open;
+  opening << marks.selector << marks.open;
   opening.Flush();
   for (const ZrXMLComplexElement* child : node.Children()) child->Write(stream);
-  zr::Put(stream, close);
+  zr::Put(stream, marks.close);
 }
 
 }  // namespace
@@ -36,7 +41,7 @@ void ZrCSSHTMLComment::ChildAdded(ZrXMLComplexElement* child) {
 }
 
 void ZrCSSHTMLComment::Write(std::ostream& stream) const {
-  WriteBlock(*this, stream, "", "<!--", "-->");
+  WriteBlock(*this, stream, {"", "<!--", "-->"});
 }
 
 void ZrCSSMediaQuery::ChildAdded(ZrXMLComplexElement* child) {
@@ -45,7 +50,7 @@ void ZrCSSMediaQuery::ChildAdded(ZrXMLComplexElement* child) {
 }
 
 void ZrCSSMediaQuery::Write(std::ostream& stream) const {
-  WriteBlock(*this, stream, selector_, "{", "}");
+  WriteBlock(*this, stream, {selector_, "{", "}"});
 }
 
 void ZrCSSRule::ChildAdded(ZrXMLComplexElement* child) {
@@ -54,7 +59,7 @@ void ZrCSSRule::ChildAdded(ZrXMLComplexElement* child) {
 }
 
 void ZrCSSRule::Write(std::ostream& stream) const {
-  WriteBlock(*this, stream, selector_, "{", "}");
+  WriteBlock(*this, stream, {selector_, "{", "}"});
 }
 
 std::string ZrCSSRule::Value(ZrNameView newValue) {

@@ -36,7 +36,8 @@ Node& AdoptFront(ZrXMLComplexElement& parent, std::unique_ptr<Node> child) {
   try {
     parent.AddChildFront(node);
   } catch (...) {
-    if (node->Parent() == &parent) child.release();  // refused after it was inserted
+    if (node->Parent() == &parent)
+      static_cast<void>(child.release());  // refused after it was inserted
     throw;
   }
   return *child.release();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "base/number.h"
 #include "http/field_list.h"
@@ -65,11 +66,12 @@ ZrAnswerReader::Result ZrAnswerReader::Read(ZrXHeader& head, ZrStringBuf& input,
 ZrAnswerReader::Result ZrAnswerReader::ReadHead(
     ZrXHeader& head, ZrStringBuf& input, const std::function<bool(ZrXHeader&)>& onHeadComplete) {
   if (!head.body) head.body = std::make_unique<ZrStringBuf>();
-  if (head.body->Empty())
-    *head.body = std::move(input);
-  else
+  if (head.body->Empty()) {
+    *head.body = std::exchange(input, ZrStringBuf());
+  } else {
     head.body->Append(input.Unread());
-  input.Clear();
+    input.Clear();
+  }
   // The end of the body is found here, not there: only what concerns the head is of interest.
   const ZrReadResult read = head.ReadHead([](ZrXHeader&) { return true; });
   if (head.InHead()) {
@@ -189,8 +191,7 @@ ZrAnswerReader::Result ZrAnswerReader::ReadChunks(ZrXHeader& head, ZrStringBuf& 
 std::uint64_t ZrAnswerReader::MoveBytes(ZrXHeader& head, ZrStringBuf& input, std::uint64_t most) {
   const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(most, input.Size()));
   if (head.body->Empty() && count == input.Size()) {
-    *head.body = std::move(input);
-    input.Clear();
+    *head.body = std::exchange(input, ZrStringBuf());
   } else {
     head.body->Append(input.Unread().substr(0, count));
     input.Consume(count);

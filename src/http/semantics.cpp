@@ -20,5 +20,5 @@ const ZrSemantics& ZrSemantics::Standard() { return kStandard; }
 const ZrSemantics& ZrSemantics::Named(std::string_view name) {
   if (name.empty() || name == "minimal") return Minimal();
   if (name == "standard") return Standard();
-  throw ZrException("unknown semantics: " + std::string(name), __LINE__, "src");
+  throw ZrException("unknown semantics: " + std::string(name));
 }

@@ -3,7 +3,7 @@
 #include "base/exception.h"
 #include "markup/write.h"
 
-constinit const ZrXMLComplexElement::NoBody ZrXMLComplexElement::kNoBody;
+constinit const ZrElementBody::NeverDestroyed ZrElementBody::kNone;
 
 ZrXMLComplexElement::~ZrXMLComplexElement() {
   // Deleted by someone else than its parent, which forgets it.
@@ -51,14 +51,6 @@ bool ZrXMLComplexElement::EndStartTag(zr::TagWriter& tag) const {
   return goesOn;
 }
 
-ZrXMLComplexElement::WriteCall::WriteCall() {
-  if (depth == kMaxWriteDepth)
-    throw ZrException("elements nested too deeply to be written", 643, "src");
-  ++depth;
-}
-
-constinit thread_local unsigned ZrXMLComplexElement::WriteCall::depth = 0;
-
 bool ZrXMLComplexElement::WriteStart(std::ostream& stream) const {
   WritePrologue(stream);
   zr::TagWriter tag(stream);
@@ -73,7 +65,7 @@ void ZrXMLComplexElement::WriteEnd(std::ostream& stream, bool lineBreak) const {
 }
 
 void ZrXMLComplexElement::Write(std::ostream& stream) const {
-  const WriteCall call;
+  const zr::WriteCall call(kMaxWriteDepth);
   if (!WriteStart(stream)) return;
   for (const ZrXMLComplexElement* child : Children()) child->Write(stream);
   WriteEnd(stream, false);

@@ -26,9 +26,8 @@
 #include <string_view>
 #include <vector>
 
-#include "markup/attribute_map.h"
 #include "markup/child_list.h"
-#include "markup/element_extras.h"
+#include "markup/element_body.h"
 #include "markup/element_observer.h"
 #include "markup/name.h"
 #include "markup/node_memory.h"
@@ -61,7 +60,6 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   ZrXMLComplexElement& operator=(const ZrXMLComplexElement&) = delete;
 
   // The virtual operations, in slot order.
-
   /// Hook that Write() calls first; writes nothing.
   virtual void WritePrologue(std::ostream& stream) const;
   /// Hook called after a child was inserted. May throw to refuse it: the child stays in the tree.
@@ -122,7 +120,6 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   virtual void Completed();
 
   // The other operations.
-
   /// Appends a node that a smart pointer owns. When AddChild() throws before it inserted, the child
   /// is destroyed with the argument; nothing leaks and nothing is freed twice. Returns the child.
   template <class Node>
@@ -157,7 +154,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   inline const ZrXMLGenericElement* AsGeneric() const;
   /// The children, without one that is just being destroyed.
   const ZrChildList& Children() const {
-    return body_ != nullptr ? body_->children : kNoBody.body.children;
+    return body_ != nullptr ? body_->children : ZrElementBody::None().children;
   }
   /// Set, with its text, when an attribute could not be assigned from text.
   bool ErrorFlag() const { return (flags_ & kError) != 0; }
@@ -171,21 +168,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
  protected:
   void SetName(ZrNameView name) { name_ = ZrName(name); }
   void SetOwnLine(bool ownLine) { SetFlag(kOwnLine, ownLine); }
-  void SetParent(ZrXMLComplexElement* node, ZrXMLComplexElement* parent) {
-    node->link_.parent = parent;
-  }
   void SetError(const char* text);
-  /// Counts the calls of Write() that stand in each other. Throws as Write() does.
-  class WriteCall {
-   public:
-    WriteCall();
-    WriteCall(const WriteCall&) = delete;
-    WriteCall& operator=(const WriteCall&) = delete;
-    ~WriteCall() { --depth; }
-
-   private:
-    static thread_local constinit unsigned depth;
-  };
   /// Writes what stands behind the last child.
   void WriteEnd(std::ostream& stream, bool lineBreak) const;
   /// Writes the end of the start tag. False when that is all of the element: it has no end tag.
@@ -217,23 +200,6 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   friend class ZrChildList;
   friend class ZrChildList::Iterator;
 
-  // What the leaves of a document, most of its nodes, do not have.
-  struct Body : ZrInNodeMemory {
-    ZrChildList children;
-    ZrElementExtras extras;
-    ZrAttributeMap attributes;
-  };
-  // Stands in for the body where there is none; never destroyed.
-  union NoBody {
-    constexpr NoBody() : body() {}
-    ~NoBody() {}
-    struct {
-      ZrChildList children;
-      ZrElementExtras extras;
-    } body;
-  };
-  static const NoBody kNoBody;
-
   enum : unsigned {
     kClosed = 1,
     kSelfCloses = 2,
@@ -245,10 +211,10 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     kTold = 128,  // SetOnlyChild() called ChildRemoved()
   };
   const ZrElementExtras& Extras() const {
-    return body_ != nullptr ? body_->extras : kNoBody.body.extras;
+    return body_ != nullptr ? body_->extras : ZrElementBody::None().extras;
   }
-  Body& MakeBody() {
-    if (body_ == nullptr) body_ = new Body;
+  ZrElementBody& MakeBody() {
+    if (body_ == nullptr) body_ = new ZrElementBody;
     return *body_;
   }
   // Whether the child is still there after a hook that was called at the stamp.
@@ -266,7 +232,6 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   }
   bool WriteStart(std::ostream& stream) const;
   [[gnu::cold]] void RequireFreeSlow(const ZrXMLComplexElement& node) const;
-  bool IsGeneric() const { return (flags_ & kGeneric) != 0; }
   void SetFlag(unsigned flag, bool on) { flags_ = on ? flags_ | flag : flags_ & ~flag; }
   ZrXMLComplexElement* ContentChild(bool skipText, int index);
 
@@ -277,35 +242,8 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   } link_{nullptr};
   ZrXMLComplexElement* next_ = nullptr;  // among the parent's children
   ZrXMLComplexElement* previous_ = nullptr;
-  Body* body_ = nullptr;
+  ZrElementBody* body_ = nullptr;
   unsigned flags_;
 };
 
-inline ZrChildList::Iterator& ZrChildList::Iterator::operator++() {
-  node_ = node_->next_;
-  return *this;
-}
-inline ZrChildList::Iterator& ZrChildList::Iterator::operator--() {
-  node_ = node_ != nullptr ? node_->previous_ : list_->last_;
-  return *this;
-}
-inline void ZrChildList::Insert(ZrXMLComplexElement* before, ZrXMLComplexElement* child) {
-  ZrXMLComplexElement* const previous = before != nullptr ? before->previous_ : last_;
-  child->previous_ = previous;
-  child->next_ = before;
-  (previous != nullptr ? previous->next_ : first_) = child;
-  (before != nullptr ? before->previous_ : last_) = child;
-  ++size_;
-  stamp_ += kChange;
-}
-inline void ZrChildList::Erase(ZrXMLComplexElement* child) {
-  (child->previous_ != nullptr ? child->previous_->next_ : first_) = child->next_;
-  (child->next_ != nullptr ? child->next_->previous_ : last_) = child->previous_;
-  child->next_ = child->previous_ = nullptr;
-  --size_;
-  stamp_ += kChange;
-}
-inline void ZrChildList::Exchange(ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild) {
-  Insert(oldChild, newChild);
-  Erase(oldChild);
-}
+#include "markup/child_list_steps.h"

@@ -187,7 +187,7 @@ bool ZrXMLGenericElement::WriteStart(std::ostream& stream) const {
 // Goes down into plain elements by itself, so that a document of any depth takes no stack; a class
 // of its own may write itself in its own way and is called.
 void ZrXMLGenericElement::Write(std::ostream& stream) const {
-  const WriteCall call;
+  const zr::WriteCall call(kMaxWriteDepth);
   if (!WriteStart(stream)) return;
   const ZrXMLGenericElement* open = this;
   const ZrXMLComplexElement* child = Children().front();

@@ -172,8 +172,8 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
 };
 
 inline ZrXMLGenericElement* ZrXMLComplexElement::AsGeneric() {
-  return IsGeneric() ? static_cast<ZrXMLGenericElement*>(this) : nullptr;
+  return (flags_ & kGeneric) != 0 ? static_cast<ZrXMLGenericElement*>(this) : nullptr;
 }
 inline const ZrXMLGenericElement* ZrXMLComplexElement::AsGeneric() const {
-  return IsGeneric() ? static_cast<const ZrXMLGenericElement*>(this) : nullptr;
+  return (flags_ & kGeneric) != 0 ? static_cast<const ZrXMLGenericElement*>(this) : nullptr;
 }

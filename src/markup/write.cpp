@@ -2,6 +2,8 @@
 
 #include <streambuf>
 
+#include "base/exception.h"
+
 namespace zr {
 
 void Put(std::ostream& stream, std::string_view text) {
@@ -15,6 +17,13 @@ void Put(std::ostream& stream, std::string_view text) {
     // A buffer that throws counts as one that takes nothing, as for every output of a stream.
   }
   if (!taken) stream.setstate(std::ios_base::badbit);
+}
+
+constinit thread_local unsigned WriteCall::depth = 0;
+
+WriteCall::WriteCall(unsigned limit) {
+  if (depth == limit) throw ZrException("elements nested too deeply to be written", 643, "src");
+  ++depth;
 }
 
 }  // namespace zr

@@ -39,4 +39,17 @@ class TagWriter {
   char buffer_[256];
 };
 
+/// Counts the calls of Write() of this thread that stand in each other.
+class WriteCall {
+ public:
+  /// Throws ZrException "elements nested too deeply to be written" for one more than the limit.
+  explicit WriteCall(unsigned limit);
+  WriteCall(const WriteCall&) = delete;
+  WriteCall& operator=(const WriteCall&) = delete;
+  ~WriteCall() { --depth; }
+
+ private:
+  static thread_local constinit unsigned depth;
+};
+
 }  // namespace zr

@@ -39,7 +39,7 @@ constexpr const char* kCertificateName = "/certificate.pem";
 constexpr const char* kKeyName = "/private-key.pem";
 
 void Require(bool made, const char* what) {
-  if (!made) throw ZrException(std::string("OpenSSL could not make ") + what, __LINE__, "src");
+  if (!made) throw ZrException(std::string("OpenSSL could not make ") + what);
 }
 
 void AddExtension(X509* certificate, int id, const char* value) {
@@ -126,7 +126,7 @@ class FreshFolder {
 }  // namespace
 
 CertificateFiles EnsureSelfSignedCertificate(const std::string& folder) {
-  const CertificateFiles files{folder + kCertificateName, folder + kKeyName};
+  CertificateFiles files{folder + kCertificateName, folder + kKeyName};
   if (IsThere(files)) return files;
   try {
     if (const std::filesystem::path home(folder); home.has_parent_path())
@@ -139,12 +139,10 @@ CertificateFiles EnsureSelfSignedCertificate(const std::string& folder) {
     if (lost && !IsThere(files)) {
       if (lost != std::errc::directory_not_empty && lost != std::errc::file_exists)
         throw std::system_error(lost);
-      throw ZrException("the pair of files in it is incomplete; remove that folder", __LINE__,
-                        "src");
+      throw ZrException("the pair of files in it is incomplete; remove that folder");
     }
   } catch (const std::exception& failure) {
-    throw ZrException("cannot make a certificate in " + folder + ": " + failure.what(), __LINE__,
-                      "src");
+    throw ZrException("cannot make a certificate in " + folder + ": " + failure.what());
   }
   return files;
 }

@@ -12,7 +12,7 @@ bool ZrTransceiverServerL0::ReceiveEvent(const ZrJobEvent& event) {
     // Without memory for it nobody would ever come for these bytes, and no other event tells of
     // them.
     if (ZrTransceiver* const transceiver = Transceiver())
-      transceiver->RemoveConnection(event.jobName, false);
+      transceiver->RemoveConnection(event.jobName);
   }
   return true;
 }

@@ -1,5 +1,6 @@
 #include "servers/direct_socket_server.h"
 
+#include <functional>
 #include <utility>
 
 #include "http/message_head.h"
@@ -19,13 +20,6 @@ bool ZrTransceiverServerL1DirectSocket::ReceiveEvent(const ZrJobEvent& event) {
   return ZrTransceiverServerL0Socket::ReceiveEvent(event);
 }
 
-ZrTransceiverServerL1DirectSocket::ConnectionPointer ZrTransceiverServerL1DirectSocket::TakeAsked(
-    const std::string& connectionName) {
-  ZrLock hold(askedLock_);
-  if (!asked_ || asked_->JobName() != connectionName) return nullptr;
-  return std::exchange(asked_, nullptr);
-}
-
 bool ZrTransceiverServerL1DirectSocket::HandOut(const ConnectionPointer& connection,
                                                 ZrMessageHandler& client) {
   auto head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, ProtocolKind());
@@ -42,18 +36,17 @@ bool ZrTransceiverServerL1DirectSocket::HandOut(const ConnectionPointer& connect
 }
 
 void ZrTransceiverServerL1DirectSocket::EndConnection(ZrTransceiver& transceiver,
-                                                      const std::string& connectionName,
+                                                      const AskedPointer& asked,
                                                       ZrMessageHandler* client) {
-  const ConnectionPointer asked = TakeAsked(connectionName);
-  if (!asked) return;
+  if (!exchange_.End(asked)) return;
   bool handedOut = false;
   try {
-    handedOut = client != nullptr && HandOut(asked, *client);
+    handedOut = client != nullptr && HandOut(asked->connection, *client);
   } catch (...) {
     handedOut = true;  // the handler's own failure; the exchange is over all the same
   }
   if (handedOut) return transceiver.ReleaseServerTask(JobName());
-  ReportUnanswered(asked->IsExpired()
+  ReportUnanswered(asked->connection->IsExpired()
                        ? ZrSendFailure{ZrSendFailureKind::kTimedOut, "nothing came"}
                        : ZrSendFailure{ZrSendFailureKind::kClosed, "no answer came", true});
 }
@@ -64,7 +57,8 @@ void ZrTransceiverServerL1DirectSocket::processItem(const std::string& connectio
   ZrTransceiver* const transceiver = Transceiver();
   if (transceiver == nullptr) return;
   const auto [connection, client] = transceiver->FindEnds(connectionName, clientName);
-  if (!connection) return EndConnection(*transceiver, connectionName, client.get());
+  const AskedPointer asked = exchange_.On(connectionName);
+  if (!connection) return EndConnection(*transceiver, asked, client.get());
   if (!client || !connection->BeginItem()) return;
   bool handedOut = false;
   try {
@@ -83,10 +77,10 @@ void ZrTransceiverServerL1DirectSocket::processItem(const std::string& connectio
       connection->Close();
       break;
   }
-  if (handedOut && TakeAsked(connectionName)) transceiver->ReleaseServerTask(JobName());
+  if (handedOut && exchange_.End(asked)) transceiver->ReleaseServerTask(JobName());
 }
 
-bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& to,
+bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& connection,
                                                  const std::shared_ptr<ZrXHeader>& head) {
   Touch();
   if (!Timing()) {
@@ -95,39 +89,42 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& to,
   }
   const bool asks = !Persistent() && head->kind == ZrMessageKind::kRequest;
   ZrTransceiver* const transceiver = Transceiver();
-  ConnectionPointer connection = transceiver != nullptr ? to : nullptr;
-  if (connection && asks) {
-    connection->ExpectAnswers();
-    {
-      ZrLock hold(askedLock_);
-      asked_ = connection;
-    }
-    // From here on the end of the connection finds the request. One that came before did not.
-    if (!connection->IsListed() && TakeAsked(connection->JobName())) connection = nullptr;
-  }
-  if (connection) {
-    connection->Attach(head->target);
+  const bool sends = connection && transceiver != nullptr &&
+                     (!asks || exchange_.Begin(std::make_shared<Asked>(Asked{connection})));
+  if (sends) Write(*transceiver, *connection, *head);
+  LeaveJoinedTask(head->target);
+  if (!sends && asks)
+    ReportUnanswered({ZrSendFailureKind::kClosed, "the connection has closed", true});
+  if (sends && !Callback()) throw std::bad_function_call();
+  return true;
+}
+
+void ZrTransceiverServerL1DirectSocket::Write(ZrTransceiver& transceiver,
+                                              ZrTransceiverConnection& connection,
+                                              ZrXHeader& head) noexcept {
+  try {
+    connection.Attach(head.target);
     ZrServerCallback_t record;
     record.kind = ZrServerCallback_t::kBytesSent;
     record.info.Set("ID", JobName());
-    head->FillAccessFields(record.info);
+    head.FillAccessFields(record.info);
     // A request may have to be sent again.
     auto body = std::make_unique<ZrStringBuf>();
-    if (!asks)
-      body = head->TakeBody();
-    else if (head->body)
-      body->Append(head->body->Unread());
+    if (Persistent() || head.kind != ZrMessageKind::kRequest)
+      body = head.TakeBody();
+    else if (head.body)
+      body->Append(head.body->Unread());
     record.info.Set("bytes", std::to_string(body->Size()));
     {
       // Bodies of one server go out one after the other.
       ZrLock hold(lock_);
-      connection->SendBuffer(body);
-      transceiver->FlushConnection(*connection);
+      connection.SendBuffer(body);
+      transceiver.FlushConnection(connection);
     }
-    TellOwner(record);
+    if (Callback()) TellOwner(record);
+  } catch (...) {
+    // Memory ran out. A part of the body may have gone: nothing may follow it; and where an answer
+    // was asked for, the connection's end tells the pool.
+    transceiver.RemoveConnection(connection);
   }
-  LeaveJoinedTask(head->target);
-  if (!connection && asks)
-    ReportUnanswered({ZrSendFailureKind::kClosed, "the connection has closed", true});
-  return true;
 }

@@ -7,6 +7,7 @@
 
 #include "http/protocol_kind.h"
 #include "servers/tcp_server.h"
+#include "servers/worker_exchange.h"
 
 /// Threads: any. Made with zr::MakeServer().
 class ZrTransceiverServerL1DirectSocket : public ZrTransceiverServerL0Socket {
@@ -30,14 +31,20 @@ class ZrTransceiverServerL1DirectSocket : public ZrTransceiverServerL0Socket {
  private:
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
 
-  /// The connection on which a worker's request is out; whoever takes it tells the pool how it
-  /// ended.
-  ConnectionPointer TakeAsked(const std::string& connectionName) ZR_EXCLUDES(askedLock_);
-  /// The end of a worker's connection: the rest of what it received, or no answer.
-  void EndConnection(ZrTransceiver& transceiver, const std::string& connectionName,
-                     ZrMessageHandler* client);
-  bool HandOut(const ConnectionPointer& connection, ZrMessageHandler& client);
+  // A worker's request that is out.
+  struct Asked {
+    const ConnectionPointer connection;
+  };
+  using AskedPointer = std::shared_ptr<Asked>;
 
-  ZrMutex askedLock_;
-  ConnectionPointer asked_ ZR_GUARDED_BY(askedLock_);
+  /// The end of a worker's connection: the rest of what it received, or no answer.
+  void EndConnection(ZrTransceiver& transceiver, const AskedPointer& asked,
+                     ZrMessageHandler* client);
+  /// Answers whether there was anything. A handler that failed had it.
+  bool HandOut(const ConnectionPointer& connection, ZrMessageHandler& client);
+  /// Whatever fails, the caller goes on.
+  void Write(ZrTransceiver& transceiver, ZrTransceiverConnection& connection,
+             ZrXHeader& head) noexcept;
+
+  ZrWorkerExchange<Asked> exchange_;  // workers only
 };

@@ -17,6 +17,7 @@
 #include "http/protocol_kind.h"
 #include "http/semantics.h"
 #include "servers/tcp_server.h"
+#include "servers/worker_exchange.h"
 #include "transceiver/connection.h"
 
 /// Threads: any. Made with zr::MakeServer().
@@ -74,10 +75,6 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
 
   std::shared_ptr<ZrXHeader> NewMessage(const ZrTransceiverConnection& connection,
                                         std::string task);
-  /// No: the connection is gone, or about to go, and nobody else tells the pool.
-  bool BeginExchange(const ConnectionPointer& connection);
-  std::shared_ptr<Asked> AskedOn(const std::string& connectionName);
-  bool EndExchange(const std::shared_ptr<Asked>& asked);
   /// Reads what has arrived on a worker; without connection, its end has come.
   void ProcessAnswer(ZrTransceiver& transceiver, const std::string& connectionName,
                      const ConnectionPointer& connection, const HandlerPointer& client);
@@ -128,5 +125,5 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
 
   ZrMutex requestLock_;
   std::unordered_map<std::string, Exchange> exchanges_ ZR_GUARDED_BY(requestLock_);
-  std::shared_ptr<Asked> asked_ ZR_GUARDED_BY(requestLock_);  // workers only
+  ZrWorkerExchange<Asked> exchange_;  // workers only
 };

@@ -11,31 +11,19 @@
 #include "transceiver/message_handler.h"
 #include "transceiver/transceiver.h"
 
-bool ZrTransceiverServerL1HTTP::BeginExchange(const ConnectionPointer& connection) {
-  auto asked = std::make_shared<Asked>(connection);
-  {
-    ZrLock hold(requestLock_);
-    asked_ = asked;
-  }
-  connection->ExpectAnswers();
-  // From here on the end of the connection finds the exchange. One that came before did not; and
-  // what is sent while it closes would reach a peer whose answer is dropped.
-  return (connection->IsListed() && !connection->IsClosing()) || !EndExchange(asked);
-}
-
 // Of the failures only those come back that nobody else tells the pool.
 ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
                                                      const ConnectionPointer& connection,
                                                      ZrXHeader& head) {
-  const ZrSendFailure closed{ZrSendFailureKind::kClosed, "the connection has closed", true};
+  ZrSendFailure closed{ZrSendFailureKind::kClosed, "the connection has closed", true};
   if (!connection || transceiver == nullptr) return closed;
   connection->Attach(head.target);
-  if (!BeginExchange(connection)) return closed;
+  const auto asked = std::make_shared<Asked>(connection);
+  if (!exchange_.Begin(asked)) return closed;
   try {
     const std::uint64_t bytes = zr::QueueMessage(*connection, head);
     if (bytes == 0) {
-      const std::shared_ptr<Asked> asked = AskedOn(connection->JobName());
-      if (!asked || !EndExchange(asked)) return {};
+      if (!exchange_.End(asked)) return {};
       return {ZrSendFailureKind::kNotSent, "the request is not complete: set its state to 6"};
     }
     transceiver->FlushConnection(*connection);
@@ -46,25 +34,11 @@ ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
   return {};
 }
 
-std::shared_ptr<ZrTransceiverServerL1HTTP::Asked> ZrTransceiverServerL1HTTP::AskedOn(
-    const std::string& connectionName) {
-  ZrLock hold(requestLock_);
-  return asked_ && asked_->connection->JobName() == connectionName ? asked_ : nullptr;
-}
-
-// Whoever gets yes tells the pool.
-bool ZrTransceiverServerL1HTTP::EndExchange(const std::shared_ptr<Asked>& asked) {
-  ZrLock hold(requestLock_);
-  if (asked_ != asked) return false;
-  asked_ = nullptr;
-  return true;
-}
-
 void ZrTransceiverServerL1HTTP::ProcessAnswer(ZrTransceiver& transceiver,
                                               const std::string& connectionName,
                                               const ConnectionPointer& connection,
                                               const HandlerPointer& client) {
-  const std::shared_ptr<Asked> asked = AskedOn(connectionName);
+  const std::shared_ptr<Asked> asked = exchange_.On(connectionName);
   if (connection && !connection->BeginItem()) return;
   if (!asked) {
     // Nobody asked for anything: what comes next could not be trusted either.
@@ -121,7 +95,7 @@ void ZrTransceiverServerL1HTTP::HandOutAnswer(ZrTransceiver& transceiver,
                                               const std::shared_ptr<Asked>& asked,
                                               const ConnectionPointer& connection,
                                               const HandlerPointer& client) {
-  if (!EndExchange(asked)) return;
+  if (!exchange_.End(asked)) return;
   bool taken = false;
   try {
     taken = client && client->HandleMessage(HeadName(), asked->answer) != 0;
@@ -143,7 +117,7 @@ void ZrTransceiverServerL1HTTP::HandOutAnswer(ZrTransceiver& transceiver,
 
 void ZrTransceiverServerL1HTTP::FailExchange(const std::shared_ptr<Asked>& asked,
                                              const ConnectionPointer& connection) {
-  if (!EndExchange(asked)) return;
+  if (!exchange_.End(asked)) return;
   ZrSendFailure failure{ZrSendFailureKind::kUnreadable, asked->reader.Problem()};
   if (!connection && asked->connection->IsExpired())
     failure = {ZrSendFailureKind::kTimedOut, "nothing more came"};

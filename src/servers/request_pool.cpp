@@ -294,7 +294,7 @@ void ZrURLHookService::TellSender(const Failed& failed) noexcept {
                     {"reason", std::string(zr::SendFailureReason(failed.failure.kind))},
                     {"error", failed.failure.detail}};
     ZrJobRegistry::Instance().Post(ClientName(), std::move(event));
-  } catch (const std::exception&) {
+  } catch (...) {
     // Without memory, or a thread for events, nobody can be told anything.
   }
 }

@@ -57,11 +57,17 @@ ZrSendFailureKind KindOf(ZrConnectFailure failure) {
   return ZrSendFailureKind::kNotSent;
 }
 
-ZrOptionMap HostRecord(const std::string& type, const std::string& host, const std::string& port) {
+struct Host {
+  const std::string& type;
+  const std::string& name;
+  std::string port;
+};
+
+ZrOptionMap HostRecord(Host host) {
   ZrOptionMap record;
-  record.Set("type", type);
-  record.Set("hoststring", host);
-  record.Set("port", port);
+  record.Set("type", host.type);
+  record.Set("hoststring", host.name);
+  record.Set("port", std::move(host.port));
   return record;
 }
 
@@ -97,7 +103,7 @@ std::string ZrTransceiverServerL0Socket::Option(std::string_view name,
 bool ZrTransceiverServerL0Socket::start() {
   if (!StartQueue()) {
     if (!persistent_) return FailStart(ZrSendFailureKind::kNotSent, "there is no thread left");
-    throw ZrException("the system has no thread for the server", __LINE__, "src");
+    throw ZrException("the system has no thread for the server");
   }
   if (!persistent_) return StartConnecting();
   ZrRinvalTaskDescription description;
@@ -123,7 +129,7 @@ bool ZrTransceiverServerL0Socket::start() {
   // Done without having begun: there is no thread for it.
   if (!Scheduler().IsDone(listenerTask_) || listenerBegan_ || !Running()) return true;
   Scheduler().FetchResult(std::exchange(listenerTask_, 0));
-  throw ZrException("the system has no thread for the server", __LINE__, "src");
+  throw ZrException("the system has no thread for the server");
 }
 
 void ZrTransceiverServerL0Socket::stop() {
@@ -162,7 +168,7 @@ void ZrTransceiverServerL0Socket::AcceptLoop() {
   if (!Listen(listener, record)) return;
   for (const int descriptor : {listener.primaryDescriptor(), listener.secondaryDescriptor()})
     if (descriptor >= 0 && !poller_->Add(descriptor, 0, ZrInterest::kRead))
-      throw ZrException("the system cannot watch the listening socket", __LINE__, "src");
+      throw ZrException("the system cannot watch the listening socket");
   record.kind = ZrServerCallback_t::kListening;
   TellOwner(record);
   while (Running()) {
@@ -222,7 +228,7 @@ void ZrTransceiverServerL0Socket::TakePeer(std::shared_ptr<ZrSocketIPvx> socket,
   ZrTransceiver* const transceiver = Transceiver();
   const std::string host = socket->peerAddress();
   const std::string port = socket->peerPort();
-  if (transceiver == nullptr || !configuration_->AcceptsPeer(HostRecord(type_, host, port)) ||
+  if (transceiver == nullptr || !configuration_->AcceptsPeer(HostRecord({type_, host, port})) ||
       transceiver->ConnectionCount() >= connectionCap_)
     return;
   ZrServerCallback_t record;
@@ -289,7 +295,7 @@ bool ZrTransceiverServerL0Socket::StartConnecting() {
   }
   ZrServerCallback_t record;
   record.kind = ZrServerCallback_t::kConnectionOpened;
-  record.info = HostRecord(type_, target_->host, std::to_string(target_->port));
+  record.info = HostRecord({type_, target_->host, std::to_string(target_->port)});
   try {
     SetResult(transceiver->AddConnection(
         socket, createConnection(*transceiver, JobName(), std::move(record), socket)));

@@ -24,7 +24,7 @@ class ZrSocketIPvx;
 class ZrConnectionFailure : public ZrException {
  public:
   ZrConnectionFailure(ZrSendFailureKind why, std::string message)
-      : ZrException(std::move(message), __LINE__, "src"), kind(why) {}
+      : ZrException(std::move(message)), kind(why) {}
   const ZrSendFailureKind kind;
 };
 

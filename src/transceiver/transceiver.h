@@ -3,7 +3,6 @@
 // opened for them and every open connection, by name, and brings messages from one to the other.
 // What goes on beside that has classes of its own: the I/O loops move the bytes, the housekeeper
 // keeps the time limits, the pools carry outgoing requests, the progress is what a stop waits on.
-//
 // clientLock_ guards who is there. It is held for look-ups and changes of the tables only:
 // handlers, servers and connections are called, started and destroyed without it.
 
@@ -34,35 +33,29 @@
 /// Destroying it ends its servers and connections; handlers should have been removed before.
 class ZrTransceiver final : public ZrJob {
  public:
-  /// The scheduler runs the I/O jobs; scheduler and clock outlive the transceiver. Starts the
-  /// housekeeper. Without factories no server can be opened. The limit, in bytes, is what all
-  /// peers together may occupy.
+  /// Scheduler and clock outlive the transceiver. Without factories no server can be opened. The
+  /// limit, in bytes, is what all peers together may occupy.
   explicit ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories factories = {},
                          const ZrClock& clock = ZrClock::System(),
                          std::uint64_t memoryLimit = ZrMemoryBudget::DefaultLimit());
   ~ZrTransceiver() override;
 
-  /// Hands the event to the job registry for the job of that name.
   bool PostEvent(std::string_view target, ZrJobEvent event) override;
-
-  /// Registers a handler and attaches it to this transceiver. Returns the handler, or nothing when
-  /// one of its name is registered already.
+  /// Registers and attaches a handler. Returns it, or nothing when its name is registered already.
   virtual std::shared_ptr<ZrMessageHandler> AddClient(std::shared_ptr<ZrMessageHandler> client);
-  /// Takes a handler out and detaches it. Its servers stay; messages for it are dropped, and its
-  /// outgoing connections end. Waits for answers that it is handling.
+  /// Takes a handler out and detaches it: messages for it are dropped, its outgoing connections
+  /// end. Its servers stay. Waits for answers that it is handling.
   virtual void RemoveClient(const std::shared_ptr<ZrMessageHandler>& client);
-  /// Sends a message for a registered handler. An answer goes back along its route, written before
-  /// this returns as far as the socket takes it; a request goes out through the handler's pool for
-  /// its target URL. The target, stored in the message, is the joined task that the exchange
-  /// belongs to; the flag means nothing. Returns the message's name, or ZrJob::CommonErrorName()
-  /// when nothing was sent.
+  /// Sends a message for a registered handler: an answer along its route, written before this
+  /// returns as far as the socket takes it, a request through the handler's pool for its target.
+  /// `target` is the joined task of the exchange; the flag means nothing. Returns the message's
+  /// name, or ZrJob::CommonErrorName() when nothing was sent.
   virtual std::string Send(ZrMessageHandler& client, std::shared_ptr<ZrXHeader> message,
-                           const ZrServerCallback& callback, const std::string& target, int flag);
-  /// Opens a listening server for a registered handler: the kind comes from the configuration head,
-  /// which the server shares. Reports the new server through the callback and returns the head's
-  /// name, or ZrJob::CommonErrorName() for an unknown handler or protocol kind. A head that this
-  /// handler has opened already opens nothing more. Throws what the server's construction throws
-  /// (ZrException_SSL for bad certificates).
+                           const ZrServerCallback& callback, const std::string& target,
+                           int flag = 1);
+  /// Opens the listening server that the head describes and shares, once, for a registered handler.
+  /// Returns the head's name, or ZrJob::CommonErrorName() for an unknown handler or protocol kind.
+  /// Throws what the server's construction throws (ZrException_SSL for bad certificates).
   virtual std::string OpenServer(ZrMessageHandler& client,
                                  std::shared_ptr<ZrXServerHeader> configuration,
                                  const ZrServerCallback& callback);
@@ -81,21 +74,16 @@ class ZrTransceiver final : public ZrJob {
   };
   Ends FindEnds(const std::string& connectionName, const std::string& clientName);
   std::size_t ConnectionCount();
-
-  /// Registers a connected socket and its connection; the I/O jobs serve both until
-  /// RemoveConnection(). A name that is already registered keeps its first pair. Returns the
-  /// connection's name. Throws ZrException "socket and connection must be defined" when either is
-  /// missing.
+  /// The I/O jobs serve both until RemoveConnection(). A name that is known keeps its first pair.
+  /// Returns the connection's name. Throws ZrException "socket and connection must be defined".
   std::string AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
                             std::shared_ptr<ZrTransceiverConnection> connection);
   /// Drops a connection at once, with what it still had to send, and tells its server, the server's
-  /// owner and the connection itself by an event with code 2. Unknown names are ignored. The flag
-  /// says that the peer or the socket was the cause; it changes nothing.
-  void RemoveConnection(const std::string& name, bool flag);
+  /// owner and the connection by an event with code 2. Ignores unknown names, and the flag.
+  void RemoveConnection(const std::string& name, bool flag = false);
   void RemoveConnection(ZrTransceiverConnection& connection);
-  /// Ends a connection in order: nothing more is read from it, what is queued is sent, then the
-  /// sending side is shut down and the connection goes when the peer has ended its side, too, or a
-  /// moment later. An expired connection goes at once.
+  /// Ends a connection in order: reading stops, what is queued is sent, the sending side is shut
+  /// down, and it goes with the peer's end or a moment later. An expired one goes at once.
   void FinishConnection(ZrTransceiverConnection& connection);
 
   // Of the I/O loops and the stop's progress; see there.
@@ -105,26 +93,22 @@ class ZrTransceiver final : public ZrJob {
   void StopIO() { loops_.Stop(); }
   void NoteProgress() { progress_.Note(); }
 
-  /// Takes the server out of the joined task it is attached to and tells its owner by an event with
-  /// code 5 that its exchange is finished.
+  /// Takes the server out of its joined task; its owner gets code 5: the exchange is finished.
   void ReleaseServerTask(const std::string& serverName);
   /// Writes the "logging" entry of a record of kind 7 to standard output, one write a line.
   void PrintLogRecord(const ZrServerCallback_t& record);
 
-  /// Stop, step by step: no further peer is accepted ...
-  void StopAccepting();
-  /// ... the requests in progress are answered and their answers sent, if that happens in time ...
+  // Stop, step by step.
+  void StopAccepting();  ///< No further peer is accepted,
+  /// the requests in progress are answered and their answers sent, if that happens in time
   bool WaitForAnswers(std::chrono::nanoseconds limit);
-  /// (which another thread can give up: it returns at once, now and later)
-  void AbandonAnswers() { progress_.Abandon(); }
-  /// ... and no server runs any more. Waits for messages being handled.
-  void StopServers();
+  void AbandonAnswers() { progress_.Abandon(); }  ///< (given up by another thread, for good),
+  void StopServers();  ///< and no server runs any more. Waits for messages being handled.
 
-  /// Hands a server that lost its last owner to the housekeeper, who waits for its tasks to end.
-  /// Answers no when the housekeeper does not run any more: the caller ends it then.
+  /// Hands a server that lost its last owner to the housekeeper, which waits for its tasks. No: it
+  /// does not run any more, and the caller ends the server.
   bool EndLater(std::function<void()> end) { return housekeeper_.EndLater(std::move(end)); }
-  /// Has the housekeeper look at all time limits now (after a clock was set by hand).
-  void WakeHousekeeper() { housekeeper_.Wake(); }
+  void WakeHousekeeper() { housekeeper_.Wake(); }  ///< It looks at all time limits now.
   const ZrClock& Clock() const { return clock_; }
   const ZrServerFactories& Factories() const { return factories_; }
   /// What all peers of this transceiver together may occupy; everything kept for one counts there.
@@ -158,7 +142,6 @@ class ZrTransceiver final : public ZrJob {
   std::unordered_map<std::string, ConnectionPointer> connections_ ZR_GUARDED_BY(clientLock_);
   std::unordered_map<std::string, std::shared_ptr<ZrServerLink>> servers_
       ZR_GUARDED_BY(clientLock_);
-
   ZrStopProgress progress_;
   ZrHousekeeper housekeeper_;
   ZrIoLoops loops_;

@@ -155,7 +155,7 @@ TEST(Outgoing, AHeadMustBeCompleteInAMinute) {
   });
   AskingBed bed(clock);
   const auto asked = AskingBed::Request(peer.Port());
-  bed.client->SendMessage(asked, true);
+  bed.client->SendMessage(asked);
   while (allowed < 12 && bed.client->Outcomes().empty()) {
     ++allowed;
     ASSERT_TRUE(WaitFor([&] { return sent == allowed || bed.client->Outcomes().size() == 1; }));

@@ -87,7 +87,7 @@ void FillBroken(ZrDTD& dtd) {
       [](std::string_view text, ZrDTD& own) -> std::unique_ptr<ZrXMLComplexElement> {
         if (text == "null") return nullptr;
         if (text == "throws") throw 7;
-        if (text == "refuses") throw ZrException("refused", 1, "test");
+        if (text == "refuses") throw ZrException("refused");
         auto element = std::make_unique<ZrXMLGenericElement>(own.SharedName(text), true);
         element->SetClosed(text == "closed");
         return element;

@@ -41,7 +41,7 @@ class Noting : public ZrXMLGenericElement {
   ~Noting() override { log_ += "~" + Name() + (Parent() != nullptr ? "^ " : " "); }
   void ChildAdded(ZrXMLComplexElement* child) override {
     log_ += "+" + child->Name() + " ";
-    if (refuses) throw ZrException("refused", 1, "test");
+    if (refuses) throw ZrException("refused");
   }
   void ChildRemoved(ZrXMLComplexElement* child) override { log_ += "-" + child->Name() + " "; }
 

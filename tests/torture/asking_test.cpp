@@ -49,7 +49,7 @@ class Peer {
     name_ = head->JobName();
     const std::size_t before = bed_.client->Outcomes().size();
     // Sending may take as long as connecting does.
-    auto asking = std::async(std::launch::async, [&] { bed_.client->SendMessage(head, true); });
+    auto asking = std::async(std::launch::async, [&] { bed_.client->SendMessage(head); });
     std::string wrong;
     int connections = 0;
     int looks = 0;

@@ -252,7 +252,7 @@ void TortureBed::WarmUp() {
   RawClient half(Port(zr::kProtocolHttp));
   half.Send("GET /");
   for (const std::uint32_t kind : {zr::kProtocolHttp, zr::kProtocolHttps, zr::kProtocolSocket}) {
-    client->SendMessage(AskingBed::Request(Port(kind), "/cgi-bin/run", "warm", kind), true);
+    client->SendMessage(AskingBed::Request(Port(kind), "/cgi-bin/run", "warm", kind));
   }
   WaitFor([this] { return client->Outcomes().size() == 3; });
   Pass(std::chrono::hours(1));  // the workers of our own requests go

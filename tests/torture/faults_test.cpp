@@ -93,7 +93,7 @@ class Servers {
   bool Reported() { return ErrorLines() > 0 || (Said("http") && Said("https")); }
   std::string Ask(int port) {
     const auto head = AskingBed::Request(port, "/cgi-bin/run", "body");
-    client_->SendMessage(head, true);
+    client_->SendMessage(head);
     const Exempt own;
     std::string outcome;
     WaitFor(
