@@ -64,6 +64,7 @@ bool ZrLineQueue::Push(std::string_view line) noexcept {
     const ZrLock hold(lock_);
     first = filling_.empty() && lost_ == 0;
     added = Add(line, "\n");
+    first = NotesCrowd() || first;
   }
   if (first || !ZrLineWriter::Instance().Runs()) ZrLineWriter::Instance().Wake();
   return added;
@@ -76,6 +77,7 @@ bool ZrLineQueue::PushLines(std::string_view lines) noexcept {
     const ZrLock hold(lock_);
     first = filling_.empty() && lost_ == 0;
     added = Add(lines, {});
+    first = NotesCrowd() || first;
   }
   if (first || !ZrLineWriter::Instance().Runs()) ZrLineWriter::Instance().Wake();
   return added;
@@ -112,6 +114,11 @@ void ZrLineQueue::PushOfKind(std::string_view kind, std::string_view line) noexc
     ZrLineWriter::Instance().Wake();  // it has a new time to keep
 } catch (const std::exception&) {
   // No memory for a word about somebody's fault.
+}
+
+// Whether the writer is to be told, once for each batch, that this one does not wait for its time.
+bool ZrLineQueue::NotesCrowd() {
+  return filling_.size() >= kCrowdBytes && !std::exchange(crowded_, true);
 }
 
 void ZrLineQueue::AddLeftOut(Kind& kind) {
@@ -206,7 +213,7 @@ bool ZrLineQueue::Take(bool hurry, Clock::time_point& next) {
   }
   next = kindsDue_;
   if (!IsPending()) return false;
-  if (now < nextBatch_ && !hurry && flushing_ == 0) {
+  if (now < nextBatch_ && !hurry && flushing_ == 0 && !crowded_) {
     next = std::min(next, nextBatch_);
     return false;
   }
@@ -227,6 +234,7 @@ bool ZrLineQueue::Take(bool hurry, Clock::time_point& next) {
     filling_.clear();
   }
   lostAhead_ = std::exchange(lost_, 0);
+  crowded_ = false;
   busy_ = true;
   nextBatch_ = now + kPause;
   return true;

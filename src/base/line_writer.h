@@ -6,9 +6,9 @@
 // place once it takes some again. A full disk is said once on standard error.
 //
 // The first line of a quiet queue is written at once, those behind it at most 50 ms later in one
-// write. The thread starts with the first line and is joined when the library is unloaded or the
-// process exits, after at most a second for what is still queued. Where the system has no thread to
-// give, whoever has a line writes what its sink takes at once.
+// write, or as soon as they are many. The thread starts with the first line and is joined when the
+// library is unloaded or the process exits, after at most a second for what is still queued. Where
+// the system has no thread to give, whoever has a line writes what its sink takes at once.
 
 #include <atomic>
 #include <chrono>
@@ -31,6 +31,8 @@ class ZrLineQueue {
   /// Beyond this many bytes lines are lost; as many more may be on their way to the sink.
   static constexpr std::size_t kMostBytes = std::size_t{1} << 20;
   static constexpr std::chrono::milliseconds kPause{50};  ///< between two batches
+  /// Ends the pause: lines that come fast are lost for want of a sink, never of time.
+  static constexpr std::size_t kCrowdBytes = kMostBytes / 4;
   /// Of lines of one kind so many are written within a second.
   static constexpr int kMostOfAKind = 5;
 
@@ -59,6 +61,7 @@ class ZrLineQueue {
   };
 
   bool Add(std::string_view text, std::string_view end) ZR_REQUIRES(lock_);
+  bool NotesCrowd() ZR_REQUIRES(lock_);
   void AddLeftOut(Kind& kind) ZR_REQUIRES(lock_);
 
   // For the writer's thread alone.
@@ -81,6 +84,7 @@ class ZrLineQueue {
   std::vector<Kind> kinds_ ZR_GUARDED_BY(lock_);
   Clock::time_point kindsDue_ ZR_GUARDED_BY(lock_) = Clock::time_point::max();  // one is to be told
   std::unique_ptr<ZrLineSink> nextSink_ ZR_GUARDED_BY(lock_);
+  bool crowded_ ZR_GUARDED_BY(lock_) = false;       // the next batch does not wait for its time
   int flushing_ ZR_GUARDED_BY(lock_) = 0;           // so many wait in Flush(): no pauses
   bool closed_ ZR_GUARDED_BY(lock_) = false;        // nobody adds any more
   bool busy_ ZR_GUARDED_BY(lock_) = false;          // a batch is being written

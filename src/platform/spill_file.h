@@ -30,7 +30,7 @@ class ZrSpillFile {
  private:
   explicit ZrSpillFile(ZrDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
 
-  ZrDescriptor descriptor_;  // none once mapped
+  ZrDescriptor descriptor_;
   std::uint64_t size_ = 0;
   const char* data_ = nullptr;
 };

@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr std::uint64_t kFreedAtOnce = 4 << 20;
+
 int OpenNameless(const std::string& folder) {
   const int nameless = ::open(folder.c_str(), O_TMPFILE | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
   if (nameless >= 0) return nameless;
@@ -34,8 +36,18 @@ std::unique_ptr<ZrSpillFile> ZrSpillFile::Create() {
   return std::unique_ptr<ZrSpillFile>(new ZrSpillFile(std::move(file)));
 }
 
+// Piece by piece: the system takes a millisecond for each megabyte that goes, in which it neither
+// looks for a thread that waits for the core nor lets one of this process have new memory.
 ZrSpillFile::~ZrSpillFile() {
-  if (data_ != nullptr) ::munmap(const_cast<char*>(data_), static_cast<std::size_t>(size_));
+  for (std::uint64_t left = size_; left > 0;) {
+    const std::uint64_t end = left;
+    // From the end, at multiples of a page.
+    left = (left - 1) / kFreedAtOnce * kFreedAtOnce;
+    if (data_ != nullptr)
+      ::munmap(const_cast<char*>(data_) + left, static_cast<std::size_t>(end - left));
+    // What cannot be shortened goes with its descriptor.
+    if (::ftruncate(descriptor_.Get(), static_cast<off_t>(left)) != 0) continue;
+  }
 }
 
 bool ZrSpillFile::Append(std::string_view bytes) {
@@ -56,6 +68,5 @@ bool ZrSpillFile::Map() {
                              descriptor_.Get(), 0);
   if (place == MAP_FAILED) return false;
   data_ = static_cast<const char*>(place);
-  descriptor_.Close();
   return true;
 }
