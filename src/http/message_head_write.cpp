@@ -17,11 +17,13 @@ constexpr std::size_t kUsualHeadBytes = 160;
 bool ZrXHeader::WriteHead(ZrStringBuf& out) {
   ZrLock hold(headLock);
   if (State() != zr::kHeadStateComplete || messageType == ZrMessageType::kNone) return false;
-  out.Reserve(out.Size() + kUsualHeadBytes);
+  const std::uint64_t before = out.Size();
+  out.Reserve(before + kUsualHeadBytes);
   if (messageType == ZrMessageType::kAnswer)
     semantics->WriteAnswerHead(*this, out);
   else
     WriteRequestHead(out);
+  headBytes = out.Size() - before;
   headWritten_ = true;
   return true;
 }
