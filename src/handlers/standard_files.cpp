@@ -19,6 +19,9 @@ namespace {
 constexpr std::int64_t kTicksPerSecond = 10'000'000;
 constexpr std::int64_t kNsPerSecond = 1'000'000'000;
 
+// Names and values of what is usually said of a file.
+constexpr std::size_t kUsualFieldBytes = 240;
+
 // Entries of a directory that are looked at for its listing: each costs a call to the system.
 constexpr std::size_t kMostLooked = 100'000;
 
@@ -115,6 +118,7 @@ void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std
   // The preconditions hold: without its ranges the request is one for the whole file.
   if (made.several.length > kMostCombined) made = AnswerForFile({}, facts, now, boundary);
   if (made.status == 412 || made.status == 416) AnswerWithPage(request, answer, made.status, site);
+  if (answer.headers.empty()) answer.headers.Reserve(kUsualFieldBytes, made.fields.size() + 1);
   for (auto& [name, value] : made.fields) answer.SetField(name, value);
   answer.SetStatus(made.status);
   if (!site.cacheControl.empty() && made.status < 400)

@@ -1,6 +1,7 @@
 #include "http/semantics_standard.h"
 
 #include <algorithm>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -130,13 +131,15 @@ void TakeProgramHead(ZrXHeader& answer) {
 bool HasNoBody(std::uint64_t status) { return status < 200 || status == 204 || status == 304; }
 
 void AppendField(ZrStringBuf& out, std::string_view name, std::string_view value) {
-  std::string written(name);
+  const std::span<char> written = out.Prepare(name.size());
   bool begins = true;
-  for (char& c : written) {
-    if (begins && c >= 'a' && c <= 'z') c = static_cast<char>(c & ~0x20);
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    const char c = name[i];
+    written[i] = begins && c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
     begins = c == '-';
   }
-  out.Append(written.append(": "));
+  out.Commit(name.size());
+  out.Append(": ");
   out.Append(value);
   out.Append("\r\n");
 }
