@@ -74,8 +74,8 @@ class Load:
     def abort(self):
         """Goes away with a reset, at some point of some request."""
         peer = socket.create_connection(("127.0.0.1", self.ports["http"]), timeout=30)
-        request = random.choice([b"GET /big HTTP/1.1\r\n\r\n", b"GET /cgi-bin/slow HTTP/1.1\r\n\r\n",
-                                 b"POST /cgi-bin/echo HTTP/1.1\r\nContent-Length: 90000\r\n\r\n" + FORM])
+        request = random.choice([b"GET /big HTTP/1.1\r\nHost: h\r\n\r\n", b"GET /cgi-bin/slow HTTP/1.1\r\nHost: h\r\n\r\n",
+                                 b"POST /cgi-bin/echo HTTP/1.1\r\nHost: h\r\nContent-Length: 90000\r\n\r\n" + FORM])
         peer.sendall(request[: random.randrange(len(request) + 1)])
         if request.startswith(b"GET /big") and random.random() < 0.5:
             peer.sendall(request)
@@ -89,7 +89,8 @@ class Load:
         peer = socket.create_connection(("127.0.0.1", self.ports["https"]), timeout=30)
         try:
             secure = self.context.wrap_socket(peer, server_hostname="127.0.0.1")
-            secure.sendall(random.choice([b"GET /small HTTP/1.1\r\n\r\n", b"GET /cgi-bin/slow HTTP/1.1\r\n\r\n"]))
+            secure.sendall(random.choice([b"GET /small HTTP/1.1\r\nHost: h\r\n\r\n",
+                                          b"GET /cgi-bin/slow HTTP/1.1\r\nHost: h\r\n\r\n"]))
             if random.random() < 0.5:
                 secure.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             secure.close()

@@ -17,6 +17,7 @@
 #include "cli/listenurl.h"
 #include "cli/serve_events.h"
 #include "cli/serve_setup.h"
+#include "cli/site_setup.h"
 #include "host/application.h"
 #include "http/protocol_kind.h"
 #include "platform/system.h"
@@ -34,13 +35,16 @@ constexpr const char* kExamples =
     "Examples:\n"
     "  velkoro serve www\n"
     "  velkoro serve www --listen https://127.0.0.1:8443 --listen http://[::1]:8080\n"
-    "  velkoro serve www --certificate cert.pem --private-key key.pem --log access.log";
+    "  velkoro serve www --certificate cert.pem --private-key key.pem --log access.log\n"
+    "  velkoro serve dist --fallback index.html --header 'X-Frame-Options: DENY' --cache 3600";
 
 struct ServeOptions {
   std::string directory = ".";
   std::vector<std::string> listen;
   std::vector<std::string> pages;
-  std::string semantics = "minimal";
+  bool minimal = false;
+  SiteOptions site;
+  std::string logFormat = "velkoro";
   KeyPairOptions keys;
   std::optional<std::string> php;
   std::optional<std::string> log;
@@ -62,6 +66,10 @@ class Serving {
     std::vector<ZrServerDefinition> servers = Definitions();
     options_.keys.CheckUsage();
     directory_ = DocumentDirectory(options_.directory);
+    if (!options_.minimal) {
+      const auto site = Site(options_.site, directory_);
+      for (ZrServerDefinition& server : servers) server.site = site;
+    }
     ZrPersistentAppStorage storage;
     storage.SetVariables(StoredPages(options_.pages));
     const std::string php = PhpInterpreter(options_.php);
@@ -91,7 +99,8 @@ class Serving {
       ZrServerDefinition server{.address = url.address,
                                 .port = url.port,
                                 .protocolKind = static_cast<std::int32_t>(url.protocolKind)};
-      server.options.Set("semantics", options_.semantics);
+      server.options.Set("semantics", options_.minimal ? "minimal" : "standard");
+      server.options.Set("logformat", options_.logFormat);
       server.options.Set("quiet", "yes");  // what a port's failure means is said here
       servers.push_back(std::move(server));
     }
@@ -198,12 +207,10 @@ void AddServe(CLI::App& program, Run& chosen) {
                   "Where a certificate made for localhost is kept when none is given "
                   "[$XDG_STATE_HOME/velkoro or ~/.local/state/velkoro]")
       ->type_name("DIR");
-  serve
-      .add_option("--semantics", options->semantics,
-                  "How HTTP is read and answered: minimal, the system's own dialect, or standard, "
-                  "with content types, HEAD, conditional requests and parts of files")
-      ->check(CLI::IsMember({"minimal", "standard"}))
-      ->capture_default_str();
+  serve.add_flag("--minimal", options->minimal,
+                 "Speak the system's own small dialect of HTTP instead of what browsers and tools "
+                 "expect");
+  AddSiteOptions(serve, options->site);
   serve
       .add_option("--php", options->php,
                   "The PHP interpreter for pages that end in .php [php-cgi, when it is installed]")
@@ -212,6 +219,11 @@ void AddServe(CLI::App& program, Run& chosen) {
       .add_option("--log", options->log,
                   "The access log, instead of standard output; SIGHUP opens it again")
       ->type_name("FILE");
+  serve
+      .add_option("--log-format", options->logFormat,
+                  "The form of its lines: velkoro, combined (as log analysers read it) or json")
+      ->check(CLI::IsMember({"velkoro", "combined", "json"}))
+      ->capture_default_str();
   serve
       .add_option("--grace", options->grace,
                   "How long answers in progress may take after the first SIGINT or SIGTERM")
@@ -222,7 +234,8 @@ void AddServe(CLI::App& program, Run& chosen) {
                  "Keep trying when a port is taken, instead of ending");
   serve.add_flag("--open", options->open, "Show the page in the browser");
   serve.footer(kExamples);
-  serve.callback([options, &chosen] {
+  serve.callback([options, &chosen, &serve] {
+    if (options->minimal) RefuseSiteOptions(serve);
     if (options->listen.empty()) options->listen.emplace_back(kDefaultUrl);
     chosen = [options] { return Serving(*options).Run(); };
   });

@@ -179,6 +179,7 @@ std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message,
 
 void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
                                      const std::shared_ptr<ZrXResponseHeader>& answer) {
+  if (answer->semantics->IsStandard()) answer->addedFields = site_->Fields();
   answer->SetState(zr::kHeadStateComplete);
   const TransceiverUse transceiver(*this);
   if (transceiver.Get() != nullptr)
@@ -223,7 +224,7 @@ bool ZrTransceiverClient::AnswerByRule(const ZrXHeader& request) {
 void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t status,
                                        std::string_view allow) {
   const auto answer = request.MakeResponse();
-  if (status != 204) zr::AnswerWithPage(request, *answer, status);
+  if (status != 204) zr::AnswerWithPage(request, *answer, status, *site_);
   if (!allow.empty()) answer->SetField("allow", allow);
   answer->SetStatus(status);
   SendAnswer(request, answer);

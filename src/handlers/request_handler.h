@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "base/memory_budget.h"
 #include "base/option_map.h"
@@ -16,6 +17,7 @@
 #include "base/server_callback.h"
 #include "handlers/content_handler.h"
 #include "handlers/request_application.h"
+#include "handlers/site.h"
 #include "jobs/job.h"
 #include "platform/sync.h"
 #include "transceiver/fwd.h"
@@ -80,6 +82,10 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// thread that received them. For whoever makes a client of this very class: a derived one may do
   /// more for a message than this one knows. Call it before the client is registered.
   void AnswerAtOnce() { answersAtOnce_ = true; }
+  /// What the site has beyond its files, for servers in standard semantics. Call it before the
+  /// client is registered; never null.
+  void SetSite(std::shared_ptr<const ZrSite> site) { site_ = std::move(site); }
+  const ZrSite& Site() const { return *site_; }
   bool CannotWait(const ZrXHeader& message) override;
 
   ZrJob& HandlerJob() override { return *this; }
@@ -111,6 +117,7 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
 
   const std::shared_ptr<ZrContentHandler> content_;
   bool answersAtOnce_ = false;
+  std::shared_ptr<const ZrSite> site_ = std::make_shared<const ZrSite>();
 
   ZrMutex lock_;  // never held while calling out
   ZrTransceiver* transceiver_ ZR_GUARDED_BY(lock_) = nullptr;

@@ -1,9 +1,12 @@
 #include "handlers/standard_files.h"
 
+#include <algorithm>
 #include <random>
 #include <utility>
+#include <vector>
 
 #include "handlers/standard_pages.h"
+#include "http/field_list.h"
 #include "http/file_answer.h"
 #include "http/message_head.h"
 #include "http/preferences.h"
@@ -14,6 +17,13 @@
 namespace {
 
 constexpr std::int64_t kTicksPerSecond = 10'000'000;
+constexpr std::int64_t kNsPerSecond = 1'000'000'000;
+
+// Names and values of what is usually said of a file.
+constexpr std::size_t kUsualFieldBytes = 240;
+
+// Entries of a directory that are looked at for its listing: each costs a call to the system.
+constexpr std::size_t kMostLooked = 100'000;
 
 // Nobody can have put it into a file: it is made anew for each answer.
 std::string MakeBoundary() {
@@ -50,27 +60,69 @@ bool AppendRanges(const ZrServedFiles::Found& found, const zr::MultipartRanges& 
 
 }  // namespace
 
-void zr::AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std::uint64_t status) {
-  const ErrorPage page = MakeErrorPage(status, answer.semantics->StatusPhrase(status),
-                                       PrefersJson(request.headers["accept"]));
-  answer.SetBodyText(page.body);
-  answer.SetField("Content-Type", page.contentType);
+void zr::AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std::uint64_t status,
+                        const ZrSite& site) {
+  const bool json = PrefersJson(request.headers["accept"]);
+  const auto own = site.errorPages.find(status);
+  if (own != site.errorPages.end() && !json) {
+    answer.SetBodyText(own->second.body);
+    answer.SetField("Content-Type", own->second.contentType);
+  } else {
+    const ErrorPage page = MakeErrorPage(status, answer.semantics->StatusPhrase(status), json);
+    answer.SetBodyText(page.body);
+    answer.SetField("Content-Type", page.contentType);
+  }
   answer.SetStatus(status);
 }
 
+bool zr::AsksForPage(const ZrXHeader& request) {
+  const auto accept = request.headers["accept"];
+  return (request.method == ZrMethod::kGet || request.method == ZrMethod::kHead) &&
+         std::any_of(accept.begin(), accept.end(),
+                     [](std::string_view value) {
+                       return LowerCase(value).find("text/html") != std::string::npos;
+                     }) &&
+         MediaWeight(accept, "text/html") > 0;
+}
+
+void zr::AnswerWithListing(
+    ZrXResponseHeader& answer, const ZrFile& directory, std::string_view path,
+    const std::function<std::shared_ptr<const ZrFile>(const std::string&)>& open) {
+  std::vector<ListingEntry> listed;
+  for (ZrFile::Entry& entry : directory.Entries(kMostLooked)) {
+    ListingEntry shown{std::move(entry.name), entry.kind == ZrFile::Entry::Kind::kDirectory,
+                       entry.size, entry.modified / kNsPerSecond};
+    if (entry.kind == ZrFile::Entry::Kind::kLink) {
+      // Where it leads is nobody's business unless it is served.
+      const auto file =
+          shown.name.starts_with('.') ? nullptr : open(std::string(path) + shown.name);
+      if (!file) continue;
+      shown.directory = file->IsDirectory();
+      shown.size = file->Size();
+      shown.modified = file->ModifiedSeconds();
+    }
+    listed.push_back(std::move(shown));
+  }
+  answer.SetBodyText(DirectoryListing("/" + std::string(path), std::move(listed)));
+  answer.SetField("Content-Type", "text/html; charset=utf-8");
+}
+
 void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std::string path,
-                        ZrServedFiles::Found found, const ZrContentTypes& types) {
+                        ZrServedFiles::Found found, const ZrSite& site) {
   const ZrFile& file = *found.file;
   const ZrFileFacts facts{.version = {file.Size(), file.ModifiedNs(), file.Device(), file.Node()},
-                          .contentType = types.TypeOf(path)};
+                          .contentType = site.types.TypeOf(path)};
   const std::int64_t now = ZrClock::System().SystemTicks() / kTicksPerSecond;
   const std::string boundary = request.headers.contains("range") ? MakeBoundary() : std::string();
   ZrFileAnswer made = AnswerForFile(request.headers, facts, now, boundary);
   // The preconditions hold: without its ranges the request is one for the whole file.
   if (made.several.length > kMostCombined) made = AnswerForFile({}, facts, now, boundary);
-  if (made.status == 412 || made.status == 416) AnswerWithPage(request, answer, made.status);
+  if (made.status == 412 || made.status == 416) AnswerWithPage(request, answer, made.status, site);
+  if (answer.headers.empty()) answer.headers.Reserve(kUsualFieldBytes, made.fields.size() + 1);
   for (auto& [name, value] : made.fields) answer.SetField(name, value);
   answer.SetStatus(made.status);
+  if (!site.cacheControl.empty() && made.status < 400)
+    answer.SetField("Cache-Control", site.cacheControl);
   if (made.status != 200 && made.status != 206) return;
   if (!made.several.parts.empty()) {
     answer.body = std::make_unique<ZrStringBuf>();

@@ -2,11 +2,13 @@
 // Files in standard semantics: their types and versions, conditional requests and parts of files
 // (RFC 9110), and where a directory is asked for without the slash at its end.
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "handlers/served_files.h"
-#include "http/content_types.h"
+#include "handlers/site.h"
 #include "http/fwd.h"
 
 namespace zr {
@@ -18,10 +20,21 @@ inline constexpr std::uint64_t kMostCombined = std::uint64_t{1} << 20;
 /// Makes the answer that of a GET or HEAD for that file: status, fields and body. `path` is its
 /// path for the system. Throws std::bad_alloc.
 void AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std::string path,
-                    ZrServedFiles::Found found, const ZrContentTypes& types);
+                    ZrServedFiles::Found found, const ZrSite& site);
 
-/// Makes it a page that says the status, as HTML or, for who prefers that, as a JSON problem.
-void AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std::uint64_t status);
+/// Makes it a page that says the status: as a JSON problem for who prefers that, else the site's
+/// own, else a small one.
+void AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std::uint64_t status,
+                    const ZrSite& site);
+
+/// Makes it the listing of that open directory, whose path beneath the start directory ends with
+/// "/" or is empty. Files that links lead to are listed where they are served.
+void AnswerWithListing(
+    ZrXResponseHeader& answer, const ZrFile& directory, std::string_view path,
+    const std::function<std::shared_ptr<const ZrFile>(const std::string&)>& open);
+
+/// Whether the request is for a page that somebody looks at: what it accepts names HTML.
+bool AsksForPage(const ZrXHeader& request);
 
 /// The address of the directory that was asked for without its slash, query included.
 std::string DirectoryAddress(const ZrXHeader& request);

@@ -56,7 +56,10 @@ ZrStaticFiles::ZrStaticFiles(std::shared_ptr<ZrScriptRunner> scripts)
 bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
                                  const std::shared_ptr<ZrXHeader>& request) {
   if (client.startDirectory.empty() || request->kind != ZrMessageKind::kRequest) return false;
-  if (request->path == "/") return ServeDefaultDocument(client, request);
+  if (request->path == "/") {
+    return request->semantics->IsStandard() ? ServeDirectory(client, request, {})
+                                            : ServeDefaultDocument(client, request);
+  }
   const std::string path = request->path.substr(request->path.empty() ? 0 : 1);
   if (!IsServed(*request, path)) return false;
   if (client.application != nullptr && client.application->hasStoredValue(path))
@@ -70,7 +73,7 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const ZrXHeader& reque
   const auto answer = request.MakeResponse();
   std::string name = zr::NormalizeDirectoryPath(client.startDirectory) + path;
   if (request.semantics->IsStandard()) {
-    zr::AnswerWithFile(request, *answer, std::move(name), std::move(found), types_);
+    zr::AnswerWithFile(request, *answer, std::move(name), std::move(found), client.Site());
   } else {
     answer->SetStatus(200);
     answer->SetFileBody(std::move(name), found.file->Size());
@@ -94,10 +97,12 @@ bool ZrStaticFiles::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& requ
 bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) {
   if (client.startDirectory.empty()) return true;
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const ZrSite& site = client.Site();
   if (request.path == "/") {
-    return files_.IsAtHand(directory, "index.php") && !files_.Find(directory, "index.php").file &&
-           files_.IsAtHand(directory, "index.html");
+    return !site.browse && files_.IsAtHand(directory, "index.php") &&
+           !files_.Find(directory, "index.php").file && files_.IsAtHand(directory, "index.html");
   }
+  if (!site.fallback.empty() && !files_.IsAtHand(directory, site.fallback)) return false;
   const std::string path = request.path.substr(request.path.empty() ? 0 : 1);
   if (!IsServed(request, path)) return true;
   if (path.starts_with(client.cgiUrlPrefix) || path.ends_with(client.scriptExtension)) return false;
@@ -134,10 +139,10 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
 bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
                                    const std::shared_ptr<ZrXHeader>& request,
                                    const std::string& path) {
-  if (RefuseMethod(client, *request)) return true;
-  if (!path.ends_with('/')) {
+  if (!path.empty() && !path.ends_with('/')) {
+    if (RefuseMethod(client, *request)) return true;
     const auto answer = request->MakeResponse();
-    zr::AnswerWithPage(*request, *answer, 301);
+    zr::AnswerWithPage(*request, *answer, 301, client.Site());
     answer->SetField("Location", zr::DirectoryAddress(*request));
     client.SendAnswer(*request, answer);
     return true;
@@ -148,15 +153,47 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
     return scripts_ && scripts_->RunScript(client, request, script, ZrScriptKind::kPhp);
   const std::string page = path + "index.html";
   ZrServedFiles::Found index = files_.Find(directory, page);
-  return index.file && !index.file->IsDirectory() &&
-         SendFile(client, *request, page, std::move(index));
+  if (index.file && !index.file->IsDirectory())
+    return SendFile(client, *request, page, std::move(index));
+  return client.Site().browse && ListDirectory(client, *request, path);
+}
+
+bool ZrStaticFiles::ListDirectory(ZrTransceiverClient& client, const ZrXHeader& request,
+                                  const std::string& path) {
+  const std::string start = zr::NormalizeDirectoryPath(client.startDirectory);
+  const auto directory = files_.Find(start, path.empty() ? "." : path).file;
+  if (!directory) return false;
+  if (RefuseMethod(client, request)) return true;
+  const auto answer = request.MakeResponse();
+  zr::AnswerWithListing(*answer, *directory, path,
+                        [&](const std::string& link) { return files_.Find(start, link).file; });
+  client.SendAnswer(request, answer);
+  return true;
+}
+
+// A path that a program in the browser knows, not the site: pages only, so that a script or a
+// picture that is missing is said to be missing.
+bool ZrStaticFiles::ServeFallback(ZrTransceiverClient& client, const ZrXHeader& request) {
+  const std::string& page = client.Site().fallback;
+  if (page.empty() || !zr::AsksForPage(request)) return false;
+  if (request.path != "/" && !IsServed(request, request.path.substr(request.path.empty() ? 0 : 1)))
+    return false;
+  ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), page);
+  if (!found.file || !found.file->IsRegular()) return false;
+  const auto answer = request.MakeResponse();
+  zr::AnswerWithFile(request, *answer, zr::NormalizeDirectoryPath(client.startDirectory) + page,
+                     std::move(found), client.Site());
+  answer->AddField("Vary", "Accept");
+  client.SendAnswer(request, answer);
+  return true;
 }
 
 void ZrStaticFiles::AnswerNotFound(ZrTransceiverClient& client,
                                    const std::shared_ptr<ZrXHeader>& request) {
   const auto answer = request->MakeResponse();
   if (request->semantics->IsStandard()) {
-    zr::AnswerWithPage(*request, *answer, 404);
+    if (ServeFallback(client, *request)) return;
+    zr::AnswerWithPage(*request, *answer, 404, client.Site());
     return client.SendAnswer(*request, answer);
   }
   answer->SetStatus(404);

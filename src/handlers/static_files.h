@@ -8,7 +8,6 @@
 
 #include "handlers/content_handler.h"
 #include "handlers/served_files.h"
-#include "http/content_types.h"
 
 class ZrScriptRunner;
 
@@ -34,12 +33,14 @@ class ZrStaticFiles : public ZrContentHandler {
                 ZrServedFiles::Found found);
   bool ServeDirectory(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                       const std::string& path);
+  bool ListDirectory(ZrTransceiverClient& client, const ZrXHeader& request,
+                     const std::string& path);
+  bool ServeFallback(ZrTransceiverClient& client, const ZrXHeader& request);
   bool ServeDefaultDocument(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request);
   bool ServePath(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                  const std::string& path);
 
   ZrServedFiles files_;
-  const ZrContentTypes types_;
   const std::shared_ptr<ZrScriptRunner> scripts_;
   // The same for every request. Not one for all applications: it would be destroyed at the exit of
   // a host that does not stop its servers, and their tasks still read it then.

@@ -7,6 +7,7 @@
 #include "base/line_writer.h"
 #include "handlers/cgi.h"
 #include "handlers/request_handler.h"
+#include "handlers/site.h"
 #include "handlers/static_files.h"
 #include "http/protocol_kind.h"
 #include "http/response_head.h"
@@ -85,6 +86,10 @@ void ZrQuarnApplication2::startServers() {
         [this](ZrServerCallback_t& record) { return onServerEvent(record); }, options,
         questions_.get(), content_);
     client->AnswerAtOnce();
+    if (server.site)
+      client->SetSite(server.site);
+    else if (server.options.Get("semantics") == "standard")
+      client->SetSite(zr::MakeSite());
     transceiver_.AddClient(client);
     server.client = client;
 
@@ -93,6 +98,7 @@ void ZrQuarnApplication2::startServers() {
     head->SetOption("tcp_port", std::to_string(server.port));
     head->SetOption("tcp_address", server.address);
     head->SetOption("semantics", server.options.Get("semantics"));
+    head->SetOption("logformat", server.options.Get("logformat"));
     if (server.options.Has("quiet")) head->SetOption("quiet", server.options.Get("quiet"));
     if (head->ProtocolKind() == zr::kProtocolHttps) {
       head->SetOption("cacertificate", server.options.Get("cacertificate", "cacert.pem"));

@@ -8,6 +8,7 @@
 #include "base/option_map.h"
 
 class ZrTransceiverClient;
+struct ZrSite;
 
 /// An entry of an application's server list.
 struct ZrServerDefinition {
@@ -15,8 +16,11 @@ struct ZrServerDefinition {
   std::int32_t port = 0;  ///< 0 lets the system choose
   std::int32_t protocolKind = 0;  ///< a number of http/protocol_kind.h
   /// https: "cacertificate" and "privatekey", names of PEM files; http and https: "semantics",
-  /// "minimal" (also without) or "standard". Any: "quiet", a port that cannot be listened on is
+  /// "minimal" (also without) or "standard", and "logformat", "velkoro" (also without), "combined"
+  /// or "json". Any: "quiet", a port that cannot be listened on is
   /// reported, but not on standard error.
   ZrOptionMap options = {};
+  /// Standard semantics: what the site has beyond its files; null: what every site has.
+  std::shared_ptr<const ZrSite> site = nullptr;
   std::shared_ptr<ZrTransceiverClient> client = nullptr;  ///< filled by startServers()
 };

@@ -8,6 +8,8 @@ namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
+constexpr std::size_t kMostFields = 8;  // of one answer
+
 std::int64_t SecondsOf(std::int64_t nanoseconds) {
   // Downwards, also before 1970.
   const std::int64_t seconds = nanoseconds / kNanosecondsPerSecond;
@@ -31,6 +33,7 @@ ZrFileAnswer zr::AnswerForFile(const ZrHeaderFields& request, const ZrFileFacts&
   const std::int64_t modified = std::min(SecondsOf(file.version.modified), now);
   const ZrValidators current{EntityTag(file.version, file.coding), modified};
   ZrFileAnswer answer;
+  answer.fields.reserve(kMostFields);
   const auto add = [&answer](std::string_view name, std::string value) {
     answer.fields.emplace_back(name, std::move(value));
   };

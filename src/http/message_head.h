@@ -183,6 +183,7 @@ class ZrXHeader : public ZrJob {
   // `filePath` with `contentLength` and, when it is open already, the file.
   std::unique_ptr<ZrStringBuf> body;
   std::uint64_t contentLength = 0;   // to send: the length last written
+  std::uint64_t headBytes = 0;       // ... and that of the head
   std::uint64_t declaredLength = 0;  // received: the "content-length" field
   std::string filePath;
   std::shared_ptr<const ZrFile> bodyFile;
@@ -199,6 +200,7 @@ class ZrXHeader : public ZrJob {
   std::uint64_t status = 500;
   std::string location;   // for status 303
   bool streamed = false;  // standard: the body comes behind the head, in pieces of unknown number
+  std::shared_ptr<const ZrHeaderFields> addedFields;  // standard: the site's; may be none
   bool answered = false;  // an answer to one of our own requests was accepted
 
   // Form fields; the indexes point into the blocks.

@@ -9,19 +9,22 @@ namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
 
-// More than the fixed part of a head, so that it is written into one piece of memory.
+// More than the usual head, so that it is written into one piece of memory.
 constexpr std::size_t kUsualHeadBytes = 160;
+constexpr std::size_t kUsualStandardHeadBytes = 448;
 
 }  // namespace
 
 bool ZrXHeader::WriteHead(ZrStringBuf& out) {
   ZrLock hold(headLock);
   if (State() != zr::kHeadStateComplete || messageType == ZrMessageType::kNone) return false;
-  out.Reserve(out.Size() + kUsualHeadBytes);
+  const std::uint64_t before = out.Size();
+  out.Reserve(before + (semantics->IsStandard() ? kUsualStandardHeadBytes : kUsualHeadBytes));
   if (messageType == ZrMessageType::kAnswer)
     semantics->WriteAnswerHead(*this, out);
   else
     WriteRequestHead(out);
+  headBytes = out.Size() - before;
   headWritten_ = true;
   return true;
 }

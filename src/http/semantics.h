@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <string_view>
 
 #include "http/fwd.h"
@@ -50,8 +49,9 @@ class ZrSemantics {
   virtual std::string_view StatusPhrase(std::uint64_t status) const = 0;
   /// Whether the answer's body goes out behind its head (not for HEAD, for instance).
   virtual bool SendsBody(const ZrXHeader& answer) const = 0;
-  /// What is said to a peer whose message did not come in time, a whole answer; empty: nothing.
-  virtual std::string LateAnswer() const = 0;
+  /// A message did not come in time. Yes: it is complete now, to be answered with that status only.
+  /// No: its peer is told nothing.
+  virtual bool RefuseLate(ZrXHeader& message) const = 0;
   /// Whether answers may have fields, statuses and bodies beyond those of the minimal dialect.
   virtual bool IsStandard() const = 0;
 

@@ -11,6 +11,6 @@ class ZrMinimalSemantics final : public ZrSemantics {
   void WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const override;
   std::string_view StatusPhrase(std::uint64_t status) const override;
   bool SendsBody(const ZrXHeader&) const override { return true; }
-  std::string LateAnswer() const override { return {}; }
+  bool RefuseLate(ZrXHeader&) const override { return false; }
   bool IsStandard() const override { return false; }
 };

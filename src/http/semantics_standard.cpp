@@ -1,6 +1,7 @@
 #include "http/semantics_standard.h"
 
 #include <algorithm>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -108,12 +109,6 @@ ZrReadStep BeginBody(ZrXHeader& message) {
 
 // ---- Answers -----------------------------------------------------------------------------------
 
-// Fields that only the server can give: they say where the answer ends, or what it is.
-bool IsServersOwn(std::string_view name) {
-  return name == "content-length" || name == "transfer-encoding" || name == "connection" ||
-         name == "date" || name == "server" || name == "keep-alive";
-}
-
 // What a program writes in front of its page becomes fields and the status of the answer. The
 // answer to a local redirect is asked for by the client: that leads to the same page, and its
 // address is the right one then.
@@ -136,18 +131,34 @@ void TakeProgramHead(ZrXHeader& answer) {
 bool HasNoBody(std::uint64_t status) { return status < 200 || status == 204 || status == 304; }
 
 void AppendField(ZrStringBuf& out, std::string_view name, std::string_view value) {
-  std::string written(name);
+  const std::span<char> written = out.Prepare(name.size());
   bool begins = true;
-  for (char& c : written) {
-    if (begins && c >= 'a' && c <= 'z') c = static_cast<char>(c & ~0x20);
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    const char c = name[i];
+    written[i] = begins && c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
     begins = c == '-';
   }
-  out.Append(written.append(": "));
+  out.Commit(name.size());
+  out.Append(": ");
   out.Append(value);
   out.Append("\r\n");
 }
 
+// The site's fields. What an answer says of itself is not said twice, but for lists.
+void AppendAdded(const ZrXHeader& answer, ZrStringBuf& out) {
+  for (const auto& [name, values] : *answer.addedFields) {
+    const bool list = name == "vary" || name == "link" || name == "set-cookie";
+    if (!list && answer.headers.contains(name)) continue;
+    for (const std::string_view value : values) AppendField(out, name, value);
+  }
+}
+
 }  // namespace
+
+bool zr::IsServersOwnField(std::string_view name) {
+  return name == "content-length" || name == "transfer-encoding" || name == "connection" ||
+         name == "date" || name == "server" || name == "keep-alive";
+}
 
 ZrReadStep ZrStandardSemantics::Read(ZrXHeader& message, const HeadCallback& onHead) const {
   if (message.refusal != 0) return ZrReadStep::kComplete;
@@ -160,13 +171,9 @@ ZrReadStep ZrStandardSemantics::Read(ZrXHeader& message, const HeadCallback& onH
   return BeginBody(message);
 }
 
-std::string ZrStandardSemantics::LateAnswer() const {
-  const auto answer = zr::MakeJob<ZrXResponseHeader>(zr::kProtocolHttp);
-  answer->status = kRequestTimeout;
-  answer->closeRequested = true;
-  ZrStringBuf out;
-  WriteAnswerHead(*answer, out);
-  return out.Take();
+bool ZrStandardSemantics::RefuseLate(ZrXHeader& message) const {
+  Refuse(message, kRequestTimeout);
+  return true;
 }
 
 std::string_view ZrStandardSemantics::StatusPhrase(std::uint64_t status) const {
@@ -218,9 +225,10 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
     out.Append("\r\n");
   }
   for (const auto& [name, values] : answer.headers) {
-    if (!zr::IsToken(name) || IsServersOwn(name)) continue;
+    if (!zr::IsToken(name) || zr::IsServersOwnField(name)) continue;
     for (const std::string_view value : values)
       if (zr::IsFieldValue(value)) AppendField(out, name, value);
   }
+  if (answer.addedFields) AppendAdded(answer, out);
   out.Append("\r\n");
 }

@@ -9,6 +9,10 @@ namespace zr {
 /// Limits of a request's head, in bytes; beyond them it is answered with 414 and 431.
 inline constexpr std::size_t kMaxRequestLine = std::size_t{16} * 1024;
 
+/// Whether only the server can give a field of that name (lower case): it says where an answer
+/// ends, or what it is.
+bool IsServersOwnField(std::string_view name);
+
 }  // namespace zr
 
 /// Threads: any.
@@ -18,6 +22,6 @@ class ZrStandardSemantics final : public ZrSemantics {
   void WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const override;
   std::string_view StatusPhrase(std::uint64_t status) const override;
   bool SendsBody(const ZrXHeader& answer) const override;
-  std::string LateAnswer() const override;
+  bool RefuseLate(ZrXHeader& message) const override;
   bool IsStandard() const override { return true; }
 };

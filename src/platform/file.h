@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/descriptor.h"
 
@@ -48,6 +49,17 @@ class ZrFile {
   /// The same for bytes that the system has in memory; nothing when it would have to wait for any
   /// of them, or cannot tell.
   std::optional<std::size_t> ReadAtHand(std::uint64_t offset, std::span<char> target) const;
+  /// What stands in a directory.
+  struct Entry {
+    enum class Kind : std::uint8_t { kFile, kDirectory, kLink };
+    std::string name;
+    Kind kind = Kind::kFile;
+    std::uint64_t size = 0;     ///< of a file
+    std::int64_t modified = 0;  ///< nanoseconds since 1970
+  };
+  /// The files, directories and links in a directory, in no order, at most that many of them; empty
+  /// when it cannot be read, and for a file.
+  std::vector<Entry> Entries(std::size_t most) const;
   /// For zr::SendFile(). Stays owned by this object.
   int Descriptor() const noexcept { return descriptor_.Get(); }
 

@@ -162,6 +162,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::TakeComplete(
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
                                                                const ConnectionPointer& connection,
                                                                const HandlerPointer& client) {
+  const bool late = connection->TakeLate();
   std::shared_ptr<ZrXHeader> head = MessageOf(connection, client);
   if (!head) return nullptr;
   ZrReadStep step = ZrReadStep::kClose;
@@ -170,6 +171,10 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
     connection->TakeReceived(head->Input());
     step = head->semantics->Read(
         *head, [&client](ZrXHeader& read) { return client->OnHeadComplete(read); });
+    // One that is complete by now after all has its answer instead.
+    if (late && step != ZrReadStep::kComplete && step != ZrReadStep::kClose &&
+        head->semantics->RefuseLate(*head))
+      step = ZrReadStep::kComplete;
   }
   if (step == ZrReadStep::kHead) {
     connection->BeginHead(head->semantics);
@@ -383,18 +388,31 @@ void ZrTransceiverServerL1HTTP::Log(const ZrTransceiverConnection& connection,
   const auto remote = peer.find("remoteaddress");
   const auto referer = head.RequestField("referer");
   const auto userAgent = head.RequestField("user-agent");
+  const auto words = head.RequestField(zr::kFirstLine);
   ZrServerCallback_t record;
   record.kind = ZrServerCallback_t::kMessageLogged;
-  record.info.Set("logging",
-                  zr::AccessLogLine({
-                      .remote = remote == peer.end() ? "none" : std::string_view(remote->second),
-                      .scheme = zr::ProtocolSchemeName(head.ProtocolKind()),
-                      .seconds = head.created / 10'000'000,
-                      .requestText = head.requestSummary,
-                      .status = head.status,
-                      .bytes = bytes,
-                      .referer = referer.empty() ? "-" : referer.front(),
-                      .userAgent = userAgent.empty() ? "-" : userAgent.front(),
-                  }));
+  record.info.Set(
+      "logging", zr::AccessLogLine(
+                     {
+                         .remote = remote == peer.end() ? "none" : std::string_view(remote->second),
+                         .scheme = zr::ProtocolSchemeName(head.ProtocolKind()),
+                         .created = head.created,
+                         .requestText = head.requestSummary,
+                         .version = words.size() > 2 ? words[2] : std::string_view(),
+                         .status = head.status,
+                         .bytes = bytes,
+                         .headBytes = head.headBytes,
+                         .referer = referer.empty() ? "-" : referer.front(),
+                         .userAgent = userAgent.empty() ? "-" : userAgent.front(),
+                     },
+                     logFormat_));
   TellOwner(record);
+}
+
+std::string ZrTransceiverServerL1HTTP::PeerText(std::string numericName) const {
+  constexpr std::string_view kMapped = "::ffff:";
+  if (semantics_->IsStandard() && numericName.starts_with(kMapped) &&
+      numericName.find('.') != std::string::npos)
+    numericName.erase(0, kMapped.size());
+  return numericName;
 }

@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "http/access_log.h"
 #include "http/answer_reader.h"
 #include "http/protocol_kind.h"
 #include "http/semantics.h"
@@ -24,12 +25,14 @@
 class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
  public:
   /// Listening or connecting, with the arguments of the base. The option "semantics" of the
-  /// configuration head names the rules of its messages; throws ZrException for an unknown name.
+  /// configuration head names the rules of its messages, "logformat" the form of its lines; throws
+  /// ZrException for an unknown name.
   template <class... Args>
   explicit ZrTransceiverServerL1HTTP(Args&&... args)
       : ZrTransceiverServerL0Socket(std::forward<Args>(args)...) {
     protocolKind_ = zr::kProtocolHttp;
     semantics_ = &ZrSemantics::Named(Option("semantics"));
+    logFormat_ = zr::AccessLogFormatNamed(Option("logformat"));
   }
 
   bool ReceiveEvent(const ZrJobEvent& event) override ZR_REQUIRES(lock_);
@@ -46,6 +49,9 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
       std::span<const std::shared_ptr<ZrTransceiverConnection>> connections) override;
 
  protected:
+  /// In standard semantics an IPv4 peer of a socket for both families is named by its IPv4 address.
+  std::string PeerText(std::string numericName) const override;
+
   const ZrSemantics* semantics_;  // constant after construction
 
  private:
@@ -118,6 +124,8 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   void Write(ZrTransceiver& transceiver, ZrTransceiverConnection& connection,
              ZrXHeader& head) noexcept;
   void Log(const ZrTransceiverConnection& connection, const ZrXHeader& head, std::uint64_t bytes);
+
+  zr::AccessLogFormat logFormat_ = zr::AccessLogFormat::kVelkoro;  // constant after construction
 
   // While that has not come (monotonic ns), nothing is handled on the receive job: a pass there
   // took too long.

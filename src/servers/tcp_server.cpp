@@ -226,7 +226,7 @@ void ZrTransceiverServerL0Socket::AcceptWaiting(ZrSocketIPvx& listener,
 void ZrTransceiverServerL0Socket::TakePeer(std::shared_ptr<ZrSocketIPvx> socket,
                                            const ZrServerCallback_t& listening) {
   ZrTransceiver* const transceiver = Transceiver();
-  const std::string host = socket->peerAddress();
+  const std::string host = PeerText(socket->peerAddress());
   const std::string port = socket->peerPort();
   if (transceiver == nullptr || !configuration_->AcceptsPeer(HostRecord({type_, host, port})) ||
       transceiver->ConnectionCount() >= connectionCap_)

@@ -63,6 +63,8 @@ class ZrTransceiverServerL0Socket : public ZrTransceiverServerL0 {
       const std::shared_ptr<ZrSocketIPvx>& socket);
 
  protected:
+  /// How a peer is named, by the numeric name of its address.
+  virtual std::string PeerText(std::string numericName) const { return numericName; }
   /// An option of the configuration head; the default in a connecting server.
   std::string Option(std::string_view name, std::string_view defaultValue = {}) const;
   /// Whether a connecting start is to be given up: it was stopped, or takes too long.

@@ -90,6 +90,7 @@ void ZrTransceiverConnection::EndHead() { headSince_.store(0, std::memory_order_
 void ZrTransceiverConnection::EndBody() {
   bodySince_.store(0, std::memory_order_relaxed);
   bodyHeld_.store(0, std::memory_order_relaxed);
+  late_.store(false, std::memory_order_relaxed);
 }
 
 std::optional<std::int64_t> ZrTransceiverConnection::SilentSinceNs() {
@@ -107,17 +108,14 @@ void ZrTransceiverConnection::NoteBody(const ZrSemantics& rules, std::uint64_t a
   if (bodySince_.load(std::memory_order_relaxed) == 0) bodySince_ = owner_.Clock().MonotonicNs();
 }
 
-bool ZrTransceiverConnection::AnswerLate() {
+bool ZrTransceiverConnection::TellLate() {
   const ZrSemantics* const rules = rules_;
-  if (rules == nullptr || (headSince_ == 0 && bodySince_ == 0)) return false;
-  const std::string answer = rules->LateAnswer();
-  // In an item of its own: if the message is complete by now after all, it has its answer instead.
-  if (answer.empty() || !BeginItem()) return false;
+  if (rules == nullptr || !rules->IsStandard() || (headSince_ == 0 && bodySince_ == 0))
+    return false;
   EndHead();
   EndBody();
-  std::size_t accepted = 0;
-  SendBytes(answer.data(), answer.size(), accepted);
-  CloseAfterItem();
+  late_ = true;
+  Announce();
   return true;
 }
 

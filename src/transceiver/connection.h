@@ -189,9 +189,11 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   bool TakeStalled();
   /// Monotonic time (nanoseconds) from which on HasExpired() answers yes, as things stand.
   std::int64_t NextExpiryNs();
-  /// Its time limit has passed: queues what is to be said of a message that did not come in time,
-  /// as an item that the caller ends. No: nothing is to be said.
-  bool AnswerLate();
+  /// Its time limit has passed: tells the server of a message that did not come in time and whose
+  /// rules have an answer for that. No: there is none.
+  bool TellLate();
+  /// Whether that was told and nobody has asked yet.
+  bool TakeLate() { return late_ && late_.exchange(false); }
   /// Its time limit has passed: it is not drained but goes at once.
   void MarkExpired() { expired_.store(true, std::memory_order_release); }
   /// The transceiver knows it and finds it by name.
@@ -238,6 +240,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   ZrTurn turn_;
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
+  std::atomic<bool> late_{false};           // TellLate() was called
   std::atomic<std::int64_t> headSince_{0};  // monotonic time at which the head began; 0: none
   std::atomic<std::int64_t> bodySince_{0};  // monotonic time at which the body began; 0: none
   std::atomic<std::int64_t> bodyTime_{0};   // nanoseconds that it may take, by what has come

@@ -383,10 +383,7 @@ std::int64_t ZrTransceiver::CheckServers() {
 void ZrTransceiver::CheckConnection(const ConnectionPointer& connection) {
   if (!connection->HasExpired()) return housekeeper_.Watch(connection);
   if (connection->IsClosing()) return RemoveConnection(*connection);
-  if (connection->AnswerLate()) {
-    if (connection->EndItem() == ZrTransceiverConnection::AfterItem::kClose) connection->Close();
-    return housekeeper_.Watch(connection);
-  }
+  if (connection->TellLate()) return housekeeper_.Watch(connection);
   ZrJobEvent event;
   event.code = kZrEventTimeLimit;
   event.jobName = connection->JobName();

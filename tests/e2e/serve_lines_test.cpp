@@ -106,9 +106,16 @@ class Unread {
                                         const std::string& redirections,
                                         const std::vector<std::string>& options) {
     folder.Write("a", "page");
-    std::vector<std::string> words = {
-        "sh",          "-c",       "exec \"$@\" " + redirections, "sh", VELKORO_PROGRAM, "serve",
-        folder.Path(), "--listen", "http://127.0.0.1:0"};
+    std::vector<std::string> words = {"sh",
+                                      "-c",
+                                      "exec \"$@\" " + redirections,
+                                      "sh",
+                                      VELKORO_PROGRAM,
+                                      "serve",
+                                      folder.Path(),
+                                      "--minimal",
+                                      "--listen",
+                                      "http://127.0.0.1:0"};
     words.insert(words.end(), options.begin(), options.end());
     return words;
   }

@@ -36,7 +36,7 @@ TEST(Serve, AnswersAndLogsOnEveryProtocol) {
   const char* const schemes[] = {"http", "https", "quarn"};
   for (std::size_t i = 0; i < 3; ++i) {
     const std::regex line(
-        R"(127\.0\.0\.1 - )" + std::string(schemes[i]) +
+        R"(::ffff:127\.0\.0\.1 - )" + std::string(schemes[i]) +
         R"( - \[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d \d{4}\] )" +
         (i < 2 ? R"("GET /" --> 200 )" + rest : R"("GET /" --> 404 \d+ "-" "-")"));
     EXPECT_TRUE(std::regex_match(served.Log()[i], line)) << served.Log()[i];
@@ -255,6 +255,19 @@ TEST(Serve, SaysInOneLineWhatIsWrong) {
       {{"serve", "--page", "a=/dev/null"}, 1, {"is no regular file"}},
       {{"serve", "--page", "a=" + folder.Path("sparse")}, 1, {"is longer than 256 MiB"}},
       {{"serve", ""}, 2, {"empty name"}},
+      {{"serve", "--minimal", "--browse"}, 2, {"--minimal excludes --browse"}},
+      {{"serve", "--header", "X"}, 2, {"give 'NAME: VALUE'"}},
+      {{"serve", "--header", "X Y: 1"}, 2, {"the name is no token"}},
+      {{"serve", "--header", "X: 1\r\nY: 2"}, 2, {"control character"}},
+      {{"serve", "--header", "Content-Length: 2"}, 2, {"the server's own"}},
+      {{"serve", "--header", "Cache-Control: x", "--cache", "1"}, 2, {"give one of them"}},
+      {{"serve", "--cache", "-1"}, 2, {"--cache"}},
+      {{"serve", "--type", "x=y"}, 2, {"--type x=y: give EXT=TYPE"}},
+      {{"serve", "--error-page", "200=" + key}, 2, {"give STATUS=FILE"}},
+      {{"serve", "--error-page", "404=" + folder.Path("none")}, 1, {"404 is not there"}},
+      {{"serve", "--fallback", "../x"}, 2, {"beneath the document directory"}},
+      {{"serve", "--fallback", "none"}, 1, {"'none' for --fallback is not in"}},
+      {{"serve", "--log-format", "x"}, 2, {"--log-format"}},
       {{"serve", certificate}, 1, {"is a file; name a directory"}},
       {{"serve", "--grace", "nan"}, 2, {"'nan' is no number from 0 to 86400"}},
       {{"serve", "--php", "no-such-php"}, 1, {"no program 'no-such-php' on PATH"}},

@@ -13,8 +13,9 @@ namespace {
 
 std::vector<std::string> Words(const TemporaryFolder& folder,
                                const std::vector<std::string>& protocols,
-                               const std::vector<std::string>& options) {
+                               const std::vector<std::string>& options, Semantics semantics) {
   std::vector<std::string> words = {VELKORO_PROGRAM, "serve", folder.Path()};
+  if (semantics == Semantics::kMinimal) words.push_back("--minimal");
   for (const std::string& protocol : protocols) {
     words.insert(words.end(), {"--listen", protocol + "://127.0.0.1:0"});
   }
@@ -34,8 +35,8 @@ std::vector<std::string> Lines(const std::string& text) {
 }  // namespace
 
 Served::Served(const TemporaryFolder& folder, const std::vector<std::string>& protocols,
-               const std::vector<std::string>& options)
-    : program_(Words(folder, protocols, options)) {
+               const std::vector<std::string>& options, Semantics semantics)
+    : program_(Words(folder, protocols, options, semantics)) {
   const std::regex serving(" on ([a-z]+)://127\\.0\\.0\\.1:([0-9]+)/");
   const bool listens = WaitFor([&] {
     for (const std::string& line : Lines(program_.Output())) {

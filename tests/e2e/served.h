@@ -9,13 +9,16 @@
 
 namespace zrtest {
 
+enum class Semantics { kMinimal, kStandard };
+
 /// One running server; ended with the object. Serves `folder` with the certificate of the tests.
 class Served {
  public:
   /// The protocols get one server each; further options of the command may follow.
   explicit Served(const TemporaryFolder& folder,
                   const std::vector<std::string>& protocols = {"https"},
-                  const std::vector<std::string>& options = {});
+                  const std::vector<std::string>& options = {},
+                  Semantics semantics = Semantics::kMinimal);
 
   /// The port of a protocol's server.
   int Port(const std::string& protocol) const { return ports_.at(protocol); }

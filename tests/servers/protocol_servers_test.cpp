@@ -324,7 +324,7 @@ TEST(Http, AMessageThatComesTooLateIsAnsweredWhereAnswersSaySo) {
   std::string name;
   bed.onMessage = [&name](ServerBed& self, const ServerBed::Message& m) {
     name = m->route[0];
-    self.Answer(*m, "ok");
+    self.Answer(*m, "ok", m->refusal == 0 ? 200 : m->refusal);
     return 1;
   };
   const int port = bed.Open(zr::kProtocolHttp, {{"semantics", "standard"}});

@@ -84,9 +84,10 @@ class ServerBed {
     return found;
   }
   /// Answers a request; an empty body is sent as such. Any thread.
-  void Answer(const ZrXHeader& request, std::string_view body) {
+  void Answer(const ZrXHeader& request, std::string_view body, std::uint64_t status = 200) {
     const auto answer = request.MakeResponse();
     answer->SetBodyText(body);
+    answer->SetStatus(status);
     Send(request, answer);
   }
   void Send(const ZrXHeader& request, const std::shared_ptr<ZrXHeader>& answer) {

@@ -5,6 +5,7 @@
 
 #include "platform/file.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -138,6 +139,51 @@ std::optional<std::size_t> ZrFile::ReadAtHand(std::uint64_t offset, std::span<ch
   });
   if (count < 0) return std::nullopt;
   return static_cast<std::size_t>(count);
+}
+
+namespace {
+
+std::int64_t Nanoseconds(const timespec& time) {
+  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+std::optional<ZrFile::Entry> EntryOf(int directory, const char* name) {
+  using Kind = ZrFile::Entry::Kind;
+  struct stat status {};
+  if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
+  Kind kind = Kind::kFile;
+  if (S_ISDIR(status.st_mode))
+    kind = Kind::kDirectory;
+  else if (S_ISLNK(status.st_mode))
+    kind = Kind::kLink;
+  else if (!S_ISREG(status.st_mode))
+    return {};
+  return ZrFile::Entry{name, kind,
+                       kind == Kind::kFile ? static_cast<std::uint64_t>(status.st_size) : 0,
+                       Nanoseconds(status.st_mtim)};
+}
+
+}  // namespace
+
+std::vector<ZrFile::Entry> ZrFile::Entries(std::size_t most) const {
+  std::vector<Entry> entries;
+  // A stream of its own: this object's place in the directory is shared by all who use it.
+  const int own =
+      Retried([&] { return ::openat(descriptor_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+  if (own < 0) return entries;
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(own), ::closedir);
+  if (!stream) {
+    ::close(own);
+    return entries;
+  }
+  while (entries.size() < most) {
+    const dirent* const found = ::readdir(stream.get());
+    if (found == nullptr) break;
+    const std::string_view name = found->d_name;
+    if (name == "." || name == "..") continue;
+    if (auto entry = EntryOf(own, found->d_name)) entries.push_back(std::move(*entry));
+  }
+  return entries;
 }
 
 // ---- Directories -------------------------------------------------------------------------------

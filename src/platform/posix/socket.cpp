@@ -131,26 +131,7 @@ ZrAccepted AcceptPeer(int listener) {
   return result;
 }
 
-namespace {
-
-ZrSocketAddress Unmapped(const ZrSocketAddress& address) {
-  sockaddr_in6 six{};
-  if (address.family != ZrAddressFamily::kIPv6 || address.length < sizeof six) return address;
-  ::memcpy(&six, address.bytes.data(), sizeof six);
-  if (!IN6_IS_ADDR_V4MAPPED(&six.sin6_addr)) return address;
-  sockaddr_in four{};
-  four.sin_family = AF_INET;
-  four.sin_port = six.sin6_port;
-  ::memcpy(&four.sin_addr, &six.sin6_addr.s6_addr[12], sizeof four.sin_addr);
-  return FromNative(&four, sizeof four, AF_INET);
-}
-
-}  // namespace
-
-// An IPv4 peer of a socket that serves both families is named by its IPv4 address, which is what
-// logs are searched for and programs compare.
-ZrNumericName NumericName(const ZrSocketAddress& given) {
-  const ZrSocketAddress address = Unmapped(given);
+ZrNumericName NumericName(const ZrSocketAddress& address) {
   std::array<char, NI_MAXHOST> host{};
   std::array<char, NI_MAXSERV> service{};
   if (::getnameinfo(Native(address), address.length, host.data(), host.size(), service.data(),
