@@ -57,14 +57,10 @@ bool IsHttp(std::uint32_t protocolKind) {
 /// One call into the transceiver, with no lock held: DetachTransceiver waits for its end.
 class ZrTransceiverClient::TransceiverUse {
  public:
-  explicit TransceiverUse(ZrTransceiverClient& client) : client_(client) {
-    ZrLock hold(client_.lock_);
-    transceiver_ = client_.transceiver_;
-    ++client_.uses_;
-  }
+  explicit TransceiverUse(ZrTransceiverClient& client)
+      : client_(client), transceiver_(client.EnterTransceiver()) {}
   ~TransceiverUse() {
-    ZrLock hold(client_.lock_);
-    if (--client_.uses_ == 0) client_.unused_.NotifyAll();
+    if (transceiver_ != nullptr) client_.LeaveTransceiver();
   }
   TransceiverUse(const TransceiverUse&) = delete;
   TransceiverUse& operator=(const TransceiverUse&) = delete;
@@ -74,8 +70,19 @@ class ZrTransceiverClient::TransceiverUse {
 
  private:
   ZrTransceiverClient& client_;
-  ZrTransceiver* transceiver_ = nullptr;
+  ZrTransceiver* const transceiver_;
 };
+
+ZrTransceiver* ZrTransceiverClient::EnterTransceiver() {
+  ZrLock hold(lock_);
+  if (transceiver_ != nullptr) ++uses_;
+  return transceiver_;
+}
+
+void ZrTransceiverClient::LeaveTransceiver() {
+  ZrLock hold(lock_);
+  if (--uses_ == 0) unused_.NotifyAll();
+}
 
 ZrTransceiverClient::ZrTransceiverClient(ZrServerCallback reports, ZrOptionMap settings,
                                          ZrRequestApplication* asked,
@@ -183,6 +190,14 @@ void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
   const TransceiverUse transceiver(*this);
   if (transceiver.Get() != nullptr)
     transceiver.Get()->Send(*this, answer, callback, request.target, true);
+}
+
+std::unique_ptr<ZrAnswerStream> ZrTransceiverClient::OpenAnswer(const ZrXHeader& request,
+                                                                ZrAnswerStream::Notices notices) {
+  const TransceiverUse transceiver(*this);
+  return std::make_unique<ZrAnswerStream>(
+      transceiver.Get() == nullptr ? nullptr : transceiver.Get()->FindClient(JobName()), request,
+      std::move(notices));
 }
 
 std::shared_ptr<ZrMemoryBudget> ZrTransceiverClient::Memory() {

@@ -18,6 +18,7 @@
 #include "handlers/request_application.h"
 #include "jobs/job.h"
 #include "platform/sync.h"
+#include "transceiver/answer_stream.h"
 #include "transceiver/fwd.h"
 #include "transceiver/message_handler.h"
 
@@ -71,6 +72,10 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// any.
   void SendAnswer(const ZrXHeader& request, const std::shared_ptr<ZrXResponseHeader>& answer);
 
+  /// A way to answer the request, which is one of standard semantics, piece by piece.
+  std::unique_ptr<ZrAnswerStream> OpenAnswer(const ZrXHeader& request,
+                                             ZrAnswerStream::Notices notices = {});
+
   /// Answers with a status and a short page that says it; `allow` is the list of methods that a 204
   /// or 405 names. Threads: any.
   void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});
@@ -82,6 +87,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   void AnswerAtOnce() { answersAtOnce_ = true; }
   bool CannotWait(const ZrXHeader& message) override;
 
+  ZrTransceiver* EnterTransceiver() override ZR_EXCLUDES(lock_);
+  void LeaveTransceiver() override ZR_EXCLUDES(lock_);
   ZrJob& HandlerJob() override { return *this; }
 
   // Constant after construction.

@@ -197,9 +197,10 @@ class ZrXHeader : public ZrJob {
 
   // The answer.
   std::uint64_t status = 500;
-  std::string location;   // for status 303
-  bool streamed = false;  // standard: the body comes behind the head, in pieces of unknown number
-  bool answered = false;  // an answer to one of our own requests was accepted
+  std::string location;      // for status 303
+  bool streamed = false;     // standard: the body comes behind the head, in pieces
+  bool lengthKnown = false;  // ... which have `contentLength` bytes together
+  bool answered = false;     // an answer to one of our own requests was accepted
 
   // Form fields; the indexes point into the blocks.
   std::vector<std::unique_ptr<ZrHTTPMessageBlock>> blocks;

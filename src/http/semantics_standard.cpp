@@ -174,7 +174,7 @@ std::string_view ZrStandardSemantics::StatusPhrase(std::uint64_t status) const {
 }
 
 bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
-  return answer.method != ZrMethod::kHead && !answer.streamed && !HasNoBody(answer.status);
+  return answer.method != ZrMethod::kHead && !HasNoBody(answer.status);
 }
 
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
@@ -183,7 +183,8 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
   if (answer.filePath.empty() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
   // A client of the old version finds the end of a streamed body at the end of the connection.
-  if (answer.streamed && answer.oldVersion) answer.closeRequested = true;
+  const bool endless = answer.streamed && !answer.lengthKnown && !HasNoBody(answer.status);
+  if (endless && answer.oldVersion) answer.closeRequested = true;
 
   out.Append("HTTP/1.1 ");
   zr::AppendNumber(out, answer.status);
@@ -198,14 +199,13 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
   else if (answer.keepsOld)
     out.Append("\r\nConnection: keep-alive");
   if (!HasNoBody(answer.status)) {
-    if (!answer.streamed) {
+    if (!endless) {
       out.Append("\r\nContent-Length: ");
       zr::AppendNumber(out, answer.contentLength);
     } else if (!answer.oldVersion) {
       out.Append("\r\nTransfer-Encoding: chunked");
     }
-    if ((answer.contentLength != 0 || answer.streamed) &&
-        !answer.headers.contains("content-type")) {
+    if ((answer.contentLength != 0 || endless) && !answer.headers.contains("content-type")) {
       out.Append(answer.filePath.empty() ? "\r\nContent-Type: text/html; charset=utf-8"
                                          : "\r\nContent-Type: application/octet-stream");
     }
