@@ -262,8 +262,7 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
     case zr::kProtocolHttp:
     case zr::kProtocolHttps:
       if (AnswerByRule(*request)) return kHandled;
-      if (!FormCommandStep(request) && content_ && !content_->ServeRequest(*this, request))
-        content_->AnswerNotFound(*this, request);
+      if (!FormCommandStep(request)) ServeContent(request);
       return kHandled;
     case zr::kProtocolQuarn:
       if (!FormCommandStep(request)) {
@@ -275,6 +274,10 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
     default:
       return kMeaningless;
   }
+}
+
+void ZrTransceiverClient::ServeContent(const std::shared_ptr<ZrXHeader>& request) {
+  if (content_ && !content_->ServeRequest(*this, request)) content_->AnswerNotFound(*this, request);
 }
 
 int ZrTransceiverClient::AcceptAnswer(const std::string& name,

@@ -76,6 +76,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   std::unique_ptr<ZrAnswerStream> OpenAnswer(const ZrXHeader& request,
                                              ZrAnswerStream::Notices notices = {});
 
+  /// Serves a request from pages, scripts and files, or says that it was not found. Threads: any.
+  void ServeContent(const std::shared_ptr<ZrXHeader>& request);
   /// Answers with a status and a short page that says it; `allow` is the list of methods that a 204
   /// or 405 names. Threads: any.
   void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});

@@ -33,6 +33,12 @@ bool IsServed(const ZrXHeader& request, std::string_view path) {
   return zr::IsServedPath(known ? path.substr(kWellKnown.size()) : path);
 }
 
+/// Whether the path may go on behind the name of a script; only standard semantics know that.
+bool HasExtraPath(const ZrTransceiverClient& client, const ZrXHeader& request,
+                  std::string_view path) {
+  return request.semantics->IsStandard() && path.find(client.scriptExtension + "/") != path.npos;
+}
+
 /// What a stored page raises while it is made or sent ends in the 404 answer.
 bool SendStoredPage(ZrTransceiverClient& client, const ZrXHeader& request,
                     const std::string& name) {
@@ -85,7 +91,8 @@ bool ZrStaticFiles::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& requ
   if (client.startDirectory.empty() || !scripts_) return false;
   const std::string_view path = request.path;
   return path.substr(0, 1 + client.cgiUrlPrefix.size()) == "/" + client.cgiUrlPrefix ||
-         path.ends_with(client.scriptExtension) || path.ends_with('/');
+         path.ends_with(client.scriptExtension) || path.ends_with('/') ||
+         HasExtraPath(client, request, path);
 }
 
 // Small files that the system has in memory, and what is not there. Stored pages may be long,
@@ -99,7 +106,9 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
   }
   const std::string path = request.path.substr(request.path.empty() ? 0 : 1);
   if (!IsServed(request, path)) return true;
-  if (path.starts_with(client.cgiUrlPrefix) || path.ends_with(client.scriptExtension)) return false;
+  if (path.starts_with(client.cgiUrlPrefix) || path.ends_with(client.scriptExtension) ||
+      HasExtraPath(client, request, path))
+    return false;
   if (client.application != nullptr && client.application->hasStoredValue(path)) return false;
   return files_.IsAtHand(directory, path);
 }
@@ -120,7 +129,10 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
     return scripts_ && scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
   }
   ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), path);
-  if (!found.file) return false;
+  if (!found.file) {
+    return HasExtraPath(client, *request, path) && scripts_ &&
+           scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
+  }
   if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension))
     return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   if (found.file->IsDirectory() && request->semantics->IsStandard())

@@ -13,6 +13,8 @@ class ZrBodyEncoder {
   /// Encodes the piece and appends all that the receiver needs to read it, so that nothing of it
   /// waits for the next one. Throws std::bad_alloc.
   virtual void Encode(std::string_view piece, ZrStringBuf& out) = 0;
+  /// The same, but what it appends, if anything, is for the coding to choose.
+  virtual void Add(std::string_view piece, ZrStringBuf& out) = 0;
   /// Appends what ends the body. Called once, last. Throws std::bad_alloc.
   virtual void Finish(ZrStringBuf& out) = 0;
 };

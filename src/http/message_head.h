@@ -173,6 +173,7 @@ class ZrXHeader : public ZrJob {
   std::string query;  // GET (minimal), any method (standard): the target after it
   ZrMethod method = ZrMethod::kGet;
   std::string authority;    // standard: the host and port that the request is for
+  int localRedirects = 0;   // standard: programs that named another page so far
   bool oldVersion = false;  // standard: HTTP/1.0
   bool keepsOld = false;    // ... that may keep its connection
   std::uint64_t refusal =
