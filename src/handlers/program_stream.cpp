@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "handlers/request_handler.h"
+#include "http/body_coding.h"
 #include "http/field_list.h"
 #include "http/message_head.h"
 #include "http/response_head.h"
@@ -101,8 +102,12 @@ void ZrProgramStream::Begin() {
   stream_ = client_.OpenAnswer(request_, {.room = [room = room_] { room->Raise(); }, .gone = {}});
   answer_->lengthKnown = program_.contentLength.has_value();
   answer_->contentLength = program_.contentLength.value_or(0);
+  const ZrCoding coding = client_.Compression() == nullptr
+                              ? ZrCoding::kIdentity
+                              : zr::ChooseBodyCoding(request_, *answer_, program_.contentLength);
+  if (coding != ZrCoding::kIdentity) zr::SetBodyCoding(*answer_, coding);
   state_ = State::kStream;
-  if (!stream_->Begin(answer_)) {
+  if (!stream_->Begin(answer_, zr::MakeBodyEncoder(coding))) {
     state_ = State::kOver;
     return buffer_.Clear();
   }
@@ -120,9 +125,10 @@ void ZrProgramStream::Pass() {
 }
 
 void ZrProgramStream::SendWhole() {
-  if (program_.contentLength && request_.method != ZrMethod::kHead &&
-      *program_.contentLength != buffer_.Size()) {
-    // Its own length counts: what is beyond it is dropped, what is missing shows.
+  const bool other = program_.contentLength && *program_.contentLength != buffer_.Size();
+  if (request_.method == ZrMethod::kHead ? buffer_.Empty() : other) {
+    // Its own length counts: what is beyond it is dropped, what is missing shows. One that wrote no
+    // page for a HEAD request has told no length at all.
     Begin();
     if (state_ == State::kStream) stream_->End();
     return;

@@ -4,7 +4,9 @@
 
 #include "base/batch.h"
 #include "handlers/command_handler.h"
+#include "handlers/compression.h"
 #include "handlers/standard_files.h"
+#include "http/body_coding.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
 #include "http/protocol_kind.h"
@@ -186,10 +188,31 @@ std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message,
 
 void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
                                      const std::shared_ptr<ZrXResponseHeader>& answer) {
+  if (!CompressFirst(request, answer)) SendNow(request.target, answer);
+}
+
+void ZrTransceiverClient::SendNow(const std::string& target,
+                                  const std::shared_ptr<ZrXResponseHeader>& answer) {
   answer->SetState(zr::kHeadStateComplete);
   const TransceiverUse transceiver(*this);
-  if (transceiver.Get() != nullptr)
-    transceiver.Get()->Send(*this, answer, callback, request.target, true);
+  if (transceiver.Get() != nullptr) transceiver.Get()->Send(*this, answer, callback, target, true);
+}
+
+// Whether the answer is on its way there, and sent afterwards.
+bool ZrTransceiverClient::CompressFirst(const ZrXHeader& request,
+                                        const std::shared_ptr<ZrXResponseHeader>& answer) {
+  if (!compression_ || !answer->body || answer->body->Size() < zr::kLeastCompressed) return false;
+  const ZrCoding coding = zr::ChooseBodyCoding(request, *answer, answer->body->Size());
+  if (coding == ZrCoding::kIdentity) return false;
+  return compression_->OfBody(
+      answer->body->Unread(), coding, request.peerWatch,
+      [this, answer, coding, target = request.target](const ZrCompression::Bytes& made) {
+        if (made) {
+          zr::SetBodyCoding(*answer, coding);
+          answer->SetBytesBody(made);
+        }
+        SendNow(target, answer);
+      });
 }
 
 std::unique_ptr<ZrAnswerStream> ZrTransceiverClient::OpenAnswer(const ZrXHeader& request,

@@ -7,6 +7,7 @@
 
 #include "base/path.h"
 #include "base/string_buffer.h"
+#include "handlers/compression.h"
 #include "handlers/request_handler.h"
 #include "handlers/script_runner.h"
 #include "handlers/served_path.h"
@@ -69,21 +70,44 @@ bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
   return ServePath(client, request, path);
 }
 
-bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const ZrXHeader& request,
+bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                              const std::string& path, ZrServedFiles::Found found) {
-  if (RefuseMethod(client, request)) return true;
-  const auto answer = request.MakeResponse();
-  std::string name = zr::NormalizeDirectoryPath(client.startDirectory) + path;
-  if (request.semantics->IsStandard()) {
-    zr::AnswerWithFile(request, *answer, std::move(name), std::move(found), types_);
-  } else {
-    answer->SetStatus(200);
-    answer->SetFileBody(std::move(name), found.file->Size());
-    answer->SetBodyFile(std::move(found.file));
-    answer->fileBytes = std::move(found.bytes);
+  if (RefuseMethod(client, *request)) return true;
+  if (request->semantics->IsStandard()) {
+    SendStandardFile(client, request, path, std::move(found));
+    return true;
   }
-  client.SendAnswer(request, answer);
+  const auto answer = request->MakeResponse();
+  answer->SetStatus(200);
+  answer->SetFileBody(zr::NormalizeDirectoryPath(client.startDirectory) + path, found.file->Size());
+  answer->SetBodyFile(std::move(found.file));
+  answer->fileBytes = std::move(found.bytes);
+  client.SendAnswer(*request, answer);
   return true;
+}
+
+void ZrStaticFiles::SendStandardFile(ZrTransceiverClient& client,
+                                     const std::shared_ptr<ZrXHeader>& request,
+                                     const std::string& path, ZrServedFiles::Found found) {
+  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  zr::FileForm form{.found = std::move(found)};
+  if (client.Compression() != nullptr)
+    form = zr::ChooseFileForm(*request, files_, directory, path, std::move(form.found), types_);
+  const auto answer = request->MakeResponse();
+  zr::AnswerWithFile(*request, *answer, directory + path, form, types_);
+  // Who has that version already is not made to wait for it.
+  if (!form.compresses || answer->status != 200) return client.SendAnswer(*request, answer);
+  const auto send = [this, &client, request, answer, name = directory + path,
+                     form](const ZrCompression::Bytes& made) {
+    if (made) {
+      answer->SetBytesBody(made);
+      return client.SendAnswer(*request, answer);
+    }
+    const auto plain = request->MakeResponse();
+    zr::AnswerWithFile(*request, *plain, name, {.found = form.found, .varies = true}, types_);
+    client.SendAnswer(*request, plain);
+  };
+  if (!client.Compression()->OfFile(form.found.file, form.coding, send)) send(nullptr);
 }
 
 // Programs and scripts do, by the names that they have; whether they are there is seen later.
@@ -102,7 +126,9 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
   if (request.path == "/") {
     return files_.IsAtHand(directory, "index.php") && !files_.Find(directory, "index.php").file &&
-           files_.IsAtHand(directory, "index.html");
+           files_.IsAtHand(directory, "index.html") &&
+           (client.Compression() == nullptr ||
+            zr::IsFormAtHand(request, files_, directory, "index.html"));
   }
   const std::string path = request.path.substr(request.path.empty() ? 0 : 1);
   if (!IsServed(request, path)) return true;
@@ -110,7 +136,8 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
       HasExtraPath(client, request, path))
     return false;
   if (client.application != nullptr && client.application->hasStoredValue(path)) return false;
-  return files_.IsAtHand(directory, path);
+  return files_.IsAtHand(directory, path) &&
+         (client.Compression() == nullptr || zr::IsFormAtHand(request, files_, directory, path));
 }
 
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
@@ -119,7 +146,7 @@ bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
   if (files_.Find(directory, "index.php").file)
     return scripts_ && scripts_->RunScript(client, request, "index.php", ZrScriptKind::kPhp);
   ZrServedFiles::Found index = files_.Find(directory, "index.html");
-  return index.file && SendFile(client, *request, "index.html", std::move(index));
+  return index.file && SendFile(client, request, "index.html", std::move(index));
 }
 
 bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
@@ -137,7 +164,7 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
     return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   if (found.file->IsDirectory() && request->semantics->IsStandard())
     return ServeDirectory(client, request, path);
-  return SendFile(client, *request, path, std::move(found));
+  return SendFile(client, request, path, std::move(found));
 }
 
 // What a directory answers in standard semantics: its own page, at an address that ends with a
@@ -160,7 +187,7 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
   const std::string page = path + "index.html";
   ZrServedFiles::Found index = files_.Find(directory, page);
   return index.file && !index.file->IsDirectory() &&
-         SendFile(client, *request, page, std::move(index));
+         SendFile(client, request, page, std::move(index));
 }
 
 void ZrStaticFiles::AnswerNotFound(ZrTransceiverClient& client,

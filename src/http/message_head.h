@@ -125,6 +125,8 @@ class ZrXHeader : public ZrJob {
   void SetFileBody(std::string path, std::uint64_t length);
   /// The open file of SetFileBody(): status and bytes then come from this one descriptor.
   void SetBodyFile(std::shared_ptr<const ZrFile> file);
+  /// The body is these bytes and no file any more.
+  void SetBytesBody(std::shared_ptr<const std::string> bytes);
   /// Hands over the body, an empty buffer when there is none.
   std::unique_ptr<ZrStringBuf> TakeBody();
   /// Sets "time_used" (microseconds since `created`, six decimals) and "status_code".
