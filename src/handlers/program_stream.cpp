@@ -106,11 +106,11 @@ void ZrProgramStream::Begin() {
                               ? ZrCoding::kIdentity
                               : zr::ChooseBodyCoding(request_, *answer_, program_.contentLength);
   if (coding != ZrCoding::kIdentity) zr::SetBodyCoding(*answer_, coding);
-  state_ = State::kStream;
   if (!stream_->Begin(answer_, zr::MakeBodyEncoder(coding))) {
     state_ = State::kOver;
     return buffer_.Clear();
   }
+  state_ = State::kStream;
   if (buffer_.Empty()) return stream_->Flush();
   Pass();
 }
@@ -147,6 +147,10 @@ std::string ZrProgramStream::Finish(ZrPipeExecEnd end) {
         stream_->Abort();
       break;
     case State::kGather:
+      if (stream_ && stream_->Begun()) {  // memory ran out while it began
+        stream_->Abort();
+        break;
+      }
       if (whole) {
         SendWhole();
         break;

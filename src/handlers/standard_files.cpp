@@ -29,15 +29,12 @@ constexpr const char* kBrotliEnding = ".br";
 constexpr const char* kGzipEnding = ".gz";
 
 /// The codings in which this request would take that file.
-ZrCodingOffer WantedCodings(const ZrXHeader& request, std::string_view path) {
+ZrCodingOffer WantedForms(const ZrXHeader& request, std::string_view path) {
   const auto accepts = request.headers["accept-encoding"];
   if (accepts.empty() || request.headers.contains("range") || path.ends_with(kBrotliEnding) ||
       path.ends_with(kGzipEnding))
     return {};
-  const auto takes = [&](ZrCodingOffer offer) {
-    return zr::ChooseCoding(accepts, offer) != ZrCoding::kIdentity;
-  };
-  return {.gzip = takes({.gzip = true}), .brotli = takes({.brotli = true})};
+  return zr::WantedCodings(accepts);
 }
 
 bool AppendRange(const ZrServedFiles::Found& found, const ZrByteRange& range, ZrStringBuf& body) {
@@ -80,7 +77,7 @@ zr::FileForm zr::ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
   const std::uint64_t size = found.file->Size();
   const bool compressible =
       size >= kLeastCompressed && size <= kMostCompressed && IsCompressible(types.TypeOf(path));
-  const ZrCodingOffer wanted = WantedCodings(request, path);
+  const ZrCodingOffer wanted = WantedForms(request, path);
   const auto beside = [&](bool isWanted, const char* ending) {
     ZrServedFiles::Found other;
     if (isWanted) other = files.Find(directory, path + ending);
@@ -90,9 +87,10 @@ zr::FileForm zr::ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
   ZrServedFiles::Found brotli = beside(wanted.brotli, kBrotliEnding);
   ZrServedFiles::Found gzip = beside(wanted.gzip, kGzipEnding);
   FileForm form{.varies = compressible || brotli.file || gzip.file};
-  form.coding = ChooseCoding(request.headers["accept-encoding"],
-                             {.gzip = wanted.gzip && (compressible || gzip.file),
-                              .brotli = wanted.brotli && (compressible || brotli.file)});
+  const ZrCodingOffer offer{.gzip = wanted.gzip && (compressible || gzip.file),
+                            .brotli = wanted.brotli && (compressible || brotli.file)};
+  if (offer.gzip || offer.brotli)
+    form.coding = ChooseCoding(request.headers["accept-encoding"], offer);
   ZrServedFiles::Found& made = form.coding == ZrCoding::kBrotli ? brotli : gzip;
   form.compresses = form.coding != ZrCoding::kIdentity && !made.file;
   const bool plain = form.coding == ZrCoding::kIdentity || form.compresses;
@@ -102,7 +100,7 @@ zr::FileForm zr::ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
 
 bool zr::IsFormAtHand(const ZrXHeader& request, ZrServedFiles& files, const std::string& directory,
                       const std::string& path) {
-  const ZrCodingOffer wanted = WantedCodings(request, path);
+  const ZrCodingOffer wanted = WantedForms(request, path);
   return (!wanted.brotli || files.IsAtHand(directory, path + kBrotliEnding)) &&
          (!wanted.gzip || files.IsAtHand(directory, path + kGzipEnding));
 }
