@@ -7,6 +7,7 @@
 #include "handlers/compression.h"
 #include "handlers/standard_files.h"
 #include "http/body_coding.h"
+#include "http/body_store.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
 #include "http/protocol_kind.h"
@@ -332,8 +333,11 @@ int ZrTransceiverClient::AcceptAnswer(const std::string& name,
 
 bool ZrTransceiverClient::FormCommandStep(const std::shared_ptr<ZrXHeader>& request) {
   if (!IsHttp(request->ProtocolKind())) return false;
-  // A body that cannot be read as a form leaves the fields of the query.
-  static_cast<void>(ParseFormBody(*request));
+  // A body that cannot be read as a form leaves the fields of the query. A large one is not taken
+  // apart for nobody: its fields would lie in memory beside it.
+  const bool commands = application != nullptr && application->takesCommands();
+  if (commands || !request->body || request->body->Size() <= ZrBodyStore::kHeapLimit)
+    static_cast<void>(ParseFormBody(*request));
   return RunCommand(request, std::string(zr::FieldText(request->allFields, idField)));
 }
 
