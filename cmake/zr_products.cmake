@@ -22,7 +22,8 @@ foreach(layer IN LISTS zr_layers)
   list(APPEND zr_objects $<TARGET_OBJECTS:${layer}>)
 endforeach()
 add_library(velkoro-core STATIC ${zr_objects})
-target_link_libraries(velkoro-core PRIVATE OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+target_link_libraries(velkoro-core PRIVATE OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB PkgConfig::BROTLIENC
+                                           Threads::Threads)
 target_include_directories(
   velkoro-core INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
                          $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>

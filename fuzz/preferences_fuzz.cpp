@@ -21,6 +21,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ZR_FUZZ_CHECK(coding != ZrCoding::kGzip || offer.gzip);
     ZR_FUZZ_CHECK(coding != ZrCoding::kBrotli || offer.brotli);
     ZR_FUZZ_CHECK(coding == zr::ChooseCoding(cut["f"], offer));
+    const ZrCodingOffer wanted = zr::WantedCodings(whole["f"]);
+    const bool wants = (offer.gzip && wanted.gzip) || (offer.brotli && wanted.brotli);
+    ZR_FUZZ_CHECK(wants == (coding != ZrCoding::kIdentity));
   }
   const zr::Weight html = zr::MediaWeight(whole["f"], "text/html");
   ZR_FUZZ_CHECK(html >= 0 && html <= zr::kFullWeight);

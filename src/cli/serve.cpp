@@ -51,6 +51,7 @@ struct ServeOptions {
   double grace = kDefaultGrace;
   bool open = false;
   bool waitForPort = false;
+  bool noCompression = false;
 };
 
 /// A line on standard error that waits for nobody: the servers go on whoever reads it.
@@ -101,6 +102,7 @@ class Serving {
                                 .protocolKind = static_cast<std::int32_t>(url.protocolKind)};
       server.options.Set("semantics", options_.minimal ? "minimal" : "standard");
       server.options.Set("logformat", options_.logFormat);
+      if (options_.noCompression) server.options.Set("compression", "no");
       server.options.Set("quiet", "yes");  // what a port's failure means is said here
       servers.push_back(std::move(server));
     }
@@ -211,6 +213,8 @@ void AddServe(CLI::App& program, Run& chosen) {
                  "Speak the system's own small dialect of HTTP instead of what browsers and tools "
                  "expect");
   AddSiteOptions(serve, options->site);
+  serve.add_flag("--no-compression", options->noCompression,
+                 "Send bodies as they are, also to clients that accept gzip or brotli");
   serve
       .add_option("--php", options->php,
                   "The PHP interpreter for pages that end in .php [php-cgi, when it is installed]")

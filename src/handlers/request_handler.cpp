@@ -4,7 +4,10 @@
 
 #include "base/batch.h"
 #include "handlers/command_handler.h"
+#include "handlers/compression.h"
 #include "handlers/standard_files.h"
+#include "http/body_coding.h"
+#include "http/body_store.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
 #include "http/protocol_kind.h"
@@ -57,14 +60,10 @@ bool IsHttp(std::uint32_t protocolKind) {
 /// One call into the transceiver, with no lock held: DetachTransceiver waits for its end.
 class ZrTransceiverClient::TransceiverUse {
  public:
-  explicit TransceiverUse(ZrTransceiverClient& client) : client_(client) {
-    ZrLock hold(client_.lock_);
-    transceiver_ = client_.transceiver_;
-    ++client_.uses_;
-  }
+  explicit TransceiverUse(ZrTransceiverClient& client)
+      : client_(client), transceiver_(client.EnterTransceiver()) {}
   ~TransceiverUse() {
-    ZrLock hold(client_.lock_);
-    if (--client_.uses_ == 0) client_.unused_.NotifyAll();
+    if (transceiver_ != nullptr) client_.LeaveTransceiver();
   }
   TransceiverUse(const TransceiverUse&) = delete;
   TransceiverUse& operator=(const TransceiverUse&) = delete;
@@ -74,8 +73,19 @@ class ZrTransceiverClient::TransceiverUse {
 
  private:
   ZrTransceiverClient& client_;
-  ZrTransceiver* transceiver_ = nullptr;
+  ZrTransceiver* const transceiver_;
 };
+
+ZrTransceiver* ZrTransceiverClient::EnterTransceiver() {
+  ZrLock hold(lock_);
+  if (transceiver_ != nullptr) ++uses_;
+  return transceiver_;
+}
+
+void ZrTransceiverClient::LeaveTransceiver() {
+  ZrLock hold(lock_);
+  if (--uses_ == 0) unused_.NotifyAll();
+}
 
 ZrTransceiverClient::ZrTransceiverClient(ZrServerCallback reports, ZrOptionMap settings,
                                          ZrRequestApplication* asked,
@@ -180,10 +190,39 @@ std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message,
 void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
                                      const std::shared_ptr<ZrXResponseHeader>& answer) {
   if (answer->semantics->IsStandard()) answer->addedFields = site_->Fields();
+  if (!CompressFirst(request, answer)) SendNow(request.target, answer);
+}
+
+void ZrTransceiverClient::SendNow(const std::string& target,
+                                  const std::shared_ptr<ZrXResponseHeader>& answer) {
   answer->SetState(zr::kHeadStateComplete);
   const TransceiverUse transceiver(*this);
-  if (transceiver.Get() != nullptr)
-    transceiver.Get()->Send(*this, answer, callback, request.target);
+  if (transceiver.Get() != nullptr) transceiver.Get()->Send(*this, answer, callback, target);
+}
+
+// Whether the answer is on its way there, and sent afterwards.
+bool ZrTransceiverClient::CompressFirst(const ZrXHeader& request,
+                                        const std::shared_ptr<ZrXResponseHeader>& answer) {
+  if (!compression_ || !answer->body || answer->body->Size() < zr::kLeastCompressed) return false;
+  const ZrCoding coding = zr::ChooseBodyCoding(request, *answer, answer->body->Size());
+  if (coding == ZrCoding::kIdentity) return false;
+  return compression_->OfBody(
+      answer->body->Unread(), coding, request.peerWatch,
+      [this, answer, coding, target = request.target](const ZrCompression::Bytes& made) {
+        if (made) {
+          zr::SetBodyCoding(*answer, coding);
+          answer->SetBytesBody(made);
+        }
+        SendNow(target, answer);
+      });
+}
+
+std::unique_ptr<ZrAnswerStream> ZrTransceiverClient::OpenAnswer(const ZrXHeader& request,
+                                                                ZrAnswerStream::Notices notices) {
+  const TransceiverUse transceiver(*this);
+  return std::make_unique<ZrAnswerStream>(
+      transceiver.Get() == nullptr ? nullptr : transceiver.Get()->FindClient(JobName()), request,
+      std::move(notices));
 }
 
 std::shared_ptr<ZrMemoryBudget> ZrTransceiverClient::Memory() {
@@ -248,8 +287,7 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
     case zr::kProtocolHttp:
     case zr::kProtocolHttps:
       if (AnswerByRule(*request)) return kHandled;
-      if (!FormCommandStep(request) && content_ && !content_->ServeRequest(*this, request))
-        content_->AnswerNotFound(*this, request);
+      if (!FormCommandStep(request)) ServeContent(request);
       return kHandled;
     case zr::kProtocolQuarn:
       if (!FormCommandStep(request)) {
@@ -261,6 +299,10 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
     default:
       return kMeaningless;
   }
+}
+
+void ZrTransceiverClient::ServeContent(const std::shared_ptr<ZrXHeader>& request) {
+  if (content_ && !content_->ServeRequest(*this, request)) content_->AnswerNotFound(*this, request);
 }
 
 int ZrTransceiverClient::AcceptAnswer(const std::string& name,
@@ -292,8 +334,11 @@ int ZrTransceiverClient::AcceptAnswer(const std::string& name,
 
 bool ZrTransceiverClient::FormCommandStep(const std::shared_ptr<ZrXHeader>& request) {
   if (!IsHttp(request->ProtocolKind())) return false;
-  // A body that cannot be read as a form leaves the fields of the query.
-  static_cast<void>(ParseFormBody(*request));
+  // A body that cannot be read as a form leaves the fields of the query. A large one is not taken
+  // apart for nobody: its fields would lie in memory beside it.
+  const bool commands = application != nullptr && application->takesCommands();
+  if (commands || !request->body || request->body->Size() <= ZrBodyStore::kHeapLimit)
+    static_cast<void>(ParseFormBody(*request));
   return RunCommand(request, std::string(zr::FieldText(request->allFields, idField)));
 }
 

@@ -6,6 +6,7 @@
 
 #include "base/line_writer.h"
 #include "handlers/cgi.h"
+#include "handlers/compression.h"
 #include "handlers/request_handler.h"
 #include "handlers/site.h"
 #include "handlers/static_files.h"
@@ -46,6 +47,7 @@ ZrQuarnApplication2::ZrQuarnApplication2(ZrPersistentAppStorage* storage,
     : launcher_(scheduler_),
       questions_(std::make_unique<Questions>(*this)),
       scripts_(std::make_shared<ZrCgi>(scheduler_)),
+      compression_(std::make_shared<ZrCompression>(scheduler_)),
       content_(std::make_shared<ZrStaticFiles>(scripts_)),
       transceiver_(scheduler_, zr::ProtocolServers(zr::OutgoingPools())),
       storage_(storage),
@@ -77,6 +79,7 @@ void ZrQuarnApplication2::stopServers() {
   // answers.
   transceiver_.StopServers();
   scripts_->Stop();
+  compression_->Stop();
 }
 
 void ZrQuarnApplication2::startServers() {
@@ -90,6 +93,7 @@ void ZrQuarnApplication2::startServers() {
       client->SetSite(server.site);
     else if (server.options.Get("semantics") == "standard")
       client->SetSite(zr::MakeSite());
+    if (server.options.Get("compression") != "no") client->Compress(compression_);
     transceiver_.AddClient(client);
     server.client = client;
 

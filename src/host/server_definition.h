@@ -16,8 +16,8 @@ struct ZrServerDefinition {
   std::int32_t port = 0;  ///< 0 lets the system choose
   std::int32_t protocolKind = 0;  ///< a number of http/protocol_kind.h
   /// https: "cacertificate" and "privatekey", names of PEM files; http and https: "semantics",
-  /// "minimal" (also without) or "standard", and "logformat", "velkoro" (also without), "combined"
-  /// or "json". Any: "quiet", a port that cannot be listened on is
+  /// "minimal" (also without) or "standard", "logformat", "velkoro" (also without), "combined" or
+  /// "json", and "compression", "no" for none. Any: "quiet", a port that cannot be listened on is
   /// reported, but not on standard error.
   ZrOptionMap options = {};
   /// Standard semantics: what the site has beyond its files; null: what every site has.

@@ -40,6 +40,26 @@ void ForEachElement(const ZrHeaderFields::Values& values, Visit visit) {
       });
 }
 
+/// Unnamed, a coding is refused and the plain body is the last resort.
+struct CodingWeights {
+  explicit CodingWeights(const ZrHeaderFields::Values& acceptEncoding) {
+    std::optional<zr::Weight> ofIdentity, ofGzip, ofBrotli, others;
+    ForEachElement(acceptEncoding, [&](const Element& element) {
+      const auto named = [&](std::string_view name) {
+        return zr::EqualsIgnoringCase(element.text, name);
+      };
+      if (named("br")) ofBrotli = element.weight;
+      if (named("gzip") || named("x-gzip")) ofGzip = element.weight;
+      if (named("identity")) ofIdentity = element.weight;
+      if (named("*")) others = element.weight;
+    });
+    brotli = ofBrotli.value_or(others.value_or(0));
+    gzip = ofGzip.value_or(others.value_or(0));
+    identity = ofIdentity.value_or(0);
+  }
+  zr::Weight brotli, gzip, identity;
+};
+
 }  // namespace
 
 zr::Weight zr::ReadWeight(std::string_view text) {
@@ -59,23 +79,18 @@ zr::Weight zr::ReadWeight(std::string_view text) {
 
 ZrCoding zr::ChooseCoding(const ZrHeaderFields::Values& acceptEncoding,
                           const ZrCodingOffer& offer) {
-  std::optional<Weight> identity, gzip, brotli, others;
-  ForEachElement(acceptEncoding, [&](const Element& element) {
-    const auto named = [&](std::string_view name) {
-      return EqualsIgnoringCase(element.text, name);
-    };
-    if (named("br")) brotli = element.weight;
-    if (named("gzip") || named("x-gzip")) gzip = element.weight;
-    if (named("identity")) identity = element.weight;
-    if (named("*")) others = element.weight;
-  });
-  // Unnamed, a coding is refused and the plain body is the last resort.
-  const Weight ofBrotli = offer.brotli ? brotli.value_or(others.value_or(0)) : 0;
-  const Weight ofGzip = offer.gzip ? gzip.value_or(others.value_or(0)) : 0;
-  const Weight least = identity.value_or(0);
-  if (ofBrotli > 0 && ofBrotli >= ofGzip && ofBrotli >= least) return ZrCoding::kBrotli;
-  if (ofGzip > 0 && ofGzip >= least) return ZrCoding::kGzip;
+  const CodingWeights weights(acceptEncoding);
+  const Weight ofBrotli = offer.brotli ? weights.brotli : 0;
+  const Weight ofGzip = offer.gzip ? weights.gzip : 0;
+  if (ofBrotli > 0 && ofBrotli >= ofGzip && ofBrotli >= weights.identity) return ZrCoding::kBrotli;
+  if (ofGzip > 0 && ofGzip >= weights.identity) return ZrCoding::kGzip;
   return ZrCoding::kIdentity;
+}
+
+ZrCodingOffer zr::WantedCodings(const ZrHeaderFields::Values& acceptEncoding) {
+  const CodingWeights weights(acceptEncoding);
+  return {.gzip = weights.gzip > 0 && weights.gzip >= weights.identity,
+          .brotli = weights.brotli > 0 && weights.brotli >= weights.identity};
 }
 
 std::string_view zr::CodingName(ZrCoding coding) {

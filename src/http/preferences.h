@@ -30,6 +30,8 @@ Weight ReadWeight(std::string_view text);
 /// identity. Elements that cannot be read are skipped. Identity also when the request refuses all
 /// that there is: it can read that more likely than an error page.
 ZrCoding ChooseCoding(const ZrHeaderFields::Values& acceptEncoding, const ZrCodingOffer& offer);
+/// The codings that ChooseCoding() would choose if each were the only one.
+ZrCodingOffer WantedCodings(const ZrHeaderFields::Values& acceptEncoding);
 /// The token of "Content-Encoding"; empty for identity.
 std::string_view CodingName(ZrCoding coding);
 

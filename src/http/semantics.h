@@ -47,7 +47,8 @@ class ZrSemantics {
   virtual void WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const = 0;
   /// The reason phrase of a status, empty for one that is never written.
   virtual std::string_view StatusPhrase(std::uint64_t status) const = 0;
-  /// Whether the answer's body goes out behind its head (not for HEAD, for instance).
+  /// Whether the answer's body goes out behind its head (not for HEAD, for instance), at once or in
+  /// pieces.
   virtual bool SendsBody(const ZrXHeader& answer) const = 0;
   /// A message did not come in time. Yes: it is complete now, to be answered with that status only.
   /// No: its peer is told nothing.

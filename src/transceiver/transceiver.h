@@ -82,6 +82,8 @@ class ZrTransceiver final : public ZrJob {
   /// owner and the connection by an event with code 2. Ignores unknown names, and the flag.
   void RemoveConnection(const std::string& name, bool flag = false);
   void RemoveConnection(ZrTransceiverConnection& connection);
+  /// The same in a way that the peer cannot take for an end in order.
+  void ResetConnection(ZrTransceiverConnection& connection);
   /// Ends a connection in order: reading stops, what is queued is sent, the sending side is shut
   /// down, and it goes with the peer's end or a moment later. An expired one goes at once.
   void FinishConnection(ZrTransceiverConnection& connection);
