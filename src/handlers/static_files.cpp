@@ -131,21 +131,25 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
   if (client.startDirectory.empty()) return true;
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
   const ZrSite& site = client.Site();
+  // Of what is not there, the page that answers for it is asked as well.
+  const auto atHand = [&](const std::string& path) {
+    return files_.IsAtHand(directory, path) &&
+           (client.Compression() == nullptr ||
+            zr::IsFormAtHand(request, files_, directory, path)) &&
+           (site.fallback.empty() || files_.Find(directory, path).file ||
+            files_.IsAtHand(directory, site.fallback));
+  };
   if (request.path == "/") {
     return !site.browse && files_.IsAtHand(directory, "index.php") &&
-           !files_.Find(directory, "index.php").file && files_.IsAtHand(directory, "index.html") &&
-           (client.Compression() == nullptr ||
-            zr::IsFormAtHand(request, files_, directory, "index.html"));
+           !files_.Find(directory, "index.php").file && atHand("index.html");
   }
-  if (!site.fallback.empty() && !files_.IsAtHand(directory, site.fallback)) return false;
   const std::string path = request.path.substr(request.path.empty() ? 0 : 1);
   if (!IsServed(request, path)) return true;
   if (path.starts_with(client.cgiUrlPrefix) || path.ends_with(client.scriptExtension) ||
       HasExtraPath(client, request, path))
     return false;
   if (client.application != nullptr && client.application->hasStoredValue(path)) return false;
-  return files_.IsAtHand(directory, path) &&
-         (client.Compression() == nullptr || zr::IsFormAtHand(request, files_, directory, path));
+  return atHand(path);
 }
 
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,

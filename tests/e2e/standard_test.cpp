@@ -92,6 +92,10 @@ TEST_F(Standard, ServesRealClients) {
   EXPECT_TRUE(answer.ends_with("made:a b|202"));
   EXPECT_EQ(Asked("/", {"-d", form, "-H", "Transfer-Encoding: chunked"}), "made:a b|202");
   EXPECT_EQ(Asked("/", {"-F", "quarnid=echo", "-F", "x=y"}), ":y|200");
+  for (const char* method : {"PUT", "PATCH", "DELETE"}) {
+    EXPECT_EQ(Asked("/?quarnid=echo&x=1", {"-X", method}), ":1|200");
+    EXPECT_EQ(Asked("/", {"-X", method, "-d", "quarnid=echo&x=2"}), ":2|200");
+  }
   // A large body waits for the word to go on; curl would wait a second for none.
   const std::string big = form + std::string(2 << 20, 'c');
   const RunResult large = Curl("/",

@@ -350,6 +350,8 @@ TEST(Http, AMessageThatComesTooLateIsAnsweredWhereAnswersSaySo) {
     got += client.ReadToEnd();
     EXPECT_EQ(got.starts_with("HTTP/1.1 408 Request Timeout\r\n"), !idle) << got;
     EXPECT_EQ(got.find("\r\nConnection: close\r\n") != got.npos, !idle);
+    const auto logged = bed.Records(ZrServerCallback_t::kMessageLogged);
+    EXPECT_EQ(logged.back().info.Get("logging").find("--> 408 ") != got.npos, !idle);
     client.FinishSending();
     clock.Advance(5s);
     bed.transceiver.WakeHousekeeper();
@@ -539,9 +541,13 @@ TEST(Servers, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
     std::deque<RawClient> silent;
     for (int i = 0; i < 300; ++i) silent.emplace_back(port).Send("GET / HTTP/1.1\r\n");
     ASSERT_TRUE(bed.WaitForConnections(1 + silent.size()));
-    clock.Advance(200s);
-    bed.transceiver.WakeHousekeeper();
-    ASSERT_TRUE(bed.WaitForConnections(1));
+    const auto expire = [&] {
+      clock.Advance(200s);
+      bed.transceiver.WakeHousekeeper();
+      return bed.WaitForConnections(1);
+    };
+    // Bytes that are read only now begin their time anew.
+    ASSERT_TRUE(expire() || expire());
   }
   RawClient patient(port);
   patient.Send(kGetA);
