@@ -74,6 +74,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// Answers with a status and a short page that says it; `allow` is the list of methods that a 204
   /// or 405 names. Threads: any.
   void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});
+  /// Answers an HTTP request as if the content handler had not taken it. Threads: any.
+  void AnswerUntaken(const std::shared_ptr<ZrXHeader>& request);
   /// What all peers of the transceiver together may occupy; none without transceiver.
   std::shared_ptr<ZrMemoryBudget> Memory();
   /// Messages of this client that need neither a host's code nor the disk may be answered by the
@@ -103,7 +105,7 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   class TransceiverUse;
 
   void OnUnanswered(const ZrJobEvent& event);
-  bool AnswerByRule(const ZrXHeader& request);
+  bool AnswerByRule(const std::shared_ptr<ZrXHeader>& request);
   int AnswerRequest(const std::shared_ptr<ZrXHeader>& request);
   int AcceptAnswer(const std::string& name, const std::shared_ptr<ZrXHeader>& answer);
   bool RunCommand(const std::shared_ptr<ZrXHeader>& request, const std::string& id);
