@@ -75,7 +75,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   std::shared_ptr<ZrXHeader> NewMessage(const ZrTransceiverConnection& connection,
                                         std::string task);
   /// No: the connection is gone, or about to go, and nobody else tells the pool.
-  bool BeginExchange(const ConnectionPointer& connection);
+  bool BeginExchange(const ConnectionPointer& connection, const ZrXHeader& head);
   std::shared_ptr<Asked> AskedOn(const std::string& connectionName);
   bool EndExchange(const std::shared_ptr<Asked>& asked);
   /// Reads what has arrived on a worker; without connection, its end has come.

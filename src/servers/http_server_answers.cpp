@@ -11,8 +11,10 @@
 #include "transceiver/message_handler.h"
 #include "transceiver/transceiver.h"
 
-bool ZrTransceiverServerL1HTTP::BeginExchange(const ConnectionPointer& connection) {
+bool ZrTransceiverServerL1HTTP::BeginExchange(const ConnectionPointer& connection,
+                                              const ZrXHeader& head) {
   auto asked = std::make_shared<Asked>(connection);
+  if (head.method == ZrMethod::kHead) asked->reader.ExpectNoBody();
   {
     ZrLock hold(requestLock_);
     asked_ = asked;
@@ -30,7 +32,7 @@ ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
   const ZrSendFailure closed{ZrSendFailureKind::kClosed, "the connection has closed", true};
   if (!connection || transceiver == nullptr) return closed;
   connection->Attach(head.target);
-  if (!BeginExchange(connection)) return closed;
+  if (!BeginExchange(connection, head)) return closed;
   try {
     const std::uint64_t bytes = zr::QueueMessage(*connection, head);
     if (bytes == 0) {
