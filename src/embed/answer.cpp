@@ -86,7 +86,7 @@ Answer& Answer::Redirect(std::string_view location, int status) {
 }
 
 /// The last one of those who may send the answer sees to it that there is one.
-struct Later::Share {
+struct [[gnu::visibility("hidden")]] Later::Share {
   explicit Share(std::shared_ptr<Exchange> kept) : exchange(std::move(kept)) {}
   Share(const Share&) = delete;
   Share& operator=(const Share&) = delete;

@@ -197,7 +197,7 @@ std::string Outcome::Header(std::string_view name, std::string_view whenAbsent) 
   return std::string(whenAbsent);
 }
 
-class Client::Asking {
+class [[gnu::visibility("hidden")]] Client::Asking {
  public:
   using Done = std::function<void(Outcome)>;
 
@@ -333,7 +333,7 @@ class Client::Asking {
     }
   }
 
-  void Tell(Ended& ended, bool last) ZR_EXCLUDES(lock_) {
+  void Tell(Ended & ended, bool last) ZR_EXCLUDES(lock_) {
     Pending& pending = ended.pending;
     try {
       if (ended.answer && !last && Follow(ended)) return;
@@ -344,7 +344,7 @@ class Client::Asking {
     }
   }
 
-  bool Follow(Ended& ended) ZR_EXCLUDES(lock_) {
+  bool Follow(Ended & ended) ZR_EXCLUDES(lock_) {
     const ZrXHeader& answer = *ended.answer;
     ClientRequest& request = ended.pending.request;
     if (request.redirects <= 0 || !IsRedirect(answer.status)) return false;

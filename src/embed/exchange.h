@@ -22,10 +22,11 @@ class ZrTransceiverClient;
 
 /// Made for a request that the pool is to run. The client lives as long as the exchange is open
 /// there. Threads: what is not said to be for any belongs to whoever answers.
-class velkoro::Exchange final : public ZrHandlerTask,
-                                public std::enable_shared_from_this<velkoro::Exchange> {
+class [[gnu::visibility("hidden")]] velkoro::Exchange final
+    : public ZrHandlerTask,
+      public std::enable_shared_from_this<velkoro::Exchange> {
  public:
-  Exchange(std::shared_ptr<ZrHandlers> handlers, ZrTransceiverClient& client,
+  Exchange(std::shared_ptr<ZrHandlers> handlers, ZrTransceiverClient & client,
            std::shared_ptr<ZrXHeader> request, ZrRouteTable::Match match);
 
   void Run() override;
@@ -54,7 +55,7 @@ class velkoro::Exchange final : public ZrHandlerTask,
   /// The same with a 500.
   void Fail();
   /// What a path answers to a method that none of its routes has.
-  static void AnswerForMethod(ZrTransceiverClient& client, const ZrXHeader& request,
+  static void AnswerForMethod(ZrTransceiverClient & client, const ZrXHeader& request,
                               ZrRouteTable::Methods allowed);
   const velkoro::Request& RequestPart() const { return asked_; }
   velkoro::Answer& AnswerPart() { return answer_; }

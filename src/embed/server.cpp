@@ -85,7 +85,7 @@ std::string UrlText(const ZrOptionMap& info) {
 }  // namespace
 
 /// The server from its construction to its end.
-class Server::Running {
+class [[gnu::visibility("hidden")]] Server::Running {
  public:
   explicit Running(Options options)
       : options_(Checked(std::move(options))),

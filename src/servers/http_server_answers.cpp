@@ -14,6 +14,7 @@
 bool ZrTransceiverServerL1HTTP::BeginExchange(const ConnectionPointer& connection,
                                               const ZrXHeader& head) {
   auto asked = std::make_shared<Asked>(connection);
+  asked->semantics = head.semantics;
   if (head.method == ZrMethod::kHead) asked->reader.ExpectNoBody();
   {
     ZrLock hold(requestLock_);
@@ -109,8 +110,10 @@ ZrAnswerReader::Result ZrTransceiverServerL1HTTP::ReadAnswer(Asked& asked, bool 
                     : asked.connection->PeerFinished() ? Line::kEnded
                                                        : Line::kBroken;
   for (;;) {
-    if (!asked.answer)
+    if (!asked.answer) {
       asked.answer = NewMessage(*asked.connection, asked.connection->HandlerName());
+      asked.answer->semantics = asked.semantics;
+    }
     const Result result = asked.reader.Read(
         *asked.answer, asked.input, line,
         [&client](ZrXHeader& head) { return client && client->OnHeadComplete(head); });

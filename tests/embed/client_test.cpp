@@ -112,6 +112,7 @@ TEST_F(Client, EachRequestHasItsOutcome) {
                                     .redirects = 1})
                               .get();
   EXPECT_TRUE(outcome);
+  EXPECT_EQ(outcome.Header("content-type"), "text/plain; charset=utf-8");
   EXPECT_EQ(outcome.Header("x-seen"), "1|a/b");
   EXPECT_EQ(outcome.url, Url("/to/../echo?r"));
 }
