@@ -106,6 +106,13 @@ struct Endpoint {
   int port = 0;
 };
 
+/// What both ends of a connection agreed on.
+struct TlsFacts {
+  std::string version;     ///< "TLSv1.3"
+  std::string cipher;      ///< "TLS_AES_256_GCM_SHA384"
+  std::string serverName;  ///< the host that the client asked for; empty when it named none
+};
+
 /// Set by Answer::SetCookie(). The defaults are the careful ones.
 struct Cookie {
   std::string name;
@@ -185,6 +192,8 @@ class Request {
   Endpoint Local() const;
   /// Whether it came through TLS.
   bool Secure() const;
+  /// Nothing without TLS, and when the peer has gone.
+  std::optional<TlsFacts> Tls() const;
   /// "http" or "https", and the host that was asked for with its port: what a link to this server
   /// begins with.
   std::string Origin() const;

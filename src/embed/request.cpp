@@ -9,6 +9,8 @@
 #include "http/form_body.h"
 #include "platform/filesystem.h"
 #include "platform/io.h"
+#include "transceiver/message_ends.h"
+#include "transceiver/tls_connection.h"
 
 namespace velkoro {
 namespace {
@@ -162,6 +164,17 @@ Endpoint Request::Peer() const { return End(exchange_.Asked(), "remote"); }
 Endpoint Request::Local() const { return End(exchange_.Asked(), "local"); }
 
 bool Request::Secure() const { return exchange_.Asked().ProtocolKind() == zr::kProtocolHttps; }
+
+std::optional<TlsFacts> Request::Tls() const {
+  const ZrXHeader& asked = exchange_.Asked();
+  const std::shared_ptr<ZrTransceiverConnection> connection =
+      asked.ends ? asked.ends->connection.lock() : nullptr;
+  auto* const safe = dynamic_cast<ZrTransceiverConnection_SSLAddon*>(connection.get());
+  if (safe == nullptr) return std::nullopt;
+  ZrTlsEngine::Facts facts = safe->Agreed();
+  if (facts.version.empty()) return std::nullopt;
+  return TlsFacts{std::move(facts.version), std::move(facts.cipher), std::move(facts.serverName)};
+}
 
 std::string Request::Origin() const {
   const ZrXHeader& asked = exchange_.Asked();
