@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
+#include <mutex>
 
 #include "tests/support/temporary_folder.h"
 #include "velkoro/server.h"
@@ -60,6 +60,7 @@ class Client : public testing::Test {
     return std::to_string(outcome.status) + " " + outcome.body + outcome.error;
   }
 
+  std::mutex lock_;
   std::vector<velkoro::Later> kept_;
   velkoro::Server server_;
   velkoro::Client client_;
