@@ -76,12 +76,10 @@ Server::Guard BasicAuthentication(std::string realm, std::map<std::string, std::
   return BasicAuthentication(
       std::move(realm),
       [known = std::move(passwords)](const std::string& user, const std::string& password) {
-        bool ok = false;
-        for (const auto& [name, secret] : known) {
-          const bool both = SameSecret(user, name) & SameSecret(password, secret);
-          ok = ok | both;
-        }
-        return ok;
+        int ok = 0;
+        for (const auto& [name, secret] : known)
+          ok |= int{SameSecret(user, name)} & int{SameSecret(password, secret)};
+        return ok != 0;
       });
 }
 
