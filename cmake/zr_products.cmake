@@ -32,7 +32,8 @@ add_library(velkoro-server-static STATIC ${zr_objects})
 set_target_properties(velkoro-server-static PROPERTIES OUTPUT_NAME velkoro-server
                       EXPORT_NAME server_static)
 foreach(form velkoro-server velkoro-server-static)
-  target_link_libraries(${form} PRIVATE OpenSSL::SSL OpenSSL::Crypto Threads::Threads)
+  target_link_libraries(${form} PRIVATE OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB PkgConfig::BROTLIENC
+                                        Threads::Threads)
   target_include_directories(${form} INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                                $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${form} INTERFACE cxx_std_20)

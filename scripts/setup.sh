@@ -2,7 +2,7 @@
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
-build_packages=(cmake g++ libcli11-dev libssl-dev ninja-build)
+build_packages=(cmake g++ libbrotli-dev libcli11-dev libssl-dev ninja-build pkg-config zlib1g-dev)
 test_packages=(adminer binutils curl iso-codes libgtest-dev libxml2-utils nginx-light openssl php-cgi pkg-config procps
                shared-mime-info xkb-data)
 browser_packages=(chromium chromium-driver openssl python3-selenium)

@@ -47,6 +47,7 @@ struct ServeOptions {
   double grace = kDefaultGrace;
   bool open = false;
   bool waitForPort = false;
+  bool noCompression = false;
 };
 
 /// A line on standard error that waits for nobody: the servers go on whoever reads it.
@@ -92,6 +93,7 @@ class Serving {
                                 .port = url.port,
                                 .protocolKind = static_cast<std::int32_t>(url.protocolKind)};
       server.options.Set("semantics", options_.semantics);
+      if (options_.noCompression) server.options.Set("compression", "no");
       server.options.Set("quiet", "yes");  // what a port's failure means is said here
       servers.push_back(std::move(server));
     }
@@ -204,6 +206,8 @@ void AddServe(CLI::App& program, Run& chosen) {
                   "with content types, HEAD, conditional requests and parts of files")
       ->check(CLI::IsMember({"minimal", "standard"}))
       ->capture_default_str();
+  serve.add_flag("--no-compression", options->noCompression,
+                 "Send bodies as they are, also to clients that accept gzip or brotli");
   serve
       .add_option("--php", options->php,
                   "The PHP interpreter for pages that end in .php [php-cgi, when it is installed]")

@@ -4,8 +4,10 @@
 
 #include "base/path.h"
 #include "handlers/cgi_variables.h"
+#include "handlers/program_stream.h"
 #include "handlers/request_handler.h"
 #include "http/message_head.h"
+#include "http/request_target.h"
 #include "http/response_head.h"
 #include "platform/file.h"
 #include "platform/filesystem.h"
@@ -20,6 +22,9 @@ bool RunCgi(const std::string& program, const ZrCgiVariables& variables, ZrStrin
 }  // namespace zr
 
 namespace {
+
+// Programs that lead to each other end somewhere.
+constexpr int kMostRedirects = 10;
 
 std::string_view MethodName(ZrMethod method) {
   switch (method) {
@@ -41,12 +46,13 @@ std::string_view MethodName(ZrMethod method) {
   return "GET";
 }
 
-void AddStandardVariables(const ZrXHeader& request, std::string root, const std::string& path,
-                          const std::string& script, ZrCgiVariables& variables) {
+void AddStandardVariables(const ZrXHeader& request, std::string root,
+                          const zr::ProgramPath& program, const std::string& script,
+                          ZrCgiVariables& variables) {
   while (root.size() > 1 && root.ends_with('/')) root.pop_back();
   const auto words = request.headers[zr::kFirstLine];
   const auto& peer = request.PeerRecord().info;
-  const std::string name = "/" + path;
+  const std::string name = "/" + std::string(program.program);
   const std::string serverAddress = peer.Get("localaddress");
   const std::string serverPort = peer.Get("localport");
   const std::string remoteAddress = peer.Get("remoteaddress");
@@ -56,7 +62,7 @@ void AddStandardVariables(const ZrXHeader& request, std::string root, const std:
                            .target = words.size() >= 2 ? words[1] : std::string_view(),
                            .query = request.query,
                            .scriptName = name,
-                           .extraPath = {},
+                           .extraPath = program.extra,
                            .documentRoot = root,
                            .scriptFile = script,
                            .secure = request.ProtocolKind() == zr::kProtocolHttps,
@@ -77,48 +83,90 @@ ZrCgi::ZrCgi(ZrRinvalScheduler2& scheduler, ZrPipeExecLimits limits, std::size_t
 bool ZrCgi::RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                       const std::string& path, ZrScriptKind kind) {
   const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
-  if (!ZrFile::ExistsBeneath(directory, path)) return false;
-  // Programs change their working directory: the path must hold from everywhere.
-  const std::string script = zr::AbsolutePath(zr::SystemDirectory(directory) + path);
-  ZrCgiVariables variables = {{"REDIRECT_STATUS", "CGI"}, {"SCRIPT_FILENAME", script}};
-  if (request->semantics->IsStandard()) {
-    variables.erase("SCRIPT_FILENAME");
-    AddStandardVariables(*request, zr::AbsolutePath(zr::SystemDirectory(directory)), path, script,
-                         variables);
-  } else if (!zr::BuildCgiVariables(*request, variables)) {
+  const bool standard = request->semantics->IsStandard();
+  zr::ProgramPath name{path, {}};
+  if (standard) {
+    const auto split = zr::SplitProgramPath(
+        path, [&](std::string_view start) { return ZrFile::KindBeneath(directory, start); });
+    if (!split || (kind == ZrScriptKind::kPhp && !split->program.ends_with(client.scriptExtension)))
+      return false;
+    name = *split;
+  } else if (!ZrFile::ExistsBeneath(directory, path)) {
     return false;
   }
-  const auto peer = request->peerWatch;
-  runs_.Submit([this, &client, request, variables = std::move(variables),
-                program = kind == ZrScriptKind::kPhp ? client.phpInterpreter : script](
-                   const ZrWakeFlag& stop) { Answer(client, *request, program, variables, stop); },
-               peer);
+  // Programs change their working directory: the path must hold from everywhere.
+  const std::string root = zr::SystemDirectory(directory);
+  const std::string script = zr::AbsolutePath(root + std::string(name.program));
+  ZrCgiVariables variables;
+  if (standard) {
+    AddStandardVariables(*request, zr::AbsolutePath(root), name, script, variables);
+  } else {
+    variables = {{"REDIRECT_STATUS", "CGI"}, {"SCRIPT_FILENAME", script}};
+    if (!zr::BuildCgiVariables(*request, variables)) return false;
+  }
+  const auto job = std::make_shared<const Job>(
+      Job{client, request, kind == ZrScriptKind::kPhp ? client.phpInterpreter : script,
+          std::move(variables)});
+  runs_.Submit([this, job](const ZrWakeFlag& stop) { Answer(*job, stop); }, request->peerWatch);
   return true;
 }
 
-void ZrCgi::Answer(ZrTransceiverClient& client, ZrXHeader& request, const std::string& program,
-                   const ZrCgiVariables& variables, const ZrWakeFlag& stop) {
+void ZrCgi::Answer(const Job& job, const ZrWakeFlag& stop) {
+  ZrXHeader& request = *job.request;
   try {
     const auto gone = std::make_shared<ZrWakeFlag>();
     const ZrPeerSubscription peer(request.peerWatch, [gone] { gone->Raise(); });
     if (peer.Gone()) return;
+    const bool standard = request.semantics->IsStandard();
+    const ZrPipeExecSettings settings{
+        limits_, &environment_, &stop, gone.get(), job.client.Memory(), &roomQueue_, standard};
+    if (standard && !stop.IsRaised()) return AnswerPieceByPiece(job, settings);
     const auto answer = request.MakeResponse();
     answer->body = std::make_unique<ZrStringBuf>();
     ZrStringBuf nothing;
     ZrStringBuf& input = request.body ? *request.body : nothing;
-    const bool held = !stop.IsRaised() && zr::RunCgi(program, variables, input, *answer->body,
-                                                     {limits_, &environment_, &stop, gone.get(),
-                                                      client.Memory(), &roomQueue_});
+    const bool held =
+        !stop.IsRaised() && zr::RunCgi(job.program, job.variables, input, *answer->body, settings);
     if (peer.Gone()) return;
     if (held && !stop.IsRaised()) {
       // The exit code says nothing: whatever was written is the answer.
       answer->SetStatus(200);
       answer->cgiHeadPending = true;
-      client.SendAnswer(request, answer);
+      job.client.SendAnswer(request, answer);
       return;
     }
   } catch (const std::exception&) {
     // Out of memory or descriptors; the connection still waits for its answer.
   }
-  client.SendAnswer(request, request.MakeResponse());
+  job.client.SendAnswer(request, request.MakeResponse());
+}
+
+// What fails before the answer has begun gets one from the caller; later the client sees the end.
+void ZrCgi::AnswerPieceByPiece(const Job& job, const ZrPipeExecSettings& settings) {
+  ZrXHeader& request = *job.request;
+  ZrStringBuf nothing;
+  ZrStringBuf& input = request.body ? *request.body : nothing;
+  ZrProgramStream output(job.client, request, [this] { runs_.StepAside(); });
+  auto end = ZrPipeExecEnd::kNoRoom;
+  try {
+    end = ZrWinPipeExec(job.program, settings).Run(job.variables, input, output);
+  } catch (const std::exception&) {
+    // As for one whose output cannot be held.
+  }
+  if (request.peerWatch && request.peerWatch->Gone() && !output.Begun()) return;
+  if (const std::string address = output.Finish(end); !address.empty()) Redirect(job, address);
+}
+
+// The page that a program names instead of its own is served as if it had been asked for (RFC 3875,
+// 6.2.2), without the body, which the program has read.
+void ZrCgi::Redirect(const Job& job, const std::string& address) {
+  ZrXHeader& request = *job.request;
+  const auto target = zr::ParseRequestTarget(address);
+  if (!target || ++request.localRedirects > kMostRedirects)
+    return job.client.AnswerStatus(request, 502);
+  request.path = target->path;
+  request.query = target->query;
+  if (request.method != ZrMethod::kHead) request.method = ZrMethod::kGet;
+  request.body = std::make_unique<ZrStringBuf>();
+  job.client.ServeContent(job.request);
 }

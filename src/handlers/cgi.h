@@ -37,8 +37,17 @@ class ZrCgi : public ZrScriptRunner {
   void Stop() { runs_.Stop(); }
 
  private:
-  void Answer(ZrTransceiverClient& client, ZrXHeader& request, const std::string& program,
-              const ZrCgiVariables& variables, const ZrWakeFlag& stop);
+  // One run of a program.
+  struct Job {
+    ZrTransceiverClient& client;
+    const std::shared_ptr<ZrXHeader> request;
+    const std::string program;
+    const ZrCgiVariables variables;
+  };
+
+  void Answer(const Job& job, const ZrWakeFlag& stop);
+  void AnswerPieceByPiece(const Job& job, const ZrPipeExecSettings& settings);
+  void Redirect(const Job& job, const std::string& address);
 
   const ZrEnvironment environment_ = ZrEnvironment::OfThisProcess();
   const ZrPipeExecLimits limits_;

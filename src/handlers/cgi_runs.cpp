@@ -5,6 +5,13 @@
 #include <memory>
 #include <utility>
 
+namespace {
+
+// Of the worker that this thread is: whether it has stepped aside.
+thread_local bool steppedAside = false;
+
+}  // namespace
+
 ZrCgiRuns::ZrCgiRuns(ZrRinvalScheduler2& scheduler, std::size_t most)
     : scheduler_(scheduler), most_(std::max<std::size_t>(1, most)) {}
 
@@ -36,12 +43,13 @@ void ZrCgiRuns::Submit(Run run, std::shared_ptr<ZrPeerWatch> peer) {
     if (starts) ++queue.workers;
   }
   if (peer && peer->Gone()) queue.Drop(place);
-  if (starts) StartWorker();
+  if (starts) StartWorker(true);
 }
 
 // A worker that was counted must work: when the system has no thread or no memory for another one,
-// this thread does it, as a request must be answered all the same.
-void ZrCgiRuns::StartWorker() {
+// this thread does it, as a request must be answered all the same; unless it has work, and its
+// place goes to who comes next.
+void ZrCgiRuns::StartWorker(bool orHere) {
   bool unable = true;
   try {
     FetchTasks(false);
@@ -65,7 +73,10 @@ void ZrCgiRuns::StartWorker() {
   } catch (const std::exception&) {
     // Nothing was submitted: what follows that does not throw.
   }
-  if (unable) Work();
+  if (!unable) return;
+  if (orHere) return Work();
+  ZrLock hold(queue_->lock);
+  --queue_->workers;
 }
 
 void ZrCgiRuns::Work() {
@@ -74,9 +85,16 @@ void ZrCgiRuns::Work() {
     decltype(queue.waiting)::node_type next;
     {
       ZrLock hold(queue.lock);
+      // Who stepped aside comes back when there is a place.
+      const bool back = steppedAside && queue.workers < most_;
+      if (std::exchange(steppedAside, false)) {
+        --queue.aside;
+        if (back) ++queue.workers;
+        if (!back) return NoteEnd(queue);
+      }
       if (queue.waiting.empty()) {
-        if (--queue.workers == 0) queue.ended.NotifyAll();
-        return;
+        --queue.workers;
+        return NoteEnd(queue);
       }
       next = queue.waiting.extract(queue.waiting.begin());
     }
@@ -88,6 +106,24 @@ void ZrCgiRuns::Work() {
       // The run answers for its own failures; the next one must still have its turn.
     }
   }
+}
+
+void ZrCgiRuns::NoteEnd(Queue& queue) {
+  if (queue.workers + queue.aside == 0) queue.ended.NotifyAll();
+}
+
+void ZrCgiRuns::StepAside() {
+  Queue& queue = *queue_;
+  bool starts = false;
+  {
+    ZrLock hold(queue.lock);
+    if (steppedAside || queue.aside >= zr::kLongCgiRuns) return;
+    steppedAside = true;
+    ++queue.aside;
+    starts = !queue.waiting.empty();
+    if (!starts) --queue.workers;
+  }
+  if (starts) StartWorker(false);
 }
 
 // Forgets tasks that have ended, so that their number stays about that of the workers; or waits for
@@ -116,7 +152,9 @@ void ZrCgiRuns::Stop() {
   stop_.Raise();
   {
     ZrLock hold(queue.lock);
-    queue.ended.Wait(queue.lock, [&queue]() ZR_REQUIRES(queue.lock) { return queue.workers == 0; });
+    queue.ended.Wait(queue.lock, [&queue]() ZR_REQUIRES(queue.lock) {
+      return queue.workers + queue.aside == 0;
+    });
   }
   FetchTasks(true);
 }

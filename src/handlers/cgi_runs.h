@@ -21,6 +21,8 @@ namespace zr {
 
 /// So many runs per processor core happen at once: programs mostly wait, for each other or a disk.
 inline constexpr std::size_t kCgiRunsPerCore = 4;
+/// So many more may last long beside them, as answers to slow readers do, or those without an end.
+inline constexpr std::size_t kLongCgiRuns = 256;
 inline std::size_t DefaultCgiRuns() {
   return kCgiRunsPerCore * std::max<std::size_t>(1, std::thread::hardware_concurrency());
 }
@@ -47,6 +49,9 @@ class ZrCgiRuns {
   /// Has the run happen as soon as fewer than the allowed number happen, on another thread unless
   /// the system has none left. The peer, where there is one, is whom it is done for.
   void Submit(Run run, std::shared_ptr<ZrPeerWatch> peer = nullptr);
+  /// For a run, on its own thread: it will last, and another one may have its turn beside it. Does
+  /// nothing when too many have said so.
+  void StepAside();
   /// Raises the flag for all runs, those to come included, and waits for the end of those that are
   /// there. Not called by a run. May be called again.
   void Stop();
@@ -62,14 +67,16 @@ class ZrCgiRuns {
     void Drop(std::uint64_t place) ZR_EXCLUDES(lock);
 
     ZrMutex lock;       // guards what follows; never held while calling out
-    ZrCondition ended;  // workers became 0
+    ZrCondition ended;  // workers and aside became 0
     std::uint64_t last ZR_GUARDED_BY(lock) = 0;
     std::map<std::uint64_t, Waiting> waiting ZR_GUARDED_BY(lock);  // by place, in order of arrival
     std::size_t workers ZR_GUARDED_BY(lock) = 0;           // each is a task and takes run after run
+    std::size_t aside ZR_GUARDED_BY(lock) = 0;             // were workers until they stepped aside
     std::vector<std::uint64_t> tasks ZR_GUARDED_BY(lock);  // not yet fetched
   };
 
-  void StartWorker();
+  static void NoteEnd(Queue& queue) ZR_REQUIRES(queue.lock);
+  void StartWorker(bool orHere);
   void Work();
   void FetchTasks(bool all);
 

@@ -22,6 +22,9 @@ constexpr std::chrono::milliseconds kRoomPollInterval{50};
 constexpr std::chrono::milliseconds kKillLimit{1000};
 // So long others than the child may take to end when they are killed.
 constexpr std::chrono::milliseconds kPipePatience{20};
+// Exit codes of children that a signal ended.
+constexpr int kSignalled = 128;
+constexpr int kLastSignal = 64;
 
 /// Creates one pipe and makes the end that stays here never block. An end that would block could
 /// hold the run up, so it is given up like one that was not created.
@@ -56,18 +59,10 @@ ZrWinPipeExec::~ZrWinPipeExec() {
 
 ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& input,
                                  ZrStringBuf& output) {
-  if (!Start(variables)) {
-    zr::WriteOutputNotice("Error on CreateProcess");
-    return ZrPipeExecEnd::kNotStarted;
-  }
   ZrRoomQueue::Place room(settings_.roomQueue);  // held until what was written is released
   ZrProgramOutput written(settings_.memory);
-  const ZrPipeExecEnd end = Move(input, written, room);
-  if (end == ZrPipeExecEnd::kEnded)
-    process_.Collect();
-  else
-    EndFamily();
-  if (end == ZrPipeExecEnd::kNoRoom) return end;
+  const ZrPipeExecEnd end = RunTo(variables, input, written, room);
+  if (end == ZrPipeExecEnd::kNotStarted || end == ZrPipeExecEnd::kNoRoom) return end;
   const std::unique_ptr<ZrStringBuf> all = written.Finish();
   if (!all) return ZrPipeExecEnd::kNoRoom;
   if (output.Empty())
@@ -75,6 +70,28 @@ ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& i
   else
     output.Append(all->Unread());
   return end;
+}
+
+ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& input,
+                                 ZrProgramSink& output) {
+  ZrRoomQueue::Place room(settings_.roomQueue);
+  return RunTo(variables, input, output, room);
+}
+
+ZrPipeExecEnd ZrWinPipeExec::RunTo(const ZrCgiVariables& variables, ZrStringBuf& input,
+                                   ZrProgramSink& output, ZrRoomQueue::Place& room) {
+  if (!Start(variables)) {
+    zr::WriteOutputNotice("Error on CreateProcess");
+    return ZrPipeExecEnd::kNotStarted;
+  }
+  const ZrPipeExecEnd end = Move(input, output, room);
+  if (end != ZrPipeExecEnd::kEnded) {
+    EndFamily();
+    return end;
+  }
+  const std::optional<int> code = process_.Collect();
+  return code && *code > kSignalled && *code <= kSignalled + kLastSignal ? ZrPipeExecEnd::kCrashed
+                                                                         : end;
 }
 
 bool ZrWinPipeExec::Start(const ZrCgiVariables& variables) {
@@ -86,7 +103,8 @@ bool ZrWinPipeExec::Start(const ZrCgiVariables& variables) {
   start.environment = &environment;
   start.standardInput = stdinRead_.Get();
   start.standardOutput = stdoutWrite_.Get();
-  start.standardError = stdoutWrite_.Get();
+  const ZrDescriptor errors = settings_.streams ? zr::StandardErrorCopy() : ZrDescriptor();
+  start.standardError = settings_.streams ? errors.Get() : stdoutWrite_.Get();
   const bool started = !process_.Start(start);
   // The child's ends are its own now: only without copies here does a pipe end with the child.
   stdinRead_.Close();
@@ -94,9 +112,9 @@ bool ZrWinPipeExec::Start(const ZrCgiVariables& variables) {
   return started;
 }
 
-ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
+ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
                                   ZrRoomQueue::Place& room) {
-  const auto runEnd = steady_clock::now() + settings_.limits.run;
+  auto runEnd = steady_clock::now() + settings_.limits.run;
   std::optional<steady_clock::time_point> drainEnd;  // set once the child has ended
   std::size_t left = settings_.limits.output;
   const bool reportsEnd = process_.EndDescriptor() >= 0;
@@ -109,7 +127,7 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
     const bool waited = std::exchange(waits, output.MustWait());
     if (waits && !waited) waitsSince = steady_clock::now();
     room.SetWaiting(waits);
-    enum { kOutput, kInput, kEnd, kStop, kGone, kItems };
+    enum { kOutput, kInput, kEnd, kStop, kGone, kRoom, kItems };
     std::array<zr::PollItem, kItems> items;
     items[kOutput].descriptor = waits ? -1 : stdoutRead_.Get();
     items[kInput] = {stdinWrite_.Get(), true};
@@ -117,10 +135,15 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
     items[kStop].descriptor = settings_.stop != nullptr ? settings_.stop->Descriptor() : -1;
     items[kGone].descriptor = settings_.gone != nullptr ? settings_.gone->Descriptor() : -1;
 
+    items[kRoom].descriptor = waits ? output.RoomDescriptor() : -1;
+
     auto deadline = drainEnd ? std::min(*drainEnd, runEnd) : runEnd;
     if (!drainEnd && !reportsEnd)
       deadline = std::min(deadline, steady_clock::now() + kEndPollInterval);
-    if (waits) deadline = std::min(deadline, steady_clock::now() + kRoomPollInterval);
+    if (waits && items[kRoom].descriptor < 0)
+      deadline = std::min(deadline, steady_clock::now() + kRoomPollInterval);
+    const auto due = output.Due();
+    if (due) deadline = std::min(deadline, *due);
     zr::PollDescriptors(items, deadline);
 
     if (items[kStop].ready || items[kGone].ready) return ZrPipeExecEnd::kStopped;
@@ -128,6 +151,8 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
     // A limit is looked at in every round: who writes for ever always has something ready.
     const auto now = steady_clock::now();
     std::optional<ZrPipeExecEnd> over;
+    if (settings_.streams && (waits || items[kInput].ready || items[kOutput].ready))
+      runEnd = now + settings_.limits.run;
     if (items[kEnd].ready || (!drainEnd && !reportsEnd && process_.HasEnded())) {
       drainEnd = now + settings_.limits.drain;
       // All the child wrote is in the pipe now and is read without a look at the time; one byte
@@ -137,7 +162,8 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramOutput& output,
       over = Collect(output, left, kChunk);
     }
     if (over) return *over;
-    if (waits && now - waitsSince >= settings_.limits.room && room.IsNewest())
+    if (due && now >= *due) output.OnTime();
+    if (waits && !settings_.streams && now - waitsSince >= settings_.limits.room && room.IsNewest())
       return ZrPipeExecEnd::kNoRoom;
     if (!drainEnd && now >= runEnd) return ZrPipeExecEnd::kRunLimit;
     if (drainEnd && now >= std::min(*drainEnd, runEnd)) break;
@@ -154,19 +180,20 @@ void ZrWinPipeExec::Deliver(ZrStringBuf& input) {
 
 // Reads until `wanted` bytes have come or nothing more is there; the end of the run when the child
 // wrote beyond the limit or more than can be kept. `left` is what the limit still allows.
-std::optional<ZrPipeExecEnd> ZrWinPipeExec::Collect(ZrProgramOutput& output, std::size_t& left,
+std::optional<ZrPipeExecEnd> ZrWinPipeExec::Collect(ZrProgramSink& output, std::size_t& left,
                                                     std::size_t wanted) {
   while (stdoutRead_.IsOpen() && wanted > 0) {
-    const std::size_t size = std::min(kChunk, std::max<std::size_t>(left, 1));
+    const std::size_t size =
+        settings_.streams ? kChunk : std::min(kChunk, std::max<std::size_t>(left, 1));
     const zr::PipeTransfer moved = zr::ReadPipe(stdoutRead_.Get(), output.Prepare(size));
     if (moved.result == zr::PipeResult::kBlocked) break;
     if (moved.result == zr::PipeResult::kClosed) {
       stdoutRead_.Close();
       break;
     }
-    if (left == 0) return ZrPipeExecEnd::kOutputLimit;
+    if (left == 0 && !settings_.streams) return ZrPipeExecEnd::kOutputLimit;
     if (!output.Commit(moved.count)) return ZrPipeExecEnd::kNoRoom;
-    left -= moved.count;
+    left -= std::min(left, moved.count);
     wanted -= std::min(wanted, moved.count);
   }
   return std::nullopt;

@@ -60,13 +60,18 @@ struct ZrPipeExecSettings {
   /// What the output counts against, and where the run waits when that is exceeded; may be none.
   std::shared_ptr<ZrMemoryBudget> memory = nullptr;
   ZrRoomQueue* roomQueue = nullptr;
+  /// The output is sent on as it comes: the run's limit is one of the time in which nothing moves,
+  /// there is none of the bytes, and who waits for room does so for a peer that has limits of its
+  /// own. What the child writes on its standard error goes to that of this process.
+  bool streams = false;
 };
 
 /// How a run ended.
 enum class ZrPipeExecEnd {
   kEnded,        ///< The child ended by itself; its exit code is not looked at.
+  kCrashed,      ///< A signal that is not from here ended the child.
   kNotStarted,   ///< No such program, not executable, ...: nothing ran, the output is unchanged.
-  kRunLimit,     ///< It took too long and was ended with its family.
+  kRunLimit,     ///< It took too long, or nothing moved for so long, and was ended with its family.
   kOutputLimit,  ///< It wrote too much and was ended with its family.
   kNoRoom,   ///< Nobody could hold its output: it was ended with its family, the output is lost.
   kStopped,  ///< One of the flags was raised and it was ended with its family.
@@ -89,12 +94,16 @@ class ZrWinPipeExec {
   /// child has ended and been collected. A variable with a NUL byte is left out. At most one run
   /// per object.
   ZrPipeExecEnd Run(const ZrCgiVariables& variables, ZrStringBuf& input, ZrStringBuf& output);
+  /// The same with an output that goes elsewhere; kNoRoom when that took no more.
+  ZrPipeExecEnd Run(const ZrCgiVariables& variables, ZrStringBuf& input, ZrProgramSink& output);
 
  private:
   bool Start(const ZrCgiVariables& variables);
-  ZrPipeExecEnd Move(ZrStringBuf& input, ZrProgramOutput& output, ZrRoomQueue::Place& room);
+  ZrPipeExecEnd RunTo(const ZrCgiVariables& variables, ZrStringBuf& input, ZrProgramSink& output,
+                      ZrRoomQueue::Place& room);
+  ZrPipeExecEnd Move(ZrStringBuf& input, ZrProgramSink& output, ZrRoomQueue::Place& room);
   void Deliver(ZrStringBuf& input);
-  std::optional<ZrPipeExecEnd> Collect(ZrProgramOutput& output, std::size_t& room,
+  std::optional<ZrPipeExecEnd> Collect(ZrProgramSink& output, std::size_t& room,
                                        std::size_t wanted);
   void EndFamily();
 

@@ -11,21 +11,21 @@
 
 #include "base/memory_budget.h"
 #include "base/string_buffer.h"
+#include "handlers/program_sink.h"
 #include "http/body_store.h"
 #include "platform/sync.h"
 
 /// The output of one run. Threads: one at a time.
-class ZrProgramOutput {
+class ZrProgramOutput : public ZrProgramSink {
  public:
   /// Without a budget it counts for nobody.
   explicit ZrProgramOutput(std::shared_ptr<ZrMemoryBudget> budget = nullptr);
 
   /// Whether all peers together hold so much that no more may be read now.
-  bool MustWait() const { return budget_ && budget_->Exceeded(); }
-  /// Gives writable space for that many bytes; Commit() then says how many were filled. No: the
-  /// disk has no room for them, and the output is lost.
-  std::span<char> Prepare(std::size_t bytes) { return latest_.Prepare(bytes); }
-  [[nodiscard]] bool Commit(std::size_t bytes);
+  bool MustWait() override { return budget_ && budget_->Exceeded(); }
+  std::span<char> Prepare(std::size_t bytes) override { return latest_.Prepare(bytes); }
+  /// No: the disk has no room, and the output is lost.
+  [[nodiscard]] bool Commit(std::size_t bytes) override;
   /// The whole output as a buffer that counts for as long as it holds large bytes. Nothing when the
   /// system refused that. Called once.
   std::unique_ptr<ZrStringBuf> Finish();

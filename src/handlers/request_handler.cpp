@@ -4,7 +4,9 @@
 
 #include "base/batch.h"
 #include "handlers/command_handler.h"
+#include "handlers/compression.h"
 #include "handlers/standard_files.h"
+#include "http/body_coding.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
 #include "http/protocol_kind.h"
@@ -57,14 +59,10 @@ bool IsHttp(std::uint32_t protocolKind) {
 /// One call into the transceiver, with no lock held: DetachTransceiver waits for its end.
 class ZrTransceiverClient::TransceiverUse {
  public:
-  explicit TransceiverUse(ZrTransceiverClient& client) : client_(client) {
-    ZrLock hold(client_.lock_);
-    transceiver_ = client_.transceiver_;
-    ++client_.uses_;
-  }
+  explicit TransceiverUse(ZrTransceiverClient& client)
+      : client_(client), transceiver_(client.EnterTransceiver()) {}
   ~TransceiverUse() {
-    ZrLock hold(client_.lock_);
-    if (--client_.uses_ == 0) client_.unused_.NotifyAll();
+    if (transceiver_ != nullptr) client_.LeaveTransceiver();
   }
   TransceiverUse(const TransceiverUse&) = delete;
   TransceiverUse& operator=(const TransceiverUse&) = delete;
@@ -74,8 +72,19 @@ class ZrTransceiverClient::TransceiverUse {
 
  private:
   ZrTransceiverClient& client_;
-  ZrTransceiver* transceiver_ = nullptr;
+  ZrTransceiver* const transceiver_;
 };
+
+ZrTransceiver* ZrTransceiverClient::EnterTransceiver() {
+  ZrLock hold(lock_);
+  if (transceiver_ != nullptr) ++uses_;
+  return transceiver_;
+}
+
+void ZrTransceiverClient::LeaveTransceiver() {
+  ZrLock hold(lock_);
+  if (--uses_ == 0) unused_.NotifyAll();
+}
 
 ZrTransceiverClient::ZrTransceiverClient(ZrServerCallback reports, ZrOptionMap settings,
                                          ZrRequestApplication* asked,
@@ -179,10 +188,39 @@ std::string ZrTransceiverClient::SendMessage(std::shared_ptr<ZrXHeader> message,
 
 void ZrTransceiverClient::SendAnswer(const ZrXHeader& request,
                                      const std::shared_ptr<ZrXResponseHeader>& answer) {
+  if (!CompressFirst(request, answer)) SendNow(request.target, answer);
+}
+
+void ZrTransceiverClient::SendNow(const std::string& target,
+                                  const std::shared_ptr<ZrXResponseHeader>& answer) {
   answer->SetState(zr::kHeadStateComplete);
   const TransceiverUse transceiver(*this);
-  if (transceiver.Get() != nullptr)
-    transceiver.Get()->Send(*this, answer, callback, request.target, true);
+  if (transceiver.Get() != nullptr) transceiver.Get()->Send(*this, answer, callback, target, true);
+}
+
+// Whether the answer is on its way there, and sent afterwards.
+bool ZrTransceiverClient::CompressFirst(const ZrXHeader& request,
+                                        const std::shared_ptr<ZrXResponseHeader>& answer) {
+  if (!compression_ || !answer->body || answer->body->Size() < zr::kLeastCompressed) return false;
+  const ZrCoding coding = zr::ChooseBodyCoding(request, *answer, answer->body->Size());
+  if (coding == ZrCoding::kIdentity) return false;
+  return compression_->OfBody(
+      answer->body->Unread(), coding, request.peerWatch,
+      [this, answer, coding, target = request.target](const ZrCompression::Bytes& made) {
+        if (made) {
+          zr::SetBodyCoding(*answer, coding);
+          answer->SetBytesBody(made);
+        }
+        SendNow(target, answer);
+      });
+}
+
+std::unique_ptr<ZrAnswerStream> ZrTransceiverClient::OpenAnswer(const ZrXHeader& request,
+                                                                ZrAnswerStream::Notices notices) {
+  const TransceiverUse transceiver(*this);
+  return std::make_unique<ZrAnswerStream>(
+      transceiver.Get() == nullptr ? nullptr : transceiver.Get()->FindClient(JobName()), request,
+      std::move(notices));
 }
 
 std::shared_ptr<ZrMemoryBudget> ZrTransceiverClient::Memory() {
@@ -218,8 +256,7 @@ bool ZrTransceiverClient::AnswerByRule(const std::shared_ptr<ZrXHeader>& request
 
 void ZrTransceiverClient::AnswerUntaken(const std::shared_ptr<ZrXHeader>& request) {
   if (request->method == ZrMethod::kOptions) return AnswerStatus(*request, 204, kAllMethods);
-  if (!FormCommandStep(request) && content_ && !content_->ServeRequest(*this, request))
-    content_->AnswerNotFound(*this, request);
+  if (!FormCommandStep(request)) ServeContent(request);
 }
 
 void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t status,
@@ -260,6 +297,10 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
     default:
       return kMeaningless;
   }
+}
+
+void ZrTransceiverClient::ServeContent(const std::shared_ptr<ZrXHeader>& request) {
+  if (content_ && !content_->ServeRequest(*this, request)) content_->AnswerNotFound(*this, request);
 }
 
 int ZrTransceiverClient::AcceptAnswer(const std::string& name,

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "base/memory_budget.h"
 #include "base/option_map.h"
@@ -18,8 +19,11 @@
 #include "handlers/request_application.h"
 #include "jobs/job.h"
 #include "platform/sync.h"
+#include "transceiver/answer_stream.h"
 #include "transceiver/fwd.h"
 #include "transceiver/message_handler.h"
+
+class ZrCompression;
 
 /// Held in shared ownership (zr::MakeJob), by its application and by the transceiver.
 class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
@@ -67,10 +71,25 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   virtual std::string OpenServer(std::shared_ptr<ZrXServerHeader> configuration);
 
   /// Brings an answer to the state in which it is sent and sends it on the way that its request
-  /// came. Without transceiver it is dropped. No lock of this client is held meanwhile. Threads:
-  /// any.
+  /// came; a text that the client takes compressed later, when it is. The answer is not the
+  /// caller's any more. Without transceiver it is dropped. No lock of this client is held
+  /// meanwhile. Threads: any.
   void SendAnswer(const ZrXHeader& request, const std::shared_ptr<ZrXResponseHeader>& answer);
 
+  /// Bodies are compressed there for clients that accept it, in standard semantics. Call it before
+  /// the client is registered; the compressions are stopped before it goes.
+  void Compress(std::shared_ptr<ZrCompression> compression) {
+    compression_ = std::move(compression);
+  }
+  /// None: they are not.
+  ZrCompression* Compression() const { return compression_.get(); }
+
+  /// A way to answer the request, which is one of standard semantics, piece by piece.
+  std::unique_ptr<ZrAnswerStream> OpenAnswer(const ZrXHeader& request,
+                                             ZrAnswerStream::Notices notices = {});
+
+  /// Serves a request from pages, scripts and files, or says that it was not found. Threads: any.
+  void ServeContent(const std::shared_ptr<ZrXHeader>& request);
   /// Answers with a status and a short page that says it; `allow` is the list of methods that a 204
   /// or 405 names. Threads: any.
   void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});
@@ -84,6 +103,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   void AnswerAtOnce() { answersAtOnce_ = true; }
   bool CannotWait(const ZrXHeader& message) override;
 
+  ZrTransceiver* EnterTransceiver() override ZR_EXCLUDES(lock_);
+  void LeaveTransceiver() override ZR_EXCLUDES(lock_);
   ZrJob& HandlerJob() override { return *this; }
 
   // Constant after construction.
@@ -106,6 +127,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
 
   void OnUnanswered(const ZrJobEvent& event);
   bool AnswerByRule(const std::shared_ptr<ZrXHeader>& request);
+  bool CompressFirst(const ZrXHeader& request, const std::shared_ptr<ZrXResponseHeader>& answer);
+  void SendNow(const std::string& target, const std::shared_ptr<ZrXResponseHeader>& answer);
   int AnswerRequest(const std::shared_ptr<ZrXHeader>& request);
   int AcceptAnswer(const std::string& name, const std::shared_ptr<ZrXHeader>& answer);
   bool RunCommand(const std::shared_ptr<ZrXHeader>& request, const std::string& id);
@@ -113,6 +136,7 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
 
   const std::shared_ptr<ZrContentHandler> content_;
   bool answersAtOnce_ = false;
+  std::shared_ptr<ZrCompression> compression_;
 
   ZrMutex lock_;  // never held while calling out
   ZrTransceiver* transceiver_ ZR_GUARDED_BY(lock_) = nullptr;

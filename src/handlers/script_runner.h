@@ -23,7 +23,7 @@ class ZrScriptRunner {
   /// Runs the script that `path` names beneath the client's start directory (bytes as they came in
   /// the request, without the leading "/") and has its output answered: true, also while it still
   /// runs. False, and nothing done, when the file is not there or the method is not one for
-  /// scripts.
+  /// scripts. In standard semantics the path may go on behind the script's name.
   virtual bool RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                          const std::string& path, ZrScriptKind kind) = 0;
 };

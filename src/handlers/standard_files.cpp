@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "handlers/standard_pages.h"
+#include "http/body_coding.h"
 #include "http/file_answer.h"
 #include "http/message_head.h"
 #include "http/preferences.h"
@@ -22,6 +23,21 @@ std::string MakeBoundary() {
   std::string text;
   for (int i = 0; i < 24; ++i) text += kDigits[random() % kDigits.size()];
   return text;
+}
+
+constexpr const char* kBrotliEnding = ".br";
+constexpr const char* kGzipEnding = ".gz";
+
+/// The codings in which this request would take that file.
+ZrCodingOffer WantedCodings(const ZrXHeader& request, std::string_view path) {
+  const auto accepts = request.headers["accept-encoding"];
+  if (accepts.empty() || request.headers.contains("range") || path.ends_with(kBrotliEnding) ||
+      path.ends_with(kGzipEnding))
+    return {};
+  const auto takes = [&](ZrCodingOffer offer) {
+    return zr::ChooseCoding(accepts, offer) != ZrCoding::kIdentity;
+  };
+  return {.gzip = takes({.gzip = true}), .brotli = takes({.brotli = true})};
 }
 
 bool AppendRange(const ZrServedFiles::Found& found, const ZrByteRange& range, ZrStringBuf& body) {
@@ -58,11 +74,47 @@ void zr::AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std
   answer.SetStatus(status);
 }
 
+zr::FileForm zr::ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
+                                const std::string& directory, const std::string& path,
+                                ZrServedFiles::Found found, const ZrContentTypes& types) {
+  const std::uint64_t size = found.file->Size();
+  const bool compressible =
+      size >= kLeastCompressed && size <= kMostCompressed && IsCompressible(types.TypeOf(path));
+  const ZrCodingOffer wanted = WantedCodings(request, path);
+  const auto beside = [&](bool isWanted, const char* ending) {
+    ZrServedFiles::Found other;
+    if (isWanted) other = files.Find(directory, path + ending);
+    if (other.file && other.file->IsDirectory()) other = {};
+    return other;
+  };
+  ZrServedFiles::Found brotli = beside(wanted.brotli, kBrotliEnding);
+  ZrServedFiles::Found gzip = beside(wanted.gzip, kGzipEnding);
+  FileForm form{.varies = compressible || brotli.file || gzip.file};
+  form.coding = ChooseCoding(request.headers["accept-encoding"],
+                             {.gzip = wanted.gzip && (compressible || gzip.file),
+                              .brotli = wanted.brotli && (compressible || brotli.file)});
+  ZrServedFiles::Found& made = form.coding == ZrCoding::kBrotli ? brotli : gzip;
+  form.compresses = form.coding != ZrCoding::kIdentity && !made.file;
+  const bool plain = form.coding == ZrCoding::kIdentity || form.compresses;
+  form.found = std::move(plain ? found : made);
+  return form;
+}
+
+bool zr::IsFormAtHand(const ZrXHeader& request, ZrServedFiles& files, const std::string& directory,
+                      const std::string& path) {
+  const ZrCodingOffer wanted = WantedCodings(request, path);
+  return (!wanted.brotli || files.IsAtHand(directory, path + kBrotliEnding)) &&
+         (!wanted.gzip || files.IsAtHand(directory, path + kGzipEnding));
+}
+
 void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std::string path,
-                        ZrServedFiles::Found found, const ZrContentTypes& types) {
+                        FileForm form, const ZrContentTypes& types) {
+  ZrServedFiles::Found& found = form.found;
   const ZrFile& file = *found.file;
   const ZrFileFacts facts{.version = {file.Size(), file.ModifiedNs(), file.Device(), file.Node()},
-                          .contentType = types.TypeOf(path)};
+                          .contentType = types.TypeOf(path),
+                          .coding = CodingName(form.coding),
+                          .varies = form.varies};
   const std::int64_t now = ZrClock::System().SystemTicks() / kTicksPerSecond;
   const std::string boundary = request.headers.contains("range") ? MakeBoundary() : std::string();
   ZrFileAnswer made = AnswerForFile(request.headers, facts, now, boundary);

@@ -8,6 +8,7 @@
 #include "handlers/served_files.h"
 #include "http/content_types.h"
 #include "http/fwd.h"
+#include "http/preferences.h"
 
 namespace zr {
 
@@ -15,10 +16,28 @@ namespace zr {
 /// sent.
 inline constexpr std::uint64_t kMostCombined = std::uint64_t{1} << 20;
 
+/// In which form a file is sent.
+struct FileForm {
+  ZrServedFiles::Found found = {};  ///< the file, or the one beside it that has the coding
+  ZrCoding coding = ZrCoding::kIdentity;
+  bool varies = false;      ///< another request may get another form
+  bool compresses = false;  ///< the coding is still to be made of the file
+};
+
+/// Finds the form of a file (`path` beneath the directory, in the stored form) for that request.
+/// "NAME.br" and "NAME.gz" beside it count, however old they are; without one, text is to be
+/// compressed. A request for a part gets the plain form.
+FileForm ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
+                        const std::string& directory, const std::string& path,
+                        ZrServedFiles::Found found, const ZrContentTypes& types);
+/// Whether the files beside it that ChooseFileForm() may look at are at hand.
+bool IsFormAtHand(const ZrXHeader& request, ZrServedFiles& files, const std::string& directory,
+                  const std::string& path);
+
 /// Makes the answer that of a GET or HEAD for that file: status, fields and body. `path` is its
-/// path for the system. Throws std::bad_alloc.
+/// path for the system. A body that is to be compressed is the plain one. Throws std::bad_alloc.
 void AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std::string path,
-                    ZrServedFiles::Found found, const ZrContentTypes& types);
+                    FileForm form, const ZrContentTypes& types);
 
 /// Makes it a page that says the status, as HTML or, for who prefers that, as a JSON problem.
 void AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std::uint64_t status);

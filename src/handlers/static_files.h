@@ -30,8 +30,10 @@ class ZrStaticFiles : public ZrContentHandler {
                       const std::shared_ptr<ZrXHeader>& request) override;
 
  private:
-  bool SendFile(ZrTransceiverClient& client, const ZrXHeader& request, const std::string& path,
-                ZrServedFiles::Found found);
+  bool SendFile(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
+                const std::string& path, ZrServedFiles::Found found);
+  void SendStandardFile(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
+                        const std::string& path, ZrServedFiles::Found found);
   bool ServeDirectory(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                       const std::string& path);
   bool ServeDefaultDocument(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request);

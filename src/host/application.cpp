@@ -6,6 +6,7 @@
 
 #include "base/line_writer.h"
 #include "handlers/cgi.h"
+#include "handlers/compression.h"
 #include "handlers/request_handler.h"
 #include "handlers/static_files.h"
 #include "http/protocol_kind.h"
@@ -45,6 +46,7 @@ ZrQuarnApplication2::ZrQuarnApplication2(ZrPersistentAppStorage* storage,
     : launcher_(scheduler_),
       questions_(std::make_unique<Questions>(*this)),
       scripts_(std::make_shared<ZrCgi>(scheduler_)),
+      compression_(std::make_shared<ZrCompression>(scheduler_)),
       content_(std::make_shared<ZrStaticFiles>(scripts_)),
       transceiver_(scheduler_, zr::ProtocolServers(zr::OutgoingPools())),
       storage_(storage),
@@ -76,6 +78,7 @@ void ZrQuarnApplication2::stopServers() {
   // answers.
   transceiver_.StopServers();
   scripts_->Stop();
+  compression_->Stop();
 }
 
 void ZrQuarnApplication2::startServers() {
@@ -85,6 +88,7 @@ void ZrQuarnApplication2::startServers() {
         [this](ZrServerCallback_t& record) { return onServerEvent(record); }, options,
         questions_.get(), content_);
     client->AnswerAtOnce();
+    if (server.options.Get("compression") != "no") client->Compress(compression_);
     transceiver_.AddClient(client);
     server.client = client;
 

@@ -26,6 +26,7 @@
 #include "transceiver/transceiver.h"
 
 class ZrCgi;
+class ZrCompression;
 class ZrPersistentAppStorage;
 
 /// Lock order: the handler lock before all others; the options' lock is taken last and never held
@@ -131,6 +132,7 @@ class ZrQuarnApplication2 {
   ZrBrowserLauncher launcher_;
   const std::unique_ptr<ZrRequestApplication> questions_;
   const std::shared_ptr<ZrCgi> scripts_;
+  const std::shared_ptr<ZrCompression> compression_;
   std::shared_ptr<ZrContentHandler> content_;  // constant once servers run
   Observer observer_;                          // constant once servers run, like the sink
   LogSink logSink_;

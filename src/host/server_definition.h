@@ -15,8 +15,8 @@ struct ZrServerDefinition {
   std::int32_t port = 0;  ///< 0 lets the system choose
   std::int32_t protocolKind = 0;  ///< a number of http/protocol_kind.h
   /// https: "cacertificate" and "privatekey", names of PEM files; http and https: "semantics",
-  /// "minimal" (also without) or "standard". Any: "quiet", a port that cannot be listened on is
-  /// reported, but not on standard error.
+  /// "minimal" (also without) or "standard", and "compression", "no" for none. Any: "quiet", a port
+  /// that cannot be listened on is reported, but not on standard error.
   ZrOptionMap options = {};
   std::shared_ptr<ZrTransceiverClient> client = nullptr;  ///< filled by startServers()
 };

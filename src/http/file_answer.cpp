@@ -48,8 +48,11 @@ ZrFileAnswer zr::AnswerForFile(const ZrHeaderFields& request, const ZrFileFacts&
   add("Last-Modified", HttpDate(modified));
   if (file.varies) add("Vary", "Accept-Encoding");
   if (answer.status == 304) return answer;
-  add("Accept-Ranges", "bytes");
-  const ZrByteRanges ranges = RangesOf(request, current, size, now);
+  // Ranges are of the plain bytes: a part of a coding is of little use, and of another version than
+  // the client thinks when that was made anew.
+  if (file.coding.empty()) add("Accept-Ranges", "bytes");
+  const ZrByteRanges ranges =
+      file.coding.empty() ? RangesOf(request, current, size, now) : ZrByteRanges{};
   if (ranges.kind == ZrByteRanges::Kind::kUnsatisfiable) {
     answer.status = 416;
     add("Content-Range", UnsatisfiedRange(size));

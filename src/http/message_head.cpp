@@ -96,6 +96,14 @@ void ZrXHeader::SetFileBody(std::string filePathText, std::uint64_t length) {
   contentLength = length;
 }
 
+void ZrXHeader::SetBytesBody(std::shared_ptr<const std::string> bytes) {
+  filePath.clear();
+  bodyFile = nullptr;
+  fileBytes = nullptr;
+  const std::string_view all = *bytes;
+  body = std::make_unique<ZrStringBuf>(all, std::move(bytes));
+}
+
 void ZrXHeader::SetBodyFile(std::shared_ptr<const ZrFile> file) { bodyFile = std::move(file); }
 
 std::unique_ptr<ZrStringBuf> ZrXHeader::TakeBody() {

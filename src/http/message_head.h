@@ -125,6 +125,8 @@ class ZrXHeader : public ZrJob {
   void SetFileBody(std::string path, std::uint64_t length);
   /// The open file of SetFileBody(): status and bytes then come from this one descriptor.
   void SetBodyFile(std::shared_ptr<const ZrFile> file);
+  /// The body is these bytes and no file any more.
+  void SetBytesBody(std::shared_ptr<const std::string> bytes);
   /// Hands over the body, an empty buffer when there is none.
   std::unique_ptr<ZrStringBuf> TakeBody();
   /// Sets "time_used" (microseconds since `created`, six decimals) and "status_code".
@@ -173,6 +175,7 @@ class ZrXHeader : public ZrJob {
   std::string query;  // GET (minimal), any method (standard): the target after it
   ZrMethod method = ZrMethod::kGet;
   std::string authority;    // standard: the host and port that the request is for
+  int localRedirects = 0;   // standard: programs that named another page so far
   bool oldVersion = false;  // standard: HTTP/1.0
   bool keepsOld = false;    // ... that may keep its connection
   std::uint64_t refusal =
@@ -197,9 +200,10 @@ class ZrXHeader : public ZrJob {
 
   // The answer.
   std::uint64_t status = 500;
-  std::string location;   // for status 303
-  bool streamed = false;  // standard: the body comes behind the head, in pieces of unknown number
-  bool answered = false;  // an answer to one of our own requests was accepted
+  std::string location;      // for status 303
+  bool streamed = false;     // standard: the body comes behind the head, in pieces
+  bool lengthKnown = false;  // ... which have `contentLength` bytes together
+  bool answered = false;     // an answer to one of our own requests was accepted
 
   // Form fields; the indexes point into the blocks.
   std::vector<std::unique_ptr<ZrHTTPMessageBlock>> blocks;

@@ -48,7 +48,8 @@ class ZrSemantics {
   virtual void WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const = 0;
   /// The reason phrase of a status, empty for one that is never written.
   virtual std::string_view StatusPhrase(std::uint64_t status) const = 0;
-  /// Whether the answer's body goes out behind its head (not for HEAD, for instance).
+  /// Whether the answer's body goes out behind its head (not for HEAD, for instance), at once or in
+  /// pieces.
   virtual bool SendsBody(const ZrXHeader& answer) const = 0;
   /// What is said to a peer whose message did not come in time, a whole answer; empty: nothing.
   virtual std::string LateAnswer() const = 0;

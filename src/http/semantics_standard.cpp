@@ -10,7 +10,6 @@
 #include "http/head_text.h"
 #include "http/http_date.h"
 #include "http/message_head.h"
-#include "http/program_answer.h"
 #include "http/response_head.h"
 #include "http/standard_head.h"
 #include "http/status_phrases.h"
@@ -20,9 +19,7 @@ namespace {
 constexpr std::uint64_t kBadRequest = 400;
 constexpr std::uint64_t kRequestTimeout = 408;
 constexpr std::uint64_t kContentTooLarge = 413;
-constexpr std::uint64_t kFound = 302;
 constexpr std::uint64_t kInternalError = 500;
-constexpr std::uint64_t kBadGateway = 502;
 constexpr std::uint64_t kInsufficientStorage = 507;
 
 // The rest of a refused request is not read, so the connection cannot be used again.
@@ -114,25 +111,6 @@ bool IsServersOwn(std::string_view name) {
          name == "date" || name == "server" || name == "keep-alive";
 }
 
-// What a program writes in front of its page becomes fields and the status of the answer. The
-// answer to a local redirect is asked for by the client: that leads to the same page, and its
-// address is the right one then.
-void TakeProgramHead(ZrXHeader& answer) {
-  answer.cgiHeadPending = false;
-  if (!answer.body) return;
-  ZrProgramAnswer program = zr::ReadProgramAnswer(answer.body->Unread());
-  if (program.read != ZrProgramAnswer::Read::kComplete) {
-    answer.body->Clear();
-    return answer.SetStatus(kBadGateway);
-  }
-  answer.SetStatus(program.status);
-  for (const auto& [name, value] : program.fields) answer.AddField(name, value);
-  answer.body->Consume(program.headBytes);
-  if (program.localRedirect.empty()) return;
-  answer.SetStatus(kFound);
-  answer.SetField("location", program.localRedirect);
-}
-
 bool HasNoBody(std::uint64_t status) { return status < 200 || status == 204 || status == 304; }
 
 void AppendField(ZrStringBuf& out, std::string_view name, std::string_view value) {
@@ -174,16 +152,16 @@ std::string_view ZrStandardSemantics::StatusPhrase(std::uint64_t status) const {
 }
 
 bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
-  return answer.method != ZrMethod::kHead && !answer.streamed && !HasNoBody(answer.status);
+  return answer.method != ZrMethod::kHead && !HasNoBody(answer.status);
 }
 
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
-  if (answer.cgiHeadPending && answer.filePath.empty()) TakeProgramHead(answer);
   if (StatusPhrase(answer.status).empty() || answer.status < 200) answer.status = kInternalError;
   if (answer.filePath.empty() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
   // A client of the old version finds the end of a streamed body at the end of the connection.
-  if (answer.streamed && answer.oldVersion) answer.closeRequested = true;
+  const bool endless = answer.streamed && !answer.lengthKnown && !HasNoBody(answer.status);
+  if (endless && answer.oldVersion) answer.closeRequested = true;
 
   out.Append("HTTP/1.1 ");
   zr::AppendNumber(out, answer.status);
@@ -198,14 +176,13 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
   else if (answer.keepsOld)
     out.Append("\r\nConnection: keep-alive");
   if (!HasNoBody(answer.status)) {
-    if (!answer.streamed) {
+    if (!endless) {
       out.Append("\r\nContent-Length: ");
       zr::AppendNumber(out, answer.contentLength);
     } else if (!answer.oldVersion) {
       out.Append("\r\nTransfer-Encoding: chunked");
     }
-    if ((answer.contentLength != 0 || answer.streamed) &&
-        !answer.headers.contains("content-type")) {
+    if ((answer.contentLength != 0 || endless) && !answer.headers.contains("content-type")) {
       out.Append(answer.filePath.empty() ? "\r\nContent-Type: text/html; charset=utf-8"
                                          : "\r\nContent-Type: application/octet-stream");
     }

@@ -40,7 +40,7 @@ class ZrSendQueue {
 
   bool Pending() const noexcept { return Bytes() > 0; }
   /// Bytes that are still to be sent, those of files included.
-  std::uint64_t Bytes() const noexcept { return bytes_.load(std::memory_order_acquire); }
+  std::uint64_t Bytes() const noexcept { return bytes_.load(); }
   /// What counts in the budget, in bytes.
   std::uint64_t Held() const noexcept { return held_.load(std::memory_order_relaxed); }
   /// A copy of the oldest piece's bytes in memory.

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "platform/descriptor.h"
+#include "platform/filesystem.h"
 
 /// An open regular file or directory. Immutable after opening, so any number of threads may use it;
 /// held in shared ownership by every answer that sends it.
@@ -28,6 +29,8 @@ class ZrFile {
   /// Whether OpenBeneath() would find the file, asked without a right to read it: a program may be
   /// there to be run only.
   static bool ExistsBeneath(std::string_view directory, std::string_view path);
+  /// What it is.
+  static zr::ZrPathKind KindBeneath(std::string_view directory, std::string_view path);
   /// Opens a file by its path in the system's form, wherever it lies. Nothing when it is not there.
   static std::shared_ptr<const ZrFile> Open(const std::string& path);
 

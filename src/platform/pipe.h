@@ -13,13 +13,14 @@
 
 #include "platform/descriptor.h"
 
-/// A flag that many threads can wait for through its descriptor. Once raised it stays raised.
-/// Threads: any.
+/// A flag that many threads can wait for through its descriptor. Once raised it stays raised,
+/// unless its only waiter takes it back. Threads: any.
 class ZrWakeFlag {
  public:
   /// Throws std::system_error when the system gives no descriptor.
   ZrWakeFlag();
   void Raise() noexcept;
+  void Lower() noexcept;
   bool IsRaised() const noexcept { return raised_; }
   /// Readable once the flag is raised. Valid as long as the flag.
   int Descriptor() const noexcept { return event_.Get(); }

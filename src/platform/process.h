@@ -100,6 +100,9 @@ namespace zr {
 /// last trace of one that left its family. Costs a look at every process of the machine.
 void KillHoldersOf(int pipe);
 
+/// A descriptor for this process's standard error; none when it is closed.
+ZrDescriptor StandardErrorCopy();
+
 /// The file that a program name means: a name with "/" unchanged, otherwise the first executable
 /// regular file of that name in the directories of `path` (an empty entry is the current
 /// directory). Nothing when there is none.

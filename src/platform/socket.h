@@ -141,6 +141,9 @@ int WaitAnyReadable(std::span<const int> descriptors, std::chrono::milliseconds 
 
 /// Ends the sending direction: the peer reads to the end of what was sent. Errors are dropped.
 void ShutdownSend(int socket) noexcept;
+/// Ends a connection so that the peer sees no end in order but a reset; what was not sent yet is
+/// lost. Errors are dropped.
+void ResetConnection(int socket) noexcept;
 /// Ends both directions. Errors are dropped.
 void ShutdownBoth(int socket) noexcept;
 

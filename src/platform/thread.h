@@ -34,6 +34,10 @@ class ZrThread {
 
 namespace zr {
 
+/// Has this thread run when others do not want the processor, for good. Where the system does not
+/// do that, nothing changes.
+void YieldToOthers() noexcept;
+
 /// Whether this process was forked from one in which the library had started threads. They are not
 /// here, and what they held at that moment, locks above all, stays held for ever: what ends
 /// something at the exit of the process or the end of the library asks this first, and then leaves

@@ -342,6 +342,23 @@ bool ZrTransceiverServerL1HTTP::SendHead(const ConnectionPointer& connection,
   return true;
 }
 
+void ZrTransceiverServerL1HTTP::EndAnswer(const ConnectionPointer& connection,
+                                          const std::shared_ptr<ZrXHeader>& head,
+                                          std::uint64_t bytes, Ended ended) {
+  Touch();
+  LeaveJoinedTask(head->target);
+  if (!Timing()) return;
+  try {
+    Log(*connection, *head, bytes);
+  } catch (...) {
+    // For want of memory it goes without a line.
+  }
+  if (ended == Ended::kCut) connection->CloseAfterItem();
+  if (ZrTransceiver* const transceiver = Transceiver(); ended == Ended::kReset && transceiver)
+    transceiver->ResetConnection(*connection);
+  EndTurn(connection);
+}
+
 void ZrTransceiverServerL1HTTP::Write(ZrTransceiver& transceiver,
                                       ZrTransceiverConnection& connection,
                                       ZrXHeader& head) noexcept {

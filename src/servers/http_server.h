@@ -38,6 +38,8 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   using ZrTransceiverServer::SendHead;
   bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
                 const std::shared_ptr<ZrXHeader>& head) override;
+  void EndAnswer(const std::shared_ptr<ZrTransceiverConnection>& connection,
+                 const std::shared_ptr<ZrXHeader>& head, std::uint64_t bytes, Ended ended) override;
   void EndTasks() override;
   /// Handles those messages whose handler says that they cannot wait.
   void HandleArrived(

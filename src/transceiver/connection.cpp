@@ -237,6 +237,31 @@ void ZrTransceiverConnection::SendFileBytes(std::shared_ptr<const ZrFile> file,
   output_.AddFile(std::move(file), offset, length);
 }
 
+void ZrTransceiverConnection::OnRoom(std::function<void()> action) {
+  roomMark_ = kNoMark;
+  ZrLock hold(roomLock_);
+  onRoom_.swap(action);  // the old one is released without the lock
+}
+
+// The mark is set before the bytes are looked at, and the sender looks at the mark after it has
+// taken bytes: one of the two sees the other.
+bool ZrTransceiverConnection::AwaitRoom(std::uint64_t full, std::uint64_t room) {
+  if (output_.Bytes() <= full) return false;
+  roomMark_ = room;
+  TellRoom();
+  return true;
+}
+
+void ZrTransceiverConnection::CallRoom() {
+  if (roomMark_.exchange(kNoMark) == kNoMark) return;
+  std::function<void()> action;
+  {
+    ZrLock hold(roomLock_);
+    action = onRoom_;
+  }
+  if (action) action();
+}
+
 void ZrTransceiverConnection::PeekFront(std::string& text) { text = output_.FrontText(); }
 
 void ZrTransceiverConnection::Consume(std::size_t count) { output_.Consume(count); }

@@ -154,8 +154,19 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   void NoteBody(const ZrSemantics& rules, std::uint64_t arrived, std::uint64_t held);
   void EndBody();
 
+  /// Who writes a long answer is told by this when there is room for more; an empty one ends it.
+  /// Called on the threads that send, with no lock held, possibly once more while it is exchanged.
+  void OnRoom(std::function<void()> action) ZR_EXCLUDES(roomLock_);
+  /// Whether more than `full` bytes wait to be sent: the action is then called once, when at most
+  /// `room` do.
+  bool AwaitRoom(std::uint64_t full, std::uint64_t room);
+
   // For the transceiver.
 
+  /// Output went: tells who waits for room, when there is enough.
+  void TellRoom() {
+    if (roomMark_.load() != kNoMark && output_.Bytes() <= roomMark_.load()) CallRoom();
+  }
   enum class PeerEnd { kRemove, kFinish, kKeep };
   /// The peer ended its side: what is to become of the connection now.
   PeerEnd OnPeerFinished();
@@ -211,7 +222,10 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::string_view FrontView() ZR_REQUIRES(lock_);
 
  private:
+  static constexpr std::uint64_t kNoMark = ~std::uint64_t{0};
+
   bool AwaitsAnswer();
+  void CallRoom() ZR_EXCLUDES(roomLock_);
 
   // Constant after construction.
   ZrTransceiver& owner_;
@@ -228,6 +242,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   ZrSendQueue output_;
   ZrTurn turn_;
+  std::atomic<std::uint64_t> roomMark_{kNoMark};  // somebody waits until no more is queued
+  ZrMutex roomLock_;                              // never held while calling out
+  std::function<void()> onRoom_ ZR_GUARDED_BY(roomLock_);
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
   std::atomic<std::int64_t> headSince_{0};  // monotonic time at which the head began; 0: none

@@ -377,6 +377,7 @@ void ZrIoLoops::AfterOutput(ZrIoRegistration& registration) {
 
 void ZrIoLoops::AfterProgress(ZrTransceiverConnection& connection) {
   progress_.Note();
+  connection.TellRoom();
   if (connection.TakeStalled()) connection.Announce();
 }
 

@@ -41,6 +41,12 @@ class ZrMessageHandler {
   /// default. Threads: any.
   virtual bool CannotWait(const ZrXHeader& /*message*/) { return false; }
 
+  /// Brackets a call into the transceiver that this handler is attached to, which waits for the end
+  /// of it before it lets the handler go. Nothing when there is none: then nothing is to be left.
+  /// Threads: any.
+  virtual ZrTransceiver* EnterTransceiver() { return nullptr; }
+  virtual void LeaveTransceiver() {}
+
   /// Called once when a message's head has been read and its body is still to come, with the head's
   /// lock held. No closes the connection.
   virtual bool OnHeadComplete(ZrXHeader& head) = 0;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
@@ -46,7 +47,18 @@ class ZrServerLink {
   /// any.
   virtual bool SendHead(const std::shared_ptr<ZrTransceiverConnection>& connection,
                         const std::shared_ptr<ZrXHeader>& head) = 0;
-  /// The same by the connection's name.
+  /// How an answer came to its end whose head and body another than this server has sent.
+  enum class Ended {
+    kWhole,  ///< complete
+    kCut,    ///< not; the connection closes behind what is queued
+    kReset,  ///< not; the connection is reset, as its end would be taken for that of the body
+  };
+  /// Such an answer is over: logs it with its bytes and ends the connection's turn. The caller
+  /// holds no lock. Threads: any.
+  virtual void EndAnswer(const std::shared_ptr<ZrTransceiverConnection>& /*connection*/,
+                         const std::shared_ptr<ZrXHeader>& /*head*/, std::uint64_t /*bytes*/,
+                         Ended /*ended*/) {}
+  /// SendHead() by the connection's name.
   virtual bool SendHead(const std::string& connectionName,
                         const std::shared_ptr<ZrXHeader>& head) = 0;
 };

@@ -9,7 +9,10 @@
 #include "http/server_head.h"
 #include "jobs/job_registry.h"
 #include "jobs/scheduler.h"
+#include "net/tcp_socket.h"
+#include "platform/socket.h"
 #include "transceiver/connection.h"
+#include "transceiver/io_registration.h"
 #include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
 #include "transceiver/server_link.h"
@@ -296,6 +299,15 @@ void ZrTransceiver::RemoveConnection(ZrTransceiverConnection& connection) {
   // Kept to the end: the tables may hold the connection's last reference.
   const std::shared_ptr<ZrIoRegistration> registration = loops_.Unregister(connection);
   if (registration) Drop(connection);
+}
+
+void ZrTransceiver::ResetConnection(ZrTransceiverConnection& connection) {
+  {
+    ZrLock hold(connection.Lock());
+    if (ZrIoRegistration* const registration = connection.Registration())
+      zr::ResetConnection(registration->socket->primaryDescriptor());
+  }
+  RemoveConnection(connection);
 }
 
 // Off the tables first: who looks for it after the event finds nothing.

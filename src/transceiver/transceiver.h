@@ -93,6 +93,8 @@ class ZrTransceiver final : public ZrJob {
   /// says that the peer or the socket was the cause; it changes nothing.
   void RemoveConnection(const std::string& name, bool flag);
   void RemoveConnection(ZrTransceiverConnection& connection);
+  /// The same in a way that the peer cannot take for an end in order.
+  void ResetConnection(ZrTransceiverConnection& connection);
   /// Ends a connection in order: nothing more is read from it, what is queued is sent, then the
   /// sending side is shut down and the connection goes when the peer has ended its side, too, or a
   /// moment later. An expired connection goes at once.

@@ -153,6 +153,54 @@ TEST_F(Standard, AnswersInOrderAndSaysWhyItCloses) {
   }
 }
 
+TEST_F(Standard, BodiesAreCompressedForWhoAcceptsIt) {
+  const std::string text = [] {
+    std::string lines;
+    for (int i = 0; i < 20'000; ++i) lines += "line " + std::to_string(i * i) + "\n";
+    return lines;
+  }();
+  folder_.Write("text.css", text);
+  folder_.Write("small.css", "a{}");
+  folder_.Write("pre.js", text);
+  folder_.Write("pre.js.br", "not what curl can read");
+  folder_.Write("cgi-bin/text", "#!/bin/sh\nprintf 'Content-Type: text/x\\n\\n'\ncat '" +
+                                    folder_.Path("text.css") + "'\n");
+  std::filesystem::permissions(folder_.Path("cgi-bin/text"), std::filesystem::perms::owner_all);
+  const std::string form = "/?quarnid=echo&x=" + std::string(4000, 'y');
+  struct Case {
+    std::string path;
+    const char* accepts;
+    std::string_view coding;
+  };
+  const Case cases[] = {{"/text.css", "gzip", "gzip"},         {"/text.css", "gzip", "gzip"},
+                        {"/text.css", "gzip;q=0.5, br", "br"}, {"/text.css", "gzip;q=0", "-"},
+                        {"/small.css", "gzip", "-"},           {"/a%20b", "gzip", "-"},
+                        {"/pre.js", "gzip", "gzip"},           {"/cgi-bin/text", "gzip", "gzip"},
+                        {"/cgi-bin/text", "br", "br"},         {form, "gzip", "gzip"}};
+  const auto field = [](const std::string& head, const std::string& name) {
+    const std::size_t at = head.find("\r\n" + name + ": ");
+    if (at == head.npos) return std::string("-");
+    const std::size_t begin = at + name.size() + 4;
+    return head.substr(begin, head.find("\r\n", begin) - begin);
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path.substr(0, 20) + c.accepts);
+    const std::string accepts = std::string("Accept-Encoding: ") + c.accepts;
+    const RunResult got = Curl(c.path, {"--compressed", "-H", accepts, "-i"});
+    const std::size_t end = got.out.find("\r\n\r\n") + 4;
+    EXPECT_EQ(field(got.out.substr(0, end), "Content-Encoding"), c.coding);
+    EXPECT_TRUE(got.out.substr(end) == Curl(c.path, {}).out) << got.err;
+    // A version that the client has is not made for it again.
+    const std::string tag = field(got.out, "Etag");
+    if (tag == "-") continue;
+    EXPECT_EQ(tag.ends_with(std::string(c.coding) + "\""), c.coding != "-");
+    EXPECT_EQ(Asked(c.path, {"-H", accepts, "-H", "If-None-Match: " + tag}), "|304");
+  }
+  EXPECT_EQ(Curl("/pre.js", {"-H", "Accept-Encoding: br"}).out, "not what curl can read");
+  EXPECT_EQ(field(Curl("/pre.js", {"-I"}).out, "Vary"), "Accept-Encoding");
+  EXPECT_EQ(Asked("/text.css", {"-r", "0-3", "-H", "Accept-Encoding: br"}), "line|206");
+}
+
 TEST_F(Standard, FilesHaveTypesVersionsAndParts) {
   folder_.Write("app.mjs", "export {};");
   folder_.Write("sub dir/index.html", "inside");

@@ -63,7 +63,6 @@ TEST(FileAnswer, PreconditionsComeBeforeRanges) {
 TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
   const ZrFileFacts file{.version = {.size = 10, .modified = (kModified + 1000) * 1'000'000'000},
                          .contentType = "text/x",
-                         .coding = "br",
                          .varies = true};
   ZrHeaderFields request;
   request.Append("range", "bytes=0-1,-2");
@@ -71,12 +70,21 @@ TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
   std::string fields;
   for (const auto& [name, value] : answer.fields) fields += std::string(name) + ": " + value + "\n";
   // A time that is still to come is told as now.
-  EXPECT_EQ(fields, "ETag: " + zr::EntityTag(file.version, "br") + "\nLast-Modified: " + kDate +
-                        "\nVary: Accept-Encoding\nAccept-Ranges: bytes\nContent-Encoding: br\n"
+  EXPECT_EQ(fields, "ETag: " + zr::EntityTag(file.version) + "\nLast-Modified: " + kDate +
+                        "\nVary: Accept-Encoding\nAccept-Ranges: bytes\n"
                         "Content-Type: multipart/byteranges; boundary=mark\n");
   EXPECT_EQ(answer.status, 206U);
   EXPECT_EQ(answer.several.parts.size(), 2U);
   EXPECT_EQ(answer.length, answer.several.length);
+
+  // Parts are of the plain form only.
+  ZrFileFacts coded = file;
+  coded.coding = "br";
+  const ZrFileAnswer whole = zr::AnswerForFile(request, coded, kModified, "mark");
+  EXPECT_EQ(whole.status, 200U);
+  EXPECT_EQ(whole.length, 10U);
+  EXPECT_EQ(whole.fields[0].second, zr::EntityTag(file.version, "br"));
+  EXPECT_EQ(whole.fields[3].second, "br");
 
   const ZrFileFacts empty{.version = {}, .contentType = "text/x"};
   const ZrFileAnswer nothing = zr::AnswerForFile({}, empty, kModified, "mark");

@@ -27,8 +27,12 @@ class BedHandler : public ZrJob, public ZrMessageHandler {
   using Message = std::shared_ptr<ZrXHeader>;
   explicit BedHandler(std::function<int(const Message&)> handle) : handle_(std::move(handle)) {}
   ZrJob& HandlerJob() override { return *this; }
-  bool AttachTransceiver(ZrTransceiver&) override { return true; }
-  void DetachTransceiver(ZrTransceiver&) override {}
+  bool AttachTransceiver(ZrTransceiver& transceiver) override {
+    transceiver_ = &transceiver;
+    return true;
+  }
+  ZrTransceiver* EnterTransceiver() override { return transceiver_; }
+  void DetachTransceiver(ZrTransceiver&) override { transceiver_ = nullptr; }
   int HandleMessage(const std::string&, Message message) override { return handle_(message); }
   bool OnHeadComplete(ZrXHeader& head) override {
     head.bodyUnwanted = head.path == "/unwanted";
@@ -37,6 +41,7 @@ class BedHandler : public ZrJob, public ZrMessageHandler {
 
  private:
   const std::function<int(const Message&)> handle_;
+  ZrTransceiver* transceiver_ = nullptr;
 };
 
 class ServerBed {

@@ -107,8 +107,15 @@ std::shared_ptr<const ZrFile> ZrFile::OpenBeneath(std::string_view directory,
 }
 
 bool ZrFile::ExistsBeneath(std::string_view directory, std::string_view path) {
+  return KindBeneath(directory, path) != zr::ZrPathKind::kMissing;
+}
+
+zr::ZrPathKind ZrFile::KindBeneath(std::string_view directory, std::string_view path) {
   const std::shared_ptr<const ZrDirectory> start = ZrDirectory::Open(directory);
-  return start != nullptr && FromDescriptor(start->OpenPath(path, kPlaceFlags)) != nullptr;
+  if (start == nullptr) return zr::ZrPathKind::kMissing;
+  const auto found = FromDescriptor(start->OpenPath(path, kPlaceFlags));
+  if (!found) return zr::ZrPathKind::kMissing;
+  return found->IsDirectory() ? zr::ZrPathKind::kDirectory : zr::ZrPathKind::kRegular;
 }
 
 std::shared_ptr<const ZrFile> ZrFile::Open(const std::string& path) {

@@ -57,6 +57,13 @@ void ZrWakeFlag::Raise() noexcept {
   [[maybe_unused]] const ssize_t written = ::write(event_.Get(), &one, sizeof one);
 }
 
+// A raise beside it may leave the descriptor readable: then there is one more look than needed.
+void ZrWakeFlag::Lower() noexcept {
+  if (!raised_.exchange(false)) return;
+  std::uint64_t count = 0;
+  [[maybe_unused]] const ssize_t got = ::read(event_.Get(), &count, sizeof count);
+}
+
 namespace zr {
 
 std::error_code MakePipe(Pipe& pipe) {

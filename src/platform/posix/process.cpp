@@ -267,6 +267,10 @@ void ZrProcess::Abandon() noexcept {
 
 namespace zr {
 
+ZrDescriptor StandardErrorCopy() {
+  return ZrDescriptor(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
+
 std::optional<std::string> FindProgram(std::string_view program, std::string_view path) {
   if (program.empty()) return std::nullopt;
   if (program.find('/') != std::string_view::npos) return std::string(program);

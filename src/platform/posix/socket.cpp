@@ -218,6 +218,12 @@ ZrDescriptor ConnectTo(const ZrSocketAddress& address, std::chrono::milliseconds
 
 void ShutdownSend(int socket) noexcept { ::shutdown(socket, SHUT_WR); }
 
+// Disconnecting does it at once, whatever is done with the socket later.
+void ResetConnection(int socket) noexcept {
+  const sockaddr nobody{AF_UNSPEC, {}};
+  ::connect(socket, &nobody, sizeof nobody);
+}
+
 void ShutdownBoth(int socket) noexcept { ::shutdown(socket, SHUT_RDWR); }
 
 }  // namespace zr

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -81,6 +82,11 @@ void ZrThread::Join() noexcept {
     thread_.detach();
   else
     thread_.join();
+}
+
+void zr::YieldToOthers() noexcept {
+  constexpr int kNice = 10;
+  setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNice);
 }
 
 bool zr::IsForkOfThreads() noexcept {

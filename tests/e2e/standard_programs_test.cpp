@@ -1,0 +1,174 @@
+// Programs and PHP pages in standard semantics: real curl, real php-cgi, the program `velkoro
+// serve`.
+
+#include <gtest/gtest.h>
+
+#include "tests/e2e/served.h"
+#include "tests/support/raw_client.h"
+#include "tests/support/wait.h"
+
+namespace {
+
+using namespace zrtest;
+
+class StandardPrograms : public testing::Test {
+ protected:
+  void Program(const std::string& name, const std::string& commands) {
+    folder_.Write("cgi-bin/" + name, "#!/bin/sh\n" + commands + "\n");
+    std::filesystem::permissions(folder_.Path("cgi-bin/" + name),
+                                 std::filesystem::perms::owner_all);
+  }
+  std::string Wait(const std::string& file) {
+    return "while [ ! -e '" + folder_.Path(file) + "' ]; do sleep 0.01; done";
+  }
+  /// What came, and the status.
+  std::string Asked(const std::string& path, std::vector<std::string> words = {}) {
+    words.insert(words.end(), {"-w", "|%{http_code}"});
+    return served_.Curl("http", path, words).out;
+  }
+
+  TemporaryFolder folder_;
+  TemporaryFolder outside_;
+  Served served_{folder_, {"http", "https"}, {"--semantics", "standard"}};
+};
+
+TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
+  const std::string text = R"(printf 'Content-Type: text/plain\n\n')";
+  Program("say", text + R"(; printf '%s' "$REQUEST_METHOD $PATH_INFO "; wc -c | tr -d '\n')");
+  Program("none", ":");
+  Program("no-head", "echo page; echo more");
+  Program("length", R"(printf 'Content-Type: a/b\nContent-Length: 4\n\npage and more')");
+  Program("short", R"(printf 'Content-Type: a/b\nContent-Length: 9\n\npage')");
+  Program("status", R"(printf 'Status: 404 Gone\r\n\r\nwhere')");
+  Program("away", R"(printf 'Location: http://a.example/\n\n')");
+  Program("here", R"(printf 'Location: /cgi-bin/say/there?x\n\n')");
+  Program("round", R"(printf 'Location: /cgi-bin/round\n\n')");
+  Program("errors", text + "; echo aside >&2; printf page");
+  folder_.Write("page.php", "<?php echo $_SERVER['SCRIPT_NAME'], ' ', $_SERVER['PATH_INFO'];");
+  const std::string big = outside_.Write("big", Pattern(3 << 20));
+  struct Case {
+    const char* path;
+    std::vector<std::string> words;
+    const char* answer;
+  };
+  const Case cases[] = {
+      {"say", {}, "GET  0|200"},
+      {"say/a%20b/c", {"-X", "DELETE"}, "DELETE /a b/c 0|200"},
+      {"say", {"-T", big}, "PUT  3145728|200"},
+      {"say", {"-X", "PATCH", "-T", big, "-H", "Transfer-Encoding: chunked"}, "PATCH  3145728|200"},
+      {"length", {}, "page|200"},
+      {"short", {}, "page|200"},
+      {"status", {}, "where|404"},
+      {"away", {}, "|302"},
+      {"here", {"-d", "body"}, "GET /there 0|200"},
+      {"errors", {}, "page|200"},
+      {"../page.php/more", {"--no-path-as-is"}, "/page.php /more|200"},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(Asked(std::string("/cgi-bin/") + c.path, c.words), c.answer) << c.path;
+  for (const char* bad : {"none", "no-head", "round"})
+    EXPECT_TRUE(Asked(std::string("/cgi-bin/") + bad).ends_with("</html>|502")) << bad;
+  EXPECT_TRUE(Asked("/cgi-bin/nothing/say").ends_with("|404"));
+  const std::string head = served_.Curl("http", "/cgi-bin/say", {"-I"}).out;
+  EXPECT_TRUE(head.starts_with("HTTP/1.1 200 OK\r\n") && head.ends_with("\r\n\r\n")) << head;
+  EXPECT_EQ(served_.Curl("http", "/cgi-bin/short").status, 18);
+}
+
+TEST_F(StandardPrograms, AnswersArriveAsTheyAreWrittenAndNeverEndFalsely) {
+  const std::string events = R"(printf 'Content-Type: text/event-stream\n\n'; )";
+  Program("events", events + "echo one; " + Wait("go") + "; echo two");
+  Program("crash", events + "echo one; sleep 0.05; kill -9 $$");
+  Program("echo", R"(printf 'Content-Type: a/b\n\n'; cat)");
+  for (const char* protocol : {"http", "https"}) {
+    BackgroundProgram curl(CurlWords({"-N", served_.Url(protocol, "/cgi-bin/events")}));
+    EXPECT_TRUE(WaitFor([&] { return curl.Output() == "one\n"; })) << curl.Errors();
+    folder_.Write("go", "");
+    EXPECT_TRUE(curl.WaitForEnd());
+    EXPECT_EQ(curl.Output(), "one\ntwo\n");
+    std::filesystem::remove(folder_.Path("go"));
+    const std::string sent = Pattern(9 << 20);
+    const RunResult echo = served_.Curl(protocol, "/cgi-bin/echo",
+                                        {"--data-binary", "@" + outside_.Write("body", sent)});
+    EXPECT_TRUE(echo.out == sent) << echo.err;
+    for (const char* version : {"--http1.1", "--http1.0"}) {
+      const RunResult cut = served_.Curl(protocol, "/cgi-bin/crash", {"-N", version});
+      EXPECT_EQ(cut.out, "one\n");
+      EXPECT_NE(cut.status, 0) << protocol << version;
+    }
+  }
+}
+
+TEST_F(StandardPrograms, EndWithTheirPeerAndLeaveOthersTheirTurn) {
+  const std::string mark =
+      "7" + std::to_string(std::filesystem::hash_value(folder_.Path()) % 100000);
+  const std::string events = R"(printf 'Content-Type: text/event-stream\n\n'; echo one; )";
+  Program("endless", events + "sleep " + mark);
+  Program("half", events + Wait("go") + "; echo two");
+  Program("quick", R"(printf 'Content-Type: a/b\n\nquick')");
+  const auto runs = [&] { return RunProgram({"pgrep", "-f", "--", "sleep " + mark}).status == 0; };
+  const std::string ask = " HTTP/1.1\r\nHost: h\r\n\r\n";
+  // More than programs happen at once: those that last stand aside.
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 40; ++i) {
+    clients.emplace_back(served_.Port("http"));
+    clients.back().Send("GET /cgi-bin/endless" + ask);
+  }
+  RawClient half(served_.Port("http"));
+  half.Send("GET /cgi-bin/half" + ask);
+  half.FinishSending();
+  EXPECT_EQ(Asked("/cgi-bin/quick"), "quick|200");
+  for (RawClient& client : clients) EXPECT_NE(client.ReadUntil("one\n").find("one\n"), ask.npos);
+  EXPECT_TRUE(runs());
+  for (RawClient& client : clients) client.Reset();
+  EXPECT_TRUE(WaitFor([&] { return !runs(); }));
+  folder_.Write("go", "");
+  bool ended = false;
+  const std::string answer = half.ReadToEnd(&ended);
+  EXPECT_TRUE(ended);
+  EXPECT_TRUE(answer.ends_with("4\r\ntwo\n\r\n0\r\n\r\n")) << answer;
+}
+
+TEST_F(StandardPrograms, PhpApplicationWorksBeyondItsFirstPage) {
+  folder_.Write("app/index.php", R"(<?php
+ini_set('session.save_path', ')" + outside_.Path() +
+                                     R"(');
+session_start();
+$page = $_SERVER['PATH_INFO'] ?? '/';
+if ($page == '/login') {
+  if ($_POST['password'] != 'open sesame') { http_response_code(403); exit('no'); }
+  $_SESSION['user'] = $_POST['user'];
+  setcookie('theme', 'dark');
+  header('Location: /app/index.php/files', true, 303);
+  exit;
+}
+if (!isset($_SESSION['user'])) { http_response_code(401); exit('who?'); }
+if ($page == '/upload') {
+  move_uploaded_file($_FILES['file']['tmp_name'], ')" +
+                                     outside_.Path() + R"(/kept');
+  header('Location: /app/index.php/files', true, 303);
+  exit;
+}
+if ($page == '/download') {
+  header('Content-Type: application/octet-stream');
+  header('Content-Disposition: attachment; filename="kept"');
+  readfile(')" + outside_.Path() + R"(/kept');
+  exit;
+}
+echo $_SESSION['user'], ' ', $_COOKIE['theme'], ' ', (int)@filesize(')" +
+                                     outside_.Path() +
+                                     R"(/kept');
+)");
+  const std::string file = outside_.Write("photo", Pattern(1'500'000));
+  const std::string jar = outside_.Path("jar");
+  const auto visit = [&](const std::string& page, std::vector<std::string> words) {
+    words.insert(words.end(), {"-b", jar, "-c", jar, "-L", "-w", "|%{http_code}"});
+    return served_.Curl("https", "/app/" + page, words).out;
+  };
+  EXPECT_EQ(visit("", {}), "who?|401");
+  EXPECT_EQ(visit("index.php/login", {"-d", "password=x"}), "no|403");
+  EXPECT_EQ(visit("index.php/login", {"-d", "user=Ada&password=open+sesame"}), "Ada dark 0|200");
+  EXPECT_EQ(visit("index.php/upload", {"-F", "file=@" + file}), "Ada dark 1500000|200");
+  EXPECT_TRUE(visit("index.php/download", {}) == Pattern(1'500'000) + "|200");
+}
+
+}  // namespace
