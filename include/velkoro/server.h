@@ -34,6 +34,7 @@ namespace velkoro {
 class Document;  // of <velkoro/documents.h>
 class Exchange;  // a request with its answer, inside
 class Later;
+class Stream;
 
 /// What is wrong with a server, in one sentence: "the port 80 of http://127.0.0.1:80 is taken or
 /// not allowed".
@@ -254,6 +255,10 @@ class Answer {
   /// The answer comes later, from any thread, by what this returns: the handler returns without
   /// one. Called once.
   Later Defer();
+  /// The head goes out as it stands, and the body by what this returns, piece by piece while it is
+  /// made. A header field "Content-Length" says how much of it comes, where that is known. Called
+  /// once.
+  Stream Begin();
 
  private:
   friend class Exchange;
@@ -277,6 +282,33 @@ class Later {
   struct Share;
   explicit Later(std::shared_ptr<Share> share) : share_(std::move(share)) {}
   std::shared_ptr<Share> share_;
+};
+
+/// A body that is written while it is made. It may be moved to another thread, and the handler
+/// return. The time limit of handlers ends with Answer::Begin(). In minimal semantics, whose heads
+/// say how long the body is, it is kept until the end. Threads: one at a time.
+class Stream {
+ public:
+  Stream(Stream&& other) noexcept;
+  Stream& operator=(Stream&&) = delete;
+  /// Ends the body, or, while an exception passes, breaks it off.
+  ~Stream();
+
+  /// Sends the piece; waits while the client does not read what was sent before. No: nobody reads
+  /// any more, or no more than there was (a HEAD request, the length): End() it then.
+  bool Write(std::string_view piece);
+  /// Nobody reads it any more: the peer has gone, or the server stops.
+  bool Gone() const;
+  /// The body is complete.
+  void End();
+  /// It is not, and the client shall see that.
+  void Abort();
+
+ private:
+  friend class Answer;
+  explicit Stream(std::shared_ptr<Exchange> exchange);
+  std::shared_ptr<Exchange> exchange_;  // none once it has ended
+  int exceptions_;                      // that passed when it began
 };
 
 /// What happens to a server.

@@ -1,5 +1,6 @@
 // What a program's handler says: velkoro::Answer and Later over the message that goes out.
 
+#include <exception>
 #include <utility>
 
 #include "embed/exchange.h"
@@ -98,6 +99,32 @@ Later Answer::Defer() {
   auto share = std::make_shared<Later::Share>(exchange_.shared_from_this());
   exchange_.Defer();
   return Later(std::move(share));
+}
+
+Stream Answer::Begin() { return Stream(exchange_.shared_from_this()); }
+
+Stream::Stream(std::shared_ptr<Exchange> exchange)
+    : exchange_(std::move(exchange)), exceptions_(std::uncaught_exceptions()) {
+  exchange_->BeginStream();
+}
+
+Stream::Stream(Stream&& other) noexcept
+    : exchange_(std::move(other.exchange_)), exceptions_(other.exceptions_) {}
+
+Stream::~Stream() {
+  if (exchange_) exchange_->EndStream(std::uncaught_exceptions() <= exceptions_);
+}
+
+bool Stream::Write(std::string_view piece) { return exchange_ && exchange_->WriteStream(piece); }
+
+bool Stream::Gone() const { return !exchange_ || exchange_->Gone(); }
+
+void Stream::End() {
+  if (const std::shared_ptr<Exchange> ended = std::move(exchange_)) ended->EndStream(true);
+}
+
+void Stream::Abort() {
+  if (const std::shared_ptr<Exchange> ended = std::move(exchange_)) ended->EndStream(false);
 }
 
 Answer& Later::operator*() const { return share_->exchange->AnswerPart(); }

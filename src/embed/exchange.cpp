@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/number.h"
 #include "handlers/request_handler.h"
 #include "handlers/served_files.h"
 #include "handlers/standard_files.h"
@@ -32,6 +33,29 @@ struct velkoro::Exchange::Action {
   }
   const std::function<void()> run;
   std::atomic<bool> called{false};
+};
+
+/// What the writer of a stream waits for.
+struct velkoro::Exchange::Room {
+  /// Until there is room, or nobody to make any.
+  void Wait() ZR_EXCLUDES(lock) {
+    ZrLock hold(lock);
+    changed.Wait(lock, [this]() ZR_REQUIRES(lock) { return there || over; });
+    there = false;
+  }
+  void Tell(bool end) ZR_EXCLUDES(lock) {
+    ZrLock hold(lock);
+    (end ? over : there) = true;
+    changed.NotifyAll();
+  }
+  bool Over() ZR_EXCLUDES(lock) {
+    ZrLock hold(lock);
+    return over;
+  }
+  ZrMutex lock;
+  ZrCondition changed;
+  bool there ZR_GUARDED_BY(lock) = false;
+  bool over ZR_GUARDED_BY(lock) = false;
 };
 
 velkoro::Exchange::Exchange(std::shared_ptr<ZrHandlers> handlers, ZrTransceiverClient& client,
@@ -82,6 +106,17 @@ void velkoro::Exchange::TellGone() {
     action = std::move(onGone_);
   }
   if (action) action->Call();
+  std::function<void()> stop;
+  {
+    ZrLock hold(goneLock_);
+    stop = onStop_;
+  }
+  if (stop) stop();
+}
+
+void velkoro::Exchange::OnStop(std::function<void()> action) {
+  ZrLock hold(goneLock_);
+  onStop_ = std::move(action);
 }
 
 // ---- The answer --------------------------------------------------------------------------------
@@ -171,8 +206,13 @@ void velkoro::Exchange::Fail() {
   if (Claim()) Conclude([this] { client_.AnswerStatus(*request_, kInternalError); });
 }
 
+// A stream is not late once it has begun: its writer is only told when the server stops.
 void velkoro::Exchange::GiveUp() {
-  if (!Claim()) return;
+  if (!Claim()) {
+    if (!handlers_->pool.IsClosing()) return;
+    givenUp_ = true;
+    return TellGone();
+  }
   givenUp_ = true;
   Conclude([this] {
     client_.AnswerStatus(*request_, kUnavailable);
@@ -191,25 +231,73 @@ void velkoro::Exchange::Conclude(Act act) noexcept {
   handlers_->pool.Done(*this);
 }
 
+// ---- The stream --------------------------------------------------------------------------------
+
+// Its writer hears of the end like a program that asked for OnGone().
+void velkoro::Exchange::BeginStream() {
+  Reply();
+  room_ = std::make_shared<Room>();
+  const bool first = Claim();
+  sent_ = true;
+  if (!first) return room_->Tell(true);
+  try {
+    BeginBody();
+    streaming_ = true;
+  } catch (...) {
+    Conclude([this] {
+      if (!stream_ || !stream_->Begun()) client_.AnswerStatus(*request_, kInternalError);
+      stream_ = nullptr;
+    });
+    throw;
+  }
+}
+
+void velkoro::Exchange::BeginBody() {
+  reply_->body = std::make_unique<ZrStringBuf>();
+  Complete();
+  if (!request_->semantics->IsStandard()) return;
+  reply_->body = nullptr;
+  const auto length = zr::ParseDigits(reply_->headers.First("content-length"));
+  reply_->lengthKnown = length.has_value();
+  reply_->contentLength = length.value_or(0);
+  const auto tell = [room = std::weak_ptr<Room>(room_)](bool end) {
+    if (const std::shared_ptr<Room> kept = room.lock()) kept->Tell(end);
+  };
+  OnStop([tell] { tell(true); });
+  stream_ = client_.OpenAnswer(*request_, {[tell] { tell(false); }, [tell] { tell(true); }});
+  if (!stream_->Begin(reply_) || Gone()) room_->Tell(true);
+}
+
+bool velkoro::Exchange::WriteStream(std::string_view piece) {
+  if (!stream_) {
+    if (streaming_) reply_->body->Append(piece);
+    return streaming_ && !Gone();
+  }
+  if (room_->Over() || !stream_->Write(piece)) return false;
+  while (!room_->Over() && stream_->MustWait()) room_->Wait();
+  return !room_->Over();
+}
+
+void velkoro::Exchange::EndStream(bool whole) noexcept {
+  if (!std::exchange(streaming_, false)) return;
+  Conclude([&] {
+    if (!stream_)
+      client_.SendAnswer(*request_, whole ? reply_ : request_->MakeResponse());
+    else if (whole && !givenUp_)
+      stream_->End();
+    else
+      stream_->Abort();
+    stream_ = nullptr;
+  });
+}
+
 // ---- The run -----------------------------------------------------------------------------------
 
 void velkoro::Exchange::Run() {
   try {
-    if (Gone()) {
-      if (Claim()) Conclude([] {});
-      return;
-    }
-    reply_ = request_->MakeResponse();
-    reply_->status = kUnset;
-    RunHandler();
+    if (!Gone()) return RunHandler();
+    if (Claim()) Conclude([] {});
     return;
-  } catch (const RequestError& refusal) {
-    if (!deferred_) {
-      AnswerWith(refusal.Status(), refusal.what());
-      Send();
-      return;
-    }
-    LogFailure(refusal.what());
   } catch (const std::exception& failure) {
     LogFailure(failure.what());
   } catch (...) {
@@ -219,6 +307,18 @@ void velkoro::Exchange::Run() {
 }
 
 void velkoro::Exchange::RunHandler() {
+  reply_ = request_->MakeResponse();
+  reply_->status = kUnset;
+  try {
+    Handle();
+  } catch (const RequestError& refusal) {
+    if (deferred_ || sent_) throw;
+    AnswerWith(refusal.Status(), refusal.what());
+    Send();
+  }
+}
+
+void velkoro::Exchange::Handle() {
   if (!AskGuards()) {
     Send();
     return;

@@ -16,6 +16,7 @@
 #include "http/message_head.h"
 #include "http/peer_watch.h"
 #include "http/response_head.h"
+#include "transceiver/answer_stream.h"
 #include "velkoro/server.h"
 
 class ZrTransceiverClient;
@@ -54,6 +55,11 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   bool Send();
   /// The same with a 500.
   void Fail();
+
+  /// The answer piece by piece: the head, any number of pieces, and the end, once.
+  void BeginStream();
+  bool WriteStream(std::string_view piece);
+  void EndStream(bool whole) noexcept;
   /// What a path answers to a method that none of its routes has.
   static void AnswerForMethod(ZrTransceiverClient & client, const ZrXHeader& request,
                               ZrRouteTable::Methods allowed);
@@ -62,17 +68,21 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
 
  private:
   struct Action;
+  struct Room;
 
   bool Claim() noexcept { return !claimed_.exchange(true); }
   bool AskGuards();
   const velkoro::Server::Handler* FindHandler();
   void RunHandler();
+  void Handle();
+  void BeginBody();
   void LeaveToOthers();
   template <class Act>
   void Conclude(Act act) noexcept;
   void Complete();
   void AnswerWith(int status, std::string_view sentence);
-  void TellGone();
+  void TellGone() ZR_EXCLUDES(goneLock_);
+  void OnStop(std::function<void()> action) ZR_EXCLUDES(goneLock_);
   void LogFailure(const char* what);
 
   const std::shared_ptr<ZrHandlers> handlers_;
@@ -86,12 +96,17 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   bool statusSet_ = false;
   bool deferred_ = false;
   bool sent_ = false;
+  bool streaming_ = false;
   velkoro::Request asked_;
   velkoro::Answer answer_;
+
+  std::unique_ptr<ZrAnswerStream> stream_;
+  std::shared_ptr<Room> room_;  // of the stream
 
   std::atomic<bool> claimed_{false};
   std::atomic<bool> givenUp_{false};
   ZrMutex goneLock_;  // never held while calling out
   std::shared_ptr<Action> onGone_ ZR_GUARDED_BY(goneLock_);
-  ZrPeerSubscription peer_;  // of the owner's thread
+  std::function<void()> onStop_ ZR_GUARDED_BY(goneLock_);  // of a stream; waits for nothing
+  ZrPeerSubscription peer_;                                // of the owner's thread
 };

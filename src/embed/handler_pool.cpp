@@ -102,6 +102,11 @@ void ZrHandlerPool::Watch() {
   }
 }
 
+bool ZrHandlerPool::IsClosing() {
+  ZrLock hold(lock_);
+  return closing_;
+}
+
 void ZrHandlerPool::Close() {
   std::deque<Task> unrun;
   ZrThread watch;

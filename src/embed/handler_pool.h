@@ -48,6 +48,8 @@ class ZrHandlerPool {
   void Done(ZrHandlerTask& task) ZR_EXCLUDES(lock_);
   /// Takes nothing more, gives up what is open, and waits for all runs. Not called from one.
   void Close() ZR_EXCLUDES(lock_);
+  /// Whether Close() has begun.
+  bool IsClosing() ZR_EXCLUDES(lock_);
   /// Whether the calling thread is one of this pool's.
   bool IsCaller() const noexcept;
 

@@ -145,8 +145,8 @@ std::string_view Request::Body() const {
 }
 
 std::unique_ptr<std::istream> Request::BodyStream() const {
-  struct Stream : std::istream {
-    explicit Stream(std::string_view text) : std::istream(nullptr), bytes(text, Nobody()) {
+  struct Reading : std::istream {
+    explicit Reading(std::string_view text) : std::istream(nullptr), bytes(text, Nobody()) {
       rdbuf(&bytes);
     }
     // The bytes are the request's.
@@ -156,7 +156,7 @@ std::unique_ptr<std::istream> Request::BodyStream() const {
     }
     ZrStringBuf bytes;
   };
-  return std::make_unique<Stream>(Body());
+  return std::make_unique<Reading>(Body());
 }
 
 Endpoint Request::Peer() const { return End(exchange_.Asked(), "remote"); }

@@ -314,6 +314,65 @@ TEST(Server, AnswersComeLaterOrNotAtAll) {
   EXPECT_FALSE(kept->Send());
 }
 
+TEST(Server, BodiesAreWrittenWhileTheyAreMade) {
+  velkoro::Server server(AnyPort());
+  std::promise<std::size_t> written;
+  std::promise<void> ended;
+  std::thread writer;
+  server.Handle("GET", "/pieces", [](const Request&, Answer& answer) {
+    velkoro::Stream body = answer.Header("X-Made", "1").Begin();
+    for (const char* piece : {"one", "", "two", "three"})
+      if (!body.Write(piece)) return;
+  });
+  server.Handle("GET", "/known", [](const Request&, Answer& answer) {
+    velkoro::Stream body = answer.Header("Content-Length", "4").Begin();
+    while (body.Write("abc")) continue;
+  });
+  server.Handle("GET", "/broken", [](const Request&, Answer& answer) {
+    velkoro::Stream body = answer.Begin();
+    body.Write("half");
+    throw velkoro::RequestError(400, "broken off");
+  });
+  server.Handle("GET", "/endless", [&](const Request&, Answer& answer) {
+    velkoro::Stream body = answer.Begin();
+    const std::string piece(std::size_t{64} << 10, 'x');
+    std::size_t bytes = 0;
+    while (body.Write(piece)) bytes += piece.size();
+    written.set_value(bytes);
+  });
+  server.Handle("GET", "/events", [&](const Request& request, Answer& answer) {
+    writer = std::thread([&request, &ended, body = answer.Begin()]() mutable {
+      std::promise<void> gone;
+      request.OnGone([&gone] { gone.set_value(); });
+      body.Write("first");
+      gone.get_future().wait();
+      EXPECT_FALSE(body.Write("more"));
+      ended.set_value();
+    });
+  });
+  testing::internal::CaptureStderr();
+  server.Start();
+  EXPECT_EQ(Ask(server, "/pieces"), "onetwothree[200]");
+  EXPECT_EQ(Ask(server, "/pieces", {"--http1.0"}), "onetwothree[200]");
+  EXPECT_NE(Ask(server, "/pieces", {"-I"}).find("X-Made: 1"), std::string::npos);
+  EXPECT_EQ(Ask(server, "/known"), "abca[200]");
+  EXPECT_EQ(RunProgram({"curl", "-s", server.Url() + "/broken"}).status, 18);
+  EXPECT_EQ(CapturedErrors(), "velkoro: GET /broken: broken off\n");
+  {
+    RawClient slow(server.Port());
+    slow.Send("GET /endless HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_FALSE(slow.ReadSome().empty());
+    slow.Reset();
+    EXPECT_LT(written.get_future().get(), std::size_t{64} << 20);
+  }
+  RawClient events(server.Port());
+  events.Send("GET /events HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_NE(events.ReadUntil("first").find("first"), std::string::npos);
+  server.Stop(0ms);
+  ended.get_future().get();
+  writer.join();
+}
+
 TEST(Server, AHandlerHearsThatItsPeerHasGone) {
   velkoro::Server server(AnyPort());
   std::promise<void> begun;

@@ -15,7 +15,7 @@ endif()
 execute_process(COMMAND ${NM} -DC --defined-only --format=posix ${SERVER} OUTPUT_VARIABLE lines
                 COMMAND_ERROR_IS_FATAL ANY)
 set(classes Answer Client ClientError Document DocumentError Element Later Node Outcome Part Request
-            RequestError Server ServerError Store StoreError Upload)
+            RequestError Server ServerError Store StoreError Stream Upload)
 set(functions Ask BasicAuthentication BearerAuthentication Escape SameSecret Unescape)
 string(REPLACE ";" "|" classes "${classes}")
 string(REPLACE ";" "|" functions "${functions}")
