@@ -101,17 +101,14 @@ void velkoro::Exchange::OnGone(std::function<void()> action) {
 
 void velkoro::Exchange::TellGone() {
   std::shared_ptr<Action> action;
-  {
-    ZrLock hold(goneLock_);
-    action = std::move(onGone_);
-  }
-  if (action) action->Call();
   std::function<void()> stop;
   {
     ZrLock hold(goneLock_);
+    action = std::move(onGone_);
     stop = onStop_;
   }
   if (stop) stop();
+  if (action) action->Call();
 }
 
 void velkoro::Exchange::OnStop(std::function<void()> action) {
@@ -273,7 +270,7 @@ bool velkoro::Exchange::WriteStream(std::string_view piece) {
     if (streaming_) reply_->body->Append(piece);
     return streaming_ && !Gone();
   }
-  if (room_->Over() || !stream_->Write(piece)) return false;
+  if (Gone() || room_->Over() || !stream_->Write(piece)) return false;
   while (!room_->Over() && stream_->MustWait()) room_->Wait();
   return !room_->Over();
 }

@@ -318,7 +318,11 @@ TEST(Server, BodiesAreWrittenWhileTheyAreMade) {
   velkoro::Server server(AnyPort());
   std::promise<std::size_t> written;
   std::promise<void> ended;
+  std::promise<void> told;
   std::thread writer;
+  server.OnEvent([&](const velkoro::Event& event) {
+    if (event.kind == velkoro::Event::Kind::kHandlerFailed) told.set_value();
+  });
   server.Handle("GET", "/pieces", [](const Request&, Answer& answer) {
     velkoro::Stream body = answer.Header("X-Made", "1").Begin();
     for (const char* piece : {"one", "", "two", "three"})
@@ -357,6 +361,7 @@ TEST(Server, BodiesAreWrittenWhileTheyAreMade) {
   EXPECT_NE(Ask(server, "/pieces", {"-I"}).find("X-Made: 1"), std::string::npos);
   EXPECT_EQ(Ask(server, "/known"), "abca[200]");
   EXPECT_EQ(RunProgram({"curl", "-s", server.Url() + "/broken"}).status, 18);
+  told.get_future().get();
   EXPECT_EQ(CapturedErrors(), "velkoro: GET /broken: broken off\n");
   {
     RawClient slow(server.Port());
