@@ -149,7 +149,7 @@ void velkoro::Exchange::SetFile(const std::string& path) {
     return SetStatus(404);
   }
   if (request_->semantics->IsStandard()) {
-    zr::AnswerWithFile(*request_, reply, path, {file, nullptr}, handlers_->types);
+    zr::AnswerWithFile(*request_, reply, path, {.found = {file, nullptr}}, handlers_->types);
   } else {
     reply.status = 200;
     reply.SetFileBody(path, file->Size());
