@@ -50,6 +50,10 @@ function(zr_add_library name)
   endif()
 endfunction()
 
+# What the public C++ interface defines is visible by default; the version script of the shared library
+# makes everything else local. Calls within a file stay direct.
+set(ZR_PUBLIC_OPTIONS -fvisibility=default -fno-semantic-interposition)
+
 # zr_add_test(NAME SOURCES .. LINKS .. [LABEL unit] [TIMEOUT seconds]): one GoogleTest program; each of
 # its tests is a CTest test of its own.
 function(zr_add_test name)

@@ -1,18 +1,13 @@
 #pragma once
 // The addresses that a user asks servers for.
 
-#include <cstdint>
-#include <string>
 #include <string_view>
+
+#include "embed/address.h"
 
 namespace zr::cli {
 
-/// One server: scheme://ADDRESS:PORT.
-struct ListenUrl {
-  std::uint32_t protocolKind = 0;  ///< http, https, quarn or socket
-  std::string address;             ///< a host name, an IPv4 address, or an IPv6 address in brackets
-  int port = 0;                    ///< 0: the system chooses
-};
+using ListenUrl = ListenAddress;
 
 /// Reads such a text; a single "/" at its end is allowed. Throws UsageError, naming the text and
 /// what is wrong with it.

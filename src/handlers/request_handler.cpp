@@ -247,17 +247,18 @@ int ZrTransceiverClient::HandleMessage(const std::string& name,
   return kMeaningless;
 }
 
-// What the rules of the messages answer, whatever the request is for.
-bool ZrTransceiverClient::AnswerByRule(const ZrXHeader& request) {
-  if (request.refusal != 0) {
-    AnswerStatus(request, request.refusal);
+// What is answered, or taken, before anything looks for a command or a file.
+bool ZrTransceiverClient::AnswerByRule(const std::shared_ptr<ZrXHeader>& request) {
+  if (request->refusal != 0) {
+    AnswerStatus(*request, request->refusal);
     return true;
   }
-  if (request.method == ZrMethod::kOptions) {
-    AnswerStatus(request, 204, kAllMethods);
-    return true;
-  }
-  return false;
+  return content_ && content_->TakeRequest(*this, request);
+}
+
+void ZrTransceiverClient::AnswerUntaken(const std::shared_ptr<ZrXHeader>& request) {
+  if (request->method == ZrMethod::kOptions) return AnswerStatus(*request, 204, kAllMethods);
+  if (!FormCommandStep(request)) ServeContent(request);
 }
 
 void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t status,
@@ -286,8 +287,7 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
       return kHandled;
     case zr::kProtocolHttp:
     case zr::kProtocolHttps:
-      if (AnswerByRule(*request)) return kHandled;
-      if (!FormCommandStep(request)) ServeContent(request);
+      if (!AnswerByRule(request)) AnswerUntaken(request);
       return kHandled;
     case zr::kProtocolQuarn:
       if (!FormCommandStep(request)) {
@@ -334,9 +334,11 @@ int ZrTransceiverClient::AcceptAnswer(const std::string& name,
 
 bool ZrTransceiverClient::FormCommandStep(const std::shared_ptr<ZrXHeader>& request) {
   if (!IsHttp(request->ProtocolKind())) return false;
-  // A body that cannot be read as a form leaves the fields of the query. A large one is not taken
-  // apart for nobody: its fields would lie in memory beside it.
   const bool commands = application != nullptr && application->takesCommands();
+  // The minimal dialect says what it finds in a body, whoever wants it; but a large one is not
+  // taken apart for nobody: its fields would lie in memory beside it.
+  if (request->semantics->IsStandard() && !commands) return false;
+  // A body that cannot be read as a form leaves the fields of the query.
   if (commands || !request->body || request->body->Size() <= ZrBodyStore::kHeapLimit)
     static_cast<void>(ParseFormBody(*request));
   return RunCommand(request, std::string(zr::FieldText(request->allFields, idField)));

@@ -94,6 +94,8 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   /// Answers with a status and a short page that says it; `allow` is the list of methods that a 204
   /// or 405 names. Threads: any.
   void AnswerStatus(const ZrXHeader& request, std::uint64_t status, std::string_view allow = {});
+  /// Answers an HTTP request as if the content handler had not taken it. Threads: any.
+  void AnswerUntaken(const std::shared_ptr<ZrXHeader>& request);
   /// What all peers of the transceiver together may occupy; none without transceiver.
   std::shared_ptr<ZrMemoryBudget> Memory();
   /// Messages of this client that need neither a host's code nor the disk may be answered by the
@@ -129,7 +131,7 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
   class TransceiverUse;
 
   void OnUnanswered(const ZrJobEvent& event);
-  bool AnswerByRule(const ZrXHeader& request);
+  bool AnswerByRule(const std::shared_ptr<ZrXHeader>& request);
   bool CompressFirst(const ZrXHeader& request, const std::shared_ptr<ZrXResponseHeader>& answer);
   void SendNow(const std::string& target, const std::shared_ptr<ZrXResponseHeader>& answer);
   int AnswerRequest(const std::shared_ptr<ZrXHeader>& request);

@@ -97,6 +97,13 @@ class ZrQuarnApplication2 {
   /// standard output.
   void setObserver(Observer observer) { observer_ = std::move(observer); }
   void setLogSink(LogSink sink) { logSink_ = std::move(sink); }
+  /// Puts a content handler in front of the application's own, which it is made from; before
+  /// startServers().
+  void setContent(
+      const std::function<std::shared_ptr<ZrContentHandler>(std::shared_ptr<ZrContentHandler>)>&
+          make) {
+    content_ = make(content_);
+  }
   /// The first half of an orderly stop: no further peer is accepted; returns at once.
   void stopAccepting() { transceiver_.StopAccepting(); }
   /// Waits until the requests in progress are answered and their answers sent; whether they were in
@@ -126,8 +133,8 @@ class ZrQuarnApplication2 {
   const std::unique_ptr<ZrRequestApplication> questions_;
   const std::shared_ptr<ZrCgi> scripts_;
   const std::shared_ptr<ZrCompression> compression_;
-  const std::shared_ptr<ZrContentHandler> content_;
-  Observer observer_;  // constant once servers run, like the sink
+  std::shared_ptr<ZrContentHandler> content_;  // constant once servers run
+  Observer observer_;                          // constant once servers run, like the sink
   LogSink logSink_;
   ZrTransceiver transceiver_;
   ZrMutex storageLock_;  // the named-value table, which several requests may ask at once

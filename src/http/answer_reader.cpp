@@ -109,7 +109,7 @@ bool ZrAnswerReader::ChooseFraming(const ZrXHeader& head) {
   keepsConnection_ = !head.closeRequested &&
                      !zr::HasListElement(head.headers["connection"], "close") &&
                      (!oldVersion || zr::HasListElement(head.headers["connection"], "keep-alive"));
-  if (head.status == 204 || head.status == 304) {
+  if (noBody_ || head.status == 204 || head.status == 304) {
     step_ = Step::kDone;
     return true;
   }

@@ -33,6 +33,8 @@ class ZrAnswerReader {
   Result Read(ZrXHeader& head, ZrStringBuf& input, Line line,
               const std::function<bool(ZrXHeader&)>& onHeadComplete);
 
+  /// The request was a HEAD: the answer has no body, whatever its head says.
+  void ExpectNoBody() { noBody_ = true; }
   /// Whether the last Read() ended within a head of which something has come.
   bool InHead(const ZrXHeader& head) const;
   /// Why an answer is unreadable; a fixed text.
@@ -56,6 +58,7 @@ class ZrAnswerReader {
   std::uint64_t remaining_ = 0;  // of a body of known length
   ZrChunkedDecoder chunks_;
   int interims_ = 0;
+  bool noBody_ = false;
   bool keepsConnection_ = false;
   const char* problem_ = "";
 };

@@ -1,6 +1,6 @@
 // Multipart bodies. The delimiter is searched with a failure table (Knuth, Morris, Pratt), so that
 // a body full of almost-delimiters costs no more than any other; where nothing has matched yet the
-// search jumps to the next byte that can begin a delimiter. Each part is copied once.
+// search jumps to the next byte that can begin a delimiter. Each part is copied at most once.
 
 #include <algorithm>
 #include <cstring>
@@ -13,6 +13,9 @@
 namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
+
+// A part of that many bytes (64 KiB) need not be copied.
+constexpr std::size_t kShownInPlace = std::size_t{64} * 1024;
 
 class Finder {
  public:
@@ -86,8 +89,18 @@ void ParsePartLine(ZrHTTPMessageBlock& block, std::string_view line) {
   block.partHeaders[name].emplace_back(value);
 }
 
+// A large part of a body that lies in a file is shown there: the message has both, and the body
+// stays where it is as long as the blocks.
+std::unique_ptr<ZrStringBuf> Content(std::string_view bytes, bool inPlace) {
+  if (!inPlace || bytes.size() < kShownInPlace)
+    return std::make_unique<ZrStringBuf>(std::string(bytes));
+  const std::shared_ptr<const void> nobody;
+  return std::make_unique<ZrStringBuf>(bytes, std::shared_ptr<const void>(nobody, bytes.data()));
+}
+
 // `part` is everything between two delimiters; `linesLeft` counts down over all parts of the body.
-void ParsePart(ZrHTTPMessageBlock& block, std::string_view part, std::size_t& linesLeft) {
+void ParsePart(ZrHTTPMessageBlock& block, std::string_view part, bool inPlace,
+               std::size_t& linesLeft) {
   // What stands behind the delimiter on its line is skipped.
   std::size_t start = part.find(kLineEnd);
   while (start != std::string_view::npos) {
@@ -98,7 +111,7 @@ void ParsePart(ZrHTTPMessageBlock& block, std::string_view part, std::size_t& li
       std::string_view content = part.substr(end + kLineEnd.size());
       // The last line end belongs to the delimiter, also where it is the one that ended the head.
       if (content.ends_with(kLineEnd)) content.remove_suffix(kLineEnd.size());
-      if (!content.empty()) block.content = std::make_unique<ZrStringBuf>(std::string(content));
+      if (!content.empty()) block.content = Content(content, inPlace);
       return;
     }
     if (linesLeft != 0) {
@@ -114,11 +127,14 @@ void ParsePart(ZrHTTPMessageBlock& block, std::string_view part, std::size_t& li
 void zr::AppendMultipart(ZrXHeader& head, std::string_view body, std::string_view boundary) {
   const Finder delimiter("--" + std::string(boundary));
   std::size_t linesLeft = kMaxPartHeadLines;
+  // The bytes of a mapped file, not ours.
+  const bool inPlace =
+      head.body && head.body->Unread().data() == body.data() && head.body->HeapBytes() == 0;
   std::size_t current = delimiter.Find(body, 0);
   while (current != std::string_view::npos && head.blocks.size() < kMaxFormFields) {
     const std::size_t start = current + delimiter.Size();
     current = delimiter.Find(body, start);
     if (current == std::string_view::npos) return;
-    ParsePart(head.AddBlock(), body.substr(start, current - start), linesLeft);
+    ParsePart(head.AddBlock(), body.substr(start, current - start), inPlace, linesLeft);
   }
 }

@@ -240,6 +240,7 @@ class ZrXHeader : public ZrJob {
 
  private:
   void WriteRequestHead(ZrStringBuf& out);
+  void WriteStandardRequestHead(ZrStringBuf& out);
   bool ParseHeadLine(std::string_view line);
   bool ParseFirstLine(std::string_view line);
   void ParseFieldLine(std::string_view line);

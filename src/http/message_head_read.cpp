@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/number.h"
+#include "base/trim.h"
 #include "http/field_list.h"
 #include "http/form_body.h"
 #include "http/message_head.h"
@@ -145,8 +146,9 @@ bool ZrXHeader::ParseFirstLine(std::string_view line) {
   return lineKind != ZrMessageKind::kUnrecognised;
 }
 
-// "Name: value" with all blanks dropped and the name in lower case. A colon in front of a name or
-// of a value is skipped; the first one behind the name ends it, later ones belong to the value.
+// "Name: value" with the name in lower case, and all blanks dropped; in standard semantics those of
+// a value are its own, but for the ones around it. A colon in front of a name or of a value is
+// skipped; the first one behind the name ends it, later ones belong to the value.
 void ZrXHeader::ParseFieldLine(std::string_view line) {
   reading.scratch.resize(line.size());
   char* out = reading.scratch.data();
@@ -163,11 +165,14 @@ void ZrXHeader::ParseFieldLine(std::string_view line) {
                               static_cast<std::size_t>(out - reading.scratch.data()));
   const char* const value = out;
   while (at < line.size() && (line[at] == ':' || IsBlank(line[at]))) ++at;
-  for (; at < line.size(); ++at) {
-    *out = line[at];
-    out += IsBlank(line[at]) ? 0 : 1;
+  std::string_view text = zr::Trim(line.substr(at), " \t\r");
+  if (!semantics->IsStandard()) {
+    for (; at < line.size(); ++at) {
+      *out = line[at];
+      out += IsBlank(line[at]) ? 0 : 1;
+    }
+    text = {value, static_cast<std::size_t>(out - value)};
   }
-  const std::string_view text(value, static_cast<std::size_t>(out - value));
   if (!name.empty() && !text.empty()) headers.Append(name, text);
 }
 

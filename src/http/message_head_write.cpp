@@ -1,6 +1,7 @@
 // Writes the heads of outgoing requests; those of answers are the semantics' own.
 
 #include <ostream>
+#include <string>
 
 #include "http/head_text.h"
 #include "http/message_head.h"
@@ -8,6 +9,22 @@
 namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
+
+std::string_view MethodText(const ZrXHeader& request) {
+  const bool post = request.messageType == ZrMessageType::kPost;
+  switch (request.method) {
+    case ZrMethod::kHead:
+      return "HEAD";
+    case ZrMethod::kPut:
+      return "PUT";
+    case ZrMethod::kPatch:
+      return "PATCH";
+    case ZrMethod::kDelete:
+      return "DELETE";
+    default:
+      return post ? "POST" : "GET";
+  }
+}
 
 // More than the usual head, so that it is written into one piece of memory.
 constexpr std::size_t kUsualHeadBytes = 160;
@@ -36,7 +53,34 @@ bool ZrXHeader::WriteHead(std::ostream& out) {
   return true;
 }
 
+// A request of standard semantics: any method, the authority as it was given, and the fields.
+void ZrXHeader::WriteStandardRequestHead(ZrStringBuf& out) {
+  out.Append(MethodText(*this));
+  out.Append(' ');
+  zr::AppendText(out, path);
+  zr::AppendText(out, query);
+  out.Append(" HTTP/1.1");
+  const auto field = [&out](std::string_view name, std::string_view value) {
+    out.Append(kLineEnd);
+    out.Append(name);
+    out.Append(": ");
+    zr::AppendText(out, value);
+  };
+  if (!headers.contains("host")) field("host", authority.empty() ? host : authority);
+  if (!headers.contains("user-agent")) field("user-agent", zr::kServerProduct);
+  for (const auto& [name, values] : headers) {
+    if (name == "content-length" || name == "transfer-encoding" || name == "connection") continue;
+    for (const std::string_view value : values) field(name, value);
+  }
+  if (messageType == ZrMessageType::kPost) {
+    contentLength = body ? body->Size() : 0;
+    field("content-length", std::to_string(contentLength));
+  }
+  out.Append("\r\n\r\n");
+}
+
 void ZrXHeader::WriteRequestHead(ZrStringBuf& out) {
+  if (semantics->IsStandard()) return WriteStandardRequestHead(out);
   const bool post = messageType == ZrMessageType::kPost;
   out.Append(post ? "POST " : "GET ");
   zr::AppendText(out, path);

@@ -12,22 +12,22 @@
 namespace velkoro {
 
 /// The node that holds what stands at the top of a document.
-class TopNode : public ZrXMLGenericElement {
+class [[gnu::visibility("hidden")]] TopNode : public ZrXMLGenericElement {
  public:
   explicit TopNode(DocumentKind kind) : ZrXMLGenericElement("nothing", false), kind_(kind) {}
   DocumentKind Kind() const { return kind_; }
-  void Write(std::ostream& stream) const override;
+  void Write(std::ostream & stream) const override;
 
  private:
   const DocumentKind kind_;
 };
 
-struct Document::Tree {
+struct [[gnu::visibility("hidden")]] Document::Tree {
   std::unique_ptr<TopNode> top;
 };
 
 /// Between handles and nodes.
-struct NodeAccess {
+struct [[gnu::visibility("hidden")]] NodeAccess {
   using Base = ZrXMLComplexElement;
   using Owner = std::unique_ptr<ZrXMLComplexElement>;
 
@@ -40,7 +40,7 @@ struct NodeAccess {
   /// Empty for a node that is no element.
   static Element ElementHandle(const Base* node);
   /// Takes the node over; throws for an empty part.
-  static Owner Take(Part&& part);
+  static Owner Take(Part && part);
   static Part Give(Owner node) { return Part(Body(node.release())); }
 
   static NodeKind KindOf(const Base& node);
@@ -48,9 +48,9 @@ struct NodeAccess {
   /// Null for one that stands in no document or part of one.
   static const TopNode* TopOf(const Base& node);
   /// Puts the part below the parent. Throws, the part then being gone.
-  static Base* Insert(Base& parent, Base* before, Part&& part);
+  static Base* Insert(Base & parent, Base * before, Part && part);
   static Owner CopyOf(const Base& node);
-  static std::vector<Element> Find(Base& from, std::string_view path, bool firstOnly);
+  static std::vector<Element> Find(Base & from, std::string_view path, bool firstOnly);
   /// The first or, after another, the next node of a tree in document order; null at its end.
   static Base* NextInTree(const Base& node, const Base& top);
 

@@ -176,6 +176,12 @@ ZrTlsWriteStatus ZrTlsEngine::Handshake() {
   return WriteStatusOf(::SSL_do_handshake(ssl_.get()));
 }
 
+ZrTlsEngine::Facts ZrTlsEngine::Agreed() const {
+  const char* const name = SSL_get_servername(ssl_.get(), TLSEXT_NAMETYPE_host_name);
+  return {SSL_get_version(ssl_.get()), SSL_get_cipher_name(ssl_.get()),
+          name == nullptr ? std::string() : std::string(name)};
+}
+
 bool ZrTlsEngine::IsEstablished() const { return SSL_is_init_finished(ssl_.get()) != 0; }
 
 void ZrTlsEngine::ConnectWithin(milliseconds limit, const std::function<bool()>& cancelled) {

@@ -92,6 +92,14 @@ class ZrTlsEngine {
   void ConnectWithin(std::chrono::milliseconds limit, const std::function<bool()>& cancelled = {});
   /// The handshake is finished.
   bool IsEstablished() const;
+  /// What was agreed on: "TLSv1.3" and "TLS_AES_256_GCM_SHA384" for example, and the name that the
+  /// client asked the server for, empty when it asked for none. Once it is finished.
+  struct Facts {
+    std::string version;
+    std::string cipher;
+    std::string serverName;
+  };
+  Facts Agreed() const;
 
   /// The connection has a new turn: reading has its budget again (ZrTlsTransport::kReadsPerTurn).
   /// It ends early after kMostIdleRecords without data: what they cost is paid here.

@@ -74,6 +74,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   struct Asked {
     explicit Asked(ConnectionPointer on) : connection(std::move(on)) {}
     const ConnectionPointer connection;
+    const ZrSemantics* semantics = nullptr;  // of the request, and so of its answer
     // The queue task's alone.
     ZrAnswerReader reader;
     ZrStringBuf input;  // received and not yet read

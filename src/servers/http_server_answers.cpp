@@ -19,6 +19,8 @@ ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
   if (!connection || transceiver == nullptr) return closed;
   connection->Attach(head.target);
   const auto asked = std::make_shared<Asked>(connection);
+  asked->semantics = head.semantics;
+  if (head.method == ZrMethod::kHead) asked->reader.ExpectNoBody();
   if (!exchange_.Begin(asked)) return closed;
   try {
     const std::uint64_t bytes = zr::QueueMessage(*connection, head);
@@ -81,8 +83,10 @@ ZrAnswerReader::Result ZrTransceiverServerL1HTTP::ReadAnswer(Asked& asked, bool 
                     : asked.connection->PeerFinished() ? Line::kEnded
                                                        : Line::kBroken;
   for (;;) {
-    if (!asked.answer)
+    if (!asked.answer) {
       asked.answer = NewMessage(*asked.connection, asked.connection->HandlerName());
+      asked.answer->semantics = asked.semantics;
+    }
     const Result result = asked.reader.Read(
         *asked.answer, asked.input, line,
         [&client](ZrXHeader& head) { return client && client->OnHeadComplete(head); });

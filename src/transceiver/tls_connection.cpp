@@ -110,6 +110,11 @@ ZrTransceiverConnection_SSLAddon::Next ZrTransceiverConnection_SSLAddon::ReadRec
   return next;
 }
 
+ZrTlsEngine::Facts ZrTransceiverConnection_SSLAddon::Agreed() {
+  ZrLock hold(lock_);
+  return engine_ ? engine_->Agreed() : ZrTlsEngine::Facts{};
+}
+
 // ---- Writing -----------------------------------------------------------------------------------
 
 ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteToSocket(

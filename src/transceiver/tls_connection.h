@@ -47,6 +47,8 @@ class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
   bool FinishOutput(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
   bool WantsOutput() const override ZR_REQUIRES(lock_);
   bool HasBufferedInput() const override { return bufferedInput_.load(std::memory_order_acquire); }
+  /// What was agreed on with the peer.
+  ZrTlsEngine::Facts Agreed() ZR_EXCLUDES(lock_);
   bool ReadAffectsOutput() const override { return readAffectsOutput_; }
 
  private:

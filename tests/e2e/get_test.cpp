@@ -180,6 +180,6 @@ TEST(Get, NginxAnswers) {
   EXPECT_EQ(unknown.status, 1);
   EXPECT_NE(unknown.err.find("TLS failure"), std::string::npos) << unknown.err;
   const RunResult example =
-      RunProgram({VELKORO_OUTGOING, "127.0.0.1", std::to_string(plain), "/page.html"});
+      RunProgram({VELKORO_OUTGOING, "http://127.0.0.1:" + std::to_string(plain) + "/page.html"});
   EXPECT_EQ(example.out, "GET!") << example.err;
 }
