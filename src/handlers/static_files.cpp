@@ -102,7 +102,7 @@ void ZrStaticFiles::SendStandardFile(ZrTransceiverClient& client,
   zr::AnswerWithFile(*request, *answer, directory + path, form, client.Site());
   // Who has that version already is not made to wait for it.
   if (!form.compresses || answer->status != 200) return client.SendAnswer(*request, answer);
-  const auto send = [this, &client, request, answer, name = directory + path,
+  const auto send = [&client, request, answer, name = directory + path,
                      form](const ZrCompression::Bytes& made) {
     if (made) {
       answer->SetBytesBody(made);
