@@ -274,7 +274,9 @@ std::string ZrTransceiver::AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
                                          std::shared_ptr<ZrTransceiverConnection> connection) {
   if (!socket || !connection)
     throw ZrException("socket and connection must be defined", 1906, "src");
-  const std::string& name = connection->JobName();
+  // A copy, made before anything else: what fails behind the registration would leave a connection
+  // that nobody knows.
+  std::string name = connection->JobName();
   {
     ZrLock hold(clientLock_);
     if (!connections_.emplace(name, connection).second) return name;
