@@ -173,10 +173,21 @@ void ZrTransceiverServer::QueueLoop() {
       try {
         processItem(key, data);
       } catch (...) {
-        // One item's failure; the others are handled. What it was about ends by its time limit.
+        GiveUp(key);
       }
     }
     batch.clear();
+  }
+}
+
+// One item's failure, of memory in effect; the others are handled. Nobody would come for what its
+// connection has received, so its peer, or who asked it, is told by its end.
+void ZrTransceiverServer::GiveUp(const std::string& connectionName) noexcept {
+  try {
+    if (ZrTransceiver* const transceiver = Transceiver())
+      transceiver->RemoveConnection(connectionName);
+  } catch (...) {
+    // What it was about ends by its time limit.
   }
 }
 

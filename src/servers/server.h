@@ -121,6 +121,7 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
  private:
   void StartQueueTask() ZR_REQUIRES(queueLock_);
   void QueueLoop() ZR_EXCLUDES(queueLock_);
+  void GiveUp(const std::string& connectionName) noexcept;
 
   ZrRinvalScheduler2& scheduler_;
   const std::string clientName_;
