@@ -105,8 +105,9 @@ ZrNamedValueTable StoredPages(const std::vector<std::string>& pages) {
     int error = 0;
     std::optional<std::string> text = ReadWholeFile(file, kMaxPageBytes, &error);
     if (!text) {
-      throw std::runtime_error("the page '" + file + "' for --page " + name + " " +
-                               ReadFailure(error, "256 MiB"));
+      std::string sentence = "the page '";
+      sentence.append(file).append("' for --page ").append(name).append(" ");
+      throw std::runtime_error(sentence.append(ReadFailure(error, "256 MiB")));
     }
     table[name].text = std::move(*text);
   }

@@ -84,8 +84,9 @@ bool ZrCompression::OfFile(std::shared_ptr<const ZrFile> file, ZrCoding coding, 
             },
             [&stop] { return !stop.IsRaised(); });
         // A file that became shorter meanwhile is another version.
+        const bool refused = !coded && !stop.IsRaised();
         if (coded && at == key.size) made = std::make_shared<const std::string>(*std::move(coded));
-        known = made || (!coded && !stop.IsRaised());
+        known = made || refused;
       }
     } catch (const std::exception&) {
       // For want of memory they get it as it is.

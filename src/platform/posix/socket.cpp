@@ -202,7 +202,7 @@ void ShutdownSend(int socket) noexcept { ::shutdown(socket, SHUT_WR); }
 // Disconnecting does it at once, whatever is done with the socket later.
 void ResetConnection(int socket) noexcept {
   const sockaddr nobody{AF_UNSPEC, {}};
-  ::connect(socket, &nobody, sizeof nobody);
+  [[maybe_unused]] const int result = ::connect(socket, &nobody, sizeof nobody);
 }
 
 void ShutdownBoth(int socket) noexcept { ::shutdown(socket, SHUT_RDWR); }
