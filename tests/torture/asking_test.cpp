@@ -65,6 +65,8 @@ class Peer {
           }
           // A connection that was ended in order lingers for two seconds.
           if (++looks == 100) bed_.Pass(seconds(3));
+          // A silence may begin for ours only when the time had passed: its threads were busy.
+          if (looks % 100 == 0 && cell_.act == Act::kSilence) bed_.Pass(kAllLimits);
           return Outcome().has_value();
         },
         seconds(5 * kSlowness));
