@@ -30,9 +30,10 @@ class ZrMessageHandler {
   /// message's assembly at the server. 0 says that the message means nothing to the handler: its
   /// connection is closed. The answer to a request goes out through ZrTransceiver::Send(), during
   /// this call or later and from any thread; whoever answers later keeps a reference to the
-  /// request. Until then the connection takes no further request. Called with no lock held, on the
-  /// server's queue task: a long run here holds up all connections of that server. Must not throw;
-  /// what it throws closes the connection.
+  /// request. Until then the connection takes no further request; the answer ends its turn, so that
+  /// the next one may be read before this call returns. Called with no lock held, on the server's
+  /// queue task, where a long run holds up all connections of that server, or on the receive job
+  /// when CannotWait() has said so. Must not throw; what it throws closes the connection.
   virtual int HandleMessage(const std::string& name, std::shared_ptr<ZrXHeader> message) = 0;
 
   /// Whether HandleMessage() of this complete message neither waits for anything nor runs code of a
