@@ -22,6 +22,11 @@ endif()
 if(VELKORO_SANITIZE)
   add_compile_options(-fsanitize=${VELKORO_SANITIZE} -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
+  if(VELKORO_SANITIZE MATCHES undefined)
+    # Whether an object is of its class is asked through a pipe, which is not to be had where a test runs out
+    # of descriptors: the answer would be that it is not.
+    add_compile_options(-fno-sanitize=vptr)
+  endif()
   add_link_options(-fsanitize=${VELKORO_SANITIZE})
 endif()
 if(VELKORO_FUZZ)

@@ -176,6 +176,16 @@ void ZrLineQueue::Close() {
   closed_ = true;
 }
 
+// The thread has ended: nobody reads what is its own.
+void ZrLineQueue::GiveMemoryBack() {
+  std::string().swap(writing_);
+  std::string().swap(name_);
+  const ZrLock hold(lock_);
+  std::string().swap(filling_);
+  std::vector<Kind>().swap(kinds_);
+  nextSink_.reset();
+}
+
 // Writes what there is and the sink takes; returns when to look again without being woken.
 Clock::time_point ZrLineQueue::Step(ZrPoller& poller, bool hurry) {
   TakeNextSink(poller);
@@ -299,9 +309,12 @@ ZrLineWriter& ZrLineWriter::Instance() {
 }
 
 ZrLineWriter::ZrLineWriter()
-    : output_(std::make_shared<ZrLineQueue>(ZrLineSink::StandardOutput(), "the standard output")),
-      errors_(std::make_shared<ZrLineQueue>(ZrLineSink::StandardError(), "standard error")),
-      queues_{output_, errors_} {}
+    : standardOutput_(ZrLineSink::StandardOutput(), "the standard output"),
+      standardError_(ZrLineSink::StandardError(), "standard error") {
+  // Without a count: they are part of this.
+  for (ZrLineQueue* const queue : {&standardOutput_, &standardError_})
+    queues_.emplace_back(std::shared_ptr<void>(), queue);
+}
 
 std::shared_ptr<ZrLineQueue> ZrLineWriter::Open(ZrLineSink sink, std::string name) {
   auto queue = std::make_shared<ZrLineQueue>(std::move(sink), std::move(name));
@@ -407,9 +420,12 @@ void ZrLineWriter::Shutdown() noexcept {
     }
   }
   thread.Join();
+  standardOutput_.GiveMemoryBack();
+  standardError_.GiveMemoryBack();
+  Queues queues;  // go without the lock
   const ZrLock hold(lock_);
   poller_.reset();
-  queues_.clear();
+  queues.swap(queues_);
 }
 
 // ---- The standard streams ----------------------------------------------------------------------

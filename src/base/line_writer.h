@@ -74,9 +74,10 @@ class ZrLineQueue {
   bool IsIdle() ZR_EXCLUDES(lock_);
   bool IsClosed() ZR_EXCLUDES(lock_);
   void Close() ZR_EXCLUDES(lock_);
+  void GiveMemoryBack() ZR_EXCLUDES(lock_);
 
-  const std::string name_;
-  ZrMutex lock_;  // held for an append or a swap
+  std::string name_;  // constant until the end
+  ZrMutex lock_;      // held for an append or a swap
   std::string filling_ ZR_GUARDED_BY(lock_);
   std::uint64_t lost_ ZR_GUARDED_BY(lock_) = 0;       // lines behind those in filling_
   std::uint64_t lostAhead_ ZR_GUARDED_BY(lock_) = 0;  // lines before those of the next batch
@@ -103,8 +104,9 @@ class ZrLineQueue {
   Clock::time_point nextBatch_;
 };
 
-/// The thread that writes, and the queues that it serves. Its memory is never given back: a host
-/// may exit while its threads go on; lines that come later are lost. Threads: any.
+/// The thread that writes, and the queues that it serves. It is never destroyed, as a host may exit
+/// while its threads go on; lines that come later are lost, and what it holds is given back.
+/// Threads: any.
 class ZrLineWriter {
  public:
   ZrLineWriter(const ZrLineWriter&) = delete;
@@ -112,8 +114,8 @@ class ZrLineWriter {
 
   static ZrLineWriter& Instance();
 
-  ZrLineQueue& Output() { return *output_; }
-  ZrLineQueue& Errors() { return *errors_; }
+  ZrLineQueue& Output() { return standardOutput_; }
+  ZrLineQueue& Errors() { return standardError_; }
   /// A queue of its own for that sink.
   std::shared_ptr<ZrLineQueue> Open(ZrLineSink sink, std::string name) ZR_EXCLUDES(lock_);
   /// Nobody adds to it any more; it goes when its lines are written.
@@ -132,8 +134,8 @@ class ZrLineWriter {
   void Loop() ZR_EXCLUDES(lock_);
   void Shutdown() noexcept ZR_EXCLUDES(lock_);
 
-  const std::shared_ptr<ZrLineQueue> output_;
-  const std::shared_ptr<ZrLineQueue> errors_;
+  ZrLineQueue standardOutput_;
+  ZrLineQueue standardError_;
   ZrMutex lock_;  // taken behind no other, and never with a queue's
   Queues queues_ ZR_GUARDED_BY(lock_);
   std::unique_ptr<ZrPoller> poller_ ZR_GUARDED_BY(lock_);  // made before the thread, goes after it

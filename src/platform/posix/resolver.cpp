@@ -44,6 +44,7 @@ ZrResolution Resolve(const char* node, int port, int flags) {
     return Failed(failure == EAI_SYSTEM ? zr::SystemErrorText(errno) : ::gai_strerror(failure),
                   ZrConnectFailure::kNoHost);
   }
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owned(list, &::freeaddrinfo);
   ZrResolution result;
   for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
     if (entry->ai_family != AF_INET && entry->ai_family != AF_INET6) continue;
@@ -52,7 +53,6 @@ ZrResolution Resolve(const char* node, int port, int flags) {
     address.family = entry->ai_family == AF_INET6 ? ZrAddressFamily::kIPv6 : ZrAddressFamily::kIPv4;
     ::memcpy(address.bytes.data(), entry->ai_addr, entry->ai_addrlen);
   }
-  ::freeaddrinfo(list);
   return result;
 }
 
