@@ -130,11 +130,14 @@ TEST_F(StandardPrograms, EndWithTheirPeerAndLeaveOthersTheirTurn) {
 
 // An application of others: logs in, is redirected, takes a file of commands, gives a table back.
 TEST_F(StandardPrograms, PhpApplicationWorksBeyondItsFirstPage) {
+  // It counts failed log-ins by peer for half an hour in the temporary folder.
   folder_.Write("index.php", R"(<?php
-ini_set('session.save_path', ')" +
-                                 outside_.Path() + R"(');
+putenv('TMPDIR=)" + outside_.Path() +
+                                 R"(');
+ini_set('session.save_path', getenv('TMPDIR'));
 function adminer_object() {
   class Mine extends Adminer {
+    function bruteForceKey() { return __DIR__; }
     function login($user, $password) { return $password == 'open sesame'; }
     function credentials() { return array(SERVER, $_GET['username'], ''); }
   }
