@@ -37,6 +37,10 @@ class Clients : public testing::Test {
                       "#!/bin/sh\nprintf 'Content-Type: text/plain\\n\\n%s' "
                       "\"$REQUEST_METHOD $CONTENT_LENGTH $REMOTE_ADDR \"\ncat\n");
     std::filesystem::permissions(echo, std::filesystem::perms::owner_all);
+    const std::string port = folder_.Write(
+        "cgi-bin/port", "#!/bin/sh\nprintf 'Content-Type: text/plain\\n\\n%s' $REMOTE_PORT\n");
+    std::filesystem::permissions(port, std::filesystem::perms::owner_all);
+    folder_.Write("long.css", std::string(50'000, ' '));
   }
   void Serve(const std::vector<std::string>& options = {}) {
     served_ = std::make_unique<Served>(folder_, std::vector<std::string>{"http"}, options,
@@ -139,6 +143,68 @@ for method, path, body, chunked in (("GET", "/app.mjs", None, False), ("HEAD", "
   });
   ASSERT_NE(last, log.rend());
   EXPECT_TRUE(last->starts_with("127.0.0.1 - - [")) << *last;
+}
+
+// Node's fetch: streams in both directions, one connection for what comes after each other.
+TEST_F(Clients, NodeFetches) {
+  Serve();
+  const RunResult node = RunProgram({"timeout", "50", "node", "-e", R"(
+const base = process.argv[1];
+const ask = async (path, options) => {
+  const answer = await fetch(base + path, { signal: AbortSignal.timeout(20000), ...options });
+  const body = await answer.arrayBuffer();
+  return [answer.status, body.byteLength, answer.headers, answer, Buffer.from(body).toString("latin1")];
+};
+const show = (...values) => console.log(values.join(" "));
+(async () => {
+  const [status, size, fields] = await ask("/app.mjs", { method: "HEAD" });
+  show("head", status, size, fields.get("content-length"), fields.get("content-type"));
+  // It closes its connection behind a HEAD, and keeps that of all others.
+  const connections = new Set([(await ask("/cgi-bin/port"))[4]]);
+  const parts = new ReadableStream({ async pull(stream) {
+    for (const part of ["a stream ", "of parts"]) {
+      await new Promise(setImmediate);
+      stream.enqueue(Buffer.from(part));
+    }
+    stream.close();
+  } });
+  show("stream", (await ask("/cgi-bin/echo", { method: "PUT", body: parts, duplex: "half" }))[4]);
+  const [, , , moved] = await ask("/dir?x=y");
+  show("redirect", moved.status, moved.redirected, moved.url.slice(base.length));
+  const [stays, , go] = await ask("/dir", { redirect: "manual" });
+  show("by hand", stays, go.get("location"));
+  for (const coding of ["gzip", "br", "identity"]) {
+    const [, length, got] = await ask("/long.css", { headers: { "accept-encoding": coding } });
+    const [again, none] = await ask("/long.css",
+        { headers: { "accept-encoding": coding, "if-none-match": got.get("etag") } });
+    show(coding, length, got.get("content-encoding"), got.get("vary"), again, none);
+  }
+  const [part, few, range] = await ask("/big.bin", { headers: { range: "bytes=-7" } });
+  show("range", part, few, range.get("content-range"));
+  const missing = await fetch(base + "/none", { headers: { accept: "application/json" } });
+  show("json", JSON.stringify(await missing.json()));
+  connections.add((await ask("/cgi-bin/port"))[4]);
+  show("connections", connections.size);
+  const given = new AbortController();
+  const large = await fetch(base + "/big.bin", { signal: given.signal });
+  given.abort();
+  show("given up", await large.text().catch((error) => error.name), (await ask("/big.bin"))[1]);
+})();
+)",
+                                     Url()});
+  EXPECT_EQ(node.out,
+            "head 200 0 10 text/javascript; charset=utf-8\n"
+            "stream PUT 17 127.0.0.1 a stream of parts\n"
+            "redirect 200 true /dir/?x=y\n"
+            "by hand 301 /dir/\n"
+            "gzip 50000 gzip Accept-Encoding 304 0\n"
+            "br 50000 br Accept-Encoding 304 0\n"
+            "identity 50000  Accept-Encoding 304 0\n"
+            "range 206 7 bytes 299993-299999/300000\n"
+            "json {\"status\":404,\"title\":\"Not Found\"}\n"
+            "connections 1\n"
+            "given up AbortError 300000\n")
+      << node.err;
 }
 
 // What stands in front of servers: nginx, and HAProxy, which asks whether the server lives.
