@@ -65,7 +65,8 @@ enum class Semantics {
 /// How a server is set up. Every member has a default that works.
 struct ServerOptions {
   /// Where it listens: http://ADDRESS:PORT or https://ADDRESS:PORT; port 0 lets the system choose.
-  /// Connections are taken on every local address; the one given here is how the server is called.
+  /// Connections are taken at that address alone, which may be a name that this machine has;
+  /// "0.0.0.0" are all of IPv4, "[::]" all there are.
   std::vector<std::string> listen = {"http://127.0.0.1:8080"};
   /// The directory whose files are served where no route is; none when empty.
   std::string directory = {};

@@ -31,7 +31,8 @@ constexpr double kDefaultGrace = 5;
 constexpr double kMaxGrace = 86400;
 
 constexpr const char* kExamples =
-    "Every server takes connections on all local addresses; ADDRESS is what it is called.\n"
+    "A server takes connections at its ADDRESS alone: 0.0.0.0 are all of IPv4, [::] all there "
+    "are.\n"
     "Examples:\n"
     "  velkoro serve www\n"
     "  velkoro serve www --listen https://127.0.0.1:8443 --listen http://[::1]:8080\n"
@@ -103,6 +104,7 @@ class Serving {
       server.options.Set("semantics", options_.minimal ? "minimal" : "standard");
       server.options.Set("logformat", options_.logFormat);
       if (options_.noCompression) server.options.Set("compression", "no");
+      if (!options_.minimal) server.options.Set("bind", "address");
       server.options.Set("quiet", "yes");  // what a port's failure means is said here
       servers.push_back(std::move(server));
     }
@@ -165,7 +167,10 @@ class Serving {
       }
       return true;
     }
-    const std::string what = "port " + port + " for " + url + " is taken or not allowed; ";
+    const std::string reason = record.info.Get("reason");
+    const std::string what =
+        reason.empty() ? "port " + port + " for " + url + " is taken or not allowed; "
+                       : "the address of " + url + " cannot be listened at: " + reason + "; ";
     if (options_.waitForPort) {
       Say(what + "trying again every 30 seconds");
       return true;
@@ -211,7 +216,7 @@ void AddServe(CLI::App& program, Run& chosen) {
       ->type_name("DIR");
   serve.add_flag("--minimal", options->minimal,
                  "Speak the system's own small dialect of HTTP instead of what browsers and tools "
-                 "expect");
+                 "expect, and take connections on every local address");
   AddSiteOptions(serve, options->site);
   serve.add_flag("--no-compression", options->noCompression,
                  "Send bodies as they are, also to clients that accept gzip or brotli");

@@ -178,6 +178,7 @@ class [[gnu::visibility("hidden")]] Server::Running {
                                 .protocolKind = static_cast<std::int32_t>(address.protocolKind)};
       server.options.Set("semantics",
                          options_.semantics == Semantics::kStandard ? "standard" : "minimal");
+      server.options.Set("bind", "address");
       server.options.Set("quiet", "yes");  // what a port's failure means is said by Start()
       server.options.Set("cacertificate", options_.certificate);
       server.options.Set("privatekey", options_.privateKey);
@@ -225,8 +226,11 @@ class [[gnu::visibility("hidden")]] Server::Running {
         break;
       case ZrServerCallback_t::kBindFailed: {
         ZrLock hold(lock_);
-        failure_ = "the port " + record.info.Get("port") + " of " + UrlText(record.info) +
-                   " is taken or not allowed";
+        const std::string reason = record.info.Get("reason");
+        failure_ = reason.empty() ? "the port " + record.info.Get("port") + " of " +
+                                        UrlText(record.info) + " is taken or not allowed"
+                                  : "the address of " + UrlText(record.info) +
+                                        " cannot be listened at: " + reason;
         reported_.NotifyAll();
         break;
       }

@@ -103,6 +103,7 @@ void ZrQuarnApplication2::startServers() {
     head->SetOption("tcp_address", server.address);
     head->SetOption("semantics", server.options.Get("semantics"));
     head->SetOption("logformat", server.options.Get("logformat"));
+    if (server.options.Has("bind")) head->SetOption("bind", server.options.Get("bind"));
     if (server.options.Has("quiet")) head->SetOption("quiet", server.options.Get("quiet"));
     if (head->ProtocolKind() == zr::kProtocolHttps) {
       head->SetOption("cacertificate", server.options.Get("cacertificate", "cacert.pem"));

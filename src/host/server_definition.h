@@ -12,13 +12,14 @@ struct ZrSite;
 
 /// An entry of an application's server list.
 struct ZrServerDefinition {
-  std::string address;    ///< reported back when the server listens; every local address is bound
-  std::int32_t port = 0;  ///< 0 lets the system choose
+  std::string address;            ///< reported back when the server listens; see "bind"
+  std::int32_t port = 0;          ///< 0 lets the system choose
   std::int32_t protocolKind = 0;  ///< a number of http/protocol_kind.h
   /// https: "cacertificate" and "privatekey", names of PEM files; http and https: "semantics",
   /// "minimal" (also without) or "standard", "logformat", "velkoro" (also without), "combined" or
-  /// "json", and "compression", "no" for none. Any: "quiet", a port that cannot be listened on is
-  /// reported, but not on standard error.
+  /// "json", and "compression", "no" for none. Any: "bind", "address" to listen at that address
+  /// alone, else at every local one; "quiet", a port that cannot be listened on is reported, but
+  /// not on standard error.
   ZrOptionMap options = {};
   /// Standard semantics: what the site has beyond its files; null: what every site has.
   std::shared_ptr<const ZrSite> site = nullptr;

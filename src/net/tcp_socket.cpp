@@ -105,6 +105,45 @@ ZrSocketResult ZrSocketIPvx::listen(const std::string& /*address*/, int& port, i
   return ZrSocketResult::kListenFailed;
 }
 
+ZrSocketResult ZrSocketIPvx::listenAt(const std::string& host, int& port, int backlog,
+                                      const std::function<bool()>& cancelled) {
+  const ZrResolution resolution = zr::ResolveHost(host, port, kConnectLimit, cancelled);
+  listenErrorText_ = resolution.error;
+  // The system's choice for one family may be taken in the other.
+  constexpr int kChoices = 8;
+  const int tries = port == 0 ? kChoices : 1;
+  for (int made = 0; made < tries && !listening_; ++made) {
+    int chosen = port;
+    listening_ = openAll(resolution, backlog, chosen);
+    if (listening_) port = port_ = chosen;
+  }
+  return listening_ ? ZrSocketResult::kSuccess : ZrSocketResult::kListenFailed;
+}
+
+// The first address of each family, on one port. A family that the machine does not have is left
+// out.
+bool ZrSocketIPvx::openAll(const ZrResolution& resolution, int backlog, int& port) {
+  for (const ZrAddressFamily family : {ZrAddressFamily::kIPv6, ZrAddressFamily::kIPv4}) {
+    ZrDescriptor& place = family == ZrAddressFamily::kIPv6 ? primary_ : secondary_;
+    place = {};
+    const auto address = std::find_if(resolution.addresses.begin(), resolution.addresses.end(),
+                                      [family](const auto& one) { return one.family == family; });
+    if (address == resolution.addresses.end()) continue;
+    int error = 0;
+    place = zr::OpenListener(zr::WithPort(*address, port), backlog, &error);
+    if (place.IsOpen()) {
+      if (port == 0) port = zr::LocalPort(place.Get());
+      continue;
+    }
+    listenErrorText_ = zr::IsAddressMissing(error) ? zr::SystemErrorText(error) : "";
+    if (listenErrorText_.empty()) {
+      primary_ = {};
+      return false;
+    }
+  }
+  return primary_.IsOpen() || secondary_.IsOpen();
+}
+
 int ZrSocketIPvx::accept(ZrSocketIPvx& newSocket, int timeoutMillis, const PeerFilter& filter) {
   // Both sockets are waited for at once: a peer of the second need not sit out the first one's
   // wait, and the limit for both is still the sum of the two.

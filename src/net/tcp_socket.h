@@ -63,6 +63,12 @@ class ZrSocketIPvx {
   /// after a line on standard error.
   [[nodiscard]] ZrSocketResult listen(const std::string& address, int& port, int backlog);
 
+  /// The same on the addresses of that host alone, an IPv6 and an IPv4 one on the same port where a
+  /// name has both. kListenFailed also when one of them is taken; listenErrorText() says why.
+  /// `cancelled` ends the look-up of a name.
+  [[nodiscard]] ZrSocketResult listenAt(const std::string& host, int& port, int backlog,
+                                        const std::function<bool()>& cancelled = {});
+
   /// Waits for a peer and puts it into `newSocket`, a fresh object. Returns the new descriptor, or
   /// -1: nobody came within the limit (twice the limit when both families listen), the filter
   /// refused, or it failed; lastAccept() tells descriptors that ran out apart. A limit of 0 only
@@ -105,6 +111,8 @@ class ZrSocketIPvx {
   /// Why the last connect failed, and the system's text for it.
   ZrConnectFailure connectFailure() const noexcept { return connectFailure_; }
   const std::string& connectErrorText() const noexcept { return connectErrorText_; }
+  /// What is wrong with the address of the last listenAt; empty where it is the port.
+  const std::string& listenErrorText() const noexcept { return listenErrorText_; }
   /// How the last accept of this listening endpoint ended.
   ZrAcceptStatus lastAccept() const noexcept { return lastAccept_; }
 
@@ -115,6 +123,7 @@ class ZrSocketIPvx {
   void Complain(const std::string& line) const;
   ZrDescriptor openFirst(ZrAddressFamily family, const ZrResolution& resolution, int backlog,
                          int& port);
+  bool openAll(const ZrResolution& resolution, int backlog, int& port);
   int acceptStep(int listener, ZrSocketIPvx& newSocket, const PeerFilter& filter);
 
   int port_ = -1;
@@ -134,4 +143,5 @@ class ZrSocketIPvx {
   bool quiet_ = false;
   ZrConnectFailure connectFailure_ = ZrConnectFailure::kNone;
   std::string connectErrorText_;
+  std::string listenErrorText_;
 };

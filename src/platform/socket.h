@@ -90,15 +90,21 @@ ZrResolution ResolveListener(int port);
 ZrResolution ResolveHost(const std::string& host, int port,
                          std::chrono::milliseconds limit = std::chrono::milliseconds(-1),
                          const std::function<bool()>& cancelled = {});
+/// So many look-ups of names run at once, given up or not; others wait for a place among them.
+inline constexpr std::size_t kMostLookups = 64;
 /// A wait that somebody may call off is made of short ones.
 inline constexpr std::chrono::milliseconds kCancelSlice{24};
 /// True for a numeric IPv4 or IPv6 address (no name lookup is made).
 bool IsNumericAddress(const std::string& host);
 
+/// The same address with another port.
+ZrSocketAddress WithPort(ZrSocketAddress address, int port);
 /// Opens a listening socket. SO_REUSEADDR is on, so a restart on the same port works at once, while
 /// a port that another socket listens on stays taken; an IPv6 socket takes IPv4 peers, too.
 /// The result is closed when it failed; `error` (may be null) then gets the error number.
 ZrDescriptor OpenListener(const ZrSocketAddress& address, int backlog, int* error = nullptr);
+/// Whether the error number says that the machine does not have the address: others may be had.
+bool IsAddressMissing(int error);
 /// The local port of a bound socket, or -1.
 int LocalPort(int socket);
 /// Takes one waiting peer without waiting for one.

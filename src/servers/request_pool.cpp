@@ -11,6 +11,12 @@
 #include "transceiver/connection.h"
 #include "transceiver/transceiver.h"
 
+namespace {
+
+constexpr const char* kNoThread = "there is no thread left";
+
+}  // namespace
+
 ZrURLHookService::ZrURLHookService(ZrServerSetup setup, ZrConnectingFactory workers)
     : ZrTransceiverServer(std::move(setup)), factory_(std::move(workers)) {
   CreateJoinedTaskFor("urlhook_" + JobName());
@@ -35,6 +41,7 @@ std::shared_ptr<ZrXHeader> ZrURLHookService::submit(std::shared_ptr<ZrXHeader> h
   if (!factory_) throw std::bad_function_call();
   const Request request{std::move(head)};
   WorkerPointer worker;
+  ZrSendFailure failure{ZrSendFailureKind::kNotSent, kNoThread};
   {
     ZrLock hold(lock_);
     startFailed = ended_;
@@ -46,14 +53,15 @@ std::shared_ptr<ZrXHeader> ZrURLHookService::submit(std::shared_ptr<ZrXHeader> h
       WakePump();
       return nullptr;
     }
-    if (!ended_ && !worker) ++starting_;
+    if (ended_)
+      failure = {ZrSendFailureKind::kStopped};
+    else if (!worker)
+      startFailed = !StartLater(request);
   }
   if (startFailed)
-    Report({request.head, {ZrSendFailureKind::kStopped}});
+    Report({request.head, failure});
   else if (worker)
     deliverToWorker(worker, request);
-  else
-    startFailed = !StartWorker(request);
   return request.head;
 }
 
@@ -99,9 +107,17 @@ void ZrURLHookService::deliverToWorker(const WorkerPointer& worker, const Reques
 
 // ---- Workers -----------------------------------------------------------------------------------
 
-// For a request for which a place was reserved. No: none could be started, and the request has been
-// reported. The place is given back in every case.
-bool ZrURLHookService::StartWorker(const Request& request) {
+// Looking up and connecting take time that is no sender's. No: there is no thread for it.
+bool ZrURLHookService::StartLater(const Request& request) {
+  ++starting_;
+  if (RunLater("ZrURLHookService_start", [this, request] { StartWorker(request); })) return true;
+  --starting_;
+  return false;
+}
+
+// For a request for which a place was reserved, which is given back in every case. Where none could
+// be started the request is reported.
+void ZrURLHookService::StartWorker(const Request& request) {
   ZrSendFailure failure{ZrSendFailureKind::kStopped};
   WorkerPointer worker;
   bool started = false;
@@ -129,12 +145,8 @@ bool ZrURLHookService::StartWorker(const Request& request) {
     late = started && ended_;
   }
   if (late) DropWorker(worker);
-  if (!started || late) {
-    Report({request.head, failure});
-    return false;
-  }
+  if (!started || late) return Report({request.head, failure});
   deliverToWorker(worker, request);
-  return true;
 }
 
 // Made outside the lock as well: a worker with TLS loads certificates.
@@ -367,10 +379,8 @@ bool ZrURLHookService::PumpOne() {
     if (!worker && !HasPlace()) return false;
     waiting_.pop_front();
     if (!worker) {
-      ++starting_;
-      if (!RunLater("ZrURLHookService_start", [this, request] { StartWorker(request); })) {
-        --starting_;
-        failed_.push_back({request.head, {ZrSendFailureKind::kNotSent, "there is no thread left"}});
+      if (!StartLater(request)) {
+        failed_.push_back({request.head, {ZrSendFailureKind::kNotSent, kNoThread}});
         pumpAgain_ = true;
       }
       return true;

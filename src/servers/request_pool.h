@@ -4,9 +4,9 @@
 // connecting server with one connection; it takes one request at a time and says by an event when
 // that is over.
 //
-// Nothing that takes time happens under the pool's lock or on the thread that delivers events. A
-// worker is started on the thread of the sender, or on a task of its own when a waiting request
-// needs it: a place in the pool is reserved, the worker is started with no lock held, then entered.
+// Nothing that takes time happens under the pool's lock, on the thread that delivers events or on
+// that of a sender. A worker is started on a task of its own: a place in the pool is reserved, the
+// worker is started with no lock held, then entered.
 // Waiting requests are handed out by a short task (the pump) that runs when a worker became idle or
 // dropped out. A worker whose connection has closed gets no further request; what it had been given
 // is sent once more over a fresh connection when no byte of an answer had come, because then the
@@ -41,12 +41,12 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   /// connection is closed; 9, its request got no answer. Answers yes.
   bool ReceiveEvent(const ZrJobEvent& event) override ZR_REQUIRES(lock_);
 
-  /// Hands the request to an idle worker or to a new one, which is started before this returns:
-  /// the head is returned. With a full pool it waits, in front of or behind those that wait
-  /// already, and nothing is returned; likewise without a head or a transceiver. A worker that
-  /// cannot be started, and a pool that has ended, set `startFailed`; the request is then reported
-  /// as failed and the head returned. Throws std::bad_function_call without a factory. The caller
-  /// holds no lock.
+  /// Hands the request to an idle worker or to a new one, which is started on a task: the head is
+  /// returned. With a full pool it waits, in front of or behind those that wait already, and
+  /// nothing is returned; likewise without a head or a transceiver. A pool that has ended, or has
+  /// no thread, sets `startFailed`; the request is then reported as failed, like one whose worker
+  /// cannot be started later, and the head returned. Throws std::bad_function_call without a
+  /// factory. The caller holds no lock.
   std::shared_ptr<ZrXHeader> submit(std::shared_ptr<ZrXHeader> head, bool& startFailed,
                                     bool inFront) override;
   /// Requests that wait for a worker.
@@ -92,7 +92,8 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   void OnUnanswered(const ZrJobEvent& event) ZR_REQUIRES(lock_);
   void Resolve(Request request, ZrSendFailure failure) ZR_REQUIRES(lock_);
 
-  bool StartWorker(const Request& request) ZR_EXCLUDES(lock_);
+  bool StartLater(const Request& request) ZR_REQUIRES(lock_);
+  void StartWorker(const Request& request) ZR_EXCLUDES(lock_);
   WorkerPointer MakeWorker(const Request& request, ZrSendFailure& failure) ZR_EXCLUDES(lock_);
   bool EnterStarting(const WorkerPointer& worker) ZR_EXCLUDES(lock_);
   void DropWorker(const WorkerPointer& worker) ZR_EXCLUDES(lock_);

@@ -187,8 +187,15 @@ void ZrTransceiverServerL0Socket::AcceptLoop() {
 bool ZrTransceiverServerL0Socket::Listen(ZrSocketIPvx& listener, ZrServerCallback_t& record) {
   int port = PortNumber(configuration_->GetOption("tcp_port", "2098"));
   const std::string address = configuration_->GetOption("tcp_address", "127.0.0.1");
+  const bool everywhere = configuration_->GetOption("bind") != "address";
   const auto listen = [&] {
-    return listener.listen(address, port, kBacklog) == ZrSocketResult::kSuccess;
+    const ZrSocketResult result = everywhere
+                                      ? listener.listen(address, port, kBacklog)
+                                      : listener.listenAt(std::string(zr::BareHost(address)), port,
+                                                          kBacklog, [this] { return !Running(); });
+    const bool done = result == ZrSocketResult::kSuccess;
+    if (!done && !everywhere) record.info.Set("reason", listener.listenErrorText());
+    return done;
   };
   bool listening = listen();
   record.kind = ZrServerCallback_t::kBindFailed;

@@ -6,6 +6,8 @@
 
 #include <mutex>
 
+#include "net/tcp_socket.h"
+#include "platform/socket.h"
 #include "tests/support/temporary_folder.h"
 #include "velkoro/server.h"
 
@@ -131,6 +133,33 @@ TEST_F(Client, WhatCannotBeAskedIsRefusedAtOnce) {
     SCOPED_TRACE(request.url);
     EXPECT_THROW(client_.Ask(request), velkoro::ClientError);
   }
+}
+
+// Ten hosts that let nobody in: listeners whose queue is full, so that a connection is never made.
+TEST_F(Client, SlowHostsHoldNobodyUp) {
+  std::vector<std::unique_ptr<ZrSocketIPvx>> hosts;
+  std::vector<ZrDescriptor> queued;
+  std::vector<int> ports;
+  for (int i = 0; i < 10; ++i) {
+    int port = 0;
+    hosts.push_back(std::make_unique<ZrSocketIPvx>());
+    ASSERT_EQ(hosts.back()->listenAt("127.0.0.1", port, 0), ZrSocketResult::kSuccess);
+    ports.push_back(port);
+    const ZrResolution place = zr::ResolveHost("127.0.0.1", port);
+    for (ZrDescriptor one; (one = zr::ConnectTo(place.addresses.at(0), 100ms)).IsOpen();)
+      queued.push_back(std::move(one));
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  std::vector<std::future<Outcome>> coming;
+  for (const int port : ports) {
+    coming.push_back(
+        client_.Ask({.url = "http://127.0.0.1:" + std::to_string(port) + "/", .timeLimit = 2s}));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
+  EXPECT_EQ(Ask({.url = Url("/echo")}), "200 GET  - 0");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
+  for (auto& one : coming) EXPECT_TRUE(one.get().error.starts_with("timed out"));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
 }
 
 TEST_F(Client, AnEndLeavesNoRequestWithoutItsOutcome) {

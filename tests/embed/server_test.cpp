@@ -67,8 +67,13 @@ TEST(Server, WhatIsWrongIsSaidWhenItIsSet) {
   server.Start();
   ExpectRefused("before it starts", [&] { server.Page("y", ""); });
   ExpectRefused("before it starts", [&] { server.Start(); });
-  velkoro::Server second({.listen = {"http://127.0.0.1:" + std::to_string(server.Port())}});
+  const std::string port = std::to_string(server.Port());
+  velkoro::Server second({.listen = {"http://127.0.0.1:" + port}});
   ExpectRefused("is taken or not allowed", [&] { second.Start(); });
+  velkoro::Server strange({.listen = {"http://203.0.113.1:0"}});
+  ExpectRefused("203.0.113.1:0 cannot be listened at: Cannot assign", [&] { strange.Start(); });
+  velkoro::Server beside({.listen = {"http://127.0.0.2:" + port}});  // another address is free
+  EXPECT_EQ(beside.Start(), "http://127.0.0.2:" + port);
 }
 
 TEST(Server, RequestsComeApartAndAnswersTogether) {

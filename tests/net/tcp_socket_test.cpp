@@ -3,8 +3,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
-#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <memory>
@@ -12,17 +12,22 @@
 
 #include "platform/socket.h"
 #include "tests/support/captured.h"
+#include "tests/support/left_behind.h"
 #include "tests/support/scripted_line.h"
+#include "tests/support/wait.h"
 
 using namespace std::chrono_literals;
 
-// The resolver of this program: it never has an answer for one name.
+std::atomic<bool> resolverHangs{true};
+
+// The resolver of this program: it has no answer for one name as long as it hangs.
 extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
                            addrinfo** result) {
   static const auto real =
       reinterpret_cast<decltype(&::getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
   if (node != nullptr && std::string_view(node) == "hangs.test") {
-    for (;;) ::pause();
+    resolverHangs.wait(true);
+    return EAI_NONAME;
   }
   return real(node, service, hints, result);
 }
@@ -50,6 +55,29 @@ class Socket : public testing::Test {
   std::unique_ptr<ZrSocketIPvx> listener_ = std::make_unique<ZrSocketIPvx>();
   int port_ = 0;
 };
+
+TEST_F(Socket, AnAddressThatIsGivenIsTheOnlyOne) {
+  const auto reaches = [this](const char* host) {
+    ZrSocketIPvx client;
+    client.setQuiet(true);
+    return client.connect(host, port_) == ZrSocketResult::kSuccess;
+  };
+  ASSERT_EQ(listener_->listenAt("127.0.0.1", port_, 16), ZrSocketResult::kSuccess);
+  EXPECT_TRUE(reaches("127.0.0.1"));
+  EXPECT_FALSE(reaches("127.0.0.2"));
+  EXPECT_FALSE(reaches("::1"));
+  ZrSocketIPvx second;
+  EXPECT_EQ(second.listenAt("127.0.0.1", port_, 16), ZrSocketResult::kListenFailed);
+  EXPECT_EQ(second.listenErrorText(), "");
+  EXPECT_EQ(second.listenAt("203.0.113.1", port_, 16), ZrSocketResult::kListenFailed);
+  EXPECT_EQ(second.listenErrorText(), "Cannot assign requested address");
+  // A name has all its addresses on one port, the system's choice as well.
+  listener_ = std::make_unique<ZrSocketIPvx>();
+  port_ = 0;
+  ASSERT_EQ(listener_->listenAt("localhost", port_, 16), ZrSocketResult::kSuccess);
+  for (const ZrSocketAddress& address : zr::ResolveHost("localhost", port_).addresses)
+    EXPECT_TRUE(reaches(zr::NumericName(address).host.c_str())) << zr::NumericName(address).host;
+}
 
 TEST_F(Socket, PeersOfBothFamiliesReachTheOnePort) {
   int beyond = 65536;
@@ -105,14 +133,21 @@ TEST_F(Socket, ReceiveTellsEndNothingAndFailureApart) {
   EXPECT_EQ(none.lastError(), EBADF);
 }
 
+// However many are given up, their threads are bounded and go when the resolver's time is over.
 TEST_F(Socket, ConnectDoesNotWaitForTheResolver) {
   struct Case {
     std::chrono::milliseconds limit;
     bool cancelled;
     ZrConnectFailure failure;
   };
-  for (const Case& c : {Case{50ms, false, ZrConnectFailure::kTimedOut},
-                        Case{30s, true, ZrConnectFailure::kCancelled}}) {
+  const auto before = zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads];
+  const auto threads = [before] {
+    return zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads] - before;
+  };
+  resolverHangs = true;
+  std::vector<Case> cases(zr::kMostLookups + 5, Case{1ms, false, ZrConnectFailure::kTimedOut});
+  cases.push_back({30s, true, ZrConnectFailure::kCancelled});
+  for (const Case& c : cases) {
     ZrSocketIPvx socket;
     socket.setQuiet(true);
     const auto begin = std::chrono::steady_clock::now();
@@ -121,6 +156,14 @@ TEST_F(Socket, ConnectDoesNotWaitForTheResolver) {
     EXPECT_EQ(socket.connectFailure(), c.failure);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);
   }
+  EXPECT_LE(threads(), zr::kMostLookups);
+  resolverHangs = false;
+  resolverHangs.notify_all();
+  EXPECT_TRUE(zrtest::WaitFor([&] { return threads() == 0; })) << threads();
+  ZrSocketIPvx socket;
+  socket.setQuiet(true);
+  EXPECT_EQ(socket.connect("hangs.test", 80), ZrSocketResult::kConnectFailed);
+  EXPECT_EQ(socket.connectFailure(), ZrConnectFailure::kNoHost);
 }
 
 }  // namespace

@@ -56,6 +56,40 @@ ZrResolution Resolve(const char* node, int port, int flags) {
   return result;
 }
 
+// At most so many threads look up at once, those that nobody waits for any more included: a
+// resolver that does not answer holds up later look-ups of names, not the process.
+class Places {
+ public:
+  /// Takes one as soon as there is one. No: not in time, or it was called off.
+  bool Take(steady_clock::time_point deadline, const std::function<bool()>& cancelled)
+      ZR_EXCLUDES(lock_) {
+    ZrLock hold(lock_);
+    for (;;) {
+      const auto now = steady_clock::now();
+      if (freed_.WaitUntil(lock_, std::min(deadline, now + zr::kCancelSlice),
+                           [this]() ZR_REQUIRES(lock_) { return taken_ < zr::kMostLookups; })) {
+        ++taken_;
+        return true;
+      }
+      if (now >= deadline || (cancelled && cancelled())) return false;
+    }
+  }
+  void Free() ZR_EXCLUDES(lock_) {
+    ZrLock hold(lock_);
+    --taken_;
+    freed_.NotifyOne();
+  }
+  static Places& Instance() {
+    static Places* const places = new Places;  // look-ups that were given up may end after main()
+    return *places;
+  }
+
+ private:
+  ZrMutex lock_;
+  ZrCondition freed_;  // taken_ shrank
+  std::size_t taken_ ZR_GUARDED_BY(lock_) = 0;
+};
+
 struct Lookup {
   ZrMutex lock;
   ZrCondition ended;  // `result` was set
@@ -63,19 +97,23 @@ struct Lookup {
 };
 
 // What has become of it by then; nothing when it goes on.
-std::optional<ZrResolution> WaitFor(Lookup& lookup, milliseconds limit,
+std::optional<ZrResolution> WaitFor(Lookup& lookup, steady_clock::time_point deadline,
                                     const std::function<bool()>& cancelled) {
-  const bool bounded = limit >= milliseconds::zero();
-  const auto deadline = steady_clock::now() + limit;
   ZrLock hold(lookup.lock);
   for (;;) {
     const auto next = steady_clock::now() + zr::kCancelSlice;
-    if (lookup.ended.WaitUntil(lookup.lock, bounded ? std::min(next, deadline) : next,
+    if (lookup.ended.WaitUntil(lookup.lock, std::min(next, deadline),
                                [&lookup]()
                                    ZR_REQUIRES(lookup.lock) { return lookup.result.has_value(); }))
       return std::move(lookup.result);
-    if ((bounded && steady_clock::now() >= deadline) || (cancelled && cancelled())) return {};
+    if (steady_clock::now() >= deadline || (cancelled && cancelled())) return {};
   }
+}
+
+ZrResolution GivenUp(const std::function<bool()>& cancelled) {
+  return cancelled && cancelled()
+             ? Failed("the name lookup was called off", ZrConnectFailure::kCancelled)
+             : Failed("no answer to the name lookup", ZrConnectFailure::kTimedOut);
 }
 
 }  // namespace
@@ -87,29 +125,32 @@ ZrResolution ResolveListener(int port) { return Resolve(nullptr, port, AI_PASSIV
 ZrResolution ResolveHost(const std::string& host, int port, milliseconds limit,
                          const std::function<bool()>& cancelled) {
   if (IsNumericAddress(host)) return Resolve(host.c_str(), port, 0);
+  const auto deadline =
+      limit < milliseconds::zero() ? steady_clock::time_point::max() : steady_clock::now() + limit;
   const auto lookup = std::make_shared<Lookup>();
+  if (!Places::Instance().Take(deadline, cancelled)) return GivenUp(cancelled);
   ZrThread thread;
   try {
     thread = ZrThread::Start(
         "zr-lookup",
         [lookup, host, port] {
           ZrResolution result = Resolve(host.c_str(), port, 0);
+          Places::Instance().Free();
           ZrLock hold(lookup->lock);
           lookup->result = std::move(result);
           lookup->ended.NotifyAll();
         });
   } catch (const std::system_error&) {
+    Places::Instance().Free();
     return Resolve(host.c_str(), port, 0);  // the system has no thread left: it takes its time
   }
-  std::optional<ZrResolution> result = WaitFor(*lookup, limit, cancelled);
+  std::optional<ZrResolution> result = WaitFor(*lookup, deadline, cancelled);
   if (!result && StayLoaded()) {
     thread.Abandon();
-    return cancelled && cancelled()
-               ? Failed("the name lookup was called off", ZrConnectFailure::kCancelled)
-               : Failed("no answer to the name lookup", ZrConnectFailure::kTimedOut);
+    return GivenUp(cancelled);
   }
   thread.Join();
-  if (!result) result = WaitFor(*lookup, milliseconds::zero(), {});
+  if (!result) result = WaitFor(*lookup, steady_clock::now(), {});
   return std::move(*result);
 }
 

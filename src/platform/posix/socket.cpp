@@ -10,6 +10,8 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <cstddef>
+
 namespace {
 
 static_assert(sizeof(ZrSocketAddress::bytes) >= sizeof(sockaddr_storage));
@@ -89,6 +91,17 @@ ZrDescriptor OpenListener(const ZrSocketAddress& address, int backlog, int* erro
   if (::listen(socket.Get(), backlog) != 0) return Failed(error);
   return socket;
 }
+
+ZrSocketAddress WithPort(ZrSocketAddress address, int port) {
+  const auto number = htons(static_cast<std::uint16_t>(port));
+  const std::size_t place = address.family == ZrAddressFamily::kIPv6
+                                ? offsetof(sockaddr_in6, sin6_port)
+                                : offsetof(sockaddr_in, sin_port);
+  ::memcpy(address.bytes.data() + place, &number, sizeof number);
+  return address;
+}
+
+bool IsAddressMissing(int error) { return error == EADDRNOTAVAIL || error == EAFNOSUPPORT; }
 
 int LocalPort(int socket) {
   sockaddr_storage address{};
