@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Drives examples/forms in headless Chromium: fill, submit, upload, see the answers.
+"""Drives tests/browser/elements in headless Chromium: fill, submit, upload, see the answers.
 
     forms_test.py VELKORO_FORMS [SCREENSHOT_FOLDER]
 
@@ -15,50 +15,8 @@ import sys
 import tempfile
 
 from selenium import webdriver
-from selenium.common.exceptions import TimeoutException, WebDriverException
-from selenium.webdriver.chrome.service import Service
-from selenium.webdriver.common.by import By
-from selenium.webdriver.support.wait import WebDriverWait
 
-LIMIT = 60  # seconds for any single step
-WAIT = 10  # seconds for a page to come
-BROWSER_ARGUMENTS = [
-    "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-    "--disable-background-networking", "--disable-component-update", "--disable-sync",
-    "--window-size=900,600",
-]
-
-
-class Page:
-    """What the browser shows, and the failures so far."""
-
-    def __init__(self, browser):
-        self.browser = browser
-        self.failures = 0
-
-    def find(self, selector):
-        """The first element of a CSS selector; waits until there is one."""
-        return self.browser.find_element(By.CSS_SELECTOR, selector)
-
-    def click(self, selector):
-        self.find(selector).click()
-
-    def expect(self, what, script, expected):
-        """Evaluates a script until it gives the value: a click returns before the page it leads to
-        is there."""
-        with contextlib.suppress(TimeoutException):
-            WebDriverWait(self.browser, WAIT, 0.02, [WebDriverException]).until(
-                lambda browser: browser.execute_script("return " + script) == expected)
-        actual = self.browser.execute_script("return " + script)
-        self.failures += actual != expected
-        print(f"ok   {what}" if actual == expected else
-              f"FAIL {what}: {actual!r}, not {expected!r}")
-
-    def expect_title(self, what, expected):
-        self.expect(what, "document.title", expected)
-
-    def expect_text(self, what, selector, expected):
-        self.expect(what, f"(document.querySelector('{selector}') || {{}}).innerText", expected)
+from browser import LIMIT, open_browser
 
 
 def look_at_start_page(page, url):
@@ -134,17 +92,7 @@ def main(program, screenshots=None):
             stdout=subprocess.PIPE, text=True))
         ending.callback(server.terminate)
         url = re.fullmatch(r"listening at (https://\S+)\n", server.stdout.readline()).group(1)
-        options = webdriver.ChromeOptions()
-        options.binary_location = "/usr/bin/chromium"
-        options.accept_insecure_certs = True
-        for argument in BROWSER_ARGUMENTS + [f"--user-data-dir={folder / 'profile'}"]:
-            options.add_argument(argument)
-        browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-        ending.callback(browser.quit)
-        browser.implicitly_wait(WAIT)
-        browser.set_page_load_timeout(LIMIT)
-
-        page = Page(browser)
+        page = open_browser(ending, folder)
         look_at_start_page(page, url)
         send_forms(page, folder)
         hand_over(page)

@@ -1,0 +1,65 @@
+"""What the tests of this folder share: a headless Chromium, and a page that says what it misses."""
+
+import contextlib
+
+from selenium import webdriver
+from selenium.common.exceptions import TimeoutException, WebDriverException
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.wait import WebDriverWait
+
+LIMIT = 60  # seconds for any single step
+WAIT = 10  # seconds for a page to come
+BROWSER_ARGUMENTS = [
+    "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+    "--disable-background-networking", "--disable-component-update", "--disable-sync",
+    "--window-size=900,600",
+]
+
+
+class Page:
+    """What the browser shows, and the failures so far."""
+
+    def __init__(self, browser):
+        self.browser = browser
+        self.failures = 0
+
+    def find(self, selector):
+        """The first element of a CSS selector; waits until there is one."""
+        return self.browser.find_element(By.CSS_SELECTOR, selector)
+
+    def click(self, selector):
+        self.find(selector).click()
+
+    def expect(self, what, script, expected):
+        """Evaluates a script until it gives the value: a click returns before the page it leads to
+        is there."""
+        with contextlib.suppress(TimeoutException):
+            WebDriverWait(self.browser, WAIT, 0.02, [WebDriverException]).until(
+                lambda browser: browser.execute_script("return " + script) == expected)
+        actual = self.browser.execute_script("return " + script)
+        self.failures += actual != expected
+        print(f"ok   {what}" if actual == expected else
+              f"FAIL {what}: {actual!r}, not {expected!r}")
+
+    def expect_title(self, what, expected):
+        self.expect(what, "document.title", expected)
+
+    def expect_text(self, what, selector, expected):
+        self.expect(what, f"(document.querySelector('{selector}') || {{}}).innerText", expected)
+
+
+def open_browser(ending, folder, **settings):
+    """A browser that is ended by the stack `ending`; its profile lies in the folder."""
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    options.accept_insecure_certs = True
+    for argument in BROWSER_ARGUMENTS + [f"--user-data-dir={folder / 'profile'}"]:
+        options.add_argument(argument)
+    for name, value in settings.items():
+        options.add_experimental_option(name, value)
+    browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    ending.callback(browser.quit)
+    browser.implicitly_wait(WAIT)
+    browser.set_page_load_timeout(LIMIT)
+    return Page(browser)
