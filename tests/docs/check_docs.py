@@ -33,7 +33,7 @@ import tempfile
 import time
 
 SOURCE, BUILD, PREFIX = (pathlib.Path(argument).resolve() for argument in sys.argv[1:4])
-LIMIT = 60  # seconds for any one program
+LIMIT = 120  # seconds for any one program
 BLOCK = re.compile(r"(?:<!-- ([a-z]+)(?:: (\S+?))?(?: as (\S+))? -->\n)?^```(\w*)\n(.*?)^```$", re.M | re.S)
 OPTIONS = {"docs/server.md": ("server.h", "ServerOptions"), "docs/client.md": ("client.h", "ClientRequest")}
 failures = []
