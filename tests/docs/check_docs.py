@@ -188,6 +188,12 @@ def check_block(page, shell, found, last):
     return last
 
 
+def headings(file):
+    """Of a page, as links call them."""
+    return [re.sub(r"[^\w -]", "", heading.lower()).strip().replace(" ", "-")
+            for heading in re.findall(r"^#+ (.*)$", BLOCK.sub("", file.read_text()), re.M)]
+
+
 def check_page(page):
     text = (SOURCE / page).read_text()
     shell = Shell(page)
@@ -197,9 +203,10 @@ def check_page(page):
             printed = check_block(page, shell, found, printed)
     finally:
         shell.end()
-    for target in re.findall(r"\]\(([^)#\s]+)[^)]*\)", BLOCK.sub("", text)):
-        if "://" not in target and not (SOURCE / page).parent.joinpath(target).exists():
-            fail(page, f"the link to {target} leads nowhere")
+    for target, anchor in re.findall(r"\]\(([^)#\s]*)(?:#([^)\s]+))?\)", BLOCK.sub("", text)):
+        file = (SOURCE / page).parent / target if target else SOURCE / page
+        if "://" not in target and not (file.exists() and (not anchor or anchor in headings(file))):
+            fail(page, f"the link to {target} {anchor} leads nowhere")
     if page in OPTIONS:
         header, name = OPTIONS[page]
         members = re.search(rf"struct {name} {{(.*?)\n}};", (SOURCE / "include/velkoro" / header).read_text(), re.S)
