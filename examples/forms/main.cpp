@@ -1,93 +1,70 @@
-// A web application of the static library: it registers a handler for form commands, builds its
-// pages from element classes and hands over to a second handler.
-//
-//   velkoro_forms [PORT [CERTIFICATE KEY]]
-//
-// Port 0, the default, lets the system choose one. With the names of a PEM certificate and key file
-// the server speaks HTTPS, without them plain HTTP. The program prints the address it listens at
-// and ends with its standard input.
+// A guest book: a form with a picture, and a page of what was sent.
 
-#include <exception>
+#include <velkoro/documents.h>
+#include <velkoro/server.h>
+
+#include <deque>
 #include <iostream>
-#include <string>
-#include <vector>
+#include <mutex>
 
-#include "base/exception.h"
-#include "base/number.h"
-#include "base/server_callback.h"
-#include "handlers.h"
-#include "host/application.h"
-#include "http/protocol_kind.h"
+using velkoro::Answer;
+using velkoro::Element;
+using velkoro::Request;
 
 namespace {
 
-/// Shows the start page to visitors who come without a command.
-class FormsApplication : public ZrQuarnApplication2 {
- public:
-  FormsApplication(std::vector<ZrServerDefinition> servers, ZrOptionMap options,
-                   ZrCommandHandler* first)
-      : ZrQuarnApplication2(nullptr, std::move(servers), std::move(options)), first_(first) {
-    registerHandler(first);
-  }
-
-  // Requests may be on their way to nullQuery(): they end while it is still there.
-  ~FormsApplication() override { stopServers(); }
-
-  ZrCommandHandler* nullQuery(const std::string& /*name*/) override { return first_; }
-
- private:
-  ZrCommandHandler* const first_;
+struct Entry {
+  std::string name;
+  std::string words;
+  std::string picture;  // a PNG file, or nothing
 };
 
-ZrServerDefinition DefinitionOf(const std::vector<std::string>& arguments) {
-  ZrServerDefinition server;
-  server.address = "127.0.0.1";
-  server.protocolKind = zr::kProtocolHttp;
-  if (!arguments.empty()) {
-    const auto port = zr::ParseDigits(arguments[0]);
-    if (!port || *port > 65535) throw ZrException("no port: " + arguments[0]);
-    server.port = static_cast<std::int32_t>(*port);
+std::mutex lock;  // handlers run on several threads
+std::deque<Entry> entries;
+
+void ShowBook(const Request&, Answer& answer) {
+  velkoro::Document page = velkoro::Document::ReadFile("book.html", velkoro::DocumentKind::kHtml);
+  Element list = page.QueryFirst("//ul");
+  const std::lock_guard hold(lock);
+  for (std::size_t at = entries.size(); at-- > 0;) {
+    Element item = list.Add("li");
+    item.Add("b").SetText(entries[at].name);
+    item.AddText(": " + entries[at].words);
+    if (!entries[at].picture.empty()) item.Add("img").Set("src", "/pictures/" + std::to_string(at));
   }
-  if (arguments.size() == 3) {
-    server.protocolKind = zr::kProtocolHttps;
-    server.options.Set("cacertificate", arguments[1]);
-    server.options.Set("privatekey", arguments[2]);
-  }
-  return server;
+  answer.Html(page);
 }
 
-int Run(const std::vector<std::string>& arguments) {
-  if (arguments.size() == 2 || arguments.size() > 3) {
-    std::cerr << "usage: velkoro_forms [PORT [CERTIFICATE KEY]]\n";
-    return 2;
+void AddEntry(const Request& request, Answer& answer) {
+  Entry entry{request.Field("name", "Nobody"), request.Field("words"), ""};
+  if (const auto picture = request.File("picture"); picture && !picture->bytes.empty()) {
+    if (!picture->bytes.starts_with("\x89PNG")) throw velkoro::RequestError(415, "no PNG file");
+    entry.picture = picture->bytes;
   }
-  forms::ClosedHandler closed;
-  forms::FormHandler open(&closed);
-  closed.SetNext(&open);
+  const std::lock_guard hold(lock);
+  entries.push_back(std::move(entry));
+  answer.Redirect("/");
+}
 
-  ZrOptionMap options;
-  options.Set("no_browser_popup", "true");
-  options.Set("_app_context_commandurl", "/");
-  FormsApplication application({DefinitionOf(arguments)}, options, &open);
-  application.setObserver([](const ZrServerCallback_t& report) {
-    if (report.kind != ZrServerCallback_t::kListening) return;
-    std::cout << "listening at " << report.info.Get("protocolstring")
-              << "://127.0.0.1:" << report.info.Get("port") << "/\n"
-              << std::flush;
-  });
-  application.startServers();
-  for (std::string line; std::getline(std::cin, line);) {
-  }
-  return 0;
+void SendPicture(const Request& request, Answer& answer) {
+  const auto at = request.Path<std::size_t>("number");
+  const std::lock_guard hold(lock);
+  if (at >= entries.size() || entries[at].picture.empty())
+    throw velkoro::RequestError(404, "there is no such picture");
+  answer.Body(entries[at].picture, "image/png");
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  try {
-    return Run(std::vector<std::string>(argv + 1, argv + argc));
-  } catch (const std::exception& e) {
-    std::cerr << "velkoro_forms: " << e.what() << '\n';
-    return 1;
-  }
+int main(int count, char** arguments) try {
+  const std::string url = count > 1 ? arguments[1] : "http://127.0.0.1:8080";
+  velkoro::Server server({.listen = {url}});
+  server.Handle("GET", "/", ShowBook);
+  server.Handle("POST", "/", AddEntry);
+  server.Handle("GET", "/pictures/{number}", SendPicture);
+  std::cout << server.Start() << std::endl;
+  std::cin.get();
+} catch (const std::exception& failure) {
+  std::cerr << failure.what() << '\n';
+  return 1;
 }

@@ -233,7 +233,7 @@ class Document {
   void Indent(unsigned blanks = 2);
 
   /// The document as text: what was read is written as it was, except for attributes, which are
-  /// written by name and in double quotes, and empty elements, which are written as <a />.
+  /// written by name and in double quotes, and empty elements, which are written as `<a />`.
   std::string Text() const;
   void Write(std::ostream& stream) const;
   /// Puts the text into the file, whole or not at all: readers of the file see the old content or

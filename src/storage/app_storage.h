@@ -3,7 +3,7 @@
 // application with its options and its list of projects. On top of it stand the open projects (one
 // database each, shared by name between those who use it), the directories of projects on disk, the
 // named-value table that the server answers from, and the expansion of markers in project texts.
-// docs/storage.md shows the layout of the files.
+// docs/configuration.md shows the layout of the files.
 //
 // Threads: the operations of this class take no lock of their own; they belong to the set-up and to
 // one thread at a time. Whoever shares the named-value table guards it.

@@ -35,18 +35,21 @@ def start_server(ending, words, line):
     return server, found.group(1)
 
 
-def open_browser(ending, profile):
+def open_browser(ending, folder, **settings):
+    """A page of a browser that ends with the stack `ending`; its profile lies in the folder."""
     options = webdriver.ChromeOptions()
     options.binary_location = "/usr/bin/chromium"
     options.accept_insecure_certs = True
-    for argument in BROWSER_ARGUMENTS + [f"--user-data-dir={profile}"]:
+    for argument in BROWSER_ARGUMENTS + [f"--user-data-dir={folder / 'profile'}"]:
         options.add_argument(argument)
+    for name, value in settings.items():
+        options.add_experimental_option(name, value)
     browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     ending.callback(browser.quit)
     browser.implicitly_wait(WAIT)
     browser.set_page_load_timeout(LIMIT)
     browser.set_script_timeout(WAIT)
-    return browser
+    return Page(browser)
 
 
 class Page:

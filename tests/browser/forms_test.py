@@ -14,7 +14,7 @@ import tempfile
 
 from selenium import webdriver
 
-from browser import LIMIT, Page, open_browser, start_server
+from browser import LIMIT, open_browser, start_server
 
 
 def look_at_start_page(page, url):
@@ -87,9 +87,7 @@ def main(program, screenshots=None):
                        check=True, stderr=subprocess.DEVNULL, timeout=LIMIT)
         server, url = start_server(ending, [program, "0", certificate, key],
                                    r"^listening at (https://\S+)\n$")
-        browser = open_browser(ending, folder / "profile")
-
-        page = Page(browser)
+        page = open_browser(ending, folder)
         look_at_start_page(page, url)
         send_forms(page, folder)
         hand_over(page)

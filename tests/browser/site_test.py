@@ -22,7 +22,7 @@ import tempfile
 from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.support.wait import WebDriverWait
 
-from browser import LIMIT, WAIT, Page, open_browser, start_server
+from browser import LIMIT, WAIT, open_browser, start_server
 
 HERE = pathlib.Path(__file__).parent
 FONT = "/usr/share/fonts-font-awesome/fonts/fontawesome-webfont.woff2"
@@ -155,7 +155,7 @@ def main(program, screenshots=None):
         shutil.copy(FONT, folder / "site/icons.woff2")
         (folder / "site/video.mp4").write_bytes(stretched((HERE / "site/video.mp4").read_bytes()))
         build_app(folder / "app")
-        page = Page(open_browser(ending, folder / "profile"))
+        page = open_browser(ending, folder)
         # Without TLS, as a browser keeps nothing of a server whose certificate it does not know.
         visit_site(page, Site(ending, program, folder / "site", "http", ["--cache", "0"]),
                    screenshots)
