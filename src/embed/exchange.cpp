@@ -149,7 +149,8 @@ void velkoro::Exchange::SetFile(const std::string& path) {
     return SetStatus(404);
   }
   if (request_->semantics->IsStandard()) {
-    zr::AnswerWithFile(*request_, reply, path, {.found = {file, nullptr}}, *handlers_->site);
+    zr::AnswerWithFile(*request_, reply, path, {.found = {.file = file}}, *handlers_->site);
+    reply.UnfoldReadyFields();  // the handler may give it others
   } else {
     reply.status = 200;
     reply.SetFileBody(path, file->Size());

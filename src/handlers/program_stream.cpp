@@ -103,9 +103,11 @@ void ZrProgramStream::Begin() {
   stream_ = client_.OpenAnswer(request_, {.room = [room = room_] { room->Raise(); }, .gone = {}});
   answer_->lengthKnown = program_.contentLength.has_value();
   answer_->contentLength = program_.contentLength.value_or(0);
-  const ZrCoding coding = client_.Compression() == nullptr
-                              ? ZrCoding::kIdentity
-                              : zr::ChooseBodyCoding(request_, *answer_, program_.contentLength);
+  ZrCoding coding = client_.Compression() == nullptr
+                        ? ZrCoding::kIdentity
+                        : zr::ChooseBodyCoding(request_, *answer_, program_.contentLength);
+  // Which one the page would have depends on its length.
+  if (request_.method == ZrMethod::kHead && buffer_.Empty()) coding = ZrCoding::kIdentity;
   if (coding != ZrCoding::kIdentity) zr::SetBodyCoding(*answer_, coding);
   if (!stream_->Begin(answer_, zr::MakeBodyEncoder(coding))) {
     state_ = State::kOver;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/batch.h"
+#include "base/path.h"
 #include "handlers/command_handler.h"
 #include "handlers/compression.h"
 #include "handlers/standard_files.h"
@@ -91,6 +92,7 @@ ZrTransceiverClient::ZrTransceiverClient(ZrServerCallback reports, ZrOptionMap s
                                          ZrRequestApplication* asked,
                                          std::shared_ptr<ZrContentHandler> content)
     : startDirectory(settings.Get("_baseDirectoryHTTP")),
+      fileDirectory(zr::NormalizeDirectoryPath(startDirectory)),
       phpInterpreter(settings.Get("_phpbinname", "php-cgi.exe")),
       callback(Guarded(std::move(reports))),
       options(std::move(settings)),

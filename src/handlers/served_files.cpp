@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/batch.h"
+#include "http/file_answer.h"
 
 /// What one batch has found.
 struct ZrServedFiles::BatchFiles {
@@ -25,12 +26,20 @@ struct ZrServedFiles::BatchFiles {
 
 namespace {
 
-// The first request reads the file into its answer; whoever asks again shares one copy. A file that
-// turns out shorter or cannot be read is left to the way of the first.
-std::shared_ptr<const std::string> ReadWhole(const ZrFile& file) {
-  auto bytes = std::make_shared<std::string>(static_cast<std::size_t>(file.Size()), '\0');
-  if (file.ReadAt(0, *bytes) != bytes->size()) return nullptr;
-  return bytes;
+/// The bytes and notes of a file in one piece of memory.
+struct InMemory {
+  std::string bytes;
+  ZrServedFiles::Notes notes;
+};
+
+// Bytes that turn out fewer, or cannot be read, are left to who sends the file.
+template <class Read>
+void Keep(ZrServedFiles::Found& found, Read read) {
+  const auto kept = std::make_shared<InMemory>();
+  kept->bytes.resize(static_cast<std::size_t>(found.file->Size()));
+  if (read(*found.file, kept->bytes) != kept->bytes.size()) return;
+  found.bytes = {kept, &kept->bytes};
+  found.notes = {kept, &kept->notes};
 }
 
 }  // namespace
@@ -56,7 +65,7 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
   ZrBatch* const batch = ZrBatch::Current();
   if (batch == nullptr) {
     const Directory start = Current(directory);
-    return {start ? start->OpenFile(path) : nullptr, nullptr};
+    return {.file = start ? start->OpenFile(path) : nullptr};
   }
   auto& known = batch->Of<BatchFiles>(this);
   const Directory start = InBatch(known, directory);
@@ -67,7 +76,8 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
     entry.found.file = start->OpenFile(path);
   else if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
            known.Shares(*entry.found.file))
-    entry.found.bytes = ReadWhole(*entry.found.file);
+    // The first request reads the file into its answer; whoever asks again shares one copy.
+    Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAt(0, to); });
   return entry.found;
 }
 
@@ -90,10 +100,8 @@ bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& pa
   if (now.answer == ZrFileAtHand::Answer::kMustWait) return false;
   BatchFiles::Entry entry;
   entry.found.file = std::move(now.file);
-  if (const auto& file = entry.found.file; file && known.Shares(*file)) {
-    auto bytes = std::make_shared<std::string>(static_cast<std::size_t>(file->Size()), '\0');
-    if (file->ReadAtHand(0, *bytes) == bytes->size()) entry.found.bytes = std::move(bytes);
-  }
+  if (entry.found.file && known.Shares(*entry.found.file))
+    Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAtHand(0, to); });
   const bool atHand = !entry.found.file || entry.found.bytes;
   known.files.emplace(std::pair(start.get(), path), std::move(entry));
   return atHand;

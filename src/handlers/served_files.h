@@ -4,6 +4,7 @@
 // looked up once in a batch, also one that is not there. Nothing is kept beyond its batch but the
 // open directory, so a file that was replaced, cut or removed is seen by the next request.
 
+#include <array>
 #include <map>
 #include <memory>
 #include <string>
@@ -11,6 +12,9 @@
 
 #include "platform/file.h"
 #include "platform/sync.h"
+
+struct ZrFileHead;
+struct ZrSite;
 
 /// Threads: any. Outlives the batches in which it is asked.
 class ZrServedFiles {
@@ -20,10 +24,18 @@ class ZrServedFiles {
   /// ... as long as all those of a batch are not larger than that together.
   static constexpr std::uint64_t kSharedBytes = std::uint64_t{1} << 20;
 
+  /// What was made for one request and serves the others of the batch, of a file in memory. Theirs
+  /// alone who handle the batch, and of no use to another site than that.
+  struct Notes {
+    const ZrSite* site = nullptr;
+    bool compressible = false;
+    std::array<std::shared_ptr<const ZrFileHead>, 2> heads = {};  // the second one varies
+  };
   struct Found {
-    std::shared_ptr<const ZrFile> file;  ///< Empty: there is no such file or directory.
-    /// The whole of the file, where it was read already; else empty.
-    std::shared_ptr<const std::string> bytes;
+    std::shared_ptr<const ZrFile> file = nullptr;  ///< Empty: there is no such file or directory.
+    /// The whole of the file, where it was read already; else empty, as its notes are.
+    std::shared_ptr<const std::string> bytes = nullptr;
+    std::shared_ptr<Notes> notes = nullptr;
   };
   /// The file of that path beneath the directory, whose text is in the stored form; see
   /// ZrFile::OpenBeneath().

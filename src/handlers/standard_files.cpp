@@ -12,16 +12,12 @@
 #include "http/message_head.h"
 #include "http/preferences.h"
 #include "http/response_head.h"
-#include "platform/clock.h"
 #include "platform/file.h"
 
 namespace {
 
 constexpr std::int64_t kTicksPerSecond = 10'000'000;
 constexpr std::int64_t kNsPerSecond = 1'000'000'000;
-
-// Names and values of what is usually said of a file.
-constexpr std::size_t kUsualFieldBytes = 240;
 
 // Entries of a directory that are looked at for its listing: each costs a call to the system.
 constexpr std::size_t kMostLooked = 100'000;
@@ -45,6 +41,41 @@ ZrCodingOffer WantedForms(const ZrXHeader& request, std::string_view path) {
       path.ends_with(kGzipEnding))
     return {};
   return zr::WantedCodings(accepts);
+}
+
+/// The notes of a file in memory, good for that site; none of another file.
+ZrServedFiles::Notes* NotesFor(const ZrServedFiles::Found& found, std::string_view path,
+                               const ZrSite& site) {
+  if (found.notes && found.notes->site != &site) {
+    *found.notes = {
+        .site = &site, .compressible = zr::IsCompressible(site.types.TypeOf(path)), .heads = {}};
+  }
+  return found.notes.get();
+}
+
+bool IsWorthCompressing(const ZrServedFiles::Found& found, std::string_view path,
+                        const ZrSite& site) {
+  const std::uint64_t size = found.file->Size();
+  if (size < zr::kLeastCompressed || size > zr::kMostCompressed) return false;
+  const ZrServedFiles::Notes* const notes = NotesFor(found, path, site);
+  return notes != nullptr ? notes->compressible : zr::IsCompressible(site.types.TypeOf(path));
+}
+
+std::shared_ptr<const ZrFileHead> HeadOf(const zr::FileForm& form, std::string_view path,
+                                         const ZrSite& site, std::int64_t now) {
+  const ZrFile& file = *form.found.file;
+  ZrServedFiles::Notes* const notes =
+      form.coding == ZrCoding::kIdentity ? NotesFor(form.found, path, site) : nullptr;
+  if (notes != nullptr && notes->heads[form.varies ? 1 : 0])
+    return notes->heads[form.varies ? 1 : 0];
+  auto head = std::make_shared<const ZrFileHead>(
+      zr::MakeFileHead({.version = {file.Size(), file.ModifiedNs(), file.Device(), file.Node()},
+                        .contentType = site.types.TypeOf(path),
+                        .coding = zr::CodingName(form.coding),
+                        .varies = form.varies},
+                       now));
+  if (notes != nullptr) notes->heads[form.varies ? 1 : 0] = head;
+  return head;
 }
 
 bool AppendRange(const ZrServedFiles::Found& found, const ZrByteRange& range, ZrStringBuf& body) {
@@ -122,11 +153,10 @@ void zr::AnswerWithListing(
 
 zr::FileForm zr::ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
                                 const std::string& directory, const std::string& path,
-                                ZrServedFiles::Found found, const ZrContentTypes& types) {
-  const std::uint64_t size = found.file->Size();
-  const bool compressible =
-      size >= kLeastCompressed && size <= kMostCompressed && IsCompressible(types.TypeOf(path));
+                                ZrServedFiles::Found found, const ZrSite& site) {
+  const bool compressible = IsWorthCompressing(found, path, site);
   const ZrCodingOffer wanted = WantedForms(request, path);
+  if (!wanted.gzip && !wanted.brotli) return {.found = std::move(found), .varies = compressible};
   const auto beside = [&](bool isWanted, const char* ending) {
     ZrServedFiles::Found other;
     if (isWanted) other = files.Find(directory, path + ending);
@@ -158,18 +188,16 @@ void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std
                         FileForm form, const ZrSite& site) {
   ZrServedFiles::Found& found = form.found;
   const ZrFile& file = *found.file;
-  const ZrFileFacts facts{.version = {file.Size(), file.ModifiedNs(), file.Device(), file.Node()},
-                          .contentType = site.types.TypeOf(path),
-                          .coding = CodingName(form.coding),
-                          .varies = form.varies};
-  const std::int64_t now = ZrClock::System().SystemTicks() / kTicksPerSecond;
+  const std::int64_t now = request.created / kTicksPerSecond;
+  const std::shared_ptr<const ZrFileHead> head = HeadOf(form, path, site, now);
   const std::string boundary = request.headers.contains("range") ? MakeBoundary() : std::string();
-  ZrFileAnswer made = AnswerForFile(request.headers, facts, now, boundary);
+  ZrFileAnswer made = AnswerForFile(request.headers, *head, now, boundary);
   // The preconditions hold: without its ranges the request is one for the whole file.
-  if (made.several.length > kMostCombined) made = AnswerForFile({}, facts, now, boundary);
+  if (made.several.length > kMostCombined) made = AnswerForFile({}, *head, now, boundary);
   if (made.status == 412 || made.status == 416) AnswerWithPage(request, answer, made.status, site);
-  if (answer.headers.empty()) answer.headers.Reserve(kUsualFieldBytes, made.fields.size() + 1);
-  for (auto& [name, value] : made.fields) answer.SetField(name, value);
+  answer.readyFields = {head, &head->fields};
+  answer.readyBytes = made.fields;
+  for (auto& [name, value] : made.more) answer.SetField(name, value);
   answer.SetStatus(made.status);
   if (!site.cacheControl.empty() && made.status < 400)
     answer.SetField("Cache-Control", site.cacheControl);

@@ -31,7 +31,7 @@ struct FileForm {
 /// compressed. A request for a part gets the plain form.
 FileForm ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
                         const std::string& directory, const std::string& path,
-                        ZrServedFiles::Found found, const ZrContentTypes& types);
+                        ZrServedFiles::Found found, const ZrSite& site);
 /// Whether the files beside it that ChooseFileForm() may look at are at hand.
 bool IsFormAtHand(const ZrXHeader& request, ZrServedFiles& files, const std::string& directory,
                   const std::string& path);

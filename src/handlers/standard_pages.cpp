@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <utility>
@@ -208,16 +209,34 @@ std::string zr::DirectoryListing(std::string_view path, std::vector<ListingEntry
   return page.ToText();
 }
 
+namespace {
+
+std::string MakeHtmlPage(std::uint64_t status, std::string_view phrase) {
+  std::string title = "Error " + std::to_string(status);
+  if (!phrase.empty()) title.append(" - ").append(zr::EscapedMarkup(phrase));
+  return ZrHTML_ErrorMsg404(title, "<h1>" + title + "</h1>" + std::string(Sentence(status)), "/",
+                            "Startseite")
+      .ToText();
+}
+
+// The same for everybody: made once for each status, and never destroyed, as tasks of a host that
+// does not stop its servers may still read it at its exit.
+const std::string& HtmlPage(std::uint64_t status, std::string_view phrase) {
+  constexpr std::size_t kMostStatus = 1000;
+  static std::array<std::atomic<const std::string*>, kMostStatus> pages{};
+  auto& kept = pages[std::min<std::size_t>(status, kMostStatus - 1)];
+  const std::string* page = kept.load(std::memory_order_acquire);
+  if (page != nullptr) return *page;
+  auto made = std::make_unique<const std::string>(MakeHtmlPage(status, phrase));
+  return kept.compare_exchange_strong(page, made.get(), std::memory_order_acq_rel) ? *made.release()
+                                                                                   : *page;
+}
+
+}  // namespace
+
 zr::ErrorPage zr::MakeErrorPage(std::uint64_t status, std::string_view phrase, bool json) {
-  const std::string number = std::to_string(status);
-  if (json) {
-    // Phrases are words of the registry: nothing in them needs an escape.
-    std::string body = "{\"status\":" + number + ",\"title\":\"";
-    return {body.append(phrase).append("\"}"), "application/problem+json"};
-  }
-  std::string title = "Error " + number;
-  if (!phrase.empty()) title.append(" - ").append(EscapedMarkup(phrase));
-  ZrHTML_ErrorMsg404 page(title, "<h1>" + title + "</h1>" + std::string(Sentence(status)), "/",
-                          "Startseite");
-  return {page.ToText(), "text/html; charset=utf-8"};
+  if (!json) return {HtmlPage(status, phrase), "text/html; charset=utf-8"};
+  // Phrases are words of the registry: nothing in them needs an escape.
+  std::string body = "{\"status\":" + std::to_string(status) + ",\"title\":\"";
+  return {body.append(phrase).append("\"}"), "application/problem+json"};
 }

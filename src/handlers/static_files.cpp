@@ -4,7 +4,6 @@
 #include <string>
 #include <utility>
 
-#include "base/path.h"
 #include "base/string_buffer.h"
 #include "handlers/compression.h"
 #include "handlers/request_handler.h"
@@ -36,7 +35,11 @@ bool IsServed(const ZrXHeader& request, std::string_view path) {
 /// Whether the path may go on behind the name of a script; only standard semantics know that.
 bool HasExtraPath(const ZrTransceiverClient& client, const ZrXHeader& request,
                   std::string_view path) {
-  return request.semantics->IsStandard() && path.find(client.scriptExtension + "/") != path.npos;
+  if (!request.semantics->IsStandard()) return false;
+  const std::string_view extension = client.scriptExtension;
+  for (std::size_t at = path.find(extension); at != path.npos; at = path.find(extension, at + 1))
+    if (path.substr(at + extension.size()).starts_with('/')) return true;
+  return false;
 }
 
 /// What a stored page raises while it is made ends in the 404 answer. What is raised while it is
@@ -83,7 +86,7 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const std::shared_ptr<
   }
   const auto answer = request->MakeResponse();
   answer->SetStatus(200);
-  answer->SetFileBody(zr::NormalizeDirectoryPath(client.startDirectory) + path, found.file->Size());
+  answer->SetFileBody(client.fileDirectory + path, found.file->Size());
   answer->SetBodyFile(std::move(found.file));
   answer->fileBytes = std::move(found.bytes);
   client.SendAnswer(*request, answer);
@@ -92,28 +95,38 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const std::shared_ptr<
 
 void ZrStaticFiles::SendStandardFile(ZrTransceiverClient& client,
                                      const std::shared_ptr<ZrXHeader>& request,
-                                     const std::string& path, ZrServedFiles::Found found) {
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+                                     const std::string& path, ZrServedFiles::Found found,
+                                     std::string_view vary) {
+  const std::string& directory = client.fileDirectory;
+  const ZrSite& site = client.Site();
   zr::FileForm form{.found = std::move(found)};
   if (client.Compression() != nullptr)
-    form = zr::ChooseFileForm(*request, files_, directory, path, std::move(form.found),
-                              client.Site().types);
+    form = zr::ChooseFileForm(*request, files_, directory, path, std::move(form.found), site);
   const auto answer = request->MakeResponse();
-  zr::AnswerWithFile(*request, *answer, directory + path, form, client.Site());
+  if (!vary.empty()) answer->AddField("Vary", vary);
+  if (!form.compresses) {
+    zr::AnswerWithFile(*request, *answer, directory + path, std::move(form), site);
+    return client.SendAnswer(*request, answer);
+  }
+  // The notes are this batch's, the plain form may be sent later.
+  const zr::FileForm plain{.found = {.file = form.found.file, .bytes = form.found.bytes},
+                           .varies = true};
+  const ZrCoding coding = form.coding;
+  zr::AnswerWithFile(*request, *answer, directory + path, std::move(form), site);
   // Who has that version already is not made to wait for it.
-  if (!form.compresses || answer->status != 200) return client.SendAnswer(*request, answer);
-  const auto send = [&client, request, answer, name = directory + path,
-                     form](const ZrCompression::Bytes& made) {
+  if (answer->status != 200) return client.SendAnswer(*request, answer);
+  const auto send = [&client, request, answer, name = directory + path, plain,
+                     vary](const ZrCompression::Bytes& made) {
     if (made) {
       answer->SetBytesBody(made);
       return client.SendAnswer(*request, answer);
     }
-    const auto plain = request->MakeResponse();
-    zr::AnswerWithFile(*request, *plain, name, {.found = form.found, .varies = true},
-                       client.Site());
-    client.SendAnswer(*request, plain);
+    const auto uncoded = request->MakeResponse();
+    if (!vary.empty()) uncoded->AddField("Vary", vary);
+    zr::AnswerWithFile(*request, *uncoded, name, plain, client.Site());
+    client.SendAnswer(*request, uncoded);
   };
-  if (!client.Compression()->OfFile(form.found.file, form.coding, send)) send(nullptr);
+  if (!client.Compression()->OfFile(plain.found.file, coding, send)) send(nullptr);
 }
 
 // Programs and scripts do, by the names that they have; whether they are there is seen later.
@@ -129,15 +142,16 @@ bool ZrStaticFiles::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& requ
 // programs are waited for.
 bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) {
   if (client.startDirectory.empty()) return true;
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& directory = client.fileDirectory;
   const ZrSite& site = client.Site();
+  const auto formAtHand = [&](const std::string& path) {
+    return files_.IsAtHand(directory, path) &&
+           (client.Compression() == nullptr || zr::IsFormAtHand(request, files_, directory, path));
+  };
   // Of what is not there, the page that answers for it is asked as well.
   const auto atHand = [&](const std::string& path) {
-    return files_.IsAtHand(directory, path) &&
-           (client.Compression() == nullptr ||
-            zr::IsFormAtHand(request, files_, directory, path)) &&
-           (site.fallback.empty() || files_.Find(directory, path).file ||
-            files_.IsAtHand(directory, site.fallback));
+    return formAtHand(path) && (site.fallback.empty() || files_.Find(directory, path).file ||
+                                formAtHand(site.fallback));
   };
   if (request.path == "/") {
     return !site.browse && files_.IsAtHand(directory, "index.php") &&
@@ -154,7 +168,7 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
 
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
                                          const std::shared_ptr<ZrXHeader>& request) {
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& directory = client.fileDirectory;
   if (files_.Find(directory, "index.php").file)
     return scripts_ && scripts_->RunScript(client, request, "index.php", ZrScriptKind::kPhp);
   ZrServedFiles::Found index = files_.Find(directory, "index.html");
@@ -167,7 +181,7 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
     const std::string program = client.cgiDirectory + path.substr(client.cgiUrlPrefix.size());
     return scripts_ && scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
   }
-  ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), path);
+  ZrServedFiles::Found found = files_.Find(client.fileDirectory, path);
   if (!found.file) {
     return HasExtraPath(client, *request, path) && scripts_ &&
            scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
@@ -192,7 +206,7 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
     client.SendAnswer(*request, answer);
     return true;
   }
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& directory = client.fileDirectory;
   const std::string script = path + "index" + client.scriptExtension;
   if (files_.Find(directory, script).file)
     return scripts_ && scripts_->RunScript(client, request, script, ZrScriptKind::kPhp);
@@ -205,7 +219,7 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
 
 bool ZrStaticFiles::ListDirectory(ZrTransceiverClient& client, const ZrXHeader& request,
                                   const std::string& path) {
-  const std::string start = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& start = client.fileDirectory;
   const auto directory = files_.Find(start, path.empty() ? "." : path).file;
   if (!directory) return false;
   if (RefuseMethod(client, request)) return true;
@@ -218,18 +232,16 @@ bool ZrStaticFiles::ListDirectory(ZrTransceiverClient& client, const ZrXHeader& 
 
 // A path that a program in the browser knows, not the site: pages only, so that a script or a
 // picture that is missing is said to be missing.
-bool ZrStaticFiles::ServeFallback(ZrTransceiverClient& client, const ZrXHeader& request) {
+bool ZrStaticFiles::ServeFallback(ZrTransceiverClient& client,
+                                  const std::shared_ptr<ZrXHeader>& request) {
   const std::string& page = client.Site().fallback;
-  if (page.empty() || !zr::AsksForPage(request)) return false;
-  if (request.path != "/" && !IsServed(request, request.path.substr(request.path.empty() ? 0 : 1)))
+  if (page.empty() || !zr::AsksForPage(*request)) return false;
+  if (request->path != "/" &&
+      !IsServed(*request, request->path.substr(request->path.empty() ? 0 : 1)))
     return false;
-  ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), page);
+  ZrServedFiles::Found found = files_.Find(client.fileDirectory, page);
   if (!found.file || !found.file->IsRegular()) return false;
-  const auto answer = request.MakeResponse();
-  zr::AnswerWithFile(request, *answer, zr::NormalizeDirectoryPath(client.startDirectory) + page,
-                     {.found = std::move(found)}, client.Site());
-  answer->AddField("Vary", "Accept");
-  client.SendAnswer(request, answer);
+  SendStandardFile(client, request, page, std::move(found), "Accept");
   return true;
 }
 
@@ -237,7 +249,7 @@ void ZrStaticFiles::AnswerNotFound(ZrTransceiverClient& client,
                                    const std::shared_ptr<ZrXHeader>& request) {
   const auto answer = request->MakeResponse();
   if (request->semantics->IsStandard()) {
-    if (ServeFallback(client, *request)) return;
+    if (ServeFallback(client, request)) return;
     zr::AnswerWithPage(*request, *answer, 404, client.Site());
     return client.SendAnswer(*request, answer);
   }

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "handlers/content_handler.h"
 #include "handlers/served_files.h"
@@ -31,13 +32,15 @@ class ZrStaticFiles : public ZrContentHandler {
  private:
   bool SendFile(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                 const std::string& path, ZrServedFiles::Found found);
+  /// `vary`: a constant, what the answer depends on beside its form; may be empty.
   void SendStandardFile(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
-                        const std::string& path, ZrServedFiles::Found found);
+                        const std::string& path, ZrServedFiles::Found found,
+                        std::string_view vary = {});
   bool ServeDirectory(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                       const std::string& path);
   bool ListDirectory(ZrTransceiverClient& client, const ZrXHeader& request,
                      const std::string& path);
-  bool ServeFallback(ZrTransceiverClient& client, const ZrXHeader& request);
+  bool ServeFallback(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request);
   bool ServeDefaultDocument(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request);
   bool ServePath(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                  const std::string& path);

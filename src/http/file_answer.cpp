@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
-constexpr std::size_t kMostFields = 8;  // of one answer
+constexpr std::size_t kUsualFields = 224;  // what is usually said of a file, in bytes
 
 std::int64_t SecondsOf(std::int64_t nanoseconds) {
   // Downwards, also before 1970.
@@ -26,58 +26,70 @@ ZrByteRanges RangesOf(const ZrHeaderFields& request, const ZrValidators& current
 
 }  // namespace
 
-ZrFileAnswer zr::AnswerForFile(const ZrHeaderFields& request, const ZrFileFacts& file,
-                               std::int64_t now, std::string_view boundary) {
-  const std::uint64_t size = file.version.size;
+ZrFileHead zr::MakeFileHead(const ZrFileFacts& file, std::int64_t now) {
   // A file from the future was changed now, as far as anybody can tell.
   const std::int64_t modified = std::min(SecondsOf(file.version.modified), now);
-  const ZrValidators current{EntityTag(file.version, file.coding), modified};
+  ZrFileHead head{.current = {EntityTag(file.version, file.coding), modified},
+                  .size = file.version.size,
+                  .contentType = file.contentType,
+                  // Parts of a coding are of little use, and of another version than the client
+                  // thinks when that was made anew.
+                  .ranged = file.coding.empty(),
+                  .fields = {}};
+  std::string& out = head.fields;
+  out.reserve(kUsualFields);
+  out.append("ETag: ").append(head.current.entityTag);
+  out.append("\r\nLast-Modified: ").append(HttpDate(modified)).append("\r\n");
+  if (file.varies) out += "Vary: Accept-Encoding\r\n";
+  head.versionFields = out.size();
+  if (head.ranged)
+    out += "Accept-Ranges: bytes\r\n";
+  else
+    out.append("Content-Encoding: ").append(file.coding).append("\r\n");
+  head.untypedFields = out.size();
+  out.append("Content-Type: ").append(file.contentType).append("\r\n");
+  return head;
+}
+
+ZrFileAnswer zr::AnswerForFile(const ZrHeaderFields& request, const ZrFileHead& file,
+                               std::int64_t now, std::string_view boundary) {
   ZrFileAnswer answer;
-  answer.fields.reserve(kMostFields);
-  const auto add = [&answer](std::string_view name, std::string value) {
-    answer.fields.emplace_back(name, std::move(value));
-  };
-  switch (CheckPreconditions(request, true, current)) {
+  switch (CheckPreconditions(request, true, file.current)) {
     case ZrPrecondition::kFailed:
       answer.status = 412;
       return answer;
     case ZrPrecondition::kNotModified:
       answer.status = 304;
-      break;
+      answer.fields = file.versionFields;
+      return answer;
     case ZrPrecondition::kHolds:
       break;
   }
-  add("ETag", current.entityTag);
-  add("Last-Modified", HttpDate(modified));
-  if (file.varies) add("Vary", "Accept-Encoding");
-  if (answer.status == 304) return answer;
-  // Ranges are of the plain bytes: a part of a coding is of little use, and of another version than
-  // the client thinks when that was made anew.
-  if (file.coding.empty()) add("Accept-Ranges", "bytes");
   const ZrByteRanges ranges =
-      file.coding.empty() ? RangesOf(request, current, size, now) : ZrByteRanges{};
+      file.ranged ? RangesOf(request, file.current, file.size, now) : ZrByteRanges{};
+  answer.fields = file.fields.size();
   if (ranges.kind == ZrByteRanges::Kind::kUnsatisfiable) {
     answer.status = 416;
-    add("Content-Range", UnsatisfiedRange(size));
+    answer.fields = file.untypedFields;
+    answer.more.emplace_back("Content-Range", UnsatisfiedRange(file.size));
     return answer;
   }
-  if (!file.coding.empty()) add("Content-Encoding", std::string(file.coding));
   if (ranges.parts.size() > 1) {
     answer.status = 206;
-    answer.several = MakeMultipartRanges(ranges.parts, size, file.contentType, boundary);
+    answer.fields = file.untypedFields;
+    answer.several = MakeMultipartRanges(ranges.parts, file.size, file.contentType, boundary);
     answer.length = answer.several.length;
-    add("Content-Type", answer.several.contentType);
+    answer.more.emplace_back("Content-Type", answer.several.contentType);
     return answer;
   }
-  add("Content-Type", std::string(file.contentType));
   if (ranges.kind == ZrByteRanges::Kind::kParts) {
     answer.status = 206;
     answer.range = ranges.parts.front();
-    add("Content-Range", ContentRange(answer.range, size));
+    answer.more.emplace_back("Content-Range", ContentRange(answer.range, file.size));
     answer.length = answer.range.Length();
     return answer;
   }
-  if (size > 0) answer.range = {0, size - 1};
-  answer.length = size;
+  if (file.size > 0) answer.range = {0, file.size - 1};
+  answer.length = file.size;
   return answer;
 }

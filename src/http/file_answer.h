@@ -21,12 +21,27 @@ struct ZrFileFacts {
   bool varies = false;           ///< another request might get another coding
 };
 
+/// What answers say of a version of a file, in the form in which it is sent: made once for all
+/// requests that find it.
+struct ZrFileHead {
+  ZrValidators current;
+  std::uint64_t size = 0;
+  std::string_view contentType;
+  bool ranged = false;  ///< parts of it are given
+  /// Lines of a head, each with its end. In front those that also a 304 has, then all but the type.
+  std::string fields;
+  std::size_t versionFields = 0;
+  std::size_t untypedFields = 0;
+};
+
 /// What to send.
 struct ZrFileAnswer {
   /// 200, 206, 304, 412 or 416. The bodies of 412 and 416 are the caller's; 304 has none.
   std::uint64_t status = 200;
-  /// In the order in which they are sent; length and date are not among them.
-  std::vector<std::pair<std::string_view, std::string>> fields = {};
+  /// So many bytes from the front of the file's `fields`, and these behind them. Length and date
+  /// are not among them.
+  std::size_t fields = 0;
+  std::vector<std::pair<std::string_view, std::string>> more = {};
   /// 200: the whole file; 206: one range as it is, several in `several`.
   ZrByteRange range = {};
   zr::MultipartRanges several = {};
@@ -35,9 +50,13 @@ struct ZrFileAnswer {
 
 namespace zr {
 
-/// `now` is in seconds since 1970. `boundary` as for MakeMultipartRanges(); used for several ranges
-/// only. The request's method is GET or HEAD.
-ZrFileAnswer AnswerForFile(const ZrHeaderFields& request, const ZrFileFacts& file, std::int64_t now,
+/// `now` is in seconds since 1970: a time of the file that is still to come is told as now. The
+/// views of the facts stay the caller's.
+ZrFileHead MakeFileHead(const ZrFileFacts& file, std::int64_t now);
+
+/// `boundary` as for MakeMultipartRanges(); used for several ranges only. The request's method is
+/// GET or HEAD.
+ZrFileAnswer AnswerForFile(const ZrHeaderFields& request, const ZrFileHead& file, std::int64_t now,
                            std::string_view boundary);
 
 }  // namespace zr

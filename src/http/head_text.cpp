@@ -10,6 +10,12 @@ void zr::AppendText(ZrStringBuf& out, std::string_view text) {
   }
 }
 
+std::string zr::WithoutLineEnds(std::string_view text) {
+  std::string result(text);
+  std::erase_if(result, [](char c) { return c == '\r' || c == '\n'; });
+  return result;
+}
+
 void zr::AppendNumber(ZrStringBuf& out, std::uint64_t number) {
   char digits[20];
   const auto result = std::to_chars(digits, digits + sizeof digits, number);

@@ -57,13 +57,25 @@ void ZrHeaderFields::Reserve(std::size_t bytes, std::size_t lines) {
   store.lines.reserve(lines);
 }
 
+// The first line whose name is not before that one.
+std::size_t ZrHeaderFields::Store::LowerBound(std::string_view name) const {
+  const auto place = std::lower_bound(
+      lines.begin(), lines.end(), name,
+      [this](const Line& line, std::string_view wanted) { return Name(line) < wanted; });
+  return static_cast<std::size_t>(place - lines.begin());
+}
+
 ZrHeaderFields::const_iterator ZrHeaderFields::find(std::string_view name) const {
   if (!store_) return end();
-  const auto place = std::lower_bound(
-      store_->lines.begin(), store_->lines.end(), name,
-      [this](const Line& line, std::string_view wanted) { return store_->Name(line) < wanted; });
-  if (place == store_->lines.end() || store_->Name(*place) != name) return end();
-  return {store_.get(), static_cast<std::size_t>(place - store_->lines.begin())};
+  const std::size_t place = store_->LowerBound(name);
+  if (place == store_->lines.size() || store_->Name(store_->lines[place]) != name) return end();
+  return {store_.get(), place};
+}
+
+bool ZrHeaderFields::ContainsPrefix(std::string_view prefix) const {
+  if (!store_) return false;
+  const std::size_t place = store_->LowerBound(prefix);
+  return place != store_->lines.size() && store_->Name(store_->lines[place]).starts_with(prefix);
 }
 
 ZrHeaderFields::Values ZrHeaderFields::operator[](std::string_view name) const {

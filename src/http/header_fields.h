@@ -24,8 +24,9 @@ class ZrHeaderFields {
     std::string text;
     std::vector<Line> lines;  // by name, values of one name in arrival order
     std::string_view Name(const Line& line) const {
-      return std::string_view(text).substr(line.nameStart, line.nameSize);
+      return {text.data() + line.nameStart, line.nameSize};
     }
+    std::size_t LowerBound(std::string_view name) const;
   };
 
  public:
@@ -121,6 +122,8 @@ class ZrHeaderFields {
   /// The entry of the name, end() when there is none.
   const_iterator find(std::string_view name) const;
   bool contains(std::string_view name) const { return find(name) != end(); }
+  /// Whether there is a name that begins so.
+  bool ContainsPrefix(std::string_view prefix) const;
   /// The values of the name; an empty list when there are none.
   Values operator[](std::string_view name) const;
   /// The first value of the name, or the default when there is none.

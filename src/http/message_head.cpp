@@ -84,6 +84,18 @@ bool ZrXHeader::AddField(std::string_view name, std::string_view value) {
   return true;
 }
 
+void ZrXHeader::UnfoldReadyFields() {
+  const auto ready = std::exchange(readyFields, nullptr);
+  if (!ready) return;
+  std::string_view lines = std::string_view(*ready).substr(0, std::exchange(readyBytes, 0));
+  while (!lines.empty()) {
+    const std::size_t end = lines.find("\r\n");
+    const std::size_t colon = lines.find(": ");
+    SetField(lines.substr(0, colon), lines.substr(colon + 2, end - colon - 2));
+    lines.remove_prefix(end + 2);
+  }
+}
+
 void ZrXHeader::SetBodyText(std::string_view text) {
   if (!body) body = std::make_unique<ZrStringBuf>();
   body->Append(text);

@@ -151,6 +151,8 @@ class ZrXHeader : public ZrJob {
   /// write them; what says how the answer ends and who sent it is the server's own in any case.
   bool SetField(std::string_view name, std::string_view value);
   bool AddField(std::string_view name, std::string_view value);
+  /// Makes ready lines fields like others, which can be replaced.
+  void UnfoldReadyFields();
 
   /// Adds a form field at the end of `blocks` and enters it into `byPosition`.
   ZrHTTPMessageBlock& AddBlock();
@@ -205,6 +207,9 @@ class ZrXHeader : public ZrJob {
   bool streamed = false;     // standard: the body comes behind the head, in pieces
   bool lengthKnown = false;  // ... which have `contentLength` bytes together
   std::shared_ptr<const ZrHeaderFields> addedFields;  // standard: the site's; may be none
+  // standard: lines of the head that are ready, of a file, of which so many bytes count
+  std::shared_ptr<const std::string> readyFields;
+  std::size_t readyBytes = 0;
   bool answered = false;  // an answer to one of our own requests was accepted
 
   // Form fields; the indexes point into the blocks.

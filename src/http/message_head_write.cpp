@@ -28,7 +28,6 @@ std::string_view MethodText(const ZrXHeader& request) {
 
 // More than the usual head, so that it is written into one piece of memory.
 constexpr std::size_t kUsualHeadBytes = 160;
-constexpr std::size_t kUsualStandardHeadBytes = 448;
 
 }  // namespace
 
@@ -36,7 +35,7 @@ bool ZrXHeader::WriteHead(ZrStringBuf& out) {
   ZrLock hold(headLock);
   if (State() != zr::kHeadStateComplete || messageType == ZrMessageType::kNone) return false;
   const std::uint64_t before = out.Size();
-  out.Reserve(before + (semantics->IsStandard() ? kUsualStandardHeadBytes : kUsualHeadBytes));
+  if (!semantics->IsStandard()) out.Reserve(before + kUsualHeadBytes);
   if (messageType == ZrMessageType::kAnswer)
     semantics->WriteAnswerHead(*this, out);
   else

@@ -24,6 +24,7 @@ struct ZrMessageReading {
   std::uint64_t elsewhere = 0;         // bytes of the body that `body` does not hold
 
   // Standard semantics only: what has arrived behind the head, and how lines end.
+  bool framed = false;  // a field says something of the message's end or of the connection
   bool expectsContinue = false;
   std::unique_ptr<ZrStringBuf> input;
   std::optional<ZrChunkedDecoder> chunks;

@@ -67,6 +67,7 @@ std::string zr::EntityTag(const ZrFileVersion& version, std::string_view coding)
 
 ZrPrecondition zr::CheckPreconditions(const ZrHeaderFields& request, bool reads,
                                       const ZrValidators& current) {
+  if (!request.ContainsPrefix("if-")) return ZrPrecondition::kHolds;
   const auto modifiedAfter = [&](std::int64_t date) {
     return current.lastModified && *current.lastModified > date;
   };

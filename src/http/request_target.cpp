@@ -1,6 +1,7 @@
 #include "http/request_target.h"
 
 #include <algorithm>
+#include <array>
 
 #include "http/field_list.h"
 
@@ -14,7 +15,15 @@ constexpr int HexDigit(char c) {
 }
 
 constexpr bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-constexpr bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+// Those of a registered name (RFC 3986, 3.2.2).
+constexpr std::array<bool, 256> kNameBytes = [] {
+  std::array<bool, 256> table{};
+  for (const char c : std::string_view("0123456789-._~!$&'()*+,;=%"
+                                       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"))
+    table[static_cast<unsigned char>(c)] = true;
+  return table;
+}();
 
 // Bytes beyond ASCII should be encoded, and are not by every tool.
 bool IsTargetByte(char c) {
@@ -23,6 +32,10 @@ bool IsTargetByte(char c) {
 }
 
 bool DecodePath(std::string_view text, std::string& path) {
+  if (text.find('%') == std::string_view::npos) {
+    path = text;
+    return true;
+  }
   path.reserve(text.size());
   for (std::size_t at = 0; at < text.size(); ++at) {
     if (text[at] != '%') {
@@ -100,10 +113,7 @@ bool zr::IsAuthority(std::string_view text) {
       return false;
     ++end;
   } else {
-    constexpr std::string_view kOthers = "-._~!$&'()*+,;=%";
-    while (end < text.size() && (IsLetter(text[end]) || IsDigit(text[end]) ||
-                                 kOthers.find(text[end]) != std::string_view::npos))
-      ++end;
+    while (end < text.size() && kNameBytes[static_cast<unsigned char>(text[end])]) ++end;
   }
   const std::string_view rest = text.substr(end);
   return rest.empty() ||

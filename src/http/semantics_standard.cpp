@@ -1,7 +1,7 @@
 #include "http/semantics_standard.h"
 
 #include <algorithm>
-#include <span>
+#include <charconv>
 #include <string>
 #include <utility>
 
@@ -108,27 +108,72 @@ ZrReadStep BeginBody(ZrXHeader& message) {
 
 bool HasNoBody(std::uint64_t status) { return status < 200 || status == 204 || status == 304; }
 
-void AppendField(ZrStringBuf& out, std::string_view name, std::string_view value) {
-  const std::span<char> written = out.Prepare(name.size());
-  bool begins = true;
-  for (std::size_t i = 0; i < name.size(); ++i) {
-    const char c = name[i];
-    written[i] = begins && c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
-    begins = c == '-';
+/// Writes a head into space that was made for all of it.
+class HeadText {
+ public:
+  HeadText(ZrStringBuf& out, std::size_t most)
+      : out_(out), start_(out.Prepare(most).data()), end_(start_) {}
+  HeadText(const HeadText&) = delete;
+  HeadText& operator=(const HeadText&) = delete;
+  ~HeadText() { out_.Commit(static_cast<std::size_t>(end_ - start_)); }
+
+  void Add(std::string_view text) { end_ = std::copy(text.begin(), text.end(), end_); }
+  void AddNumber(std::uint64_t number) { end_ = std::to_chars(end_, end_ + 20, number).ptr; }
+  void AddField(std::string_view name, std::string_view value) {
+    bool begins = true;
+    for (const char c : name) {
+      *end_++ = begins && c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
+      begins = c == '-';
+    }
+    Add(": ");
+    Add(value);
+    Add("\r\n");
   }
-  out.Commit(name.size());
-  out.Append(": ");
-  out.Append(value);
-  out.Append("\r\n");
+
+ private:
+  ZrStringBuf& out_;
+  char* const start_;
+  char* end_;
+};
+
+// More than the lines that are the server's own.
+constexpr std::size_t kOwnLines = 384;
+// Of a field beside its name and value.
+constexpr std::size_t kFieldFrame = 4;
+
+std::size_t BytesOf(const ZrHeaderFields& fields) {
+  std::size_t bytes = 0;
+  for (const auto& [name, values] : fields)
+    for (const std::string_view value : values) bytes += name.size() + value.size() + kFieldFrame;
+  return bytes;
 }
 
 // The site's fields. What an answer says of itself is not said twice, but for lists.
-void AppendAdded(const ZrXHeader& answer, ZrStringBuf& out) {
+void AddSitesFields(const ZrXHeader& answer, HeadText& head) {
   for (const auto& [name, values] : *answer.addedFields) {
     const bool list = name == "vary" || name == "link" || name == "set-cookie";
     if (!list && answer.headers.contains(name)) continue;
-    for (const std::string_view value : values) AppendField(out, name, value);
+    for (const std::string_view value : values) head.AddField(name, value);
   }
+}
+
+// What the answer says of its body.
+void AddBodyFields(const ZrXHeader& answer, bool endless, HeadText& head) {
+  if (!endless) {
+    head.Add("\r\nContent-Length: ");
+    head.AddNumber(answer.contentLength);
+  } else if (!answer.oldVersion && answer.method != ZrMethod::kHead) {
+    // Of a HEAD request nobody knows how long its page would be, or whether it would come in chunks
+    // at all: what only the making of a page tells may be left out (RFC 9110, 9.3.2).
+    head.Add("\r\nTransfer-Encoding: chunked");
+  }
+  const bool typed = answer.readyFields && answer.readyBytes == answer.readyFields->size();
+  if ((answer.contentLength != 0 || endless) && !typed &&
+      !answer.headers.contains("content-type")) {
+    head.Add(answer.filePath.empty() ? "\r\nContent-Type: text/html; charset=utf-8"
+                                     : "\r\nContent-Type: application/octet-stream");
+  }
+  head.Add("\r\nX-Content-Type-Options: nosniff");
 }
 
 }  // namespace
@@ -163,49 +208,43 @@ bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
 }
 
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
-  if (StatusPhrase(answer.status).empty() || answer.status < 200) answer.status = kInternalError;
+  std::string_view phrase = StatusPhrase(answer.status);
+  if (phrase.empty() || answer.status < 200) {
+    answer.status = kInternalError;
+    phrase = StatusPhrase(kInternalError);
+  }
   if (answer.filePath.empty() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
   // A client of the old version finds the end of a streamed body at the end of the connection.
   const bool endless = answer.streamed && !answer.lengthKnown && !HasNoBody(answer.status);
   if (endless && answer.oldVersion) answer.closeRequested = true;
 
-  out.Append("HTTP/1.1 ");
-  zr::AppendNumber(out, answer.status);
-  out.Append(' ');
-  out.Append(StatusPhrase(answer.status));
-  out.Append("\r\nDate: ");
-  out.Append(zr::HttpDateNow());
-  out.Append("\r\nServer: ");
-  out.Append(zr::kServerProduct);
+  HeadText head(out, kOwnLines + answer.readyBytes + answer.location.size() +
+                         BytesOf(answer.headers) +
+                         (answer.addedFields ? BytesOf(*answer.addedFields) : 0));
+  head.Add("HTTP/1.1 ");
+  head.AddNumber(answer.status);
+  head.Add(" ");
+  head.Add(phrase);
+  head.Add("\r\nDate: ");
+  head.Add(zr::HttpDateNow());
+  head.Add("\r\nServer: ");
+  head.Add(zr::kServerProduct);
   if (answer.closeRequested)
-    out.Append("\r\nConnection: close");
+    head.Add("\r\nConnection: close");
   else if (answer.keepsOld)
-    out.Append("\r\nConnection: keep-alive");
-  if (!HasNoBody(answer.status)) {
-    if (!endless) {
-      out.Append("\r\nContent-Length: ");
-      zr::AppendNumber(out, answer.contentLength);
-    } else if (!answer.oldVersion) {
-      out.Append("\r\nTransfer-Encoding: chunked");
-    }
-    if ((answer.contentLength != 0 || endless) && !answer.headers.contains("content-type")) {
-      out.Append(answer.filePath.empty() ? "\r\nContent-Type: text/html; charset=utf-8"
-                                         : "\r\nContent-Type: application/octet-stream");
-    }
-    out.Append("\r\nX-Content-Type-Options: nosniff");
-  }
-  out.Append("\r\n");
-  if (!answer.location.empty() && !answer.headers.contains("location")) {
-    out.Append("Location: ");
-    zr::AppendText(out, answer.location);
-    out.Append("\r\n");
-  }
+    head.Add("\r\nConnection: keep-alive");
+  if (!HasNoBody(answer.status)) AddBodyFields(answer, endless, head);
+  head.Add("\r\n");
+  if (answer.readyFields)
+    head.Add(std::string_view(*answer.readyFields).substr(0, answer.readyBytes));
+  if (!answer.location.empty() && !answer.headers.contains("location"))
+    head.AddField("Location", zr::WithoutLineEnds(answer.location));
   for (const auto& [name, values] : answer.headers) {
     if (!zr::IsToken(name) || zr::IsServersOwnField(name)) continue;
     for (const std::string_view value : values)
-      if (zr::IsFieldValue(value)) AppendField(out, name, value);
+      if (zr::IsFieldValue(value)) head.AddField(name, value);
   }
-  if (answer.addedFields) AppendAdded(answer, out);
-  out.Append("\r\n");
+  if (answer.addedFields) AddSitesFields(answer, head);
+  head.Add("\r\n");
 }

@@ -62,6 +62,7 @@ std::uint64_t ReadTarget(ZrXHeader& message, std::string_view text) {
   message.path = std::move(target->path);
   message.query = target->query;
   message.authority = target->authority;
+  if (message.query.empty()) return kFine;
   zr::AppendUrlEncoded(message, message.query, true);
   for (const auto& block : message.blocks) {
     if (block->Name().empty()) continue;
@@ -90,13 +91,31 @@ std::uint64_t ReadRequestLine(ZrXHeader& message, std::string_view line) {
   return ReadTarget(message, target);
 }
 
+// The fields that say where the message ends and what becomes of the connection; few have one.
+bool IsFramingField(std::string_view name) {
+  switch (name.size()) {
+    case 6:
+      return name == "expect";
+    case 10:
+      return name == "connection";
+    case 14:
+      return name == "content-length";
+    case 17:
+      return name == "transfer-encoding";
+    default:
+      return false;
+  }
+}
+
 bool ReadField(ZrXHeader& message, std::string_view line) {
   const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos || !zr::IsToken(line.substr(0, colon))) return false;
+  if (colon == std::string_view::npos || colon == 0) return false;
   std::string& name = message.reading.scratch;
-  name = line.substr(0, colon);
-  for (char& c : name) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+  name.resize(colon);
+  for (std::size_t at = 0; at < colon; ++at)
+    if ((name[at] = zr::LowerTokenByte(line[at])) == '\0') return false;
   message.headers.Append(name, zr::TrimBlanks(line.substr(colon + 1)));
+  message.reading.framed = message.reading.framed || IsFramingField(name);
   return true;
 }
 
@@ -149,6 +168,8 @@ std::uint64_t FinishHead(ZrXHeader& message) {
       (!hosts.empty() && !zr::IsAuthority(hosts.front())))
     return kBadRequest;
   if (message.authority.empty() && !hosts.empty()) message.authority = hosts.front();
+  message.closeRequested = message.oldVersion;
+  if (!message.reading.framed) return kFine;
   if (const std::uint64_t refusal = ReadFraming(message); refusal != kFine) return refusal;
 
   const ZrHeaderFields::Values connection = message.headers["connection"];

@@ -14,6 +14,14 @@ using Fields = std::vector<std::pair<const char*, std::string>>;
 constexpr std::int64_t kModified = 784111777;
 constexpr const char* kDate = "Sun, 06 Nov 1994 08:49:37 GMT";
 
+/// The fields of an answer, a line each.
+std::string Lines(const ZrFileHead& file, const ZrFileAnswer& answer) {
+  std::string lines = file.fields.substr(0, answer.fields);
+  std::erase(lines, '\r');
+  for (const auto& [name, value] : answer.more) lines += std::string(name) + ": " + value + "\n";
+  return lines;
+}
+
 TEST(FileAnswer, PreconditionsComeBeforeRanges) {
   const ZrFileFacts file{.version = {.size = 100, .modified = kModified * 1'000'000'000 + 999},
                          .contentType = "text/x"};
@@ -41,16 +49,19 @@ TEST(FileAnswer, PreconditionsComeBeforeRanges) {
     SCOPED_TRACE(c.name);
     ZrHeaderFields request;
     for (const auto& [name, value] : c.request) request.Append(name, value);
-    const ZrFileAnswer answer = zr::AnswerForFile(request, file, kModified + 60, "mark");
+    const ZrFileHead head = zr::MakeFileHead(file, kModified + 60);
+    const ZrFileAnswer answer = zr::AnswerForFile(request, head, kModified + 60, "mark");
     EXPECT_EQ(answer.status, c.status);
     EXPECT_EQ(answer.length, c.length);
     std::string names;
     std::map<std::string_view, std::string> values = {
         {"ETag", tag}, {"Last-Modified", kDate}, {"Content-Type", "text/x"}};
     const auto expected = values;
-    for (const auto& [name, value] : answer.fields) {
-      names += std::string(name) + " ";
-      values[name] = value;
+    const std::string lines = Lines(head, answer);
+    for (std::string_view rest = lines; !rest.empty(); rest.remove_prefix(rest.find('\n') + 1)) {
+      const std::string_view line = rest.substr(0, rest.find('\n'));
+      names += std::string(line.substr(0, line.find(':'))) + " ";
+      values[line.substr(0, line.find(':'))] = line.substr(line.find(':') + 2);
     }
     const std::string range = values["Content-Range"];
     for (const auto& [name, value] : expected) EXPECT_EQ(values[name], value);
@@ -66,13 +77,13 @@ TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
                          .varies = true};
   ZrHeaderFields request;
   request.Append("range", "bytes=0-1,-2");
-  const ZrFileAnswer answer = zr::AnswerForFile(request, file, kModified, "mark");
-  std::string fields;
-  for (const auto& [name, value] : answer.fields) fields += std::string(name) + ": " + value + "\n";
+  const ZrFileHead head = zr::MakeFileHead(file, kModified);
+  const ZrFileAnswer answer = zr::AnswerForFile(request, head, kModified, "mark");
   // A time that is still to come is told as now.
-  EXPECT_EQ(fields, "ETag: " + zr::EntityTag(file.version) + "\nLast-Modified: " + kDate +
-                        "\nVary: Accept-Encoding\nAccept-Ranges: bytes\n"
-                        "Content-Type: multipart/byteranges; boundary=mark\n");
+  EXPECT_EQ(Lines(head, answer), "ETag: " + zr::EntityTag(file.version) +
+                                     "\nLast-Modified: " + kDate +
+                                     "\nVary: Accept-Encoding\nAccept-Ranges: bytes\n"
+                                     "Content-Type: multipart/byteranges; boundary=mark\n");
   EXPECT_EQ(answer.status, 206U);
   EXPECT_EQ(answer.several.parts.size(), 2U);
   EXPECT_EQ(answer.length, answer.several.length);
@@ -80,14 +91,18 @@ TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
   // Parts are of the plain form only.
   ZrFileFacts coded = file;
   coded.coding = "br";
-  const ZrFileAnswer whole = zr::AnswerForFile(request, coded, kModified, "mark");
+  const ZrFileHead codedHead = zr::MakeFileHead(coded, kModified);
+  const ZrFileAnswer whole = zr::AnswerForFile(request, codedHead, kModified, "mark");
   EXPECT_EQ(whole.status, 200U);
   EXPECT_EQ(whole.length, 10U);
-  EXPECT_EQ(whole.fields[0].second, zr::EntityTag(file.version, "br"));
-  EXPECT_EQ(whole.fields[3].second, "br");
+  EXPECT_EQ(Lines(codedHead, whole), "ETag: " + zr::EntityTag(file.version, "br") +
+                                         "\nLast-Modified: " + kDate +
+                                         "\nVary: Accept-Encoding\nContent-Encoding: br\n"
+                                         "Content-Type: text/x\n");
 
   const ZrFileFacts empty{.version = {}, .contentType = "text/x"};
-  const ZrFileAnswer nothing = zr::AnswerForFile({}, empty, kModified, "mark");
+  const ZrFileAnswer nothing =
+      zr::AnswerForFile({}, zr::MakeFileHead(empty, kModified), kModified, "mark");
   EXPECT_EQ(nothing.status, 200U);
   EXPECT_EQ(nothing.length, 0U);
 }
