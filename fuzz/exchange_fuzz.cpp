@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "fuzz/check.h"
+#include "http/field_list.h"
 #include "http/protocol_kind.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/server_bed.h"
@@ -84,9 +85,11 @@ std::size_t CountAnswers(std::string_view bytes) {
   return count;
 }
 
+/// How often the word stands there, in letters of any case: so methods are read.
 std::size_t CountOf(std::string_view text, std::string_view word) {
   std::size_t count = 0;
-  for (std::size_t at = 0; (at = text.find(word, at)) != std::string_view::npos; ++at) ++count;
+  for (; text.size() >= word.size(); text.remove_prefix(1))
+    if (zr::LowerCase(text.substr(0, word.size())) == word) ++count;
   return count;
 }
 
@@ -100,13 +103,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
   std::size_t handled = 0;
   const std::string whole = server.Exchange(bytes, 0, reset, handled);
-  ZR_FUZZ_CHECK(handled <= CountOf(bytes, "GET") + CountOf(bytes, "POST"));
+  ZR_FUZZ_CHECK(handled <= CountOf(bytes, "get") + CountOf(bytes, "post"));
   if (!reset) ZR_FUZZ_CHECK(CountAnswers(whole) == handled);
   std::size_t handledInPieces = 0;
   const std::string pieces = server.Exchange(bytes, cut, reset, handledInPieces);
   if (reset) return 0;
   ZR_FUZZ_CHECK(CountAnswers(pieces) == handledInPieces);
   // Where the body of a POST ends may depend on what has arrived with its head: so it is written.
-  if (bytes.find("POST") == std::string_view::npos) ZR_FUZZ_CHECK(pieces == whole);
+  if (CountOf(bytes, "post") == 0) ZR_FUZZ_CHECK(pieces == whole);
   return 0;
 }
