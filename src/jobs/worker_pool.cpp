@@ -49,7 +49,9 @@ void ZrWorkerPool::Loop(Workers::iterator self) {
     body = nullptr;
     const ZrLock hold(lock_);
     if (stopping_) return;
-    if (idle_.size() == kKeptThreads) {
+    // Its low priority stays with a thread: the next body, and the programs that it starts, must
+    // not have it.
+    if (idle_.size() == kKeptThreads || zr::YieldsToOthers()) {
       left_.push_back(std::move(self->thread));
       workers_.erase(self);
       return;

@@ -37,6 +37,8 @@ namespace zr {
 /// Has this thread run when others do not want the processor, for good. Where the system does not
 /// do that, nothing changes.
 void YieldToOthers() noexcept;
+/// Whether this thread was told to: no use for other work any more, nor what it starts.
+bool YieldsToOthers() noexcept;
 
 /// Whether this process was forked from one in which the library had started threads. They are not
 /// here, and what they held at that moment, locks above all, stays held for ever: what ends

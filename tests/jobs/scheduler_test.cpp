@@ -1,6 +1,8 @@
 #include "jobs/scheduler.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <stdexcept>
@@ -273,6 +275,20 @@ TEST(Scheduler, ATaskWithoutAThreadIsDoneAndTheNextOneRuns) {
       EXPECT_TRUE(scheduler.FetchResult(next));
       EXPECT_EQ(zrtest::CapturedErrors().starts_with("task \"" + description.name + "\": "), fails);
     }
+  }
+}
+
+TEST(Scheduler, ALowPriorityEndsWithItsTask) {
+  ZrRinvalScheduler2 scheduler;
+  for (int run = 0; run < 3; ++run) {
+    int nice = -1;
+    const auto yield = [&nice](Record* record) {
+      nice = getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
+      zr::YieldToOthers();
+      return record;
+    };
+    scheduler.WaitDone(scheduler.Submit(yield, nullptr, Once()));
+    EXPECT_EQ(nice, getpriority(PRIO_PROCESS, 0));
   }
 }
 

@@ -18,6 +18,8 @@ std::atomic<pid_t> processOfThreads{0};
 
 std::atomic<int> startsUntilFailure{0};
 
+thread_local bool yields = false;
+
 // Signals that a faulting instruction raises stay open: blocked, they would kill without a trace.
 // SIGPROF stays open for profilers.
 sigset_t AsynchronousSignals() {
@@ -87,7 +89,10 @@ void ZrThread::Join() noexcept {
 void zr::YieldToOthers() noexcept {
   constexpr int kNice = 10;
   setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kNice);
+  yields = true;
 }
+
+bool zr::YieldsToOthers() noexcept { return yields; }
 
 bool zr::IsForkOfThreads() noexcept {
   const pid_t process = processOfThreads;
