@@ -43,7 +43,8 @@ class ZrHandlerPool {
   ZrHandlerPool& operator=(const ZrHandlerPool&) = delete;
   ~ZrHandlerPool() { Close(); }
 
-  /// Takes the task, which is open until Done(). No: the pool ends, or the system has no thread.
+  /// Takes the task, which keeps the pool and is open until Done(). It runs when the caller's
+  /// batch, if there is one, has ended. No: the pool ends, or the system has no thread.
   [[nodiscard]] bool Submit(const Task& task) ZR_EXCLUDES(lock_);
   void Done(ZrHandlerTask& task) ZR_EXCLUDES(lock_);
   /// Takes nothing more, gives up what is open, and waits for all runs. Not called from one.
@@ -56,6 +57,10 @@ class ZrHandlerPool {
  private:
   using Clock = std::chrono::steady_clock;
 
+  struct Wakeup;
+
+  bool Enter(const Task& task) ZR_EXCLUDES(lock_);
+  void Wake() ZR_EXCLUDES(lock_);
   void Loop() ZR_EXCLUDES(lock_);
   Task Next() ZR_EXCLUDES(lock_);
   bool HaveThread() ZR_REQUIRES(lock_);
