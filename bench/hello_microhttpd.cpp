@@ -27,12 +27,12 @@ MHD_Result Answer(void*, MHD_Connection* connection, const char* path, const cha
 }  // namespace
 
 int main() {
-  MHD_Daemon* const server = MHD_start_daemon(
-      MHD_USE_EPOLL_INTERNAL_THREAD, 0, nullptr, nullptr, &Answer, nullptr,
-      MHD_OPTION_THREAD_POOL_SIZE, std::thread::hardware_concurrency(), MHD_OPTION_END);
+  MHD_Daemon* const server = MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD, 0, nullptr, nullptr,
+                                              &Answer, nullptr, MHD_OPTION_THREAD_POOL_SIZE,
+                                              std::thread::hardware_concurrency(), MHD_OPTION_END);
   if (server == nullptr) return 1;
-  std::cout << "http://127.0.0.1:"
-            << MHD_get_daemon_info(server, MHD_DAEMON_INFO_BIND_PORT)->port << std::endl;
+  std::cout << "http://127.0.0.1:" << MHD_get_daemon_info(server, MHD_DAEMON_INFO_BIND_PORT)->port
+            << std::endl;
   std::cin.get();
   MHD_stop_daemon(server);
 }

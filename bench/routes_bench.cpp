@@ -1,4 +1,5 @@
-// How long it takes to find the route of a request, in a table of one route and in one of thousands.
+// How long it takes to find the route of a request, in a table of one route and in one of
+// thousands.
 
 #include <benchmark/benchmark.h>
 
