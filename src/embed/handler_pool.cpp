@@ -16,6 +16,11 @@ thread_local const ZrHandlerPool* pool = nullptr;
 ZrHandlerPool::ZrHandlerPool(std::size_t mostThreads, std::chrono::nanoseconds limit)
     : mostThreads_(mostThreads), limit_(limit) {}
 
+ZrHandlerPool::Caller::Caller(const ZrHandlerPool& of) noexcept
+    : outer_(std::exchange(pool, &of)) {}
+
+ZrHandlerPool::Caller::~Caller() { pool = outer_; }
+
 bool ZrHandlerPool::IsCaller() const noexcept { return pool == this; }
 
 /// The wake-ups of a batch, at its end: a thread that was woken by its first task would only

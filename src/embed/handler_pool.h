@@ -51,8 +51,20 @@ class ZrHandlerPool {
   void Close() ZR_EXCLUDES(lock_);
   /// Whether Close() has begun.
   bool IsClosing() ZR_EXCLUDES(lock_);
-  /// Whether the calling thread is one of this pool's.
+  /// Whether the calling thread is one of this pool's, or stands in a Caller of it.
   bool IsCaller() const noexcept;
+  /// Code of the program that a thread of the server runs: like a handler it is waited for at the
+  /// end, and must not wait for that.
+  class Caller {
+   public:
+    explicit Caller(const ZrHandlerPool& of) noexcept;
+    ~Caller();
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+
+   private:
+    const ZrHandlerPool* const outer_;
+  };
 
  private:
   using Clock = std::chrono::steady_clock;
