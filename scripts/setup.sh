@@ -7,8 +7,9 @@ test_packages=(adminer apache2-utils binutils curl haproxy iso-codes libgtest-de
                libxml2-utils nginx-light nodejs openssl php-cgi php-sqlite3 pkg-config procps python3 shared-mime-info
                wget xkb-data)
 browser_packages=(chromium chromium-driver esbuild fonts-font-awesome node-react node-react-dom openssl python3-selenium)
-check_packages=(clang clang-format clang-tidy git)
+check_packages=(abigail-tools clang clang-format clang-tidy git)
 bench_packages=(iso-codes libbenchmark-dev libpugixml-dev libtinyxml2-dev libxml2-dev shared-mime-info xkb-data)
+answer_packages=(libcpp-httplib-dev libmicrohttpd-dev python3 wrk)
 docs_packages=(doxygen python3)
 count_packages=(gcc python3 strace valgrind)
 peer_packages=(civetweb gcc h2o libcpp-httplib-dev libmicrohttpd-dev lighttpd lighttpd-mod-openssl nginx-light

@@ -73,8 +73,8 @@ struct ServerOptions {
   /// The PEM files of https: the certificate, with intermediate ones behind it, and its key.
   std::string certificate = {};
   std::string privateKey = {};
-  /// Runs the .php files of the directory; a name is looked up on PATH. Programs of its folder
-  /// cgi-bin/ run as well.
+  /// Runs the .php files of the directory; a name is looked up on PATH. One other than the default
+  /// must be there. Programs of the directory's folder cgi-bin/ run as well.
   std::string php = "php-cgi";
   Semantics semantics = Semantics::kStandard;
   /// Shows the first address in the user's browser once the server listens.
@@ -358,7 +358,8 @@ class Server {
   Server& Before(std::string_view path, Guard guard);
   /// Called when an answer of a handler is complete, right before it is sent.
   Server& After(Witness witness);
-  /// Called on a thread of the server, which it must not hold up. What it throws is dropped.
+  /// Called on a thread of the server, which it must not hold up. What it throws is a line on
+  /// standard error.
   Server& OnEvent(std::function<void(const Event&)> observer);
 
   /// Returns the first URL once the server listens everywhere. Throws ServerError when it cannot.
@@ -366,7 +367,8 @@ class Server {
   std::string Start();
   /// Takes no further connection, lets requests in progress end for that long, answers the rest
   /// with 503, and waits for handlers that still run: they see Request::Gone(). Called again it
-  /// does nothing. Throws std::logic_error when a handler calls it.
+  /// does nothing. Throws std::logic_error when a handler or another function that the server calls
+  /// does.
   void Stop(std::chrono::milliseconds grace = std::chrono::seconds(5));
   /// Of the first address, the second one of all; 0 and empty while the server does not listen.
   int Port() const;

@@ -90,7 +90,10 @@ bool velkoro::Exchange::Gone() const {
 }
 
 void velkoro::Exchange::OnGone(std::function<void()> action) {
-  const auto kept = std::make_shared<Action>(std::move(action));
+  const auto kept = std::make_shared<Action>([handlers = handlers_, code = std::move(action)] {
+    const ZrHandlerPool::Caller caller(handlers->pool);
+    code();
+  });
   {
     ZrLock hold(goneLock_);
     onGone_ = kept;
@@ -366,5 +369,6 @@ void velkoro::Exchange::AnswerForMethod(ZrTransceiverClient& client, const ZrXHe
 void velkoro::Exchange::LogFailure(const char* what) {
   if (!handlers_->failed) return;
   std::string line = match_.route != nullptr ? match_.route->pattern : "a command";
-  handlers_->failed(line.append(": ").append(what));
+  // A program's exception may have no text.
+  handlers_->failed(line.append(": ").append(what == nullptr ? "an exception without text" : what));
 }

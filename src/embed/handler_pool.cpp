@@ -1,7 +1,10 @@
 #include "embed/handler_pool.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
+
+#include "base/batch.h"
 
 namespace {
 
@@ -13,9 +16,46 @@ thread_local const ZrHandlerPool* pool = nullptr;
 ZrHandlerPool::ZrHandlerPool(std::size_t mostThreads, std::chrono::nanoseconds limit)
     : mostThreads_(mostThreads), limit_(limit) {}
 
+ZrHandlerPool::Caller::Caller(const ZrHandlerPool& of) noexcept
+    : outer_(std::exchange(pool, &of)) {}
+
+ZrHandlerPool::Caller::~Caller() { pool = outer_; }
+
 bool ZrHandlerPool::IsCaller() const noexcept { return pool == this; }
 
+/// The wake-ups of a batch, at its end: a thread that was woken by its first task would only
+/// contend with the rest of it for the lock.
+struct ZrHandlerPool::Wakeup {
+  ~Wakeup() {
+    if (kept) of->Wake();
+  }
+  ZrHandlerPool* of = nullptr;
+  Task kept;  // one of its tasks, each of which keeps the pool
+};
+
 bool ZrHandlerPool::Submit(const Task& task) {
+  ZrBatch* const batch = ZrBatch::Current();
+  Wakeup* const wakeup = batch == nullptr ? nullptr : &batch->Of<Wakeup>(this);
+  if (!Enter(task)) return false;
+  if (wakeup == nullptr) {
+    Wake();
+  } else {
+    wakeup->of = this;
+    wakeup->kept = task;
+  }
+  return true;
+}
+
+void ZrHandlerPool::Wake() {
+  std::size_t threads = 0;
+  {
+    ZrLock hold(lock_);
+    threads = std::min(idle_, queue_.size());
+  }
+  for (; threads > 0; --threads) wake_.NotifyOne();
+}
+
+bool ZrHandlerPool::Enter(const Task& task) {
   ZrLock hold(lock_);
   if (closing_) return false;
   queue_.push_back(task);
@@ -25,7 +65,6 @@ bool ZrHandlerPool::Submit(const Task& task) {
   }
   task->due_ = Clock::now() + limit_;
   task->place_ = open_.insert(open_.end(), task);
-  wake_.NotifyOne();
   if (std::exchange(watchRests_, false)) watchWake_.NotifyOne();
   return true;
 }

@@ -43,19 +43,36 @@ class ZrHandlerPool {
   ZrHandlerPool& operator=(const ZrHandlerPool&) = delete;
   ~ZrHandlerPool() { Close(); }
 
-  /// Takes the task, which is open until Done(). No: the pool ends, or the system has no thread.
+  /// Takes the task, which keeps the pool and is open until Done(). It runs when the caller's
+  /// batch, if there is one, has ended. No: the pool ends, or the system has no thread.
   [[nodiscard]] bool Submit(const Task& task) ZR_EXCLUDES(lock_);
   void Done(ZrHandlerTask& task) ZR_EXCLUDES(lock_);
   /// Takes nothing more, gives up what is open, and waits for all runs. Not called from one.
   void Close() ZR_EXCLUDES(lock_);
   /// Whether Close() has begun.
   bool IsClosing() ZR_EXCLUDES(lock_);
-  /// Whether the calling thread is one of this pool's.
+  /// Whether the calling thread is one of this pool's, or stands in a Caller of it.
   bool IsCaller() const noexcept;
+  /// Code of the program that a thread of the server runs: like a handler it is waited for at the
+  /// end, and must not wait for that.
+  class Caller {
+   public:
+    explicit Caller(const ZrHandlerPool& of) noexcept;
+    ~Caller();
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+
+   private:
+    const ZrHandlerPool* const outer_;
+  };
 
  private:
   using Clock = std::chrono::steady_clock;
 
+  struct Wakeup;
+
+  bool Enter(const Task& task) ZR_EXCLUDES(lock_);
+  void Wake() ZR_EXCLUDES(lock_);
   void Loop() ZR_EXCLUDES(lock_);
   Task Next() ZR_EXCLUDES(lock_);
   bool HaveThread() ZR_REQUIRES(lock_);

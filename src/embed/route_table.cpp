@@ -39,6 +39,7 @@ Piece ReadPiece(std::string_view route, std::string_view text) {
 
 std::vector<Piece> ReadPattern(std::string_view route, std::string_view pattern) {
   if (!pattern.starts_with('/')) Refuse(route, "a pattern begins with '/'");
+  if (const std::string why = zr::WhyNoPath(pattern); !why.empty()) Refuse(route, why);
   std::vector<Piece> pieces;
   for (std::string_view left = pattern; !left.empty();) {
     left.remove_prefix(1);
@@ -53,6 +54,26 @@ std::vector<Piece> ReadPattern(std::string_view route, std::string_view pattern)
 }
 
 }  // namespace
+
+std::string zr::WhyNoPath(std::string_view path) {
+  if (path.find_first_of("?#") != std::string_view::npos)
+    return "a path has no '?' and no '#': queries and fragments are not compared";
+  const auto isHex = [](char c) {
+    return std::string_view("0123456789abcdefABCDEF").find(c) != std::string_view::npos;
+  };
+  for (std::size_t at = path.find('%'); at != std::string_view::npos; at = path.find('%', at + 1))
+    if (at + 2 < path.size() && isHex(path[at + 1]) && isHex(path[at + 2]))
+      return "paths are compared decoded: write the character that '" +
+             std::string(path.substr(at, 3)) + "' stands for";
+  for (std::string_view rest = path; !rest.empty();) {
+    rest.remove_prefix(1);
+    const std::size_t end = std::min(rest.find('/'), rest.size());
+    const std::string_view piece = rest.substr(0, end);
+    if (piece == "." || piece == "..") return "paths are compared without '.' and '..'";
+    rest.remove_prefix(end);
+  }
+  return {};
+}
 
 /// One path on its way through the tree. The values are those of the open pieces passed so far.
 struct ZrRouteTable::Search {

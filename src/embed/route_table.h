@@ -23,6 +23,13 @@ struct ZrRoute {
   velkoro::Server::Handler handler;
 };
 
+namespace zr {
+
+/// Why no request has such a path, in words; empty when one may. The path begins with a slash.
+std::string WhyNoPath(std::string_view path);
+
+}  // namespace zr
+
 /// Filled by one thread, then asked by any number of them.
 class ZrRouteTable {
  public:

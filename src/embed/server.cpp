@@ -20,6 +20,8 @@
 #include "net/tls_context.h"
 #include "platform/filesystem.h"
 #include "platform/io.h"
+#include "platform/process.h"
+#include "platform/system.h"
 
 namespace velkoro {
 namespace {
@@ -50,8 +52,11 @@ std::vector<zr::ListenAddress> ReadAddresses(const std::vector<std::string>& tex
 
 void CheckDirectory(const std::string& directory) {
   if (directory.empty()) return;
-  if (zr::PathKind(directory) != zr::ZrPathKind::kDirectory)
+  const zr::ZrPathKind kind = zr::PathKind(directory);
+  if (kind == zr::ZrPathKind::kMissing)
     throw ServerError("the directory " + Quoted(directory) + " is not there");
+  if (kind != zr::ZrPathKind::kDirectory)
+    throw ServerError("the directory " + Quoted(directory) + " is a file");
   if (zr::AbsolutePath(directory).find('\\') != std::string::npos)
     throw ServerError("the directory " + Quoted(directory) + " has a backslash in its path");
   if (const int error = zr::CheckAccess(directory, zr::ZrAccess::kEnter); error != 0)
@@ -69,7 +74,22 @@ void CheckKeyPair(const ServerOptions& options) {
   }
 }
 
+// Programs run in the directory of their page. One that is not named need not be there.
+std::string PhpProgram(const std::string& given) {
+  if (given.empty() || given == ServerOptions().php) return given;
+  if (given.find('/') == std::string::npos) {
+    if (zr::FindProgram(given, zr::EnvironmentValue("PATH").value_or(""))) return given;
+    throw ServerError("there is no program " + Quoted(given) + " on PATH for PHP");
+  }
+  const std::string file = zr::AbsolutePath(given);
+  if (zr::PathKind(file) != zr::ZrPathKind::kRegular ||
+      zr::CheckAccess(file, zr::ZrAccess::kEnter) != 0)
+    throw ServerError("the PHP interpreter " + Quoted(given) + " is no program that can be run");
+  return file;
+}
+
 ServerOptions Checked(ServerOptions options) {
+  options.php = PhpProgram(options.php);
   if (options.handlerLimit.count() < 0 || options.grace.count() < 0)
     throw ServerError("a time limit is negative");
   options.handlerLimit = std::min<std::chrono::milliseconds>(options.handlerLimit, kLongestLimit);
@@ -141,7 +161,7 @@ class [[gnu::visibility("hidden")]] Server::Running {
 
   void Stop(std::chrono::milliseconds grace) ZR_EXCLUDES(lock_) {
     if (handlers_->pool.IsCaller())
-      throw std::logic_error("a handler cannot stop its own server: it would wait for itself");
+      throw std::logic_error("what a server calls cannot stop it: it would wait for itself");
     std::unique_ptr<ZrQuarnApplication2> application;
     {
       ZrLock hold(lock_);
@@ -199,6 +219,7 @@ class [[gnu::visibility("hidden")]] Server::Running {
     });
     application->setObserver([this](const ZrServerCallback_t& record) { OnReport(record); });
     application->setLogSink([this](std::string_view line) {
+      const ZrHandlerPool::Caller caller(handlers_->pool);
       if (options_.log) options_.log(line);
     });
     ZrLock hold(lock_);
@@ -265,8 +286,13 @@ class [[gnu::visibility("hidden")]] Server::Running {
 
   void Tell(Event::Kind kind, std::string text) {
     if (!observer_) return;
+    const ZrHandlerPool::Caller caller(handlers_->pool);
     try {
       observer_({kind, std::move(text)});
+    } catch (const std::exception& failure) {
+      const char* const what = failure.what();
+      zr::WriteDiagnostic("an observer failed", std::string("velkoro: the function for events: ") +
+                                                    (what == nullptr ? "" : what));
     } catch (...) {
       // The observer's own failure.
     }
@@ -303,7 +329,7 @@ Server& Server::Command(std::string_view name, Handler handler) {
 }
 
 Server& Server::Page(std::string_view name, std::string html) {
-  if (name.find_first_of("{}?#%") != std::string_view::npos)
+  if (name.starts_with('/') || name.find_first_of("{}?#%") != std::string_view::npos)
     throw ServerError("the page " + Quoted(name) + ": its name cannot be a path");
   return Handle("GET", "/" + std::string(name),
                 [html = std::move(html)](const Request&, Answer& answer) { answer.Html(html); });
@@ -319,7 +345,11 @@ Server& Server::Before(std::string_view path, Guard guard) {
   if (!guard) throw ServerError("the function before " + Quoted(path) + " is missing");
   if (!path.starts_with('/'))
     throw ServerError("the path " + Quoted(path) + " does not begin with '/'");
-  if (path.ends_with('/')) path.remove_suffix(1);
+  if (const std::string why = zr::WhyNoPath(path); !why.empty())
+    throw ServerError("the path " + Quoted(path) + ": " + why);
+  if (path.find_first_of("{}") != std::string_view::npos)
+    throw ServerError("the path " + Quoted(path) + ": it is one path and those below, no pattern");
+  while (path.ends_with('/')) path.remove_suffix(1);
   running_->Unstarted().paths.push_back({std::string(path), std::move(guard)});
   return *this;
 }

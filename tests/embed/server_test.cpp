@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <thread>
 
 #include "tests/support/captured.h"
@@ -52,6 +53,9 @@ TEST(Server, WhatIsWrongIsSaidWhenItIsSet) {
   ExpectRefused("no address to listen at", with({.listen = {}}));
   ExpectRefused("must be https or http", with({.listen = {"quarn://127.0.0.1:0"}}));
   ExpectRefused("'/no/such' is not there", with(AnyPort("/no/such")));
+  ExpectRefused("'/etc/passwd' is a file", with(AnyPort("/etc/passwd")));
+  ExpectRefused("no program 'no-such-php' on PATH", with({.php = "no-such-php"}));
+  ExpectRefused("'/etc/passwd' is no program", with({.php = "/etc/passwd"}));
   ExpectRefused("needs a certificate", with({.listen = {"https://127.0.0.1:0"}}));
   ExpectRefused("cannot be used", with({.listen = {"https://127.0.0.1:0"},
                                         .certificate = TestCertificate().privateKey,
@@ -62,6 +66,11 @@ TEST(Server, WhatIsWrongIsSaidWhenItIsSet) {
   ExpectRefused("does not begin with '/'", [&] {
     server.Before("x", velkoro::BasicAuthentication("r", {{"a", "b"}}));
   });
+  // A guard that no request meets would be an open door.
+  for (const char* path : {"/x/{id}", "/a%20b", "/x?y", "/x/../y"})
+    ExpectRefused(path,
+                  [&] { server.Before(path, [](const Request&, Answer&) { return false; }); });
+  ExpectRefused("cannot be a path", [&] { server.Page("/x", ""); });
   server.Page("x", "");
   ExpectRefused("same paths", [&] { server.Page("x", ""); });
   server.Start();
@@ -242,10 +251,24 @@ TEST(Server, GuardsStandBeforeRoutesAndFiles) {
 
 TEST(Server, AHandlerThatFailsCostsItsOwnAnswerOnly) {
   velkoro::Server server(AnyPort());
-  std::promise<std::string> told;
+  std::mutex lock;
+  std::vector<std::string> told;  // before the answer is sent
+  std::atomic<bool> refused{false};
   server.OnEvent([&](const velkoro::Event& event) {
-    if (event.kind == velkoro::Event::Kind::kHandlerFailed) told.set_value(event.text);
+    const std::lock_guard hold(lock);
+    if (event.kind == velkoro::Event::Kind::kHandlerFailed) told.push_back(event.text);
+    if (event.kind != velkoro::Event::Kind::kConnected) return;
+    try {
+      server.Stop();  // it waits for this thread
+    } catch (const std::logic_error&) {
+      refused = true;
+    }
   });
+  struct Silent : std::exception {
+    const char* what() const noexcept override { return nullptr; }
+  };
+  server.Handle("GET", "/silent", [](const Request&, Answer&) { throw Silent(); });
+  server.Handle("GET", "/number", [](const Request&, Answer&) { throw 1; });
   server.Handle("GET", "/throw", [](const Request&, Answer& answer) {
     answer.Text("half");
     throw std::runtime_error("broken");
@@ -268,8 +291,13 @@ TEST(Server, AHandlerThatFailsCostsItsOwnAnswerOnly) {
   testing::internal::CaptureStderr();
   server.Start();
   EXPECT_EQ(Ask(server, "/throw").find("half"), std::string::npos);
-  EXPECT_EQ(told.get_future().get(), "GET /throw: broken");
-  EXPECT_EQ(CapturedErrors(), "velkoro: GET /throw: broken\n");
+  for (const char* path : {"/silent", "/number"}) EXPECT_TRUE(Ask(server, path).ends_with("[500]"));
+  const std::lock_guard hold(lock);
+  EXPECT_EQ(told, (std::vector<std::string>{"GET /throw: broken",
+                                            "GET /silent: an exception without text",
+                                            "GET /number: an exception of unknown type"}));
+  EXPECT_NE(CapturedErrors().find("velkoro: GET /throw: broken\n"), std::string::npos);
+  EXPECT_TRUE(refused);
   for (const char* path : {"/status", "/field", "/cookie", "/redirect", "/name"})
     EXPECT_EQ(Ask(server, path), "refused[200]") << path;
 }
