@@ -8,10 +8,10 @@ test_packages=(adminer apache2-utils binutils curl haproxy iso-codes libgtest-de
 browser_packages=(chromium chromium-driver openssl python3-selenium)
 check_packages=(clang clang-format clang-tidy git)
 bench_packages=(iso-codes libbenchmark-dev libpugixml-dev libtinyxml2-dev libxml2-dev shared-mime-info xkb-data)
-docs_packages=(doxygen python3)
 count_packages=(gcc python3 strace valgrind)
 peer_packages=(civetweb gcc h2o libcpp-httplib-dev libmicrohttpd-dev lighttpd lighttpd-mod-openssl nginx-light
                pkg-config python3 wrk)
+docs_packages=(doxygen python3)
 
 say() { printf '\n== %s\n' "$*"; }
 
