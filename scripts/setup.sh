@@ -14,6 +14,7 @@ docs_packages=(doxygen python3)
 count_packages=(gcc python3 strace valgrind)
 peer_packages=(civetweb gcc h2o libcpp-httplib-dev libmicrohttpd-dev lighttpd lighttpd-mod-openssl nginx-light
                pkg-config python3 wrk)
+docs_packages=(doxygen python3)
 
 say() { printf '\n== %s\n' "$*"; }
 

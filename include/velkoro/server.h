@@ -76,6 +76,7 @@ struct ServerOptions {
   /// Runs the .php files of the directory; a name is looked up on PATH. One other than the default
   /// must be there. Programs of the directory's folder cgi-bin/ run as well.
   std::string php = "php-cgi";
+  /// The rules by which requests are read and answers written.
   Semantics semantics = Semantics::kStandard;
   /// Shows the first address in the user's browser once the server listens.
   bool openBrowser = false;
@@ -329,6 +330,7 @@ class Server {
   using Handler = std::function<void(const Request&, Answer&)>;
   /// No: the answer is complete, and the handler is not asked.
   using Guard = std::function<bool(const Request&, Answer&)>;
+  /// Is shown the answer, and leaves it as it is.
   using Witness = std::function<void(const Request&, const Answer&)>;
 
   /// Throws ServerError for a malformed address, a directory or certificate that cannot be used,

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Drives examples/forms in headless Chromium: fill, submit, upload, see the answers.
+"""Drives tests/browser/elements.cpp in headless Chromium: fill, submit, upload, see the answers.
 
-    forms_test.py VELKORO_FORMS [SCREENSHOT_FOLDER]
+    forms_test.py VELKORO_ELEMENTS [SCREENSHOT_FOLDER]
 
 Needs what browser.py needs, and the Debian package openssl.
 """
@@ -52,20 +52,6 @@ def send_forms(page, folder):
         page.expect_text("the multipart form is answered", "#message", answer)
 
 
-def hand_over(page):
-    page.click("a")
-    page.click("#finish input[type=submit]")
-    page.expect_title("the first handler says good-bye", "Finished")
-    page.click("a")
-    page.expect_text("the second handler answers", "#message",
-                     "The forms are closed: another handler answers.")
-    page.click("a")
-    page.expect_title("it hands back and sends to the start page", "Forms")
-    page.click("#greet input[type=submit]")
-    page.expect_text("the first handler answers again", "#message",
-                     "Hello stranger, your lamp is red.")
-
-
 def miss_a_page(page, url, screenshots):
     page.browser.get(url + "nothing/here.html")
     page.expect_title("a missing page shows its title", "Error 404 - not found")
@@ -85,12 +71,10 @@ def main(program, screenshots=None):
         subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
                         "-subj", "/CN=localhost", "-keyout", key, "-out", certificate],
                        check=True, stderr=subprocess.DEVNULL, timeout=LIMIT)
-        server, url = start_server(ending, [program, "0", certificate, key],
-                                   r"^listening at (https://\S+)\n$")
+        server, url = start_server(ending, [program, certificate, key], r"^(https://\S+)\n$")
         page = open_browser(ending, folder)
         look_at_start_page(page, url)
         send_forms(page, folder)
-        hand_over(page)
         miss_a_page(page, url, pathlib.Path(screenshots or folder))
         server.stdin.close()
         print(f"the program ends with its input: {server.wait(LIMIT)}")

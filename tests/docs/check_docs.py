@@ -104,7 +104,7 @@ class Shell:
         programs = [BUILD / "src/cli", *(path for path in (BUILD / "examples").iterdir() if path.is_dir())]
         self.settings = {"cwd": self.folder.name, "env": os.environ | {
             "PATH": ":".join(map(str, programs)) + ":" + os.environ["PATH"],
-            "HOME": self.folder.name, "CMAKE_GENERATOR": "Ninja"}}
+            "HOME": self.folder.name, "XDG_STATE_HOME": self.folder.name + "/.local/state", "CMAKE_GENERATOR": "Ninja"}}
 
     def with_ports(self, text):
         return re.sub(r"\b(8080|8443)\b", lambda match: self.ports[match[0]], text)

@@ -1,7 +1,16 @@
-#include "pages.h"
+// Pages of element classes and form commands, for forms_test.py:  velkoro_elements CERTIFICATE KEY
+//
+// Serves https at a port that the system chooses, prints the address and ends with its standard
+// input.
 
+#include <cstddef>
+#include <exception>
+#include <iostream>
 #include <memory>
 
+#include "base/server_callback.h"
+#include "handlers/command_handler.h"
+#include "host/application.h"
 #include "html/command_compiler.h"
 #include "html/css_nodes.h"
 #include "html/form_elements.h"
@@ -9,9 +18,12 @@
 #include "html/html_elements.h"
 #include "html/html_text.h"
 #include "html/plain_elements.h"
+#include "http/message_block.h"
+#include "http/protocol_kind.h"
+#include "http/response_head.h"
 #include "markup/xml_nodes.h"
+#include "velkoro/documents.h"
 
-namespace forms {
 namespace {
 
 /// What a draggable element calls when the mouse button goes down on it.
@@ -113,31 +125,6 @@ void AddFrame(ZrHTML_Document2& page, const std::string& title) {
   page.AddToBody(std::make_unique<ZrHTML_h12>()).Adopt(std::make_unique<ZrHTML_text2>(title));
 }
 
-}  // namespace
-
-std::string Escaped(std::string_view text) {
-  std::string safe;
-  for (const char ch : text) {
-    switch (ch) {
-      case '<':
-        safe += "&lt;";
-        break;
-      case '>':
-        safe += "&gt;";
-        break;
-      case '&':
-        safe += "&amp;";
-        break;
-      case '"':
-        safe += "&quot;";
-        break;
-      default:
-        safe += ch;
-    }
-  }
-  return safe;
-}
-
 std::string StartPage() {
   ZrHTML_Document2 page;
   AddFrame(page, "Forms");
@@ -154,24 +141,88 @@ std::string StartPage() {
   page.AddToBody(std::move(lamps));
   page.AddToBody(GreetForm());
   page.AddToBody(UploadForm());
-  auto finish = CommandForm("finish");
-  AddInput(*finish, "submit", "", "Finish");
-  page.AddToBody(std::move(finish));
   page.AddToBody(std::make_unique<ZrHTML_div2>("extra"));
   page.AddToBody(AddedPart());
   return page.ToText();
 }
 
-std::string MessagePage(const std::string& heading, const std::string& message,
-                        const std::string& command, const std::string& linkText) {
+/// A page with a text (markup, already safe) and a link back.
+std::string MessagePage(const std::string& message) {
   ZrHTML_Document2 page;
-  AddFrame(page, heading);
+  AddFrame(page, "Message");
   auto text = std::make_unique<ZrHTML_p2>();
   text->id.SetFromText("message");
   text->AppendText(message);
   page.AddToBody(std::move(text));
-  page.AddToBody(std::make_unique<ZrHTML_a2>("/?quarnid=forms&quarncommand=" + command, linkText));
+  page.AddToBody(std::make_unique<ZrHTML_a2>("/?quarnid=forms&quarncommand=show", "Back"));
   return page.ToText();
 }
 
-}  // namespace forms
+std::string Greeting(const ZrXHeader& request) {
+  const std::string_view name = zr::FieldText(request.bodyFields, "name");
+  const std::string_view colour = zr::FieldText(request.bodyFields, "colour");
+  return "Hello " + velkoro::Escape(name.empty() ? "stranger" : name) + ", your lamp is " +
+         velkoro::Escape(colour) + ".";
+}
+
+std::string UploadReport(const ZrXHeader& request) {
+  const auto file = request.bodyFields.find("file");
+  if (file == request.bodyFields.end()) return "No file came.";
+  constexpr std::size_t kShown = 60;
+  const std::string_view content = file->second->Text();
+  return std::to_string(content.size()) + " bytes of " +
+         velkoro::Escape(file->second->attributes.at("mimetype")) +
+         " came: " + velkoro::Escape(content.substr(0, kShown));
+}
+
+class FormHandler : public ZrCommandHandler {
+ public:
+  std::string Name() const override { return "forms"; }
+  void Request(ZrXHeader& request, ZrXResponseHeader& answer, const std::string& command) override {
+    if (command == "&new" || command == "show") answer.SetBodyText(StartPage());
+    if (command == "greet") answer.SetBodyText(MessagePage(Greeting(request)));
+    if (command == "upload") answer.SetBodyText(MessagePage(UploadReport(request)));
+    // Any other leaves the status at 500, "not answered": the visitor gets the 404 page.
+  }
+  void Release() override {}  // main() owns it
+};
+
+/// Shows the start page to visitors who come without a command.
+class FormsApplication : public ZrQuarnApplication2 {
+ public:
+  FormsApplication(std::vector<ZrServerDefinition> servers, ZrOptionMap options,
+                   ZrCommandHandler* handler)
+      : ZrQuarnApplication2(nullptr, std::move(servers), std::move(options)), handler_(handler) {
+    registerHandler(handler);
+  }
+  // Requests may be on their way to nullQuery(): they end while it is still there.
+  ~FormsApplication() override { stopServers(); }
+  ZrCommandHandler* nullQuery(const std::string& /*name*/) override { return handler_; }
+
+ private:
+  ZrCommandHandler* const handler_;
+};
+
+}  // namespace
+
+int main(int count, char** arguments) try {
+  if (count != 3) return std::cerr << "usage: velkoro_elements CERTIFICATE KEY\n", 2;
+  ZrServerDefinition server{.address = "127.0.0.1", .protocolKind = zr::kProtocolHttps};
+  server.options.Set("cacertificate", arguments[1]);
+  server.options.Set("privatekey", arguments[2]);
+  ZrOptionMap options;
+  options.Set("no_browser_popup", "true");
+  options.Set("_app_context_commandurl", "/");
+  FormHandler handler;
+  FormsApplication application({server}, options, &handler);
+  application.setObserver([](const ZrServerCallback_t& report) {
+    if (report.kind == ZrServerCallback_t::kListening)
+      std::cout << "https://127.0.0.1:" << report.info.Get("port") << '/' << std::endl;
+  });
+  application.startServers();
+  for (std::string line; std::getline(std::cin, line);) {
+  }
+} catch (const std::exception& failure) {
+  std::cerr << failure.what() << '\n';
+  return 1;
+}
