@@ -10,7 +10,6 @@ browser_packages=(chromium chromium-driver esbuild fonts-font-awesome node-react
 check_packages=(abigail-tools clang clang-format clang-tidy git)
 bench_packages=(iso-codes libbenchmark-dev libpugixml-dev libtinyxml2-dev libxml2-dev shared-mime-info xkb-data)
 answer_packages=(libcpp-httplib-dev libmicrohttpd-dev python3 wrk)
-docs_packages=(doxygen python3)
 count_packages=(gcc python3 strace valgrind)
 peer_packages=(civetweb gcc h2o libcpp-httplib-dev libmicrohttpd-dev lighttpd lighttpd-mod-openssl nginx-light
                pkg-config python3 wrk)

@@ -56,6 +56,12 @@ bool ZrRoutedContent::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& re
          others_->ReadsBody(client, request);
 }
 
+bool ZrRoutedContent::StreamsBody(ZrTransceiverClient& client, const ZrXHeader& request) {
+  const ZrRouteTable::Match match = Find(request);
+  return match.route == nullptr && match.allowed == 0 && !handlers_->Guards(request.path) &&
+         !MayBeCommand(client, request) && others_->StreamsBody(client, request);
+}
+
 bool ZrRoutedContent::CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) {
   return Find(request).route != nullptr || handlers_->Guards(request.path) ||
          others_->CannotWait(client, request);

@@ -19,6 +19,7 @@ class ZrRoutedContent final : public ZrContentHandler {
                     const std::shared_ptr<ZrXHeader>& request) override;
   bool ReadsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;
   /// Handing a request to the pool waits for nothing.
+  bool StreamsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;
   bool CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) override;
   void AnswerNotFound(ZrTransceiverClient& client,
                       const std::shared_ptr<ZrXHeader>& request) override;

@@ -1,5 +1,6 @@
 #include "handlers/cgi.h"
 
+#include <optional>
 #include <utility>
 
 #include "base/path.h"
@@ -46,6 +47,11 @@ std::string_view MethodName(ZrMethod method) {
   return "GET";
 }
 
+// Its reader takes it as it comes, unless that was another program, which named this page.
+bool BodyIsToCome(const ZrXHeader& request) {
+  return request.inlet != nullptr && request.declaredLength != 0;
+}
+
 void AddStandardVariables(const ZrXHeader& request, std::string root,
                           const zr::ProgramPath& program, const std::string& script,
                           ZrCgiVariables& variables) {
@@ -72,6 +78,7 @@ void AddStandardVariables(const ZrXHeader& request, std::string root,
                            .remotePort = remotePort,
                            .fields = &request.headers};
   if (request.body && !request.body->Empty()) facts.bodyBytes = request.body->Size();
+  if (BodyIsToCome(request)) facts.bodyBytes = request.declaredLength;
   zr::BuildStandardVariables(facts, variables);
 }
 
@@ -118,8 +125,13 @@ void ZrCgi::Answer(const Job& job, const ZrWakeFlag& stop) {
     const ZrPeerSubscription peer(request.peerWatch, [gone] { gone->Raise(); });
     if (peer.Gone()) return;
     const bool standard = request.semantics->IsStandard();
-    const ZrPipeExecSettings settings{
-        limits_, &environment_, &stop, gone.get(), job.client.Memory(), &roomQueue_, standard};
+    const ZrPipeExecSettings settings{.limits = limits_,
+                                      .environment = &environment_,
+                                      .stop = &stop,
+                                      .gone = gone.get(),
+                                      .memory = job.client.Memory(),
+                                      .roomQueue = &roomQueue_,
+                                      .streams = standard};
     if (standard && !stop.IsRaised()) return AnswerPieceByPiece(job, settings);
     const auto answer = request.MakeResponse();
     answer->body = std::make_unique<ZrStringBuf>();
@@ -147,14 +159,23 @@ void ZrCgi::AnswerPieceByPiece(const Job& job, const ZrPipeExecSettings& setting
   ZrStringBuf nothing;
   ZrStringBuf& input = request.body ? *request.body : nothing;
   ZrProgramStream output(job.client, request, [this] { runs_.StepAside(); });
+  ZrPipeExecSettings own = settings;
+  std::optional<ZrProgramInput> arriving;
+  if (BodyIsToCome(request)) {
+    own.source = &arriving.emplace(request.inlet);
+    output.AwaitInput();
+  }
   auto end = ZrPipeExecEnd::kNoRoom;
   try {
-    end = ZrWinPipeExec(job.program, settings).Run(job.variables, input, output);
+    end = ZrWinPipeExec(job.program, own).Run(job.variables, input, output);
   } catch (const std::exception&) {
     // As for one whose output cannot be held.
   }
   if (request.peerWatch && request.peerWatch->Gone() && !output.Begun()) return;
-  if (const std::string address = output.Finish(end); !address.empty()) Redirect(job, address);
+  const std::uint64_t refusal = arriving ? arriving->Refusal() : 0;
+  arriving.reset();
+  if (const std::string address = output.Finish(end, refusal); !address.empty())
+    Redirect(job, address);
 }
 
 // The page that a program names instead of its own is served as if it had been asked for (RFC 3875,
@@ -168,5 +189,6 @@ void ZrCgi::Redirect(const Job& job, const std::string& address) {
   request.query = target->query;
   if (request.method != ZrMethod::kHead) request.method = ZrMethod::kGet;
   request.body = std::make_unique<ZrStringBuf>();
+  request.declaredLength = 0;
   job.client.ServeContent(job.request);
 }

@@ -27,6 +27,11 @@ class ZrContentHandler {
   virtual bool ReadsBody(ZrTransceiverClient& /*client*/, const ZrXHeader& /*request*/) {
     return true;
   }
+  /// Whether what serves this request, whose head is there, takes its body as it comes
+  /// (ZrXHeader::inlet): it is then asked to serve the request at once.
+  virtual bool StreamsBody(ZrTransceiverClient& /*client*/, const ZrXHeader& /*request*/) {
+    return false;
+  }
   /// Whether this request, and the answer that nothing serves it, needs nothing that has to be
   /// waited for.
   virtual bool CannotWait(ZrTransceiverClient& /*client*/, const ZrXHeader& /*request*/) {

@@ -122,15 +122,18 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
   steady_clock::time_point waitsSince;
 
   while (!drainEnd || stdoutRead_.IsOpen()) {
+    if (!TakeInput(input)) return ZrPipeExecEnd::kNoInput;
     // Closed at once when there is nothing (more) to deliver: the child then reads its end.
-    if (input.Empty()) stdinWrite_.Close();
+    if (input.Empty() && settings_.source == nullptr) stdinWrite_.Close();
     const bool waited = std::exchange(waits, output.MustWait());
     if (waits && !waited) waitsSince = steady_clock::now();
     room.SetWaiting(waits);
-    enum { kOutput, kInput, kEnd, kStop, kGone, kRoom, kItems };
+    enum { kOutput, kInput, kMore, kEnd, kStop, kGone, kRoom, kItems };
     std::array<zr::PollItem, kItems> items;
     items[kOutput].descriptor = waits ? -1 : stdoutRead_.Get();
-    items[kInput] = {stdinWrite_.Get(), true};
+    items[kInput] = {input.Empty() ? -1 : stdinWrite_.Get(), true};
+    const bool waitsForMore = settings_.source != nullptr && input.Empty();
+    items[kMore].descriptor = waitsForMore ? settings_.source->Descriptor() : -1;
     items[kEnd].descriptor = drainEnd ? -1 : process_.EndDescriptor();
     items[kStop].descriptor = settings_.stop != nullptr ? settings_.stop->Descriptor() : -1;
     items[kGone].descriptor = settings_.gone != nullptr ? settings_.gone->Descriptor() : -1;
@@ -144,6 +147,8 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
       deadline = std::min(deadline, steady_clock::now() + kRoomPollInterval);
     const auto due = output.Due();
     if (due) deadline = std::min(deadline, *due);
+    if (const auto late = waitsForMore ? settings_.source->Due() : std::nullopt)
+      deadline = std::min(deadline, *late);
     zr::PollDescriptors(items, deadline);
 
     if (items[kStop].ready || items[kGone].ready) return ZrPipeExecEnd::kStopped;
@@ -151,7 +156,8 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
     // A limit is looked at in every round: who writes for ever always has something ready.
     const auto now = steady_clock::now();
     std::optional<ZrPipeExecEnd> over;
-    if (settings_.streams && (waits || items[kInput].ready || items[kOutput].ready))
+    if (settings_.streams &&
+        (waits || items[kInput].ready || items[kMore].ready || items[kOutput].ready))
       runEnd = now + settings_.limits.run;
     if (items[kEnd].ready || (!drainEnd && !reportsEnd && process_.HasEnded())) {
       drainEnd = now + settings_.limits.drain;
@@ -171,11 +177,32 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
   return ZrPipeExecEnd::kEnded;
 }
 
+// Fetches more when the child has taken what came before. No: the rest will not come.
+bool ZrWinPipeExec::TakeInput(ZrStringBuf& input) {
+  while (input.Empty() && settings_.source != nullptr) {
+    switch (settings_.source->Take(input)) {
+      case ZrProgramSource::Next::kSome:
+        if (!stdinWrite_.IsOpen()) input.Clear();
+        break;
+      case ZrProgramSource::Next::kWait:
+        return true;
+      case ZrProgramSource::Next::kEnd:
+        settings_.source = nullptr;
+        break;
+      case ZrProgramSource::Next::kFailed:
+        return false;
+    }
+  }
+  return true;
+}
+
 void ZrWinPipeExec::Deliver(ZrStringBuf& input) {
   const zr::PipeTransfer moved = zr::WritePipe(stdinWrite_.Get(), input.Unread().substr(0, kChunk));
   input.Consume(moved.count);
   // The child has stopped reading; the rest is its own loss, and no reason to end it.
-  if (moved.result == zr::PipeResult::kClosed) stdinWrite_.Close();
+  if (moved.result != zr::PipeResult::kClosed) return;
+  stdinWrite_.Close();
+  input.Clear();
 }
 
 // Reads until `wanted` bytes have come or nothing more is there; the end of the run when the child

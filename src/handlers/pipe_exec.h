@@ -15,6 +15,7 @@
 
 #include "base/memory_budget.h"
 #include "base/string_buffer.h"
+#include "handlers/program_input.h"
 #include "handlers/program_output.h"
 #include "platform/pipe.h"
 #include "platform/process.h"
@@ -60,6 +61,9 @@ struct ZrPipeExecSettings {
   /// What the output counts against, and where the run waits when that is exceeded; may be none.
   std::shared_ptr<ZrMemoryBudget> memory = nullptr;
   ZrRoomQueue* roomQueue = nullptr;
+  /// What follows the input that a run is given; none: nothing. A program that reads no more has
+  /// the rest dropped as it comes.
+  ZrProgramSource* source = nullptr;
   /// The output is sent on as it comes: the run's limit is one of the time in which nothing moves,
   /// there is none of the bytes, and who waits for room does so for a peer that has limits of its
   /// own. What the child writes on its standard error goes to that of this process.
@@ -74,6 +78,7 @@ enum class ZrPipeExecEnd {
   kRunLimit,     ///< It took too long, or nothing moved for so long, and was ended with its family.
   kOutputLimit,  ///< It wrote too much and was ended with its family.
   kNoRoom,   ///< Nobody could hold its output: it was ended with its family, the output is lost.
+  kNoInput,  ///< The rest of its input will not come, and it was ended with its family.
   kStopped,  ///< One of the flags was raised and it was ended with its family.
 };
 
@@ -103,6 +108,7 @@ class ZrWinPipeExec {
                       ZrRoomQueue::Place& room);
   ZrPipeExecEnd Move(ZrStringBuf& input, ZrProgramSink& output, ZrRoomQueue::Place& room);
   void Deliver(ZrStringBuf& input);
+  bool TakeInput(ZrStringBuf& input);
   std::optional<ZrPipeExecEnd> Collect(ZrProgramSink& output, std::size_t& room,
                                        std::size_t wanted);
   void EndFamily();

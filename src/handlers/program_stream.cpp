@@ -93,7 +93,7 @@ void ZrProgramStream::OnTime() {
   due_.reset();
   if (state_ == State::kGather)
     Begin();
-  else if (state_ == State::kStream)
+  else
     isLong_();
 }
 
@@ -140,7 +140,7 @@ void ZrProgramStream::SendWhole() {
   client_.SendAnswer(request_, answer_);
 }
 
-std::string ZrProgramStream::Finish(ZrPipeExecEnd end) {
+std::string ZrProgramStream::Finish(ZrPipeExecEnd end, std::uint64_t refusal) {
   const bool whole = end == ZrPipeExecEnd::kEnded;
   switch (state_) {
     case State::kStream:
@@ -163,6 +163,8 @@ std::string ZrProgramStream::Finish(ZrPipeExecEnd end) {
     case State::kBad:
       if (end == ZrPipeExecEnd::kRunLimit)
         client_.AnswerStatus(request_, kGatewayTimeout);
+      else if (end == ZrPipeExecEnd::kNoInput)
+        client_.AnswerStatus(request_, refusal);
       else
         client_.AnswerStatus(request_,
                              end == ZrPipeExecEnd::kStopped ? kInternalError : kBadGateway);

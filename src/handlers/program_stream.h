@@ -27,6 +27,8 @@ class ZrProgramStream : public ZrProgramSink {
   static constexpr std::size_t kGatherBytes = std::size_t{64} * 1024;
   /// An answer that takes longer is a long one.
   static constexpr std::chrono::milliseconds kLongTime{1000};
+  /// So is one that waits for a slow client after that time.
+  static constexpr std::chrono::milliseconds kInputTime{100};
 
   /// Client and request outlive it. `isLong` is called once when the answer turns out to be a long
   /// one.
@@ -45,7 +47,10 @@ class ZrProgramStream : public ZrProgramSink {
   bool Begun() const { return stream_ != nullptr; }
   /// The run has ended that way: the request is answered, or its answer ended, before this returns;
   /// but for a local redirect, whose address is returned and is to be served. Called once.
-  std::string Finish(ZrPipeExecEnd end);
+  /// `refusal` is the status for a request whose body did not come.
+  std::string Finish(ZrPipeExecEnd end, std::uint64_t refusal);
+  /// Its input is still to come: when it has written nothing after kInputTime it is a long one.
+  void AwaitInput() { due_ = std::chrono::steady_clock::now() + kInputTime; }
 
  private:
   enum class State {

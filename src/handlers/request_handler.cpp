@@ -387,12 +387,17 @@ bool ZrTransceiverClient::AcceptQuarnAnswer(const std::string&, const std::share
   return true;
 }
 
-// A body that is still to come, and that nobody reads, need not be kept.
+// A body that is still to come, and that nobody reads, need not be kept; nor one whose reader takes
+// it as it comes.
 bool ZrTransceiverClient::OnHeadComplete(ZrXHeader& head) {
   if (head.kind == ZrMessageKind::kRequest && head.BodyState() == ZrReadResult::kIncomplete) {
     const bool commands =
         IsHttp(head.ProtocolKind()) && application && application->takesCommands();
     head.bodyUnwanted = !commands && !(content_ && content_->ReadsBody(*this, head));
+    // A program is told the length of its input, so one in chunks has to be there first.
+    head.bodyFlows = !commands && !head.bodyUnwanted && IsHttp(head.ProtocolKind()) &&
+                     head.semantics->IsStandard() && !head.reading.chunks &&
+                     content_->StreamsBody(*this, head);
   }
   return true;
 }

@@ -25,6 +25,9 @@ class ZrStaticFiles : public ZrContentHandler {
   bool ServeRequest(ZrTransceiverClient& client,
                     const std::shared_ptr<ZrXHeader>& request) override;
   bool ReadsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;
+  bool StreamsBody(ZrTransceiverClient& client, const ZrXHeader& request) override {
+    return ReadsBody(client, request);
+  }
   bool CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) override;
   void AnswerNotFound(ZrTransceiverClient& client,
                       const std::shared_ptr<ZrXHeader>& request) override;

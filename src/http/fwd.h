@@ -1,7 +1,8 @@
 #pragma once
 // Classes of this folder that other headers only name.
 
-class ZrFile;  // of the platform
+class ZrBodyInlet;  // of the transceiver
+class ZrFile;       // of the platform
 class ZrHeaderFields;
 class ZrHTTPMessageBlockDisposition;
 class ZrPeerWatch;

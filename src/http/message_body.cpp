@@ -11,6 +11,7 @@ ZrReadResult ZrXHeader::BodyState() const {
 }
 
 bool ZrXHeader::KeepBody(std::uint64_t expected) {
+  if (bodyFlows) return true;
   if (!reading.store) {
     if (!bodyUnwanted && expected <= ZrBodyStore::kHeapLimit) return true;
     reading.store = bodyUnwanted ? ZrBodyStore::Nowhere() : ZrBodyStore::InAFile();
@@ -19,6 +20,29 @@ bool ZrXHeader::KeepBody(std::uint64_t expected) {
   if (!reading.store->Take(*body)) return false;
   reading.elsewhere = reading.store->Size();
   return true;
+}
+
+std::size_t ZrXHeader::TakeArrivedBody(ZrStringBuf& to) {
+  const std::size_t count = body->Size();
+  reading.elsewhere += count;
+  if (to.Empty())
+    std::swap(to, *body);
+  else
+    to.Append(body->Unread());
+  body->Clear();
+  return count;
+}
+
+std::shared_ptr<ZrXHeader> ZrXHeader::MakeBodyReader() {
+  auto reader = zr::MakeJob<ZrXHeader>(messageType, protocol);
+  reader->semantics = semantics;
+  reader->kind = kind.load();
+  reader->bodyFlows = true;
+  reader->declaredLength = declaredLength;
+  reader->reading = std::exchange(reading, {});
+  reading.inHead = false;
+  reader->body = std::exchange(body, std::make_unique<ZrStringBuf>());
+  return reader;
 }
 
 bool ZrXHeader::FinishBody() {

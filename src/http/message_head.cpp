@@ -58,6 +58,7 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
   if (words.size() >= 2) answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
   answer->route.assign(route.rbegin(), route.rend());
   answer->ends = ends;
+  answer->inlet = inlet;
   return answer;
 }
 

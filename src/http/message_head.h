@@ -110,6 +110,10 @@ class ZrXHeader : public ZrJob {
   [[nodiscard]] bool KeepBody(std::uint64_t expected);
   /// The body is complete: `body` gives it, wherever it lies. No: the system refused that.
   [[nodiscard]] bool FinishBody();
+  /// Moves what `body` holds to the end of the target, of a body that flows. Returns its bytes.
+  std::size_t TakeArrivedBody(ZrStringBuf& to);
+  /// A message that reads on where this one is: to be the reader of its body.
+  std::shared_ptr<ZrXHeader> MakeBodyReader();
   /// Bytes of the body that have come so far, wherever they lie.
   std::uint64_t BodyBytes() const { return reading.elsewhere + (body ? body->Size() : 0); }
 
@@ -196,9 +200,13 @@ class ZrXHeader : public ZrJob {
   std::shared_ptr<const std::string> fileBytes;  // the whole file, where it is in memory already
   bool cgiHeadPending = false;                   // `body` begins with the head lines of a program
   bool closeRequested = false;                   // the "connection" field asks for "close"
-  bool endUncertain = false;             // nothing behind this message may be read as another one
-  bool bodyUnwanted = false;             // set when the head is complete: nobody can take the body
-  ZrMemoryShare memory;                  // what the body occupies on the heap
+  bool endUncertain = false;  // nothing behind this message may be read as another one
+  // Set when the head is complete: nobody can take the body / its reader takes it as it comes.
+  bool bodyUnwanted = false;
+  bool bodyFlows = false;
+  std::shared_ptr<ZrBodyInlet> inlet;  // ... from here; also of the answer
+  bool restOnly = false;  // received: its answer was given, only the rest of its body is read
+  ZrMemoryShare memory;   // what the body occupies on the heap
   std::unique_ptr<ZrStringBuf> surplus;  // received: what belongs to the next message; may be none
 
   // The answer.

@@ -7,6 +7,7 @@
 #include "http/message_head.h"
 #include "jobs/job_event.h"
 #include "servers/head_output.h"
+#include "transceiver/body_inlet.h"
 #include "transceiver/message_ends.h"
 #include "transceiver/message_handler.h"
 #include "transceiver/receive_pass.h"
@@ -186,12 +187,21 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
     if (head->memory.Bytes() == 0) head->memory = ZrMemoryShare(transceiver.Memory());
     head->memory.Set(held);
   }
+  if (head->restOnly) {
+    ReadOff(connection, *head, step);
+    return nullptr;
+  }
   if (step == ZrReadStep::kContinue) {
     std::size_t accepted = 0;
     connection->SendBytes(kContinue.data(), kContinue.size(), accepted);
     transceiver.FlushConnection(*connection);
   }
-  if (step == ZrReadStep::kBody || step == ZrReadStep::kContinue) {
+  const bool incomplete = step == ZrReadStep::kBody || step == ZrReadStep::kContinue;
+  if (incomplete && head->bodyFlows) {
+    head->inlet = std::make_shared<ZrBodyInlet>(head->MakeBodyReader(), connection);
+    return head;
+  }
+  if (incomplete) {
     connection->NoteBody(*head->semantics, head->BodyBytes(), head->body->HeapBytes());
     Rest(connection->JobName(), true);
     return nullptr;
@@ -201,6 +211,21 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
   DropMessage(connection->JobName());
   connection->CloseAfterItem();
   return nullptr;
+}
+
+// As for a body that nobody wants: counted and dropped, within the same limits.
+void ZrTransceiverServerL1HTTP::ReadOff(const ConnectionPointer& connection, ZrXHeader& head,
+                                        ZrReadStep step) {
+  ZrStringBuf dropped;
+  head.TakeArrivedBody(dropped);
+  if (step == ZrReadStep::kBody) {
+    connection->NoteBody(*head.semantics, head.BodyBytes(), 0);
+    return Rest(connection->JobName(), true);
+  }
+  connection->EndBody();
+  if (head.surplus) connection->PutBack(*head.surplus);
+  if (head.refusal != 0) connection->CloseAfterItem();
+  DropMessage(connection->JobName());
 }
 
 bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,
@@ -360,6 +385,7 @@ bool ZrTransceiverServerL1HTTP::SendHead(const ConnectionPointer& connection,
   } else {
     if (connection && transceiver != nullptr) Write(*transceiver, *connection, *head);
     LeaveJoinedTask(head->target);
+    if (connection && head->inlet) CutBody(*connection, *head);
     if (connection && !isRequest) EndTurn(connection);
   }
   if (connection && !Callback()) throw std::bad_function_call();
@@ -378,9 +404,23 @@ void ZrTransceiverServerL1HTTP::EndAnswer(const ConnectionPointer& connection,
     // For want of memory it goes without a line.
   }
   if (ended == Ended::kCut) connection->CloseAfterItem();
+  if (head->inlet) CutBody(*connection, *head);
   if (ZrTransceiver* const transceiver = Transceiver(); ended == Ended::kReset && transceiver)
     transceiver->ResetConnection(*connection);
   EndTurn(connection);
+}
+
+// Before the turn ends: what comes next is not read as a request.
+void ZrTransceiverServerL1HTTP::CutBody(const ZrTransceiverConnection& connection,
+                                        ZrXHeader& answer) {
+  std::shared_ptr<ZrXHeader> rest = answer.inlet->Cut();
+  if (!rest) return;
+  rest->restOnly = true;
+  ZrLock hold(requestLock_);
+  const auto found = exchanges_.find(connection.JobName());
+  if (found == exchanges_.end()) return;
+  found->second.head.swap(rest);
+  found->second.bodyUnderWay = true;
 }
 
 void ZrTransceiverServerL1HTTP::Write(ZrTransceiver& transceiver,

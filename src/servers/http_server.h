@@ -99,6 +99,10 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   bool IsAtWork(const std::string& connectionName);
   void Rest(const std::string& connectionName, bool bodyUnderWay);
   void DropMessage(const std::string& connectionName);
+  /// More came of a message whose answer was given.
+  void ReadOff(const ConnectionPointer& connection, ZrXHeader& head, ZrReadStep step);
+  /// The answer was given: what has not come yet of the request's body is read off.
+  void CutBody(const ZrTransceiverConnection& connection, ZrXHeader& answer);
   /// Takes a complete message off, which is handed out then. Its answer ends the turn, and the next
   /// message may be read by another thread before the handler has returned.
   void LetGo(const std::string& connectionName);

@@ -151,6 +151,7 @@ void ZrTransceiverConnection::OnReceived(const char* data, std::size_t length) {
   if (data == nullptr || length == 0 || IsClosing()) return;
   Touch();
   if (turn_.Receive({data, length})) Announce();
+  TellInput();
 }
 
 // On this thread when the server is free for it: one hand-over less on the way of a request.
@@ -163,6 +164,26 @@ void ZrTransceiverConnection::Announce() {
 
 void ZrTransceiverConnection::TakeReceived(ZrStringBuf& target) {
   if (turn_.Take(target)) owner_.ResumeReading(*this);
+}
+
+void ZrTransceiverConnection::TakeMore(ZrStringBuf& target) {
+  if (turn_.TakeMore(target)) owner_.ResumeReading(*this);
+}
+
+void ZrTransceiverConnection::OnInput(std::function<void()> action) {
+  tellsInput_ = static_cast<bool>(action);
+  ZrLock hold(roomLock_);
+  onInput_.swap(action);  // the old one is released without the lock
+}
+
+void ZrTransceiverConnection::TellInput() {
+  if (!tellsInput_) return;
+  std::function<void()> action;
+  {
+    ZrLock hold(roomLock_);
+    action = onInput_;
+  }
+  if (action) action();
 }
 
 void ZrTransceiverConnection::ExpectAnswers() { turn_.BecomeAsking(); }
@@ -215,6 +236,7 @@ bool ZrTransceiverConnection::IsBusy() { return turn_.InItem() || turn_.HasBytes
 // What was asked before the peer ended its side is still answered.
 ZrTransceiverConnection::PeerEnd ZrTransceiverConnection::OnPeerFinished() {
   const bool busy = turn_.EndInput();
+  TellInput();
   if (IsClosing()) return lingerUntil_ != 0 ? PeerEnd::kRemove : PeerEnd::kKeep;
   if (busy) return PeerEnd::kKeep;
   return SendPending() ? PeerEnd::kFinish : PeerEnd::kRemove;

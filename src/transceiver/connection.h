@@ -164,6 +164,11 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// Who writes a long answer is told by this when there is room for more; an empty one ends it.
   /// Called on the threads that send, with no lock held, possibly once more while it is exchanged.
   void OnRoom(std::function<void()> action) ZR_EXCLUDES(roomLock_);
+  /// Who takes what comes during the item in progress, which is the body of its request, is told by
+  /// this when something came or the peer has ended its side; as above.
+  void OnInput(std::function<void()> action) ZR_EXCLUDES(roomLock_);
+  /// Moves all received bytes to the end of the target, within the item; reading goes on.
+  void TakeMore(ZrStringBuf& target);
   /// Whether more than `full` bytes wait to be sent: the action is then called once, when at most
   /// `room` do.
   bool AwaitRoom(std::uint64_t full, std::uint64_t room);
@@ -236,6 +241,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   bool AwaitsAnswer();
   void AfterEnd(AfterItem next, bool resume);
   void CallRoom() ZR_EXCLUDES(roomLock_);
+  void TellInput() ZR_EXCLUDES(roomLock_);
 
   // Constant after construction.
   ZrTransceiver& owner_;
@@ -255,6 +261,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::atomic<std::uint64_t> roomMark_{kNoMark};  // somebody waits until no more is queued
   ZrMutex roomLock_;                              // never held while calling out
   std::function<void()> onRoom_ ZR_GUARDED_BY(roomLock_);
+  std::function<void()> onInput_ ZR_GUARDED_BY(roomLock_);
+  std::atomic<bool> tellsInput_{false};  // onInput_ is set
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
   std::atomic<bool> late_{false};           // TellLate() was called

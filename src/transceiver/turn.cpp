@@ -90,8 +90,7 @@ bool ZrTurn::Receive(std::string_view bytes) {
 // Buffers change hands instead of being copied, so that many messages in one buffer are taken apart
 // in time linear in their bytes. In an item reading goes on when that has ended, not when its bytes
 // are taken: some of them may come back.
-bool ZrTurn::Take(ZrStringBuf& target) {
-  ZrLock hold(lock_);
+void ZrTurn::Move(ZrStringBuf& target) {
   if (target.Empty() && bytes_.Size() >= kHandOver) {
     target = std::move(bytes_);
   } else {
@@ -100,7 +99,18 @@ bool ZrTurn::Take(ZrStringBuf& target) {
   }
   Count();
   Apply(Event::kTaken);
+}
+
+bool ZrTurn::Take(ZrStringBuf& target) {
+  ZrLock hold(lock_);
+  Move(target);
   return !InItem() && Resume();
+}
+
+bool ZrTurn::TakeMore(ZrStringBuf& target) {
+  ZrLock hold(lock_);
+  Move(target);
+  return Resume();
 }
 
 void ZrTurn::PutBack(ZrStringBuf& bytes) {

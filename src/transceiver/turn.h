@@ -113,6 +113,8 @@ class ZrTurn {
   bool Receive(std::string_view bytes) ZR_EXCLUDES(lock_);
   /// Moves all bytes to the end of the target. Yes: reading had paused and goes on.
   bool Take(ZrStringBuf& target) ZR_EXCLUDES(lock_);
+  /// The same for the item in progress, of which nothing will be put back that is read by others.
+  bool TakeMore(ZrStringBuf& target) ZR_EXCLUDES(lock_);
   /// Puts bytes back in front; the buffer is left empty.
   void PutBack(ZrStringBuf& bytes) ZR_EXCLUDES(lock_);
   /// Forgets all bytes.
@@ -146,6 +148,7 @@ class ZrTurn {
 
  private:
   Effect Apply(Event event) ZR_REQUIRES(lock_);
+  void Move(ZrStringBuf& target) ZR_REQUIRES(lock_);
   After EndLocked(bool& resume) ZR_REQUIRES(lock_);
   bool OutputFull() const { return output_.Bytes() > kOutputMark; }
   bool Resume() ZR_REQUIRES(lock_);

@@ -128,6 +128,65 @@ TEST_F(StandardPrograms, EndWithTheirPeerAndLeaveOthersTheirTurn) {
   EXPECT_TRUE(answer.ends_with("4\r\ntwo\n\r\n0\r\n\r\n")) << answer;
 }
 
+TEST_F(StandardPrograms, TheirInputArrivesAsItIsSent) {
+  const std::string text = R"(printf 'Content-Type: text/event-stream\n\n'; )";
+  Program("lines", text + R"(while read -r line; do echo "$CONTENT_LENGTH $line"; done)");
+  Program("unread", text + "exec <&-; printf unread");
+  Program("whole",
+          text + R"(touch ')" + folder_.Path("runs") + "'; cat; rm '" + folder_.Path("runs") + "'");
+  const auto ask = [](const std::string& name, std::size_t length) {
+    return "POST /cgi-bin/" + name +
+           " HTTP/1.1\r\nHost: h\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+  };
+  RawClient client(served_.Port("http"));
+  client.Send(ask("lines", 8) + "one\n");
+  EXPECT_NE(client.ReadUntil("8 one\n").find("8 one\n"), std::string::npos);
+  client.Send("two\n");
+  EXPECT_NE(client.ReadUntil("0\r\n\r\n").find("8 two\n"), std::string::npos);
+  // What a program leaves unread, or nobody reads, is no request, wherever the answer came.
+  std::string others;
+  while (others.size() < 600'000) others += "GET /absent HTTP/1.1\r\nHost: h\r\n\r\n";
+  for (const char* name : {"unread", "nothing"}) {
+    client.Send(ask(name, 2 * others.size()) + others);
+    client.ReadUntil(name == std::string("unread") ? "0\r\n\r\n" : "</html>");
+    client.Send(others + ask("lines", 4) + "end\n");
+    const std::string answer = client.ReadUntil("0\r\n\r\n");
+    EXPECT_TRUE(answer.starts_with("HTTP/1.1 200 OK") && answer.find("4 end") != answer.npos)
+        << answer;
+  }
+  // Whoever goes in the middle ends the program.
+  for (const bool resets : {false, true}) {
+    RawClient leaving(served_.Port("http"));
+    leaving.Send(ask("whole", 9) + "body");
+    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(folder_.Path("runs")); }));
+    if (resets) {
+      leaving.Reset();
+    } else {
+      leaving.FinishSending();
+      bool ended = false;
+      leaving.ReadToEnd(&ended);
+      EXPECT_TRUE(ended);
+    }
+    EXPECT_TRUE(WaitFor([&] {
+      return RunProgram({"pgrep", "-f", "--", folder_.Path("cgi-bin/whole")}).status != 0;
+    }));
+    EXPECT_TRUE(std::filesystem::remove(folder_.Path("runs")));  // it did not come to its end
+  }
+  // While a program does not read, nobody takes its input from the client.
+  Program("stands", text + Wait("go"));
+  Program("back", text + "cat");
+  const std::string sent = Pattern(40 << 20);
+  const std::string file = outside_.Write("big", sent);
+  for (const char* protocol : {"http", "https"}) {
+    const RunResult held =
+        served_.Curl(protocol, "/cgi-bin/stands",
+                     {"-T", file, "-m", "2", "-o", "/dev/null", "-w", "%{size_upload}"});
+    EXPECT_EQ(held.status, 28);
+    EXPECT_LT(std::stoul(held.out), sent.size() / 2) << protocol;
+    EXPECT_TRUE(served_.Curl(protocol, "/cgi-bin/back", {"-T", file}).out == sent) << protocol;
+  }
+}
+
 // An application of others: logs in, is redirected, takes a file of commands, gives a table back.
 TEST_F(StandardPrograms, PhpApplicationWorksBeyondItsFirstPage) {
   // It counts failed log-ins by peer for half an hour in the temporary folder.

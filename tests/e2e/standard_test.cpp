@@ -195,7 +195,7 @@ TEST_F(Standard, BodiesAreCompressedForWhoAcceptsIt) {
     EXPECT_EQ(field(got.out.substr(0, end), "Content-Encoding"), c.coding);
     EXPECT_TRUE(got.out.substr(end) == Curl(c.path, {}).out) << got.err;
     // A version that the client has is not made for it again.
-    const std::string tag = field(got.out, "Etag");
+    const std::string tag = field(got.out, "ETag");
     if (tag == "-") continue;
     EXPECT_EQ(tag.ends_with(std::string(c.coding) + "\""), c.coding != "-");
     EXPECT_EQ(Asked(c.path, {"-H", accepts, "-H", "If-None-Match: " + tag}), "|304");
@@ -227,12 +227,12 @@ TEST_F(Standard, FilesHaveTypesVersionsAndParts) {
   EXPECT_EQ(field("/a%20b", "Content-Type"), "application/octet-stream");
   EXPECT_EQ(field("/app.mjs", "Accept-Ranges"), "bytes");
   // A version that the client has is not sent again; one that it does not mean is refused.
-  const std::string tag = field("/app.mjs", "Etag");
+  const std::string tag = field("/app.mjs", "ETag");
   const std::string date = field("/app.mjs", "Last-Modified");
   EXPECT_EQ(Asked("/app.mjs", {"-H", "If-None-Match: " + tag}), "|304");
   EXPECT_EQ(Asked("/app.mjs", {"-H", "If-Modified-Since: " + date}), "|304");
   EXPECT_TRUE(Asked("/app.mjs", {"-H", "If-Match: \"other\""}).ends_with("|412"));
-  EXPECT_NE(field("/large", "Etag"), tag);
+  EXPECT_NE(field("/large", "ETag"), tag);
   // Parts, from memory and from the disk.
   EXPECT_EQ(Asked("/app.mjs", {"-r", "0-5"}), "export|206");
   EXPECT_EQ(Asked("/large", {"-r", "99999-"}), "az|206");
