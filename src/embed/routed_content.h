@@ -18,8 +18,8 @@ class ZrRoutedContent final : public ZrContentHandler {
   bool ServeRequest(ZrTransceiverClient& client,
                     const std::shared_ptr<ZrXHeader>& request) override;
   bool ReadsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;
-  /// Handing a request to the pool waits for nothing.
   bool StreamsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;
+  /// Handing a request to the pool waits for nothing.
   bool CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) override;
   void AnswerNotFound(ZrTransceiverClient& client,
                       const std::shared_ptr<ZrXHeader>& request) override;
