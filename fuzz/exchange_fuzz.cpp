@@ -18,6 +18,7 @@
 #include "tests/support/raw_client.h"
 #include "tests/support/server_bed.h"
 #include "tests/support/unread_by_peer.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -55,9 +56,17 @@ class Server {
         ZR_FUZZ_CHECK(ended || !bytes.empty());
       }
     }
+    // A request of a client that has gone may still be in its handler's hands; one queue for all.
+    {
+      zrtest::RawClient last(port_);
+      bool ended = false;
+      last.Send("GET /last HTTP/1.1\r\nHost: h\r\n\r\n");
+      last.FinishSending();
+      ZR_FUZZ_CHECK(!last.ReadToEnd(&ended).empty() && ended);
+    }
     ZR_FUZZ_CHECK(bed_.WaitForConnections(0));
-    ZR_FUZZ_CHECK(bed_.transceiver.Memory()->Used() == 0);
-    handled = handled_;
+    ZR_FUZZ_CHECK(zrtest::WaitFor([this] { return bed_.transceiver.Memory()->Used() == 0; }));
+    handled = handled_ - 1;
     return answers;
   }
 
