@@ -28,8 +28,8 @@ using TextPairs = std::vector<std::pair<std::string, std::string>>;
 
 /// What is asked. All but the URL may be left out.
 struct ClientRequest {
-  std::string
-      url;  ///< http:// or https://, with what else belongs to it: query, encoded characters
+  /// http:// or https://, with what else belongs to it: query, encoded characters; or quarn://.
+  std::string url;
   /// GET, HEAD, POST, PUT, PATCH or DELETE; empty: POST with fields or a body, else GET.
   std::string method = {};
   TextPairs fields = {};  ///< a form, sent as multipart/form-data

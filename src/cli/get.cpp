@@ -1,12 +1,11 @@
-// velkoro get: sends requests through the pools of outgoing connections and writes the bodies of
-// their answers, in the order in which they were asked for. Answers come on threads of the library;
-// this thread sends, waits and writes.
+// velkoro get: sends requests and writes the bodies of their answers, in the order in which they
+// were asked for.
 
 #include <chrono>
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <map>
+#include <future>
 #include <memory>
 #include <optional>
 #include <set>
@@ -17,27 +16,21 @@
 #include "base/printable.h"
 #include "cli/command.h"
 #include "cli/requesturl.h"
-#include "handlers/request_handler.h"
-#include "http/form_writer.h"
-#include "http/message_head.h"
-#include "jobs/scheduler.h"
 #include "platform/filesystem.h"
 #include "platform/io.h"
 #include "platform/output.h"
-#include "platform/sync.h"
-#include "servers/protocol_servers.h"
-#include "servers/request_pool.h"
-#include "transceiver/transceiver.h"
+#include "velkoro/client.h"
 
 namespace zr::cli {
 namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::uint64_t kFirstErrorStatus = 400;
 constexpr double kMaxTimeout = 86400;
 constexpr std::size_t kMaxPemBytes = std::size_t{16} << 20;
-constexpr const char* kNoAnswerInTime = "no answer within --timeout";
+constexpr const char* kNoAnswerInTime = "timed out (no answer within --timeout)";
+// Without --timeout the limits for silence count alone.
+constexpr std::chrono::hours kNoTimeout{24};
 constexpr int kMaxRepeat = 1'000'000;
 // Requests that are sent and not written yet, at most: their answers are held in memory.
 constexpr std::size_t kMostOpen = 64;
@@ -62,58 +55,8 @@ struct GetOptions {
   bool insecure = false;
 };
 
-/// What became of one request.
-struct Outcome {
-  std::shared_ptr<ZrXHeader> answer;  // empty when it failed
-  ZrSendFailure failure;
-};
-
-/// Keeps outcomes by the names of their requests until they are taken.
-class Asker final : public ZrTransceiverClient {
- public:
-  Asker() : ZrTransceiverClient([](ZrServerCallback_t&) { return true; }, {}, nullptr, nullptr) {}
-
-  bool AcceptHttpAnswer(const std::string& name,
-                        const std::shared_ptr<ZrXHeader>& answer) override {
-    Keep(name, {answer, {}});
-    return ZrTransceiverClient::AcceptHttpAnswer(name, answer);
-  }
-  bool AcceptQuarnAnswer(const std::string& name,
-                         const std::shared_ptr<ZrXHeader>& answer) override {
-    Keep(name, {answer, {}});
-    return true;
-  }
-  void MessageFailed(const std::string& name, const ZrSendFailure& failure) override {
-    Keep(name, {nullptr, failure});
-  }
-
-  /// Waits for the outcome of that request; timed out when the deadline passes.
-  Outcome Take(const std::string& name, std::optional<steady_clock::time_point> deadline)
-      ZR_EXCLUDES(outcomeLock_) {
-    ZrLock hold(outcomeLock_);
-    const auto came = [this, &name]()
-                          ZR_REQUIRES(outcomeLock_) { return outcomes_.contains(name); };
-    if (!deadline)
-      arrived_.Wait(outcomeLock_, came);
-    else if (!arrived_.WaitFor(outcomeLock_, *deadline - steady_clock::now(), came))
-      return {nullptr, {ZrSendFailureKind::kTimedOut, kNoAnswerInTime}};
-    return std::move(outcomes_.extract(name).mapped());
-  }
-
- private:
-  void Keep(const std::string& name, Outcome outcome) ZR_EXCLUDES(outcomeLock_) {
-    ZrLock hold(outcomeLock_);
-    outcomes_.insert_or_assign(name, std::move(outcome));
-    arrived_.NotifyAll();
-  }
-
-  ZrMutex outcomeLock_;
-  ZrCondition arrived_;  // outcomes_ grew
-  std::map<std::string, Outcome> outcomes_ ZR_GUARDED_BY(outcomeLock_);
-};
-
-FormFields Fields(const std::vector<std::string>& given) {
-  FormFields fields;
+velkoro::TextPairs Fields(const std::vector<std::string>& given) {
+  velkoro::TextPairs fields;
   for (const std::string& text : given) {
     const std::size_t mark = text.find('=');
     if (mark == std::string::npos || mark == 0)
@@ -171,28 +114,17 @@ class Getting {
                                ReadFailure(error, "16 MiB"));
     }
     fields_ = Fields(options_.post);
-    std::vector<RequestUrl> urls;
-    for (const std::string& text : options_.urls) urls.push_back(ParseRequestUrl(text));
+    for (const std::string& text : options_.urls) ParseRequestUrl(text);
     Output output(options_.output);
     if (options_.timeout > 0) deadline_ = steady_clock::now() + Limit();
-    ZrRinvalScheduler2 scheduler;
-    ZrTransceiver transceiver(scheduler, ProtocolServers(OutgoingPools()));
-    const auto asker = MakeJob<Asker>();
-    transceiver.AddClient(asker);
-    try {
-      SendAll(*asker, urls, output);
-      while (!asked_.empty()) TakeFirst(*asker, output);
-    } catch (...) {
-      End(transceiver, asker);
-      throw;
-    }
-    End(transceiver, asker);
+    AskAll(output);
+    while (!asked_.empty()) TakeFirst(output);
     return succeeded_ ? kSuccess : kFailure;
   }
 
  private:
   struct Asked {
-    std::string name;
+    std::future<velkoro::Outcome> coming;
     const std::string* url;  // as the user wrote it
   };
 
@@ -200,75 +132,52 @@ class Getting {
     return std::chrono::ceil<std::chrono::milliseconds>(
         std::chrono::duration<double>(options_.timeout));
   }
-
-  static void End(ZrTransceiver& transceiver, const std::shared_ptr<Asker>& asker) {
-    transceiver.StopServers();
-    transceiver.RemoveClient(asker);
+  std::chrono::milliseconds Left() const {
+    return std::chrono::ceil<std::chrono::milliseconds>(*deadline_ - steady_clock::now());
   }
-
-  std::shared_ptr<ZrXHeader> Request(const RequestUrl& url) const {
-    auto head = MakeJob<ZrXHeader>(ZrMessageType::kGet, url.protocolKind);
-    head->kind = ZrMessageKind::kRequest;
-    head->host = url.host;
-    head->port = static_cast<std::uint64_t>(url.port);
-    head->path = url.target;
-    head->connectOptions.Set("quiet", "yes");
-    if (!options_.insecure) head->connectOptions.Set("cacertificate", options_.ca);
-    if (deadline_) head->connectOptions.Set("timeout", std::to_string(Limit().count()));
-    if (!fields_.empty()) SetFormBody(*head, fields_);
-    head->SetState(kHeadStateComplete);
-    return head;
-  }
-
-  bool TimeIsUp() const { return deadline_ && steady_clock::now() >= *deadline_; }
 
   // A target that cannot be reached is not tried again for each of the repetitions.
-  void SendAll(Asker& asker, const std::vector<RequestUrl>& urls, Output& output) {
-    for (std::size_t i = 0; i < urls.size(); ++i) {
-      bool reached = true;
-      for (int round = 0; round < options_.repeat && reached; ++round) {
-        if (asked_.size() == kMostOpen) TakeFirst(asker, output);
-        if (TimeIsUp()) {
-          Fail(options_.urls[i], {ZrSendFailureKind::kTimedOut, kNoAnswerInTime});
+  void AskAll(Output& output) {
+    for (const std::string& url : options_.urls) {
+      for (int round = 0; round < options_.repeat && !failed_.contains(url); ++round) {
+        if (asked_.size() == kMostOpen) TakeFirst(output);
+        const std::chrono::milliseconds left = deadline_ ? Left() : kNoTimeout;
+        if (left.count() <= 0) {
+          Fail(url, kNoAnswerInTime);
           break;
         }
-        const auto head = Request(urls[i]);
-        asked_.push_back({head->JobName(), &options_.urls[i]});
-        reached = asker.SendMessage(head) == head->JobName();
+        asked_.push_back({client_.Ask({.url = url,
+                                       .fields = fields_,
+                                       .timeLimit = left,
+                                       .verify = !options_.insecure,
+                                       .trusted = options_.ca}),
+                          &url});
       }
     }
   }
 
-  void TakeFirst(Asker& asker, Output& output) {
-    const Asked one = std::move(asked_.front());
+  void TakeFirst(Output& output) {
+    Asked one = std::move(asked_.front());
     asked_.pop_front();
-    const Outcome outcome = asker.Take(one.name, deadline_);
-    if (!outcome.answer) return Fail(*one.url, outcome.failure);
-    const ZrXHeader& answer = *outcome.answer;
+    const velkoro::Outcome outcome = one.coming.get();
+    if (outcome.status == 0) return Fail(*one.url, outcome.error);
+    const std::string status = std::to_string(outcome.status);
     if (options_.verbose) {
       std::string line;
-      AppendPrintable(line, StatusLine(answer) + " " + *one.url + " (" +
-                                std::to_string(answer.body->Size()) + " bytes)");
+      AppendPrintable(
+          line, status + " " + *one.url + " (" + std::to_string(outcome.body.size()) + " bytes)");
       WriteErrorText(line + "\n");
-    } else if (answer.status >= kFirstErrorStatus) {
-      Say(*one.url + ": answered with status " + std::to_string(answer.status));
+    } else if (!outcome) {
+      Say(*one.url + ": answered with status " + status);
     }
-    succeeded_ = succeeded_ && answer.status < kFirstErrorStatus;
-    output.Write(answer.body->Unread());
+    succeeded_ = succeeded_ && outcome;
+    output.Write(outcome.body);
   }
 
-  static std::string StatusLine(const ZrXHeader& answer) {
-    std::string line;
-    for (const std::string_view word : answer.headers[kFirstLine])
-      line += (line.empty() ? "" : " ") + std::string(word);
-    return line;
-  }
-
-  void Fail(const std::string& url, const ZrSendFailure& failure) {
+  void Fail(const std::string& url, const std::string& why) {
     succeeded_ = false;
-    std::string text = url + ": " + std::string(SendFailureReason(failure.kind));
-    if (!failure.detail.empty()) text += " (" + failure.detail + ")";
-    Say(text);
+    failed_.insert(url);
+    Say(url + ": " + why);
   }
 
   // The same failure of many repetitions is one line.
@@ -277,9 +186,11 @@ class Getting {
   }
 
   const GetOptions options_;
-  FormFields fields_;
+  velkoro::TextPairs fields_;
   std::optional<steady_clock::time_point> deadline_;
-  std::deque<Asked> asked_;  // sent and not written, in order
+  velkoro::Client client_;
+  std::deque<Asked> asked_;       // sent and not written, in order
+  std::set<std::string> failed_;  // URLs without an answer
   std::set<std::string> said_;
   bool succeeded_ = true;
 };

@@ -50,8 +50,6 @@ zr::RequestAddress AddressOf(const std::string& url) {
   } catch (const zr::AddressError& error) {
     throw ClientError("'" + url + "': " + error.what());
   }
-  if (address.protocolKind != zr::kProtocolHttp && address.protocolKind != zr::kProtocolHttps)
-    throw ClientError("'" + url + "': the protocol must be https or http");
   return address;
 }
 
@@ -86,7 +84,7 @@ std::shared_ptr<ZrXHeader> MakeHead(const ClientRequest& request) {
   const zr::RequestAddress address = AddressOf(request.url);
   auto head = zr::MakeJob<ZrXHeader>(method.hasBody ? ZrMessageType::kPost : ZrMessageType::kGet,
                                      address.protocolKind);
-  head->semantics = &ZrSemantics::Standard();
+  if (address.protocolKind != zr::kProtocolQuarn) head->semantics = &ZrSemantics::Standard();
   head->kind = ZrMessageKind::kRequest;
   head->method = method.method;
   head->host = address.host;
@@ -258,6 +256,11 @@ class [[gnu::visibility("hidden")]] Client::Asking {
                           const std::shared_ptr<ZrXHeader>& answer) override {
       asking_.End(name, answer, {});
       return ZrTransceiverClient::AcceptHttpAnswer(name, answer);
+    }
+    bool AcceptQuarnAnswer(const std::string& name,
+                           const std::shared_ptr<ZrXHeader>& answer) override {
+      asking_.End(name, answer, {});
+      return true;
     }
     void MessageFailed(const std::string& name, const ZrSendFailure& failure) override {
       asking_.End(name, nullptr, failure);

@@ -9,11 +9,12 @@
 namespace {
 
 // Requests share connections when they agree on the target and on how it is connected to: what was
-// to be verified never goes over a line that was not.
+// to be verified never goes over a line that was not. How long connecting may take is no
+// difference.
 std::string PoolKey(const ZrXHeader& request) {
   std::string key = request.TargetUrl();
   for (const auto& [name, value] : request.connectOptions.entries())
-    key.append("\n").append(name).append("=").append(value);
+    if (name != "timeout") key.append("\n").append(name).append("=").append(value);
   return key;
 }
 

@@ -68,8 +68,8 @@ TEST(Get, SendsFormsThatOthersCanRead) {
         Get({Url("http", peer.Port(), "/p?q=r"), "--post", "a=1", "--post", "b\"c=x\ny"}).status,
         0);
   }
-  EXPECT_TRUE(seen.starts_with("POST /p?q=r HTTP/1.1\r\nHost: 127.0.0.1")) << seen;
-  EXPECT_NE(seen.find("\r\nUser-Agent: velkoro/1.28.1(96)\r\n"), std::string::npos) << seen;
+  EXPECT_TRUE(seen.starts_with("POST /p?q=r HTTP/1.1\r\nhost: 127.0.0.1")) << seen;
+  EXPECT_NE(seen.find("\r\nuser-agent: velkoro/1.28.1(96)\r\n"), std::string::npos) << seen;
   const std::size_t mark = seen.find("boundary=") + 9;
   const std::string boundary = seen.substr(mark, seen.find("\r\n", mark) - mark);
   EXPECT_EQ(seen.substr(seen.find("\r\n\r\n") + 4),

@@ -43,6 +43,9 @@ class Client : public testing::Test {
     server_.Handle("GET", "/insecure", [this](const Request&, Answer& answer) {
       answer.Redirect(server_.Url() + "/echo");
     });
+    server_.Handle("GET", "/port", [](const Request& request, Answer& answer) {
+      answer.Text(std::to_string(request.Peer().port));
+    });
     server_.Handle("GET", "/never",
                    [this](const Request&, Answer& answer) { kept_.push_back(answer.Defer()); });
     server_.Start();
@@ -107,6 +110,8 @@ TEST_F(Client, EachRequestHasItsOutcome) {
       Ask({.url = Url("/echo"), .fields = {{"field", "a\"b"}}}).starts_with("200 POST  a\"b "));
   EXPECT_TRUE(Ask({.url = "http://127.0.0.1:1/"}).starts_with("0 connection refused"));
   EXPECT_TRUE(Ask({.url = Url("/echo", 1)}).starts_with("0 TLS failure"));
+  const std::string port = Ask({.url = Url("/port"), .timeLimit = 30s});
+  EXPECT_EQ(Ask({.url = Url("/port"), .timeLimit = 20s}), port);  // the same connection
   const Outcome outcome = client_
                               .Ask({.url = Url("/to/307"),
                                     .body = "x",

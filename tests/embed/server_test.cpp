@@ -292,10 +292,12 @@ TEST(Server, AHandlerThatFailsCostsItsOwnAnswerOnly) {
   server.Start();
   EXPECT_EQ(Ask(server, "/throw").find("half"), std::string::npos);
   for (const char* path : {"/silent", "/number"}) EXPECT_TRUE(Ask(server, path).ends_with("[500]"));
-  const std::lock_guard hold(lock);
-  EXPECT_EQ(told, (std::vector<std::string>{"GET /throw: broken",
-                                            "GET /silent: an exception without text",
-                                            "GET /number: an exception of unknown type"}));
+  {
+    const std::lock_guard hold(lock);
+    EXPECT_EQ(told, (std::vector<std::string>{"GET /throw: broken",
+                                              "GET /silent: an exception without text",
+                                              "GET /number: an exception of unknown type"}));
+  }
   EXPECT_NE(CapturedErrors().find("velkoro: GET /throw: broken\n"), std::string::npos);
   EXPECT_TRUE(refused);
   for (const char* path : {"/status", "/field", "/cookie", "/redirect", "/name"})

@@ -7,12 +7,13 @@
 namespace zrtest {
 
 std::string PeerConnection::ReadRequest() {
-  constexpr std::string_view kLength = "Content-Length: ";
+  constexpr std::string_view kLength = "content-length: ";
   std::size_t end = 0;
   while ((end = unread_.find("\r\n\r\n")) == std::string::npos) {
     if (!ReadMore()) return {};
   }
-  const std::string head = unread_.substr(0, end);
+  std::string head = unread_.substr(0, end);
+  for (char& c : head) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
   const std::size_t at = head.find(kLength);
   return ReadBytes(end + 4 +
                    (at == std::string::npos ? 0 : std::stoul(head.substr(at + kLength.size()))));
