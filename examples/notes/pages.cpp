@@ -57,8 +57,9 @@ void AddCard(Element list, const Note& note) {
 
 std::string PageLink(const std::string& words, int page) {
   std::string encoded;
-  for (const unsigned char byte : words) {
+  for (const char letter : words) {
     constexpr const char* kDigits = "0123456789ABCDEF";
+    const auto byte = static_cast<unsigned char>(letter);
     encoded += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
   }
   return "/?q=" + encoded + "&page=" + std::to_string(page);
