@@ -55,15 +55,6 @@ void AddCard(Element list, const Note& note) {
   Add(card, "small", {}, note.changed);
 }
 
-std::string PageLink(const std::string& words, int page) {
-  std::string encoded;
-  for (const unsigned char byte : words) {
-    constexpr const char* kDigits = "0123456789ABCDEF";
-    encoded += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
-  }
-  return "/?q=" + encoded + "&page=" + std::to_string(page);
-}
-
 }  // namespace
 
 Document LoginPage(const std::string& name, const std::string& trouble) {
@@ -96,10 +87,13 @@ Document ListPage(const std::string& person, const std::vector<Note>& notes,
   Element list = Add(main, "section");
   for (const Note& note : notes) AddCard(list, note);
   if (notes.empty()) Add(main, "p", {}, words.empty() ? "No notes yet." : "Nothing was found.");
-  Element turning = Add(main, "nav");
-  if (page > 1) Add(turning, "a", {{"href", PageLink(words, page - 1)}}, "Newer");
-  if (notes.size() == Database::kPageSize)
-    Add(turning, "a", {{"href", PageLink(words, page + 1)}}, "Older");
+  Element turning = Add(main, "form", {{"class", "turning"}});
+  Add(turning, "input", {{"type", "hidden"}, {"name", "q"}, {"value", words}});
+  const auto turn = [&](const char* label, int to) {
+    Add(turning, "button", {{"name", "page"}, {"value", std::to_string(to)}}, label);
+  };
+  if (page > 1) turn("Newer", page - 1);
+  if (notes.size() == Database::kPageSize) turn("Older", page + 1);
   return shown;
 }
 
@@ -155,8 +149,7 @@ section { display: grid; gap: 1rem; grid-template-columns: repeat(auto-fill, min
 .card p { display: -webkit-box; overflow: hidden; white-space: pre-line; -webkit-line-clamp: 4;
   -webkit-box-orient: vertical; }
 form img { max-width: 100%; max-height: 20rem; margin-bottom: 1rem; border-radius: .5rem; }
-nav { display: flex; gap: 1rem; margin-top: 1rem; }
-nav a { color: inherit; }
+.turning { display: flex; gap: 1rem; margin-top: 1rem; }
 [role=alert] { color: #c0392b; }
 )";
 

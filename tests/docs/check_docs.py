@@ -182,9 +182,11 @@ def check_block(page, shell, found, last):
             command = f"openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=x -keyout {folder}/key -out {folder}/cert"
             expect(place, command.split())
             text = re.sub(r"/etc/\S+?(key|cert)\.pem", rf"{folder}/\1", text)
+            paths = "".join(f"{kind}_temp_path {folder}/{kind};\n"
+                            for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"))
             conf = pathlib.Path(folder) / "conf"
-            conf.write_text(f"events {{}}\npid {folder}/pid;\nhttp {{\naccess_log off;\n{text}}}\n")
-            expect(place, ["/usr/sbin/nginx", "-t", "-q", "-e", "stderr", "-c", conf])
+            conf.write_text(f"pid pid;\nevents {{}}\nhttp {{\naccess_log off;\n{paths}{text}}}\n")
+            expect(place, ["/usr/sbin/nginx", "-t", "-q", "-e", "stderr", "-p", folder, "-c", conf])
     return last
 
 
