@@ -114,6 +114,7 @@ class ZrTransceiverClient : public ZrJob, public ZrMessageHandler {
 
   // Constant after construction.
   const std::string startDirectory;  // of the files, in its stored form
+  const std::string fileDirectory;   // the same, normalized
   const std::string cgiUrlPrefix = "cgi-bin/";
   const std::string cgiDirectory = "cgi-bin/";
   const std::string scriptExtension = ".php";

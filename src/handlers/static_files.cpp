@@ -4,7 +4,6 @@
 #include <string>
 #include <utility>
 
-#include "base/path.h"
 #include "base/string_buffer.h"
 #include "handlers/compression.h"
 #include "handlers/request_handler.h"
@@ -83,7 +82,7 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const std::shared_ptr<
   }
   const auto answer = request->MakeResponse();
   answer->SetStatus(200);
-  answer->SetFileBody(zr::NormalizeDirectoryPath(client.startDirectory) + path, found.file->Size());
+  answer->SetFileBody(client.fileDirectory + path, found.file->Size());
   answer->SetBodyFile(std::move(found.file));
   answer->fileBytes = std::move(found.bytes);
   client.SendAnswer(*request, answer);
@@ -93,7 +92,7 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const std::shared_ptr<
 void ZrStaticFiles::SendStandardFile(ZrTransceiverClient& client,
                                      const std::shared_ptr<ZrXHeader>& request,
                                      const std::string& path, ZrServedFiles::Found found) {
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& directory = client.fileDirectory;
   zr::FileForm form{.found = std::move(found)};
   if (client.Compression() != nullptr)
     form = zr::ChooseFileForm(*request, files_, directory, path, std::move(form.found),
@@ -129,7 +128,7 @@ bool ZrStaticFiles::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& requ
 // programs are waited for.
 bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) {
   if (client.startDirectory.empty()) return true;
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& directory = client.fileDirectory;
   const ZrSite& site = client.Site();
   // Of what is not there, the page that answers for it is asked as well.
   const auto atHand = [&](const std::string& path) {
@@ -154,7 +153,7 @@ bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& req
 
 bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
                                          const std::shared_ptr<ZrXHeader>& request) {
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& directory = client.fileDirectory;
   if (files_.Find(directory, "index.php").file)
     return scripts_ && scripts_->RunScript(client, request, "index.php", ZrScriptKind::kPhp);
   ZrServedFiles::Found index = files_.Find(directory, "index.html");
@@ -167,7 +166,7 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
     const std::string program = client.cgiDirectory + path.substr(client.cgiUrlPrefix.size());
     return scripts_ && scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
   }
-  ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), path);
+  ZrServedFiles::Found found = files_.Find(client.fileDirectory, path);
   if (!found.file) {
     return HasExtraPath(client, *request, path) && scripts_ &&
            scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
@@ -192,7 +191,7 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
     client.SendAnswer(*request, answer);
     return true;
   }
-  const std::string directory = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& directory = client.fileDirectory;
   const std::string script = path + "index" + client.scriptExtension;
   if (files_.Find(directory, script).file)
     return scripts_ && scripts_->RunScript(client, request, script, ZrScriptKind::kPhp);
@@ -205,7 +204,7 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
 
 bool ZrStaticFiles::ListDirectory(ZrTransceiverClient& client, const ZrXHeader& request,
                                   const std::string& path) {
-  const std::string start = zr::NormalizeDirectoryPath(client.startDirectory);
+  const std::string& start = client.fileDirectory;
   const auto directory = files_.Find(start, path.empty() ? "." : path).file;
   if (!directory) return false;
   if (RefuseMethod(client, request)) return true;
@@ -223,11 +222,11 @@ bool ZrStaticFiles::ServeFallback(ZrTransceiverClient& client, const ZrXHeader& 
   if (page.empty() || !zr::AsksForPage(request)) return false;
   if (request.path != "/" && !IsServed(request, request.path.substr(request.path.empty() ? 0 : 1)))
     return false;
-  ZrServedFiles::Found found = files_.Find(zr::NormalizeDirectoryPath(client.startDirectory), page);
+  ZrServedFiles::Found found = files_.Find(client.fileDirectory, page);
   if (!found.file || !found.file->IsRegular()) return false;
   const auto answer = request.MakeResponse();
-  zr::AnswerWithFile(request, *answer, zr::NormalizeDirectoryPath(client.startDirectory) + page,
-                     {.found = std::move(found)}, client.Site());
+  zr::AnswerWithFile(request, *answer, client.fileDirectory + page, {.found = std::move(found)},
+                     client.Site());
   answer->AddField("Vary", "Accept");
   client.SendAnswer(request, answer);
   return true;
