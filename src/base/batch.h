@@ -3,6 +3,7 @@
 // arrived before the batch began, so what is looked up once for the batch is an answer that each of
 // them could have been given alone, and nothing that is kept for a batch is ever stale.
 
+#include <cstddef>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -19,29 +20,44 @@ class ZrBatch {
   static ZrBatch* Current() noexcept;
 
   /// What that owner keeps for the rest of the batch; made without arguments at the first use. The
-  /// owner outlives the batch, and always asks for the same type.
+  /// owner outlives the batch.
   template <class Kept>
   Kept& Of(const void* owner) {
-    for (const auto& [kept, thing] : kept_)
-      if (kept == owner) return static_cast<Holder<Kept>&>(*thing).value;
+    static const char type = 0;
+    for (const Place& place : kept_)
+      if (place.owner == owner && place.type == &type)
+        return static_cast<Holder<Kept>&>(*place.thing).value;
     auto made = std::make_unique<Holder<Kept>>();
     Kept& value = made->value;
-    kept_.emplace_back(owner, std::move(made));
+    kept_.push_back({owner, &type, std::move(made)});
     return value;
   }
 
-  /// Drops all that is kept: code that may have changed the world has run.
-  void Forget() { kept_.clear(); }
+  /// Empties all that is kept: code that may have changed the world has run, or the next batch of
+  /// the same thread begins.
+  void Forget() {
+    if (kept_.size() > kMostPlaces) return kept_.clear();
+    for (const Place& place : kept_) place.thing->Empty();
+  }
 
  private:
+  static constexpr std::size_t kMostPlaces = 16;  // owners come and go
+
   struct HolderBase {
     virtual ~HolderBase() = default;
+    virtual void Empty() = 0;
   };
   template <class Kept>
   struct Holder : HolderBase {
     Kept value;
+    void Empty() override { value.Clear(); }
+  };
+  struct Place {
+    const void* owner;
+    const void* type;
+    std::unique_ptr<HolderBase> thing;
   };
 
   ZrBatch* const outer_;
-  std::vector<std::pair<const void*, std::unique_ptr<HolderBase>>> kept_;
+  std::vector<Place> kept_;
 };

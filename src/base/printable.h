@@ -1,6 +1,8 @@
 #pragma once
 // Texts of others in lines of our own.
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -10,12 +12,18 @@ namespace zr {
 /// line, or steer a terminal.
 inline void AppendPrintable(std::string& line, std::string_view text) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
-  for (const char byte : text) {
-    const auto value = static_cast<unsigned char>(byte);
-    if (value >= 0x20 && value != 0x7f) {
-      line += byte;
-      continue;
-    }
+  while (!text.empty()) {
+    // Nearly always all of it.
+    const auto odd = std::find_if(text.begin(), text.end(), [](char byte) {
+      const auto value = static_cast<unsigned char>(byte);
+      return value < 0x20 || value == 0x7f;
+    });
+    const auto plain = static_cast<std::size_t>(odd - text.begin());
+    line.append(text.substr(0, plain));
+    text.remove_prefix(plain);
+    if (text.empty()) return;
+    const auto value = static_cast<unsigned char>(text.front());
+    text.remove_prefix(1);
     line += "\\x";
     line += kDigits[value >> 4];
     line += kDigits[value & 15];

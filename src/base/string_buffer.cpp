@@ -11,9 +11,10 @@ constexpr std::size_t kKeptCapacity = std::size_t{64} * 1024;
 
 }  // namespace
 
-ZrStringBuf::ZrStringBuf(std::string bytes) noexcept
-    : storage_(std::move(bytes)), end_(storage_.size()) {
-  SetArea(0);
+ZrStringBuf::ZrStringBuf(std::string bytes) {
+  auto owner = std::make_shared<const std::string>(std::move(bytes));
+  const std::string_view all = *owner;
+  *this = ZrStringBuf(all, std::move(owner));
 }
 
 ZrStringBuf::ZrStringBuf(std::string_view bytes, std::shared_ptr<const void> owner) noexcept
@@ -31,7 +32,7 @@ ZrStringBuf& ZrStringBuf::operator=(ZrStringBuf&& other) noexcept {
   owner_ = std::move(other.owner_);
   if (owner_) {
     setg(other.eback(), other.gptr(), other.egptr());
-    storage_ = std::string();
+    storage_ = Bytes();
     end_ = 0;
     other.Clear();
     return *this;
@@ -46,6 +47,12 @@ ZrStringBuf& ZrStringBuf::operator=(ZrStringBuf&& other) noexcept {
 }
 
 void ZrStringBuf::Append(std::string_view bytes) {
+  if (!owner_ && storage_.size() == end_ && storage_.capacity() - end_ >= bytes.size()) {
+    const std::size_t readOffset = ReadOffset();
+    storage_.append(bytes);
+    end_ += bytes.size();
+    return SetArea(readOffset);
+  }
   MakeRoom(bytes.size());
   const std::size_t readOffset = ReadOffset();
   storage_.resize(end_);
@@ -82,10 +89,7 @@ void ZrStringBuf::Consume(std::size_t bytes) noexcept {
 }
 
 std::string ZrStringBuf::Take() {
-  if (owner_) TakeOver();
-  storage_.resize(end_);
-  if (ReadOffset() != 0) storage_.erase(0, ReadOffset());
-  std::string bytes = std::move(storage_);
+  std::string bytes(Unread());
   Clear();
   return bytes;
 }
@@ -93,7 +97,7 @@ std::string ZrStringBuf::Take() {
 void ZrStringBuf::Clear() noexcept {
   owner_ = nullptr;
   if (storage_.capacity() > kKeptCapacity)
-    storage_ = std::string();
+    storage_ = Bytes();
   else
     storage_.clear();
   end_ = 0;

@@ -12,13 +12,15 @@
 #include <string>
 #include <string_view>
 
+#include "base/workbench.h"
+
 /// Bytes that are appended at the end and consumed from the front. Every operation costs time
 /// linear in the bytes it moves; consumed space is used again before the memory grows.
-class ZrStringBuf : public std::streambuf {
+class ZrStringBuf : public std::streambuf, public ZrOnWorkbench {
  public:
   ZrStringBuf() = default;
   /// A buffer that holds these bytes; nothing is copied.
-  explicit ZrStringBuf(std::string bytes) noexcept;
+  explicit ZrStringBuf(std::string bytes);
   /// A buffer that gives these bytes where they lie, for as long as it shares their owner. Adding
   /// to it copies what is unread.
   ZrStringBuf(std::string_view bytes, std::shared_ptr<const void> owner) noexcept;
@@ -50,7 +52,7 @@ class ZrStringBuf : public std::streambuf {
   std::size_t HeapBytes() const noexcept { return owner_ ? 0 : storage_.capacity(); }
   /// Drops that many bytes at the front, at most all of them.
   void Consume(std::size_t bytes) noexcept;
-  /// Moves the unread bytes out; the buffer is empty afterwards.
+  /// Takes a copy of the unread bytes; the buffer is empty afterwards.
   std::string Take();
   /// Forgets all bytes; keeps a small buffer's memory for the next ones.
   void Clear() noexcept;
@@ -61,6 +63,8 @@ class ZrStringBuf : public std::streambuf {
   std::streamsize xsputn(const char* bytes, std::streamsize count) override;
 
  private:
+  using Bytes = std::basic_string<char, std::char_traits<char>, ZrWorkbenchAllocator<char>>;
+
   std::size_t ReadOffset() const noexcept { return static_cast<std::size_t>(gptr() - eback()); }
   void SetArea(std::size_t readOffset) noexcept;
   void MakeRoom(std::size_t bytes);
@@ -68,7 +72,7 @@ class ZrStringBuf : public std::streambuf {
 
   // The get area of the base class is the bytes from the start of storage_ to end_; its next
   // pointer is the read position. There is no put area: writing always comes through Append().
-  std::string storage_;
+  Bytes storage_;
   std::size_t end_ = 0;  // beyond it lies only space that Prepare() gave out
   // Of bytes that lie elsewhere; the get area is then theirs, and storage_ is not used.
   std::shared_ptr<const void> owner_;

@@ -16,6 +16,8 @@
 #include "http/server_head.h"
 #include "jobs/job_event.h"
 #include "jobs/job_registry.h"
+#include "transceiver/message_ends.h"
+#include "transceiver/receive_pass.h"
 #include "transceiver/transceiver.h"
 
 namespace {
@@ -62,9 +64,11 @@ bool IsHttp(std::uint32_t protocolKind) {
 class ZrTransceiverClient::TransceiverUse {
  public:
   explicit TransceiverUse(ZrTransceiverClient& client)
-      : client_(client), transceiver_(client.EnterTransceiver()) {}
+      : client_(client),
+        entered_(EnteredByPass(client)),
+        transceiver_(entered_ != nullptr ? entered_ : client.EnterTransceiver()) {}
   ~TransceiverUse() {
-    if (transceiver_ != nullptr) client_.LeaveTransceiver();
+    if (transceiver_ != nullptr && entered_ == nullptr) client_.LeaveTransceiver();
   }
   TransceiverUse(const TransceiverUse&) = delete;
   TransceiverUse& operator=(const TransceiverUse&) = delete;
@@ -73,7 +77,13 @@ class ZrTransceiverClient::TransceiverUse {
   ZrTransceiver* Get() const { return transceiver_; }
 
  private:
+  static ZrTransceiver* EnteredByPass(const ZrTransceiverClient& client) {
+    const ZrReceivePass* const pass = ZrReceivePass::Current();
+    return pass == nullptr ? nullptr : pass->EnteredOf(client);
+  }
+
   ZrTransceiverClient& client_;
+  ZrTransceiver* const entered_;  // by the pass of receiving, for all of its messages
   ZrTransceiver* const transceiver_;
 };
 
@@ -199,7 +209,7 @@ void ZrTransceiverClient::SendNow(const std::string& target,
                                   const std::shared_ptr<ZrXResponseHeader>& answer) {
   answer->SetState(zr::kHeadStateComplete);
   const TransceiverUse transceiver(*this);
-  if (transceiver.Get() != nullptr) transceiver.Get()->Send(*this, answer, callback, target);
+  if (transceiver.Get() != nullptr) transceiver.Get()->SendAnswer(*this, answer, target);
 }
 
 // Whether the answer is on its way there, and sent afterwards.
@@ -234,7 +244,10 @@ std::shared_ptr<ZrMemoryBudget> ZrTransceiverClient::Memory() {
 
 int ZrTransceiverClient::HandleMessage(const std::string& name,
                                        std::shared_ptr<ZrXHeader> message) {
-  {
+  // A request of a server that was opened for this very client comes under a name of it.
+  const bool owned =
+      message->kind == ZrMessageKind::kRequest && message->ends && message->ends->handler == this;
+  if (!owned) {
     ZrLock hold(lock_);
     if (ownedNames_.find(name) == ownedNames_.end()) return kHandled;
   }

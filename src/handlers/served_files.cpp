@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/batch.h"
+#include "base/workbench.h"
 #include "http/file_answer.h"
 
 /// What one batch has found.
@@ -11,10 +12,26 @@ struct ZrServedFiles::BatchFiles {
     Found found;
     bool askedAgain = false;
   };
-  std::map<std::string, Directory, std::less<>> directories;
-  std::map<std::pair<const ZrDirectory*, std::string>, Entry> files;
+  using Key = std::pair<const ZrDirectory*, std::string>;
+  using Asked = std::pair<const ZrDirectory*, std::string_view>;
+  struct Before {
+    using is_transparent = void;
+    template <class One, class Other>
+    bool operator()(const One& one, const Other& other) const {
+      return Asked(one) < Asked(other);
+    }
+  };
+  template <class Name, class Value, class Order>
+  using Map = std::map<Name, Value, Order, ZrWorkbenchAllocator<std::pair<const Name, Value>>>;
+  Map<std::string, Directory, std::less<>> directories;
+  Map<Key, Entry, Before> files;
   std::uint64_t bytes = 0;
 
+  void Clear() {
+    directories.clear();
+    files.clear();
+    bytes = 0;
+  }
   /// Whether the bytes of this file are shared; they are counted then.
   bool Shares(const ZrFile& file) {
     if (!file.IsRegular() || file.Size() > kSharedFileSize || bytes + file.Size() > kSharedBytes)
@@ -70,7 +87,9 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
   auto& known = batch->Of<BatchFiles>(this);
   const Directory start = InBatch(known, directory);
   if (!start) return {};
-  const auto [place, added] = known.files.try_emplace({start.get(), path});
+  auto place = known.files.find(BatchFiles::Asked(start.get(), path));
+  const bool added = place == known.files.end();
+  if (added) place = known.files.try_emplace({start.get(), path}).first;
   BatchFiles::Entry& entry = place->second;
   if (added)
     entry.found.file = start->OpenFile(path);
@@ -94,7 +113,8 @@ bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& pa
   auto& known = batch->Of<BatchFiles>(this);
   const Directory start = InBatch(known, directory);
   if (!start) return true;
-  if (const auto found = known.files.find({start.get(), path}); found != known.files.end())
+  if (const auto found = known.files.find(BatchFiles::Asked(start.get(), path));
+      found != known.files.end())
     return !found->second.found.file || found->second.found.bytes;
   ZrFileAtHand now = start->OpenFileAtHand(path);
   if (now.answer == ZrFileAtHand::Answer::kMustWait) return false;

@@ -4,6 +4,7 @@
 #include <typeinfo>
 #include <utility>
 
+#include "base/batch.h"
 #include "base/line_writer.h"
 #include "handlers/cgi.h"
 #include "handlers/compression.h"
@@ -116,7 +117,7 @@ void ZrQuarnApplication2::startServers() {
 bool ZrQuarnApplication2::onServerEvent(ZrServerCallback_t& record) {
   try {
     if (logSink_ && record.kind == ZrServerCallback_t::kMessageLogged)
-      logSink_(record.info.Get("logging"));
+      logSink_(record.info.View("logging"));
     else
       transceiver_.PrintLogRecord(record);
   } catch (...) {
@@ -189,7 +190,16 @@ void ZrQuarnApplication2::dispatchToHandler(const std::string& name, ZrXHeader& 
 }
 
 bool ZrQuarnApplication2::hasStoredValue(const std::string& name) {
+  // Mostly there is none at all; that is looked up once for a batch of requests.
+  struct NothingStored {
+    bool known = false;
+    void Clear() { known = false; }
+  };
+  ZrBatch* const batch = ZrBatch::Current();
+  NothingStored* const nothing = batch == nullptr ? nullptr : &batch->Of<NothingStored>(this);
+  if (nothing != nullptr && nothing->known) return false;
   ZrLock hold(storageLock_);
+  if (nothing != nullptr) nothing->known = storage_ == nullptr || storage_->Variables().empty();
   return storage_ != nullptr && storage_->Variables().contains(name);
 }
 

@@ -23,15 +23,14 @@ void AppendNumber(std::string& line, std::uint64_t number) {
   line.append(digits.data(), end);
 }
 
-std::string VelkoroLine(const zr::AccessLogEntry& entry) {
-  std::string line;
-  line.reserve(96 + entry.remote.size() + entry.requestText.size() + entry.referer.size() +
-               entry.userAgent.size());
+void AppendVelkoroLine(std::string& line, const zr::AccessLogEntry& entry) {
+  line.reserve(line.size() + 96 + entry.remote.size() + entry.requestText.size() +
+               entry.referer.size() + entry.userAgent.size());
   AppendPrintable(line, entry.remote);
   line += " - ";
   line += entry.scheme;
   line += " - [";
-  line += zr::LocalTimeText(entry.created / kTicksPerSecond);
+  zr::AppendLocalTime(line, entry.created / kTicksPerSecond);
   line += "] \"";
   AppendPrintable(line, entry.requestText);
   line += "\" --> ";
@@ -43,7 +42,6 @@ std::string VelkoroLine(const zr::AccessLogEntry& entry) {
   line += "\" \"";
   AppendPrintable(line, entry.userAgent);
   line += '"';
-  return line;
 }
 
 // ---- Combined ----------------------------------------------------------------------------------
@@ -167,14 +165,22 @@ zr::AccessLogFormat zr::AccessLogFormatNamed(std::string_view name) {
   throw ZrException("unknown log format: " + std::string(name), __LINE__, "src");
 }
 
-std::string zr::AccessLogLine(const AccessLogEntry& entry, AccessLogFormat format) {
+void zr::AppendAccessLogLine(std::string& line, const AccessLogEntry& entry,
+                             AccessLogFormat format) {
   switch (format) {
     case AccessLogFormat::kVelkoro:
-      break;
+      return AppendVelkoroLine(line, entry);
     case AccessLogFormat::kCombined:
-      return CombinedLine(entry);
+      line += CombinedLine(entry);
+      return;
     case AccessLogFormat::kJson:
-      return JsonLine(entry);
+      line += JsonLine(entry);
+      return;
   }
-  return VelkoroLine(entry);
+}
+
+std::string zr::AccessLogLine(const AccessLogEntry& entry, AccessLogFormat format) {
+  std::string line;
+  AppendAccessLogLine(line, entry, format);
+  return line;
 }

@@ -30,8 +30,10 @@ struct AccessLogEntry {
   std::string_view userAgent;
 };
 
-/// The line, without a line end. No request can forge or break one: bytes below 0x20 and 0x7F come
-/// as \xHH, in the JSON form as \u00HH like all that are no UTF-8.
+/// Appends the line, without a line end. No request can forge or break one: bytes below 0x20 and
+/// 0x7F come as \xHH, in the JSON form as \u00HH like all that are no UTF-8.
+void AppendAccessLogLine(std::string& line, const AccessLogEntry& entry, AccessLogFormat format);
+/// The same alone.
 std::string AccessLogLine(const AccessLogEntry& entry,
                           AccessLogFormat format = AccessLogFormat::kVelkoro);
 

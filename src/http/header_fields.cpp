@@ -5,6 +5,13 @@
 #include <stdexcept>
 #include <utility>
 
+namespace {
+
+// Up to that many are gone through.
+constexpr std::size_t kFewLines = 16;
+
+}  // namespace
+
 ZrHeaderFields::ZrHeaderFields(const ZrHeaderFields& other) noexcept
     : store_(other.store_), shared_(true) {
   other.shared_.store(true, std::memory_order_relaxed);
@@ -27,9 +34,9 @@ ZrHeaderFields& ZrHeaderFields::operator=(ZrHeaderFields&& other) noexcept {
 
 ZrHeaderFields::Store& ZrHeaderFields::Writable() {
   if (!store_)
-    store_ = std::make_shared<Store>();
+    store_ = std::allocate_shared<Store>(ZrWorkbenchAllocator<Store>());
   else if (shared_.load(std::memory_order_relaxed))
-    store_ = std::make_shared<Store>(*store_);
+    store_ = std::allocate_shared<Store>(ZrWorkbenchAllocator<Store>(), *store_);
   shared_.store(false, std::memory_order_relaxed);
   return *store_;
 }
@@ -67,6 +74,14 @@ std::size_t ZrHeaderFields::Store::LowerBound(std::string_view name) const {
 
 ZrHeaderFields::const_iterator ZrHeaderFields::find(std::string_view name) const {
   if (!store_) return end();
+  // Of the few lines that heads have, hardly one has a name as long as that.
+  if (store_->lines.size() <= kFewLines) {
+    for (std::size_t index = 0; index < store_->lines.size(); ++index) {
+      const Line& line = store_->lines[index];
+      if (line.nameSize == name.size() && store_->Name(line) == name) return {store_.get(), index};
+    }
+    return end();
+  }
   const std::size_t place = store_->LowerBound(name);
   if (place == store_->lines.size() || store_->Name(store_->lines[place]) != name) return end();
   return {store_.get(), place};

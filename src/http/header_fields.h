@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/workbench.h"
+
 /// Field name -> values in arrival order, names ordered byte-wise. Names are stored as given; the
 /// head reader gives lower case. All views stay valid until this object changes or goes, also
 /// while copies of it change. Threads: any number of readers and copiers, or one writer.
@@ -21,8 +23,9 @@ class ZrHeaderFields {
     std::uint32_t nameStart, nameSize, valueStart, valueSize;
   };
   struct Store {
-    std::string text;
-    std::vector<Line> lines;  // by name, values of one name in arrival order
+    std::basic_string<char, std::char_traits<char>, ZrWorkbenchAllocator<char>> text;
+    std::vector<Line, ZrWorkbenchAllocator<Line>>
+        lines;  // by name, values of one name in arrival order
     std::string_view Name(const Line& line) const {
       return {text.data() + line.nameStart, line.nameSize};
     }

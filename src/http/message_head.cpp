@@ -56,7 +56,7 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
   answer->requestHeaders = headers;
   const ZrHeaderFields::Values words = headers[zr::kFirstLine];
   if (words.size() >= 2) answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
-  answer->route.assign(route.rbegin(), route.rend());
+  answer->route = route.Reversed();
   answer->ends = ends;
   answer->inlet = inlet;
   return answer;

@@ -21,14 +21,18 @@
 #include "base/memory_budget.h"
 #include "base/option_map.h"
 #include "base/server_callback.h"
+#include "base/shared_text.h"
 #include "base/string_buffer.h"
+#include "base/workbench.h"
 #include "http/fwd.h"
 #include "http/header_fields.h"
 #include "http/message_block.h"
 #include "http/message_reading.h"
+#include "http/message_route.h"
 #include "http/protocol_kind.h"
 #include "http/semantics.h"
 #include "jobs/job.h"
+#include "jobs/task_guest.h"
 #include "platform/sync.h"
 
 /// The type of a message, by the first word of its first line.
@@ -76,7 +80,7 @@ std::string BareHost(std::string_view host);
 }  // namespace zr
 
 /// A message with its fields, target, body and status. Held in shared ownership (zr::MakeJob).
-class ZrXHeader : public ZrJob {
+class ZrXHeader : public ZrJob, public ZrOnWorkbench {
  public:
   /// The protocol kind is one of protocol_kind.h. Servers construct incoming heads as kPost; the
   /// first line then tells the type.
@@ -231,8 +235,9 @@ class ZrXHeader : public ZrJob {
 
   // The way through the system.
   std::shared_ptr<ZrPeerWatch> peerWatch;  // of a received request: can it still be answered?
-  std::vector<std::string> route;          // connection name, server name; reversed in an answer
-  std::string target;                      // the joined task that the message belongs to
+  ZrMessageRoute route;                    // connection name, server name; reversed in an answer
+  ZrSharedText target;                     // the joined task that the message belongs to
+  ZrTaskGuest presence;                    // there, when it is no member
   // Of a received message and of the answer to it: where both ends are.
   std::shared_ptr<const ZrMessageEnds> ends;
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -39,13 +40,17 @@ void MakeUpper(std::string& text) { std::transform(text.begin(), text.end(), tex
 // Takes a word from the front of the line: leading spaces are skipped, tabs are dropped, a space
 // ends the word and goes with it. False when the word ran to the end of the line instead.
 bool TakeWord(std::string_view& line, std::string& word) {
-  for (std::size_t at = 0; at < line.size(); ++at) {
-    if (line[at] == ' ') {
-      if (word.empty()) continue;
-      line.remove_prefix(at + 1);
-      return true;
-    }
-    if (line[at] != '\t') word += line[at];
+  while (!line.empty()) {
+    const std::size_t end = line.find(' ');
+    const std::string_view piece = line.substr(0, end);
+    if (piece.find('\t') == std::string_view::npos)
+      word = piece;
+    else
+      std::copy_if(piece.begin(), piece.end(), std::back_inserter(word),
+                   [](char c) { return c != '\t'; });
+    if (end == std::string_view::npos) break;
+    line.remove_prefix(end + 1);
+    if (!word.empty()) return true;
   }
   line = {};
   return false;

@@ -58,11 +58,10 @@ bool ZrJob::LeaveJoinedTask(std::string_view task) {
 bool ZrJob::LeaveAllJoinedTasks() { return ZrJobRegistry::Instance().LeaveAll(*this); }
 
 bool ZrJob::SetState(std::uint32_t state) {
-  {
-    const ZrLock hold(stateLock_);
-    if (state == state_ || state == requestedState_) return false;
-    requestedState_ = state;
-  }
+  std::uint32_t requested = requestedState_.load();
+  do {
+    if (state == state_ || state == requested) return false;
+  } while (!requestedState_.compare_exchange_weak(requested, state));
   // Called without the lock: a guard may read or change the job's state.
   if (stateGuard_ && !stateGuard_()) return false;
   state_ = state;

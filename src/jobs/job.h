@@ -21,6 +21,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/workbench.h"
 #include "jobs/job_event.h"
 #include "jobs/job_lock.h"
 #include "platform/sync.h"
@@ -51,7 +52,7 @@ class ZrJob {
   virtual ~ZrJob();
   /// Asks for a state: no when it is the current or the last requested one. Otherwise the state
   /// guard decides; its answer is returned, and the request stays noted either way.
-  virtual bool SetState(std::uint32_t state) ZR_EXCLUDES(stateLock_);
+  virtual bool SetState(std::uint32_t state);
   /// Joins a joined task and remembers its name, also when there is no such task (answer no).
   virtual bool Attach(std::string_view task) ZR_EXCLUDES(stateLock_);
   /// Leaves the joined task; an empty name means the remembered one, which is forgotten then.
@@ -100,10 +101,9 @@ class ZrJob {
   mutable std::atomic<const std::string*> jobName_{nullptr};  // the number's name once it was asked
   std::function<bool()> stateGuard_;                          // empty approves everything
 
-  // Guarded by stateLock_; states are read without it.
-  mutable ZrMutex stateLock_;
   std::atomic<std::uint32_t> state_{0};
   std::atomic<std::uint32_t> requestedState_{0};
+  mutable ZrMutex stateLock_;
   std::int64_t attachedTask_ ZR_GUARDED_BY(stateLock_) = kNoTask;  // by number where it has one
   std::string attachedName_ ZR_GUARDED_BY(stateLock_);             // a name that is no task's
 
@@ -120,7 +120,8 @@ inline void EndJob(ZrJob* job) noexcept { ZrJob::End(job); }
 /// Makes a job in shared ownership; see the head of this file for how it ends.
 template <class Job, class... Args>
 std::shared_ptr<Job> MakeJob(Args&&... args) {
-  return std::shared_ptr<Job>(new Job(std::forward<Args>(args)...), &EndJob);
+  return std::shared_ptr<Job>(new Job(std::forward<Args>(args)...), &EndJob,
+                              ZrWorkbenchAllocator<Job>());
 }
 
 }  // namespace zr

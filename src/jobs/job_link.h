@@ -3,9 +3,12 @@
 // on to links, so that an event on its way to a job that has retired meets an empty link instead
 // of freed memory. Private to the registry's sources; all members are guarded by its lock.
 
+#include <atomic>
 #include <cstddef>
 #include <list>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "jobs/job_event.h"
 #include "jobs/job_registry.h"
@@ -29,12 +32,16 @@ struct ZrJobRegistry::Membership {
 
 /// A joined task. The owner is known by number only: it may leave, and go, before the task does.
 struct ZrJobRegistry::Task {
-  std::int64_t number;
-  std::int64_t owner;
-  std::string text;
+  Task(std::int64_t taskNumber, std::int64_t ownerNumber, std::string what)
+      : number(taskNumber), owner(ownerNumber), text(std::move(what)) {}
+
+  const std::int64_t number;
+  const std::int64_t owner;
+  const std::string text;
   Task* nextListed = nullptr;
   Membership* members = nullptr;
-  std::size_t memberCount = 0;
+  std::atomic<std::size_t> present{0};  // members and guests; goes up without the lock, too
+  std::shared_ptr<Task> listed;         // itself, until it has ended
 };
 
 /// The registry's end of a job.

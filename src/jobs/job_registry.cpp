@@ -8,6 +8,7 @@
 #include "jobs/job.h"
 #include "jobs/job_link.h"
 #include "jobs/named_id_source.h"
+#include "jobs/task_guest.h"
 
 // Joined tasks. Members and tasks stand in chains of Membership records, so that joining, leaving
 // and the end of a job cost no search among the other jobs of the process. Whether a job is in a
@@ -17,6 +18,10 @@
 namespace {
 
 constexpr std::string_view kTaskPrefix = "joinedtask";
+
+// What the last member is told by.
+constexpr const char* kLeftText = "kommt später";
+constexpr const char* kLeftAllText = "kommt später A";
 
 ZrNamedIdSource& TaskNames() {
   static ZrNamedIdSource source(kTaskPrefix);
@@ -64,7 +69,7 @@ std::string ZrJobRegistry::TaskName(std::int64_t number) {
 void ZrJobRegistry::AddMember(Task& task, ZrJob& job) {
   if (!job.link_) job.link_ = std::make_shared<ZrJobLink>(&job, job.jobNumber_);
   ZrJobLink& link = *job.link_;
-  if (Find(task.members, task, link.memberships, link)) return;
+  if (::Find(task.members, task, link.memberships, link)) return;
   Membership* const member = link.first.job ? new Membership : &link.first;
   try {
     if (!link.memberships) jobs_.Enter(link);
@@ -75,19 +80,46 @@ void ZrJobRegistry::AddMember(Task& task, ZrJob& job) {
   *member = {&link, &task};
   PushFront<&Membership::nextOfJob, &Membership::previousOfJob>(link.memberships, member);
   PushFront<&Membership::nextOfTask, &Membership::previousOfTask>(task.members, member);
-  ++task.memberCount;
+  ++task.present;
 }
 
-void ZrJobRegistry::RemoveMember(Membership* member) {
+std::size_t ZrJobRegistry::RemoveMember(Membership* member) {
   ZrJobLink& link = *member->job;
+  Task& task = *member->task;
   Unlink<&Membership::nextOfJob, &Membership::previousOfJob>(link.memberships, member);
-  Unlink<&Membership::nextOfTask, &Membership::previousOfTask>(member->task->members, member);
-  --member->task->memberCount;
+  Unlink<&Membership::nextOfTask, &Membership::previousOfTask>(task.members, member);
   if (member == &link.first)
     member->job = nullptr;
   else
     delete member;
   if (!link.memberships) jobs_.TakeOut(link);
+  return --task.present;
+}
+
+// Somebody has left who was the last but one, or the last one. With guests coming and going without
+// the lock, it may be otherwise again.
+void ZrJobRegistry::AfterLeaving(Task& task, std::size_t left, const char* text) {
+  if (left > 1 || !task.listed || task.present != left) return;
+  if (left == 0) return EndTask(task);
+  if (task.members) TellLastMember(task, text);
+}
+
+void ZrJobRegistry::Enter(Task& task) noexcept { ++task.present; }
+
+void ZrJobRegistry::LeaveAsGuest(Task& task, bool all) noexcept {
+  const std::size_t left = --task.present;
+  if (left > 1) return;
+  const ZrLock hold(lock_);
+  AfterLeaving(task, left, all ? kLeftAllText : kLeftText);
+}
+
+ZrTaskHandle ZrJobRegistry::Find(std::string_view task) const {
+  ZrTaskHandle handle;
+  const auto number = TaskNumber(task);
+  const ZrLock hold(lock_);
+  if (const Task* const found = number ? tasks_.Find(*number) : nullptr)
+    handle.task_ = found->listed;
+  return handle;
 }
 
 void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
@@ -106,8 +138,7 @@ void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
 }
 
 std::string ZrJobRegistry::Create(ZrJob& owner, std::string_view text) {
-  auto task = std::make_unique<Task>(Task{
-      .number = TaskNames().MakeNumber(), .owner = owner.jobNumber_, .text = std::string(text)});
+  auto task = std::make_shared<Task>(TaskNames().MakeNumber(), owner.jobNumber_, std::string(text));
   std::string name = TaskName(task->number);
   const ZrLock hold(lock_);
   if (owner.link_ && !owner.link_->job) return {};
@@ -119,7 +150,7 @@ std::string ZrJobRegistry::Create(ZrJob& owner, std::string_view text) {
     tasks_.TakeOut(*task);  // nobody would ever leave it
     throw;
   }
-  static_cast<void>(task.release());  // the table's
+  task->listed = task;
   return name;
 }
 
@@ -138,7 +169,7 @@ bool ZrJobRegistry::Join(std::int64_t task, ZrJob& job) {
 
 void ZrJobRegistry::EndTask(Task& task) {
   tasks_.TakeOut(task);
-  delete &task;
+  const std::shared_ptr<Task> last = std::move(task.listed);
 }
 
 bool ZrJobRegistry::Leave(std::string_view task, std::string_view jobName) {
@@ -162,19 +193,17 @@ bool ZrJobRegistry::LeaveBy(std::string_view task, std::int64_t job) {
     return true;
   }
   const ZrJobLink* const link = jobs_.Find(job);
-  Membership* const member = link ? Find(left->members, *left, link->memberships, *link) : nullptr;
+  Membership* const member =
+      link ? ::Find(left->members, *left, link->memberships, *link) : nullptr;
   if (!member) return false;
-  RemoveMember(member);
-  if (left->memberCount == 1) TellLastMember(*left, "kommt später");
-  if (left->memberCount == 0) EndTask(*left);
+  AfterLeaving(*left, RemoveMember(member), kLeftText);
   return true;
 }
 
 void ZrJobRegistry::LeaveAllOf(ZrJobLink& job) {
   const auto leave = [this, &job](Task& task) ZR_REQUIRES(lock_) {
-    RemoveMember(Find(task.members, task, job.memberships, job));
-    if (task.memberCount == 1) TellLastMember(task, "kommt später A");
-    if (task.memberCount == 0) EndTask(task);
+    Membership* const member = ::Find(task.members, task, job.memberships, job);
+    AfterLeaving(task, RemoveMember(member), kLeftAllText);
   };
   if (job.memberships && !job.memberships->nextOfJob) return leave(*job.memberships->task);
   std::vector<Task*> tasks;

@@ -20,6 +20,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,8 @@
 #include "platform/thread.h"
 
 class ZrJob;
+class ZrTaskGuest;
+class ZrTaskHandle;
 struct ZrJobLink;
 
 /// The job registry. Threads: any. Its lock is the last in the lock order; no operation calls out
@@ -65,6 +68,9 @@ class ZrJobRegistry {
   bool LeaveAll(std::string_view jobName) ZR_EXCLUDES(lock_);
   bool LeaveAll(const ZrJob& job) ZR_EXCLUDES(lock_);
 
+  /// The joined task of that name; an empty handle when there is none. See task_guest.h.
+  ZrTaskHandle Find(std::string_view task) const ZR_EXCLUDES(lock_);
+
   /// Queues an event for the job of that name; without such a job it is dropped silently. Answers
   /// yes.
   bool Post(std::string_view target, ZrJobEvent event) ZR_EXCLUDES(lock_);
@@ -74,7 +80,7 @@ class ZrJobRegistry {
   bool Deliver(std::string_view target, ZrJobEvent event) ZR_EXCLUDES(lock_);
   /// The same for several events to one job, which are delivered in their order and without one of
   /// another sender between them: the receiver is looked up and claimed once for all.
-  bool Deliver(std::string_view target, std::vector<ZrJobEvent> events) ZR_EXCLUDES(lock_);
+  bool Deliver(std::string_view target, std::span<const ZrJobEvent> events) ZR_EXCLUDES(lock_);
   /// Makes the delivery thread look at its queue now.
   void WakeDelivery() ZR_EXCLUDES(lock_);
 
@@ -96,6 +102,8 @@ class ZrJobRegistry {
  private:
   friend class ZrJob;
   friend class ZrJobLock;
+  friend class ZrTaskGuest;
+  friend class ZrTaskHandle;
   friend struct ZrJobLink;
 
   struct Task;
@@ -110,7 +118,11 @@ class ZrJobRegistry {
   // Joined tasks (job_registry.cpp).
   bool LeaveBy(std::string_view task, std::int64_t job) ZR_EXCLUDES(lock_);
   void AddMember(Task& task, ZrJob& job) ZR_REQUIRES(lock_);
-  void RemoveMember(Membership* member) ZR_REQUIRES(lock_);
+  /// Returns how many stay behind.
+  std::size_t RemoveMember(Membership* member) ZR_REQUIRES(lock_);
+  void AfterLeaving(Task& task, std::size_t left, const char* text) ZR_REQUIRES(lock_);
+  static void Enter(Task& task) noexcept;
+  void LeaveAsGuest(Task& task, bool all) noexcept ZR_EXCLUDES(lock_);
   void TellLastMember(const Task& task, const char* text) ZR_REQUIRES(lock_);
   void EndTask(Task& task) ZR_REQUIRES(lock_);
   void LeaveAllOf(ZrJobLink& job) ZR_REQUIRES(lock_);
@@ -120,9 +132,7 @@ class ZrJobRegistry {
   // Delivery (job_registry_delivery.cpp).
   Link FindTarget(std::string_view target) const ZR_REQUIRES(lock_);
   ZrJob* Claim(const Link& link) ZR_REQUIRES(lock_);
-  void Hand(ZrJob& job, const Link& link, const ZrJobEvent* events, std::size_t count) noexcept
-      ZR_EXCLUDES(lock_);
-  bool DeliverAll(std::string_view target, ZrJobEvent* events, std::size_t count)
+  void Hand(ZrJob& job, const Link& link, std::span<const ZrJobEvent> events) noexcept
       ZR_EXCLUDES(lock_);
   void Park(ZrJobLink& link, std::list<Entry>& entry) ZR_REQUIRES(lock_);
   void Unpark(ZrJobLink& link) noexcept ZR_REQUIRES(lock_);

@@ -53,13 +53,14 @@ ZrJob* ZrJobRegistry::Claim(const Link& link) ZR_NO_THREAD_SAFETY_ANALYSIS {
   return link->job;
 }
 
-void ZrJobRegistry::Hand(ZrJob& job, const Link& link, const ZrJobEvent* events,
-                         std::size_t count) noexcept ZR_NO_THREAD_SAFETY_ANALYSIS {
+void ZrJobRegistry::Hand(ZrJob& job, const Link& link,
+                         std::span<const ZrJobEvent> events) noexcept ZR_NO_THREAD_SAFETY_ANALYSIS {
   deliveredHere = link.get();
   retiredHere = false;
-  for (const ZrJobEvent* event = events; event != events + count && !retiredHere; ++event) {
+  for (const ZrJobEvent& event : events) {
+    if (retiredHere) break;
     try {
-      job.ReceiveEvent(*event);
+      job.ReceiveEvent(event);
     } catch (...) {
       // The event counts as delivered; its sender is long gone.
     }
@@ -123,15 +124,11 @@ bool ZrJobRegistry::Post(std::string_view target, ZrJobEvent event) {
 }
 
 bool ZrJobRegistry::Deliver(std::string_view target, ZrJobEvent event) {
-  return DeliverAll(target, &event, 1);
+  return Deliver(target, std::span<const ZrJobEvent>(&event, 1));
 }
 
-bool ZrJobRegistry::Deliver(std::string_view target, std::vector<ZrJobEvent> events) {
-  return DeliverAll(target, events.data(), events.size());
-}
-
-bool ZrJobRegistry::DeliverAll(std::string_view target, ZrJobEvent* events, std::size_t count) {
-  if (count == 0) return true;
+bool ZrJobRegistry::Deliver(std::string_view target, std::span<const ZrJobEvent> events) {
+  if (events.empty()) return true;
   Link link;
   ZrJob* job = nullptr;
   {
@@ -140,16 +137,16 @@ bool ZrJobRegistry::DeliverAll(std::string_view target, ZrJobEvent* events, std:
     if (!link || stopping_) return true;
     if (link->pending == 0 && !OnDeliveringThread()) job = Claim(link);
     if (!job) {
-      for (ZrJobEvent* event = events; event != events + count; ++event) {
+      for (const ZrJobEvent& event : events) {
         std::list<Entry> entry(1);
         entry.front().target = link;
-        entry.front().event = std::move(*event);
+        entry.front().event = event;
         Queue(entry, true);
       }
       return true;
     }
   }
-  Hand(*job, link, events, count);
+  Hand(*job, link, events);
   return true;
 }
 
@@ -196,7 +193,7 @@ void ZrJobRegistry::DeliveryLoop() {
       if (stopping_) return;
       claimed = TakeFront(taken);
     }
-    if (claimed) Hand(*claimed, taken.front().target, &taken.front().event, 1);
+    if (claimed) Hand(*claimed, taken.front().target, {&taken.front().event, 1});
     taken.clear();
   }
 }

@@ -10,7 +10,7 @@ constexpr std::size_t kCounted = 4096;
 
 }  // namespace
 
-void ZrSendQueue::Push(Piece piece) {
+void ZrSendQueue::Push(Piece piece, bool inFront) {
   const std::uint64_t size = piece.bytes.Size() + piece.remaining;
   if (size == 0) return;
   if (piece.bytes.Size() >= kCounted && budget_) {
@@ -19,11 +19,15 @@ void ZrSendQueue::Push(Piece piece) {
   }
   ZrLock hold(lock_);
   held_ += piece.share.Bytes();
-  pieces_.push_back(std::move(piece));
+  pieces_.insert(inFront ? pieces_.begin() : pieces_.end(), std::move(piece));
   bytes_ += size;
 }
 
 void ZrSendQueue::Add(ZrStringBuf bytes) { Push({.bytes = std::move(bytes), .file = nullptr}); }
+
+void ZrSendQueue::AddInFront(ZrStringBuf bytes) {
+  Push({.bytes = std::move(bytes), .file = nullptr}, true);
+}
 
 void ZrSendQueue::AddFile(std::shared_ptr<const ZrFile> file, std::uint64_t offset,
                           std::uint64_t length) {

@@ -32,6 +32,8 @@ class ZrSendQueue {
 
   /// Adds a piece; nothing for an empty one.
   void Add(ZrStringBuf bytes) ZR_EXCLUDES(lock_);
+  /// The same at the front, by the writer: what it has begun to send.
+  void AddInFront(ZrStringBuf bytes) ZR_EXCLUDES(lock_);
   /// Adds `length` bytes of a file from that offset.
   void AddFile(std::shared_ptr<const ZrFile> file, std::uint64_t offset, std::uint64_t length)
       ZR_EXCLUDES(lock_);
@@ -76,7 +78,7 @@ class ZrSendQueue {
     bool Done() const { return bytes.Empty() && remaining == 0; }
   };
 
-  void Push(Piece piece) ZR_EXCLUDES(lock_);
+  void Push(Piece piece, bool inFront = false) ZR_EXCLUDES(lock_);
   Piece* FrontPiece() ZR_EXCLUDES(lock_);
   void ConsumeOfFile(std::uint64_t count) ZR_EXCLUDES(lock_);
   Piece TakeFront() ZR_REQUIRES(lock_);

@@ -84,7 +84,7 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& connec
                                                  const std::shared_ptr<ZrXHeader>& head) {
   Touch();
   if (!Timing()) {
-    LeaveJoinedTask(head->target);
+    LeaveTask(*head);
     return false;
   }
   const bool asks = !Persistent() && head->kind == ZrMessageKind::kRequest;
@@ -92,7 +92,7 @@ bool ZrTransceiverServerL1DirectSocket::SendHead(const ConnectionPointer& connec
   const bool sends = connection && transceiver != nullptr &&
                      (!asks || exchange_.Begin(std::make_shared<Asked>(Asked{connection})));
   if (sends) Write(*transceiver, *connection, *head);
-  LeaveJoinedTask(head->target);
+  LeaveTask(*head);
   if (!sends && asks)
     ReportUnanswered({ZrSendFailureKind::kClosed, "the connection has closed", true});
   if (sends && !Callback()) throw std::bad_function_call();

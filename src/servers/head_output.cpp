@@ -12,19 +12,19 @@ namespace {
 
 // The head stands in the buffer. A small file is read in behind it: one call to the system then
 // sends both. The length was announced; a file that has fewer bytes by now ends the connection.
-void QueueFile(ZrTransceiverConnection& connection, std::unique_ptr<ZrStringBuf> out,
+void QueueFile(ZrTransceiverConnection& connection, ZrStringBuf& out,
                std::shared_ptr<const ZrFile> file, std::uint64_t offset, std::uint64_t length) {
   std::uint64_t inlined = 0;
   if (length <= zr::kInlineFileSize) {
-    const std::span<char> space = out->Prepare(static_cast<std::size_t>(length));
+    const std::span<char> space = out.Prepare(static_cast<std::size_t>(length));
     const std::size_t got =
         file->ReadAt(offset, space.first(static_cast<std::size_t>(length))).value_or(0);
-    out->Commit(got);
+    out.Commit(got);
     inlined = got;
   }
-  connection.SendBuffer(out);
-  if (inlined < length)
-    connection.SendFileBytes(std::move(file), offset + inlined, length - inlined);
+  if (inlined == length) return;
+  connection.SendBuffer(std::move(out));
+  connection.SendFileBytes(std::move(file), offset + inlined, length - inlined);
 }
 
 std::unique_ptr<ZrStringBuf> CopyOf(const std::unique_ptr<ZrStringBuf>& body) {
@@ -41,24 +41,20 @@ bool SendsBody(const ZrXHeader& head) {
 
 }  // namespace
 
-std::uint64_t zr::QueueMessage(ZrTransceiverConnection& connection, ZrXHeader& head) {
-  auto out = std::make_unique<ZrStringBuf>();
-  if (!head.WriteHead(*out)) return out->Size();
-  const std::uint64_t headSize = out->Size();
-  if (!SendsBody(head)) {
-    connection.SendBuffer(out);
-    return headSize;
-  }
+std::uint64_t zr::WriteMessage(ZrTransceiverConnection& connection, ZrXHeader& head,
+                               ZrStringBuf& out) {
+  if (!head.WriteHead(out)) return out.Size();
+  const std::uint64_t headSize = out.Size();
+  if (!SendsBody(head)) return headSize;
   if (head.filePath.empty()) {
     // A request may have to be sent again.
     std::unique_ptr<ZrStringBuf> body =
         head.kind == ZrMessageKind::kRequest ? CopyOf(head.body) : head.TakeBody();
     const std::uint64_t bodySize = body->Size();
     if (bodySize <= kInlineFileSize) {
-      out->Append(body->Unread());
-      connection.SendBuffer(out);
+      out.Append(body->Unread());
     } else {
-      connection.SendBuffer(out);
+      connection.SendBuffer(std::move(out));
       connection.SendBuffer(body);
     }
     return headSize + bodySize;
@@ -66,15 +62,13 @@ std::uint64_t zr::QueueMessage(ZrTransceiverConnection& connection, ZrXHeader& h
   std::shared_ptr<const ZrFile> file =
       head.bodyFile ? std::move(head.bodyFile) : ZrFile::Open(head.filePath);
   if (!file) {
-    connection.SendBuffer(out);
     if (head.contentLength > 0) connection.CloseAfterItem();
     return headSize;
   }
   if (head.fileBytes && head.fileBytes->size() == head.contentLength) {
-    out->Append(*head.fileBytes);
-    connection.SendBuffer(out);
+    out.Append(*head.fileBytes);
     return headSize + head.contentLength;
   }
-  QueueFile(connection, std::move(out), std::move(file), head.fileOffset, head.contentLength);
+  QueueFile(connection, out, std::move(file), head.fileOffset, head.contentLength);
   return headSize + head.contentLength;
 }

@@ -3,9 +3,11 @@
 #include <functional>
 #include <utility>
 
+#include "base/workbench.h"
 #include "http/access_log.h"
 #include "http/message_head.h"
 #include "jobs/job_event.h"
+#include "jobs/job_registry.h"
 #include "servers/head_output.h"
 #include "transceiver/body_inlet.h"
 #include "transceiver/message_ends.h"
@@ -24,6 +26,32 @@ constexpr std::int64_t kQueueTime = 1'000'000'000;
 constexpr std::size_t kCountedBody = 4096;
 
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
+// A report of a line that the thread makes again and again; its owner may send an answer from it.
+struct LogRecord {
+  ZrServerCallback_t record;
+  bool inUse = false;
+};
+
+/// The handler's way into the transceiver stays open while a pass hands it messages.
+class Entered {
+ public:
+  Entered(ZrReceivePass& pass, ZrMessageHandler& handler)
+      : pass_(pass), handler_(handler), transceiver_(handler.EnterTransceiver()) {
+    pass_.Enter(&handler_, transceiver_);
+  }
+  ~Entered() {
+    pass_.Enter(nullptr, nullptr);
+    if (transceiver_ != nullptr) handler_.LeaveTransceiver();
+  }
+  Entered(const Entered&) = delete;
+  Entered& operator=(const Entered&) = delete;
+
+ private:
+  ZrReceivePass& pass_;
+  ZrMessageHandler& handler_;
+  ZrTransceiver* const transceiver_;
+};
 
 }  // namespace
 
@@ -63,8 +91,10 @@ void ZrTransceiverServerL1HTTP::EndTasks() {
     ended.swap(exchanges_);
   }
   if (!client) return;
-  for (const auto& [name, exchange] : ended)
-    if (!exchange.task.empty()) client->HandlerJob().LeaveJoinedTask(exchange.task);
+  for (const auto& [name, exchange] : ended) {
+    ZrLock hold(exchange->lock);
+    if (!exchange->task.empty()) client->HandlerJob().LeaveJoinedTask(exchange->task);
+  }
 }
 
 // ---- Received messages -------------------------------------------------------------------------
@@ -77,9 +107,9 @@ void ZrTransceiverServerL1HTTP::processItem(const std::string& connectionName,
   if (!Persistent()) return ProcessAnswer(*transceiver, connectionName, connection, client);
   if (!connection) return ForgetConnection(connectionName, client);
   if (!client) return;
-  std::shared_ptr<ZrXHeader> complete = TakeComplete(connectionName);
+  std::shared_ptr<ZrXHeader> complete = TakeComplete(*connection);
   if (!complete && !connection->BeginItem()) return;
-  RunTurn(*transceiver, connection, client, std::move(complete), false);
+  RunTurn({*transceiver, client, SharedHeadName(), false}, connection, std::move(complete));
 }
 
 // On the receive job. A server of which such a pass took long leaves all to its queue task for a
@@ -95,9 +125,11 @@ void ZrTransceiverServerL1HTTP::HandleArrived(ZrReceivePass& pass,
       begun < queueUntil_ ? nullptr : transceiver->FindClient(ClientName());
   if (client) {
     Touch();
+    const Entered entered(pass, *client);
+    const Work work{*transceiver, client, SharedHeadName(), true};
     for (const ConnectionPointer& connection : connections) {
       pass.WorkOn(connection);
-      HandleHere(*transceiver, connection, client);
+      HandleHere(work, connection);
     }
     if (const std::int64_t ended = transceiver->Clock().MonotonicNs(); ended - begun > kLongestPass)
       queueUntil_ = ended + kQueueTime;
@@ -106,25 +138,23 @@ void ZrTransceiverServerL1HTTP::HandleArrived(ZrReceivePass& pass,
   }
 }
 
-void ZrTransceiverServerL1HTTP::HandleHere(ZrTransceiver& transceiver,
-                                           const ConnectionPointer& connection,
-                                           const HandlerPointer& client) {
+void ZrTransceiverServerL1HTTP::HandleHere(const Work& work, const ConnectionPointer& connection) {
   // A body may have to be written to the disk as it arrives.
-  if (!connection->IsListed() || HasBodyUnderWay(connection->JobName()))
+  const Exchange* const exchange = ExchangeOf(*connection);
+  if (!connection->IsListed() || (exchange != nullptr && exchange->bodyUnderWay))
     return enqueue(connection->JobName(), ClientName());
-  if (connection->BeginItem()) RunTurn(transceiver, connection, client, nullptr, true);
+  if (connection->BeginItem()) RunTurn(work, connection, nullptr);
 }
 
-void ZrTransceiverServerL1HTTP::RunTurn(ZrTransceiver& transceiver,
-                                        const ConnectionPointer& connection,
-                                        const HandlerPointer& client,
-                                        std::shared_ptr<ZrXHeader> complete, bool here) {
+void ZrTransceiverServerL1HTTP::RunTurn(const Work& work, const ConnectionPointer& connection,
+                                        std::shared_ptr<ZrXHeader> complete) {
   const std::uint32_t item = connection->Item();
   bool answerToCome = false;
   try {
-    if (!complete) complete = Assemble(transceiver, connection, client);
-    if (complete && here && !client->CannotWait(*complete)) return LeaveToQueue(connection);
-    answerToCome = complete && HandOut(transceiver, connection, client, complete);
+    if (!complete) complete = Assemble(work.transceiver, connection, work.client);
+    if (complete && work.here && !work.client->CannotWait(*complete))
+      return LeaveToQueue(connection);
+    answerToCome = complete && HandOut(work, connection, complete);
   } catch (...) {
     // Memory ran out, or the handler failed: this connection is given up.
     return GoOn(connection, connection->EndItemAndClose(item));
@@ -134,30 +164,22 @@ void ZrTransceiverServerL1HTTP::RunTurn(ZrTransceiver& transceiver,
 
 // The turn goes on there.
 void ZrTransceiverServerL1HTTP::LeaveToQueue(const ConnectionPointer& connection) {
-  {
-    ZrLock hold(requestLock_);
-    const auto found = exchanges_.find(connection->JobName());
-    if (found != exchanges_.end()) {
-      found->second.complete = true;
-      found->second.atWork = false;
-    }
+  if (Exchange* const exchange = ExchangeOf(*connection)) {
+    ZrLock hold(exchange->lock);
+    exchange->complete = true;
+    exchange->atWork = false;
   }
   enqueue(connection->JobName(), ClientName());
 }
 
-bool ZrTransceiverServerL1HTTP::HasBodyUnderWay(const std::string& connectionName) {
-  ZrLock hold(requestLock_);
-  const auto found = exchanges_.find(connectionName);
-  return found != exchanges_.end() && found->second.bodyUnderWay;
-}
-
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::TakeComplete(
-    const std::string& connectionName) {
-  ZrLock hold(requestLock_);
-  const auto found = exchanges_.find(connectionName);
-  if (found == exchanges_.end() || !std::exchange(found->second.complete, false)) return nullptr;
-  found->second.atWork = true;
-  return found->second.head;
+    const ZrTransceiverConnection& connection) {
+  Exchange* const exchange = ExchangeOf(connection);
+  if (exchange == nullptr) return nullptr;
+  ZrLock hold(exchange->lock);
+  if (!std::exchange(exchange->complete, false)) return nullptr;
+  exchange->atWork = true;
+  return exchange->head;
 }
 
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
@@ -179,7 +201,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
   }
   if (step == ZrReadStep::kHead) {
     connection->BeginHead(head->semantics);
-    Rest(connection->JobName(), false);
+    Rest(*connection, false);
     return nullptr;
   }
   connection->EndHead();
@@ -203,12 +225,12 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
   }
   if (incomplete) {
     connection->NoteBody(*head->semantics, head->BodyBytes(), head->body->HeapBytes());
-    Rest(connection->JobName(), true);
+    Rest(*connection, true);
     return nullptr;
   }
   connection->EndBody();
   if (step == ZrReadStep::kComplete) return head;
-  DropMessage(connection->JobName());
+  DropMessage(*connection);
   connection->CloseAfterItem();
   return nullptr;
 }
@@ -220,30 +242,28 @@ void ZrTransceiverServerL1HTTP::ReadOff(const ConnectionPointer& connection, ZrX
   head.TakeArrivedBody(dropped);
   if (step == ZrReadStep::kBody) {
     connection->NoteBody(*head.semantics, head.BodyBytes(), 0);
-    return Rest(connection->JobName(), true);
+    return Rest(*connection, true);
   }
   connection->EndBody();
   if (head.surplus) connection->PutBack(*head.surplus);
   if (head.refusal != 0) connection->CloseAfterItem();
-  DropMessage(connection->JobName());
+  DropMessage(*connection);
 }
 
-bool ZrTransceiverServerL1HTTP::HandOut(ZrTransceiver& transceiver,
-                                        const ConnectionPointer& connection,
-                                        const HandlerPointer& client,
+bool ZrTransceiverServerL1HTTP::HandOut(const Work& work, const ConnectionPointer& connection,
                                         const std::shared_ptr<ZrXHeader>& head) {
   if (head->surplus) connection->PutBack(*head->surplus);
   // Asked for before the answer can be on its way, which ends the turn.
   if (head->closeRequested || head->endUncertain) connection->CloseAfterItem();
-  LetGo(connection->JobName());
-  if (client->HandleMessage(HeadName(), head) == 0) {
+  LetGo(*connection);
+  if (work.client->HandleMessage(work.headName, head) == 0) {
     connection->CloseAfterItem();
     return false;
   }
-  EndWorkOn(connection->JobName());
+  EndWorkOn(*connection);
   if (!head->answered) return true;
   connection->Reset();
-  if (head->route.size() > 1) transceiver.ReleaseServerTask(head->route[1]);
+  if (head->route.size() > 1) work.transceiver.ReleaseServerTask(head->route[1]);
   return true;
 }
 
@@ -266,15 +286,24 @@ void ZrTransceiverServerL1HTTP::GoOn(const ConnectionPointer& connection,
 // The message of the connection, a new one when bytes wait for it; nothing when there is nothing.
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const ConnectionPointer& connection,
                                                                 const HandlerPointer& client) {
-  {
-    ZrLock hold(requestLock_);
-    const auto found = exchanges_.find(connection->JobName());
-    if (found != exchanges_.end() && found->second.head) {
-      found->second.atWork = true;
-      return found->second.head;
-    }
-  }
-  if (!connection->HasReceived()) return nullptr;
+  Exchange* exchange = ExchangeOf(*connection);
+  const bool received = connection->HasReceived();
+  // Somebody may have given the connection another joined task.
+  if (received && (exchange == nullptr || !exchange->entered || !exchange->ends ||
+                   !connection->IsIn(exchange->ends->target)))
+    exchange = &EnterConnection(connection, client);
+  if (exchange == nullptr) return nullptr;
+  ZrLock hold(exchange->lock);
+  if (!exchange->head && received) exchange->head = NewMessage(*connection, exchange->ends);
+  if (exchange->head) exchange->atWork = true;
+  return exchange->head;
+}
+
+ZrTransceiverServerL1HTTP::Exchange& ZrTransceiverServerL1HTTP::EnterConnection(
+    const ConnectionPointer& connection, const HandlerPointer& client) {
+  Exchange* exchange = ExchangeOf(*connection);
+  if (exchange == nullptr)
+    exchange = static_cast<Exchange*>(&connection->KeepForServer(std::make_shared<Exchange>()));
   std::string target = connection->HandlerName();
   std::string task;
   if (target.empty()) {
@@ -282,88 +311,113 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
     task = job.CreateJoinedTaskFor("receive_" + job.JobName());
     target = task;
   }
-  std::shared_ptr<ZrXHeader> head = NewMessage(*connection, std::move(target));
+  const ZrTaskHandle place = ZrJobRegistry::Instance().Find(target);
+  exchange->ends = std::make_shared<const ZrMessageEnds>(
+      ZrMessageEnds{.connection = connection,
+                    .server = weak_from_this(),
+                    .handler = client.get(),
+                    .route = {connection->JobName(), JobName()},
+                    .target = std::move(target),
+                    .task = place});
   bool first = false;
   {
     ZrLock hold(requestLock_);
-    const auto [place, added] = exchanges_.try_emplace(connection->JobName());
-    Exchange& exchange = place->second;
-    if (!exchange.ends) {
-      exchange.ends = std::make_shared<const ZrMessageEnds>(
-          ZrMessageEnds{connection, weak_from_this(), client.get()});
-    }
-    head->ends = exchange.ends;
-    exchange.head = head;
-    exchange.atWork = true;
-    if (!task.empty()) exchange.task = std::move(task);
-    first = added;
+    first = !exchange->entered;
+    if (first)
+      exchanges_.insert_or_assign(connection->JobName(), connection->ServerPartOf<Exchange>());
+    exchange->entered = true;
+    ZrLock change(exchange->lock);
+    exchange->atWork = true;
+    if (!task.empty()) exchange->task = std::move(task);
   }
   // The end of a connection goes through the queue when it finds the message; one that came before
   // did not.
   if (first && !connection->IsListed()) wake(connection->JobName());
-  return head;
+  return *exchange;
 }
 
 bool ZrTransceiverServerL1HTTP::IsAtWork(const std::string& connectionName) {
   ZrLock hold(requestLock_);
   const auto found = exchanges_.find(connectionName);
-  return found != exchanges_.end() && found->second.atWork;
+  if (found == exchanges_.end()) return false;
+  ZrLock look(found->second->lock);
+  return found->second->atWork;
 }
 
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(
-    const ZrTransceiverConnection& connection, std::string task) {
+    const ZrTransceiverConnection& connection, std::shared_ptr<const ZrMessageEnds> ends) {
   auto head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, ProtocolKind());
   head->semantics = semantics_;
-  head->target = std::move(task);
-  head->route = {connection.JobName(), JobName()};
+  head->target = ends->target;
+  head->route = ends->route;
+  head->presence = ZrTaskGuest(ends->task);
+  head->ends = std::move(ends);
   head->SetPeerRecord(connection.PeerRecord());
   head->peerWatch = connection.PeerWatch();
-  head->Attach(head->target);
   head->body = std::make_unique<ZrStringBuf>();
   return head;
 }
 
-void ZrTransceiverServerL1HTTP::DropMessage(const std::string& connectionName) {
+std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewAnswer(
+    ZrTransceiverConnection& connection) {
+  auto ends = std::make_shared<const ZrMessageEnds>(ZrMessageEnds{
+      .route = {connection.JobName(), JobName()}, .target = connection.HandlerName()});
+  auto head = NewMessage(connection, std::move(ends));
+  head->ends = nullptr;
+  head->Attach(head->target);
+  return head;
+}
+
+void ZrTransceiverServerL1HTTP::DropMessage(const ZrTransceiverConnection& connection) {
+  Exchange* const exchange = ExchangeOf(connection);
+  if (exchange == nullptr) return;
   std::shared_ptr<ZrXHeader> dropped;  // released without the lock
-  ZrLock hold(requestLock_);
-  const auto found = exchanges_.find(connectionName);
-  if (found == exchanges_.end()) return;
-  dropped = std::move(found->second.head);
-  found->second.atWork = found->second.bodyUnderWay = false;
+  ZrLock hold(exchange->lock);
+  dropped = std::move(exchange->head);
+  exchange->atWork = exchange->bodyUnderWay = false;
 }
 
-void ZrTransceiverServerL1HTTP::LetGo(const std::string& connectionName) {
-  ZrLock hold(requestLock_);
-  const auto found = exchanges_.find(connectionName);
-  if (found == exchanges_.end()) return;
-  found->second.head = nullptr;  // the caller has it
-  found->second.bodyUnderWay = false;
+void ZrTransceiverServerL1HTTP::LetGo(const ZrTransceiverConnection& connection) {
+  Exchange* const exchange = ExchangeOf(connection);
+  if (exchange == nullptr) return;
+  ZrLock hold(exchange->lock);
+  exchange->head = nullptr;  // the caller has it
+  exchange->bodyUnderWay = false;
 }
 
-void ZrTransceiverServerL1HTTP::EndWorkOn(const std::string& connectionName) {
-  ZrLock hold(requestLock_);
-  const auto found = exchanges_.find(connectionName);
-  if (found != exchanges_.end() && !found->second.head) found->second.atWork = false;
+void ZrTransceiverServerL1HTTP::EndWorkOn(const ZrTransceiverConnection& connection) {
+  Exchange* const exchange = ExchangeOf(connection);
+  if (exchange == nullptr) return;
+  ZrLock hold(exchange->lock);
+  if (!exchange->head) exchange->atWork = false;
 }
 
 // More of the message is to come.
-void ZrTransceiverServerL1HTTP::Rest(const std::string& connectionName, bool bodyUnderWay) {
-  ZrLock hold(requestLock_);
-  const auto found = exchanges_.find(connectionName);
-  if (found == exchanges_.end()) return;
-  found->second.atWork = false;
-  found->second.bodyUnderWay = bodyUnderWay;
+void ZrTransceiverServerL1HTTP::Rest(const ZrTransceiverConnection& connection, bool bodyUnderWay) {
+  Exchange* const exchange = ExchangeOf(connection);
+  if (exchange == nullptr) return;
+  ZrLock hold(exchange->lock);
+  exchange->atWork = false;
+  exchange->bodyUnderWay = bodyUnderWay;
 }
 
 void ZrTransceiverServerL1HTTP::ForgetConnection(const std::string& connectionName,
                                                  const HandlerPointer& client) {
   decltype(exchanges_)::node_type forgotten;
+  std::shared_ptr<ZrXHeader> dropped;
+  std::string task;
   {
     ZrLock hold(requestLock_);
     forgotten = exchanges_.extract(connectionName);
+    if (!forgotten) return;
+    Exchange& exchange = *forgotten.mapped();
+    exchange.entered = exchange.bodyUnderWay = false;
+    ZrLock change(exchange.lock);
+    dropped = std::move(exchange.head);
+    exchange.atWork = exchange.complete = false;
+    task.swap(exchange.task);
   }
-  if (forgotten && client && !forgotten.mapped().task.empty())
-    client->HandlerJob().LeaveJoinedTask(forgotten.mapped().task);
+  if (client && !task.empty()) client->HandlerJob().LeaveJoinedTask(task);
 }
 
 // ---- Sent messages -----------------------------------------------------------------------------
@@ -371,20 +425,20 @@ void ZrTransceiverServerL1HTTP::ForgetConnection(const std::string& connectionNa
 bool ZrTransceiverServerL1HTTP::SendHead(const ConnectionPointer& connection,
                                          const std::shared_ptr<ZrXHeader>& head) {
   const bool isRequest = head->kind == ZrMessageKind::kRequest;
-  if (isRequest && connection) DropMessage(connection->JobName());
+  if (isRequest && connection) DropMessage(*connection);
   Touch();
   if (!Timing()) {
-    LeaveJoinedTask(head->target);
+    LeaveTask(*head);
     return false;
   }
   ZrTransceiver* const transceiver = Transceiver();
   if (isRequest && !Persistent()) {
     const ZrSendFailure failure = SendRequest(transceiver, connection, *head);
-    LeaveJoinedTask(head->target);
+    LeaveTask(*head);
     if (failure.kind != ZrSendFailureKind::kNone) ReportUnanswered(failure);
   } else {
     if (connection && transceiver != nullptr) Write(*transceiver, *connection, *head);
-    LeaveJoinedTask(head->target);
+    LeaveTask(*head);
     if (connection && head->inlet) CutBody(*connection, *head);
     if (connection && !isRequest) EndTurn(connection);
   }
@@ -396,7 +450,7 @@ void ZrTransceiverServerL1HTTP::EndAnswer(const ConnectionPointer& connection,
                                           const std::shared_ptr<ZrXHeader>& head,
                                           std::uint64_t bytes, Ended ended) {
   Touch();
-  LeaveJoinedTask(head->target);
+  LeaveTask(*head);
   if (!Timing()) return;
   try {
     Log(*connection, *head, bytes);
@@ -416,11 +470,13 @@ void ZrTransceiverServerL1HTTP::CutBody(const ZrTransceiverConnection& connectio
   std::shared_ptr<ZrXHeader> rest = answer.inlet->Cut();
   if (!rest) return;
   rest->restOnly = true;
+  Exchange* const exchange = ExchangeOf(connection);
+  if (exchange == nullptr) return;
   ZrLock hold(requestLock_);
-  const auto found = exchanges_.find(connection.JobName());
-  if (found == exchanges_.end()) return;
-  found->second.head.swap(rest);
-  found->second.bodyUnderWay = true;
+  if (!exchange->entered) return;
+  ZrLock change(exchange->lock);
+  exchange->head.swap(rest);
+  exchange->bodyUnderWay = true;
 }
 
 void ZrTransceiverServerL1HTTP::Write(ZrTransceiver& transceiver,
@@ -428,8 +484,9 @@ void ZrTransceiverServerL1HTTP::Write(ZrTransceiver& transceiver,
                                       ZrXHeader& head) noexcept {
   try {
     connection.Attach(head.target);
-    const std::uint64_t bytes = zr::QueueMessage(connection, head);
-    transceiver.FlushConnection(connection);
+    ZrStringBuf out;
+    const std::uint64_t bytes = zr::WriteMessage(connection, head, out);
+    transceiver.FlushConnection(connection, out);
     Log(connection, head, bytes);
     if (head.closeRequested) connection.CloseAfterItem();
   } catch (...) {
@@ -446,23 +503,36 @@ void ZrTransceiverServerL1HTTP::Log(const ZrTransceiverConnection& connection,
   const auto referer = head.RequestField("referer");
   const auto userAgent = head.RequestField("user-agent");
   const auto words = head.RequestField(zr::kFirstLine);
-  ZrServerCallback_t record;
+  const zr::AccessLogEntry entry{
+      .remote = remote == peer.end() ? "none" : std::string_view(remote->second),
+      .scheme = zr::ProtocolSchemeName(head.ProtocolKind()),
+      .created = head.created,
+      .requestText = head.requestSummary,
+      .version = words.size() > 2 ? words[2] : std::string_view(),
+      .status = head.status,
+      .bytes = bytes,
+      .headBytes = head.headBytes,
+      .referer = referer.empty() ? "-" : referer.front(),
+      .userAgent = userAgent.empty() ? "-" : userAgent.front(),
+  };
+  ZrWorkbench* const workbench = ZrWorkbench::Current();
+  LogRecord* const kept = workbench == nullptr ? nullptr : &workbench->Of<LogRecord>();
+  if (kept == nullptr || kept->inUse) {
+    LogRecord once;
+    return Report(once.record, entry);
+  }
+  kept->inUse = true;
+  Report(kept->record, entry);
+  kept->inUse = false;
+}
+
+// The owner may have changed the record since it was used last.
+void ZrTransceiverServerL1HTTP::Report(ZrServerCallback_t& record,
+                                       const zr::AccessLogEntry& entry) const {
   record.kind = ZrServerCallback_t::kMessageLogged;
-  record.info.Set(
-      "logging", zr::AccessLogLine(
-                     {
-                         .remote = remote == peer.end() ? "none" : std::string_view(remote->second),
-                         .scheme = zr::ProtocolSchemeName(head.ProtocolKind()),
-                         .created = head.created,
-                         .requestText = head.requestSummary,
-                         .version = words.size() > 2 ? words[2] : std::string_view(),
-                         .status = head.status,
-                         .bytes = bytes,
-                         .headBytes = head.headBytes,
-                         .referer = referer.empty() ? "-" : referer.front(),
-                         .userAgent = userAgent.empty() ? "-" : userAgent.front(),
-                     },
-                     logFormat_));
+  std::string& line = record.info.Only("logging");
+  line.clear();
+  zr::AppendAccessLogLine(line, entry, logFormat_);
   TellOwner(record);
 }
 

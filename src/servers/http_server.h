@@ -60,14 +60,17 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
   using HandlerPointer = std::shared_ptr<ZrMessageHandler>;
 
-  // What belongs to one connection.
-  struct Exchange {
-    std::shared_ptr<ZrXHeader> head;  // the message being assembled; none between messages
-    bool atWork = false;              // a thread reads it or hands it out
-    bool bodyUnderWay = false;        // its head is there, its body is not
-    bool complete = false;            // it has arrived, and its turn has begun
-    std::string task;                 // the joined task made for its messages; empty: none was made
-    std::shared_ptr<const ZrMessageEnds> ends;  // what its messages carry
+  // What belongs to one connection; the connection has it at hand.
+  struct Exchange : ZrTransceiverConnection::ServerPart {
+    ZrMutex lock;                                         // behind requestLock_
+    std::shared_ptr<ZrXHeader> head ZR_GUARDED_BY(lock);  // being assembled; else none
+    bool atWork ZR_GUARDED_BY(lock) = false;              // a thread reads it or hands it out
+    bool complete ZR_GUARDED_BY(lock) = false;            // it has arrived, and its turn has begun
+    std::atomic<bool> bodyUnderWay{false};                // its head is there, its body is not
+    std::atomic<bool> entered{false};  // in exchanges_; changes under requestLock_
+    // What its messages carry; whose turn it is may look and change it.
+    std::shared_ptr<const ZrMessageEnds> ends;
+    std::string task ZR_GUARDED_BY(lock);  // the joined task made for it; empty: none was made
   };
 
   // A worker's request that is out.
@@ -82,8 +85,14 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
     bool arrived = false;  // anything came at all
   };
 
+  static Exchange* ExchangeOf(const ZrTransceiverConnection& connection) {
+    return static_cast<Exchange*>(connection.KeptByServer());
+  }
   std::shared_ptr<ZrXHeader> NewMessage(const ZrTransceiverConnection& connection,
-                                        std::string task);
+                                        std::shared_ptr<const ZrMessageEnds> ends);
+  std::shared_ptr<ZrXHeader> NewAnswer(ZrTransceiverConnection& connection);
+  /// Makes what the connection's messages carry, and enters the connection.
+  Exchange& EnterConnection(const ConnectionPointer& connection, const HandlerPointer& client);
   /// Reads what has arrived on a worker; without connection, its end has come.
   void ProcessAnswer(ZrTransceiver& transceiver, const std::string& connectionName,
                      const ConnectionPointer& connection, const HandlerPointer& client);
@@ -97,40 +106,46 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   std::shared_ptr<ZrXHeader> MessageOf(const ConnectionPointer& connection,
                                        const HandlerPointer& client);
   bool IsAtWork(const std::string& connectionName);
-  void Rest(const std::string& connectionName, bool bodyUnderWay);
-  void DropMessage(const std::string& connectionName);
+  static void Rest(const ZrTransceiverConnection& connection, bool bodyUnderWay);
+  static void DropMessage(const ZrTransceiverConnection& connection);
   /// More came of a message whose answer was given.
-  void ReadOff(const ConnectionPointer& connection, ZrXHeader& head, ZrReadStep step);
+  static void ReadOff(const ConnectionPointer& connection, ZrXHeader& head, ZrReadStep step);
   /// The answer was given: what has not come yet of the request's body is read off.
   void CutBody(const ZrTransceiverConnection& connection, ZrXHeader& answer);
   /// Takes a complete message off, which is handed out then. Its answer ends the turn, and the next
   /// message may be read by another thread before the handler has returned.
-  void LetGo(const std::string& connectionName);
+  static void LetGo(const ZrTransceiverConnection& connection);
   /// The handler has returned; there may be a new message by now, on which others work.
-  void EndWorkOn(const std::string& connectionName);
+  static void EndWorkOn(const ZrTransceiverConnection& connection);
   void ForgetConnection(const std::string& connectionName, const HandlerPointer& client);
   /// Reads what has arrived in the connection's turn; the message when that is complete.
   std::shared_ptr<ZrXHeader> Assemble(ZrTransceiver& transceiver,
                                       const ConnectionPointer& connection,
                                       const HandlerPointer& client);
   /// The complete message of a turn that has begun, for the queue task.
-  std::shared_ptr<ZrXHeader> TakeComplete(const std::string& connectionName);
-  bool HasBodyUnderWay(const std::string& connectionName);
+  static std::shared_ptr<ZrXHeader> TakeComplete(const ZrTransceiverConnection& connection);
   void LeaveToQueue(const ConnectionPointer& connection);
-  void HandleHere(ZrTransceiver& transceiver, const ConnectionPointer& connection,
-                  const HandlerPointer& client);
-  /// Runs one turn: assembles when there is no message yet, hands out when `here` allows it.
-  void RunTurn(ZrTransceiver& transceiver, const ConnectionPointer& connection,
-               const HandlerPointer& client, std::shared_ptr<ZrXHeader> complete, bool here);
+  /// Who handles messages: found once for all of a pass.
+  struct Work {
+    ZrTransceiver& transceiver;
+    const HandlerPointer& client;
+    const ZrSharedText headName;
+    const bool here;  // on the receive job
+  };
+  void HandleHere(const Work& work, const ConnectionPointer& connection);
+  /// Runs one turn: assembles when there is no message yet, hands out where that may be.
+  void RunTurn(const Work& work, const ConnectionPointer& connection,
+               std::shared_ptr<ZrXHeader> complete);
   /// Answers whether the connection's turn goes on until its answer.
-  bool HandOut(ZrTransceiver& transceiver, const ConnectionPointer& connection,
-               const HandlerPointer& client, const std::shared_ptr<ZrXHeader>& head);
+  bool HandOut(const Work& work, const ConnectionPointer& connection,
+               const std::shared_ptr<ZrXHeader>& head);
   void EndTurn(const ConnectionPointer& connection);
   void GoOn(const ConnectionPointer& connection, ZrTransceiverConnection::AfterItem next);
   /// Whatever fails, the caller goes on to end the turn.
   void Write(ZrTransceiver& transceiver, ZrTransceiverConnection& connection,
              ZrXHeader& head) noexcept;
   void Log(const ZrTransceiverConnection& connection, const ZrXHeader& head, std::uint64_t bytes);
+  void Report(ZrServerCallback_t& record, const zr::AccessLogEntry& entry) const;
 
   zr::AccessLogFormat logFormat_ = zr::AccessLogFormat::kVelkoro;  // constant after construction
 
@@ -139,6 +154,6 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   std::atomic<std::int64_t> queueUntil_{0};
 
   ZrMutex requestLock_;
-  std::unordered_map<std::string, Exchange> exchanges_ ZR_GUARDED_BY(requestLock_);
+  std::unordered_map<std::string, std::shared_ptr<Exchange>> exchanges_ ZR_GUARDED_BY(requestLock_);
   ZrWorkerExchange<Asked> exchange_;  // workers only
 };

@@ -23,12 +23,13 @@ ZrSendFailure ZrTransceiverServerL1HTTP::SendRequest(ZrTransceiver* transceiver,
   if (head.method == ZrMethod::kHead) asked->reader.ExpectNoBody();
   if (!exchange_.Begin(asked)) return closed;
   try {
-    const std::uint64_t bytes = zr::QueueMessage(*connection, head);
+    ZrStringBuf out;
+    const std::uint64_t bytes = zr::WriteMessage(*connection, head, out);
     if (bytes == 0) {
       if (!exchange_.End(asked)) return {};
       return {ZrSendFailureKind::kNotSent, "the request is not complete: set its state to 6"};
     }
-    transceiver->FlushConnection(*connection);
+    transceiver->FlushConnection(*connection, out);
     Log(*connection, head, bytes);
   } catch (...) {
     transceiver->RemoveConnection(*connection);  // memory ran out; the end tells the pool
@@ -84,7 +85,7 @@ ZrAnswerReader::Result ZrTransceiverServerL1HTTP::ReadAnswer(Asked& asked, bool 
                                                        : Line::kBroken;
   for (;;) {
     if (!asked.answer) {
-      asked.answer = NewMessage(*asked.connection, asked.connection->HandlerName());
+      asked.answer = NewAnswer(*asked.connection);
       asked.answer->semantics = asked.semantics;
     }
     const Result result = asked.reader.Read(

@@ -4,6 +4,7 @@
 
 #include "base/batch.h"
 #include "base/line_writer.h"
+#include "base/workbench.h"
 #include "http/message_head.h"
 #include "jobs/scheduler.h"
 #include "transceiver/connection.h"
@@ -50,8 +51,12 @@ void ZrTransceiverServer::processItem(const std::string&, const std::string&) {}
 
 bool ZrTransceiverServer::SendHead(const std::shared_ptr<ZrTransceiverConnection>&,
                                    const std::shared_ptr<ZrXHeader>& head) {
-  LeaveJoinedTask(head->target);
+  LeaveTask(*head);
   return false;
+}
+
+void ZrTransceiverServer::LeaveTask(ZrXHeader& answer) {
+  if (!answer.presence.Leave()) LeaveJoinedTask(answer.target);
 }
 
 bool ZrTransceiverServer::SendHead(const std::string& connectionName,
@@ -78,7 +83,7 @@ void ZrTransceiverServer::wake(const std::string&) {
   queueWake_.NotifyAll();
 }
 
-std::string ZrTransceiverServer::HeadName() const {
+ZrSharedText ZrTransceiverServer::SharedHeadName() const {
   ZrLock hold(lock_);
   return headName_;
 }
@@ -157,6 +162,7 @@ std::size_t ZrTransceiverServer::waitingItems() const {
 // Takes all that waits at once: items that come while a batch is handled cost no wake-up.
 void ZrTransceiverServer::QueueLoop() {
   std::vector<Item> batch;
+  const ZrWorkbench workbench;
   while (Processing()) {
     {
       ZrLock hold(queueLock_);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/server_callback.h"
+#include "base/shared_text.h"
 #include "jobs/job_with_timeout.h"
 #include "platform/sync.h"
 #include "transceiver/server_factories.h"
@@ -89,7 +90,8 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   bool Persistent() const { return persistent_; }
   std::uint32_t ProtocolKind() const { return protocolKind_; }
   const std::string& ClientName() const { return clientName_; }
-  std::string HeadName() const;
+  std::string HeadName() const { return SharedHeadName(); }
+  ZrSharedText SharedHeadName() const;
   void SetHeadName(const std::string& name);
   /// The name of the connection that a connecting server made last; empty before.
   std::string Result() const;
@@ -110,6 +112,8 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   /// the server's tasks have been ended.
   [[nodiscard]] bool BeginWork() ZR_EXCLUDES(queueLock_);
   void EndWork() ZR_EXCLUDES(queueLock_);
+  /// The server leaves the joined task of an answer.
+  void LeaveTask(ZrXHeader& answer);
   /// Whether the queue task shall go on; a long processItem() may ask.
   bool Processing() const { return processing_.load(std::memory_order_acquire); }
   friend void zr::EndServer(ZrTransceiverServer* server) noexcept;
@@ -128,7 +132,7 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   const std::string ownerName_;
   const ZrServerCallback callback_;
   std::atomic<ZrTransceiver*> transceiver_;
-  std::string headName_ ZR_GUARDED_BY(lock_);
+  ZrSharedText headName_ ZR_GUARDED_BY(lock_);
   std::string result_ ZR_GUARDED_BY(lock_);
 
   mutable ZrMutex queueLock_;

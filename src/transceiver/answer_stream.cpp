@@ -82,8 +82,7 @@ bool ZrAnswerStream::Begin(std::shared_ptr<ZrXHeader> head,
   if (encoder_) head_->lengthKnown = false;
   head_->streamed = true;
   head_->SetState(zr::kHeadStateComplete);
-  ZrJob& server = reach.server->ServerJob();
-  server.Attach(head_->target);
+  zr::JoinTask(reach.server->ServerJob(), *head_, ends_->target);
   reach.connection->Attach(head_->target);
   auto out = std::make_unique<ZrStringBuf>();
   if (!head_->WriteHead(*out)) return false;

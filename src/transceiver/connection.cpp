@@ -8,6 +8,7 @@
 #include "jobs/job_event.h"
 #include "jobs/job_registry.h"
 #include "net/tcp_socket.h"
+#include "transceiver/receive_pass.h"
 #include "transceiver/transceiver.h"
 
 namespace {
@@ -60,6 +61,21 @@ bool ZrTransceiverConnection::Detach(std::string_view task) {
 std::string ZrTransceiverConnection::HandlerName() {
   ZrLock hold(lock_);
   return handlerName_;
+}
+
+bool ZrTransceiverConnection::IsIn(std::string_view task) {
+  ZrLock hold(lock_);
+  return handlerName_.empty() || handlerName_ == task;
+}
+
+ZrTransceiverConnection::ServerPart& ZrTransceiverConnection::KeepForServer(
+    std::shared_ptr<ServerPart> part) {
+  ZrLock hold(lock_);
+  if (!serverPart_) {
+    serverPart_ = std::move(part);
+    keptByServer_.store(serverPart_.get(), std::memory_order_release);
+  }
+  return *serverPart_;
 }
 
 void ZrTransceiverConnection::Reset() {
@@ -154,8 +170,11 @@ void ZrTransceiverConnection::OnReceived(const char* data, std::size_t length) {
   TellInput();
 }
 
-// On this thread when the server is free for it: one hand-over less on the way of a request.
+// On this thread when the server is free for it: one hand-over less on the way of a request. A pass
+// of receiving tells each server of all its connections at once.
 void ZrTransceiverConnection::Announce() {
+  ZrReceivePass* const pass = ZrReceivePass::Current();
+  if (pass != nullptr && pass->Announce(*this)) return;
   ZrJobEvent event;
   event.jobName = JobName();
   event.code = kZrEventDataArrived;
@@ -255,11 +274,22 @@ void ZrTransceiverConnection::SendBuffer(std::unique_ptr<ZrStringBuf>& buffer) {
   buffer = std::make_unique<ZrStringBuf>();
 }
 
+void ZrTransceiverConnection::SendBuffer(ZrStringBuf bytes) {
+  Touch();
+  output_.Add(std::move(bytes));
+}
+
+void ZrTransceiverConnection::QueueRest(ZrStringBuf& bytes) {
+  if (!bytes.Empty()) output_.AddInFront(std::move(bytes));
+}
+
 void ZrTransceiverConnection::SendBytes(const char* data, std::size_t length,
                                         std::size_t& accepted) {
   Touch();
   accepted = length;
-  output_.Add(ZrStringBuf(std::string(data, length)));
+  ZrStringBuf bytes;
+  bytes.Append({data, length});
+  output_.Add(std::move(bytes));
 }
 
 void ZrTransceiverConnection::SendFileBytes(std::shared_ptr<const ZrFile> file,
@@ -326,6 +356,25 @@ ZrTransceiverConnection::Output ZrTransceiverConnection::WriteToSocket(ZrSocketI
         return total > 0 ? Output::kMoved : Output::kIdle;
     }
   }
+}
+
+ZrTransceiverConnection::Output ZrTransceiverConnection::WriteThrough(ZrSocketIPvx& socket,
+                                                                      ZrStringBuf& bytes) {
+  const ZrIoResult result = socket.Line().Send(bytes.Unread());
+  Touch();
+  switch (result.status) {
+    case ZrIoStatus::kDone:
+      bytes.Consume(result.count);
+      break;
+    case ZrIoStatus::kWouldBlock:
+      break;
+    case ZrIoStatus::kClosed:
+    case ZrIoStatus::kFailed:
+      QueueRest(bytes);
+      return Output::kDead;
+  }
+  QueueRest(bytes);
+  return result.status == ZrIoStatus::kDone ? Output::kMoved : Output::kRefused;
 }
 
 bool ZrTransceiverConnection::FinishOutput(ZrSocketIPvx&) { return true; }

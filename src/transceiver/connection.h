@@ -73,6 +73,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// Queues the buffer's bytes and leaves an empty buffer behind. Nothing is sent before the
   /// transceiver's WakeSender() or FlushConnection() runs.
   virtual void SendBuffer(std::unique_ptr<ZrStringBuf>& buffer);
+  /// Queues bytes; sending as for the other form.
+  void SendBuffer(ZrStringBuf bytes);
   /// Queues a copy of the bytes; `accepted` gets their number. Sending as for SendBuffer().
   virtual void SendBytes(const char* data, std::size_t length, std::size_t& accepted);
   /// Copies the unsent bytes of the oldest queued buffer, without consuming them.
@@ -88,6 +90,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   };
   /// Gives the socket what it takes of the queue now.
   virtual Output WriteToSocket(ZrSocketIPvx& socket) ZR_REQUIRES(lock_);
+  /// Sends bytes while nothing is queued, without a way through the queue: what the socket does not
+  /// take now stands at the front of it then. The buffer is empty afterwards.
+  virtual Output WriteThrough(ZrSocketIPvx& socket, ZrStringBuf& bytes) ZR_REQUIRES(lock_);
   /// Stores received bytes, restarts the time limit and tells the receiver job with one event of
   /// code 8 per batch that it has not taken yet. A closing connection drops the bytes.
   virtual void OnReceived(const char* data, std::size_t length);
@@ -126,6 +131,22 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   const std::string& PeerName() const { return peerName_; }
   /// The joined task the connection is attached to; empty before the first Attach().
   std::string HandlerName();
+  /// Whether it is attached to that joined task, or to none yet.
+  bool IsIn(std::string_view task);
+  /// What its server keeps of it, nothing before the server has set that. Kept for the connection's
+  /// life.
+  struct ServerPart {
+    virtual ~ServerPart() = default;
+  };
+  ServerPart* KeptByServer() const { return keptByServer_.load(std::memory_order_acquire); }
+  /// Sets that unless it is set; answers what it is.
+  ServerPart& KeepForServer(std::shared_ptr<ServerPart> part);
+  /// The same shared, for the server, which knows its class.
+  template <class Part>
+  std::shared_ptr<Part> ServerPartOf() {
+    ZrLock hold(lock_);
+    return std::static_pointer_cast<Part>(serverPart_);
+  }
   bool HasReceived() const { return turn_.HasBytes(); }
   bool SendPending() const { return output_.Pending(); }
   /// Bytes that are queued and not yet sent, files included.
@@ -234,6 +255,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// The oldest queued bytes as a view, a piece of a file read in when that is what comes next.
   /// Empty when nothing is queued. Valid until Consume(); later additions do not move the bytes.
   std::string_view FrontView() ZR_REQUIRES(lock_);
+  /// Queues what a pass of WriteThrough() has left.
+  void QueueRest(ZrStringBuf& bytes) ZR_REQUIRES(lock_);
 
  private:
   static constexpr std::uint64_t kNoMark = ~std::uint64_t{0};
@@ -250,6 +273,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   const std::shared_ptr<const ZrServerCallback_t> record_;
   const CloseCallback onClose_;
   const std::shared_ptr<ZrPeerWatch> peerWatch_ = std::make_shared<ZrPeerWatch>();
+
+  std::atomic<ServerPart*> keptByServer_{nullptr};
+  std::shared_ptr<ServerPart> serverPart_ ZR_GUARDED_BY(lock_);  // the same, once set
 
   std::string handlerName_ ZR_GUARDED_BY(lock_);
   bool joined_ ZR_GUARDED_BY(lock_) = false;  // to that task

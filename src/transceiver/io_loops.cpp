@@ -3,6 +3,7 @@
 #include <chrono>
 #include <utility>
 
+#include "base/workbench.h"
 #include "jobs/scheduler.h"
 #include "net/tcp_socket.h"
 #include "platform/socket.h"
@@ -142,12 +143,19 @@ void ZrIoLoops::WaitForEnd() {
   }
 }
 
-void ZrIoLoops::Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready) {
+void ZrIoLoops::Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready,
+                        bool resumed) {
   ZrLock hold(lock_);
   for (const ZrReadiness& event : events) {
     const auto found = byToken_.find(event.token);
     if (found != byToken_.end()) ready.push_back({found->second, event.urgent, event.hangup});
   }
+  if (!resumed) return;
+  for (const std::uint64_t token : resumed_) {
+    const auto found = byToken_.find(token);
+    if (found != byToken_.end()) ready.push_back({found->second, false});
+  }
+  resumed_.clear();
 }
 
 // ---- Input -------------------------------------------------------------------------------------
@@ -155,29 +163,34 @@ void ZrIoLoops::Resolve(std::span<const ZrReadiness> events, std::vector<Ready>&
 void ZrIoLoops::ReceiveLoop() {
   std::vector<Ready> ready;
   std::vector<Ready> again;  // have input of their own, whatever their sockets say
+  const ZrWorkbench workbench;
+  ZrReceivePass pass;
   while (receiving_) {
     const auto events = receivePoller_.Wait(again.empty() ? kForEver : std::chrono::nanoseconds(0));
     ready.swap(again);
     try {
       if (bell_->rung.load(std::memory_order_relaxed)) FeedStarved();
-      Resolve(events, ready);
-      ResolveResumed(ready);
+      Resolve(events, ready, true);
     } catch (...) {
       // Out of memory: what was not taken over is reported again by the next wait, or still listed.
     }
-    ZrReceivePass pass;
-    for (Ready& one : ready) {
-      const Registration registration = one.registration;
-      pass.WorkOn(registration->connection);
-      try {
-        Receive(one, again);
-      } catch (...) {
-        // Out of memory, in effect: this connection is given up, the others are served.
-        remove_(*registration->connection);
-      }
-    }
+    ReceiveAll(pass, ready, again);
     ready.clear();
     pass.HandOut(remove_);
+  }
+}
+
+void ZrIoLoops::ReceiveAll(ZrReceivePass& pass, std::vector<Ready>& ready,
+                           std::vector<Ready>& again) {
+  for (Ready& one : ready) {
+    const Registration registration = one.registration;
+    pass.Read(registration->connection);
+    try {
+      Receive(one, again);
+    } catch (...) {
+      // Out of memory, in effect: this connection is given up, the others are served.
+      remove_(*registration->connection);
+    }
   }
 }
 
@@ -282,15 +295,6 @@ void ZrIoLoops::ReadAgain(std::uint64_t token) {
   receivePoller_.Wake();
 }
 
-void ZrIoLoops::ResolveResumed(std::vector<Ready>& ready) {
-  ZrLock hold(lock_);
-  for (const std::uint64_t token : resumed_) {
-    const auto found = byToken_.find(token);
-    if (found != byToken_.end()) ready.push_back({found->second, false});
-  }
-  resumed_.clear();
-}
-
 void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
   ZrTransceiverConnection& connection = *registration.connection;
   const auto next = connection.OnPeerFinished();
@@ -343,6 +347,24 @@ void ZrIoLoops::FlushAll() {
 }
 
 void ZrIoLoops::Flush(ZrTransceiverConnection& connection) { Flush(connection, nullptr); }
+
+void ZrIoLoops::Flush(ZrTransceiverConnection& connection, ZrStringBuf& bytes) {
+  using Output = ZrTransceiverConnection::Output;
+  bool alive = true;
+  {
+    ZrLock writing(connection.Lock());
+    ZrIoRegistration* const registration = connection.Registration();
+    if (registration == nullptr || connection.SendPending())
+      connection.SendBuffer(std::move(bytes));
+    if (registration != nullptr) {
+      const Output output = bytes.Empty() ? connection.WriteToSocket(*registration->socket)
+                                          : connection.WriteThrough(*registration->socket, bytes);
+      alive = output != Output::kDead && EndOutputWhenDone(connection, *registration);
+    }
+  }
+  if (!alive) return remove_(connection);
+  AfterProgress(connection);
+}
 
 // A connection stands in the send job's set only because its socket refused bytes. One that hung up
 // takes none any more, whatever it answers; and when there was nothing to give it, nothing will

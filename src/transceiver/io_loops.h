@@ -61,6 +61,9 @@ class ZrIoLoops {
   /// Writes what is queued on the connection now, on this thread; what the socket refuses is left
   /// to the send job.
   void Flush(ZrTransceiverConnection& connection);
+  /// The same with these bytes behind what is queued; they are sent from where they are when that
+  /// is nothing. The buffer is empty afterwards.
+  void Flush(ZrTransceiverConnection& connection, ZrStringBuf& bytes);
   /// Has the send job look for queued output on all connections.
   void FlushAllLater();
   /// A connection that reading had paused on may be read again.
@@ -93,9 +96,9 @@ class ZrIoLoops {
   void ReceiveLoop();
   void SendLoop();
   void FlushAll() ZR_EXCLUDES(lock_);
-  /// The registrations behind ready descriptors.
-  void Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready) ZR_EXCLUDES(lock_);
-  void ResolveResumed(std::vector<Ready>& ready) ZR_EXCLUDES(lock_);
+  /// The registrations behind ready descriptors, and those whose reading was resumed.
+  void Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready, bool resumed = false)
+      ZR_EXCLUDES(lock_);
   void Receive(Ready& ready, std::vector<Ready>& again);
   void ReadAgain(std::uint64_t token) ZR_EXCLUDES(lock_);
   /// No: the bytes were taken meanwhile, reading goes on.
@@ -112,6 +115,7 @@ class ZrIoLoops {
   /// A pass of receiving may have written, or wait for room to go on.
   void AfterOutput(ZrIoRegistration& registration);
   void AfterProgress(ZrTransceiverConnection& connection);
+  void ReceiveAll(ZrReceivePass& pass, std::vector<Ready>& ready, std::vector<Ready>& again);
   bool EndOutputWhenDone(ZrTransceiverConnection& connection, ZrIoRegistration& registration)
       ZR_REQUIRES(connection.Lock());
   /// No: it is wanted, and the system does not watch it.

@@ -128,7 +128,6 @@ ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteToSocket(
 ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteStep() {
   using Status = ZrTlsWriteStatus;
   const std::uint64_t before = engine_->Sent();
-  writeWantsRead_ = false;
   Status status = Status::kDone;
   for (int round = 0; round < kRounds && status == Status::kDone; ++round) {
     const std::string_view bytes = FrontView().substr(0, ZrTlsEngine::kRecord);
@@ -137,6 +136,28 @@ ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteStep() {
     status = result.status;
     if (status == Status::kDone) Consume(result.count);
   }
+  return EndWriting(status, before);
+}
+
+ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteThrough(
+    ZrSocketIPvx& /*socket*/, ZrStringBuf& bytes) {
+  using Status = ZrTlsWriteStatus;
+  engine_->BeginTurn();
+  const std::uint64_t before = engine_->Sent();
+  Status status = Status::kDone;
+  while (!bytes.Empty() && status == Status::kDone) {
+    const std::string_view record = bytes.Unread().substr(0, ZrTlsEngine::kRecord);
+    const ZrTlsWriteResult result = engine_->Write(record, bytes.Size() > record.size());
+    status = result.status;
+    if (status == Status::kDone) bytes.Consume(result.count);
+  }
+  QueueRest(bytes);
+  return EndWriting(status, before);
+}
+
+ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::EndWriting(
+    ZrTlsWriteStatus status, std::uint64_t before) {
+  using Status = ZrTlsWriteStatus;
   const Status flushed = engine_->Flush();
   if (engine_->Sent() != before) Touch();
   if (status == Status::kFailed || flushed == Status::kFailed) return Output::kDead;

@@ -42,6 +42,7 @@ class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
   ~ZrTransceiverConnection_SSLAddon() override;
 
   Output WriteToSocket(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
+  Output WriteThrough(ZrSocketIPvx& socket, ZrStringBuf& bytes) override ZR_REQUIRES(lock_);
   int ReadFromSocket(ZrSocketIPvx& socket) override;
   /// Sends TLS's end mark.
   bool FinishOutput(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
@@ -56,6 +57,7 @@ class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
   enum class Next { kGoOn, kStop };
 
   Output WriteStep() ZR_REQUIRES(lock_);
+  Output EndWriting(ZrTlsWriteStatus status, std::uint64_t sentBefore) ZR_REQUIRES(lock_);
   int ReadStep();
   Next ReadRecord(std::span<char> target, std::size_t& count, int& answer) ZR_EXCLUDES(lock_);
 

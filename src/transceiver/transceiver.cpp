@@ -223,7 +223,8 @@ std::string ZrTransceiver::Send(ZrMessageHandler& client, std::shared_ptr<ZrXHea
   if (!message) return CommonErrorName();
   const bool known = CarriesMessages(message->ProtocolKind());
   const ZrMessageKind kind = message->kind;
-  if (known && kind == ZrMessageKind::kResponse) return SendAnswer(client, message, target);
+  if (known && kind == ZrMessageKind::kResponse)
+    return SendAnswer(client, message, target) ? message->JobName() : CommonErrorName();
   const std::string& clientName = client.HandlerJob().JobName();
   if (!FindClient(clientName)) return CommonErrorName();
   message->target = target;
@@ -242,9 +243,8 @@ std::string ZrTransceiver::Send(ZrMessageHandler& client, std::shared_ptr<ZrXHea
 }
 
 // To the ends that the request came from; by the names of its route when it carries none.
-std::string ZrTransceiver::SendAnswer(ZrMessageHandler& client,
-                                      const std::shared_ptr<ZrXHeader>& message,
-                                      const std::string& target) {
+bool ZrTransceiver::SendAnswer(ZrMessageHandler& client, const std::shared_ptr<ZrXHeader>& message,
+                               const std::string& target) {
   ConnectionPointer connection;
   std::shared_ptr<ZrServerLink> server;
   if (message->ends && message->ends->handler == &client) {
@@ -255,11 +255,10 @@ std::string ZrTransceiver::SendAnswer(ZrMessageHandler& client,
     server = FindServer(message->route[0]);
     connection = FindConnection(message->route[1]);
   }
-  if (!server || !connection) return CommonErrorName();
-  message->target = target;
-  server->ServerJob().Attach(message->target);
+  if (!server || !connection) return false;
+  zr::JoinTask(server->ServerJob(), *message, target);
   server->SendHead(connection, message);
-  return message->JobName();
+  return true;
 }
 
 void ZrTransceiver::PrintLogRecord(const ZrServerCallback_t& record) {

@@ -53,6 +53,9 @@ class ZrTransceiver final : public ZrJob {
   virtual std::string Send(ZrMessageHandler& client, std::shared_ptr<ZrXHeader> message,
                            const ZrServerCallback& callback, const std::string& target,
                            int flag = 1);
+  /// What Send() does with an answer. No: nothing was sent.
+  bool SendAnswer(ZrMessageHandler& client, const std::shared_ptr<ZrXHeader>& message,
+                  const std::string& target);
   /// Opens the listening server that the head describes and shares, once, for a registered handler.
   /// Returns the head's name, or ZrJob::CommonErrorName() for an unknown handler or protocol kind.
   /// Throws what the server's construction throws (ZrException_SSL for bad certificates).
@@ -90,6 +93,9 @@ class ZrTransceiver final : public ZrJob {
 
   // Of the I/O loops and the stop's progress; see there.
   void FlushConnection(ZrTransceiverConnection& connection) { loops_.Flush(connection); }
+  void FlushConnection(ZrTransceiverConnection& connection, ZrStringBuf& bytes) {
+    loops_.Flush(connection, bytes);
+  }
   void WakeSender() { loops_.FlushAllLater(); }
   void ResumeReading(ZrTransceiverConnection& connection) { loops_.ResumeReading(connection); }
   void StopIO() { loops_.Stop(); }
@@ -123,8 +129,6 @@ class ZrTransceiver final : public ZrJob {
   };
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
 
-  std::string SendAnswer(ZrMessageHandler& client, const std::shared_ptr<ZrXHeader>& message,
-                         const std::string& target);
   void Drop(ZrTransceiverConnection& connection);
   std::vector<std::shared_ptr<ZrServerLink>> Servers();
   bool IsBusy();

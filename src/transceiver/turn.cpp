@@ -129,11 +129,6 @@ void ZrTurn::Forget() {
   Apply(Event::kTaken);
 }
 
-bool ZrTurn::HasBytes() const {
-  ZrLock hold(lock_);
-  return !bytes_.Empty();
-}
-
 // ---- Items -------------------------------------------------------------------------------------
 
 bool ZrTurn::Begin() {
@@ -200,8 +195,11 @@ void ZrTurn::CloseAfterItem() {
 }
 
 bool ZrTurn::OutputWent() {
+  if (!outputWasFull_) return false;  // nobody was turned away for it
   ZrLock hold(lock_);
-  return !OutputFull() && Apply(Event::kOutputGone) == Effect::kAnnounce;
+  if (OutputFull()) return false;
+  outputWasFull_ = false;
+  return Apply(Event::kOutputGone) == Effect::kAnnounce;
 }
 
 void ZrTurn::Close() {
@@ -214,6 +212,7 @@ void ZrTurn::Close() {
 // ---- Reading -----------------------------------------------------------------------------------
 
 bool ZrTurn::PauseWhenFull() {
+  if (Size() <= kReadMark) return false;
   ZrLock hold(lock_);
   // While it closes nothing is added, and the peer's end is to be seen.
   if (IsClosing() || bytes_.Size() <= kReadMark) return false;
@@ -224,11 +223,6 @@ bool ZrTurn::PauseWhenFull() {
 void ZrTurn::Pause() {
   ZrLock hold(lock_);
   if (input_ == Input::kReading) input_ = Input::kPaused;
-}
-
-std::size_t ZrTurn::Size() const {
-  ZrLock hold(lock_);
-  return bytes_.Size();
 }
 
 bool ZrTurn::Resume() {

@@ -139,25 +139,35 @@ class ZrTurn {
   /// Reading pauses for another reason: the next Take() or End() says that it may go on.
   void Pause() ZR_EXCLUDES(lock_);
   /// Bytes that wait.
-  std::size_t Size() const ZR_EXCLUDES(lock_);
+  std::size_t Size() const noexcept { return waiting_.load(std::memory_order_acquire); }
 
   bool IsClosing() const noexcept { return state_.load() == State::kClosing; }
   bool InItem() const noexcept;
-  bool HasBytes() const ZR_EXCLUDES(lock_);
+  bool HasBytes() const noexcept { return Size() > 0; }
   bool InputEnded() const ZR_EXCLUDES(lock_);
 
  private:
   Effect Apply(Event event) ZR_REQUIRES(lock_);
   void Move(ZrStringBuf& target) ZR_REQUIRES(lock_);
   After EndLocked(bool& resume) ZR_REQUIRES(lock_);
-  bool OutputFull() const { return output_.Bytes() > kOutputMark; }
+  // Said before it is looked at again: whoever takes the output away sees the one or is seen.
+  bool OutputFull() {
+    if (output_.Bytes() <= kOutputMark) return false;
+    outputWasFull_ = true;
+    return output_.Bytes() > kOutputMark;
+  }
   bool Resume() ZR_REQUIRES(lock_);
-  void Count() ZR_REQUIRES(lock_) { share_.SetPages(bytes_.Size()); }
+  void Count() ZR_REQUIRES(lock_) {
+    share_.SetPages(bytes_.Size());
+    waiting_.store(bytes_.Size(), std::memory_order_release);
+  }
 
   const ZrSendQueue& output_;
   mutable ZrMutex lock_;
   std::atomic<State> state_{State::kIdle};  // changed under the lock only, like the next
   std::atomic<std::uint32_t> item_{0};
+  std::atomic<std::size_t> waiting_{0};  // the size of bytes_
+  std::atomic<bool> outputWasFull_{false};
   Role role_ ZR_GUARDED_BY(lock_) = Role::kServes;
   Input input_ ZR_GUARDED_BY(lock_) = Input::kReading;
   ZrStringBuf bytes_ ZR_GUARDED_BY(lock_);

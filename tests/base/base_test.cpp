@@ -2,11 +2,14 @@
 
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "base/memory_budget.h"
 #include "base/number.h"
 #include "base/path.h"
+#include "base/workbench.h"
 
 namespace {
 
@@ -56,6 +59,27 @@ TEST(Base, AMemoryBudgetIsToldOnceThatThereIsRoomAgain) {
   EXPECT_EQ(room, 1);
   second.Set(40);
   EXPECT_EQ(room, 1);
+}
+
+// Blocks may be released on other threads, and outlive the workbench that gave them.
+TEST(Base, AWorkbenchGivesBlocksAgainAndEndsWithItsThread) {
+  using Text = std::basic_string<char, std::char_traits<char>, ZrWorkbenchAllocator<char>>;
+  std::vector<Text> kept;
+  std::thread([&kept] {
+    ZrWorkbench bench;
+    EXPECT_EQ(ZrWorkbench::Current(), &bench);
+    for (int round = 0; round < 3; ++round)
+      for (const std::size_t size : {16u, 64u, 65u, 2047u, 2048u, 5000u}) {
+        std::vector<Text> texts(20, Text(size, 'x'));
+        kept.push_back(std::move(texts.back()));
+      }
+    ++bench.Of<int>();
+    EXPECT_EQ(++bench.Of<int>(), 2);
+  }).join();
+  EXPECT_EQ(ZrWorkbench::Current(), nullptr);
+  const ZrWorkbench other;
+  for (const Text& text : kept) EXPECT_EQ(text.find_first_not_of('x'), Text::npos);
+  kept.clear();
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "jobs/task_guest.h"
 #include "platform/thread.h"
 #include "tests/jobs/recording_job.h"
 
@@ -44,6 +45,37 @@ TEST_F(JobRegistry, TheLastMemberIsTold) {
   EXPECT_TRUE(member->Attach(task)) << "the task is there with its owner alone";
   member.reset();
   EXPECT_EQ(owner->Texts(2).back(), "kommt später A");
+}
+
+// Heads and answering servers come and go without the registry's lock.
+TEST_F(JobRegistry, GuestsCountAndTheLastMemberIsToldOfTheirEnd) {
+  const auto owner = zr::MakeJob<RecordingJob>();
+  const std::string task = owner->CreateJoinedTask("guests");
+  const ZrTaskHandle handle = registry_.Find(task);
+  ZrTaskGuest answering(handle);
+  EXPECT_TRUE(answering.Leave());
+  EXPECT_FALSE(answering.Leave());
+  EXPECT_EQ(owner->Texts(1).back(), "kommt später");
+  {
+    auto member = zr::MakeJob<RecordingJob>();
+    const ZrTaskGuest head(handle);
+    EXPECT_TRUE(member->Attach(task));
+    member.reset();
+    EXPECT_EQ(registry_.Count().events, 0u) << "the head lives";
+  }
+  EXPECT_EQ(owner->Texts(2).back(), "kommt später A");
+
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&handle] {
+      for (int k = 0; k < 2000; ++k) ZrTaskGuest(ZrTaskGuest(handle)).Leave();
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_TRUE(registry_.TaskText(task));
+  const ZrTaskGuest left(handle);
+  EXPECT_TRUE(owner->LeaveJoinedTask(task));
+  EXPECT_FALSE(registry_.Find(task));
+  const ZrTaskGuest late(handle);  // of a task that has ended: leaves nothing behind
 }
 
 TEST_F(JobRegistry, TheOwnerClosesTheTaskInSilence) {

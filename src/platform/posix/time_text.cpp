@@ -21,7 +21,7 @@ thread_local Cached cached{-1, {}};
 
 }  // namespace
 
-std::string LocalTimeText(std::int64_t secondsSince1970) {
+void AppendLocalTime(std::string& line, std::int64_t secondsSince1970) {
   if (cached.text[0] == 0 || cached.seconds != secondsSince1970) {
     tm parts{};
     auto seconds = static_cast<time_t>(secondsSince1970);
@@ -34,7 +34,13 @@ std::string LocalTimeText(std::int64_t secondsSince1970) {
                   parts.tm_min, parts.tm_sec, 1900L + parts.tm_year);
     cached.seconds = secondsSince1970;
   }
-  return cached.text;
+  line += cached.text;
+}
+
+std::string LocalTimeText(std::int64_t secondsSince1970) {
+  std::string text;
+  AppendLocalTime(text, secondsSince1970);
+  return text;
 }
 
 }  // namespace zr
