@@ -207,7 +207,7 @@ def serve(program, folder):
     for name, text in (("echo", "cat"), ("slow", "sleep 0.3; echo slow")):
         path = f"{folder}/www/cgi-bin/{name}"
         with open(path, "w") as file:
-            file.write(f"#!/bin/sh\nprintf 'A: b\\r\\n\\r\\n'\n{text}\n")
+            file.write(f"#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\n\\r\\n'\n{text}\n")
         os.chmod(path, 0o755)
     with open(f"{folder}/out", "wb") as out, open(f"{folder}/err", "wb") as err:
         server = subprocess.Popen([program, "serve", f"{folder}/www", "--listen", "http://127.0.0.1:0", "--listen",
