@@ -390,7 +390,8 @@ bool ZrTransceiverClient::AcceptQuarnAnswer(const std::string&, const std::share
 // A body that is still to come, and that nobody reads, need not be kept; nor one whose reader takes
 // it as it comes.
 bool ZrTransceiverClient::OnHeadComplete(ZrXHeader& head) {
-  if (head.kind == ZrMessageKind::kRequest && head.BodyState() == ZrReadResult::kIncomplete) {
+  const bool toCome = head.reading.chunks || head.BodyState() == ZrReadResult::kIncomplete;
+  if (head.kind == ZrMessageKind::kRequest && toCome) {
     const bool commands =
         IsHttp(head.ProtocolKind()) && application && application->takesCommands();
     head.bodyUnwanted = !commands && !(content_ && content_->ReadsBody(*this, head));
