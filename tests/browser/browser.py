@@ -1,6 +1,12 @@
-"""What the tests of this folder share: a headless Chromium, and a page that says what it misses."""
+"""Headless Chromium and the server it visits, for the tests beside this file.
+
+Needs the Debian packages chromium, chromium-driver and python3-selenium. Everything it starts
+listens on loopback, at ports the system chooses, and is ended with the stack it is given.
+"""
 
 import contextlib
+import re
+import subprocess
 
 from selenium import webdriver
 from selenium.common.exceptions import TimeoutException, WebDriverException
@@ -17,7 +23,6 @@ BROWSER_ARGUMENTS = [
 ]
 
 
-<<<<<<< HEAD
 def start_server(ending, words, line):
     """Starts a program and returns it with the address in that line of its output, a pattern."""
     server = ending.enter_context(subprocess.Popen(
@@ -47,8 +52,6 @@ def open_browser(ending, folder, **settings):
     return Page(browser)
 
 
-=======
->>>>>>> web
 class Page:
     """What the browser shows, and the failures so far."""
 
@@ -95,20 +98,3 @@ class Page:
     def expect_no_complaints(self, what):
         """What the browser found wrong since this was asked last: missing files, refused types."""
         self.check(what, [entry["message"] for entry in self.browser.get_log("browser")], [])
-
-
-def open_browser(ending, folder, **settings):
-    """A browser that is ended by the stack `ending`; its profile lies in the folder."""
-    options = webdriver.ChromeOptions()
-    options.binary_location = "/usr/bin/chromium"
-    options.accept_insecure_certs = True
-    for argument in BROWSER_ARGUMENTS + [f"--user-data-dir={folder / 'profile'}"]:
-        options.add_argument(argument)
-    for name, value in settings.items():
-        options.add_experimental_option(name, value)
-    browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-    ending.callback(browser.quit)
-    browser.implicitly_wait(WAIT)
-    browser.set_page_load_timeout(LIMIT)
-    browser.set_script_timeout(WAIT)
-    return Page(browser)

@@ -3,24 +3,18 @@
 
     forms_test.py VELKORO_ELEMENTS [SCREENSHOT_FOLDER]
 
-Needs the Debian packages chromium, chromium-driver, openssl and python3-selenium. Everything it
-starts listens on loopback, at ports the system chooses, and is ended by it.
+Needs what browser.py needs, and the Debian package openssl.
 """
 
 import contextlib
 import pathlib
-import re
 import subprocess
 import sys
 import tempfile
 
 from selenium import webdriver
 
-<<<<<<< HEAD
 from browser import LIMIT, open_browser, start_server
-=======
-from browser import LIMIT, open_browser
->>>>>>> web
 
 
 def look_at_start_page(page, url):
@@ -77,15 +71,7 @@ def main(program, screenshots=None):
         subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
                         "-subj", "/CN=localhost", "-keyout", key, "-out", certificate],
                        check=True, stderr=subprocess.DEVNULL, timeout=LIMIT)
-<<<<<<< HEAD
         server, url = start_server(ending, [program, certificate, key], r"^(https://\S+)\n$")
-=======
-        server = ending.enter_context(subprocess.Popen(
-            ["timeout", str(5 * LIMIT), program, "0", certificate, key], stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, text=True))
-        ending.callback(server.terminate)
-        url = re.fullmatch(r"listening at (https://\S+)\n", server.stdout.readline()).group(1)
->>>>>>> web
         page = open_browser(ending, folder)
         look_at_start_page(page, url)
         send_forms(page, folder)

@@ -3,11 +3,9 @@
 
     site_test.py VELKORO [SCREENSHOT_FOLDER]
 
-Needs the Debian packages chromium, chromium-driver, esbuild, fonts-font-awesome, node-react,
-node-react-dom and python3-selenium: a bundler of npm and its most used library, from the place that
-every machine of these tests reaches anyway, so that no second registry has to answer and nothing
-needs a lock file. Everything it starts listens on loopback, at ports the system chooses, and is
-ended by it.
+Needs what browser.py needs, and the Debian packages esbuild, fonts-font-awesome, node-react and
+node-react-dom: the bundler of npm and its most used library, from the place that every machine of
+these tests reaches anyway, so that no second registry has to answer and nothing needs a lock file.
 """
 
 import collections
@@ -15,7 +13,6 @@ import contextlib
 import json
 import os
 import pathlib
-import re
 import shutil
 import struct
 import subprocess
@@ -25,11 +22,7 @@ import tempfile
 from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.support.wait import WebDriverWait
 
-<<<<<<< HEAD
 from browser import LIMIT, WAIT, open_browser, start_server
-=======
-from browser import LIMIT, WAIT, open_browser
->>>>>>> web
 
 HERE = pathlib.Path(__file__).parent
 FONT = "/usr/share/fonts-font-awesome/fonts/fontawesome-webfont.woff2"
@@ -70,15 +63,11 @@ class Site:
     def __init__(self, ending, program, folder, scheme, options):
         self.log = folder.with_suffix(".log")
         self.old = 0
-        server = ending.enter_context(subprocess.Popen(
-            ["timeout", str(5 * LIMIT), program, "serve", folder, "--listen",
-             f"{scheme}://127.0.0.1:0", "--state", folder.with_suffix(".state"), "--log", self.log,
-             "--log-format", "json", *options], stdout=subprocess.PIPE, text=True))
-        ending.callback(server.terminate)
-        told = server.stdout.readline()
-        if not (found := re.search(r" on (https?://127\.0\.0\.1:\d+/)", told)):
-            raise SystemExit(f"FAIL the server does not say where it listens: {told!r}")
-        self.url = found.group(1)
+        _, self.url = start_server(
+            ending, [program, "serve", folder, "--listen", f"{scheme}://127.0.0.1:0", "--state",
+                     folder.with_suffix(".state"), "--log", self.log, "--log-format", "json",
+                     *options],
+            r" on (https?://127\.0\.0\.1:\d+/)")
 
     def answers(self, page, wanted):
         """Waits until there are lines with these targets; all since the last visit, by target."""
