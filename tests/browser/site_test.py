@@ -111,7 +111,8 @@ def visit_site(page, site, screenshots):
     page.expect("the film's head is read", "document.querySelector('video').duration", 6)
     statuses("what the page is made of is sent", 200)
     for second, colour in ((4.5, "blue"), (1.5, "red")):
-        page.expect_later(f"the film shows second {second}", f"site.seek({second})", colour)
+        page.expect_later(f"the film goes to second {second}", f"site.seek({second})", second)
+        page.expect(f"the film shows second {second}", "site.colour()", colour)
     films = site.answers(page, {"/video.mp4"})["/video.mp4"]
     page.check("the film's end was asked for without what is before it",
                any(film["status"] == 206 and film["bytes"] < VIDEO_GAP // 2 for film in films), True)
