@@ -185,6 +185,9 @@ TEST_F(StandardPrograms, TheirInputArrivesAsItIsSent) {
     EXPECT_LT(std::stoul(held.out), sent.size() / 2) << protocol;
     EXPECT_TRUE(served_.Curl(protocol, "/cgi-bin/back", {"-T", file}).out == sent) << protocol;
   }
+  // Nobody can tell that those clients have gone, as their end stands behind what is not taken.
+  EXPECT_EQ(served_.Stop(), 0);
+  EXPECT_EQ(RunProgram({"pgrep", "-f", "--", folder_.Path("cgi-bin/")}).status, 1);
 }
 
 // An application of others: logs in, is redirected, takes a file of commands, gives a table back.
