@@ -26,8 +26,9 @@ bool ZrHandlerPool::IsCaller() const noexcept { return pool == this; }
 /// The wake-ups of a batch, at its end: a thread that was woken by its first task would only
 /// contend with the rest of it for the lock.
 struct ZrHandlerPool::Wakeup {
-  ~Wakeup() {
-    if (kept) of->Wake();
+  ~Wakeup() { Clear(); }
+  void Clear() {
+    if (const Task task = std::exchange(kept, {})) of->Wake();
   }
   ZrHandlerPool* of = nullptr;
   Task kept;  // one of its tasks, each of which keeps the pool
