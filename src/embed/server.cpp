@@ -199,7 +199,8 @@ class [[gnu::visibility("hidden")]] Server::Running {
       server.options.Set("semantics",
                          options_.semantics == Semantics::kStandard ? "standard" : "minimal");
       server.options.Set("bind", "address");
-      server.options.Set("quiet", "yes");  // what a port's failure means is said by Start()
+      // What a port's failure means is said by Start(); a peer's is no affair of the program's.
+      server.options.Set("quiet", "peers");
       server.options.Set("cacertificate", options_.certificate);
       server.options.Set("privatekey", options_.privateKey);
       servers.push_back(std::move(server));

@@ -19,7 +19,7 @@ struct ZrServerDefinition {
   /// "minimal" (also without) or "standard", "logformat", "velkoro" (also without), "combined" or
   /// "json", and "compression", "no" for none. Any: "bind", "address" to listen at that address
   /// alone, else at every local one; "quiet", a port that cannot be listened on is reported, but
-  /// not on standard error.
+  /// not on standard error; with "peers", what a peer breaks off is not said there either.
   ZrOptionMap options = {};
   /// Standard semantics: what the site has beyond its files; null: what every site has.
   std::shared_ptr<const ZrSite> site = nullptr;

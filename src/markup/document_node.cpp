@@ -3,6 +3,7 @@
 #include <sstream>
 #include <typeinfo>
 
+#include "base/exception.h"
 #include "markup/document_access.h"
 #include "markup/document_text.h"
 #include "markup/write.h"
@@ -89,7 +90,11 @@ ZrXMLComplexElement* NodeAccess::Insert(Base& parent, Base* before, Part&& part)
       if (IsElement(*node) && IsElement(*child)) Refuse("a document has one root");
   }
   Base* const added = node.get();
-  parent.InsertChild(before, added);
+  try {
+    parent.InsertChild(before, added);
+  } catch (const ZrException& failure) {
+    Refuse(failure.what());  // it would stand below itself
+  }
   (void)node.release();
   return added;
 }

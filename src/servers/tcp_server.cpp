@@ -246,6 +246,7 @@ void ZrTransceiverServerL0Socket::TakePeer(std::shared_ptr<ZrSocketIPvx> socket,
   record.info.Set("localaddress", listening.info.Get("address"));
   record.info.Set("localport", listening.info.Get("port"));
   record.info.Set("localprotocolstring", listening.info.Get("protocolstring"));
+  socket->setQuiet(configuration_->GetOption("quiet") == "peers");
   try {
     transceiver->AddConnection(socket, createConnection(*transceiver, JobName(), record, socket));
   } catch (const std::exception&) {

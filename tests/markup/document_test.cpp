@@ -209,6 +209,7 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
       {"0 the markup holds more than one element",
        [&] { Part::Markup("<a></a><b></b>", DocumentKind::kHtml); }},
       {"1 markup:1: the element 'a' is not closed", [&] { Part::Markup("<a>"); }},
+      {"0 a node can't be put below itself", [&] { part.GetElement().Add(std::move(part)); }},
   };
   for (const auto& [error, action] : kCases) EXPECT_EQ(ErrorOf(action), error);
   EXPECT_EQ(document.Text(), "<r><a /></r>");
