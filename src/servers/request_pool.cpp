@@ -98,11 +98,17 @@ void ZrURLHookService::deliverToWorker(const WorkerPointer& worker, const Reques
   if (request.head->kind == ZrMessageKind::kRequest) worker->SetHeadName(request.head->JobName());
   if (worker->SendHead(worker->Result(), request.head)) return;
   // Its time has ended before the request could be sent.
+  TakeBack(worker, request, {ZrSendFailureKind::kClosed, {}, true});
+}
+
+// The worker goes. Of no effect when the request is no more its own.
+void ZrURLHookService::TakeBack(const WorkerPointer& worker, const Request& request,
+                                ZrSendFailure failure) {
   ZrLock hold(lock_);
   const auto found = workers_.find(worker->JobName());
   if (found == workers_.end() || found->second.request.head != request.head) return;
   Remove(found);
-  Resolve(request, {ZrSendFailureKind::kClosed, {}, true});
+  Resolve(request, std::move(failure));
 }
 
 // ---- Workers -----------------------------------------------------------------------------------
@@ -138,15 +144,27 @@ void ZrURLHookService::StartWorker(const Request& request) {
     ZrLock hold(lock_);
     --starting_;
     startingWorkers_.erase(worker);
-    if (started && !ended_)
-      workers_[worker->JobName()] = {worker, request};
-    else
-      WakePump();
-    late = started && ended_;
+    late = started && (ended_ || !Enter(worker, request, failure));
+    if (!started || late) WakePump();
   }
   if (late) DropWorker(worker);
   if (!started || late) return Report({request.head, failure});
-  deliverToWorker(worker, request);
+  try {
+    deliverToWorker(worker, request);
+  } catch (...) {
+    TakeBack(worker, request, {ZrSendFailureKind::kNotSent, "the request could not be sent"});
+  }
+}
+
+bool ZrURLHookService::Enter(const WorkerPointer& worker, const Request& request,
+                             ZrSendFailure& failure) {
+  try {
+    workers_[worker->JobName()] = {worker, request};
+    return true;
+  } catch (const std::bad_alloc& problem) {
+    failure = {ZrSendFailureKind::kNotSent, problem.what()};
+    return false;
+  }
 }
 
 // Made outside the lock as well: a worker with TLS loads certificates.

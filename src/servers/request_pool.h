@@ -82,6 +82,8 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
 
   WorkerPointer takeIdleWorker(const Request& request) ZR_REQUIRES(lock_);
   void deliverToWorker(const WorkerPointer& worker, const Request& request) ZR_EXCLUDES(lock_);
+  void TakeBack(const WorkerPointer& worker, const Request& request, ZrSendFailure failure)
+      ZR_EXCLUDES(lock_);
   bool IsUsable(const Worker& worker) ZR_REQUIRES(lock_);
   bool HasPlace() const ZR_REQUIRES(lock_) { return workers_.size() + starting_ < kWorkerLimit; }
   void Remove(Workers::iterator worker) ZR_REQUIRES(lock_);
@@ -96,6 +98,8 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   void StartWorker(const Request& request) ZR_EXCLUDES(lock_);
   WorkerPointer MakeWorker(const Request& request, ZrSendFailure& failure) ZR_EXCLUDES(lock_);
   bool EnterStarting(const WorkerPointer& worker) ZR_EXCLUDES(lock_);
+  bool Enter(const WorkerPointer& worker, const Request& request, ZrSendFailure& failure)
+      ZR_REQUIRES(lock_);
   void DropWorker(const WorkerPointer& worker) ZR_EXCLUDES(lock_);
   void DropLater(std::vector<WorkerPointer> workers) ZR_EXCLUDES(lock_);
   void TellSender(const Failed& failed) noexcept ZR_EXCLUDES(lock_);
