@@ -355,7 +355,7 @@ void ZrIoLoops::Flush(ZrTransceiverConnection& connection, ZrStringBuf& bytes) {
     ZrLock writing(connection.Lock());
     ZrIoRegistration* const registration = connection.Registration();
     if (registration == nullptr || connection.SendPending())
-      connection.SendBuffer(std::move(bytes));
+      connection.SendBuffer(std::exchange(bytes, ZrStringBuf()));
     if (registration != nullptr) {
       const Output output = bytes.Empty() ? connection.WriteToSocket(*registration->socket)
                                           : connection.WriteThrough(*registration->socket, bytes);
