@@ -29,9 +29,9 @@ BUDGETS = {
     "plain": (24_000, 10, 20, 6),
     "tls": (42_000, 15, 20, 8),
     "404": (21_000, 6, 18, 4),
-    "standard": (52_000, 16, 19, 6),  # "plain" in standard semantics
-    "standard 404": (55_000, 37, 18, 4),
-    "standard 304": None,
+    "standard": (26_000, 12, 20, 6),  # "plain" in standard semantics
+    "standard 404": (26_000, 8, 18, 4),
+    "standard 304": (26_000, 16, 24, 6),
 }
 
 
