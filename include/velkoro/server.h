@@ -354,8 +354,9 @@ class Server {
   /// Answers GET /NAME with this page.
   Server& Page(std::string_view name, std::string html);
 
-  /// Called before every handler, in the order in which they were set; with a path, before whatever
-  /// answers that path and those below it, files and refusals included.
+  /// Called before every handler, in the order in which they were set, but not before files and
+  /// refusals; with a path, before whatever answers that path and those below it, those included:
+  /// Before("/", guard) stands before everything.
   Server& Before(Guard guard);
   Server& Before(std::string_view path, Guard guard);
   /// Called when an answer of a handler is complete, right before it is sent.

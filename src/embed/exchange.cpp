@@ -175,6 +175,9 @@ bool velkoro::Exchange::Send() {
     } catch (const std::exception& failure) {
       LogFailure(failure.what());
       AnswerWith(kInternalError, {});
+    } catch (...) {
+      LogFailure("an exception of unknown type");
+      AnswerWith(kInternalError, {});
     }
     sent_ = true;
     client_.SendAnswer(*request_, reply_);

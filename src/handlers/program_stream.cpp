@@ -98,7 +98,7 @@ void ZrProgramStream::OnTime() {
 }
 
 void ZrProgramStream::Begin() {
-  due_ = steady_clock::now() + kLongTime;
+  due_ = steady_clock::now() + longTime_;
   answer_->addedFields = client_.Site().Fields();
   stream_ = client_.OpenAnswer(request_, {.room = [room = room_] { room->Raise(); }, .gone = {}});
   answer_->lengthKnown = program_.contentLength.has_value();

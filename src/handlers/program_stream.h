@@ -49,8 +49,11 @@ class ZrProgramStream : public ZrProgramSink {
   /// but for a local redirect, whose address is returned and is to be served. Called once.
   /// `refusal` is the status for a request whose body did not come.
   std::string Finish(ZrPipeExecEnd end, std::uint64_t refusal);
-  /// Its input is still to come: when it has written nothing after kInputTime it is a long one.
-  void AwaitInput() { due_ = std::chrono::steady_clock::now() + kInputTime; }
+  /// Its input is still to come: after kInputTime it is a long one, whatever it has written.
+  void AwaitInput() {
+    longTime_ = kInputTime;
+    due_ = std::chrono::steady_clock::now() + kInputTime;
+  }
 
  private:
   enum class State {
@@ -77,5 +80,6 @@ class ZrProgramStream : public ZrProgramSink {
   ZrProgramAnswer program_;
   std::shared_ptr<ZrXResponseHeader> answer_;  // once the head is known
   std::unique_ptr<ZrAnswerStream> stream_;
+  std::chrono::milliseconds longTime_ = kLongTime;  // after what it is a long one
   std::optional<std::chrono::steady_clock::time_point> due_;
 };
