@@ -103,7 +103,7 @@ void ZrTransceiverServerL1HTTP::HandOutAnswer(ZrTransceiver& transceiver,
   if (!exchange_.End(asked)) return;
   bool taken = false;
   try {
-    taken = client && client->HandleMessage(HeadName(), asked->answer) != 0;
+    taken = client && client->HandleMessage(SharedHeadName(), asked->answer) != 0;
   } catch (...) {
     // The handler's own failure; the exchange is over all the same.
   }
