@@ -143,8 +143,8 @@ TEST_F(Client, WhatCannotBeAskedIsRefusedAtOnce) {
   }
 }
 
-// Ten hosts that let nobody in: listeners whose queue is full, so that a connection is never made. One
-// after the other they would take twenty seconds.
+// Ten hosts that let nobody in: listeners whose queue is full, so that a connection is never made.
+// One after the other they would take twenty seconds.
 TEST_F(Client, SlowHostsHoldNobodyUp) {
   std::vector<std::unique_ptr<ZrSocketIPvx>> hosts;
   std::vector<ZrDescriptor> queued;
