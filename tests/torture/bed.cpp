@@ -117,6 +117,7 @@ void Bystander::Loop() {
     {
       ZrLock hold(turn);
       worst_ = std::max<std::int64_t>(worst_, Request());
+      ++requests;
       worstEcho_ = std::max<std::int64_t>(worstEcho_, Echo());
     }
     poll(nullptr, 0, 1);
@@ -273,25 +274,28 @@ bool TortureBed::WaitForAnother() {
   });
 }
 
-// What the server was just about to do may count as traffic behind the first pass.
+// What the server was just about to do may count as traffic behind the first pass. The bystander's
+// own connection has reached its limit as well: who is alone is told when it has asked again.
 bool TortureBed::PassAllLimits() {
   bool alone = false;
   for (int pass = 0; pass < 3 && !alone; ++pass) {
-    Pass(kAllLimits);
+    const std::uint64_t requests = Pass(kAllLimits);
     const auto deadline = steady_clock::now() + kSettleLimit / 3;
     while (!alone && steady_clock::now() < deadline) {
       poll(nullptr, 0, 1);
       ZrLock hold(bystander_->turn);
-      alone = transceiver_.ConnectionCount() <= before_.values[Counts::kConnections];
+      alone = bystander_->requests > requests &&
+              transceiver_.ConnectionCount() <= before_.values[Counts::kConnections];
     }
   }
   return alone;
 }
 
-void TortureBed::Pass(std::chrono::seconds time) {
+std::uint64_t TortureBed::Pass(std::chrono::seconds time) {
   ZrLock hold(bystander_->turn);
   clock.Advance(time);
   transceiver_.WakeHousekeeper();
+  return bystander_->requests;
 }
 
 // ---- The gate ----------------------------------------------------------------------------------

@@ -50,6 +50,7 @@ class Bystander {
   std::int64_t TakeWorst();
   /// While this is held no request of the bystander is under way.
   ZrMutex turn;
+  std::uint64_t requests ZR_GUARDED_BY(turn) = 0;
 
  private:
   void Loop();
@@ -82,8 +83,9 @@ class TortureBed {
   int Port(std::uint32_t kind) const { return ports_.at(kind); }
   /// Waits until a connection has come besides the bystander's.
   bool WaitForAnother();
-  /// Time goes on for the server, but not while it has a request of the bystander.
-  void Pass(std::chrono::seconds time);
+  /// Time goes on for the server, but not while it has a request of the bystander, of which the
+  /// number so far is returned.
+  std::uint64_t Pass(std::chrono::seconds time);
   /// Longer than any limit; whether no connection is left then besides the bystander's.
   bool PassAllLimits();
   /// Runs one cell: `body` gets a peer into a moment, has it misbehave and go away, and says what
