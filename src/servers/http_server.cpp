@@ -185,7 +185,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::TakeComplete(
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& transceiver,
                                                                const ConnectionPointer& connection,
                                                                const HandlerPointer& client) {
-  const bool late = connection->TakeLate();
+  const bool late = connection->Limits().TakeLate();
   std::shared_ptr<ZrXHeader> head = MessageOf(connection, client);
   if (!head) return nullptr;
   ZrReadStep step = ZrReadStep::kClose;
@@ -200,11 +200,11 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
       step = ZrReadStep::kComplete;
   }
   if (step == ZrReadStep::kHead) {
-    connection->BeginHead(head->semantics);
+    connection->Limits().BeginHead(head->semantics);
     Rest(*connection, false);
     return nullptr;
   }
-  connection->EndHead();
+  connection->Limits().EndHead();
   if (const std::size_t held = head->body->HeapBytes(); held > kCountedBody) {
     if (head->memory.Bytes() == 0) head->memory = ZrMemoryShare(transceiver.Memory());
     head->memory.Set(held);
@@ -224,11 +224,11 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::Assemble(ZrTransceiver& tr
     return head;
   }
   if (incomplete) {
-    connection->NoteBody(*head->semantics, head->BodyBytes(), head->body->HeapBytes());
+    connection->Limits().NoteBody(*head->semantics, head->BodyBytes(), head->body->HeapBytes());
     Rest(*connection, true);
     return nullptr;
   }
-  connection->EndBody();
+  connection->Limits().EndBody();
   if (step == ZrReadStep::kComplete) return head;
   DropMessage(*connection);
   connection->CloseAfterItem();
@@ -241,10 +241,10 @@ void ZrTransceiverServerL1HTTP::ReadOff(const ConnectionPointer& connection, ZrX
   ZrStringBuf dropped;
   head.TakeArrivedBody(dropped);
   if (step == ZrReadStep::kBody) {
-    connection->NoteBody(*head.semantics, head.BodyBytes(), 0);
+    connection->Limits().NoteBody(*head.semantics, head.BodyBytes(), 0);
     return Rest(*connection, true);
   }
-  connection->EndBody();
+  connection->Limits().EndBody();
   if (head.surplus) connection->PutBack(*head.surplus);
   if (head.refusal != 0) connection->CloseAfterItem();
   DropMessage(*connection);
@@ -301,9 +301,9 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
 
 ZrTransceiverServerL1HTTP::Exchange& ZrTransceiverServerL1HTTP::EnterConnection(
     const ConnectionPointer& connection, const HandlerPointer& client) {
-  Exchange* exchange = ExchangeOf(*connection);
-  if (exchange == nullptr)
-    exchange = static_cast<Exchange*>(&connection->KeepForServer(std::make_shared<Exchange>()));
+  const bool known = ExchangeOf(*connection) != nullptr;
+  const auto exchange = std::static_pointer_cast<Exchange>(
+      connection->KeepForServer(known ? nullptr : std::make_shared<Exchange>()));
   std::string target = connection->HandlerName();
   std::string task;
   if (target.empty()) {
@@ -323,8 +323,7 @@ ZrTransceiverServerL1HTTP::Exchange& ZrTransceiverServerL1HTTP::EnterConnection(
   {
     ZrLock hold(requestLock_);
     first = !exchange->entered;
-    if (first)
-      exchanges_.insert_or_assign(connection->JobName(), connection->ServerPartOf<Exchange>());
+    if (first) exchanges_.insert_or_assign(connection->JobName(), exchange);
     exchange->entered = true;
     ZrLock change(exchange->lock);
     exchange->atWork = true;

@@ -62,9 +62,9 @@ void ZrTransceiverServerL1HTTP::ProcessAnswer(ZrTransceiver& transceiver,
   }
   // A head has its time limit, from its first byte to its last.
   if (result == ZrAnswerReader::Result::kIncomplete && asked->reader.InHead(*asked->answer))
-    asked->connection->BeginHead(semantics_);
+    asked->connection->Limits().BeginHead(semantics_);
   else
-    asked->connection->EndHead();
+    asked->connection->Limits().EndHead();
   switch (result) {
     case ZrAnswerReader::Result::kIncomplete:
     case ZrAnswerReader::Result::kInterim:

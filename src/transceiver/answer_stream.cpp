@@ -96,7 +96,7 @@ bool ZrAnswerStream::Begin(std::shared_ptr<ZrXHeader> head,
   sent_ = out->Size();
   reach.connection->SendBuffer(out);
   if (head_->closeRequested) reach.connection->CloseAfterItem();
-  reach.connection->OnRoom(room_);
+  reach.connection->Notices().OnRoom(room_);
   return true;
 }
 
@@ -143,7 +143,8 @@ void ZrAnswerStream::Flush() {
 
 bool ZrAnswerStream::MustWait() {
   Reach reach(*this);
-  return reach.Open() && mode_ != Mode::kNone && reach.connection->AwaitRoom(kFullMark, kRoomMark);
+  return reach.Open() && mode_ != Mode::kNone &&
+         reach.connection->Notices().AwaitRoom(kFullMark, kRoomMark);
 }
 
 void ZrAnswerStream::End() {
@@ -168,7 +169,7 @@ void ZrAnswerStream::Finish(bool whole) {
   encoder_ = nullptr;
   Reach reach(*this);
   if (!reach.connection || !reach.server) return;
-  reach.connection->OnRoom({});
+  reach.connection->Notices().OnRoom({});
   auto ended = ZrServerLink::Ended::kWhole;
   if (!whole && mode != Mode::kEmpty) {
     // A client that takes the end of the connection for that of the body must see another one.

@@ -19,7 +19,7 @@ ZrBodyInlet::ZrBodyInlet(std::shared_ptr<ZrXHeader> rest,
     : connection_(std::move(connection)), rest_(std::move(rest)) {}
 
 void ZrBodyInlet::OnArrival(std::function<void()> action) {
-  if (const auto connection = connection_.lock()) connection->OnInput(std::move(action));
+  if (const auto connection = connection_.lock()) connection->Notices().OnInput(std::move(action));
 }
 
 ZrBodyInlet::Next ZrBodyInlet::Take(ZrStringBuf& to) {
@@ -58,11 +58,7 @@ ZrBodyInlet::Next ZrBodyInlet::Fail(ZrTransceiverConnection& connection, std::ui
 
 // The rate of a body counts while it is waited for: how fast its reader takes it is not the peer's.
 ZrBodyInlet::Time ZrBodyInlet::Late() const {
-  using Connection = ZrTransceiverConnection;
-  const std::chrono::nanoseconds most =
-      std::max(std::chrono::nanoseconds(Connection::kBodyTimeLimit),
-               std::chrono::nanoseconds(std::chrono::seconds(
-                   static_cast<std::int64_t>(rest_->BodyBytes()) / Connection::kBodyRate)));
+  const std::chrono::nanoseconds most(ZrConnectionLimits::BodyTime(rest_->BodyBytes()));
   return *waitsSince_ + (most - std::min(most, waited_));
 }
 

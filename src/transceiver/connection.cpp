@@ -31,7 +31,9 @@ ZrTransceiverConnection::ZrTransceiverConnection(ZrTransceiver& owner, std::stri
       record_(std::make_shared<const ZrServerCallback_t>(std::move(record))),
       onClose_(std::move(onClose)),
       output_(owner.Memory()),
-      turn_(output_, owner.Memory()) {}
+      turn_(output_, owner.Memory()),
+      limits_(owner.Clock()),
+      notices_(output_) {}
 
 ZrTransceiverConnection::~ZrTransceiverConnection() = default;
 
@@ -68,14 +70,14 @@ bool ZrTransceiverConnection::IsIn(std::string_view task) {
   return handlerName_.empty() || handlerName_ == task;
 }
 
-ZrTransceiverConnection::ServerPart& ZrTransceiverConnection::KeepForServer(
+std::shared_ptr<ZrTransceiverConnection::ServerPart> ZrTransceiverConnection::KeepForServer(
     std::shared_ptr<ServerPart> part) {
   ZrLock hold(lock_);
   if (!serverPart_) {
     serverPart_ = std::move(part);
     keptByServer_.store(serverPart_.get(), std::memory_order_release);
   }
-  return *serverPart_;
+  return serverPart_;
 }
 
 void ZrTransceiverConnection::Reset() {
@@ -94,59 +96,20 @@ void ZrTransceiverConnection::Close() {
 
 // ---- Time limits -------------------------------------------------------------------------------
 
-void ZrTransceiverConnection::BeginHead(const ZrSemantics* rules) {
-  rules_.store(rules, std::memory_order_relaxed);
-  std::int64_t none = 0;
-  if (headSince_.load(std::memory_order_relaxed) == 0)
-    headSince_.compare_exchange_strong(none, owner_.Clock().MonotonicNs());
-}
-
-void ZrTransceiverConnection::EndHead() { headSince_.store(0, std::memory_order_relaxed); }
-
-void ZrTransceiverConnection::EndBody() {
-  bodySince_.store(0, std::memory_order_relaxed);
-  bodyHeld_.store(0, std::memory_order_relaxed);
-  late_.store(false, std::memory_order_relaxed);
-}
-
 std::optional<std::int64_t> ZrTransceiverConnection::SilentSinceNs() {
   if (AwaitsAnswer()) return std::nullopt;
   return ExpiryNs() - static_cast<std::int64_t>(kTimeLimit) * 1000;
 }
 
-void ZrTransceiverConnection::NoteBody(const ZrSemantics& rules, std::uint64_t arrived,
-                                       std::uint64_t held) {
-  rules_.store(&rules, std::memory_order_relaxed);
-  bodyHeld_.store(held, std::memory_order_relaxed);
-  constexpr std::int64_t kSecond = 1'000'000'000;
-  const auto bytes = static_cast<std::int64_t>(arrived);
-  bodyTime_ = std::max(kBodyTimeLimit, bytes / kBodyRate * kSecond);
-  if (bodySince_.load(std::memory_order_relaxed) == 0) bodySince_ = owner_.Clock().MonotonicNs();
-}
-
 bool ZrTransceiverConnection::TellLate() {
-  const ZrSemantics* const rules = rules_;
-  if (rules == nullptr || !rules->IsStandard() || (headSince_ == 0 && bodySince_ == 0))
-    return false;
-  EndHead();
-  EndBody();
-  late_ = true;
+  if (!limits_.MarkLate()) return false;
   Announce();
   return true;
 }
 
-void ZrTransceiverConnection::BeginLinger() {
-  lingerUntil_ = owner_.Clock().MonotonicNs() + kLingerTime;
-}
-
 bool ZrTransceiverConnection::HasExpired() {
   const std::int64_t now = owner_.Clock().MonotonicNs();
-  const std::int64_t head = headSince_;
-  if (head != 0 && now - head >= kHeadTimeLimit) return true;
-  const std::int64_t body = bodySince_;
-  if (body != 0 && now - body >= bodyTime_) return true;
-  const std::int64_t linger = lingerUntil_;
-  if (linger != 0 && now >= linger) return true;
+  if (now >= limits_.DueNs()) return true;
   if (AwaitsAnswer() && now < ExpiryNs() + kAnswerExtraTime) return false;
   return ZrJobWithTimeout::HasExpired();
 }
@@ -154,11 +117,7 @@ bool ZrTransceiverConnection::HasExpired() {
 bool ZrTransceiverConnection::AwaitsAnswer() { return turn_.InItem() && !SendPending(); }
 
 std::int64_t ZrTransceiverConnection::NextExpiryNs() {
-  std::int64_t due = ExpiryNs() + (AwaitsAnswer() ? kAnswerExtraTime : 0);
-  if (const std::int64_t head = headSince_; head != 0) due = std::min(due, head + kHeadTimeLimit);
-  if (const std::int64_t body = bodySince_; body != 0) due = std::min(due, body + bodyTime_);
-  if (const std::int64_t linger = lingerUntil_; linger != 0) due = std::min(due, linger);
-  return due;
+  return std::min(limits_.DueNs(), ExpiryNs() + (AwaitsAnswer() ? kAnswerExtraTime : 0));
 }
 
 // ---- Input -------------------------------------------------------------------------------------
@@ -167,7 +126,7 @@ void ZrTransceiverConnection::OnReceived(const char* data, std::size_t length) {
   if (data == nullptr || length == 0 || IsClosing()) return;
   Touch();
   if (turn_.Receive({data, length})) Announce();
-  TellInput();
+  notices_.TellInput();
 }
 
 // On this thread when the server is free for it: one hand-over less on the way of a request. A pass
@@ -187,22 +146,6 @@ void ZrTransceiverConnection::TakeReceived(ZrStringBuf& target) {
 
 void ZrTransceiverConnection::TakeMore(ZrStringBuf& target) {
   if (turn_.TakeMore(target)) owner_.ResumeReading(*this);
-}
-
-void ZrTransceiverConnection::OnInput(std::function<void()> action) {
-  tellsInput_ = static_cast<bool>(action);
-  ZrLock hold(roomLock_);
-  onInput_.swap(action);  // the old one is released without the lock
-}
-
-void ZrTransceiverConnection::TellInput() {
-  if (!tellsInput_) return;
-  std::function<void()> action;
-  {
-    ZrLock hold(roomLock_);
-    action = onInput_;
-  }
-  if (action) action();
 }
 
 void ZrTransceiverConnection::ExpectAnswers() { turn_.BecomeAsking(); }
@@ -255,8 +198,8 @@ bool ZrTransceiverConnection::IsBusy() { return turn_.InItem() || turn_.HasBytes
 // What was asked before the peer ended its side is still answered.
 ZrTransceiverConnection::PeerEnd ZrTransceiverConnection::OnPeerFinished() {
   const bool busy = turn_.EndInput();
-  TellInput();
-  if (IsClosing()) return lingerUntil_ != 0 ? PeerEnd::kRemove : PeerEnd::kKeep;
+  notices_.TellInput();
+  if (IsClosing()) return limits_.Lingers() ? PeerEnd::kRemove : PeerEnd::kKeep;
   if (busy) return PeerEnd::kKeep;
   return SendPending() ? PeerEnd::kFinish : PeerEnd::kRemove;
 }
@@ -296,31 +239,6 @@ void ZrTransceiverConnection::SendFileBytes(std::shared_ptr<const ZrFile> file,
                                             std::uint64_t offset, std::uint64_t length) {
   Touch();
   output_.AddFile(std::move(file), offset, length);
-}
-
-void ZrTransceiverConnection::OnRoom(std::function<void()> action) {
-  roomMark_ = kNoMark;
-  ZrLock hold(roomLock_);
-  onRoom_.swap(action);  // the old one is released without the lock
-}
-
-// The mark is set before the bytes are looked at, and the sender looks at the mark after it has
-// taken bytes: one of the two sees the other.
-bool ZrTransceiverConnection::AwaitRoom(std::uint64_t full, std::uint64_t room) {
-  if (output_.Bytes() <= full) return false;
-  roomMark_ = room;
-  TellRoom();
-  return true;
-}
-
-void ZrTransceiverConnection::CallRoom() {
-  if (roomMark_.exchange(kNoMark) == kNoMark) return;
-  std::function<void()> action;
-  {
-    ZrLock hold(roomLock_);
-    action = onRoom_;
-  }
-  if (action) action();
 }
 
 void ZrTransceiverConnection::PeekFront(std::string& text) { text = output_.FrontText(); }

@@ -23,6 +23,8 @@
 #include "net/send_queue.h"
 #include "platform/file.h"
 #include "platform/sync.h"
+#include "transceiver/connection_limits.h"
+#include "transceiver/flow_notices.h"
 #include "transceiver/fwd.h"
 #include "transceiver/turn.h"
 
@@ -41,13 +43,6 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// (nanoseconds) is its answer given up. Programs may run for 300 s, and wait their turn before
   /// that.
   static constexpr std::int64_t kAnswerTimeLimit = 900'000'000'000;
-  /// A message head, and a TLS handshake, must be complete within that time (nanoseconds).
-  static constexpr std::int64_t kHeadTimeLimit = 60'000'000'000;
-  /// A message's body has that time (nanoseconds); later it must have come at kBodyRate on average.
-  static constexpr std::int64_t kBodyTimeLimit = 60'000'000'000;
-  static constexpr std::int64_t kBodyRate = 1024;  ///< bytes a second
-  /// A closed connection whose peer does not end its side goes after that time (nanoseconds).
-  static constexpr std::int64_t kLingerTime = 2'000'000'000;
   /// Bytes that one receive takes at most (plain connections).
   static constexpr std::size_t kReadSize = 2048;
   static constexpr std::size_t kReadMark = ZrTurn::kReadMark;
@@ -133,20 +128,13 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   std::string HandlerName();
   /// Whether it is attached to that joined task, or to none yet.
   bool IsIn(std::string_view task);
-  /// What its server keeps of it, nothing before the server has set that. Kept for the connection's
-  /// life.
+  /// What its server keeps of it for the connection's life; nothing before the server has set it.
   struct ServerPart {
     virtual ~ServerPart() = default;
   };
   ServerPart* KeptByServer() const { return keptByServer_.load(std::memory_order_acquire); }
-  /// Sets that unless it is set; answers what it is.
-  ServerPart& KeepForServer(std::shared_ptr<ServerPart> part);
-  /// The same shared, for the server, which knows its class.
-  template <class Part>
-  std::shared_ptr<Part> ServerPartOf() {
-    ZrLock hold(lock_);
-    return std::static_pointer_cast<Part>(serverPart_);
-  }
+  /// Sets that unless it is set; returns what it is.
+  std::shared_ptr<ServerPart> KeepForServer(std::shared_ptr<ServerPart> part);
   bool HasReceived() const { return turn_.HasBytes(); }
   bool SendPending() const { return output_.Pending(); }
   /// Bytes that are queued and not yet sent, files included.
@@ -173,33 +161,15 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   AfterItem EndItemAndClose(std::uint32_t item);
   /// The connection is to be closed when the item in progress has ended.
   void CloseAfterItem();
-  /// A message's head has begun and is not complete / is complete. One that comes too late is
-  /// answered as its rules have it; a TLS handshake has none.
-  void BeginHead(const ZrSemantics* rules = nullptr);
-  void EndHead();
-  /// So many bytes of a message's body have come, and so many of them are in memory / it is
-  /// complete.
-  void NoteBody(const ZrSemantics& rules, std::uint64_t arrived, std::uint64_t held);
-  void EndBody();
-
-  /// Who writes a long answer is told by this when there is room for more; an empty one ends it.
-  /// Called on the threads that send, with no lock held, possibly once more while it is exchanged.
-  void OnRoom(std::function<void()> action) ZR_EXCLUDES(roomLock_);
-  /// Who takes what comes during the item in progress, which is the body of its request, is told by
-  /// this when something came or the peer has ended its side; as above.
-  void OnInput(std::function<void()> action) ZR_EXCLUDES(roomLock_);
+  /// The times that its peer has beside that for silence.
+  ZrConnectionLimits& Limits() { return limits_; }
+  /// Who is told of room for output, and of input within the item.
+  ZrFlowNotices& Notices() { return notices_; }
   /// Moves all received bytes to the end of the target, within the item; reading goes on.
   void TakeMore(ZrStringBuf& target);
-  /// Whether more than `full` bytes wait to be sent: the action is then called once, when at most
-  /// `room` do.
-  bool AwaitRoom(std::uint64_t full, std::uint64_t room);
 
   // For the transceiver.
 
-  /// Output went: tells who waits for room, when there is enough.
-  void TellRoom() {
-    if (roomMark_.load() != kNoMark && output_.Bytes() <= roomMark_.load()) CallRoom();
-  }
   enum class PeerEnd { kRemove, kFinish, kKeep };
   /// The peer ended its side: what is to become of the connection now.
   PeerEnd OnPeerFinished();
@@ -215,9 +185,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   void PauseReading() { turn_.Pause(); }
   /// What it has received and not handed out, the body of an incomplete message included, and what
   /// waits in memory to be sent, in bytes.
-  std::uint64_t HeldInput() const {
-    return turn_.Size() + bodyHeld_.load(std::memory_order_relaxed);
-  }
+  std::uint64_t HeldInput() const { return turn_.Size() + limits_.HeldBody(); }
   std::uint64_t HeldOutput() const { return output_.Held(); }
   /// Monotonic time (nanoseconds) since which its peer has neither sent nor taken anything; nothing
   /// while the silence is not the peer's, as an answer is being made.
@@ -229,20 +197,15 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// Its time limit has passed: tells the server of a message that did not come in time and whose
   /// rules have an answer for that. No: there is none.
   bool TellLate();
-  /// Whether that was told and nobody has asked yet.
-  bool TakeLate() { return late_ && late_.exchange(false); }
   /// Its time limit has passed: it is not drained but goes at once.
   void MarkExpired() { expired_.store(true, std::memory_order_release); }
   /// The transceiver knows it and finds it by name.
   void SetListed(bool listed) { listed_.store(listed, std::memory_order_release); }
   bool IsListed() const { return listed_.load(std::memory_order_acquire); }
   bool IsExpired() const { return expired_.load(std::memory_order_acquire); }
-  /// The connection is closed for sending; it goes when the linger time has passed.
-  void BeginLinger();
   /// Deliver the event for received bytes. The caller holds no lock.
   void Announce();
-  /// Forgets everything queued.
-  void DropQueue() { output_.Clear(); }
+  void DropQueue() { output_.Clear(); }  ///< Forgets everything queued.
   /// What the I/O loops keep of it; nothing while it is not registered with them.
   ZrIoRegistration* Registration() const ZR_REQUIRES(lock_) { return registration_.get(); }
   /// Sets that; returns what it was.
@@ -259,12 +222,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   void QueueRest(ZrStringBuf& bytes) ZR_REQUIRES(lock_);
 
  private:
-  static constexpr std::uint64_t kNoMark = ~std::uint64_t{0};
-
   bool AwaitsAnswer();
   void AfterEnd(AfterItem next, bool resume);
-  void CallRoom() ZR_EXCLUDES(roomLock_);
-  void TellInput() ZR_EXCLUDES(roomLock_);
 
   // Constant after construction.
   ZrTransceiver& owner_;
@@ -284,18 +243,8 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   ZrSendQueue output_;
   ZrTurn turn_;
-  std::atomic<std::uint64_t> roomMark_{kNoMark};  // somebody waits until no more is queued
-  ZrMutex roomLock_;                              // never held while calling out
-  std::function<void()> onRoom_ ZR_GUARDED_BY(roomLock_);
-  std::function<void()> onInput_ ZR_GUARDED_BY(roomLock_);
-  std::atomic<bool> tellsInput_{false};  // onInput_ is set
+  ZrConnectionLimits limits_;
+  ZrFlowNotices notices_;
   std::atomic<bool> expired_{false};
   std::atomic<bool> listed_{false};
-  std::atomic<bool> late_{false};           // TellLate() was called
-  std::atomic<std::int64_t> headSince_{0};  // monotonic time at which the head began; 0: none
-  std::atomic<std::int64_t> bodySince_{0};  // monotonic time at which the body began; 0: none
-  std::atomic<std::int64_t> bodyTime_{0};   // nanoseconds that it may take, by what has come
-  std::atomic<std::uint64_t> bodyHeld_{0};  // bytes of an incomplete body
-  std::atomic<const ZrSemantics*> rules_{nullptr};  // of the message that is incomplete
-  std::atomic<std::int64_t> lingerUntil_{0};        // monotonic time; 0: not closed for sending yet
 };

@@ -44,7 +44,7 @@ void ZrHousekeeper::Watch(const std::shared_ptr<ZrTransceiverConnection>& connec
   // Asked under the lock: a limit that Hasten() comes too early with is seen here.
   ZrLock hold(lock_);
   const std::int64_t due = RoundUp(
-      std::clamp(connection->NextExpiryNs(), now, now + ZrTransceiverConnection::kHeadTimeLimit));
+      std::clamp(connection->NextExpiryNs(), now, now + ZrConnectionLimits::kHeadTimeLimit));
   if (const auto before = placeOf_.find(connection.get()); before != placeOf_.end())
     places_.erase(before->second);
   if (due < Due()) wake_.NotifyOne();

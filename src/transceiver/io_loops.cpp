@@ -399,7 +399,7 @@ void ZrIoLoops::AfterOutput(ZrIoRegistration& registration) {
 
 void ZrIoLoops::AfterProgress(ZrTransceiverConnection& connection) {
   progress_.Note();
-  connection.TellRoom();
+  connection.Notices().TellRoom();
   if (connection.TakeStalled()) connection.Announce();
 }
 
@@ -414,7 +414,7 @@ bool ZrIoLoops::EndOutputWhenDone(ZrTransceiverConnection& connection,
       registration.outputEnded = true;
       wanted = false;
       zr::ShutdownSend(registration.socket->primaryDescriptor());
-      connection.BeginLinger();
+      connection.Limits().BeginLinger();
       if (connection.PeerFinished()) return false;
       housekeeper_.Hasten(connection);
     } else {

@@ -16,7 +16,8 @@ ZrTransceiverConnection_SSLAddon::ZrTransceiverConnection_SSLAddon(
                               std::move(record), std::move(onClose)),
       socket_(std::move(socket)) {
   engine_.emplace(context, socket_->Line(), Side::kServer);
-  BeginHead();  // a peer that never finishes the handshake goes like one that never ends its head
+  Limits().BeginHead();  // a peer that never finishes the handshake goes like one that never ends
+                         // its head
 }
 
 ZrTransceiverConnection_SSLAddon::ZrTransceiverConnection_SSLAddon(
@@ -82,7 +83,7 @@ ZrTransceiverConnection_SSLAddon::Next ZrTransceiverConnection_SSLAddon::ReadRec
   const ZrTlsReadResult result = engine_->Read(target);
   if (!established_ && engine_->IsEstablished()) {
     established_ = true;
-    EndHead();
+    Limits().EndHead();
   }
   count = result.count;
   answer = 1;

@@ -115,12 +115,12 @@ ZrTransceiver::Ends ZrTransceiver::FindEnds(const std::string& connectionName,
 // ---- Servers -----------------------------------------------------------------------------------
 
 std::string ZrTransceiver::OpenServer(ZrMessageHandler& client,
-                                      std::shared_ptr<ZrXServerHeader> configuration,
+                                      std::shared_ptr<ZrXServerHeader> head,
                                       const ZrServerCallback& callback) {
-  if (!configuration) return CommonErrorName();
+  if (!head) return CommonErrorName();
   const std::string clientName = client.HandlerJob().JobName();
-  const std::string headName = configuration->JobName();
-  const auto entry = factories_.listening.find(configuration->ProtocolKind());
+  const std::string headName = head->JobName();
+  const auto entry = factories_.listening.find(head->ProtocolKind());
   {
     // The head is entered before its server is made, so that two callers cannot both make one.
     ZrLock hold(clientLock_);
@@ -142,7 +142,7 @@ std::string ZrTransceiver::OpenServer(ZrMessageHandler& client,
                                  .ownerName = JobName(),
                                  .callback = callback,
                                  .type = entry->second.label},
-                                std::move(configuration));
+                                std::move(head));
     AddServer(server);
     server->start();
   } catch (...) {
@@ -270,7 +270,7 @@ void ZrTransceiver::PrintLogRecord(const ZrServerCallback_t& record) {
 // ---- Connections -------------------------------------------------------------------------------
 
 std::string ZrTransceiver::AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
-                                         std::shared_ptr<ZrTransceiverConnection> connection) {
+                                         ConnectionPointer connection) {
   if (!socket || !connection)
     throw ZrException("socket and connection must be defined", 1906, "src");
   // A copy, made before anything else: what fails behind the registration would leave a connection
@@ -340,7 +340,7 @@ void ZrTransceiver::FinishConnection(ZrTransceiverConnection& connection) {
   FlushConnection(connection);
 }
 
-std::shared_ptr<ZrTransceiverConnection> ZrTransceiver::FindConnection(const std::string& name) {
+ZrTransceiver::ConnectionPointer ZrTransceiver::FindConnection(const std::string& name) {
   ZrLock hold(clientLock_);
   const auto found = connections_.find(name);
   return found == connections_.end() ? nullptr : found->second;

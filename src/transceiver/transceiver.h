@@ -3,8 +3,7 @@
 // opened for them and every open connection, by name, and brings messages from one to the other.
 // What goes on beside that has classes of its own: the I/O loops move the bytes, the housekeeper
 // keeps the time limits, the pools carry outgoing requests, the progress is what a stop waits on.
-// clientLock_ guards who is there. It is held for look-ups and changes of the tables only:
-// handlers, servers and connections are called, started and destroyed without it.
+// clientLock_ is held for look-ups and changes of the tables only, never while calling out.
 
 #include <chrono>
 #include <cstdint>
@@ -33,6 +32,7 @@
 /// Destroying it ends its servers and connections; handlers should have been removed before.
 class ZrTransceiver final : public ZrJob {
  public:
+  using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
   /// Scheduler and clock outlive the transceiver. Without factories no server can be opened. The
   /// limit, in bytes, is what all peers together may occupy.
   explicit ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories factories = {},
@@ -59,8 +59,7 @@ class ZrTransceiver final : public ZrJob {
   /// Opens the listening server that the head describes and shares, once, for a registered handler.
   /// Returns the head's name, or ZrJob::CommonErrorName() for an unknown handler or protocol kind.
   /// Throws what the server's construction throws (ZrException_SSL for bad certificates).
-  virtual std::string OpenServer(ZrMessageHandler& client,
-                                 std::shared_ptr<ZrXServerHeader> configuration,
+  virtual std::string OpenServer(ZrMessageHandler& client, std::shared_ptr<ZrXServerHeader> head,
                                  const ZrServerCallback& callback);
 
   /// Takes a server under the housekeeper's watch. RemoveServer() drops it again.
@@ -68,19 +67,18 @@ class ZrTransceiver final : public ZrJob {
   void RemoveServer(const std::string& name);
   /// Look-ups by job name; nothing when there is none.
   std::shared_ptr<ZrMessageHandler> FindClient(const std::string& name);
-  std::shared_ptr<ZrTransceiverConnection> FindConnection(const std::string& name);
+  ConnectionPointer FindConnection(const std::string& name);
   std::shared_ptr<ZrServerLink> FindServer(const std::string& name);
   /// Both ends of a message in one look-up.
   struct Ends {
-    std::shared_ptr<ZrTransceiverConnection> connection;
+    ConnectionPointer connection;
     std::shared_ptr<ZrMessageHandler> client;
   };
   Ends FindEnds(const std::string& connectionName, const std::string& clientName);
   std::size_t ConnectionCount();
   /// The I/O jobs serve both until RemoveConnection(). A name that is known keeps its first pair.
   /// Returns the connection's name. Throws ZrException "socket and connection must be defined".
-  std::string AddConnection(std::shared_ptr<ZrSocketIPvx> socket,
-                            std::shared_ptr<ZrTransceiverConnection> connection);
+  std::string AddConnection(std::shared_ptr<ZrSocketIPvx> socket, ConnectionPointer connection);
   /// Drops a connection at once, with what it still had to send, and tells its server, the server's
   /// owner and the connection by an event with code 2. Ignores unknown names, and the flag.
   void RemoveConnection(const std::string& name, bool flag = false);
@@ -93,9 +91,7 @@ class ZrTransceiver final : public ZrJob {
 
   // Of the I/O loops and the stop's progress; see there.
   void FlushConnection(ZrTransceiverConnection& connection) { loops_.Flush(connection); }
-  void FlushConnection(ZrTransceiverConnection& connection, ZrStringBuf& bytes) {
-    loops_.Flush(connection, bytes);
-  }
+  void FlushConnection(ZrTransceiverConnection& to, ZrStringBuf& bytes) { loops_.Flush(to, bytes); }
   void WakeSender() { loops_.FlushAllLater(); }
   void ResumeReading(ZrTransceiverConnection& connection) { loops_.ResumeReading(connection); }
   void StopIO() { loops_.Stop(); }
@@ -127,7 +123,6 @@ class ZrTransceiver final : public ZrJob {
     std::shared_ptr<ZrMessageHandler> client;
     std::set<std::string> servers;  // names of the option heads opened for it
   };
-  using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
 
   void Drop(ZrTransceiverConnection& connection);
   std::vector<std::shared_ptr<ZrServerLink>> Servers();
@@ -137,7 +132,6 @@ class ZrTransceiver final : public ZrJob {
   std::vector<ConnectionPointer> Connections();
   void CheckConnection(const ConnectionPointer& connection);
 
-  // Constant after construction.
   ZrRinvalScheduler2& scheduler_;
   const ZrServerFactories factories_;
   const ZrClock& clock_;
