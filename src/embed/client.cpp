@@ -229,7 +229,7 @@ class [[gnu::visibility("hidden")]] Client::Asking {
     }
     // By a callback, while the client ends.
     if (stopped) return done(Failure(request.url, ZrSendFailureKind::kStopped, {}));
-    Send(head, {std::move(request), std::move(done), Clock::now() + limit, {}});
+    Send(head, {std::move(request), std::move(done), Clock::now() + limit, {}, nullptr});
   }
 
  private:
@@ -239,11 +239,13 @@ class [[gnu::visibility("hidden")]] Client::Asking {
     Done done;
     Clock::time_point due;
     Due::iterator place;
+    std::shared_ptr<ZrXHeader> head;  // that is out
   };
   struct Ended {
     Pending pending;
     std::shared_ptr<ZrXHeader> answer;
-    Outcome outcome;  // without answer
+    Outcome outcome;    // without answer
+    bool late = false;  // its request is still out
   };
 
   /// The handler of the transceiver that takes the answers.
@@ -277,6 +279,7 @@ class [[gnu::visibility("hidden")]] Client::Asking {
     {
       ZrLock hold(lock_);
       pending.place = due_.emplace(pending.due, name);
+      pending.head = head;
       if (pending.place == due_.begin()) wake_.NotifyAll();
       pending_.emplace(name, std::move(pending));
     }
@@ -326,7 +329,7 @@ class [[gnu::visibility("hidden")]] Client::Asking {
     while (!due_.empty() && (stopping_ || due_.begin()->first <= now)) {
       const auto found = pending_.find(due_.begin()->second);
       due_.erase(due_.begin());
-      Ended ended{std::move(found->second), nullptr, {}};
+      Ended ended{std::move(found->second), nullptr, {}, !stopping_};
       pending_.erase(found);
       ended.outcome = stopping_
                           ? Failure(ended.pending.request.url, ZrSendFailureKind::kStopped, {})
@@ -339,6 +342,8 @@ class [[gnu::visibility("hidden")]] Client::Asking {
   void Tell(Ended & ended, bool last) ZR_EXCLUDES(lock_) {
     Pending& pending = ended.pending;
     try {
+      // Its connection would stay with a peer that says nothing, and ten of them are all there are.
+      if (ended.late) transceiver_.OutgoingRequests().Withdraw(sender_->JobName(), pending.head);
       if (ended.answer && !last && Follow(ended)) return;
       if (ended.answer) ended.outcome = OutcomeOf(*ended.answer, pending.request.url);
       pending.done(std::move(ended.outcome));

@@ -16,6 +16,7 @@
 #include "http/server_head.h"
 #include "jobs/job_event.h"
 #include "jobs/job_registry.h"
+#include "platform/file.h"
 #include "transceiver/message_ends.h"
 #include "transceiver/receive_pass.h"
 #include "transceiver/transceiver.h"
@@ -316,8 +317,15 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
   }
 }
 
+// The minimal dialect knows of no other answer for what cannot be found.
 void ZrTransceiverClient::ServeContent(const std::shared_ptr<ZrXHeader>& request) {
-  if (content_ && !content_->ServeRequest(*this, request)) content_->AnswerNotFound(*this, request);
+  if (!content_) return;
+  try {
+    if (!content_->ServeRequest(*this, request)) content_->AnswerNotFound(*this, request);
+  } catch (const ZrCannotTell&) {
+    if (request->semantics->IsStandard()) return AnswerStatus(*request, 503);
+    content_->AnswerNotFound(*this, request);
+  }
 }
 
 int ZrTransceiverClient::AcceptAnswer(const std::string& name,

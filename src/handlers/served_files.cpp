@@ -87,13 +87,14 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
   auto& known = batch->Of<BatchFiles>(this);
   const Directory start = InBatch(known, directory);
   if (!start) return {};
-  auto place = known.files.find(BatchFiles::Asked(start.get(), path));
-  const bool added = place == known.files.end();
-  if (added) place = known.files.try_emplace({start.get(), path}).first;
-  BatchFiles::Entry& entry = place->second;
-  if (added)
+  const auto place = known.files.find(BatchFiles::Asked(start.get(), path));
+  if (place == known.files.end()) {
+    BatchFiles::Entry entry;
     entry.found.file = start->OpenFile(path);
-  else if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
+    return known.files.emplace(std::pair(start.get(), path), std::move(entry)).first->second.found;
+  }
+  BatchFiles::Entry& entry = place->second;
+  if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
            known.Shares(*entry.found.file))
     // The first request reads the file into its answer; whoever asks again shares one copy.
     Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAt(0, to); });
@@ -107,7 +108,7 @@ ZrServedFiles::Directory ZrServedFiles::InBatch(BatchFiles& known, const std::st
   return start->second;
 }
 
-bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& path) {
+bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& path) try {
   ZrBatch* const batch = ZrBatch::Current();
   if (batch == nullptr) return false;
   auto& known = batch->Of<BatchFiles>(this);
@@ -125,4 +126,6 @@ bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& pa
   const bool atHand = !entry.found.file || entry.found.bytes;
   known.files.emplace(std::pair(start.get(), path), std::move(entry));
   return atHand;
+} catch (const ZrCannotTell&) {
+  return false;
 }

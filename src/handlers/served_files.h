@@ -38,7 +38,7 @@ class ZrServedFiles {
     std::shared_ptr<Notes> notes = nullptr;
   };
   /// The file of that path beneath the directory, whose text is in the stored form; see
-  /// ZrFile::OpenBeneath().
+  /// ZrFile::OpenBeneath(). Throws ZrCannotTell.
   Found Find(const std::string& directory, const std::string& path) ZR_EXCLUDES(lock_);
   /// Whether Find() answers for the rest of this batch without waiting for the disk, with the bytes
   /// of the file or the word that there is none. No outside of a batch.

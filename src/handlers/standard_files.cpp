@@ -194,6 +194,12 @@ void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std
   ZrFileAnswer made = AnswerForFile(request.headers, *head, now, boundary);
   // The preconditions hold: without its ranges the request is one for the whole file.
   if (made.several.length > kMostCombined) made = AnswerForFile({}, *head, now, boundary);
+  std::unique_ptr<ZrStringBuf> parts;
+  if (!made.several.parts.empty()) {
+    parts = std::make_unique<ZrStringBuf>();
+    if (!AppendRanges(found, made.several, *parts))
+      return AnswerWithPage(request, answer, 500, site);
+  }
   if (made.status == 412 || made.status == 416) AnswerWithPage(request, answer, made.status, site);
   answer.readyFields = {head, &head->fields};
   answer.readyBytes = made.fields;
@@ -202,11 +208,9 @@ void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std
   if (!site.cacheControl.empty() && made.status < 400)
     answer.SetField("Cache-Control", site.cacheControl);
   if (made.status != 200 && made.status != 206) return;
-  if (!made.several.parts.empty()) {
-    answer.body = std::make_unique<ZrStringBuf>();
-    if (AppendRanges(found, made.several, *answer.body)) return;
-    answer.body->Clear();
-    return answer.SetStatus(500);
+  if (parts) {
+    answer.body = std::move(parts);
+    return;
   }
   answer.fileOffset = made.range.first;
   if (found.bytes && made.length != file.Size()) {

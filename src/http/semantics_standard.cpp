@@ -208,11 +208,8 @@ bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
 }
 
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
-  std::string_view phrase = StatusPhrase(answer.status);
-  if (phrase.empty() || answer.status < 200) {
-    answer.status = kInternalError;
-    phrase = StatusPhrase(kInternalError);
-  }
+  // One that nobody has registered means what the first of its hundred does.
+  if (answer.status < 200 || answer.status > 599) answer.status = kInternalError;
   if (answer.filePath.empty() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
   // A client of the old version finds the end of a streamed body at the end of the connection.
@@ -225,7 +222,7 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
   head.Add("HTTP/1.1 ");
   head.AddNumber(answer.status);
   head.Add(" ");
-  head.Add(phrase);
+  head.Add(StatusPhrase(answer.status));
   head.Add("\r\nDate: ");
   head.Add(zr::HttpDateNow());
   head.Add("\r\nServer: ");

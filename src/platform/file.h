@@ -3,9 +3,11 @@
 // only when they lie beneath the directory that they are asked for in.
 // Rules: descriptors are close-on-exec, EINTR is retried, nothing blocks on a FIFO, and every
 // failure to open (missing, forbidden, leads out, no regular file or directory) is "does not
-// exist".
+// exist". Only when the system could not even look, for want of descriptors or memory or as the
+// disk failed, that is said: by ZrCannotTell.
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <span>
@@ -16,6 +18,12 @@
 #include "platform/descriptor.h"
 #include "platform/filesystem.h"
 
+/// Whether a file is there cannot be told now; it may be told later.
+class ZrCannotTell final : public std::exception {
+ public:
+  const char* what() const noexcept override { return "no descriptor to look for the file"; }
+};
+
 /// An open regular file or directory. Immutable after opening, so any number of threads may use it;
 /// held in shared ownership by every answer that sends it.
 class ZrFile {
@@ -24,7 +32,8 @@ class ZrFile {
   /// zr::SystemDirectory(); the bytes of the path are taken as they are, whoever sent them.
   /// Symbolic links are followed as long as they end beneath the directory as it stands on disk.
   /// Returns nothing when there is no such file: also for an empty directory or path, a NUL byte, a
-  /// ".." piece anywhere, and anything that is neither a regular file nor a directory.
+  /// ".." piece anywhere, and anything that is neither a regular file nor a directory. Throws
+  /// ZrCannotTell, as the two others do.
   static std::shared_ptr<const ZrFile> OpenBeneath(std::string_view directory,
                                                    std::string_view path);
   /// Whether OpenBeneath() would find the file, asked without a right to read it: a program may be
@@ -100,7 +109,7 @@ struct ZrFileAtHand {
 class ZrDirectory {
  public:
   /// The text is in the stored form, as for ZrFile::OpenBeneath(). Nothing when there is no such
-  /// directory.
+  /// directory. Throws ZrCannotTell.
   static std::shared_ptr<const ZrDirectory> Open(std::string_view directory);
 
   /// Whether the name it was opened under still leads to it. One look at the disk; a directory that

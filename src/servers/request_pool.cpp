@@ -111,6 +111,33 @@ void ZrURLHookService::TakeBack(const WorkerPointer& worker, const Request& requ
   Resolve(request, std::move(failure));
 }
 
+// A connection that is being made for it is dropped when that has come to its end.
+void ZrURLHookService::Withdraw(const std::shared_ptr<ZrXHeader>& head) {
+  Request withdrawn;  // released without the lock
+  WorkerPointer worker;
+  {
+    ZrLock hold(lock_);
+    const auto waits = std::find_if(
+        waiting_.begin(), waiting_.end(),
+        [&](const Request& request) { return request.head == head; });
+    const auto out = std::find_if(workers_.begin(), workers_.end(), [&](const auto& entry) {
+      return entry.second.request.head == head;
+    });
+    if (waits != waiting_.end()) {
+      withdrawn = std::move(*waits);
+      waiting_.erase(waits);
+      WakePump();
+    } else if (out != workers_.end()) {
+      worker = out->second.server;
+      Remove(out);
+    } else if (starting_ > 0) {
+      withdrawn_.insert(head);
+    }
+  }
+  ZrTransceiver* const transceiver = Transceiver();
+  if (worker && transceiver != nullptr) transceiver->RemoveConnection(worker->Result());
+}
+
 // ---- Workers -----------------------------------------------------------------------------------
 
 // Looking up and connecting take time that is no sender's. No: there is no thread for it.
@@ -144,7 +171,9 @@ void ZrURLHookService::StartWorker(const Request& request) {
     ZrLock hold(lock_);
     --starting_;
     startingWorkers_.erase(worker);
-    late = started && (ended_ || !Enter(worker, request, failure));
+    const bool withdrawn = withdrawn_.erase(request.head) > 0;
+    if (starting_ == 0) withdrawn_.clear();
+    late = started && (ended_ || withdrawn || !Enter(worker, request, failure));
     if (!started || late) WakePump();
   }
   if (late) DropWorker(worker);

@@ -57,6 +57,7 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   std::string connectionOwnerName() const { return PeerName(); }
   ZrJobWithTimeout& OutgoingJob() override { return *this; }
   bool IsUnused() const override { return unused_; }
+  void Withdraw(const std::shared_ptr<ZrXHeader>& head) override ZR_EXCLUDES(lock_);
   void EndStarts() override;
   /// Waits for the tasks, also those of the workers, and closes their connections. The sender is
   /// told of the requests that wait or are not answered. Not called by a handler that a worker has
@@ -121,6 +122,7 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   std::size_t starting_ ZR_GUARDED_BY(lock_) = 0;  // places reserved for workers being started
   std::size_t dropping_ ZR_GUARDED_BY(lock_) = 0;  // tasks that drop workers
   std::set<WorkerPointer> startingWorkers_ ZR_GUARDED_BY(lock_);
+  std::set<std::shared_ptr<ZrXHeader>> withdrawn_ ZR_GUARDED_BY(lock_);  // while any is starting
   std::vector<WorkerPointer> gone_ ZR_GUARDED_BY(lock_);   // left the pool, to be dropped
   std::vector<Failed> failed_ ZR_GUARDED_BY(lock_);        // to be reported
   bool pumping_ ZR_GUARDED_BY(lock_) = false;              // the pump runs or is to run

@@ -77,6 +77,14 @@ std::string ZrOutgoingPools::Submit(const std::string& clientName,
   return startFailed ? ZrJob::CommonErrorName() : name;
 }
 
+void ZrOutgoingPools::Withdraw(const std::string& clientName,
+                               const std::shared_ptr<ZrXHeader>& message) {
+  const Pool pool = Find(clientName, PoolKey(*message));
+  if (!pool) return;
+  pool->Withdraw(message);
+  --pool->senders;
+}
+
 ZrOutgoingPools::Pool ZrOutgoingPools::Find(const std::string& clientName, const std::string& key) {
   ZrLock hold(lock_);
   const auto ofClient = hookServices_.find(clientName);

@@ -32,6 +32,10 @@ class ZrOutgoingPools {
   /// or ZrJob::CommonErrorName() when there is no way to the target.
   std::string Submit(const std::string& clientName, std::shared_ptr<ZrXHeader> message,
                      const ZrServerCallback& callback) ZR_EXCLUDES(lock_);
+  /// Nobody waits for the answer to that request of the handler any more; see
+  /// ZrOutgoingLink::Withdraw().
+  void Withdraw(const std::string& clientName, const std::shared_ptr<ZrXHeader>& message)
+      ZR_EXCLUDES(lock_);
   /// Ends all pools' tasks and waits for them.
   void EndTasks() ZR_EXCLUDES(lock_);
   /// Lets go of all pools.

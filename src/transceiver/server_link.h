@@ -75,6 +75,9 @@ class ZrOutgoingLink {
   /// waits.
   virtual std::shared_ptr<ZrXHeader> submit(std::shared_ptr<ZrXHeader> head, bool& startFailed,
                                             bool inFront) = 0;
+  /// Nobody waits for the answer any more: a request that waits is forgotten, the connection of one
+  /// that is out goes. The sender may still be told of its end. The caller holds no lock.
+  virtual void Withdraw(const std::shared_ptr<ZrXHeader>& head) = 0;
   /// Holds neither a request nor a connection at this moment. Takes no lock.
   virtual bool IsUnused() const = 0;
   /// Who is about to hand it a request. Goes up under the transceiver's lock only.

@@ -114,7 +114,7 @@ class ZrTransceiver final : public ZrJob {
   bool EndLater(std::function<void()> end) { return housekeeper_.EndLater(std::move(end)); }
   void WakeHousekeeper() { housekeeper_.Wake(); }  ///< It looks at all time limits now.
   const ZrClock& Clock() const { return clock_; }
-  const ZrServerFactories& Factories() const { return factories_; }
+  ZrOutgoingPools& OutgoingRequests() { return pools_; }
   /// What all peers of this transceiver together may occupy; everything kept for one counts there.
   const std::shared_ptr<ZrMemoryBudget>& Memory() const { return loops_.Memory(); }
 

@@ -171,6 +171,11 @@ TEST_F(Client, SlowHostsHoldNobodyUp) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 18s);
 }
 
+TEST_F(Client, WhatIsLateOccupiesNoConnection) {
+  for (int i = 0; i < 12; ++i) Ask({.url = Url("/never"), .timeLimit = 10ms});
+  EXPECT_EQ(Ask({.url = Url("/echo"), .timeLimit = 10s}), "200 GET  - 0");
+}
+
 TEST_F(Client, AnEndLeavesNoRequestWithoutItsOutcome) {
   std::promise<std::string> again;
   std::future<Outcome> waiting;

@@ -3,6 +3,7 @@
 #include "handlers/served_files.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <functional>
@@ -88,6 +89,22 @@ TEST_F(ServedFiles, LargeFilesAreNotShared) {
   for (const char* name : {"most", "large"}) files_.Find(folder_.Path("site"), name);
   EXPECT_NE(files_.Find(folder_.Path("site"), "most").bytes, nullptr);
   EXPECT_EQ(files_.Find(folder_.Path("site"), "large").bytes, nullptr);
+}
+
+TEST_F(ServedFiles, WithoutDescriptorsNothingIsSaidToBeMissing) {
+  EXPECT_EQ(Ask(), "one");
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit none{3, usual.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  {
+    ZrBatch batch;
+    EXPECT_FALSE(files_.IsAtHand(folder_.Path("site"), "page"));
+    EXPECT_THROW(Ask(), ZrCannotTell);
+    EXPECT_THROW(Ask(), ZrCannotTell);
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(Ask(), "one");
+  }
 }
 
 }  // namespace
