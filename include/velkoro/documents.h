@@ -18,8 +18,9 @@
 // stay as they are.
 //
 // Errors are DocumentError, for everything: malformed input, a file that cannot be read or
-// written, a name that is none, and the use of an empty handle or an empty Part. What fails changes
-// nothing. Memory that runs out is std::bad_alloc.
+// written, a name that is none, and the use of an empty handle, an empty Part or a Document that
+// was moved away. What fails changes nothing: a Part that is refused keeps its node. Memory that
+// runs out is std::bad_alloc.
 //
 // Threads. A document, with all its handles, belongs to one thread at a time.
 
@@ -58,8 +59,8 @@ enum class DocumentKind {
   /// One root element; everything is closed; names are compared byte for byte.
   kXml,
   /// A page or a part of one. Names of tags are read in any case and kept in lower case; void
-  /// elements (br, img, ...) have no end tag; values need no quotes; the content of script, style,
-  /// textarea and title is text. End tags may not be left out.
+  /// elements (br, img, ...) have no end tag; values need no quotes; a "<" that begins no tag, and
+  /// the content of script, style, textarea and title, are text. End tags may not be left out.
   kHtml,
 };
 
@@ -100,11 +101,12 @@ class Node {
   /// is removed has none until another is put in its place.
   [[nodiscard]] Part Remove();
   /// Puts the part into the place of this node, which is handed over.
-  [[nodiscard]] Part Replace(Part part);
-  /// Puts the part beside this node. Returns it. Throws when this node is the top of a Part, and
-  /// for a second element or a text beside the root of an XML document.
-  Node InsertBefore(Part part);
-  Node InsertAfter(Part part);
+  [[nodiscard]] Part Replace(Part&& part);
+  /// Puts the part beside this node. Returns it. Throws when this node is the top of a Part, for a
+  /// second element or a text beside the root of an XML document, and for an element of XML in a
+  /// page or the other way round, which are written differently.
+  Node InsertBefore(Part&& part);
+  Node InsertAfter(Part&& part);
 
  protected:
   explicit Node(NodeBody* body) noexcept : body_(body) {}
@@ -151,7 +153,7 @@ class Element : public Node {
   /// name that is none, and for a void element of a page, which takes no children.
   Element Add(std::string_view name);
   Node AddText(std::string_view text);
-  Node Add(Part part);
+  Node Add(Part&& part);
   /// Destroys all children.
   void Clear();
   /// Destroys all children and adds the text.
@@ -177,7 +179,7 @@ class Part {
   /// An element without attributes and children. Throws for a name that is none.
   static Part Element(std::string_view name, DocumentKind kind = DocumentKind::kXml);
   static Part Text(std::string_view text);
-  /// Throws for a text that holds "--" or ends in "-".
+  /// Throws for a text that holds "--", ends in "-" or begins with ">" or "->".
   static Part Comment(std::string_view text);
   /// Throws for a text that holds "?>".
   static Part Instruction(std::string_view text);
@@ -225,7 +227,7 @@ class Document {
   std::vector<Element> Query(std::string_view path) const;
   Element QueryFirst(std::string_view path) const;
   /// Appends the part at the top, as Node::InsertAfter() does.
-  Node Add(Part part);
+  Node Add(Part&& part);
   Document Copy() const;
 
   /// Lays the document out anew: each element that holds no text of its own stands on a line, so
@@ -233,7 +235,8 @@ class Document {
   void Indent(unsigned blanks = 2);
 
   /// The document as text: what was read is written as it was, except for attributes, which are
-  /// written by name and in double quotes, and empty elements, which are written as `<a />`.
+  /// written by name and in double quotes, empty elements, which are written as `<a />`, and a "<"
+  /// of a page's text, which is written as "&lt;".
   std::string Text() const;
   void Write(std::ostream& stream) const;
   /// Puts the text into the file, whole or not at all: readers of the file see the old content or
@@ -244,6 +247,7 @@ class Document {
  private:
   struct Tree;
   explicit Document(std::unique_ptr<Tree> tree) noexcept;
+  Tree& Held() const;
 
   std::unique_ptr<Tree> tree_;
 };

@@ -17,6 +17,7 @@
 #include "http/form_writer.h"
 #include "http/message_head.h"
 #include "http/request_target.h"
+#include "jobs/job_registry.h"
 #include "jobs/scheduler.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
@@ -364,6 +365,10 @@ class [[gnu::visibility("hidden")]] Client::Asking {
     return true;
   }
 
+  /// Goes last.
+  struct AtEnd {
+    ~AtEnd() { ZrJobRegistry::Instance().Rest(); }
+  } atEnd_;
   ZrMutex lock_;                                                 // never held while calling out
   std::map<std::string, Pending> pending_ ZR_GUARDED_BY(lock_);  // by the names of their heads
   Due due_ ZR_GUARDED_BY(lock_);

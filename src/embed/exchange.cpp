@@ -323,24 +323,27 @@ void velkoro::Exchange::RunHandler() {
 }
 
 void velkoro::Exchange::Handle() {
-  if (!AskGuards()) {
-    Send();
-    return;
+  const Server::Handler* handler = nullptr;
+  bool passed = AskGuards();
+  if (passed) {
+    handler = FindHandler();
+    if (handler == nullptr) return LeaveToOthers();
+    for (const ZrHandlers::Guard& guard : handlers_->guards) passed = passed && Passes(guard);
   }
-  const Server::Handler* const handler = FindHandler();
-  if (handler == nullptr) return LeaveToOthers();
-  for (const ZrHandlers::Guard& guard : handlers_->guards) {
-    if (guard.ask(asked_, answer_)) continue;
-    Send();
-    return;
-  }
-  (*handler)(asked_, answer_);
+  if (passed) (*handler)(asked_, answer_);
   if (!deferred_) Send();
+}
+
+bool velkoro::Exchange::Passes(const ZrHandlers::Guard& guard) {
+  if (!guard.ask(asked_, answer_)) return false;
+  if (deferred_)
+    throw std::logic_error("a function before the handlers deferred the answer and let it pass");
+  return true;
 }
 
 bool velkoro::Exchange::AskGuards() {
   for (const ZrHandlers::Guard& guard : handlers_->paths)
-    if (guard.Covers(request_->path) && !guard.ask(asked_, answer_)) return false;
+    if (guard.Covers(request_->path) && !Passes(guard)) return false;
   return true;
 }
 

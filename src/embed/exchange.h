@@ -71,6 +71,7 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   struct Room;
 
   bool Claim() noexcept { return !claimed_.exchange(true); }
+  bool Passes(const ZrHandlers::Guard& guard);
   bool AskGuards();
   const velkoro::Server::Handler* FindHandler();
   void RunHandler();

@@ -314,7 +314,10 @@ class [[gnu::visibility("hidden")]] Server::Running {
 
 Server::Server(Options options) : running_(std::make_unique<Running>(std::move(options))) {}
 
-Server::~Server() = default;
+Server::~Server() {
+  running_.reset();
+  ZrJobRegistry::Instance().Rest();
+}
 
 Server& Server::Handle(std::string_view method, std::string_view pattern, Handler handler) {
   running_->Unstarted().routes.Add(method, pattern, std::move(handler));

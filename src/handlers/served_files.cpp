@@ -95,7 +95,7 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
   }
   BatchFiles::Entry& entry = place->second;
   if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
-           known.Shares(*entry.found.file))
+      known.Shares(*entry.found.file))
     // The first request reads the file into its answer; whoever asks again shares one copy.
     Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAt(0, to); });
   return entry.found;

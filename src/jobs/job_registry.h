@@ -98,6 +98,10 @@ class ZrJobRegistry {
   /// owners of what jobs refer to, before they release it. Not called by destructors of jobs nor
   /// on a thread that delivers an event, which the reaper may be waiting for.
   void WaitForReaper() ZR_EXCLUDES(lock_);
+  /// Ends the registry's threads, and waits for them, while no job belongs to a joined task; the
+  /// next one that does brings them back. For the end of what has used jobs, so that a host keeps
+  /// no thread of ours. Not called on a thread that delivers an event.
+  void Rest() noexcept ZR_EXCLUDES(lock_);
 
  private:
   friend class ZrJob;
@@ -140,14 +144,16 @@ class ZrJobRegistry {
   void Queue(std::list<Entry>& entry, bool urgent) ZR_REQUIRES(lock_);
   void WakeNow() noexcept ZR_REQUIRES(lock_);
   void StartDelivery() ZR_REQUIRES(lock_);
-  void DeliveryLoop() ZR_EXCLUDES(lock_);
+  void DeliveryLoop(unsigned shift) ZR_EXCLUDES(lock_);
   ZrJob* TakeFront(std::list<Entry>& taken) ZR_REQUIRES(lock_);
 
   // The reaper and the end (job_registry_end.cpp).
   static bool OnDeliveringThread() noexcept;
   static bool NoteRetiredHere(const ZrJobLink& link) noexcept;
   bool Reap(ZrJob* job) noexcept ZR_EXCLUDES(lock_);
-  void ReaperLoop() ZR_EXCLUDES(lock_);
+  void ReaperLoop(unsigned shift) ZR_EXCLUDES(lock_);
+  bool IsOver(unsigned shift) const ZR_REQUIRES(lock_) { return stopping_ || shift != shift_; }
+  void EndThreads() noexcept ZR_EXCLUDES(lock_);
   void EndReaped(ZrJob* chain) noexcept ZR_EXCLUDES(lock_);
   void Shutdown() noexcept ZR_EXCLUDES(lock_);
 
@@ -158,17 +164,18 @@ class ZrJobRegistry {
   ZrNumberTable<Task> tasks_ ZR_GUARDED_BY(lock_);
   ZrNumberTable<ZrJobLink> jobs_ ZR_GUARDED_BY(lock_);
 
-  ZrCondition wake_;  // queue_ is empty no more, drain_ or stopping_ was set
+  ZrCondition wake_;  // queue_ is empty no more, drain_ or stopping_ was set, shift_ changed
   std::list<Entry> queue_ ZR_GUARDED_BY(lock_);
   std::size_t events_ ZR_GUARDED_BY(lock_) = 0;  // in queue_ and parked
   bool drain_ ZR_GUARDED_BY(lock_) = false;      // queue_ is to be emptied without a pause
   bool stopping_ ZR_GUARDED_BY(lock_) = false;
+  unsigned shift_ ZR_GUARDED_BY(lock_) = 0;  // of the threads: those of an earlier one end
   ZrThread delivery_ ZR_GUARDED_BY(lock_);
   ZrCondition delivered_;  // a delivery ended whose receiver is retiring
 
-  ZrCondition reap_;                                  // reaped_ or stopping_ was set
-  ZrCondition reapedAll_;                             // reapedCount_ grew
-  ZrJob* reaped_ ZR_GUARDED_BY(lock_) = nullptr;      // jobs to end, chained, the last one first
+  ZrCondition reap_;                              // reaped_ or stopping_ was set, shift_ changed
+  ZrCondition reapedAll_;                         // reapedCount_ grew
+  ZrJob* reaped_ ZR_GUARDED_BY(lock_) = nullptr;  // jobs to end, chained, the last one first
   std::size_t handedCount_ ZR_GUARDED_BY(lock_) = 0;  // jobs handed to the reaper so far
   std::size_t reapedCount_ ZR_GUARDED_BY(lock_) = 0;  // jobs it has ended so far
   ZrThread reaper_ ZR_GUARDED_BY(lock_);

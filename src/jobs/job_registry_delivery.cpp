@@ -158,7 +158,7 @@ void ZrJobRegistry::WakeDelivery() {
 void ZrJobRegistry::StartDelivery() {
   if (!delivery_.Joinable() && !stopping_)
     delivery_ = ZrThread::Start(
-        "zr-delivery", [this] { DeliveryLoop(); });
+        "zr-delivery", [this, shift = shift_] { DeliveryLoop(shift); });
 }
 
 ZrJob* ZrJobRegistry::TakeFront(std::list<Entry>& taken) {
@@ -178,19 +178,19 @@ ZrJob* ZrJobRegistry::TakeFront(std::list<Entry>& taken) {
   return job;
 }
 
-void ZrJobRegistry::DeliveryLoop() {
+void ZrJobRegistry::DeliveryLoop(unsigned shift) {
   std::list<Entry> taken;
   for (;;) {
     ZrJob* claimed = nullptr;
     {
       const ZrLock hold(lock_);
-      wake_.Wait(lock_, [this]() ZR_REQUIRES(lock_) { return stopping_ || !queue_.empty(); });
-      if (!drain_) {
+      wake_.Wait(lock_, [&]() ZR_REQUIRES(lock_) { return IsOver(shift) || !queue_.empty(); });
+      if (!drain_ && !IsOver(shift)) {
         wake_.WaitFor(lock_, kNoticePause,
-                      [this]() ZR_REQUIRES(lock_) { return stopping_ || drain_; });
+                      [&]() ZR_REQUIRES(lock_) { return IsOver(shift) || drain_; });
         drain_ = true;
       }
-      if (stopping_) return;
+      if (IsOver(shift)) return;
       claimed = TakeFront(taken);
     }
     if (claimed) Hand(*claimed, taken.front().target, {&taken.front().event, 1});

@@ -31,11 +31,28 @@ ZrJobRegistry& ZrJobRegistry::Instance() {
 }
 
 void ZrJobRegistry::Shutdown() noexcept {
+  {
+    const ZrLock hold(lock_);
+    stopping_ = true;
+  }
+  EndThreads();
+  ReleaseTables();
+}
+
+void ZrJobRegistry::Rest() noexcept {
+  if (OnDeliveringThread() || zr::IsForkOfThreads()) return;
+  WaitForReaper();
+  EndThreads();
+}
+
+// A job that comes behind that finds no thread here, and starts others.
+void ZrJobRegistry::EndThreads() noexcept {
   ZrThread delivery;
   ZrThread reaper;
   {
     const ZrLock hold(lock_);
-    stopping_ = true;
+    if (!stopping_ && jobs_.Size() != 0) return;
+    ++shift_;
     wake_.NotifyAll();
     reap_.NotifyAll();
     delivery = std::move(delivery_);
@@ -43,7 +60,6 @@ void ZrJobRegistry::Shutdown() noexcept {
   }
   delivery.Join();
   reaper.Join();
-  ReleaseTables();
 }
 
 bool ZrJobRegistry::Reap(ZrJob* job) noexcept {
@@ -55,19 +71,19 @@ bool ZrJobRegistry::Reap(ZrJob* job) noexcept {
   try {
     if (!reaper_.Joinable())
       reaper_ = ZrThread::Start(
-          "zr-reaper", [this] { ReaperLoop(); });
+          "zr-reaper", [this, shift = shift_] { ReaperLoop(shift); });
   } catch (const std::exception&) {
     // The job waits until a thread can be had.
   }
   return true;
 }
 
-void ZrJobRegistry::ReaperLoop() {
+void ZrJobRegistry::ReaperLoop(unsigned shift) {
   for (;;) {
     ZrJob* chain = nullptr;
     {
       const ZrLock hold(lock_);
-      reap_.Wait(lock_, [this]() ZR_REQUIRES(lock_) { return stopping_ || reaped_; });
+      reap_.Wait(lock_, [&]() ZR_REQUIRES(lock_) { return IsOver(shift) || reaped_; });
       chain = std::exchange(reaped_, nullptr);
     }
     if (!chain) return;

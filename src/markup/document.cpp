@@ -111,10 +111,15 @@ Document::Document(Document&&) noexcept = default;
 Document& Document::operator=(Document&&) noexcept = default;
 Document::~Document() = default;
 
+Document::Tree& Document::Held() const {
+  if (!tree_) throw DocumentError("the document was moved away", 0);
+  return *tree_;
+}
+
 Document::Document(std::string_view rootName, DocumentKind kind)
     : tree_(std::make_unique<Tree>(Tree{std::make_unique<TopNode>(kind)})) {
   Part root = Part::Element(rootName, kind);
-  TopNode& top = *tree_->top;
+  TopNode& top = *Held().top;
   if (kind == DocumentKind::kXml)
     top.Adopt(std::make_unique<ZrXML_ProcInst2>(kDeclaration));
   else
@@ -170,43 +175,43 @@ Document Document::ReadFile(const std::string& path, DocumentKind kind) {
   return ReadText(*text, kind, path);
 }
 
-DocumentKind Document::Kind() const { return tree_->top->Kind(); }
+DocumentKind Document::Kind() const { return Held().top->Kind(); }
 
 Element Document::Root() const {
-  for (const ZrXMLComplexElement* child : tree_->top->Children())
+  for (const ZrXMLComplexElement* child : Held().top->Children())
     if (NodeAccess::IsElement(*child)) return NodeAccess::ElementHandle(child);
   return {};
 }
 
 std::vector<Node> Document::Nodes() const {
   std::vector<Node> nodes;
-  for (const ZrXMLComplexElement* child : tree_->top->Children())
+  for (const ZrXMLComplexElement* child : Held().top->Children())
     nodes.push_back(NodeAccess::Handle(child));
   return nodes;
 }
 
 std::vector<Element> Document::Query(std::string_view path) const {
-  return NodeAccess::Find(*tree_->top, path, false);
+  return NodeAccess::Find(*Held().top, path, false);
 }
 
 Element Document::QueryFirst(std::string_view path) const {
-  const std::vector<Element> found = NodeAccess::Find(*tree_->top, path, true);
+  const std::vector<Element> found = NodeAccess::Find(*Held().top, path, true);
   return found.empty() ? Element() : found.front();
 }
 
-Node Document::Add(Part part) {
-  return NodeAccess::Handle(NodeAccess::Insert(*tree_->top, nullptr, std::move(part)));
+Node Document::Add(Part&& part) {
+  return NodeAccess::Handle(NodeAccess::Insert(*Held().top, nullptr, std::move(part)));
 }
 
 Document Document::Copy() const {
   auto copy = std::make_unique<Tree>(Tree{std::make_unique<TopNode>(Kind())});
-  for (const ZrXMLComplexElement* child : tree_->top->Children())
+  for (const ZrXMLComplexElement* child : Held().top->Children())
     copy->top->Adopt(NodeAccess::CopyOf(*child));
   return Document(std::move(copy));
 }
 
 void Document::Write(std::ostream& stream) const {
-  tree_->top->Write(stream);
+  Held().top->Write(stream);
   if (!stream) throw DocumentError("the stream took less than the document", 0);
 }
 

@@ -39,15 +39,17 @@ struct [[gnu::visibility("hidden")]] NodeAccess {
   static Node Handle(const Base* node) { return Node(Body(node)); }
   /// Empty for a node that is no element.
   static Element ElementHandle(const Base* node);
-  /// Takes the node over; throws for an empty part.
-  static Owner Take(Part && part);
+  /// Throws for an empty part.
+  static Base& Get(const Part& part);
+  /// The part's node is owned by another.
+  static void Leave(Part & part) { part.body_ = nullptr; }
   static Part Give(Owner node) { return Part(Body(node.release())); }
 
   static NodeKind KindOf(const Base& node);
   static bool IsElement(const Base& node) { return KindOf(node) == NodeKind::kElement; }
   /// Null for one that stands in no document or part of one.
   static const TopNode* TopOf(const Base& node);
-  /// Puts the part below the parent. Throws, the part then being gone.
+  /// Puts the part below the parent. Throws, the part then keeping its node.
   static Base* Insert(Base & parent, Base * before, Part && part);
   static Owner CopyOf(const Base& node);
   static std::vector<Element> Find(Base & from, std::string_view path, bool firstOnly);

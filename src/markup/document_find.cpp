@@ -142,7 +142,7 @@ std::vector<Element> NodeAccess::Find(Base& from, std::string_view path, bool fi
 
 void Document::Indent(unsigned blanks) {
   using Base = ZrXMLComplexElement;
-  TopNode& top = *tree_->top;
+  TopNode& top = *Held().top;
   const auto line = [](Base& parent, Base* before, std::size_t depth) {
     parent.InsertChild(
         before, std::make_unique<ZrXMLGenericWhitespace>("\n" + std::string(depth, ' ')).release());

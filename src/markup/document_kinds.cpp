@@ -17,6 +17,7 @@ using FacadeNode = std::unique_ptr<ZrXMLComplexElement>;
 
 constexpr ByteSet kNoBracket = ByteSet("[]>").Inverted();
 constexpr ByteSet kNoLess = ByteSet("<").Inverted();
+constexpr ByteSet kBeginsNothing = ByteSet(kXmlNameStart).Add("/!?").Inverted();
 
 const ZrPermanentName kDoctypeName("doctype");
 const ZrPermanentName kCdataName("cdata");
@@ -141,6 +142,31 @@ class VoidElementState : public PageElementState {
   }
 };
 
+// "document-less": a "<" that begins nothing.
+class LoneLessState : public ZrDTDElementRead {
+ public:
+  LoneLessState()
+      : ZrDTDElementRead("document-less",
+                         {.first = ByteSet("<"), .second = kBeginsNothing, .reusable = true}) {}
+  std::unique_ptr<ZrDTDElementRead> Clone() const override {
+    return std::make_unique<LoneLessState>();
+  }
+  ZrDTDElementRead* Read(ZrDTDElementReader& reader) override {
+    Begin();
+    ReadTransaction input(reader);
+    if (input.TakeIf('<') && (input.Peek() < 0 || kBeginsNothing.Has(input.Peek()))) {
+      text_ = input.Taken();
+      return this;
+    }
+    input.Undo();
+    return nullptr;
+  }
+};
+
+FacadeNode EscapedLess(std::string_view, ZrDTD&) {
+  return std::make_unique<ZrXMLGenericText>("&lt;");
+}
+
 // "content-text": everything up to the end tag of the element that the kind is for.
 class RawTextState : public ZrDTDElementRead {
  public:
@@ -207,6 +233,7 @@ void FillXmlDocument(ZrDTD& dtd) {
 
 void FillPageDocument(ZrDTD& dtd) {
   AddCommonStates(dtd);
+  dtd.AddState(std::make_unique<LoneLessState>(), EscapedLess, false);
   dtd.AddState(std::make_unique<VoidElementState>(), PageElement, false);
   dtd.AddState(std::make_unique<PageElementState>(), PageElement, true);
 }

@@ -52,9 +52,9 @@ Element NodeAccess::ElementHandle(const Base* node) {
   return node != nullptr && IsElement(*node) ? Element(Body(node)) : Element();
 }
 
-NodeAccess::Owner NodeAccess::Take(Part&& part) {
+ZrXMLComplexElement& NodeAccess::Get(const Part& part) {
   if (!part) Refuse("the part is empty: its node was put somewhere already");
-  return Owner(reinterpret_cast<Base*>(std::exchange(part.body_, nullptr)));
+  return *reinterpret_cast<Base*>(part.body_);
 }
 
 NodeKind NodeAccess::KindOf(const Base& node) {
@@ -80,23 +80,29 @@ ZrXMLComplexElement* NodeAccess::NextInTree(const Base& node, const Base& top) {
 }
 
 ZrXMLComplexElement* NodeAccess::Insert(Base& parent, Base* before, Part&& part) {
-  Owner node = Take(std::move(part));
+  Base* const node = &Get(part);
   if (parent.IsClosed()) Refuse("the element '" + parent.Name() + "' takes no content");
   const auto* const top = dynamic_cast<const TopNode*>(&parent);
+  if (IsElement(*node)) {
+    const bool page = top != nullptr ? top->Kind() == DocumentKind::kHtml : IsOfPage(parent);
+    if (page != IsOfPage(*node)) {
+      Refuse("the element '" + node->Name() + "' is one of " + (page ? "XML" : "a page") +
+             " and would be written wrongly in " + (page ? "a page" : "XML"));
+    }
+  }
   if (top != nullptr && top->Kind() == DocumentKind::kXml) {
     if (KindOf(*node) == NodeKind::kText && !IsBlank(*node))
       Refuse("a text can't stand beside the root");
     for (const Base* child : parent.Children())
       if (IsElement(*node) && IsElement(*child)) Refuse("a document has one root");
   }
-  Base* const added = node.get();
   try {
-    parent.InsertChild(before, added);
+    parent.InsertChild(before, node);
   } catch (const ZrException& failure) {
     Refuse(failure.what());  // it would stand below itself
   }
-  (void)node.release();
-  return added;
+  part.body_ = nullptr;
+  return node;
 }
 
 NodeAccess::Owner NodeAccess::CopyOf(const Base& node) {
@@ -180,7 +186,7 @@ Part Node::Remove() {
   return NodeAccess::Give(NodeAccess::Owner(&node));
 }
 
-Part Node::Replace(Part part) {
+Part Node::Replace(Part&& part) {
   ZrXMLComplexElement& node = NodeAccess::Get(*this);
   ZrXMLComplexElement* const parent = node.Parent();
   if (parent == nullptr) Refuse("the node stands in nothing that it could be taken from");
@@ -190,19 +196,20 @@ Part Node::Replace(Part part) {
   try {
     NodeAccess::Insert(*parent, next, std::move(part));
   } catch (...) {
-    parent->InsertChild(next, NodeAccess::Take(std::move(old)).release());
+    parent->InsertChild(next, &node);
+    NodeAccess::Leave(old);
     throw;
   }
   return old;
 }
 
-Node Node::InsertBefore(Part part) {
+Node Node::InsertBefore(Part&& part) {
   ZrXMLComplexElement& node = NodeAccess::Get(*this);
   if (node.Parent() == nullptr) Refuse("nothing can be put beside the top of a part");
   return NodeAccess::Handle(NodeAccess::Insert(*node.Parent(), &node, std::move(part)));
 }
 
-Node Node::InsertAfter(Part part) {
+Node Node::InsertAfter(Part&& part) {
   ZrXMLComplexElement& node = NodeAccess::Get(*this);
   if (node.Parent() == nullptr) Refuse("nothing can be put beside the top of a part");
   return NodeAccess::Handle(
@@ -285,7 +292,7 @@ Node Element::AddText(std::string_view text) {
   return Add(NodeAccess::Give(std::make_unique<ZrXMLGenericText>(text)));
 }
 
-Node Element::Add(Part part) {
+Node Element::Add(Part&& part) {
   return NodeAccess::Handle(NodeAccess::Insert(NodeAccess::Get(*this), nullptr, std::move(part)));
 }
 
@@ -315,6 +322,9 @@ Part Part::Text(std::string_view text) {
 Part Part::Comment(std::string_view text) {
   if (text.find("--") != std::string_view::npos || text.ends_with('-'))
     Refuse("a comment can't hold \"--\" or end in \"-\"");
+  // There a page would end it.
+  if (text.starts_with('>') || text.starts_with("->"))
+    Refuse("a comment can't begin with \">\" or \"->\"");
   return NodeAccess::Give(std::make_unique<ZrXML_Comment2>(text));
 }
 

@@ -5,7 +5,8 @@
 
 namespace {
 
-constexpr zr::ByteSet kUnquoted = zr::ByteSet(" \t\r\n\"'=<>`").Inverted();
+// Quotes would have to be told apart from those that a value is written with.
+constexpr zr::ByteSet kUnquoted = zr::ByteSet(" \t\r\n\"'<>").Inverted();
 
 // The bytes of names.
 template <bool plain>

@@ -58,6 +58,8 @@ TEST(Document, WhatIsReadIsWrittenAsItWas) {
   };
   EXPECT_EQ(page("<DIV ID=x checked><BR>a<img src='\"'></Div >"),
             "<div ID=\"x\" checked=\"true\"><br />a<img src=\"&quot;\" /></div>");
+  EXPECT_EQ(page("<a href=/x?a=1>1 < 2, 3 <4</a><"),
+            "<a href=\"/x?a=1\">1 &lt; 2, 3 &lt;4</a>&lt;");
   EXPECT_EQ(Document::ReadText("\xef\xbb\xbf<a  b = 'c\"' ></a >").Text(), "<a b=\"c&quot;\" />");
 }
 
@@ -186,6 +188,8 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
   Element script = page.Root().Add("script");
   Part part = Part::Element("p");
   Part empty;
+  Document gone("a");
+  const Document kept = std::move(gone);
   Element r = document.Root();
   const std::pair<const char*, std::function<void()>> kCases[] = {
       {"0 the handle is empty: there is no such node", [&] { Element().Set("a", "b"); }},
@@ -205,6 +209,10 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
       {"0 the element 'br' takes no content", [&] { page.Root().Add("br").AddText("x"); }},
       {"0 the text would end the element 'script'", [&] { script.SetText("</Script"); }},
       {"0 a comment can't hold \"--\" or end in \"-\"", [&] { Part::Comment("a--b"); }},
+      {"0 a comment can't begin with \">\" or \"->\"", [&] { Part::Comment("><script>"); }},
+      {"0 the document was moved away", [&] { (void)gone.Root(); }},
+      {"0 the element 'p' is one of XML and would be written wrongly in a page",
+       [&] { page.Root().Add(std::move(part)); }},
       {"0 an instruction can't hold \"?>\"", [&] { Part::Instruction("?>"); }},
       {"0 the markup holds more than one element",
        [&] { Part::Markup("<a></a><b></b>", DocumentKind::kHtml); }},
@@ -213,6 +221,7 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
   };
   for (const auto& [error, action] : kCases) EXPECT_EQ(ErrorOf(action), error);
   EXPECT_EQ(document.Text(), "<r><a /></r>");
+  r.Add(std::move(part));
 }
 
 TEST(Document, IndentLaysOutWhatHoldsNoText) {
