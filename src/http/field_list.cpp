@@ -15,9 +15,10 @@ std::string zr::LowerCase(std::string_view text) {
 }
 
 std::string_view zr::TrimBlanks(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+  const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 bool zr::HasListElement(const ZrHeaderFields::Values& values, std::string_view lower) {

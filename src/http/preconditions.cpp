@@ -38,6 +38,7 @@ std::optional<std::string_view> TakeTag(std::string_view& list, bool& weak) {
 /// Whether a list of tags names the current one. "*" names any that there is.
 bool NamesTag(const ZrHeaderFields::Values& values, std::string_view current, bool strongly) {
   for (std::string_view list : values) {
+    if (list == current && !current.empty()) return true;  // as nearly all clients send it
     if (zr::TrimBlanks(list) == "*") return !current.empty();
     bool weak = false;
     while (const auto tag = TakeTag(list, weak))
