@@ -174,6 +174,8 @@ void ZrCgi::AnswerPieceByPiece(const Job& job, const ZrPipeExecSettings& setting
   if (request.peerWatch && request.peerWatch->Gone() && !output.Begun()) return;
   const std::uint64_t refusal = arriving ? arriving->Refusal() : 0;
   arriving.reset();
+  // The connection closes behind an answer to a body that never came.
+  if (end == ZrPipeExecEnd::kNoInput) request.closeRequested = true;
   if (const std::string address = output.Finish(end, refusal); !address.empty())
     Redirect(job, address);
 }
