@@ -66,6 +66,12 @@ void CheckDirectory(const std::string& directory) {
 void CheckKeyPair(const ServerOptions& options) {
   if (options.certificate.empty() || options.privateKey.empty())
     throw ServerError("https needs a certificate and its private key");
+  for (const std::string& file : {options.certificate, options.privateKey}) {
+    const int error = zr::CheckAccess(file, zr::ZrAccess::kRead);
+    if (error != 0)
+      throw ServerError("the file " + Quoted(file) +
+                        " cannot be read: " + zr::SystemErrorText(error));
+  }
   try {
     zr::MakeTlsServerContext(options.certificate, options.privateKey);
   } catch (const ZrException_SSL& failure) {
@@ -138,7 +144,10 @@ class [[gnu::visibility("hidden")]] Server::Running {
   }
 
   std::string Start() ZR_EXCLUDES(lock_) {
-    Unstarted();
+    {
+      ZrLock hold(lock_);
+      if (started_) throw ServerError("a server starts once: make another one");
+    }
     ZrQuarnApplication2& application = Make();
     try {
       application.startServers();

@@ -75,7 +75,7 @@ TEST(Server, WhatIsWrongIsSaidWhenItIsSet) {
   ExpectRefused("same paths", [&] { server.Page("x", ""); });
   server.Start();
   ExpectRefused("before it starts", [&] { server.Page("y", ""); });
-  ExpectRefused("before it starts", [&] { server.Start(); });
+  ExpectRefused("starts once", [&] { server.Start(); });
   const std::string port = std::to_string(server.Port());
   velkoro::Server second({.listen = {"http://127.0.0.1:" + port}});
   ExpectRefused("is taken or not allowed", [&] { second.Start(); });
