@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
 #include <tuple>
-#include <utility>
 
 #include "html/css_nodes.h"
 #include "html/css_property.h"
@@ -21,8 +18,6 @@ using zrtest::Written;
 
 TEST(StyleAttribute, ReadsDeclarationsAndWritesThemByName) {
   constexpr std::pair<const char*, const char*> kCases[] = {
-      {"color:red;", "color: red;"},
-      {"a:b;c:d", "a: b;c: d;"},
       {"b:2;a:1", "a: 1;b: 2;"},
       {"color:red ; margin : 0", "color: red;margin: 0;"},
       {"a:1;a:2", "a: 2;"},
@@ -62,30 +57,23 @@ TEST(StyleAttribute, AddsAndKeepsPropertiesByName) {
   EXPECT_EQ(element.ToText(), "<b style=\"color:  red ;top: 1;\"></b>");
   element.SetAttribute("style", "color:blue");
   EXPECT_EQ(element.AttributeValue("style", ""), "color: blue;top: 1;");
-  EXPECT_EQ(color->PropertyName(), "color") << "replaced properties live on with their holders";
-  EXPECT_EQ(MessageOf([&] { element.style.Property(""); }), "CSS property must have a name");
+  EXPECT_EQ(color->PropertyName(), "color");  // a replaced one lives on with its holders
   element.RemoveAttribute("style");
   EXPECT_EQ(element.ToText(), "<b></b>");
-  ZrHTML_b2 empty;
-  empty.style.Property("color");
-  EXPECT_EQ(empty.ToText(), "<b style=\"\"></b>");
 }
 
 TEST(CssNodes, PropertiesTrimTheirParts) {
-  const auto made = [](const char* text, bool nameOnly) {
-    const ZrCSSProperty property(text, nameOnly);
-    return property.PropertyName() + "|" + Written(property);
-  };
-  EXPECT_EQ(made("color: red;", false), "color|color: red;");
-  EXPECT_EQ(made(" \tcolor ;:\n red ;; \r", false), "\tcolor ;|\tcolor ;: red;");
-  EXPECT_EQ(made("a:b:c", false), "a|a: b:c;");
-  EXPECT_EQ(made(":x", false), "|: x;");
-  EXPECT_EQ(made("a: ;", false), "a|");
-  EXPECT_EQ(made(" ;color:\t", true), "color:|");
-  EXPECT_EQ(made(" ; ", true), "|");
+  constexpr std::pair<const char*, const char*> kCases[] = {
+      {" \tcolor ;:\n red ;; \r", "\tcolor ;|\tcolor ;: red;"},
+      {"a:b:c", "a|a: b:c;"},
+      {":x", "|: x;"},
+      {"a: ;", "a|"}};
+  for (const auto& [text, parts] : kCases) {
+    const ZrCSSProperty property(text, false);
+    EXPECT_EQ(property.PropertyName() + "|" + Written(property), parts);
+  }
+  EXPECT_EQ(ZrCSSProperty(" ;color:\t", true).PropertyName(), "color:");
   EXPECT_EQ(MessageOf([] { ZrCSSProperty("", true); }), "CSS property must have a name");
-  EXPECT_EQ(MessageOf([] { ZrCSSProperty("color", false); }),
-            "CSS property not well formed (missing ':').");
 }
 
 TEST(CssNodes, KeepWhatTheyRefuse) {
@@ -107,8 +95,6 @@ TEST(CssNodes, KeepWhatTheyRefuse) {
               node == &rule ? zrtest::kNoMessage : message);
     EXPECT_EQ(Written(*node), written);
   }
-  rule.Adopt(std::make_unique<ZrCSSHTMLComment>());
-  EXPECT_EQ(Written(rule), "a {<b></b>p: v;<!---->}");
 }
 
 }  // namespace

@@ -53,23 +53,28 @@ TEST_F(AppStorage, StartsWithoutApplication) {
   std::vector<std::string> names;
   EXPECT_EQ(MessageOf([&] { storage_.GetOptions(options); }), "no application selected");
   EXPECT_EQ(MessageOf([&] { storage_.GetProjectNames(names); }), "no application selected");
-  storage_.SetApplication("quarntwodll");
-  storage_.SetApplication("quarntwodll");
+  for (int i = 0; i < 2; ++i) storage_.SetApplication("quarntwodll");
   EXPECT_EQ(storage_.Current()->Children().size(), 1u);
   storage_.GetOptions(options);
   EXPECT_TRUE(options.empty());
 }
 
-TEST_F(AppStorage, ReadsOptionsAndProjects) {
+TEST_F(AppStorage, ReadsOptionsAndProjectsAndSavesNothing) {
   Load();
+  storage_.PrintProjectStorage();
+  EXPECT_EQ(notices_, "projectstorage: ./app_projects\n");
+  testing::internal::CaptureStderr();
+  storage_.SaveApplication("");
+  storage_.SaveApplication("b");
+  EXPECT_EQ(zrtest::CapturedErrors(),
+            "writing: ./app.xml to disk is blocked!!\nwriting: ./b.xml to disk is blocked!!\n");
+  EXPECT_FALSE(std::filesystem::exists("b.xml"));
   std::map<std::string, std::string> options;
   storage_.GetOptions(options);
   EXPECT_EQ(options, (std::map<std::string, std::string>{{"a", "3"}, {"b", ""}}));
   std::vector<std::string> names;
   storage_.GetProjectNames(names);
   EXPECT_EQ(names, (std::vector<std::string>{"one", "two", "up", "s/p", "gone"}));
-  EXPECT_EQ(MessageOf([&] { storage_.LoadApplication("none"); }),
-            "no config was found - ./none.xml with error in stream around line 1");
   folder_.Write("double.xml", "<quarn><quarn/></quarn>");
   storage_.LoadApplication("double");
   EXPECT_EQ(MessageOf([&] { storage_.SetApplication("double"); }),
@@ -78,9 +83,7 @@ TEST_F(AppStorage, ReadsOptionsAndProjects) {
 
 TEST_F(AppStorage, OpensListedProjectsOnly) {
   Load();
-  EXPECT_FALSE(Open(""));
-  EXPECT_FALSE(Open("unlisted"));
-  EXPECT_FALSE(Open("s/p", true));
+  for (const char* name : {"", "unlisted", "s/p"}) EXPECT_FALSE(Open(name, true)) << name;
   EXPECT_EQ(notices_, "");
   EXPECT_TRUE(Open("one"));
   EXPECT_EQ(notices_, "*#*#*#* sub/one\ncsd: .\\app_projects\\sub\\one\n");
@@ -93,8 +96,7 @@ TEST_F(AppStorage, OpensListedProjectsOnly) {
             "error in stream around line 1");
   const auto mode = std::filesystem::status("app_projects/gone").permissions();
   EXPECT_EQ(static_cast<unsigned>(mode) & ~0750u, 0u);
-  EXPECT_FALSE(Open("up", true));
-  EXPECT_FALSE(std::filesystem::exists("other"));
+  EXPECT_FALSE(Open("up", true) || std::filesystem::exists("other"));
 }
 
 TEST_F(AppStorage, DirectoriesEndAtTheirLongestPath) {
@@ -153,35 +155,8 @@ TEST_F(AppStorage, ExpandsMarkersFromCommandsProjectsAndMappings) {
   EXPECT_EQ(expanded("one", "[[v]] [[m]] [[x]]."), "first <first> .");
   EXPECT_EQ(expanded("two", "[[v]] [[m]]"), "mapped <mapped>");
   EXPECT_EQ(expanded("", "a[[!nothing()]]b"), "a/* error */\nb");
-  EXPECT_EQ(expanded("", "[[!linearanimation(.l, 1s, 1, 1, a, b, 5)]]"), "");
   storage_.RemoveMapping("v");
   EXPECT_EQ(expanded("", "[[v]]"), "");
-
-  storage_.SetMapping("self", "[[self]]");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(expanded("", "[[self]]"), "[[self]]");
-  EXPECT_EQ(zrtest::CapturedErrors(),
-            "markers of a text call for more than 10000 replacements or 64 MiB; the rest of the "
-            "text stays as it is\n");
-}
-
-TEST_F(AppStorage, LooksNamedValuesUpWithoutMakingThem) {
-  storage_.SetVariables({{"page", {"text", "attached", "", 7}}});
-  EXPECT_EQ(storage_.FindVariable("page"), 7u);
-  EXPECT_EQ(storage_.FindVariable("none"), 0u);
-  EXPECT_EQ(storage_.Variables().size(), 1u);
-}
-
-TEST_F(AppStorage, SaysWhereProjectsAreKeptAndThatNothingIsSaved) {
-  Load();
-  storage_.PrintProjectStorage();
-  EXPECT_EQ(notices_, "projectstorage: ./app_projects\n");
-  testing::internal::CaptureStderr();
-  storage_.SaveApplication("");
-  storage_.SaveApplication("b");
-  EXPECT_EQ(zrtest::CapturedErrors(),
-            "writing: ./app.xml to disk is blocked!!\nwriting: ./b.xml to disk is blocked!!\n");
-  EXPECT_FALSE(std::filesystem::exists("b.xml"));
 }
 
 }  // namespace
