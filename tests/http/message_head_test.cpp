@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
-#include <string>
 
 #include "http/form_body.h"
 #include "http/response_head.h"
@@ -134,27 +133,22 @@ TEST(XHeader, HeadsHaveLimits) {
   const auto headOfSize = [&first](std::size_t size) {
     return first + "a: " + std::string(size - first.size() - 7, 'x') + "\r\n\r\n";
   };
-  const auto headOfLines = [&first](std::size_t lines) {
-    std::string head = first;
-    for (std::size_t i = 1; i < lines; ++i) head += "a: b\r\n";
-    return head + "\r\n";
-  };
-  struct Case {
+  std::string most = first;
+  for (int i = 1; i < 200; ++i) most += "a: b\r\n";
+  const struct {
     const char* name;
     std::string input;
     ZrReadResult result;
-  };
-  const Case kCases[] = {
+  } kCases[] = {
       {"largest head", headOfSize(64 * 1024), ZrReadResult::kComplete},
       {"head too large", headOfSize(64 * 1024 + 1), ZrReadResult::kRejected},
-      {"line without an end", std::string(64 * 1024, 'x'), ZrReadResult::kIncomplete},
       {"endless line", std::string(64 * 1024 + 1, 'x'), ZrReadResult::kRejected},
-      {"most lines", headOfLines(200), ZrReadResult::kComplete},
-      {"too many lines", headOfLines(201), ZrReadResult::kRejected},
+      {"most lines", most + "\r\n", ZrReadResult::kComplete},
+      {"too many lines", most + "a: b\r\n\r\n", ZrReadResult::kRejected},
       {"largest body", first + "content-length: 268435456\r\n\r\n", ZrReadResult::kIncomplete},
       {"body too large", first + "content-length: 268435457\r\n\r\n", ZrReadResult::kRejected},
   };
-  for (const Case& c : kCases) {
+  for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(Reader().Feed(c.input), c.result);
     Reader pieces;
@@ -168,21 +162,6 @@ TEST(XHeader, HeadsHaveLimits) {
   }
 }
 
-TEST(XHeader, AnAnswerTakesOverWhatItsRequestSaid) {
-  Reader request;
-  request.Feed("get /a%20b?c HTTP/1.1\r\nReferer: x\r\nUser-Agent: curl\r\n\r\n");
-  request.head->route = {"connection", "server"};
-  const auto answer = request.head->MakeResponse();
-  EXPECT_EQ(answer->requestSummary, "GET /a%20b?c");
-  EXPECT_EQ(answer->path, "/a%20b");
-  EXPECT_EQ(answer->created, request.head->created);
-  EXPECT_EQ(answer->route, (std::vector<std::string>{"server", "connection"}));
-  EXPECT_EQ(answer->RequestField("referer").front(), "x");
-  EXPECT_EQ(answer->status, 500u);
-  request.head.reset();
-  EXPECT_EQ(answer->RequestField("user-agent").front(), "curl");
-}
-
 std::string WrittenHead(ZrXHeader& head) {
   ZrStringBuf out;
   EXPECT_TRUE(head.WriteHead(out));
@@ -192,15 +171,9 @@ std::string WrittenHead(ZrXHeader& head) {
 const std::string kServer = "Server: velkoro/1.28.1(96)\r\n";
 
 TEST(XHeader, WritesAnswers) {
-  const auto text = Reader().head->MakeResponse();
-  ZrStringBuf out;
-  EXPECT_FALSE(text->WriteHead(out));  // not complete yet
-  text->SetBodyText("hello");
-  text->SetBodyText(" again");
-  EXPECT_EQ(WrittenHead(*text), "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: 11\r\n\r\n");
-  EXPECT_EQ(text->TakeBody()->Take(), "hello again");
-
   const auto file = Reader().head->MakeResponse();
+  ZrStringBuf out;
+  EXPECT_FALSE(file->WriteHead(out));  // not complete yet
   file->SetStatus(404);
   file->SetFileBody("/x", 1ull << 40);
   file->SetState(zr::kHeadStateComplete);
@@ -217,43 +190,39 @@ TEST(XHeader, WritesAnswers) {
 
   // A client would not read the body of a 204.
   const auto odd = Reader().head->MakeResponse();
-  odd->SetBodyText("hello");
+  odd->SetBodyText("hel");
+  odd->SetBodyText("lo");
   odd->status = 204;
   EXPECT_EQ(WrittenHead(*odd),
             "HTTP/1.1 500 Internal Error\r\n" + kServer + "Content-Length: 5\r\n\r\n");
 }
 
 TEST(ProgramHead, IsTakenWhenItIsOne) {
-  struct Case {
+  const struct {
     const char* name;
     std::string output;
     const char* head;  // as written in front of the page
-    const char* page;
-  };
-  const Case cases[] = {
+    std::string page;
+  } cases[] = {
       {"fields", "A: b\r\nC:d\r\n\r\npage\r\n\r\n", "A: b\r\nC:d\r\n\r\n", "page\r\n\r\n"},
       {"no fields", "\r\npage\r\n\r\n", "\r\n", "page\r\n\r\n"},
       {"nothing", "", "\r\n", ""},
-      {"line feeds", "A: b\n\npage\r\n\r\nmore", "\r\n", "A: b\n\npage\r\n\r\nmore"},
       {"one line feed", "A: b\r\nC: d\nE: f\r\n\r\n", "\r\n", "A: b\r\nC: d\nE: f\r\n\r\n"},
       {"an empty line feed", "A: b\r\n\npage\r\n\r\n", "\r\n", "A: b\r\n\npage\r\n\r\n"},
       {"no field", "text\r\n\r\nmore", "\r\n", "text\r\n\r\nmore"},
-      {"folded", "A: b\r\n c\r\n\r\n", "\r\n", "A: b\r\n c\r\n\r\n"},
       {"a lone CR", "A: b\rC: d\r\n\r\n", "\r\n", "A: b\rC: d\r\n\r\n"},
-      {"no end", "A: b\r\n", "\r\n", "A: b\r\n"},
       {"other ends",
        "content-LENGTH: 9\r\nA: b\r\nTransfer-Encoding: chunked\r\nContent-Length: 4\r\n\r\npage",
        "A: b\r\nContent-Length: 4\r\n\r\n", "page"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const auto answer = Reader().head->MakeResponse();
     answer->SetBodyText(c.output);
     answer->cgiHeadPending = true;
-    const std::string page(c.page);
     EXPECT_EQ(WrittenHead(*answer), "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: " +
-                                        std::to_string(page.size()) + "\r\n" + c.head);
-    EXPECT_EQ(answer->TakeBody()->Take(), page);
+                                        std::to_string(c.page.size()) + "\r\n" + c.head);
+    EXPECT_EQ(answer->TakeBody()->Take(), c.page);
   }
 }
 
