@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <random>
-#include <string>
-#include <utility>
 
 namespace {
 
