@@ -41,19 +41,6 @@ TEST(SendQueue, SendsInOrderWhateverTheLineTakes) {
   }
 }
 
-TEST(SendQueue, ShowsTheFrontUntilItIsConsumed) {
-  ZrSendQueue queue;
-  Fill(queue, 8);
-  std::string text;
-  while (queue.Pending()) {
-    const std::string_view front = queue.Front().value();
-    queue.Add({});  // additions leave it where it is
-    text += front.substr(0, 3);
-    queue.Consume(3);
-  }
-  EXPECT_EQ(text, "head|23456789|tail");
-}
-
 TEST(SendQueue, TellsRefusalDeathAndAShortFileApart) {
   std::size_t count = 0;
   ScriptedLine line;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <optional>
 
 #include "platform/socket.h"
 #include "tests/support/captured.h"
@@ -31,62 +32,48 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
 
 namespace {
 
-class Socket : public testing::Test {
- protected:
-  void Connect(ZrSocketIPvx& client, ZrSocketIPvx& server, const std::string& host = "127.0.0.1") {
-    ASSERT_EQ(client.connect(host, port_), ZrSocketResult::kSuccess);
-    ASSERT_GE(listener_->accept(server, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
-  }
-
-  std::unique_ptr<ZrSocketIPvx> listener_ = std::make_unique<ZrSocketIPvx>();
-  int port_ = 0;
-};
-
-TEST_F(Socket, AnAddressThatIsGivenIsTheOnlyOne) {
-  const auto reaches = [this](const char* host) {
+TEST(Socket, AnAddressThatIsGivenIsTheOnlyOne) {
+  int port = 0;
+  const auto reaches = [&port](const char* host) {
     ZrSocketIPvx client;
     client.setQuiet(true);
-    return client.connect(host, port_) == ZrSocketResult::kSuccess;
+    return client.connect(host, port) == ZrSocketResult::kSuccess;
   };
-  ASSERT_EQ(listener_->listenAt("127.0.0.1", port_, 16), ZrSocketResult::kSuccess);
+  std::optional<ZrSocketIPvx> listener(std::in_place);
+  ASSERT_EQ(listener->listenAt("127.0.0.1", port, 16), ZrSocketResult::kSuccess);
   EXPECT_TRUE(reaches("127.0.0.1"));
   EXPECT_FALSE(reaches("127.0.0.2"));
   EXPECT_FALSE(reaches("::1"));
   ZrSocketIPvx second;
-  EXPECT_EQ(second.listenAt("127.0.0.1", port_, 16), ZrSocketResult::kListenFailed);
+  EXPECT_EQ(second.listenAt("127.0.0.1", port, 16), ZrSocketResult::kListenFailed);
   EXPECT_EQ(second.listenErrorText(), "");
-  EXPECT_EQ(second.listenAt("203.0.113.1", port_, 16), ZrSocketResult::kListenFailed);
+  EXPECT_EQ(second.listenAt("203.0.113.1", port, 16), ZrSocketResult::kListenFailed);
   EXPECT_EQ(second.listenErrorText(), "Cannot assign requested address");
   // A name has all its addresses on one port, the system's choice as well.
-  listener_ = std::make_unique<ZrSocketIPvx>();
-  port_ = 0;
-  ASSERT_EQ(listener_->listenAt("localhost", port_, 16), ZrSocketResult::kSuccess);
-  for (const ZrSocketAddress& address : zr::ResolveHost("localhost", port_).addresses)
+  listener.emplace();
+  port = 0;
+  ASSERT_EQ(listener->listenAt("localhost", port, 16), ZrSocketResult::kSuccess);
+  for (const ZrSocketAddress& address : zr::ResolveHost("localhost", port).addresses)
     EXPECT_TRUE(reaches(zr::NumericName(address).host.c_str())) << zr::NumericName(address).host;
-}
-
-TEST_F(Socket, PeersOfBothFamiliesReachTheOnePort) {
+  // The minimal dialect's way takes whatever address is given for all of them.
+  listener.emplace();
+  port = 0;
+  ASSERT_EQ(listener->listen("10.9.8.7", port, 16), ZrSocketResult::kSuccess);
+  EXPECT_TRUE(reaches("127.0.0.1"));
+  EXPECT_EQ(reaches("::1"), listener->primaryDescriptor() >= 0);
   int beyond = 65536;
-  listener_->setQuiet(true);
-  EXPECT_EQ(listener_->listen("", beyond, 16), ZrSocketResult::kListenFailed);
-  ASSERT_EQ(listener_->listen("10.9.8.7", port_, 16), ZrSocketResult::kSuccess);
-  for (const std::string host : {"127.0.0.1", "::1"}) {
-    SCOPED_TRACE(host);
-    if (host == "::1" && listener_->primaryDescriptor() < 0) continue;  // a machine without IPv6
-    ZrSocketIPvx client;
-    ZrSocketIPvx server(1);
-    Connect(client, server, host);
-    EXPECT_TRUE(server.accepted() && !server.closed());
-    EXPECT_TRUE(server.peerAddress().ends_with(host)) << server.peerAddress();
-    EXPECT_EQ(server.peerPort(), std::to_string(zr::LocalPort(client.primaryDescriptor())));
-  }
+  second.setQuiet(true);
+  EXPECT_EQ(second.listen("", beyond, 16), ZrSocketResult::kListenFailed);
 }
 
-TEST_F(Socket, ReceiveTellsEndNothingAndFailureApart) {
-  ASSERT_EQ(listener_->listen("", port_, 16), ZrSocketResult::kSuccess);
+TEST(Socket, ReceiveTellsEndNothingAndFailureApart) {
+  int port = 0;
+  ZrSocketIPvx listener;
+  ASSERT_EQ(listener.listen("", port, 16), ZrSocketResult::kSuccess);
   ZrSocketIPvx client;
   auto server = std::make_unique<ZrSocketIPvx>(1);
-  Connect(client, *server);
+  ASSERT_EQ(client.connect("127.0.0.1", port), ZrSocketResult::kSuccess);
+  ASSERT_GE(listener.accept(*server, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
   char byte = 0;
   std::size_t count = 1;
   testing::internal::CaptureStderr();
@@ -113,7 +100,7 @@ TEST_F(Socket, ReceiveTellsEndNothingAndFailureApart) {
 }
 
 // However many are given up, their threads are bounded and go when the resolver's time is over.
-TEST_F(Socket, ConnectDoesNotWaitForTheResolver) {
+TEST(Socket, ConnectDoesNotWaitForTheResolver) {
   const auto before = zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads];
   const auto threads = [before] {
     return zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads] - before;
