@@ -3,7 +3,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "base/memory_budget.h"
 #include "base/number.h"
 #include "base/path.h"
 #include "base/workbench.h"
@@ -38,22 +37,6 @@ TEST(Base, DigitsAreTheWholeText) {
   for (const char* text : {"", "-1", "+1", " 1", "1 ", "18446744073709551616", "0x1"}) {
     EXPECT_FALSE(zr::ParseDigits(text)) << text;
   }
-}
-
-TEST(Base, AMemoryBudgetIsToldOnceThatThereIsRoomAgain) {
-  int room = 0;
-  const auto budget = std::make_shared<ZrMemoryBudget>(100, [&room] { ++room; });
-  ZrMemoryShare first(budget);
-  ZrMemoryShare second(budget);
-  first.Set(100);
-  EXPECT_FALSE(budget->Exceeded());
-  second.Set(30);
-  EXPECT_TRUE(budget->Exceeded());
-  second = std::move(first);  // gives its own back
-  EXPECT_EQ(budget->Used(), 100u);
-  EXPECT_EQ(room, 1);
-  second.Set(40);
-  EXPECT_EQ(room, 1);
 }
 
 // Blocks may be released on other threads, and outlive the workbench that gave them.

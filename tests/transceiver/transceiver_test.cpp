@@ -45,15 +45,6 @@ struct Line {
   std::string name;
 };
 
-TEST(Transceiver, AConnectionThatNobodyCanServeEndsAtOnce) {
-  TransceiverBed bed;
-  bed.scheduler.Stop();  // no thread for the I/O jobs
-  Line line(bed);
-  EXPECT_EQ(bed.transceiver.ConnectionCount(), 0u);
-  EXPECT_TRUE(WaitFor([&] { return line.receiver->Codes() == "2 "; }));
-  EXPECT_EQ(line.client->ReadToEnd(), "");
-}
-
 TEST(Transceiver, ShortMemoryPausesThoseWithMuchAndGivesUpTheNewestThatStandsStill) {
   ManualClock clock;
   TransceiverBed bed(clock, 300'000);
