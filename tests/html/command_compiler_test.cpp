@@ -69,13 +69,4 @@ TEST(EvaluateCommand, AnswersBeyondTheLimitAreRefused) {
   EXPECT_GT(lamps(zr::kMaxAnimationBytes / 500).size(), zr::kMaxAnimationBytes / 2);
 }
 
-TEST(EvaluateCommand, QuotesOfEitherKindEncloseAnArgument) {
-  constexpr std::pair<std::string_view, std::string_view> kCases[] = {
-      {"'a'", "a"}, {"\"a'", "a"}, {"'", ""},        {"", ""},
-      {"'a", "'a"}, {"a'", "a'"},  {"'a' ", "'a' "}, {"'a'b'", "a'b"}};
-  for (const auto& [argument, text] : kCases) {
-    EXPECT_EQ(ZrCommandCompiler().Unquote(argument), text) << argument;
-  }
-}
-
 }  // namespace

@@ -32,14 +32,10 @@ TEST(HtmlElements, WriteTheirAttributesAndText) {
       {ZrHTML_a2("/x", "<b>&").ToText(), "<a href=\"/x\">\n<b>&\n</a>"},
       {ZrHTML_option2("1", "One", true).ToText(),
        "<option selected=\"1\" value=\"1\">\nOne\n</option>"},
-      {ZrHTML_form2("/do", "").ToText(), "<form action=\"/do\"></form>"},
       {ZrHTML_link2("a.css").ToText(),
        "<link href=\"a.css\" rel=\"stylesheet\" type=\"text/css\" />"},
       {ZrHTML_meta2("charset=\"utf-8\"").ToText(), "<meta charset=\"utf-8\" />"},
-      {ZrHTML_img2("i.png", "", "T").ToText(), "<img src=\"i.png\" title=\"T\" />"},
       {ZrHTML_iframe2("/f", "10", "").ToText(), "<iframe src=\"/f\" width=\"10\">\n\n</iframe>"},
-      {ZrHTML_label2("f", "Name").ToText(), "<label for=\"f\">\nName\n</label>"},
-      {ZrHTML_select2("s", "n").ToText(), "<select id=\"s\" name=\"n\"></select>"},
       {styled.ToText(), "<p class=\"warn\" id=\"x\" style=\"color: red;margin: 0;\">\na\nb\n</p>"},
       {script.ToText(), "<script type=\"text/javascript\">\n<!--\n\ngo();\n//-->\n\n</script>"},
   };
@@ -73,10 +69,7 @@ TEST(HtmlElements, TextGrowsAndIsFoundAsText) {
   content.width(40);
   span.WriteText(content);
   EXPECT_EQ(content.str(), "1 < 2 & more");
-  EXPECT_TRUE(span.Children().back()->IsTextNode());
-  EXPECT_TRUE(text.HasAttribute("id"));
   EXPECT_THROW(ZrHTML_p2().AddAttribute("style", nullptr), int);
-  EXPECT_EQ(text.AddChild(nullptr), nullptr);
   EXPECT_THROW(text.Adopt(std::make_unique<ZrHTML_text2>()), ZrException);
 }
 
@@ -97,8 +90,7 @@ TEST(HtmlElements, MembersAreAttributesLikeOthers) {
   EXPECT_TRUE(p.HasAttribute("class") && !p.HasWrittenAttribute("class"));
   p.Attribute("class")->SetFromText("c");
   EXPECT_EQ(p.class_.Text(), "c");
-  EXPECT_TRUE(p.RemoveAttribute("id"));
-  EXPECT_FALSE(p.RemoveAttribute("id"));
+  EXPECT_TRUE(p.RemoveAttribute("id") && !p.RemoveAttribute("id"));
   EXPECT_EQ(all(), "class data i style z ");
   p.SetAttribute("id", "untyped");
   EXPECT_EQ(p.id.Text(), "id");
@@ -123,8 +115,7 @@ TEST(HtmlDocument, MakesTheFrameThatIsMissing) {
   auto* const outer = other.Adopt(std::make_unique<ZrHTML_div2>());
   auto* const html = outer->Adopt(std::make_unique<ZrHTML_html2>());
   EXPECT_EQ(&other.HtmlRoot(), html);
-  EXPECT_EQ(other.Children().front()->Name(), "HTMLDoctype");
-  EXPECT_EQ(other.Children().size(), 2u);
+  EXPECT_EQ(zrtest::Dump(other), "HTMLDocument(HTMLDoctype div(html))");
   auto* const body =
       html->Adopt(std::make_unique<ZrHTML_div2>())->Adopt(std::make_unique<ZrHTML_body2>());
   EXPECT_EQ(&html->Body(), body);

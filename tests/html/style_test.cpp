@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <tuple>
-
-#include "html/css_nodes.h"
 #include "html/css_property.h"
-#include "html/html_elements.h"
 #include "html/plain_elements.h"
 #include "html/style_attribute.h"
 #include "tests/markup/dump.h"
@@ -74,27 +70,6 @@ TEST(CssNodes, PropertiesTrimTheirParts) {
   }
   EXPECT_EQ(ZrCSSProperty(" ;color:\t", true).PropertyName(), "color:");
   EXPECT_EQ(MessageOf([] { ZrCSSProperty("", true); }), "CSS property must have a name");
-}
-
-TEST(CssNodes, KeepWhatTheyRefuse) {
-  ZrCSSHTMLComment bracket;
-  ZrCSSMediaQuery query("@m ");
-  ZrCSSRule rule("a ");
-  ZrCSSProperty property("a:b", false);
-  ZrHTML_style2 sheet;
-  const std::tuple<ZrXMLComplexElement*, const char*, const char*> cases[] = {
-      {&bracket, "child must be text", "<!--<b></b>p: v;-->"},
-      {&query, "must be an CSS element", "@m {<b></b>p: v;}"},
-      {&rule, "must be an CSS element", "a {<b></b>p: v;}"},
-      {&property, "no childs possible", "a: b;"},
-      {&sheet, "must be an CSS element", "<style type=\"text/css\">\n<b></b>p: v;</style>"}};
-  for (const auto& [node, message, written] : cases) {
-    SCOPED_TRACE(message);
-    EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrHTML_b2>()); }), message);
-    EXPECT_EQ(MessageOf([to = node] { to->Adopt(std::make_unique<ZrCSSProperty>("p:v", false)); }),
-              node == &rule ? zrtest::kNoMessage : message);
-    EXPECT_EQ(Written(*node), written);
-  }
 }
 
 }  // namespace

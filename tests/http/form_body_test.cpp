@@ -8,13 +8,12 @@
 
 namespace {
 
-std::shared_ptr<ZrXHeader> Request(std::string_view contentType, std::string body,
+std::shared_ptr<ZrXHeader> Request(std::string_view contentType, const std::string& body,
                                    std::string_view target = "/") {
   auto head = zr::MakeJob<ZrXHeader>(ZrMessageType::kPost, zr::kProtocolHttp);
-  std::string text = "GET " + std::string(target) + " HTTP/1.1\r\n";
-  if (!contentType.empty()) text += "Content-Type: " + std::string(contentType) + "\r\n";
-  text += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-  head->body = std::make_unique<ZrStringBuf>(std::move(text));
+  head->body = std::make_unique<ZrStringBuf>(
+      "GET " + std::string(target) + " HTTP/1.1\r\nContent-Type: " + std::string(contentType) +
+      "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
   EXPECT_EQ(head->ReadHead([](ZrXHeader&) { return true; }), ZrReadResult::kComplete);
   return head;
 }
@@ -45,14 +44,11 @@ TEST(FormBody, DecodesUrlEncodedFields) {
       {"a=b=c&%3d=%26", "a=b=c | ==&"},
       {"a=%4&b=%&c=%g1&d=%2B+", "a=%4 | b=% | c=%g1 | d=+ "},
       {"n+m=%00%ff", std::string("n m=\0\xff", 6)}};
-  for (const char* type :
-       {"application/x-www-form-urlencoded", "application/x-www-form-urlencoded; charset=UTF-8"}) {
-    for (const auto& [body, dump] : kCases) {
-      const auto request = Request(type, body);
-      EXPECT_EQ(ParseFormBody(*request), ZrReadResult::kComplete);
-      EXPECT_EQ(Dump(*request), dump);
-      EXPECT_EQ(request->body->Unread(), body);  // still there for a program
-    }
+  for (const auto& [body, dump] : kCases) {
+    const auto request = Request("application/x-www-form-urlencoded; charset=UTF-8", body);
+    EXPECT_EQ(ParseFormBody(*request), ZrReadResult::kComplete);
+    EXPECT_EQ(Dump(*request), dump);
+    EXPECT_EQ(request->body->Unread(), body);  // still there for a program
   }
 }
 

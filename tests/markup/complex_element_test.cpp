@@ -6,7 +6,6 @@
 #include <sstream>
 #include <thread>
 
-#include "markup/xml_nodes.h"
 #include "tests/markup/dump.h"
 
 namespace {
@@ -55,12 +54,6 @@ TEST(ComplexElement, WritingFollowsTheOwnLineRuleAndTheFlags) {
   wide.width(20);
   a->Write(wide);
   EXPECT_EQ(wide.str(), "<a bare />");
-
-  ZrXML_Document2 document;
-  document.Adopt(std::make_unique<ZrXML_Declaration2>("version=\"1.0\""));
-  document.Adopt(std::make_unique<ZrXMLComplexElement>("plain", false, true));
-  document.Adopt(std::make_unique<ZrXMLComplexElement>("open", false, false));
-  EXPECT_EQ(Written(document), "<?version=\"1.0\"?><plain /><open></open>");
 }
 
 TEST(ComplexElement, RefusedChildrenHaveOneOwner) {
@@ -75,41 +68,17 @@ TEST(ComplexElement, RefusedChildrenHaveOneOwner) {
   tree.refuses = true;
   EXPECT_THROW(tree.Adopt(std::move(child)), ZrException);
   EXPECT_EQ(Dump(tree), "tree(child)");
-  EXPECT_EQ(tree.AddChild(nullptr), nullptr);
 
   // A wrapper that refuses leaves everything as it was.
   Noting wrapper("wrapper", log);
   wrapper.refuses = true;
   ZrXMLComplexElement* const inner = tree.Children().front();
   EXPECT_THROW(tree.WrapChild(inner, &wrapper), ZrException);
-  EXPECT_EQ(inner->Parent(), &tree);
-  EXPECT_TRUE(wrapper.Children().empty());
-  EXPECT_EQ(wrapper.Parent(), nullptr);
+  EXPECT_TRUE(inner->Parent() == &tree && !wrapper.Parent() && wrapper.Children().empty());
 
   // A replacement that is refused stays, the old child is gone.
   EXPECT_THROW(tree.ReplaceChild(inner, Element("new").release()), ZrException);
   EXPECT_EQ(Dump(tree), "tree(new)");
-}
-
-TEST(ComplexElement, ChildrenComeAndGoInOrder) {
-  std::string log;
-  Noting tree("t", log);
-  auto* const b = tree.Adopt(Element("b"));
-  tree.AddChildFront(Element("a").release());
-  EXPECT_EQ(tree.AddChildFront(nullptr), nullptr);
-  tree.Adopt(Element("c"));
-  EXPECT_TRUE(tree.WrapChild(b, Element("w").release()));
-  EXPECT_FALSE(tree.WrapChild(b, tree.Children().front()));
-  EXPECT_EQ(Dump(tree), "t(a w(b) c)");
-  EXPECT_TRUE(tree.ReplaceChild(tree.Children().front(), Element("x").release()));
-  EXPECT_FALSE(tree.ReplaceChild(b, tree.Children().front()));
-  EXPECT_TRUE(tree.RemoveChild(b->Parent()));
-  const std::unique_ptr<ZrXMLComplexElement> w(b->Parent());
-  EXPECT_EQ(w->Parent(), nullptr);
-  EXPECT_FALSE(tree.RemoveChild(b));
-  tree.SetOnlyChild(Element("o").release());
-  tree.DeleteChildren();
-  EXPECT_EQ(log, "+b +a +c -b +w -a +x -w -x -c +o -o ");
 }
 
 // Each operation at each place costs the same: with 160,000 children these took minutes otherwise.

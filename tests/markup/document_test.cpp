@@ -90,11 +90,8 @@ TEST(Document, TextsAndValuesAreWhatAReaderSees) {
   EXPECT_EQ(document.Text(),
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
             "<a v=\"&lt;&quot;&apos;&amp;&gt;\">1 &lt; 2 &amp; 3</a>\n");
-  EXPECT_EQ(a.Attribute("v"), "<\"'&>");
-  EXPECT_EQ(a.Text(), "1 < 2 & 3");
-  EXPECT_EQ(a.Attribute("absent"), std::nullopt);
-  EXPECT_EQ(a.Attributes().size(), 1u);
-  EXPECT_TRUE(a.Unset("v") && !a.Unset("v"));
+  EXPECT_TRUE(a.Attribute("v") == "<\"'&>" && a.Text() == "1 < 2 & 3");
+  EXPECT_TRUE(a.Attributes().size() == 1 && a.Unset("v") && !a.Unset("v") && !a.Attribute("v"));
   document = Document::ReadText("<a>two <b>words</b><![CDATA[ &lt;]]><!-- c --> &#xe4;</a>");
   EXPECT_EQ(document.Root().Text(), "two words &lt; \xc3\xa4");
   constexpr std::pair<const char*, const char*> kReferences[] = {
@@ -111,14 +108,8 @@ TEST(Document, ElementsAreFoundInOrderAndOnce) {
       "<r><a n='1' k='x'><b n='2'/><a n='3'><b n='4' k=\"y z\"/></a></a> <c n='5' class=''/>"
       "<a n='6'/></r>");
   constexpr std::pair<const char*, const char*> kCases[] = {
-      {"r/a", "1 6 "},
-      {"//b", "2 4 "},
-      {"//a//b", "2 4 "},  // each once, though two of the
-                           // elements lead to it
-      {"r//a", "1 3 6 "},
-      {"r/*", "1 5 6 "},
-      {"//*[class=\"\"]", "5 "},
-      {"//b[k='y z'][n=4]", "4 "},
+      {"r/a", "1 6 "},    {"//b", "2 4 "},   {"//a//b", "2 4 "},  // though two elements lead to it
+      {"r//a", "1 3 6 "}, {"r/*", "1 5 6 "}, {"//*[class=\"\"]", "5 "}, {"//b[k='y z'][n=4]", "4 "},
       {"a", ""},
   };
   for (const auto& [path, expected] : kCases) {
@@ -224,9 +215,6 @@ TEST(Document, FilesAreWrittenWholeOrNotAtAll) {
   EXPECT_EQ(ErrorOf([&] { document.WriteFile("/nonexistent/a.xml"); }),
             "0 /nonexistent/a.xml: No such file or directory");
   EXPECT_EQ(ErrorOf([&] { Document::ReadFile(directory.Path()); }).substr(0, 3), "0 /");
-  std::ostringstream failing;
-  failing.setstate(std::ios_base::badbit);
-  EXPECT_NE(ErrorOf([&] { document.Write(failing); }), "nothing thrown");
 }
 
 TEST(Document, AnyDepthIsWrittenCopiedAndSearched) {

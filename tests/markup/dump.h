@@ -17,12 +17,12 @@
 namespace zrtest {
 
 constexpr const char* kNoMessage = "nothing thrown";
-/// The message of the ZrException that the action throws, or the integer.
+/// The message of the exception that the action throws, or the integer.
 template <typename Action>
 std::string MessageOf(Action&& action) {
   try {
     action();
-  } catch (const ZrException& e) {
+  } catch (const std::exception& e) {
     return e.what();
   } catch (int code) {
     return std::to_string(code);

@@ -66,16 +66,6 @@ TEST(Parse, FailuresNameTheLine) {
   for (const Case& c : kCases) EXPECT_EQ(Read(c.input), c.result) << c.name;
 }
 
-TEST(Parse, TokensLongerThanTheWindowAreTheSameTokens) {
-  const std::string longText = Repeated("longer than a block ", 5000);
-  for (const auto& [open, close] :
-       {std::pair{"<!--", "-->"}, std::pair{"<?", "?>"}, std::pair{"<a x='", "'/>"},
-        std::pair{"<a><!--\n", "--></a>"}}) {
-    SCOPED_TRACE(open);
-    EXPECT_NE(Read(open + longText + close).find(longText), std::string::npos);
-  }
-}
-
 // Failing factories.
 void FillBroken(ZrDTD& dtd) {
   dtd.AddState(
@@ -136,20 +126,6 @@ TEST(Parse, NestingIsBounded) {
     EXPECT_EQ(result.starts_with("a(a("), depth == 1000);
     EXPECT_EQ(result == "elements nested deeper than 1000 around line 1", depth == 1001);
   }
-}
-
-TEST(Parse, OneTokenAtATime) {
-  std::istringstream stream("<a>x</a>");
-  ZrDTDElementReaderStream reader(stream);
-  const std::string top = reader.Splitter().top->Name();
-  for (const std::string& expected :
-       {top + "(a) a", top + "(a('x')) a", top + "(a('x')) " + top, top + "(a('x')) " + top}) {
-    const char* const kind = reader.Splitter().dtdName.empty() ? "xml" : "";
-    const auto* const root = zr::Parse(reader.Splitter(), reader, kind, true);
-    EXPECT_EQ(Dump(*root) + " " + reader.Splitter().current->Name(), expected);
-  }
-  reader.Splitter().current = nullptr;
-  EXPECT_THROW(zr::Parse(reader.Splitter(), reader, "xml", true), ZrException);
 }
 
 // Each of these took minutes if an attempt cost what lies in the buffer and not what it consumed.
