@@ -203,7 +203,6 @@ TEST(TlsContext, TellsWhichKeyPairsCannotServe) {
       "chain.pem", zrtest::ReadFile(good.certificate) + zrtest::ReadFile(other.certificate));
   EXPECT_NE(zr::MakeTlsServerContext(chain, good.privateKey), nullptr);
   const std::pair<std::string, std::string> cases[] = {{folder.Path("no"), good.privateKey},
-
                                                        {good.certificate, locked},
                                                        {good.certificate, other.privateKey}};
   for (const auto& [certificate, key] : cases) {
