@@ -243,53 +243,46 @@ TEST(Semantics, TargetsAreDecodedOnce) {
 }
 
 TEST(Semantics, StandardAnswersSayWhatTheyAre) {
-  const std::string noSniff = "X-Content-Type-Options: nosniff\r\n";
-  const std::string page =
-      "Content-Length: 4\r\nContent-Type: text/html; charset=utf-8\r\n" + noSniff;
-  const std::string text = "Content-Length: 4\r\n" + noSniff + "Content-Type: text/x\r\n";
   using Fields = std::vector<std::pair<std::string, std::string>>;
-  const Fields ownType = {{"Content-Type", "text/x"}, {"content-length", "9"}};
-  const Fields several = {{"Set-Cookie", "a"}, {"set-cookie", "b"}, {"X", "a\r\nb"}, {"a b", "c"}};
-  const std::string old = "GET / HTTP/1.0\r\n";
-  const std::string keep = "Connection: keep-alive\r\n";
-  const struct {
-    const char* name;
-    std::string request;
-    std::string head;  // behind "Date" and "Server"
-    bool body = true;
-    Fields fields = {};
-    std::uint64_t status = 200;
-    const char* text = "page";
-  } cases[] = {
-      {"a page", Get(""), page},
-      {"its head", "HEAD / HTTP/1.1\r\nHost: h\r\n\r\n", page, false},
-      {"a type of its own", Get(""), text, true, ownType},
-      {"one refused", Get(""), page + "Set-Cookie: a\r\nSet-Cookie: b\r\n", true, several},
-      {"without a body", Get(""), "", false, {}, 204},
-      {"an empty one", Get(""), "Content-Length: 0\r\n" + noSniff, true, {}, 418, ""},
-      {"the last", Get("Connection: close\r\n"), "Connection: close\r\n" + page},
-      {"an old one", old + "\r\n", "Connection: close\r\n" + page},
-      {"an old one of more", old + keep + "\r\n", keep + page},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  // What stands behind "Date" and "Server" in the answer to a request.
+  const auto expect = [](const std::string& request, const std::string& fields, bool body = true,
+                         const Fields& added = {}, std::uint64_t status = 200,
+                         const char* text = "page") {
+    SCOPED_TRACE(request + fields);
     Exchange exchange(ZrSemantics::Standard());
-    exchange.head->body->Append(c.request);
+    exchange.head->body->Append(request);
     ASSERT_EQ(ZrSemantics::Standard().Read(*exchange.head, [](ZrXHeader&) { return true; }),
               ZrReadStep::kComplete);
     const auto answer = exchange.head->MakeResponse();
-    answer->SetBodyText(c.text);
-    for (const auto& [name, value] : c.fields) answer->AddField(name, value);
-    answer->status = c.status;
+    answer->SetBodyText(text);
+    for (const auto& [name, value] : added) answer->AddField(name, value);
+    answer->status = status;
     ZrStringBuf out;
     ASSERT_TRUE(answer->WriteHead(out));
     const std::string head = out.Take();
     const std::size_t date = head.find("\r\nDate: ");
     const std::size_t own = head.find("\r\nServer: velkoro/1.28.1(96)\r\n");
     ASSERT_TRUE(head.starts_with("HTTP/1.1 ") && date < own && own != std::string::npos) << head;
-    EXPECT_EQ(head.substr(own + 30), c.head + "\r\n");
-    EXPECT_EQ(ZrSemantics::Standard().SendsBody(*answer), c.body);
-  }
+    EXPECT_EQ(head.substr(own + 30), fields + "\r\n");
+    EXPECT_EQ(ZrSemantics::Standard().SendsBody(*answer), body);
+  };
+  const std::string noSniff = "X-Content-Type-Options: nosniff\r\n";
+  const std::string length = "Content-Length: 4\r\n";
+  const std::string page = length + "Content-Type: text/html; charset=utf-8\r\n" + noSniff;
+  const std::string old = "GET / HTTP/1.0\r\n";
+  const std::string keep = "Connection: keep-alive\r\n";
+  const std::string close = "Connection: close\r\n";
+  expect(Get(""), page);
+  expect("HEAD / HTTP/1.1\r\nHost: h\r\n\r\n", page, false);
+  expect(Get(""), length + noSniff + "Content-Type: text/x\r\n", true,
+         {{"Content-Type", "text/x"}, {"content-length", "9"}});
+  expect(Get(""), page + "Set-Cookie: a\r\nSet-Cookie: b\r\n", true,
+         {{"Set-Cookie", "a"}, {"set-cookie", "b"}, {"X", "a\r\nb"}, {"a b", "c"}});
+  expect(Get(""), "", false, {}, 204);
+  expect(Get(""), "Content-Length: 0\r\n" + noSniff, true, {}, 418, "");
+  expect(Get(close), close + page);
+  expect(old + "\r\n", close + page);
+  expect(old + keep + "\r\n", keep + page);
 }
 
 }  // namespace
