@@ -22,7 +22,7 @@ class AppStorage : public testing::Test {
         <projects><project name="one" projectpath="sub/one"/><project name="two"/>
           <project name="up" projectpath="../other"/><project name="s/p" projectpath="sp"/>
           <project name="gone" projectpath="gone"/></projects></app></quarn>)");
-    WriteProject("sub/one/one.xml", "first");
+    WriteProject("sub/one/one.xml", "<b>1</b><!-- c -->");
     WriteProject("two/two.xml", "second");
     std::filesystem::current_path(folder_.Path());
     storage_.SetNoticeSink([this](std::string_view line) { notices_.append(line).append("\n"); });
@@ -115,7 +115,8 @@ TEST_F(AppStorage, ProjectsLiveAsLongAsTheirUsers) {
   EXPECT_EQ(two->GetStringVariable("v", ""), "second");
 
   WriteProject("sub/one/one.xml", "changed");
-  EXPECT_EQ(one->GetStringVariable("v", ""), "first");
+  EXPECT_EQ(one->GetStringVariable("v", ""), "<b>1</b><!-- c -->");
+  EXPECT_TRUE(one->HasStringVariable("v") && !one->HasStringVariable("w"));
   notices_.clear();
   ZrXMLDatabase* const again = storage_.ReacquireProject("one", "cid");
   EXPECT_EQ(again->GetStringVariable("v", ""), "changed");
@@ -142,7 +143,7 @@ TEST_F(AppStorage, ExpandsMarkersFromCommandsProjectsAndMappings) {
     storage_.ExpandMarkers(project, text);
     return text;
   };
-  EXPECT_EQ(expanded("one", "[[v]] [[m]] [[x]]."), "first <first> .");
+  EXPECT_EQ(expanded("one", "[[v]] [[x]]."), "<b>1</b><!-- c --> .");
   EXPECT_EQ(expanded("two", "[[v]] [[m]]"), "mapped <mapped>");
   EXPECT_EQ(expanded("", "a[[!nothing()]]b"), "a/* error */\nb");
   storage_.RemoveMapping("v");
