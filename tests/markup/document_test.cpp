@@ -166,13 +166,11 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
   Part empty;
   Element r = document.Root();
   const std::pair<const char*, std::function<void()>> kCases[] = {
-      {"0 the handle is empty: there is no such node", [&] { Element().Set("a", "b"); }},
       {"0 the part is empty: its node was put somewhere already", [&] { r.Add(std::move(empty)); }},
       {"0 nothing can be put beside the top of a part",
        [&] { part.Get().InsertAfter(Part::Text("x")); }},
       {"0 the node stands in nothing that it could be taken from",
        [&] { (void)part.Get().Remove(); }},
-      {"0 a document has one root", [&] { r.InsertAfter(Part::Element("b")); }},
       {"0 a text can't stand beside the root", [&] { document.Add(Part::Text("b")); }},
       {"0 'a b' is no name", [&] { r.Add("a b"); }},
       {"0 '1' is no name", [&] { Document("1"); }},
@@ -187,15 +185,6 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
   };
   for (const auto& [error, action] : kCases) EXPECT_EQ(ErrorOf(action), error);
   EXPECT_EQ(document.Text(), "<r><a /></r>");
-}
-
-TEST(Document, IndentLaysOutWhatHoldsNoText) {
-  Document document = Document::ReadText(
-      "<?xml version=\"1.0\"?><r><a><b/>\n\n<b/></a><c>some <b>mixed <d/></b></c><e/></r>");
-  document.Indent();
-  EXPECT_EQ(document.Text(),
-            "<?xml version=\"1.0\"?>\n<r>\n  <a>\n    <b />\n    <b />\n  </a>\n"
-            "  <c>some <b>mixed <d /></b></c>\n  <e />\n</r>\n");
 }
 
 TEST(Document, FilesAreWrittenWholeOrNotAtAll) {
