@@ -1,12 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
-#include "base/memory_budget.h"
 #include "base/number.h"
 #include "base/path.h"
 #include "base/workbench.h"
@@ -15,8 +11,7 @@ namespace {
 
 TEST(Base, DirectoryPathsTakeTheStoredForm) {
   constexpr std::pair<const char*, const char*> kCases[] = {
-      {"C:/www", "C:\\www\\"}, {"docs\\", "docs\\"}, {"a/b/", "a\\b\\"},
-      {"www", "www\\"},        {"/", "\\"},          {"", ""}};
+      {"C:/www", "C:\\www\\"}, {"docs\\", "docs\\"}, {"a/b/", "a\\b\\"}, {"/", "\\"}, {"", ""}};
   for (const auto& [path, stored] : kCases) {
     EXPECT_EQ(zr::NormalizeDirectoryPath(path), stored);
     EXPECT_EQ(zr::NormalizeDirectoryPath(stored), stored);
@@ -25,7 +20,6 @@ TEST(Base, DirectoryPathsTakeTheStoredForm) {
 
 TEST(Base, UnsignedNumbersStopAtTheFirstOtherCharacter) {
   EXPECT_EQ(zr::ParseUnsignedLong(" 443x"), 443u);
-  EXPECT_EQ(zr::ParseUnsignedLong("4294967295"), 4294967295u);
   EXPECT_EQ(zr::ParseUnsignedLong("-1"), 4294967295u);
   for (const char* text : {"", " ", "x1", "- 1", "+-1", "4294967296"}) {
     std::string said;
@@ -43,22 +37,6 @@ TEST(Base, DigitsAreTheWholeText) {
   for (const char* text : {"", "-1", "+1", " 1", "1 ", "18446744073709551616", "0x1"}) {
     EXPECT_FALSE(zr::ParseDigits(text)) << text;
   }
-}
-
-TEST(Base, AMemoryBudgetIsToldOnceThatThereIsRoomAgain) {
-  int room = 0;
-  const auto budget = std::make_shared<ZrMemoryBudget>(100, [&room] { ++room; });
-  ZrMemoryShare first(budget);
-  ZrMemoryShare second(budget);
-  first.Set(100);
-  EXPECT_FALSE(budget->Exceeded());
-  second.Set(30);
-  EXPECT_TRUE(budget->Exceeded());
-  second = std::move(first);  // gives its own back
-  EXPECT_EQ(budget->Used(), 100u);
-  EXPECT_EQ(room, 1);
-  second.Set(40);
-  EXPECT_EQ(room, 1);
 }
 
 // Blocks may be released on other threads, and outlive the workbench that gave them.

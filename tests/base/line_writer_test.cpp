@@ -7,8 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <map>
 #include <sstream>
 #include <thread>
 
@@ -64,23 +62,21 @@ class Fifo {
   std::string text_;
 };
 
-TEST(LineWriter, LinesOfAnyLengthAreNeverTornBetweenThreads) {
+TEST(LineWriter, ASinkThatTakesNothingLosesWholeLinesOfAnyThreadAndSaysHowMany) {
   constexpr int kLines = 50;
   Fifo fifo;
-  std::map<std::size_t, int> counts;
-  std::uint64_t lost = 0;
+  const auto push = [&fifo](char letter) {
+    for (int i = 0; i < kLines; ++i) fifo.Lines().Push(std::string(100 * 1024, letter));
+  };
+  push('z');  // more than is kept while nobody reads
   std::string text;
   {
     std::vector<std::jthread> writers;
-    for (char letter = 'a'; letter < 'i'; ++letter) {
-      writers.emplace_back([letter, &fifo] {
-        for (int i = 0; i < kLines; ++i) fifo.Lines().Push(std::string(100 * 1024, letter));
-      });
-    }
+    for (char letter = 'a'; letter < 'i'; ++letter) writers.emplace_back(push, letter);
     text = fifo.ReadAll();
   }
-  text += fifo.ReadAll();
-  std::istringstream all(text);
+  std::istringstream all(text + fifo.ReadAll());
+  std::uint64_t lost = 0;
   std::uint64_t whole = 0;
   for (std::string line; std::getline(all, line);) {
     if (line.starts_with("velkoro: ")) {
@@ -90,30 +86,8 @@ TEST(LineWriter, LinesOfAnyLengthAreNeverTornBetweenThreads) {
       ASSERT_TRUE(line == std::string(100 * 1024, line.at(0))) << line.size();
     }
   }
-  EXPECT_EQ(whole + lost, 8u * kLines);
-  EXPECT_GT(whole, 0u);
-}
-
-TEST(LineWriter, ASinkThatTakesNothingLosesTheNewestLinesAndSaysHowMany) {
-  Fifo fifo;
-  constexpr std::size_t kLines = 40'000;
-  for (std::size_t i = 0; i < kLines; ++i) {
-    fifo.Lines().Push(std::to_string(i) + std::string(100, '.'));
-  }
-  // Each gap is as wide as the notice in its place says.
-  std::istringstream all(fifo.ReadAll());
-  std::size_t next = 0;
-  bool lost = false;
-  for (std::string line; std::getline(all, line);) {
-    if (line.starts_with("velkoro: ")) {
-      lost = true;
-      next += std::stoul(line.substr(9));
-    } else {
-      ASSERT_EQ(line, std::to_string(next++) + std::string(100, '.'));
-    }
-  }
-  EXPECT_TRUE(lost);
-  EXPECT_EQ(next, kLines);
+  EXPECT_EQ(whole + lost, 9u * kLines);
+  EXPECT_TRUE(whole > 0 && lost > 0) << whole;
   EXPECT_TRUE(fifo.Lines().Push("again"));
   EXPECT_EQ(fifo.ReadAll(), "again\n");
 }

@@ -5,19 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <sstream>
-#include <string>
 #include <typeindex>
-#include <utility>
 
-#include "base/exception.h"
 #include "html/error_page_404.h"
 #include "html/form_elements.h"
 #include "html/html_document.h"
 #include "html/html_dtd.h"
 #include "html/html_text.h"
 #include "html/plain_elements.h"
-#include "markup/element_reader_stream.h"
 #include "tests/markup/dump.h"
 
 namespace {
@@ -29,28 +24,18 @@ TEST(HtmlElements, WriteTheirAttributesAndText) {
   styled.id.SetFromString("x");
   styled.AppendText("a");
   styled.AppendText("b");
-  ZrHTML_option2 chosen("1", "One", true);
   ZrHTML_script2 script;
-  script.AddChild(new ZrHTML_text2("go();"));
+  script.Adopt(std::make_unique<ZrHTML_text2>("go();"));
   const std::pair<std::string, std::string> cases[] = {
       {ZrHTML_div2("x", true).ToText(),
        "<div id=\"x\" onmousedown=\"quarn_start_drag(this);\"></div>"},
-      {ZrHTML_title2("Hi").ToText(), "<title>\nHi\n</title>"},
       {ZrHTML_a2("/x", "<b>&").ToText(), "<a href=\"/x\">\n<b>&\n</a>"},
-      {ZrHTML_a2("", "").ToText(), "<a href=\"\">\n\n</a>"},
-      {ZrHTML_option2("1", "One").ToText(), "<option value=\"1\">\nOne\n</option>"},
-      {chosen.ToText(), "<option selected=\"1\" value=\"1\">\nOne\n</option>"},
-      {ZrHTML_form2("/do", "").ToText(), "<form action=\"/do\"></form>"},
+      {ZrHTML_option2("1", "One", true).ToText(),
+       "<option selected=\"1\" value=\"1\">\nOne\n</option>"},
       {ZrHTML_link2("a.css").ToText(),
        "<link href=\"a.css\" rel=\"stylesheet\" type=\"text/css\" />"},
       {ZrHTML_meta2("charset=\"utf-8\"").ToText(), "<meta charset=\"utf-8\" />"},
-      {ZrHTML_meta2().ToText(), "<meta />"},
-      {ZrHTML_img2("i.png", "", "T").ToText(), "<img src=\"i.png\" title=\"T\" />"},
       {ZrHTML_iframe2("/f", "10", "").ToText(), "<iframe src=\"/f\" width=\"10\">\n\n</iframe>"},
-      {ZrHTML_label2("f", "Name").ToText(), "<label for=\"f\">\nName\n</label>"},
-      {ZrHTML_label2().ToText(), "<label></label>"},
-      {ZrHTML_select2("", "").ToText(), "<select name=\"\"></select>"},
-      {ZrHTML_select2("s", "n").ToText(), "<select id=\"s\" name=\"n\"></select>"},
       {styled.ToText(), "<p class=\"warn\" id=\"x\" style=\"color: red;margin: 0;\">\na\nb\n</p>"},
       {script.ToText(), "<script type=\"text/javascript\">\n<!--\n\ngo();\n//-->\n\n</script>"},
   };
@@ -58,8 +43,7 @@ TEST(HtmlElements, WriteTheirAttributesAndText) {
 }
 
 TEST(HtmlElements, TheReaderMakesEachTagItsOwnClass) {
-  std::istringstream nothing;
-  ZrDTDElementReaderStream reader(nothing, zr::HtmlDocumentKinds());
+  zrtest::CharacterReader reader("", zr::HtmlDocumentKinds());
   for (const char* const kind : {"html", "xmlhtml"}) {
     ZrDTD& dtd = *reader.FindDTD(kind);
     std::set<std::type_index> classes;
@@ -76,22 +60,6 @@ TEST(HtmlElements, TheReaderMakesEachTagItsOwnClass) {
   }
 }
 
-TEST(HtmlElements, TextGrowsAndIsFoundAsText) {
-  ZrHTML_span2 span;
-  ZrHTML_text2& text = span.AppendText("1 ");
-  text.AddText("< 2 & more");
-  span.FlushText();
-  std::ostringstream content;
-  content.width(40);
-  span.WriteText(content);
-  EXPECT_EQ(content.str(), "1 < 2 & more");
-  EXPECT_TRUE(span.Children().back()->IsTextNode());
-  EXPECT_TRUE(text.HasAttribute("id"));
-  EXPECT_THROW(ZrHTML_p2().AddAttribute("style", nullptr), int);
-  EXPECT_EQ(text.AddChild(nullptr), nullptr);
-  EXPECT_THROW(text.Adopt(std::make_unique<ZrHTML_text2>()), ZrException);
-}
-
 // The typed members stand in no map, and nobody can tell.
 TEST(HtmlElements, MembersAreAttributesLikeOthers) {
   ZrHTML_p2 p;
@@ -100,6 +68,7 @@ TEST(HtmlElements, MembersAreAttributesLikeOthers) {
     p.ForEachAttribute([&](const std::string& name, const auto*) { names += name + " "; });
     return names;
   };
+  EXPECT_THROW(p.AddAttribute("style", nullptr), int);
   for (const char* name : {"z", "id", "data", "i"}) p.SetAttribute(name, name);
   EXPECT_EQ(all(), "class data i id style z ");
   EXPECT_EQ(p.ToText(), "<p data=\"data\" i=\"i\" id=\"id\" z=\"z\"></p>");
@@ -109,8 +78,7 @@ TEST(HtmlElements, MembersAreAttributesLikeOthers) {
   EXPECT_TRUE(p.HasAttribute("class") && !p.HasWrittenAttribute("class"));
   p.Attribute("class")->SetFromText("c");
   EXPECT_EQ(p.class_.Text(), "c");
-  EXPECT_TRUE(p.RemoveAttribute("id"));
-  EXPECT_FALSE(p.RemoveAttribute("id"));
+  EXPECT_TRUE(p.RemoveAttribute("id") && !p.RemoveAttribute("id"));
   EXPECT_EQ(all(), "class data i style z ");
   p.SetAttribute("id", "untyped");
   EXPECT_EQ(p.id.Text(), "id");
@@ -135,8 +103,7 @@ TEST(HtmlDocument, MakesTheFrameThatIsMissing) {
   auto* const outer = other.Adopt(std::make_unique<ZrHTML_div2>());
   auto* const html = outer->Adopt(std::make_unique<ZrHTML_html2>());
   EXPECT_EQ(&other.HtmlRoot(), html);
-  EXPECT_EQ(other.Children().front()->Name(), "HTMLDoctype");
-  EXPECT_EQ(other.Children().size(), 2u);
+  EXPECT_EQ(zrtest::Dump(other), "HTMLDocument(HTMLDoctype div(html))");
   auto* const body =
       html->Adopt(std::make_unique<ZrHTML_div2>())->Adopt(std::make_unique<ZrHTML_body2>());
   EXPECT_EQ(&html->Body(), body);

@@ -49,20 +49,4 @@ TEST(ByteRanges, FieldsAreReadForABodyOfTenBytes) {
   EXPECT_EQ(Read("bytes=-1", 0), "none");
 }
 
-TEST(ByteRanges, SeveralRangesHaveTheLengthTheyAnnounce) {
-  const auto body = zr::MakeMultipartRanges({{0, 1}, {7, 9}}, 10, "text/x", "mark");
-  std::string sent;
-  for (const auto& part : body.parts) {
-    sent += part.head + std::string("0123456789").substr(part.range.first, part.range.Length());
-  }
-  sent += body.end;
-  EXPECT_EQ(
-      sent,
-      "--mark\r\nContent-Type: text/x\r\nContent-Range: bytes 0-1/10\r\n\r\n01\r\n"
-      "--mark\r\nContent-Type: text/x\r\nContent-Range: bytes 7-9/10\r\n\r\n789\r\n--mark--\r\n");
-  EXPECT_EQ(body.length, sent.size());
-  EXPECT_EQ(body.contentType, "multipart/byteranges; boundary=mark");
-  EXPECT_EQ(zr::UnsatisfiedRange(10), "bytes */10");
-}
-
 }  // namespace

@@ -2,11 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-#include <string>
-#include <utility>
-#include <vector>
-
 namespace {
 
 using Fields = std::vector<std::pair<const char*, std::string>>;
@@ -31,15 +26,12 @@ TEST(FileAnswer, PreconditionsComeBeforeRanges) {
     Fields request;
     std::uint64_t status;
     std::uint64_t length;
-    std::string range;  // "Content-Range"
+    const char* range;
   } cases[] = {
-      {"plain", {}, 200, 100, ""},
       {"range", {{"range", "bytes=10-19"}}, 206, 10, "bytes 10-19/100"},
-      {"end", {{"range", "bytes=-1"}}, 206, 1, "bytes 99-99/100"},
       {"outside", {{"range", "bytes=100-"}}, 416, 0, "bytes */100"},
       {"two fields", {{"range", "bytes=0-0"}, {"range", "bytes=1-1"}}, 200, 100, ""},
       {"fresh", {{"if-none-match", tag}, {"range", "bytes=0-0"}}, 304, 0, ""},
-      {"fresh by date", {{"if-modified-since", kDate}}, 304, 0, ""},
       {"stale", {{"if-none-match", "\"x\""}, {"range", "bytes=0-0"}}, 206, 1, "bytes 0-0/100"},
       {"failed", {{"if-match", "\"x\""}, {"range", "bytes=100-"}}, 412, 0, ""},
       {"same version", {{"if-range", tag}, {"range", "bytes=0-0"}}, 206, 1, "bytes 0-0/100"},
@@ -53,21 +45,13 @@ TEST(FileAnswer, PreconditionsComeBeforeRanges) {
     const ZrFileAnswer answer = zr::AnswerForFile(request, head, kModified + 60, "mark");
     EXPECT_EQ(answer.status, c.status);
     EXPECT_EQ(answer.length, c.length);
-    std::string names;
-    std::map<std::string_view, std::string> values = {
-        {"ETag", tag}, {"Last-Modified", kDate}, {"Content-Type", "text/x"}};
-    const auto expected = values;
     const std::string lines = Lines(head, answer);
-    for (std::string_view rest = lines; !rest.empty(); rest.remove_prefix(rest.find('\n') + 1)) {
-      const std::string_view line = rest.substr(0, rest.find('\n'));
-      names += std::string(line.substr(0, line.find(':'))) + " ";
-      values[line.substr(0, line.find(':'))] = line.substr(line.find(':') + 2);
-    }
-    const std::string range = values["Content-Range"];
-    for (const auto& [name, value] : expected) EXPECT_EQ(values[name], value);
-    EXPECT_EQ(range, c.range);
-    EXPECT_EQ(names.starts_with("ETag Last-Modified "), c.status != 412) << names;
-    EXPECT_EQ(names.find("Content-Type") != std::string::npos, c.length > 0) << names;
+    const auto has = [&lines](const std::string& text) { return lines.find(text) != lines.npos; };
+    const std::string version = "ETag: " + tag + "\nLast-Modified: " + kDate + "\n";
+    EXPECT_EQ(lines.starts_with(version), c.status != 412) << lines;
+    EXPECT_EQ(has("Content-Type: text/x\n"), c.length > 0) << lines;
+    EXPECT_EQ(has("Content-Range: "), *c.range != '\0') << lines;
+    EXPECT_TRUE(has(c.range)) << lines;
   }
 }
 
@@ -85,8 +69,16 @@ TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
                                      "\nVary: Accept-Encoding\nAccept-Ranges: bytes\n"
                                      "Content-Type: multipart/byteranges; boundary=mark\n");
   EXPECT_EQ(answer.status, 206U);
-  EXPECT_EQ(answer.several.parts.size(), 2U);
-  EXPECT_EQ(answer.length, answer.several.length);
+  std::string sent;
+  for (const auto& part : answer.several.parts) {
+    sent += part.head + std::string("0123456789").substr(part.range.first, part.range.Length());
+  }
+  sent += answer.several.end;
+  EXPECT_EQ(
+      sent,
+      "--mark\r\nContent-Type: text/x\r\nContent-Range: bytes 0-1/10\r\n\r\n01\r\n"
+      "--mark\r\nContent-Type: text/x\r\nContent-Range: bytes 8-9/10\r\n\r\n89\r\n--mark--\r\n");
+  EXPECT_EQ(answer.length, sent.size());
 
   // Parts are of the plain form only.
   ZrFileFacts coded = file;
@@ -99,12 +91,6 @@ TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
                                          "\nLast-Modified: " + kDate +
                                          "\nVary: Accept-Encoding\nContent-Encoding: br\n"
                                          "Content-Type: text/x\n");
-
-  const ZrFileFacts empty{.version = {}, .contentType = "text/x"};
-  const ZrFileAnswer nothing =
-      zr::AnswerForFile({}, zr::MakeFileHead(empty, kModified), kModified, "mark");
-  EXPECT_EQ(nothing.status, 200U);
-  EXPECT_EQ(nothing.length, 0U);
 }
 
 }  // namespace

@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <memory>
 #include <thread>
-#include <vector>
 
 namespace {
 

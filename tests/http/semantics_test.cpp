@@ -2,17 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "base/exception.h"
 #include "http/form_body.h"
-#include "http/http_date.h"
 #include "http/request_target.h"
 #include "http/response_head.h"
-#include "platform/clock.h"
 
 namespace {
 
@@ -30,14 +25,13 @@ class Exchange {
       do {
         if (!surplus.empty()) head->Input().Append(surplus);
         surplus.clear();
-        const ZrReadStep step = semantics_.Read(*head, [](ZrXHeader& read) {
+        last_ = semantics_.Read(*head, [](ZrXHeader& read) {
           read.bodyUnwanted = read.path == "/unwanted";
           return read.path != "/refused";
         });
-        last_ = step;
-        if (step == ZrReadStep::kContinue) out_ << "continue ";
-        if (step == ZrReadStep::kClose) closed_ = true;
-        if (step != ZrReadStep::kComplete) break;
+        if (last_ == ZrReadStep::kContinue) out_ << "continue ";
+        if (last_ == ZrReadStep::kClose) closed_ = true;
+        if (last_ != ZrReadStep::kComplete) break;
         Tell();
         closed_ = head->closeRequested || head->endUncertain;
         if (head->surplus) surplus = head->surplus->Take();
@@ -62,11 +56,8 @@ class Exchange {
     head->body = std::make_unique<ZrStringBuf>();
   }
   void Tell() {
-    if (head->refusal != 0) {
-      out_ << head->refusal << ' ';
-      return;
-    }
-    ASSERT_EQ(ParseFormBody(*head), ZrReadResult::kComplete);
+    if (head->refusal != 0) return static_cast<void>(out_ << head->refusal << ' ');
+    EXPECT_EQ(ParseFormBody(*head), ZrReadResult::kComplete);
     out_ << static_cast<int>(head->method) << ' ' << head->path;
     if (!head->query.empty()) out_ << '?' << head->query;
     if (!head->authority.empty() && head->authority != "h") out_ << " @" << head->authority;
@@ -101,6 +92,7 @@ std::string Get(const std::string& lines, const std::string& target = "/") {
 std::string Post(const std::string& lines, const std::string& body) {
   return "POST / HTTP/1.1\r\nHost: h\r\n" + lines + "\r\n" + body;
 }
+std::string Chunks(const std::string& body) { return Post("Transfer-Encoding: chunked\r\n", body); }
 const std::string kLong(16 * 1024, 'x');
 
 const Case kStandardCases[] = {
@@ -113,67 +105,30 @@ const Case kStandardCases[] = {
      "3 /a; 4 /b; 5 /c @h:1; 6 * @[::1]:8; "},
     {"unknown methods", "CONNECT h:1 HTTP/1.1\r\nHost: h\r\n\r\n", "501 close"},
     {"methods are case-sensitive", "get / HTTP/1.1\r\n", "501 close"},
-    {"no token", "G(T / HTTP/1.1\r\n", "400 close"},
     {"TLS", "\x16\x03\x01", "400 close", false},
-    {"no version", "GET /\r\n\r\n", "400 close"},
-    {"a bad version", "GET / HTTP/1.1 \r\n", "400 close"},
     {"a version of later", "GET / HTTP/2.0\r\n", "505 close"},
-    {"two blanks", "GET  / HTTP/1.1\r\n", "400 close"},
     {"old and persistent",
      "GET / HTTP/1.0\r\nConnection: x, Keep-Alive\r\n\r\nGET / HTTP/1.0\r\n\r\nGET",
      "0 / keep; 0 /; close"},
     {"close in a list", Get("Connection: a\r\nconnection: b, CLOSE\r\n") + "G", "0 /; close"},
     {"empty lines in front", "\r\n\r\n" + Get(""), "0 /; "},
-    {"many empty lines", "\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n", "400 close"},
     {"line feeds alone", "POST / HTTP/1.1\nHost: h\nContent-Length: 1\n\nx" + Get(""),
      "1 / <x>; 0 /; "},
-    {"a line feed among others", "GET / HTTP/1.1\r\nHost: h\nX-A: b\r\n\r\n", "400 close"},
-    {"a lone CR", Get("X-A: a\rb\r\n"), "400 close"},
-    {"NUL", Get(std::string("X-A: a\0b\r\n", 10)), "400 close"},
-    {"a folded line", Get("X-A: a\r\n b\r\n"), "400 close"},
-    {"a blank before the colon", Get("X-A : b\r\n"), "400 close"},
-    {"no colon", Get("X-A\r\n"), "400 close"},
-    {"no name", Get(": b\r\n"), "400 close"},
-    {"no host", "GET / HTTP/1.1\r\n\r\n", "400 close"},
-    {"two hosts", Get("Host: h\r\n"), "400 close"},
-    {"a bad host", "GET / HTTP/1.1\r\nHost: a/b\r\n\r\n", "400 close"},
     {"lengths that agree", Post("Content-Length: 2, 2\r\nContent-Length: 2\r\n", "ab"),
      "1 / <ab>; "},
-    {"lengths that differ", Post("Content-Length: 2\r\nContent-Length: 02\r\n", "ab"), "400 close"},
-    {"no digits", Post("Content-Length: +2\r\n", "ab"), "400 close"},
-    {"a length and none", Post("Content-Length: 2,\r\n", "ab"), "400 close"},
     {"too large", Post("Content-Length: 268435457\r\n", ""), "413 close"},
     {"larger than numbers", Post("Content-Length: 99999999999999999999\r\n", ""), "413 close"},
-    {"a length and a coding", Post("Content-Length: 5\r\nTransfer-Encoding: chunked\r\n", ""),
-     "400 close"},
     {"an unknown coding", Post("Transfer-Encoding: gzip, chunked\r\n", ""), "501 close"},
-    {"chunked twice", Post("Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n", ""),
-     "400 close"},
-    {"chunked in the old version", "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n",
-     "400 close"},
-    {"a coding behind chunked", Post("Transfer-Encoding: chunked, gzip\r\n", ""), "501 close"},
     {"a list with empty places", Post("Transfer-Encoding: , chunked ,\r\n", "0\r\n\r\n"), "1 /; "},
-    {"no coding in the list", Post("Transfer-Encoding:\r\n", ""), "400 close"},
-    {"a parameter of chunked", Post("Transfer-Encoding: chunked;q=1\r\n", ""), "400 close"},
     {"chunks",
      Post("Transfer-Encoding: Chunked\r\n",
           "3;a=\"b\"\r\nabc\r\n00A \r\n0123456789\r\n0\r\nX-T: t\r\n\r\n") +
          Get(""),
      "1 / <abc0123456789>; 0 /; "},
-    {"a chunk without a size", Post("Transfer-Encoding: chunked\r\n", "\r\n"), "400 close"},
-    {"a chunk line with LF", Post("Transfer-Encoding: chunked\r\n", "1;a\nb\r\nx\r\n"),
-     "400 close"},
-    {"a chunk size without end", Post("Transfer-Encoding: chunked\r\n", std::string(9000, '0')),
+    {"a chunk size without end", Chunks(std::string(9000, '0')), "400 close", false},
+    {"trailers without end", Chunks("0\r\nX: " + kLong + kLong + kLong + kLong + kLong),
      "400 close", false},
-    {"a signed chunk size", Post("Transfer-Encoding: chunked\r\n", "+1\r\nx\r\n"), "400 close"},
-    {"a trailer that is no field", Post("Transfer-Encoding: chunked\r\n", "0\r\nX\rY\r\n\r\n"),
-     "400 close"},
-    {"trailers without end",
-     Post("Transfer-Encoding: chunked\r\n", "0\r\nX: " + kLong + kLong + kLong + kLong + kLong),
-     "400 close", false},
-    {"a chunk too long", Post("Transfer-Encoding: chunked\r\n", "1\r\nxy\r\n"), "400 close"},
-    {"a body of chunks too large", Post("Transfer-Encoding: chunked\r\n", "fffffffff\r\nx"),
-     "413 close"},
+    {"a body of chunks too large", Chunks("fffffffff\r\nx"), "413 close"},
     {"pipelined", Post("Content-Length: 1\r\n", "a") + Post("Content-Length: 1\r\n", "b") + Get(""),
      "1 / <a>; 1 / <b>; 0 /; "},
     {"form fields",
@@ -192,10 +147,6 @@ const Case kStandardCases[] = {
     {"an old one cannot wait",
      "POST / HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 1\r\n\r\nx", "1 / <x>; close"},
     {"a GET with a body", Get("Content-Length: 2\r\n") + "ab" + Get("", "/b"), "0 / <ab>; 0 /b; "},
-    {"a version in lower case", "GET / http/1.1\r\n", "400 close"},
-    {"close and stay", Get("Connection: keep-alive, close\r\n") + Get(""), "0 /; close"},
-    {"a host that is a list", "GET / HTTP/1.1\r\nHost: a, b\r\n\r\n", "400 close"},
-    {"a user in the host", "GET / HTTP/1.1\r\nHost: u@h\r\n\r\n", "400 close"},
     {"expects to be refused",
      "PUT /unwanted HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: 9\r\n\r\n",
      "3 /unwanted; close"},
@@ -204,8 +155,6 @@ const Case kStandardCases[] = {
     {"refused by its handler", Get("", "/refused"), "closed"},
     {"long target", "GET /" + kLong, "414 close"},
     {"long head", Get("X: " + kLong + kLong + kLong + kLong), "431 close", false},
-    {"a bad target", "GET /%zz HTTP/1.1\r\n", "400 close"},
-    {"the whole server", "GET * HTTP/1.1\r\n", "400 close"},
     {"absolute", Get("", "http://other:80/a?b"), "0 /a?b @other:80; "},
 };
 
@@ -213,8 +162,6 @@ const Case kMinimalCases[] = {
     {"pipelined", "GET /a x\r\n\r\nGET /b x\r\n\r\n", "0 /a; 0 /b; "},
     {"more than declared", "POST / x\r\nContent-Length: 1\r\n\r\nab", "closed", false},
     {"garbage", "\x16\x03", "closed"},
-    {"another method", "HEAD / HTTP/1.1\r\n", "closed"},
-    {"a coding", "POST / x\r\nTransfer-Encoding: chunked\r\n\r\n", "closed"},
     {"no length", "POST / x\r\n\r\n", "1 /; close"},
 };
 
@@ -242,13 +189,37 @@ TEST(Semantics, ReadRequestsHoweverTheyAreCut) {
   EXPECT_THROW(ZrSemantics::Named("Standard"), ZrException);
 }
 
-TEST(Semantics, TargetsAreDecodedOnce) {
-  struct TargetCase {
-    const char* text;
-    const char* path;
-    const char* query;
+// What is no request, or may be read as another one.
+TEST(Semantics, MalformedRequestsAreRefusedHoweverTheyAreCut) {
+  const auto refused = [](const std::string& input) {
+    ReadCut(ZrSemantics::Standard(), {input.c_str(), input, "400 close"});
   };
-  const TargetCase cases[] = {
+  for (const char* head :
+       {"G(T / HTTP/1.1\r\n", "GET /\r\n\r\n", "GET / HTTP/1.1 \r\n", "GET  / HTTP/1.1\r\n",
+        "GET / http/1.1\r\n", "GET /%zz HTTP/1.1\r\n", "GET * HTTP/1.1\r\n",
+        "GET / HTTP/1.1\r\n\r\n", "\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: h\nX-A: b\r\n\r\n", "GET / HTTP/1.1\r\nHost: a/b\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: u@h\r\n\r\n",
+        "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n"}) {
+    refused(head);
+  }
+  for (const char* line :
+       {"X-A: a\rb", "X-A: a\r\n b", "X-A : b", "X-A", ": b", "Host: h",
+        "Content-Length: 2\r\nContent-Length: 02", "Content-Length: +2", "Content-Length: 2,",
+        "Content-Length: 5\r\nTransfer-Encoding: chunked",
+        "Transfer-Encoding:", "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked",
+        "Transfer-Encoding: chunked;q=1"}) {
+    refused(Post(line + std::string("\r\n"), "ab"));
+  }
+  for (const char* chunk :
+       {"\r\n", "1;a\nb\r\nx\r\n", "+1\r\nx\r\n", "1\r\nxy\r\n", "0\r\nX\rY\r\n\r\n"}) {
+    refused(Chunks(chunk));
+  }
+  refused(Get(std::string("X-A: a\0b\r\n", 10)));
+}
+
+TEST(Semantics, TargetsAreDecodedOnce) {
+  constexpr const char* kCases[][3] = {
       {"/", "/", ""},
       {"/a%20b%C3%bc%25zz?q=%zz&?", "/a b\xC3\xBC%zz", "q=%zz&?"},
       {"/a/./b/../c/.", "/a/c/", ""},
@@ -258,11 +229,11 @@ TEST(Semantics, TargetsAreDecodedOnce) {
       {"http://h?q", "/", "q"},
       {"*", "*", ""},
   };
-  for (const TargetCase& c : cases) {
-    const auto target = zr::ParseRequestTarget(c.text);
-    ASSERT_TRUE(target) << c.text;
-    EXPECT_EQ(target->path, c.path);
-    EXPECT_EQ(target->query, c.query);
+  for (const auto& [text, path, query] : kCases) {
+    const auto target = zr::ParseRequestTarget(text);
+    ASSERT_TRUE(target) << text;
+    EXPECT_EQ(target->path, path);
+    EXPECT_EQ(target->query, query);
   }
   for (const char* malformed :
        {"/a%2fb", "/%00", "/%4", "/a#b", "/a\x7F", "/a b", "", "a", "ftp://h/", "http:///a",
@@ -271,98 +242,47 @@ TEST(Semantics, TargetsAreDecodedOnce) {
   }
 }
 
-TEST(Semantics, DatesHaveThreeForms) {
-  constexpr std::int64_t kTime = 784'111'777;
-  EXPECT_EQ(zr::HttpDate(kTime), "Sun, 06 Nov 1994 08:49:37 GMT");
-  for (const char* text : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sunday, 06-Nov-94 08:49:37 GMT",
-                           "Sun Nov  6 08:49:37 1994"}) {
-    EXPECT_EQ(zr::ParseHttpDate(text), kTime) << text;
-  }
-  for (const char* text :
-       {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 31 Feb 1994 08:49:37 GMT",
-        "Sun, 06 Nov 1994 24:00:00 GMT", "Sun, 6 Nov 1994 08:49:37 GMT", "Nov 6 1994"}) {
-    EXPECT_EQ(zr::ParseHttpDate(text), std::nullopt) << text;
-  }
-  for (const std::int64_t time : std::vector<std::int64_t>{-1, 0, 951782400, 4102444800}) {
-    EXPECT_EQ(zr::ParseHttpDate(zr::HttpDate(time)), time);
-  }
-  EXPECT_NEAR(static_cast<double>(zr::ParseHttpDate(zr::HttpDateNow()).value_or(0)),
-              static_cast<double>(ZrClock::System().SystemTicks() / 10'000'000), 2);
-}
-
-struct AnswerCase {
-  const char* name;
-  const char* request;
-  std::uint64_t status;
-  const char* text;
-  std::vector<std::pair<std::string, std::string>> fields;
-  const char* head;  // behind "Date" and "Server"
-  bool body;
-};
-
 TEST(Semantics, StandardAnswersSayWhatTheyAre) {
-  const std::string kHtml = "Content-Type: text/html; charset=utf-8\r\n";
-  const std::string kNoSniff = "X-Content-Type-Options: nosniff\r\n";
-  const std::string kPage = "Content-Length: 4\r\n" + kHtml + kNoSniff;
-  const std::string kText = "Content-Length: 4\r\n" + kNoSniff + "Content-Type: text/x\r\n";
-  const std::string kOnlyLength = "Content-Length: 0\r\n" + kNoSniff;
-  const std::string kTwo = kPage + "Set-Cookie: a\r\nSet-Cookie: b\r\n";
-  const std::string kClose = "Connection: close\r\n" + kPage;
-  const std::string kKeep = "Connection: keep-alive\r\n" + kPage;
-  const AnswerCase cases[] = {
-      {"a page", "GET / HTTP/1.1\r\nHost: h\r\n\r\n", 200, "page", {}, kPage.c_str(), true},
-      {"its head", "HEAD / HTTP/1.1\r\nHost: h\r\n\r\n", 200, "page", {}, kPage.c_str(), false},
-      {"a type of its own",
-       "GET / HTTP/1.1\r\nHost: h\r\n\r\n",
-       200,
-       "page",
-       {{"Content-Type", "text/x"}, {"content-length", "9"}},
-       kText.c_str(),
-       true},
-      {"cookies, and a field refused",
-       "GET / HTTP/1.1\r\nHost: h\r\n\r\n",
-       200,
-       "page",
-       {{"Set-Cookie", "a"}, {"set-cookie", "b"}, {"X", "a\r\nb"}, {"a b", "c"}},
-       kTwo.c_str(),
-       true},
-      {"without a body", "GET / HTTP/1.1\r\nHost: h\r\n\r\n", 204, "page", {}, "", false},
-      {"an empty one", "GET / HTTP/1.1\r\nHost: h\r\n\r\n", 418, "", {}, kOnlyLength.c_str(), true},
-      {"the last",
-       "GET / HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n",
-       200,
-       "page",
-       {},
-       kClose.c_str(),
-       true},
-      {"an old one", "GET / HTTP/1.0\r\n\r\n", 200, "page", {}, kClose.c_str(), true},
-      {"not the last old one",
-       "GET / HTTP/1.0\r\nConnection: keep-alive\r\n\r\n",
-       200,
-       "page",
-       {},
-       kKeep.c_str(),
-       true},
-  };
-  for (const AnswerCase& c : cases) {
-    SCOPED_TRACE(c.name);
+  using Fields = std::vector<std::pair<std::string, std::string>>;
+  // What stands behind "Date" and "Server" in the answer to a request.
+  const auto expect = [](const std::string& request, const std::string& fields, bool body = true,
+                         const Fields& added = {}, std::uint64_t status = 200,
+                         const char* text = "page") {
+    SCOPED_TRACE(request + fields);
     Exchange exchange(ZrSemantics::Standard());
-    exchange.head->body->Append(c.request);
+    exchange.head->body->Append(request);
     ASSERT_EQ(ZrSemantics::Standard().Read(*exchange.head, [](ZrXHeader&) { return true; }),
               ZrReadStep::kComplete);
     const auto answer = exchange.head->MakeResponse();
-    answer->SetBodyText(c.text);
-    for (const auto& [name, value] : c.fields) answer->AddField(name, value);
-    answer->status = c.status;
+    answer->SetBodyText(text);
+    for (const auto& [name, value] : added) answer->AddField(name, value);
+    answer->status = status;
     ZrStringBuf out;
     ASSERT_TRUE(answer->WriteHead(out));
-    const std::string text = out.Take();
-    const std::size_t date = text.find("\r\nDate: ");
-    const std::size_t own = text.find("\r\nServer: velkoro/1.28.1(96)\r\n");
-    ASSERT_TRUE(text.starts_with("HTTP/1.1 ") && date < own && own != std::string::npos) << text;
-    EXPECT_EQ(text.substr(own + 30), std::string(c.head) + "\r\n");
-    EXPECT_EQ(ZrSemantics::Standard().SendsBody(*answer), c.body);
-  }
+    const std::string head = out.Take();
+    const std::size_t date = head.find("\r\nDate: ");
+    const std::size_t own = head.find("\r\nServer: velkoro/1.28.1(96)\r\n");
+    ASSERT_TRUE(head.starts_with("HTTP/1.1 ") && date < own && own != std::string::npos) << head;
+    EXPECT_EQ(head.substr(own + 30), fields + "\r\n");
+    EXPECT_EQ(ZrSemantics::Standard().SendsBody(*answer), body);
+  };
+  const std::string noSniff = "X-Content-Type-Options: nosniff\r\n";
+  const std::string length = "Content-Length: 4\r\n";
+  const std::string page = length + "Content-Type: text/html; charset=utf-8\r\n" + noSniff;
+  const std::string old = "GET / HTTP/1.0\r\n";
+  const std::string keep = "Connection: keep-alive\r\n";
+  const std::string close = "Connection: close\r\n";
+  expect(Get(""), page);
+  expect("HEAD / HTTP/1.1\r\nHost: h\r\n\r\n", page, false);
+  expect(Get(""), length + noSniff + "Content-Type: text/x\r\n", true,
+         {{"Content-Type", "text/x"}, {"content-length", "9"}});
+  expect(Get(""), page + "Set-Cookie: a\r\nSet-Cookie: b\r\n", true,
+         {{"Set-Cookie", "a"}, {"set-cookie", "b"}, {"X", "a\r\nb"}, {"a b", "c"}});
+  expect(Get(""), "", false, {}, 204);
+  expect(Get(""), "Content-Length: 0\r\n" + noSniff, true, {}, 418, "");
+  expect(Get(close), close + page);
+  expect(old + "\r\n", close + page);
+  expect(old + keep + "\r\n", keep + page);
 }
 
 }  // namespace

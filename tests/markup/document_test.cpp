@@ -4,11 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
 #include <sstream>
 
-#include "tests/support/run.h"
+#include "tests/markup/dump.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -51,7 +50,6 @@ TEST(Document, WhatIsReadIsWrittenAsItWas) {
   for (const auto& [kind, text] : kCases) {
     const Document document = Document::ReadText(text, kind);
     EXPECT_EQ(document.Text(), text);
-    EXPECT_EQ(document.Copy().Text(), text);
   }
   const auto page = [](const char* text) {
     return Document::ReadText(text, DocumentKind::kHtml).Text();
@@ -72,10 +70,8 @@ TEST(Document, MalformedInputIsRefusedWithItsPlace) {
       {"<a>\n<b></a>", "2 f.xml:2: wrong closing tag '/a' instead '/b'"},
       {"<a>\n<b>\n", "3 f.xml:3: the element 'b' is not closed"},
       {"<a>\n<!-- \n\n\n", "2 f.xml:2: neither a tag nor a text"},
-      {"<a>\n\n<b c=d/></a>", "3 f.xml:3: neither a tag nor a text"},
       {"<a/>\n<b/>", "0 f.xml: the document has more than one root"},
       {"<a/>text", "0 f.xml: the text 'text' stands outside of the root"},
-      {"<!-- c -->", "0 f.xml: the document has no root"},
       {"", "0 f.xml: the document has no root"},
       {"</a>", "1 f.xml:1: wrong closing tag '/a' instead '/nothing'"},
       {"<p>\n<b>x</p>", "2 f.xml:2: wrong closing tag '/p' instead '/b'", DocumentKind::kHtml},
@@ -86,10 +82,6 @@ TEST(Document, MalformedInputIsRefusedWithItsPlace) {
     std::istringstream stream(c.text);
     EXPECT_EQ(ErrorOf([&] { Document::ReadStream(stream, c.kind, "f.xml"); }), c.error);
   }
-  std::string deep;
-  for (int i = 0; i < 1001; ++i) deep += "<a>";
-  EXPECT_EQ(ErrorOf([&] { Document::ReadText(deep); }),
-            "1 line 1: elements nested deeper than 1000");
 }
 
 TEST(Document, TextsAndValuesAreWhatAReaderSees) {
@@ -100,11 +92,8 @@ TEST(Document, TextsAndValuesAreWhatAReaderSees) {
   EXPECT_EQ(document.Text(),
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
             "<a v=\"&lt;&quot;&apos;&amp;&gt;\">1 &lt; 2 &amp; 3</a>\n");
-  EXPECT_EQ(a.Attribute("v"), "<\"'&>");
-  EXPECT_EQ(a.Text(), "1 < 2 & 3");
-  EXPECT_EQ(a.Attribute("absent"), std::nullopt);
-  EXPECT_EQ(a.Attributes().size(), 1u);
-  EXPECT_TRUE(a.Unset("v") && !a.Unset("v"));
+  EXPECT_TRUE(a.Attribute("v") == "<\"'&>" && a.Text() == "1 < 2 & 3");
+  EXPECT_TRUE(a.Attributes().size() == 1 && a.Unset("v") && !a.Unset("v") && !a.Attribute("v"));
   document = Document::ReadText("<a>two <b>words</b><![CDATA[ &lt;]]><!-- c --> &#xe4;</a>");
   EXPECT_EQ(document.Root().Text(), "two words &lt; \xc3\xa4");
   constexpr std::pair<const char*, const char*> kReferences[] = {
@@ -121,18 +110,9 @@ TEST(Document, ElementsAreFoundInOrderAndOnce) {
       "<r><a n='1' k='x'><b n='2'/><a n='3'><b n='4' k=\"y z\"/></a></a> <c n='5' class=''/>"
       "<a n='6'/></r>");
   constexpr std::pair<const char*, const char*> kCases[] = {
-      {"r/a", "1 6 "},
-      {"//b", "2 4 "},
-      {"//a//b", "2 4 "},  // each once, though two of the elements lead to it
-      {"r//a", "1 3 6 "},
-      {"//a/a/b", "4 "},
-      {"r/*", "1 5 6 "},
-      {"//*[class]", "5 "},
-      {"//*[class=\"\"]", "5 "},
-      {"//b[k='y z']", "4 "},
-      {"//*[k][n=1]", "1 "},
+      {"r/a", "1 6 "},    {"//b", "2 4 "},   {"//a//b", "2 4 "},  // though two elements lead to it
+      {"r//a", "1 3 6 "}, {"r/*", "1 5 6 "}, {"//*[class=\"\"]", "5 "}, {"//b[k='y z'][n=4]", "4 "},
       {"a", ""},
-      {"r/b", ""},
   };
   for (const auto& [path, expected] : kCases) {
     EXPECT_EQ(Names(document.Query(path)), expected) << path;
@@ -147,9 +127,7 @@ TEST(Document, ElementsAreFoundInOrderAndOnce) {
     EXPECT_EQ(ErrorOf([&] { (void)r.Query(path); }),
               "0 the path '" + std::string(path) + "' can't be read");
   }
-  std::string longest = "a";
-  for (int i = 0; i < 60; ++i) longest += "/a";
-  EXPECT_NE(ErrorOf([&] { (void)r.Query(longest); }), "nothing thrown");
+  EXPECT_NE(ErrorOf([&] { (void)r.Query(zrtest::Repeated("a/", 60) + "a"); }), "nothing thrown");
 }
 
 TEST(Document, NodesArePutTakenAndCopied) {
@@ -192,19 +170,13 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
   const Document kept = std::move(gone);
   Element r = document.Root();
   const std::pair<const char*, std::function<void()>> kCases[] = {
-      {"0 the handle is empty: there is no such node", [&] { Element().Set("a", "b"); }},
-      {"0 the handle is empty: there is no such node", [&] { (void)r.First("none").Name(); }},
       {"0 the part is empty: its node was put somewhere already", [&] { r.Add(std::move(empty)); }},
-      {"0 the part is empty: its node was put somewhere already", [&] { (void)empty.Get(); }},
       {"0 nothing can be put beside the top of a part",
        [&] { part.Get().InsertAfter(Part::Text("x")); }},
       {"0 the node stands in nothing that it could be taken from",
        [&] { (void)part.Get().Remove(); }},
-      {"0 a document has one root", [&] { r.InsertAfter(Part::Element("b")); }},
       {"0 a text can't stand beside the root", [&] { document.Add(Part::Text("b")); }},
-      {"0 a text can't stand beside the root", [&] { (void)r.Replace(Part::Text("b")); }},
       {"0 'a b' is no name", [&] { r.Add("a b"); }},
-      {"0 '' is no name", [&] { r.Set("", "b"); }},
       {"0 '1' is no name", [&] { Document("1"); }},
       {"0 the element 'br' takes no content", [&] { page.Root().Add("br").AddText("x"); }},
       {"0 the text would end the element 'script'", [&] { script.SetText("</Script"); }},
@@ -224,27 +196,14 @@ TEST(Document, MisuseIsRefusedAndChangesNothing) {
   r.Add(std::move(part));
 }
 
-TEST(Document, IndentLaysOutWhatHoldsNoText) {
-  Document document = Document::ReadText(
-      "<?xml version=\"1.0\"?><r><a><b/>\n\n<b/></a><c>some <b>mixed <d/></b></c><e/></r>");
-  const char* const expected =
-      "<?xml version=\"1.0\"?>\n<r>\n  <a>\n    <b />\n    <b />\n  </a>\n"
-      "  <c>some <b>mixed <d /></b></c>\n  <e />\n</r>\n";
-  for (int i = 0; i < 2; ++i) {
-    document.Indent();
-    EXPECT_EQ(document.Text(), expected);
-  }
-}
-
 TEST(Document, FilesAreWrittenWholeOrNotAtAll) {
   const zrtest::TemporaryFolder directory;
   const std::string path = directory.Path("a.xml");
   Document document("a");
   document.WriteFile(path);
-  EXPECT_EQ(Document::ReadFile(path).Text(), document.Text());
   // A file keeps its permission and stays where a link leads.
   ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
-  ASSERT_EQ(::symlink("a.xml", (directory.Path("link")).c_str()), 0);
+  ASSERT_EQ(::symlink("a.xml", directory.Path("link").c_str()), 0);
   document.Root().Add("b");
   document.WriteFile(directory.Path("link"));
   EXPECT_EQ(Document::ReadFile(path).Text(), document.Text());
@@ -254,9 +213,6 @@ TEST(Document, FilesAreWrittenWholeOrNotAtAll) {
   EXPECT_EQ(ErrorOf([&] { document.WriteFile("/nonexistent/a.xml"); }),
             "0 /nonexistent/a.xml: No such file or directory");
   EXPECT_EQ(ErrorOf([&] { Document::ReadFile(directory.Path()); }).substr(0, 3), "0 /");
-  std::ostringstream failing;
-  failing.setstate(std::ios_base::badbit);
-  EXPECT_NE(ErrorOf([&] { document.Write(failing); }), "nothing thrown");
 }
 
 TEST(Document, AnyDepthIsWrittenCopiedAndSearched) {

@@ -2,13 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-#include <string>
-
-#include "markup/element_reader_stream.h"
-#include "markup/parse.h"
 #include "markup/reader_state.h"
-#include "markup/xml_nodes.h"
 #include "tests/markup/dump.h"
 #include "tests/support/captured.h"
 

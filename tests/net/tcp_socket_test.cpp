@@ -6,9 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <memory>
-#include <string_view>
+#include <optional>
 
 #include "platform/socket.h"
 #include "tests/support/captured.h"
@@ -34,85 +32,58 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
 
 namespace {
 
-const ZrSocketIPvx::PeerFilter kAnyone = [](ZrHostInfo_t&) { return true; };
-
-class Socket : public testing::Test {
- protected:
-  void Listen() { ASSERT_EQ(listener_->listen("10.9.8.7", port_, 16), ZrSocketResult::kSuccess); }
-  void Connect(ZrSocketIPvx& client, ZrSocketIPvx& server, const std::string& host = "127.0.0.1") {
-    ASSERT_EQ(client.connect(host, port_), ZrSocketResult::kSuccess);
-    ASSERT_GE(listener_->accept(server, 10'000, kAnyone), 0);
-  }
-  /// Receives until something other than "nothing yet" happens.
-  static std::string Receive(ZrSocketIPvx& socket) {
-    char bytes[64];
-    std::size_t count = 0;
-    EXPECT_TRUE(socket.waitReadable(10'000, socket.primaryDescriptor()));
-    EXPECT_EQ(socket.receive(bytes, sizeof bytes, count), ZrSocketResult::kSuccess);
-    return {bytes, count};
-  }
-
-  std::unique_ptr<ZrSocketIPvx> listener_ = std::make_unique<ZrSocketIPvx>();
-  int port_ = 0;
-};
-
-TEST_F(Socket, AnAddressThatIsGivenIsTheOnlyOne) {
-  const auto reaches = [this](const char* host) {
+TEST(Socket, AnAddressThatIsGivenIsTheOnlyOne) {
+  int port = 0;
+  const auto reaches = [&port](const char* host) {
     ZrSocketIPvx client;
     client.setQuiet(true);
-    return client.connect(host, port_) == ZrSocketResult::kSuccess;
+    return client.connect(host, port) == ZrSocketResult::kSuccess;
   };
-  ASSERT_EQ(listener_->listenAt("127.0.0.1", port_, 16), ZrSocketResult::kSuccess);
+  std::optional<ZrSocketIPvx> listener(std::in_place);
+  ASSERT_EQ(listener->listenAt("127.0.0.1", port, 16), ZrSocketResult::kSuccess);
   EXPECT_TRUE(reaches("127.0.0.1"));
   EXPECT_FALSE(reaches("127.0.0.2"));
   EXPECT_FALSE(reaches("::1"));
   ZrSocketIPvx second;
-  EXPECT_EQ(second.listenAt("127.0.0.1", port_, 16), ZrSocketResult::kListenFailed);
+  EXPECT_EQ(second.listenAt("127.0.0.1", port, 16), ZrSocketResult::kListenFailed);
   EXPECT_EQ(second.listenErrorText(), "");
-  EXPECT_EQ(second.listenAt("203.0.113.1", port_, 16), ZrSocketResult::kListenFailed);
+  EXPECT_EQ(second.listenAt("203.0.113.1", port, 16), ZrSocketResult::kListenFailed);
   EXPECT_EQ(second.listenErrorText(), "Cannot assign requested address");
   // A name has all its addresses on one port, the system's choice as well.
-  listener_ = std::make_unique<ZrSocketIPvx>();
-  port_ = 0;
-  ASSERT_EQ(listener_->listenAt("localhost", port_, 16), ZrSocketResult::kSuccess);
-  for (const ZrSocketAddress& address : zr::ResolveHost("localhost", port_).addresses)
+  listener.emplace();
+  port = 0;
+  ASSERT_EQ(listener->listenAt("localhost", port, 16), ZrSocketResult::kSuccess);
+  for (const ZrSocketAddress& address : zr::ResolveHost("localhost", port).addresses)
     EXPECT_TRUE(reaches(zr::NumericName(address).host.c_str())) << zr::NumericName(address).host;
-}
-
-TEST_F(Socket, PeersOfBothFamiliesReachTheOnePort) {
+  // The minimal dialect's way takes whatever address is given for all of them.
+  listener.emplace();
+  port = 0;
+  ASSERT_EQ(listener->listen("10.9.8.7", port, 16), ZrSocketResult::kSuccess);
+  EXPECT_TRUE(reaches("127.0.0.1"));
+  EXPECT_EQ(reaches("::1"), listener->primaryDescriptor() >= 0);
   int beyond = 65536;
-  EXPECT_EQ(ZrSocketIPvx().listen("", beyond, 16), ZrSocketResult::kListenFailed);
-  Listen();
-  for (const std::string host : {"127.0.0.1", "::1"}) {
-    SCOPED_TRACE(host);
-    if (host == "::1" && listener_->primaryDescriptor() < 0) continue;  // a machine without IPv6
-    ZrSocketIPvx client;
-    ZrSocketIPvx server(1);
-    Connect(client, server, host);
-    EXPECT_TRUE(server.accepted() && !server.closed());
-    EXPECT_TRUE(server.peerAddress().ends_with(host)) << server.peerAddress();
-    EXPECT_EQ(server.peerPort(), std::to_string(zr::LocalPort(client.primaryDescriptor())));
-    std::size_t sent = 0;
-    EXPECT_EQ(client.send("hello", 5, sent), ZrSocketResult::kSuccess);
-    EXPECT_EQ(Receive(server), "hello");
-  }
+  second.setQuiet(true);
+  EXPECT_EQ(second.listen("", beyond, 16), ZrSocketResult::kListenFailed);
 }
 
-TEST_F(Socket, ReceiveTellsEndNothingAndFailureApart) {
-  Listen();
+TEST(Socket, ReceiveTellsEndNothingAndFailureApart) {
+  int port = 0;
+  ZrSocketIPvx listener;
+  ASSERT_EQ(listener.listen("", port, 16), ZrSocketResult::kSuccess);
   ZrSocketIPvx client;
   auto server = std::make_unique<ZrSocketIPvx>(1);
-  Connect(client, *server);
+  ASSERT_EQ(client.connect("127.0.0.1", port), ZrSocketResult::kSuccess);
+  ASSERT_GE(listener.accept(*server, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
   char byte = 0;
   std::size_t count = 1;
   testing::internal::CaptureStderr();
   EXPECT_EQ(client.receive(&byte, 1, count), ZrSocketResult::kSuccess);
   EXPECT_TRUE(count == 0 && client.wouldBlock() && !client.closed() && client.lastError() == 0);
-  EXPECT_EQ(zrtest::CapturedErrors(), "");
-
   server.reset();
-  EXPECT_EQ(Receive(client), "");
-  EXPECT_TRUE(client.closed() && !client.wouldBlock());
+  EXPECT_TRUE(client.waitReadable(10'000, client.primaryDescriptor()));
+  EXPECT_EQ(client.receive(&byte, 1, count), ZrSocketResult::kSuccess);
+  EXPECT_TRUE(count == 0 && client.closed() && !client.wouldBlock());
+  EXPECT_EQ(zrtest::CapturedErrors(), "");
 
   // A failure is no end, also where one was seen before.
   zrtest::ScriptedLine line;
@@ -121,47 +92,35 @@ TEST_F(Socket, ReceiveTellsEndNothingAndFailureApart) {
   line.failReceiveAt = 2;
   EXPECT_EQ(broken.receive(&byte, 1, count), ZrSocketResult::kSuccess);
   EXPECT_TRUE(broken.closed());
-  broken.setQuiet(true);
+  testing::internal::CaptureStderr();
   EXPECT_EQ(broken.receive(&byte, 1, count), ZrSocketResult::kSuccess);
   EXPECT_TRUE(count == 0 && !broken.closed() && broken.lastError() == ECONNRESET);
-
-  ZrSocketIPvx none;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(none.receive(&byte, 1, count), ZrSocketResult::kSuccess);
   EXPECT_EQ(zrtest::CapturedErrors(),
-            "ZrSocketIPvx::Receive(): error in read (errno=9) Bad file descriptor\n");
-  EXPECT_EQ(none.lastError(), EBADF);
+            "ZrSocketIPvx::Receive(): error in read (errno=104) Connection reset by peer\n");
 }
 
 // However many are given up, their threads are bounded and go when the resolver's time is over.
-TEST_F(Socket, ConnectDoesNotWaitForTheResolver) {
-  struct Case {
-    std::chrono::milliseconds limit;
-    bool cancelled;
-    ZrConnectFailure failure;
-  };
+TEST(Socket, ConnectDoesNotWaitForTheResolver) {
   const auto before = zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads];
   const auto threads = [before] {
     return zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads] - before;
   };
   resolverHangs = true;
-  std::vector<Case> cases(zr::kMostLookups + 5, Case{1ms, false, ZrConnectFailure::kTimedOut});
-  cases.push_back({30s, true, ZrConnectFailure::kCancelled});
-  for (const Case& c : cases) {
-    ZrSocketIPvx socket;
-    socket.setQuiet(true);
+  ZrSocketIPvx socket;
+  socket.setQuiet(true);
+  for (std::size_t i = 0; i < zr::kMostLookups + 6; ++i) {
+    const bool cancelled = i == zr::kMostLookups + 5;
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(socket.connect("hangs.test", 80, c.limit, [&c] { return c.cancelled; }),
+    EXPECT_EQ(socket.connect("hangs.test", 80, cancelled ? 30s : 1ms, [=] { return cancelled; }),
               ZrSocketResult::kConnectFailed);
-    EXPECT_EQ(socket.connectFailure(), c.failure);
+    EXPECT_EQ(socket.connectFailure(),
+              cancelled ? ZrConnectFailure::kCancelled : ZrConnectFailure::kTimedOut);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);
   }
   EXPECT_LE(threads(), zr::kMostLookups);
   resolverHangs = false;
   resolverHangs.notify_all();
   EXPECT_TRUE(zrtest::WaitFor([&] { return threads() == 0; })) << threads();
-  ZrSocketIPvx socket;
-  socket.setQuiet(true);
   EXPECT_EQ(socket.connect("hangs.test", 80), ZrSocketResult::kConnectFailed);
   EXPECT_EQ(socket.connectFailure(), ZrConnectFailure::kNoHost);
 }

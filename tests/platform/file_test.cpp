@@ -7,10 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "platform/filesystem.h"
@@ -52,47 +48,32 @@ class Beneath : public testing::Test {
 };
 
 TEST_F(Beneath, OpensWhatLiesInsideAndNothingElse) {
-  const struct {
-    const char* name;
-    std::string path;
-    const char* content;
-  } cases[] = {
-      {"plain", "page.txt", "page"},
-      {"dots inside a name", "sub/a..b", "dots"},
-      {"backslash is a character", "odd\\name", "backslash"},
-      {"link inside", "inside", "dots"},
-      {"link with parent piece inside", "round", "page"},
-      {"absolute link inside", "absolute", "page"},
-      {"directory", "sub", ""},
-      {"the start itself", "/", ""},
-  };
+  constexpr std::pair<const char*, const char*> kCases[] = {{"page.txt", "page"},
+                                                            {"sub/a..b", "dots"},
+                                                            {"odd\\name", "backslash"},
+                                                            {"inside", "dots"},
+                                                            {"round", "page"},
+                                                            {"absolute", "page"},
+                                                            {"sub", ""},
+                                                            {"/", ""}};
   const std::string site = folder_.Path("site");
   const auto atHand = [&](const std::string& path) {
     return ZrDirectory::Open(site)->OpenFileAtHand(path).answer;
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto file = ZrFile::OpenBeneath(site, c.path);
-    EXPECT_TRUE(ZrFile::ExistsBeneath(site, c.path));
+  for (const auto& [path, content] : kCases) {
+    SCOPED_TRACE(path);
+    const auto file = ZrFile::OpenBeneath(site, path);
+    EXPECT_TRUE(ZrFile::ExistsBeneath(site, path));
     ASSERT_NE(file, nullptr);
     // Without waiting there is the same answer or none.
-    EXPECT_NE(atHand(c.path), ZrFileAtHand::Answer::kNotThere);
-    EXPECT_EQ(file->IsDirectory(), *c.content == '\0');
-    EXPECT_EQ(file->IsDirectory() ? "" : Content(*file), c.content);
+    EXPECT_NE(atHand(path), ZrFileAtHand::Answer::kNotThere);
+    EXPECT_EQ(file->IsDirectory(), *content == '\0');
+    EXPECT_EQ(file->IsDirectory() ? "" : Content(*file), content);
   }
-  const std::string nothing[] = {"",
-                                 "page.txt/",
-                                 "page.txt\0.html"s,
-                                 "../secret.txt",
-                                 "sub/../page.txt",
-                                 "out",
-                                 "absolute-out",
-                                 "neighbour/page.txt",
-                                 "loop",
-                                 "magic/etc/passwd",
-                                 "fifo",
-                                 folder_.Path("secret.txt")};
-  for (const std::string& path : nothing) {
+  for (const std::string& path :
+       {""s, "page.txt/"s, "page.txt\0.html"s, "../secret.txt"s, "sub/../page.txt"s, "out"s,
+        "absolute-out"s, "neighbour/page.txt"s, "loop"s, "magic/etc/passwd"s, "fifo"s,
+        folder_.Path("secret.txt")}) {
     SCOPED_TRACE(path);
     EXPECT_EQ(ZrFile::OpenBeneath(site, path), nullptr);
     EXPECT_FALSE(ZrFile::ExistsBeneath(site, path));
@@ -121,6 +102,10 @@ TEST_F(Beneath, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   ASSERT_NE(file, nullptr);
   ASSERT_EQ(zr::ReplaceFile(folder_.Path("site/page.txt"), "other page", 0600), 0);
   EXPECT_EQ(Content(*file), "page");
+  std::array<char, 8> bytes{};
+  ASSERT_EQ(file->ReadAt(1, bytes), 3U);
+  const auto now = file->ReadAtHand(1, bytes);  // the same bytes or none
+  EXPECT_EQ(std::string(bytes.data(), now.value_or(3)), "age");
 
   constexpr std::uint64_t kHuge = (std::uint64_t{5} << 30) + 3;  // more than 32 bits hold
   folder_.Write("site/huge", "");
@@ -146,15 +131,6 @@ TEST_F(Beneath, AKeptDirectoryKnowsWhenItsNameLeadsElsewhere) {
   EXPECT_FALSE(site->IsCurrent());
   EXPECT_EQ(ZrDirectory::Open(folder_.Path("absent")), nullptr);
   EXPECT_EQ(ZrDirectory::Open(folder_.Path("site/page.txt")), nullptr);
-}
-
-TEST_F(Beneath, BytesAtHandAreTheSameBytesOrNone) {
-  const auto site = ZrDirectory::Open(folder_.Path("site"));
-  const auto file = site->OpenFile("page.txt");
-  std::array<char, 8> bytes{};
-  ASSERT_EQ(file->ReadAt(1, bytes), 3U);
-  const auto now = file->ReadAtHand(1, bytes);
-  EXPECT_EQ(std::string(bytes.data(), now.value_or(3)), "age");
 }
 
 }  // namespace

@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <csignal>
 #include <cstdio>
-#include <string>
 
 #include "platform/pipe.h"
 

@@ -22,7 +22,7 @@ class AppStorage : public testing::Test {
         <projects><project name="one" projectpath="sub/one"/><project name="two"/>
           <project name="up" projectpath="../other"/><project name="s/p" projectpath="sp"/>
           <project name="gone" projectpath="gone"/></projects></app></quarn>)");
-    WriteProject("sub/one/one.xml", "first");
+    WriteProject("sub/one/one.xml", "<b>1</b><!-- c -->");
     WriteProject("two/two.xml", "second");
     std::filesystem::current_path(folder_.Path());
     storage_.SetNoticeSink([this](std::string_view line) { notices_.append(line).append("\n"); });
@@ -48,28 +48,25 @@ class AppStorage : public testing::Test {
   ZrPersistentAppStorage storage_;
 };
 
-TEST_F(AppStorage, StartsWithoutApplication) {
+TEST_F(AppStorage, ReadsOptionsAndProjectsAndSavesNothing) {
   std::map<std::string, std::string> options = {{"old", "x"}};
   std::vector<std::string> names;
   EXPECT_EQ(MessageOf([&] { storage_.GetOptions(options); }), "no application selected");
   EXPECT_EQ(MessageOf([&] { storage_.GetProjectNames(names); }), "no application selected");
-  storage_.SetApplication("quarntwodll");
-  storage_.SetApplication("quarntwodll");
+  for (int i = 0; i < 2; ++i) storage_.SetApplication("quarntwodll");
   EXPECT_EQ(storage_.Current()->Children().size(), 1u);
-  storage_.GetOptions(options);
-  EXPECT_TRUE(options.empty());
-}
-
-TEST_F(AppStorage, ReadsOptionsAndProjects) {
   Load();
-  std::map<std::string, std::string> options;
+  storage_.PrintProjectStorage();
+  EXPECT_EQ(notices_, "projectstorage: ./app_projects\n");
+  testing::internal::CaptureStderr();
+  storage_.SaveApplication("");
+  storage_.SaveApplication("b");
+  EXPECT_EQ(zrtest::CapturedErrors(),
+            "writing: ./app.xml to disk is blocked!!\nwriting: ./b.xml to disk is blocked!!\n");
   storage_.GetOptions(options);
   EXPECT_EQ(options, (std::map<std::string, std::string>{{"a", "3"}, {"b", ""}}));
-  std::vector<std::string> names;
   storage_.GetProjectNames(names);
   EXPECT_EQ(names, (std::vector<std::string>{"one", "two", "up", "s/p", "gone"}));
-  EXPECT_EQ(MessageOf([&] { storage_.LoadApplication("none"); }),
-            "no config was found - ./none.xml with error in stream around line 1");
   folder_.Write("double.xml", "<quarn><quarn/></quarn>");
   storage_.LoadApplication("double");
   EXPECT_EQ(MessageOf([&] { storage_.SetApplication("double"); }),
@@ -78,9 +75,7 @@ TEST_F(AppStorage, ReadsOptionsAndProjects) {
 
 TEST_F(AppStorage, OpensListedProjectsOnly) {
   Load();
-  EXPECT_FALSE(Open(""));
-  EXPECT_FALSE(Open("unlisted"));
-  EXPECT_FALSE(Open("s/p", true));
+  for (const char* name : {"", "unlisted", "s/p"}) EXPECT_FALSE(Open(name, true)) << name;
   EXPECT_EQ(notices_, "");
   EXPECT_TRUE(Open("one"));
   EXPECT_EQ(notices_, "*#*#*#* sub/one\ncsd: .\\app_projects\\sub\\one\n");
@@ -93,8 +88,7 @@ TEST_F(AppStorage, OpensListedProjectsOnly) {
             "error in stream around line 1");
   const auto mode = std::filesystem::status("app_projects/gone").permissions();
   EXPECT_EQ(static_cast<unsigned>(mode) & ~0750u, 0u);
-  EXPECT_FALSE(Open("up", true));
-  EXPECT_FALSE(std::filesystem::exists("other"));
+  EXPECT_FALSE(Open("up", true) || std::filesystem::exists("other"));
 }
 
 TEST_F(AppStorage, DirectoriesEndAtTheirLongestPath) {
@@ -102,15 +96,13 @@ TEST_F(AppStorage, DirectoriesEndAtTheirLongestPath) {
   std::string directory;
   const std::string longest(259 - std::string(".\\app_projects\\").size(), 'd');
   EXPECT_FALSE(storage_.PrepareProjectDirectory(longest + "d", directory, true));
-  EXPECT_EQ(directory, "");
   // The name itself may be at most 255 bytes on disk, so the longest path has two pieces.
   std::string path = longest;
   path[100] = '/';
   EXPECT_TRUE(storage_.PrepareProjectDirectory(path, directory, true));
   EXPECT_EQ(directory.size(), 259u);
   EXPECT_TRUE(storage_.PrepareProjectDirectory("C:/drive", directory, true));
-  EXPECT_EQ(directory, "C:\\drive");
-  EXPECT_TRUE(std::filesystem::is_directory("C:/drive"));
+  EXPECT_TRUE(directory == "C:\\drive" && std::filesystem::is_directory("C:/drive"));
 }
 
 TEST_F(AppStorage, ProjectsLiveAsLongAsTheirUsers) {
@@ -123,7 +115,8 @@ TEST_F(AppStorage, ProjectsLiveAsLongAsTheirUsers) {
   EXPECT_EQ(two->GetStringVariable("v", ""), "second");
 
   WriteProject("sub/one/one.xml", "changed");
-  EXPECT_EQ(one->GetStringVariable("v", ""), "first");
+  EXPECT_EQ(one->GetStringVariable("v", ""), "<b>1</b><!-- c -->");
+  EXPECT_TRUE(one->HasStringVariable("v") && !one->HasStringVariable("w"));
   notices_.clear();
   ZrXMLDatabase* const again = storage_.ReacquireProject("one", "cid");
   EXPECT_EQ(again->GetStringVariable("v", ""), "changed");
@@ -150,38 +143,11 @@ TEST_F(AppStorage, ExpandsMarkersFromCommandsProjectsAndMappings) {
     storage_.ExpandMarkers(project, text);
     return text;
   };
-  EXPECT_EQ(expanded("one", "[[v]] [[m]] [[x]]."), "first <first> .");
+  EXPECT_EQ(expanded("one", "[[v]] [[x]]."), "<b>1</b><!-- c --> .");
   EXPECT_EQ(expanded("two", "[[v]] [[m]]"), "mapped <mapped>");
   EXPECT_EQ(expanded("", "a[[!nothing()]]b"), "a/* error */\nb");
-  EXPECT_EQ(expanded("", "[[!linearanimation(.l, 1s, 1, 1, a, b, 5)]]"), "");
   storage_.RemoveMapping("v");
   EXPECT_EQ(expanded("", "[[v]]"), "");
-
-  storage_.SetMapping("self", "[[self]]");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(expanded("", "[[self]]"), "[[self]]");
-  EXPECT_EQ(zrtest::CapturedErrors(),
-            "markers of a text call for more than 10000 replacements or 64 MiB; the rest of the "
-            "text stays as it is\n");
-}
-
-TEST_F(AppStorage, LooksNamedValuesUpWithoutMakingThem) {
-  storage_.SetVariables({{"page", {"text", "attached", "", 7}}});
-  EXPECT_EQ(storage_.FindVariable("page"), 7u);
-  EXPECT_EQ(storage_.FindVariable("none"), 0u);
-  EXPECT_EQ(storage_.Variables().size(), 1u);
-}
-
-TEST_F(AppStorage, SaysWhereProjectsAreKeptAndThatNothingIsSaved) {
-  Load();
-  storage_.PrintProjectStorage();
-  EXPECT_EQ(notices_, "projectstorage: ./app_projects\n");
-  testing::internal::CaptureStderr();
-  storage_.SaveApplication("");
-  storage_.SaveApplication("b");
-  EXPECT_EQ(zrtest::CapturedErrors(),
-            "writing: ./app.xml to disk is blocked!!\nwriting: ./b.xml to disk is blocked!!\n");
-  EXPECT_FALSE(std::filesystem::exists("b.xml"));
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 namespace {
 
 // What it replaces is told by the slow and plain way beside it: fuzz/marker_expansion_fuzz.cpp.

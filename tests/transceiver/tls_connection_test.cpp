@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <future>
 #include <optional>
 
-#include "net/tcp_socket.h"
 #include "net/tls_context.h"
-#include "tests/support/run.h"
+#include "tests/support/raw_client.h"
 #include "tests/support/scripted_line.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/support/tls_peer.h"
 #include "tests/transceiver/transceiver_bed.h"
 
@@ -21,23 +19,24 @@ using zrtest::WaitFor;
 
 namespace {
 
+ZrTlsContextPtr ServerContext() {
+  const auto& files = zrtest::TestCertificate();
+  return zr::MakeTlsServerContext(files.certificate, files.privateKey);
+}
+
 std::shared_ptr<ZrTransceiverConnection_SSLAddon> ServerSide(TransceiverBed& bed,
                                                              std::shared_ptr<ZrSocketIPvx> socket) {
-  const auto& files = zrtest::TestCertificate();
   return zr::MakeJob<ZrTransceiverConnection_SSLAddon>(
-      zr::MakeTlsServerContext(files.certificate, files.privateKey).get(), std::move(socket),
-      bed.transceiver, "nobody", "nobody", ZrServerCallback_t{}, &TransceiverBed::Finish);
+      ServerContext().get(), std::move(socket), bed.transceiver, "nobody", "nobody",
+      ZrServerCallback_t{}, &TransceiverBed::Finish);
 }
 
 // A registered server-side connection and a client that is connected to it.
 struct Line {
   explicit Line(TransceiverBed& bed) {
-    ZrSocketIPvx listener;
-    int port = 0;
-    EXPECT_EQ(listener.listen("", port, 4), ZrSocketResult::kSuccess);
-    EXPECT_EQ(socket.connect("127.0.0.1", port), ZrSocketResult::kSuccess);
-    auto accepted = std::make_shared<ZrSocketIPvx>(1);
-    EXPECT_GE(listener.accept(*accepted, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
+    auto accepted = zrtest::Accepted([this](int port) {
+      EXPECT_EQ(socket.connect("127.0.0.1", port), ZrSocketResult::kSuccess);
+    });
     connection = ServerSide(bed, accepted);
     bed.transceiver.AddConnection(accepted, connection);
     client.emplace(context.get(), socket.Line(), ZrTlsEngine::Side::kClient);
@@ -88,30 +87,21 @@ struct Stepped {
 };
 
 TEST(TlsConnection, AnAnswerToAPeerThatHasGoneIsTheEnd) {
-  const struct {
-    const char* name;
-    void (*leave)(Stepped&);
-  } cases[] = {{"its end mark", [](Stepped& s) { s.peer.Goodbye(); }},
-               {"the end of the stream", [](Stepped& s) { s.line.ended = true; }},
-               {"an end in a record", [](Stepped& s) {
-                  s.line.input = "\x17\x03\x03";
-                  s.line.ended = true;
-                }}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const std::string way : {"end mark", "end of the stream", "end in a record"}) {
+    SCOPED_TRACE(way);
     for (const bool reset : {false, true}) {
       Stepped line;
       line.peer.Send("request");
       EXPECT_EQ(line.Read(), 7);
-      c.leave(line);
+      if (way == "end mark") line.peer.Goodbye();
+      if (way == "end in a record") line.line.input = "\x17\x03\x03";
+      line.line.ended = way != "end mark";
       EXPECT_EQ(line.Read(), 0);
       line.Send("answer");
       if (reset) line.line.failSendAt = line.line.sends + 1;
       EXPECT_EQ(line.Write(), reset ? Stepped::Output::kDead : Stepped::Output::kMoved);
       EXPECT_EQ(line.Read(), reset ? -1 : 0);
-      if (!reset) {
-        EXPECT_EQ(line.peer.Read(), "answer");
-      }
+      EXPECT_EQ(line.peer.Read(), reset ? "" : "answer");
     }
   }
 }
@@ -176,35 +166,25 @@ TEST(TlsConnection, ReadsOnAfterAPauseToTheLastByte) {
 // A server that says goodbye along with the end of its handshake: our side reads both at once, and
 // the socket never announces anything again.
 TEST(TlsConnection, SeesTheEndThatCameWithTheHandshake) {
+  zrtest::ScriptedLine near;
+  zrtest::ScriptedLine far;
   TransceiverBed bed;
-  ZrSocketIPvx listener;
-  int port = 0;
-  ASSERT_EQ(listener.listen("", port, 4), ZrSocketResult::kSuccess);
-  auto connecting = std::async(std::launch::async, [&bed, port] {
-    const ZrTlsContextPtr context = zr::MakeTlsClientContext();
-    const auto socket = std::make_shared<ZrSocketIPvx>(0);
-    EXPECT_EQ(socket->connect("127.0.0.1", port), ZrSocketResult::kSuccess);
-    const auto made = zr::MakeJob<ZrTransceiverConnection_SSLAddon>(
-        context.get(), ZrTlsPeer{}, socket, bed.transceiver, "nobody", "nobody",
-        ZrServerCallback_t{}, &TransceiverBed::Finish);
-    bed.transceiver.AddConnection(socket, made);
-    return made;
-  });
-  ZrSocketIPvx accepted(1);
-  ASSERT_GE(listener.accept(accepted, 10'000, [](ZrHostInfo_t&) { return true; }), 0);
-  const auto& files = zrtest::TestCertificate();
-  const ZrTlsContextPtr context = zr::MakeTlsServerContext(files.certificate, files.privateKey);
-  zrtest::ScriptedLine line;
-  ZrTlsEngine server(context.get(), line, ZrTlsEngine::Side::kServer);
-  std::array<char, 4096> hello;
-  ASSERT_EQ(accepted.Line().WaitReadable(20s), ZrWaitStatus::kReady);
-  line.input.assign(hello.data(), accepted.Line().Receive(hello).count);
-  server.BeginTurn();
-  server.Handshake();
-  server.Flush();
-  line.output += std::string_view("\x15\x03\x03\x00\x02\x01\x00", 7);
-  EXPECT_EQ(accepted.Line().Send(line.output).count, line.output.size());
-  const auto connection = connecting.get();
+  zrtest::ScriptedLine::Join(near, far);
+  ZrTlsEngine server(ServerContext().get(), far, ZrTlsEngine::Side::kServer);
+  // The server takes its step when the client asks whether it shall go on.
+  const auto answer = [&] {
+    server.Handshake();
+    near.input += std::string_view("\x15\x03\x03\x00\x02\x01\x00", 7);
+    return false;
+  };
+  const auto connection = zr::MakeJob<ZrTransceiverConnection_SSLAddon>(
+      zr::MakeTlsClientContext().get(), ZrTlsPeer{.name = {}, .cancelled = answer},
+      std::make_shared<ZrSocketIPvx>(near), bed.transceiver, "nobody", "nobody",
+      ZrServerCallback_t{}, &TransceiverBed::Finish);
+  EXPECT_TRUE(near.input.empty());
+  std::optional<zrtest::RawClient> peer;
+  const auto silent = zrtest::Accepted([&peer](int port) { peer.emplace(port); });
+  bed.transceiver.AddConnection(silent, connection);
   EXPECT_TRUE(WaitFor([&] { return !connection->IsListed(); }));
 }
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "net/tcp_socket.h"
 #include "tests/jobs/recording_job.h"
 #include "tests/support/raw_client.h"
 #include "tests/transceiver/transceiver_bed.h"
@@ -26,12 +25,7 @@ class EventCatcher : public RecordingJob {
 // One registered connection to a raw client, its events caught.
 struct Line {
   explicit Line(TransceiverBed& bed) {
-    ZrSocketIPvx listener(0);
-    int port = 0;
-    EXPECT_EQ(listener.listen("", port, 4), ZrSocketResult::kSuccess);
-    client = std::make_unique<RawClient>(port);
-    auto socket = std::make_shared<ZrSocketIPvx>(1);
-    EXPECT_GE(listener.accept(*socket, 5000, [](ZrHostInfo_t&) { return true; }), 0);
+    auto socket = Accepted([this](int port) { client = std::make_unique<RawClient>(port); });
     connection =
         zr::MakeJob<ZrTransceiverConnection>(bed.transceiver, receiver->JobName(), peer->JobName(),
                                              ZrServerCallback_t{}, &TransceiverBed::Finish);
@@ -51,37 +45,6 @@ struct Line {
   std::string name;
 };
 
-TEST(Transceiver, TellsTheServerOncePerBatchAndTheThreeJobsOfTheEnd) {
-  TransceiverBed bed;
-  Line line(bed);
-  line.client->Send("one");
-  ASSERT_TRUE(WaitFor([&] { return line.receiver->Codes() == "8 "; }));
-  EXPECT_EQ(line.receiver->Received(1)[0].jobName, line.name);
-  line.client->Send("two");
-  ZrStringBuf taken;
-  EXPECT_TRUE(WaitFor([&] {
-    line.connection->TakeReceived(taken);
-    return taken.Unread() == "onetwo";
-  }));
-  line.client->Send("x");
-  ASSERT_TRUE(WaitFor([&] { return line.connection->HasReceived(); }));
-  line.connection->TakeReceived(taken);
-  line.client->FinishSending();
-  EXPECT_TRUE(bed.WaitForConnections(0));
-  EXPECT_TRUE(WaitFor(
-      [&] { return line.receiver->Codes().ends_with("2 ") && line.peer->Codes() == "2 "; }));
-  EXPECT_EQ(line.peer->Received(1)[0].jobName, line.name);
-}
-
-TEST(Transceiver, AConnectionThatNobodyCanServeEndsAtOnce) {
-  TransceiverBed bed;
-  bed.scheduler.Stop();  // no thread for the I/O jobs
-  Line line(bed);
-  EXPECT_EQ(bed.transceiver.ConnectionCount(), 0u);
-  EXPECT_TRUE(WaitFor([&] { return line.receiver->Codes() == "2 "; }));
-  EXPECT_EQ(line.client->ReadToEnd(), "");
-}
-
 TEST(Transceiver, ShortMemoryPausesThoseWithMuchAndGivesUpTheNewestThatStandsStill) {
   ManualClock clock;
   TransceiverBed bed(clock, 300'000);
@@ -100,8 +63,7 @@ TEST(Transceiver, ShortMemoryPausesThoseWithMuchAndGivesUpTheNewestThatStandsSti
   small.client->Send(std::string(10'000, 'c'));
   EXPECT_TRUE(holds(small, 10'000));
   EXPECT_EQ(bed.transceiver.ConnectionCount(), 3u);
-  clock.Advance(61s);
-  bed.transceiver.WakeHousekeeper();
+  bed.Pass(clock, 61s);
   EXPECT_TRUE(bed.WaitForConnections(2));
   EXPECT_TRUE(WaitFor([&] { return second.receiver->Codes() == "8 2 "; }));
   EXPECT_TRUE(holds(first, 250'000));  // there is room again: the rest of it is read
@@ -115,23 +77,19 @@ TEST(Transceiver, EndsConnectionsThatAreSilentTooLong) {
   TransceiverBed bed(clock);
   Line silent(bed);
   Line busy(bed);
-  const auto advance = [&](std::chrono::seconds time) {
-    clock.Advance(time);
-    bed.transceiver.WakeHousekeeper();
-  };
-  advance(59s);
+  bed.Pass(clock, 59s);
   busy.client->Send("x");
   ASSERT_TRUE(WaitFor([&] { return busy.connection->HasReceived(); }));
-  advance(55s);  // 114 s
+  bed.Pass(clock, 55s);  // 114 s
   EXPECT_EQ(bed.transceiver.ConnectionCount(), 2u);
-  advance(2s);
+  bed.Pass(clock, 2s);
   EXPECT_TRUE(bed.WaitForConnections(1));
   EXPECT_TRUE(WaitFor([&] { return silent.receiver->Codes() == "1 2 "; }));
   busy.Send("y");  // traffic in the other direction counts as well
   bed.transceiver.FlushConnection(*busy.connection);
-  advance(114s);
+  bed.Pass(clock, 114s);
   EXPECT_EQ(bed.transceiver.ConnectionCount(), 1u);
-  advance(2s);
+  bed.Pass(clock, 2s);
   EXPECT_TRUE(bed.WaitForConnections(0));
 }
 
@@ -140,37 +98,18 @@ TEST(Transceiver, ARequestInProgressIsGivenTimeButNotForEver) {
   TransceiverBed bed(clock);
   Line answered(bed);
   Line forgotten(bed);
-  const auto advance = [&](std::chrono::seconds time) {
-    clock.Advance(time);
-    bed.transceiver.WakeHousekeeper();
-  };
   ASSERT_TRUE(answered.connection->BeginItem());
   ASSERT_TRUE(forgotten.connection->BeginItem());
-  for (int i = 0; i < 8; ++i) advance(100s);
+  for (int i = 0; i < 8; ++i) bed.Pass(clock, 100s);
   answered.Send("late");
   bed.transceiver.FlushConnection(*answered.connection);
   EXPECT_EQ(answered.client->ReadUntil("late"), "late");
   EXPECT_EQ(answered.connection->EndItem(), ZrTransceiverConnection::AfterItem::kNothing);
-  advance(110s);
+  bed.Pass(clock, 110s);
   EXPECT_TRUE(bed.WaitForConnections(1));
   EXPECT_TRUE(bed.transceiver.FindConnection(answered.name));
-  advance(66s);
+  bed.Pass(clock, 66s);
   EXPECT_TRUE(bed.WaitForConnections(0));
-}
-
-TEST(Transceiver, WaitsForAnswersUntilTheyAreOutOrGivenUp) {
-  TransceiverBed bed;
-  Line line(bed);
-  EXPECT_TRUE(bed.transceiver.WaitForAnswers(0s));
-  ASSERT_TRUE(line.connection->BeginItem());
-  EXPECT_FALSE(bed.transceiver.WaitForAnswers(1ms));
-  std::thread ending([&] { line.connection->EndItem(); });
-  EXPECT_TRUE(bed.transceiver.WaitForAnswers(60s));
-  ending.join();
-  ASSERT_TRUE(line.connection->BeginItem());
-  std::thread giving([&] { bed.transceiver.AbandonAnswers(); });
-  EXPECT_FALSE(bed.transceiver.WaitForAnswers(60s));
-  giving.join();
 }
 
 TEST(Transceiver, ALingeringPeerIsLetGo) {
@@ -182,8 +121,7 @@ TEST(Transceiver, ALingeringPeerIsLetGo) {
   const std::int64_t soon = clock.MonotonicNs() + 3'000'000'000;
   EXPECT_TRUE(WaitFor([&] { return line.connection->NextExpiryNs() <= soon; }));
   EXPECT_EQ(bed.transceiver.ConnectionCount(), 1u);
-  clock.Advance(3s);
-  bed.transceiver.WakeHousekeeper();
+  bed.Pass(clock, 3s);
   EXPECT_TRUE(bed.WaitForConnections(0));
 }
 
