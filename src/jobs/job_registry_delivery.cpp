@@ -185,12 +185,14 @@ void ZrJobRegistry::DeliveryLoop(unsigned shift) {
     {
       const ZrLock hold(lock_);
       wake_.Wait(lock_, [&]() ZR_REQUIRES(lock_) { return IsOver(shift) || !queue_.empty(); });
+      if (queue_.empty()) return;  // what is left for nobody is dropped first
       if (!drain_ && !IsOver(shift)) {
         wake_.WaitFor(lock_, kNoticePause,
                       [&]() ZR_REQUIRES(lock_) { return IsOver(shift) || drain_; });
         drain_ = true;
       }
-      if (IsOver(shift)) return;
+      if (stopping_) return;
+      if (queue_.empty()) continue;
       claimed = TakeFront(taken);
     }
     if (claimed) Hand(*claimed, taken.front().target, {&taken.front().event, 1});

@@ -143,7 +143,11 @@ void ZrURLHookService::Withdraw(const std::shared_ptr<ZrXHeader>& head) {
 // Looking up and connecting take time that is no sender's. No: there is no thread for it.
 bool ZrURLHookService::StartLater(const Request& request) {
   ++starting_;
-  if (RunLater("ZrURLHookService_start", [this, request] { StartWorker(request); })) return true;
+  try {
+    if (RunLater("ZrURLHookService_start", [this, request] { StartWorker(request); })) return true;
+  } catch (const std::exception&) {
+    // Without memory there is no task either.
+  }
   --starting_;
   return false;
 }
@@ -452,6 +456,7 @@ bool ZrURLHookService::RunLater(const char* name, std::function<void()> run) {
   });
   ZrRinvalTaskDescription description;
   description.name = name + JobName();
+  tasks_.reserve(tasks_.size() + 1);  // a task that runs is one that is waited for
   tasks_.push_back(Scheduler().Submit(
       [run = std::move(run)](ZrRinvalJobParametersAndResult* record) {
         try {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 const velkoro::Server::Handler kNothing = [](const velkoro::Request&, velkoro::Answer&) {};
@@ -25,69 +27,57 @@ TEST(RouteTable, TheMostLiteralRouteAnswers) {
   for (const char* method : {"POST", "DELETE"}) table.Add(method, "/users/{id}", kNothing);
   table.Add("HEAD", "/a", kNothing);
   table.Add("PUT", "/put", kNothing);
-  struct Case {
-    const char* path;
-    ZrMethod method;
-    const char* found;
+  constexpr std::tuple<const char*, ZrMethod, const char*> kCases[] = {
+      {"/", ZrMethod::kGet, "GET /"},
+      {"/a", ZrMethod::kGet, "GET /a"},
+      {"/a", ZrMethod::kHead, "HEAD /a"},
+      {"/a/", ZrMethod::kHead, "GET /a/"},
+      {"/a/b", ZrMethod::kGet, "none"},
+      {"/A", ZrMethod::kGet, "none"},
+      {"*", ZrMethod::kOptions, "none"},
+      {"/users/me", ZrMethod::kGet, "GET /users/me"},
+      {"/users/me", ZrMethod::kDelete, "DELETE /users/{id} me"},
+      {"/users/me", ZrMethod::kPut, "GET, POST, HEAD, DELETE, OPTIONS"},
+      {"/put", ZrMethod::kGet, "PUT, OPTIONS"},
+      {"/users/", ZrMethod::kGet, "none"},
+      {"/users/me/posts/1", ZrMethod::kGet, "GET /users/{id}/posts/{n} me 1"},
+      {"/users/me/posts/last", ZrMethod::kGet, "GET /users/me/posts/last"},
+      {"/files/", ZrMethod::kGet, "GET /files/{path...} "},
+      {"/files", ZrMethod::kGet, "none"},
+      {"/files/1/info", ZrMethod::kGet, "GET /files/{n}/info 1"},
+      {"/files/1/other", ZrMethod::kGet, "GET /files/{path...} 1/other"},
   };
-  for (const Case& c : std::initializer_list<Case>{
-           {"/", ZrMethod::kGet, "GET /"},
-           {"/a", ZrMethod::kGet, "GET /a"},
-           {"/a", ZrMethod::kHead, "HEAD /a"},
-           {"/a/", ZrMethod::kHead, "GET /a/"},
-           {"/a/b", ZrMethod::kGet, "none"},
-           {"/A", ZrMethod::kGet, "none"},
-           {"*", ZrMethod::kOptions, "none"},
-           {"/users/me", ZrMethod::kGet, "GET /users/me"},
-           {"/users/me", ZrMethod::kDelete, "DELETE /users/{id} me"},
-           {"/users/me", ZrMethod::kPut, "GET, POST, HEAD, DELETE, OPTIONS"},
-           {"/put", ZrMethod::kGet, "PUT, OPTIONS"},
-           {"/users/", ZrMethod::kGet, "none"},
-           {"/users/me/posts/1", ZrMethod::kGet, "GET /users/{id}/posts/{n} me 1"},
-           {"/users/me/posts/last", ZrMethod::kGet, "GET /users/me/posts/last"},
-           {"/files/", ZrMethod::kGet, "GET /files/{path...} "},
-           {"/files", ZrMethod::kGet, "none"},
-           {"/files/1/info", ZrMethod::kGet, "GET /files/{n}/info 1"},
-           {"/files/1/other", ZrMethod::kGet, "GET /files/{path...} 1/other"},
-       }) {
-    SCOPED_TRACE(c.path);
-    EXPECT_EQ(Found(table, c.path, c.method), c.found);
-  }
+  for (const auto& [path, method, found] : kCases)
+    EXPECT_EQ(Found(table, path, method), found) << path;
 }
 
 TEST(RouteTable, WhatIsNoRouteIsRefusedWhenItIsAdded) {
-  struct Case {
-    const char* method;
-    const char* pattern;
-    const char* why;
+  constexpr std::tuple<const char*, const char*, const char*> kCases[] = {
+      {"get", "/x", "the method must be"},
+      {"TRACE", "/x", "the method must be"},
+      {"GET", "x", "begins with '/'"},
+      {"GET", "/x{n}", "a whole piece"},
+      {"GET", "/{n", "a whole piece"},
+      {"GET", "/x?n=1", "no '?' and no '#'"},
+      {"GET", "/x%20y", "the character that '%20' stands for"},
+      {"GET", "/x/../y", "without '.' and '..'"},
+      {"GET", "/{}", "a whole piece"},
+      {"GET", "/{...}", "missing or malformed"},
+      {"GET", "/{n.}", "missing or malformed"},
+      {"GET", "/{r...}/x", "must be its last piece"},
+      {"GET", "/{n}/{n}", "two of its pieces have the name 'n'"},
+      {"GET", "/taken/{other}", "answers the same paths as 'GET /taken/{name}'"},
+      {"GET", "/rest/{other...}", "answers the same paths as 'GET /rest/{all...}'"},
   };
-  for (const Case& c : std::initializer_list<Case>{
-           {"get", "/x", "the method must be"},
-           {"TRACE", "/x", "the method must be"},
-           {"GET", "x", "begins with '/'"},
-           {"GET", "", "begins with '/'"},
-           {"GET", "/x{n}", "a whole piece"},
-           {"GET", "/{n", "a whole piece"},
-           {"GET", "/x?n=1", "no '?' and no '#'"},
-           {"GET", "/x%20y", "the character that '%20' stands for"},
-           {"GET", "/x/../y", "without '.' and '..'"},
-           {"GET", "/{}", "a whole piece"},
-           {"GET", "/{...}", "missing or malformed"},
-           {"GET", "/{n.}", "missing or malformed"},
-           {"GET", "/{r...}/x", "must be its last piece"},
-           {"GET", "/{n}/{n}", "two of its pieces have the name 'n'"},
-           {"GET", "/taken/{other}", "answers the same paths as 'GET /taken/{name}'"},
-           {"GET", "/rest/{other...}", "answers the same paths as 'GET /rest/{all...}'"},
-       }) {
-    SCOPED_TRACE(c.pattern);
-    ZrRouteTable table;
-    table.Add("GET", "/taken/{name}", kNothing);
-    table.Add("GET", "/rest/{all...}", kNothing);
+  ZrRouteTable table;
+  table.Add("GET", "/taken/{name}", kNothing);
+  table.Add("GET", "/rest/{all...}", kNothing);
+  for (const auto& [method, pattern, why] : kCases) {
     try {
-      table.Add(c.method, c.pattern, kNothing);
-      ADD_FAILURE() << "taken";
+      table.Add(method, pattern, kNothing);
+      ADD_FAILURE() << "taken: " << pattern;
     } catch (const velkoro::ServerError& error) {
-      EXPECT_NE(std::string(error.what()).find(c.why), std::string::npos) << error.what();
+      EXPECT_NE(std::string(error.what()).find(why), std::string::npos) << error.what();
     }
   }
 }

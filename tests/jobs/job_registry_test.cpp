@@ -28,42 +28,42 @@ class JobRegistry : public testing::Test {
     EXPECT_EQ(registry_.Count().jobs, 0u);
     EXPECT_EQ(registry_.Count().tasks, 0u);
   }
+  /// A job with a task, without which it would get no events.
+  template <class Job = RecordingJob>
+  static std::shared_ptr<Job> Listed(RecordingJob::Handler handler = {}) {
+    auto job = zr::MakeJob<Job>(std::move(handler));
+    job->CreateJoinedTask("");
+    return job;
+  }
+  void Send(const std::string& to, const ZrJobEvent& event, bool direct) {
+    direct ? registry_.Deliver(to, event) : registry_.Post(to, event);
+  }
   ZrJobRegistry& registry_ = ZrJobRegistry::Instance();
 };
 
+// Guests are heads and answering servers, which come and go without the registry's lock.
 TEST_F(JobRegistry, TheLastMemberIsTold) {
   const auto owner = zr::MakeJob<RecordingJob>();
   auto member = zr::MakeJob<RecordingJob>();
   const std::string task = owner->CreateJoinedTask("pair");
+  const ZrTaskHandle handle = registry_.Find(task);
   EXPECT_TRUE(member->Attach(task));
   EXPECT_TRUE(registry_.Leave(task, member->JobName()));
   const ZrJobEvent left = owner->Received(1).front();
   EXPECT_EQ(left.text, "kommt später");
   EXPECT_EQ(left.code, 6u);
   EXPECT_EQ(left.jobName, owner->JobName());
-
-  EXPECT_TRUE(member->Attach(task)) << "the task is there with its owner alone";
-  member.reset();
-  EXPECT_EQ(owner->Texts(2).back(), "kommt später A");
-}
-
-// Heads and answering servers come and go without the registry's lock.
-TEST_F(JobRegistry, GuestsCountAndTheLastMemberIsToldOfTheirEnd) {
-  const auto owner = zr::MakeJob<RecordingJob>();
-  const std::string task = owner->CreateJoinedTask("guests");
-  const ZrTaskHandle handle = registry_.Find(task);
   ZrTaskGuest answering(handle);
   EXPECT_TRUE(answering.Leave());
   EXPECT_FALSE(answering.Leave());
-  EXPECT_EQ(owner->Texts(1).back(), "kommt später");
+  EXPECT_EQ(owner->Texts(2).back(), "kommt später");
   {
-    auto member = zr::MakeJob<RecordingJob>();
     const ZrTaskGuest head(handle);
-    EXPECT_TRUE(member->Attach(task));
+    EXPECT_TRUE(member->Attach(task)) << "the task is there with its owner alone";
     member.reset();
     EXPECT_EQ(registry_.Count().events, 0u) << "the head lives";
   }
-  EXPECT_EQ(owner->Texts(2).back(), "kommt später A");
+  EXPECT_EQ(owner->Texts(3).back(), "kommt später A");
 
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i)
@@ -72,148 +72,98 @@ TEST_F(JobRegistry, GuestsCountAndTheLastMemberIsToldOfTheirEnd) {
     });
   for (std::thread& thread : threads) thread.join();
   EXPECT_TRUE(registry_.TaskText(task));
-  const ZrTaskGuest left(handle);
+  const ZrTaskGuest last(handle);
   EXPECT_TRUE(owner->LeaveJoinedTask(task));
   EXPECT_FALSE(registry_.Find(task));
   const ZrTaskGuest late(handle);  // of a task that has ended: leaves nothing behind
 }
 
-TEST_F(JobRegistry, TheOwnerClosesTheTaskInSilence) {
-  const auto owner = zr::MakeJob<RecordingJob>();
-  const auto a = zr::MakeJob<RecordingJob>();
-  const auto b = zr::MakeJob<RecordingJob>();
-  const std::string task = owner->CreateJoinedTask("closed");
-  a->CreateJoinedTask("kept");
-  EXPECT_TRUE(registry_.Join(task, *a));
-  EXPECT_TRUE(registry_.Join(task, *b));
-  EXPECT_TRUE(owner->LeaveJoinedTask(task));
-  EXPECT_FALSE(registry_.Leave(task, a->JobName()));
-  EXPECT_FALSE(b->Attach(task));
-  EXPECT_TRUE(registry_.Post(b->JobName(), Event("dropped: in no task any more")));
-  EXPECT_TRUE(registry_.Post(a->JobName(), Event("still listed")));
-  EXPECT_EQ(a->Texts(1), std::vector<std::string>{"still listed"});
-  EXPECT_TRUE(b->Received(0).empty());
-}
-
-TEST_F(JobRegistry, TasksOutliveAnOwnerThatLeavesAll) {
-  auto owner = zr::MakeJob<RecordingJob>();
-  const auto member = zr::MakeJob<RecordingJob>();
-  const std::string ownerName = owner->JobName();
-  const std::string task = owner->CreateJoinedTask("orphan");
-  EXPECT_TRUE(member->Attach(task));
-  owner.reset();
-  EXPECT_EQ(member->Texts(1).front(), "kommt später A");
-  EXPECT_TRUE(member->Attach(task));
-  EXPECT_TRUE(registry_.Leave(task, ownerName)) << "its name still closes the task";
-  EXPECT_FALSE(member->Attach(task));
-}
-
-TEST_F(JobRegistry, ABusyJobDelaysOnlyItsOwnEvents) {
-  const auto busy = zr::MakeJob<RecordingJob>();
-  const auto other = zr::MakeJob<RecordingJob>();
-  busy->CreateJoinedTask("");
-  other->CreateJoinedTask("");
-  {
-    const ZrLock hold(busy->Lock());
-    registry_.Post(busy->JobName(), Event("1"));
-    registry_.Post(other->JobName(), Event("a"));
-    EXPECT_EQ(other->Texts(1).size(), 1u);
-    registry_.Deliver(busy->JobName(), Event("2"));
-    registry_.Post(busy->JobName(), Event("3"));
-    registry_.Post(other->JobName(), Event("b"));
-    EXPECT_EQ(other->Texts(2).size(), 2u);
-    EXPECT_TRUE(busy->Received(0).empty());
-    // Nobody asks again and again whether the job is free. The wait is for time that must pass.
-    const std::clock_t before = std::clock();
-    EXPECT_EQ(other->Received(3, std::chrono::milliseconds(300)).size(), 2u);
-    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
+TEST_F(JobRegistry, TheOwnersNameClosesTheTaskInSilence) {
+  for (const bool lives : {true, false}) {
+    auto owner = zr::MakeJob<RecordingJob>();
+    const std::string name = owner->JobName();
+    const auto a = Listed();
+    const auto b = zr::MakeJob<RecordingJob>();
+    const std::string task = owner->CreateJoinedTask("closed");
+    EXPECT_TRUE(registry_.Join(task, *b));
+    if (!lives) {
+      owner.reset();  // leaves like any member
+      EXPECT_EQ(b->Texts(1).front(), "kommt später A");
+    }
+    EXPECT_TRUE(registry_.Join(task, *a));
+    EXPECT_TRUE(registry_.Leave(task, name));
+    EXPECT_FALSE(registry_.Leave(task, a->JobName()));
+    EXPECT_FALSE(b->Attach(task));
+    EXPECT_TRUE(registry_.Post(b->JobName(), Event("dropped: in no task any more")));
+    EXPECT_TRUE(registry_.Post(a->JobName(), Event("still listed")));
+    EXPECT_EQ(a->Texts(1), std::vector<std::string>{"still listed"});
+    EXPECT_EQ(b->Received(0).size(), lives ? 0u : 1u);
   }
-  EXPECT_EQ(busy->Texts(3), (std::vector<std::string>{"1", "2", "3"}));
-}
-
-TEST_F(JobRegistry, DeliverRunsHereWhenNothingStandsBefore) {
-  std::thread::id ranOn;
-  const auto job = zr::MakeJob<RecordingJob>(
-      [&ranOn](const ZrJobEvent&) { ranOn = std::this_thread::get_id(); });
-  job->CreateJoinedTask("");
-  registry_.Deliver(job->JobName(), Event("inline"));
-  EXPECT_EQ(ranOn, std::this_thread::get_id());
-  // Under the receiver's own lock it is queued.
-  {
-    const ZrLock hold(job->Lock());
-    registry_.Deliver(job->JobName(), Event("under its lock"));
-    EXPECT_EQ(job->Received(0).size(), 1u);
-  }
-  EXPECT_EQ(job->Texts(2).back(), "under its lock");
-  const ZrLock hold(job->Lock());
-  EXPECT_NE(ranOn, std::this_thread::get_id());
 }
 
 // A part of the most derived class that a handler uses from beginning to end.
 class FragileJob : public RecordingJob {
  public:
   using RecordingJob::RecordingJob;
-  ~FragileJob() override {
-    text_.clear();
-    ended_ = true;
-  }
+  ~FragileJob() override { text_.clear(); }
   bool ReceiveEvent(const ZrJobEvent& event) override ZR_REQUIRES(lock_) {
     RecordingJob::ReceiveEvent(event);
     for (char& c : text_) c = static_cast<char>(c ^ 1);
-    EXPECT_FALSE(ended_);
+    EXPECT_EQ(text_.size(), 4096u);
     return true;
   }
 
  private:
   std::string text_ = std::string(4096, 'x');
-  bool ended_ = false;
 };
 
-TEST_F(JobRegistry, SeveralEventsAreDeliveredAtOnceAndInOrder) {
-  const auto job = zr::MakeJob<RecordingJob>();
-  job->CreateJoinedTask("");
+TEST_F(JobRegistry, EventsAreDeliveredHereAtOnceAndInOrder) {
+  const auto job = Listed();
+  const auto other = Listed();
   const auto batch = [](const char* first, const char* second) {
-    std::vector<ZrJobEvent> events;
-    for (const char* text : {first, second}) events.push_back(Event(text));
-    return events;
+    return std::vector<ZrJobEvent>{Event(first), Event(second)};
   };
   EXPECT_TRUE(registry_.Deliver(job->JobName(), batch("a", "b")));
-  EXPECT_EQ(job->Received(0).size(), 2u) << "on this thread";
+  registry_.Deliver(job->JobName(), Event("c"));
+  EXPECT_EQ(job->Received(0).size(), 3u) << "on this thread";
   {
     // Busy: they wait, and what comes later waits behind them.
     const ZrLock busy(job->Lock());
     ZrThread::Start("sender", [&] {
-      registry_.Deliver(job->JobName(), batch("c", "d"));
-      registry_.Deliver(job->JobName(), Event("e"));
+      registry_.Deliver(job->JobName(), batch("d", "e"));
+      registry_.Deliver(job->JobName(), Event("f"));
     }).Join();
-    EXPECT_EQ(job->Received(0).size(), 2u);
+    registry_.Post(job->JobName(), Event("g"));
+    registry_.Deliver(job->JobName(), Event("h"));  // under its own lock, too
+    registry_.Post(other->JobName(), Event("x"));
+    EXPECT_EQ(other->Received(1).size(), 1u) << "only its own wait";
+    // Nobody asks again and again whether the job is free. The wait is for time that must pass.
+    const std::clock_t before = std::clock();
+    EXPECT_EQ(job->Received(4, std::chrono::milliseconds(300)).size(), 3u);
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
   }
-  EXPECT_EQ(job->Texts(5), (std::vector<std::string>{"a", "b", "c", "d", "e"}));
-  EXPECT_TRUE(registry_.Deliver("nobody", batch("f", "g")));
-  // One that retires at its first event gets no second one.
+  EXPECT_EQ(job->Texts(8), (std::vector<std::string>{"a", "b", "c", "d", "e", "f", "g", "h"}));
+  EXPECT_TRUE(registry_.Deliver("nobody", batch("i", "j")));
+  // One that retires at its first event gets no second one, and joins nothing.
   RecordingJob* self = nullptr;
-  const auto retiring = zr::MakeJob<RecordingJob>([&](const ZrJobEvent&) { self->Retire(); });
+  const auto retiring = Listed([&](const ZrJobEvent&) { self->Retire(); });
   self = retiring.get();
-  retiring->CreateJoinedTask("");
-  registry_.Deliver(retiring->JobName(), batch("h", "i"));
+  registry_.Deliver(retiring->JobName(), batch("k", "l"));
   EXPECT_EQ(retiring->Received(0).size(), 1u);
+  EXPECT_FALSE(retiring->Attach(job->CreateJoinedTask("")));
+  EXPECT_EQ(retiring->CreateJoinedTask(""), "");
 }
 
 TEST_F(JobRegistry, AJobMayDropItselfFromItsOwnEvent) {
   for (const bool direct : {false, true}) {
     std::atomic<bool> dropped{false};
     std::shared_ptr<FragileJob> last;
-    last = zr::MakeJob<FragileJob>([&](const ZrJobEvent&) {
+    last = Listed<FragileJob>([&](const ZrJobEvent&) {
       last.reset();
       dropped = true;
     });
-    last->CreateJoinedTask("");
     const std::string name = last->JobName();
-    if (direct) {
-      registry_.Deliver(name, Event("end"));
-    } else {
-      registry_.Post(name, Event("end"));
-    }
+    Send(name, Event("end"), direct);
     EXPECT_TRUE(zrtest::WaitFor([&dropped] { return dropped.load(); }));
     registry_.WaitForReaper();
   }
@@ -223,19 +173,17 @@ TEST_F(JobRegistry, ADestructorOnADeliveringThreadMayWait) {
   // The dropped job's own delivery is held up by the very event that drops it.
   std::atomic<bool> entered{false};
   std::atomic<bool> dropped{false};
-  auto victim = zr::MakeJob<FragileJob>([&](const ZrJobEvent&) {
+  auto victim = Listed<FragileJob>([&](const ZrJobEvent&) {
     entered = true;
     EXPECT_TRUE(zrtest::WaitFor([&dropped] { return dropped.load(); }));
   });
-  victim->CreateJoinedTask("");
-  const auto dropper = zr::MakeJob<RecordingJob>([&](const ZrJobEvent&) {
+  const auto dropper = Listed([&](const ZrJobEvent&) {
     victim.reset();
     dropped = true;
   });
-  dropper->CreateJoinedTask("");
   const std::string name = victim->JobName();
-  ZrThread inlineDelivery = ZrThread::Start(
-      "inline", [name] { ZrJobRegistry::Instance().Deliver(name, Event("held up")); });
+  const ZrThread inlineDelivery =
+      ZrThread::Start("inline", [this, name] { registry_.Deliver(name, Event("held up")); });
   EXPECT_TRUE(zrtest::WaitFor([&entered] { return entered.load(); }));
   registry_.Post(dropper->JobName(), Event("drop"));
   EXPECT_TRUE(zrtest::WaitFor([&dropped] { return dropped.load(); }));
@@ -254,11 +202,7 @@ TEST_F(JobRegistry, JobsEndUnderFire) {
           const ZrLock hold(mutex);
           to = name;
         }
-        if (direct) {
-          ZrJobRegistry::Instance().Deliver(to, Event("direct"));
-        } else {
-          ZrJobRegistry::Instance().Post(to, Event("posted"));
-        }
+        Send(to, Event("fire"), direct);
         std::this_thread::yield();
       }
     }));
@@ -285,24 +229,17 @@ TEST_F(JobRegistry, JobsEndUnderFire) {
 // Each sender's events arrive in the order in which it sent them, whichever way they take.
 TEST_F(JobRegistry, OrderHoldsForManySenders) {
   constexpr int kSenders = 3;
-  constexpr int kEach = 400;
-  const auto job = zr::MakeJob<RecordingJob>([](const ZrJobEvent& event) {
+  constexpr std::uint32_t kEach = 400;
+  const auto job = Listed([](const ZrJobEvent& event) {
     if (event.code % 9 == 0) throw std::runtime_error("dropped");
   });
-  job->CreateJoinedTask("");
   {
     std::vector<ZrThread> threads;
     for (int s = 0; s < kSenders; ++s) {
-      threads.push_back(ZrThread::Start("sender", [&job, s] {
-        for (int i = 0; i < kEach; ++i) {
-          ZrJobEvent event = Event(std::to_string(s));
-          event.code = static_cast<std::uint32_t>(i);
-          if (i % 2 == 0) {
-            ZrJobRegistry::Instance().Deliver(job->JobName(), event);
-          } else {
-            ZrJobRegistry::Instance().Post(job->JobName(), event);
-          }
-        }
+      threads.push_back(ZrThread::Start("sender", [&, s] {
+        ZrJobEvent event = Event(std::to_string(s));
+        for (event.code = 0; event.code < kEach; ++event.code)
+          Send(job->JobName(), event, event.code % 2 == 0);
       }));
     }
     for (int i = 0; i < 200; ++i) {

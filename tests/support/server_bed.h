@@ -14,6 +14,7 @@
 #include "jobs/scheduler.h"
 #include "servers/protocol_servers.h"
 #include "tests/support/manual_clock.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/support/wait.h"
 #include "transceiver/connection.h"
 #include "transceiver/message_handler.h"
@@ -76,6 +77,10 @@ class ServerBed {
   void Start(std::uint32_t kind, const std::map<std::string, std::string>& options) {
     configuration = zr::MakeJob<ZrXServerHeader>(true, kind);
     configuration->SetOption("tcp_port", "0");
+    if (kind == zr::kProtocolHttps) {
+      configuration->SetOption("cacertificate", TestCertificate().certificate);
+      configuration->SetOption("privatekey", TestCertificate().privateKey);
+    }
     for (const auto& [name, value] : options) configuration->SetOption(name, value);
     opened = transceiver.OpenServer(*handler, configuration, callback);
   }
