@@ -6,7 +6,7 @@ build_packages=(cmake g++ libbrotli-dev libcli11-dev libssl-dev ninja-build pkg-
 test_packages=(adminer apache2-utils binutils curl haproxy iso-codes libgtest-dev libsodium-dev libsqlite3-dev
                libxml2-utils nginx-light nodejs openssl php-cgi php-sqlite3 pkg-config procps python3 shared-mime-info
                wget xkb-data)
-browser_packages=(chromium chromium-driver esbuild fonts-font-awesome node-react node-react-dom openssl python3-selenium)
+browser_packages=(chromium chromium-driver fonts-font-awesome python3-selenium)
 check_packages=(abigail-tools clang clang-format clang-tidy git)
 bench_packages=(iso-codes libbenchmark-dev libpugixml-dev libtinyxml2-dev libxml2-dev shared-mime-info xkb-data)
 answer_packages=(libcpp-httplib-dev libmicrohttpd-dev python3 wrk)

@@ -1,5 +1,0 @@
-import React from "react";
-
-export default function Item({ id }) {
-  return <>Item {id}</>;
-}
