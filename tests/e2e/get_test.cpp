@@ -145,20 +145,11 @@ TEST(Get, NginxAnswers) {
       secure = two.Port();
     }
     const auto listen = [](int port) { return "listen 127.0.0.1:" + std::to_string(port); };
-    const std::string configuration = folder.Write(
-        "nginx.conf",
-        "daemon off; master_process off; pid pid; error_log error;\nevents {}\nhttp {\n"
-        "access_log off; client_body_temp_path t1; proxy_temp_path t2; fastcgi_temp_path t3;\n"
-        "uwsgi_temp_path t4; scgi_temp_path t5;\nserver { " +
-            listen(plain) + "; " + listen(secure) + " ssl; ssl_certificate " + keys.certificate +
-            "; ssl_certificate_key " + keys.privateKey + "; root www; keepalive_requests 7;\n" +
-            "location /page.html { ssi on; ssi_types *; } } }\n");
-    auto started = std::make_unique<BackgroundProgram>(
-        std::vector<std::string>{"nginx", "-p", folder.Path(), "-e", "error", "-c", configuration});
-    const bool listens = WaitFor([&] {
-      return started->WaitForEnd(std::chrono::seconds(0)) || !ReadFile(folder.Path("pid")).empty();
-    });
-    if (listens && started->Status() == -1) nginx = std::move(started);
+    nginx = StartNginx(folder, "server { " + listen(plain) + "; " + listen(secure) +
+                                   " ssl; ssl_certificate " + keys.certificate +
+                                   "; ssl_certificate_key " + keys.privateKey +
+                                   "; root www; keepalive_requests 7;\n"
+                                   "location /page.html { ssi on; ssi_types *; } }");
   }
   ASSERT_TRUE(nginx) << ReadFile(folder.Path("error"));
   std::string pages;
