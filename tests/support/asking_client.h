@@ -49,6 +49,14 @@ class AskingClient : public ZrTransceiverClient {
   void MessageFailed(const std::string& name, const ZrSendFailure& failure) override {
     Keep(name, {nullptr, failure});
   }
+  /// What became of one, as text; nothing yet when nothing is known.
+  std::optional<std::string> OutcomeOf(const std::string& name) {
+    ZrLock hold(outcomeLock_);
+    for (const auto& [of, outcome] : outcomes_) {
+      if (of == name) return outcome.Text();
+    }
+    return std::nullopt;
+  }
   /// All outcomes so far, in their order.
   std::vector<std::pair<std::string, Outcome>> Outcomes() {
     ZrLock hold(outcomeLock_);
@@ -118,14 +126,8 @@ class AskingBed {
     return ended ? outcome : "an exchange without end";
   }
   std::string OutcomeOf(const std::string& name) {
-    std::optional<std::string> text;
-    const bool came = WaitFor([&] {
-      for (const auto& [of, outcome] : client->Outcomes()) {
-        if (of == name) text = outcome.Text();
-      }
-      return text.has_value();
-    });
-    return came ? *text : "nothing";
+    WaitFor([&] { return client->OutcomeOf(name).has_value(); });
+    return client->OutcomeOf(name).value_or("nothing");
   }
 
   ZrRinvalScheduler2 scheduler;

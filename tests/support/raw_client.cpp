@@ -4,11 +4,11 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "platform/socket.h"
 
 namespace zrtest {
-
-using namespace std::chrono_literals;
 
 RawClient::RawClient(int port, int receiveWindow)
     : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -26,24 +26,26 @@ RawClient::RawClient(int port, int receiveWindow)
 
 int RawClient::LocalPort() const { return zr::LocalPort(socket_.Get()); }
 
-bool RawClient::Send(std::string_view bytes) {
+bool RawClient::Send(std::string_view bytes, std::chrono::milliseconds limit) {
   while (!bytes.empty()) {
     const ZrIoResult result = zr::SendBytes(socket_.Get(), bytes);
     bytes.remove_prefix(result.count);
     if (result.status == ZrIoStatus::kDone) continue;
     if (result.status != ZrIoStatus::kWouldBlock) return false;
-    if (zr::WaitWritable(socket_.Get(), 60s) != ZrWaitStatus::kReady) return false;
+    if (zr::WaitWritable(socket_.Get(), limit) != ZrWaitStatus::kReady) return false;
   }
   return true;
 }
 
 void RawClient::FinishSending() { zr::ShutdownSend(socket_.Get()); }
 
-std::string RawClient::ReadSome(std::size_t capacity, std::chrono::seconds limit) {
+std::string RawClient::ReadSome(std::size_t capacity, std::chrono::milliseconds limit) {
   if (zr::WaitReadable(socket_.Get(), limit) != ZrWaitStatus::kReady) return {};
-  std::string bytes(capacity, '\0');
+  // A buffer as large as all that is still to come would be cleared for each piece of it.
+  std::string bytes(std::min(capacity, std::size_t{64 * 1024}), '\0');
   const ZrIoResult result = zr::ReceiveBytes(socket_.Get(), bytes);
-  closed_ = result.status == ZrIoStatus::kClosed && result.error == 0;
+  ended_ = result.status == ZrIoStatus::kClosed;
+  closed_ = ended_ && result.error == 0;
   bytes.resize(result.count);
   return bytes;
 }
@@ -58,9 +60,9 @@ std::string RawClient::ReadUntil(std::string_view end) {
   return all;
 }
 
-std::string RawClient::ReadToEnd(bool* ended) {
+std::string RawClient::ReadToEnd(bool* ended, std::chrono::milliseconds limit) {
   std::string all;
-  for (std::string more = ReadSome(); !more.empty(); more = ReadSome()) all += more;
+  for (std::string more; !(more = ReadSome(65536, limit)).empty();) all += more;
   if (ended != nullptr) *ended = closed_;
   return all;
 }

@@ -47,9 +47,9 @@ class Peer {
                            cell_.wire == Wire::kPlain ? zr::kProtocolHttp : zr::kProtocolHttps);
     head->connectOptions.Set("timeout", std::to_string(300 * kSlowness));  // connecting, in ms
     name_ = head->JobName();
-    const std::size_t before = bed_.client->Outcomes().size();
+    const std::size_t before = bed_.servers.client->Outcomes().size();
     // Sending may take as long as connecting does.
-    auto asking = std::async(std::launch::async, [&] { bed_.client->SendMessage(head); });
+    auto asking = std::async(std::launch::async, [&] { bed_.servers.client->SendMessage(head); });
     std::string wrong;
     int connections = 0;
     int looks = 0;
@@ -79,17 +79,12 @@ class Peer {
       Misbehave(*lines_.back());
     }
     lines_.clear();
-    if (bed_.client->Outcomes().size() != before + 1) return "more than one outcome; ";
+    if (bed_.servers.client->Outcomes().size() != before + 1) return "more than one outcome; ";
     return {};
   }
 
  private:
-  std::optional<std::string> Outcome() {
-    for (const auto& [of, outcome] : bed_.client->Outcomes()) {
-      if (of == name_) return outcome.Text();
-    }
-    return std::nullopt;
-  }
+  std::optional<std::string> Outcome() const { return bed_.servers.client->OutcomeOf(name_); }
   std::string Head() const {
     return cell_.framing == Framing::kLength
                ? "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n"

@@ -1,22 +1,20 @@
 #include "tests/torture/bed.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <stdexcept>
 #include <vector>
 
 #include "http/protocol_kind.h"
 #include "http/response_head.h"
 #include "http/server_head.h"
-#include "platform/pipe.h"
 #include "tests/support/wait.h"
 #include "tests/torture/line.h"
 
@@ -26,18 +24,8 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+constexpr std::uint32_t kKinds[] = {zr::kProtocolHttp, zr::kProtocolHttps, zr::kProtocolSocket};
 constexpr std::string_view kSmall = "a file of fifty bytes, read again and again .....\n";
-
-std::int64_t ProcessTime() {
-  timespec used{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-  return used.tv_sec * 1'000'000'000L + used.tv_nsec;
-}
-
-std::string MakeGate(const std::string& path) {
-  if (mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("no gate");
-  return path;
-}
 
 }  // namespace
 
@@ -47,18 +35,18 @@ bool Torture() { return std::getenv("VELKORO_TORTURE") != nullptr; }
 
 Counts TortureBed::Count() {
   Counts counts = Counts::OfProcess();
-  counts.values[Counts::kConnections] = transceiver_.ConnectionCount();
+  counts.values[Counts::kConnections] = servers.transceiver.ConnectionCount();
   counts.values[Counts::kTemporaryFiles] = Counts::NamesIn(folder_.Path("tmp"));
-  counts.values[Counts::kBudget] = transceiver_.Memory()->Used();
+  counts.values[Counts::kBudget] = servers.transceiver.Memory()->Used();
   return counts;
 }
 
 // A few milliseconds of doing nothing: 60 % of them, at most, may be work.
 bool TortureBed::IsIdle() {
   constexpr milliseconds kLook{4};
-  const std::int64_t before = ProcessTime();
+  const std::clock_t before = std::clock();
   poll(nullptr, 0, kLook.count());
-  return ProcessTime() - before < std::chrono::nanoseconds(kLook).count() * 6 / 10;
+  return std::clock() - before < CLOCKS_PER_SEC * kLook / std::chrono::seconds(1) * 6 / 10;
 }
 
 // What is still there after five times the limit is left behind; what took longer than the limit
@@ -171,12 +159,50 @@ int TortureClient::HandleMessage(const std::string& name, std::shared_ptr<ZrXHea
   return 1;
 }
 
+SiteServers::SiteServers(const std::string& folder, ZrRequestApplication* pages,
+                         const ZrClock& clock)
+    : transceiver(scheduler, zr::ProtocolServers(zr::OutgoingPools()), clock) {
+  const auto reports = [this](ZrServerCallback_t& record) {
+    const bool listening = record.kind == ZrServerCallback_t::kListening;
+    if (!listening && record.kind != ZrServerCallback_t::kBindFailed) return true;
+    ZrLock hold(lock_);
+    ports_[record.info.Get("protocolstring")] = listening ? std::stoi(record.info.Get("port")) : 0;
+    return true;
+  };
+  ZrOptionMap options;
+  options.Set("_baseDirectoryHTTP", folder);
+  client =
+      zr::MakeJob<TortureClient>(reports, options, pages, std::make_shared<ZrStaticFiles>(scripts));
+  transceiver.AddClient(client);
+}
+
+SiteServers::~SiteServers() {
+  transceiver.StopServers();
+  scripts->Stop();
+  transceiver.RemoveClient(client);
+  scheduler.Stop();
+}
+
+void SiteServers::Open(std::uint32_t kind) {
+  const auto head = zr::MakeJob<ZrXServerHeader>(true, kind);
+  head->SetOption("tcp_port", "0");
+  head->SetOption("cacertificate", TestCertificate().certificate);
+  head->SetOption("privatekey", TestCertificate().privateKey);
+  client->OpenServer(head);
+}
+
+std::optional<int> SiteServers::Port(std::uint32_t kind) {
+  ZrLock hold(lock_);
+  const auto found = ports_.find(std::string(zr::ProtocolSchemeName(kind)));
+  return found == ports_.end() ? std::nullopt : std::optional(found->second);
+}
+
 TortureBed::TortureBed()
-    : gate_(MakeGate(folder_.Path("gate"))),
+    : gate_(folder_.Path("gate")),
       pages_(std::make_unique<Pages>()),
-      scripts_(std::make_shared<ZrCgi>(scheduler_)),
-      transceiver_(scheduler_, zr::ProtocolServers(zr::OutgoingPools()), clock) {
+      servers(folder_.Path("www"), pages_.get(), clock) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
+  if (mkfifo(gate_.c_str(), 0600) != 0) throw std::runtime_error("no gate");
   TestCertificate();
   Line(1, Wire::kPlain).WaitUntilTaken();  // opens what it asks the system with
   folder_.Write("tmp/empty", "");
@@ -192,43 +218,15 @@ TortureBed::TortureBed()
   program("run", "exec cat " + folder_.Path("www/file"));
   program("big", "exec cat " + folder_.Path("www/big"));
 
-  const auto reports = [this](ZrServerCallback_t& record) {
-    if (record.kind != ZrServerCallback_t::kListening) return true;
-    ZrLock hold(portLock_);
-    for (const auto& entry : zr::kProtocolSchemes) {
-      if (entry.scheme == record.info.Get("protocolstring")) {
-        ports_[entry.kind] = std::stoi(record.info.Get("port"));
-      }
-    }
-    ++listening_;
-    return true;
-  };
-  ZrOptionMap options;
-  options.Set("_baseDirectoryHTTP", folder_.Path("www"));
-  client = zr::MakeJob<TortureClient>(reports, options, pages_.get(),
-                                      std::make_shared<ZrStaticFiles>(scripts_));
-  transceiver_.AddClient(client);
-  for (const std::uint32_t kind : {zr::kProtocolHttp, zr::kProtocolHttps, zr::kProtocolSocket}) {
-    const auto head = zr::MakeJob<ZrXServerHeader>(true, kind);
-    head->SetOption("tcp_port", "0");
-    head->SetOption("cacertificate", TestCertificate().certificate);
-    head->SetOption("privatekey", TestCertificate().privateKey);
-    client->OpenServer(head);
+  for (const std::uint32_t kind : kKinds) {
+    servers.Open(kind);
+    if (!WaitFor([&] { return servers.Port(kind); })) throw std::runtime_error("no server");
   }
-  if (!WaitFor([this] { return listening_ == 3; })) throw std::runtime_error("no servers");
-  bystander_ = std::make_unique<Bystander>(Port(zr::kProtocolHttp));
+  bystander_ = std::make_unique<Bystander>(*servers.Port(zr::kProtocolHttp));
   WarmUp();
 }
 
-// As the application ends.
-TortureBed::~TortureBed() {
-  bystander_.reset();
-  transceiver_.StopServers();
-  scripts_->Stop();
-  transceiver_.RemoveClient(client);
-  scheduler_.Stop();
-  unsetenv("TMPDIR");
-}
+TortureBed::~TortureBed() { unsetenv("TMPDIR"); }
 
 // Threads, queues and tables are as they will be: the pool keeps all the idle threads it keeps.
 void TortureBed::WarmUp() {
@@ -236,7 +234,7 @@ void TortureBed::WarmUp() {
   std::vector<std::uint64_t> tasks;
   constexpr std::size_t kTasks = 2 * ZrWorkerPool::kKeptThreads;
   for (std::size_t i = 0; i < kTasks; ++i) {
-    tasks.push_back(scheduler_.Submit(
+    tasks.push_back(servers.scheduler.Submit(
         [&begun](ZrRinvalJobParametersAndResult* record) {
           ++begun;
           WaitFor([&begun] { return begun == kTasks; });
@@ -245,22 +243,24 @@ void TortureBed::WarmUp() {
         nullptr, {}));
   }
   for (const std::uint64_t task : tasks) {
-    scheduler_.WaitDone(task);
-    scheduler_.FetchResult(task);
+    servers.scheduler.WaitDone(task);
+    servers.scheduler.FetchResult(task);
   }
   // A message that goes with its connection, for the thread that such things need once.
-  RawClient half(Port(zr::kProtocolHttp));
+  RawClient half(*servers.Port(zr::kProtocolHttp));
   half.Send("GET /");
-  for (const std::uint32_t kind : {zr::kProtocolHttp, zr::kProtocolHttps, zr::kProtocolSocket}) {
-    client->SendMessage(AskingBed::Request(Port(kind), "/cgi-bin/run", "warm", kind));
+  for (const std::uint32_t kind : kKinds) {
+    servers.client->SendMessage(
+        AskingBed::Request(*servers.Port(kind), "/cgi-bin/run", "warm", kind));
   }
-  WaitFor([this] { return client->Outcomes().size() == 3; });
+  WaitFor([this] { return servers.client->Outcomes().size() == 3; });
   Pass(std::chrono::hours(1));  // the workers of our own requests go
   // What counts from now on has the bystander's connection in it.
   const bool rests = WaitFor([this] {
     ZrLock hold(bystander_->turn);
     before_ = Count();
-    return transceiver_.ConnectionCount() == 1 && IsIdle() && Count().values == before_.values;
+    return servers.transceiver.ConnectionCount() == 1 && IsIdle() &&
+           Count().values == before_.values;
   });
   if (!rests) throw std::runtime_error("the bed does not come to rest");
   bystander_->TakeWorst();
@@ -269,7 +269,7 @@ void TortureBed::WarmUp() {
 bool TortureBed::WaitForAnother() {
   return WaitFor([this] {
     ZrLock hold(bystander_->turn);
-    return transceiver_.ConnectionCount() > before_.values[Counts::kConnections];
+    return servers.transceiver.ConnectionCount() > before_.values[Counts::kConnections];
   });
 }
 
@@ -284,7 +284,7 @@ bool TortureBed::PassAllLimits() {
       poll(nullptr, 0, 1);
       ZrLock hold(bystander_->turn);
       alone = bystander_->requests > requests &&
-              transceiver_.ConnectionCount() <= before_.values[Counts::kConnections];
+              servers.transceiver.ConnectionCount() <= before_.values[Counts::kConnections];
     }
   }
   return alone;
@@ -293,27 +293,8 @@ bool TortureBed::PassAllLimits() {
 std::uint64_t TortureBed::Pass(std::chrono::seconds time) {
   ZrLock hold(bystander_->turn);
   clock.Advance(time);
-  transceiver_.WakeHousekeeper();
+  servers.transceiver.WakeHousekeeper();
   return bystander_->requests;
-}
-
-// ---- The gate ----------------------------------------------------------------------------------
-
-bool Gate::WaitForProgram() {
-  return WaitFor([this] {
-    end_ = ZrDescriptor(open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-    return end_.IsOpen();
-  });
-}
-
-void Gate::Open() {
-  // The program may have been ended meanwhile.
-  if (end_.IsOpen()) static_cast<void>(zr::WritePipe(end_.Get(), "\n"));
-}
-
-bool Gate::WaitUntilGone() {
-  pollfd entry{end_.Get(), 0, 0};
-  return poll(&entry, 1, static_cast<int>(5 * kSettleLimit.count())) == 1;
 }
 
 }  // namespace zrtest

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -73,6 +74,25 @@ class TortureClient : public AskingClient {
   int HandleMessage(const std::string& name, std::shared_ptr<ZrXHeader> message) override;
 };
 
+/// Servers of an application and its own requests, as it starts, uses and ends them.
+class SiteServers {
+  ZrMutex lock_;
+  std::map<std::string, int> ports_ ZR_GUARDED_BY(lock_);
+
+ public:
+  explicit SiteServers(const std::string& folder, ZrRequestApplication* pages = nullptr,
+                       const ZrClock& clock = ZrClock::System());
+  ~SiteServers();
+  void Open(std::uint32_t kind);
+  /// Where that server listens, or 0 when it has said that it cannot; nothing before it has said.
+  std::optional<int> Port(std::uint32_t kind);
+
+  ZrRinvalScheduler2 scheduler;
+  const std::shared_ptr<ZrCgi> scripts = std::make_shared<ZrCgi>(scheduler);
+  ZrTransceiver transceiver;
+  std::shared_ptr<TortureClient> client;
+};
+
 class TortureBed {
  public:
   static constexpr std::size_t kBigSize = 8 << 20;  // more than the sockets between take
@@ -80,7 +100,6 @@ class TortureBed {
   TortureBed();
   ~TortureBed();
 
-  int Port(std::uint32_t kind) const { return ports_.at(kind); }
   /// Waits until a connection has come besides the bystander's.
   bool WaitForAnother();
   /// Time goes on for the server, but not while it has a request of the bystander, of which the
@@ -105,7 +124,6 @@ class TortureBed {
   const std::string& GatePath() const { return gate_; }
 
   ManualClock clock{1'000'000};
-  std::shared_ptr<TortureClient> client;
 
  private:
   class Pages;
@@ -116,30 +134,14 @@ class TortureBed {
 
   const TemporaryFolder folder_;
   const std::string gate_;
-  ZrRinvalScheduler2 scheduler_;
   const std::unique_ptr<ZrRequestApplication> pages_;
-  const std::shared_ptr<ZrCgi> scripts_;
-  ZrMutex portLock_;
-  std::map<std::uint32_t, int> ports_;  // complete before the first cell
-  std::atomic<int> listening_{0};
-  ZrTransceiver transceiver_;
-  std::unique_ptr<Bystander> bystander_;
-  Counts before_;
-};
 
-/// The gate that the program /cgi-bin/gate waits at, opened by the test.
-class Gate {
  public:
-  explicit Gate(std::string path) : path_(std::move(path)) {}
-  /// Waits until the program stands at the gate.
-  bool WaitForProgram();
-  void Open();
-  /// Whether the program has gone without having been let through.
-  bool WaitUntilGone();
+  SiteServers servers;
 
  private:
-  const std::string path_;
-  ZrDescriptor end_;
+  std::unique_ptr<Bystander> bystander_;
+  Counts before_;
 };
 
 }  // namespace zrtest

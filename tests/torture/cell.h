@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -74,7 +73,7 @@ inline bool IsPossible(Wire wire, Moment moment, Act act) {
 inline bool ActOnLine(Line& line, Act act, Wire wire) {
   switch (act) {
     case Act::kFin:
-      line.Finish();
+      line.FinishSending();
       return true;
     case Act::kNotify:
       line.CloseNotify();
@@ -89,7 +88,7 @@ inline bool ActOnLine(Line& line, Act act, Wire wire) {
     case Act::kPartial: {
       const std::string record = wire == Wire::kTls13 ? line.KeyUpdates(1) : line.Seal("x");
       line.SendRaw(record.substr(0, record.size() - 1));
-      line.Finish();
+      line.FinishSending();
       return true;
     }
     case Act::kGarbage: {
@@ -107,22 +106,14 @@ inline bool ActOnLine(Line& line, Act act, Wire wire) {
   }
 }
 
-/// VELKORO_CELL names the cells to run, by a part of their names; VELKORO_TIMES prints how long
-/// each took.
-///
-/// Runs a cell in the bed; one that left something behind gets the next cell a fresh bed.
+/// Runs a cell in the bed, when its name has VELKORO_CELL in it; one that left something behind
+/// gets the next cell a fresh bed.
 template <class Body>
 void RunCell(std::unique_ptr<TortureBed>& bed, const std::string& name, Body body) {
   const char* const only = std::getenv("VELKORO_CELL");
   if (only != nullptr && name.find(only) == std::string::npos) return;
   if (!bed) bed = std::make_unique<TortureBed>();
-  const auto start = std::chrono::steady_clock::now();
   const std::string wrong = bed->RunCell([&] { return body(*bed); });
-  if (std::getenv("VELKORO_TIMES") != nullptr) {
-    const auto took = std::chrono::steady_clock::now() - start;
-    std::printf("%6ld ms  %s\n", static_cast<long>(took / std::chrono::milliseconds(1)),
-                name.c_str());
-  }
   if (wrong.empty()) return;
   ADD_FAILURE() << name << ": " << wrong;
   bed.reset();

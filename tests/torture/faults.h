@@ -4,50 +4,17 @@
 // are the very objects that are shipped, and they have no hook in them.
 
 #include <cstddef>
-#include <string>
 
 namespace zrtest {
-
-enum class Call {
-  kSocket,
-  kBind,
-  kListen,
-  kAccept,
-  kConnect,
-  kSetOption,
-  kSend,
-  kSendFile,
-  kReceive,
-  kRead,
-  kWrite,
-  kReadAt,
-  kOpen,
-  kStatus,
-  kPipe,
-  kControl,
-  kEvent,
-  kPollerMake,
-  kPollerChange,
-  kPollerWait,
-  kPoll,
-  kSpawn,
-  kSystem,
-  kThread,
-  kSync,
-  kRename,
-  kMemory
-};
 
 /// Instead of an error number: the call succeeds, with one byte.
 inline constexpr int kOneByte = -1;
 
-/// One call of that kind fails: the n-th that a thread makes which is not exempt, from now on.
-void Arm(Call call, int error, std::size_t n);
+/// One call of that name, as faults.cpp has them, fails: the n-th that a thread makes which is not
+/// exempt, from now on.
+void Arm(const char* call, int error, std::size_t n);
 /// No further call fails. Whether one had.
 bool Disarm();
-/// How many lines were written to standard error since they were forgotten.
-std::size_t ErrorLines();
-void ForgetErrorLines();
 
 /// Calls of this thread neither count nor fail while it lives: the test's own.
 class Exempt {

@@ -1,17 +1,15 @@
 #include "tests/torture/line.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
+#include "platform/socket.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/unread_by_peer.h"
 
@@ -20,14 +18,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-
-// A buffer as large as all that is still to come would be cleared for each piece of it.
-constexpr std::size_t kPiece = 64 * 1024;
-
-bool WaitOn(int socket, short events, milliseconds limit) {
-  pollfd entry{socket, events, 0};
-  return poll(&entry, 1, static_cast<int>(limit.count())) == 1;
-}
 
 using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
 
@@ -48,22 +38,9 @@ Context MakeContext(Wire wire, bool server) {
 
 void Line::Free::operator()(ssl_st* tls) const { SSL_free(tls); }
 
-Line::Line(int port, Wire wire) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  const int window = 16 * 1024;
-  setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
-  sockaddr_in peer{};
-  peer.sin_family = AF_INET;
-  peer.sin_port = htons(static_cast<std::uint16_t>(port));
-  peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(socket_.Get(), reinterpret_cast<sockaddr*>(&peer), sizeof peer) != 0) {
-    socket_.Close();
-  }
-  Begin(wire, false);
-}
+Line::Line(int port, Wire wire) : RawClient(port, 16 * 1024) { Begin(wire, false); }
 
-Line::Line(ZrDescriptor socket, Wire wire) : socket_(std::move(socket)) { Begin(wire, true); }
-
-Line::~Line() = default;
+Line::Line(ZrDescriptor socket, Wire wire) : RawClient(std::move(socket)) { Begin(wire, true); }
 
 void Line::Begin(Wire wire, bool server) {
   const int now = 1;
@@ -96,7 +73,7 @@ bool Line::Handshake() {
     if (const std::string out = TakeOutput(); !out.empty() && !SendRaw(out)) return false;
     if (!SSL_is_init_finished(tls_.get()) && !Fill(kLong)) return false;
   }
-  return IsOpen();
+  return Connected();
 }
 
 std::string Line::Seal(std::string_view text) {
@@ -115,44 +92,22 @@ std::string Line::KeyUpdates(int count) {
   return bytes;
 }
 
-bool Line::SendRaw(std::string_view bytes, milliseconds limit) {
-  while (!bytes.empty()) {
-    const ssize_t count =
-        send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno != EAGAIN || !WaitOn(socket_.Get(), POLLOUT, limit)) {
-      return false;
-    }
-  }
-  return true;
-}
-
 bool Line::WaitUntilTaken() { return zrtest::WaitUntilTaken(socket_.Get()); }
 
-bool Line::WaitInput(milliseconds limit) { return WaitOn(socket_.Get(), POLLIN, limit); }
+bool Line::WaitInput(milliseconds limit) {
+  return zr::WaitReadable(socket_.Get(), limit) == ZrWaitStatus::kReady;
+}
 
 // Bytes from the wire into TLS's memory.
 bool Line::Fill(milliseconds limit) {
-  char bytes[16 * 1024];
-  if (!WaitOn(socket_.Get(), POLLIN, limit)) return false;
-  const ssize_t count = recv(socket_.Get(), bytes, sizeof bytes, MSG_DONTWAIT);
-  if (count > 0) return BIO_write(SSL_get_rbio(tls_.get()), bytes, static_cast<int>(count)) > 0;
-  ended_ = count == 0 || errno != EAGAIN;
-  return false;
+  const std::string bytes = RawClient::ReadSome(16 * 1024, limit);
+  return !bytes.empty() &&
+         BIO_write(SSL_get_rbio(tls_.get()), bytes.data(), static_cast<int>(bytes.size())) > 0;
 }
 
-std::string Line::Read(std::size_t most, milliseconds limit) {
-  std::string text(std::min(most, kPiece), '\0');
-  if (!tls_) {
-    ssize_t count = -1;
-    if (WaitOn(socket_.Get(), POLLIN, limit)) {
-      count = recv(socket_.Get(), text.data(), text.size(), MSG_DONTWAIT);
-      ended_ = count == 0 || (count < 0 && errno != EAGAIN);
-    }
-    text.resize(static_cast<std::size_t>(std::max<ssize_t>(0, count)));
-    return text;
-  }
+std::string Line::ReadSome(std::size_t most, milliseconds limit) {
+  if (!tls_) return RawClient::ReadSome(most, limit);
+  std::string text(std::min(most, std::size_t{64 * 1024}), '\0');
   const auto deadline = steady_clock::now() + limit;
   do {
     const int count = SSL_read(tls_.get(), text.data(), static_cast<int>(text.size()));
@@ -170,24 +125,6 @@ std::string Line::Read(std::size_t most, milliseconds limit) {
   return {};
 }
 
-std::string Line::ReadUntil(std::string_view mark) {
-  std::string all;
-  while (all.find(mark) == std::string::npos) {
-    const std::string more = Read();
-    if (more.empty()) break;
-    all += more;
-  }
-  return all;
-}
-
-std::string Line::ReadToEnd(milliseconds limit) {
-  std::string all;
-  for (std::string more = Read(65536, limit); !more.empty(); more = Read(65536, limit)) all += more;
-  return all;
-}
-
-void Line::Finish() { shutdown(socket_.Get(), SHUT_WR); }
-
 void Line::CloseNotify() {
   if (!tls_) return;
   if (SSL_is_init_finished(tls_.get())) {
@@ -196,12 +133,6 @@ void Line::CloseNotify() {
   } else {
     SendRaw(std::string_view("\x15\x03\x03\x00\x02\x01\x00", 7));
   }
-}
-
-void Line::Reset() {
-  const linger now{1, 0};
-  setsockopt(socket_.Get(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
-  socket_.Close();
 }
 
 }  // namespace zrtest

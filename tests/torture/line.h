@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/descriptor.h"
+#include "tests/support/raw_client.h"
 
 struct ssl_st;
 
@@ -16,19 +16,15 @@ namespace zrtest {
 
 enum class Wire { kPlain, kTls12, kTls13 };
 
-class Line {
+class Line : public RawClient {
  public:
-  static constexpr std::chrono::milliseconds kLong{5000};
+  static constexpr std::chrono::seconds kLong{5};
 
   /// Connects to the port on 127.0.0.1; small windows, so that a big answer is not taken whole.
   Line(int port, Wire wire);
   /// The server's end of an accepted connection, with the certificate of the tests.
   Line(ZrDescriptor socket, Wire wire);
-  ~Line();
-  Line(const Line&) = delete;
-  Line& operator=(const Line&) = delete;
 
-  bool IsOpen() const { return socket_.IsOpen(); }
   bool Handshake();
   /// The first flight of a client, or of a server that has read the client's: bytes for SendRaw().
   std::string FirstFlight();
@@ -37,25 +33,19 @@ class Line {
   /// TLS 1.3: so many requests to take a new key, as bytes for the wire.
   std::string KeyUpdates(int count);
   /// Sends bytes as they are; false when the peer takes no more within the limit.
-  bool SendRaw(std::string_view bytes, std::chrono::milliseconds limit = kLong);
+  bool SendRaw(std::string_view bytes, std::chrono::milliseconds limit = kLong) {
+    return RawClient::Send(bytes, limit);
+  }
   bool Send(std::string_view text) { return SendRaw(Seal(text)); }
 
   /// Waits until the peer has read all that was sent, or has gone; the system tells (Linux).
   bool WaitUntilTaken();
   /// Whether something is there to be read, an end included; nothing is.
   bool WaitInput(std::chrono::milliseconds limit = kLong);
-  /// What has arrived within the limit, decrypted; empty at an end, an error or when nothing came.
-  std::string Read(std::size_t most = 65536, std::chrono::milliseconds limit = kLong);
-  std::string ReadUntil(std::string_view mark);
-  /// To the end, but never longer than the limit without a byte.
-  std::string ReadToEnd(std::chrono::milliseconds limit = kLong);
-  /// Whether the peer has ended its side, in order or not.
-  bool Ended() const { return ended_; }
-
-  void Finish();       ///< FIN
-  void CloseNotify();  ///< TLS's end mark, also before the handshake; nothing on a plain line
-  void Reset();        ///< RST
-  void Close() { socket_.Close(); }
+  /// Decrypted.
+  std::string ReadSome(std::size_t most = 65536, std::chrono::milliseconds limit = kLong) override;
+  /// TLS's end mark, also before the handshake; nothing on a plain line.
+  void CloseNotify();
 
  private:
   void Begin(Wire wire, bool server);
@@ -65,9 +55,7 @@ class Line {
   struct Free {
     void operator()(ssl_st* tls) const;
   };
-  ZrDescriptor socket_;
   std::unique_ptr<ssl_st, Free> tls_;
-  bool ended_ = false;
 };
 
 }  // namespace zrtest

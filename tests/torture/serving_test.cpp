@@ -2,9 +2,12 @@
 // exchange and has it misbehave there; afterwards nothing may be left, and another client may not
 // have noticed.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include "http/protocol_kind.h"
+#include "platform/pipe.h"
 #include "tests/support/wait.h"
 #include "tests/torture/cell.h"
 
@@ -29,6 +32,32 @@ std::string NameOf(const Cell& cell) {
          kActNames[static_cast<int>(cell.act)] + " / " + kThingNames[static_cast<int>(cell.thing)];
 }
 
+/// The gate that the program /cgi-bin/gate waits at.
+class Gate {
+ public:
+  explicit Gate(std::string path) : path_(std::move(path)) {}
+  /// Waits until the program stands at the gate.
+  bool WaitForProgram() {
+    return WaitFor([this] {
+      end_ = ZrDescriptor(open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+      return end_.IsOpen();
+    });
+  }
+  /// The program may have been ended meanwhile.
+  void Open() {
+    if (end_.IsOpen()) static_cast<void>(zr::WritePipe(end_.Get(), "\n"));
+  }
+  /// Whether the program has gone without having been let through.
+  bool WaitUntilGone() {
+    pollfd entry{end_.Get(), 0, 0};
+    return poll(&entry, 1, static_cast<int>(5 * kSettleLimit.count())) == 1;
+  }
+
+ private:
+  const std::string path_;
+  ZrDescriptor end_;
+};
+
 /// One client in one cell.
 class Client {
  public:
@@ -36,9 +65,9 @@ class Client {
       : bed_(bed),
         cell_(cell),
         gate_(bed.GatePath()),
-        line_(bed.Port(cell.thing == Thing::kRaw   ? zr::kProtocolSocket
-                       : cell.wire == Wire::kPlain ? zr::kProtocolHttp
-                                                   : zr::kProtocolHttps),
+        line_(*bed.servers.Port(cell.thing == Thing::kRaw   ? zr::kProtocolSocket
+                                : cell.wire == Wire::kPlain ? zr::kProtocolHttp
+                                                            : zr::kProtocolHttps),
               cell.wire) {}
 
   /// What was wrong; empty when all was well.
@@ -75,7 +104,7 @@ class Client {
   }
 
   std::string Reach() {
-    if (!line_.IsOpen()) return "no connection";
+    if (!line_.Connected()) return "no connection";
     if (cell_.moment == Moment::kConnected) return {};
     if (cell_.moment == Moment::kHandshake || cell_.moment == Moment::kFlight) {
       const std::string flight = line_.FirstFlight();
@@ -135,7 +164,7 @@ class Client {
     const bool raw = cell_.moment <= Moment::kFlight;
     for (int round = 0; round < kAllLimits.count() && !line_.Ended(); ++round) {
       if (cell_.moment == Moment::kFirst) {
-        line_.Read(1, milliseconds(0));
+        line_.ReadSome(1, milliseconds(0));
       } else {
         const std::string byte(1, ByteOf(round));
         if (!(raw ? line_.SendRaw(byte) : line_.Send(byte)) || !line_.WaitUntilTaken()) return;
@@ -151,20 +180,11 @@ class Client {
   }
 
   void Flood() {
+    const std::string_view one = cell_.moment == Moment::kHead   ? "a\r\nX: "
+                                 : cell_.moment == Moment::kBody ? "bbbbbb"
+                                                                 : "GET /file HTTP/1.1\r\n\r\n";
     std::string piece;
-    for (int i = 0; i < 16'000; ++i) {
-      switch (cell_.moment) {
-        case Moment::kHead:
-          piece += "a\r\nX: ";
-          break;
-        case Moment::kBody:
-          piece += "bbbbbb";
-          break;
-        default:
-          piece += "GET /file HTTP/1.1\r\n\r\n";
-      }
-      if (piece.size() > 16'000) break;
-    }
+    while (piece.size() <= 16'000) piece += one;
     const bool raw = cell_.moment <= Moment::kFlight;
     for (int i = 0; i < (Torture() ? 2000 : 100); ++i) {
       if (!line_.SendRaw(raw ? piece : line_.Seal(piece), milliseconds(5))) return;
@@ -178,14 +198,13 @@ class Client {
         return TakeRest();
       case Act::kReset:
       case Act::kNotifyReset:
-        return ProgramWaits() && !gate_.WaitUntilGone() ? "the program goes on for nobody; " : "";
       case Act::kSilence:
         return ProgramWaits() && !gate_.WaitUntilGone() ? "the program goes on for nobody; " : "";
       case Act::kTrickle:
         // Of raw bytes each one is all that there is to say. What had been sent before the end may
         // still be there; much of it, for slow readers.
         for (int i = 0; i < 20'000 && !line_.Ended() && cell_.thing != Thing::kRaw; ++i) {
-          if (line_.Read(65536, kSettleLimit).empty()) break;
+          if (line_.ReadSome(65536, kSettleLimit).empty()) break;
         }
         if (!line_.Ended() && cell_.thing != Thing::kRaw) return "the connection is kept; ";
         line_.Close();
@@ -204,21 +223,17 @@ class Client {
   /// A client that ended only its own side gets what it had asked for, and then the end.
   std::string TakeRest() {
     gate_.Open();
-    if (cell_.thing == Thing::kRaw) {
-      line_.ReadToEnd();
-    } else if (cell_.moment >= Moment::kWaiting && cell_.moment <= Moment::kLast &&
-               !TakeAnswer(0)) {
+    const bool due = cell_.thing != Thing::kRaw && cell_.moment >= Moment::kWaiting &&
+                     cell_.moment <= Moment::kLast;
+    if (due && !TakeAnswer(0))
       return "the answer is not whole: " + std::to_string(taken_.size()) + " bytes; ";
-    } else {
-      line_.ReadToEnd(5 * kSettleLimit);
-    }
-    if (cell_.moment >= Moment::kWaiting) line_.ReadToEnd(5 * kSettleLimit);
+    line_.ReadToEnd(nullptr, 5 * kSettleLimit);
     return line_.Ended() ? "" : "the server does not end its side; ";
   }
 
   bool TakeBytes(std::size_t count) {
     while (taken_.size() < count) {
-      const std::string more = line_.Read(count - taken_.size());
+      const std::string more = line_.ReadSome(count - taken_.size());
       if (more.empty()) return false;
       taken_ += more;
     }
