@@ -11,7 +11,6 @@ import contextlib
 import json
 import pathlib
 import shutil
-import struct
 import subprocess
 import sys
 import tempfile
@@ -24,20 +23,6 @@ from browser import LIMIT, WAIT, open_browser, start_server
 HERE = pathlib.Path(__file__).parent
 FONT = "/usr/share/fonts-font-awesome/fonts/fontawesome-webfont.woff2"
 ADDED = "This part was added by a script; it isn't in the page's own text."
-VIDEO_GAP = 32 << 20  # more than a browser reads ahead
-
-
-def stretched(video):
-    """An MP4 film in two chunks, with a gap between them in place of hours of film: who is sent
-    behind it must ask for that part."""
-    at = video.index(b"stco") + 12
-    second, = struct.unpack_from(">I", video, at + 4)
-    data = video.index(b"mdat") - 4
-    size, = struct.unpack_from(">I", video, data)
-    film = bytearray(video)
-    struct.pack_into(">I", film, at + 4, second + VIDEO_GAP)
-    struct.pack_into(">I", film, data, size + VIDEO_GAP)
-    return bytes(film[:second]) + bytes(VIDEO_GAP) + bytes(film[second:])
 
 
 class Site:
@@ -91,14 +76,7 @@ def visit_site(page, site, screenshots):
 
     browser.get(site.url)
     look("first visit")
-    page.expect("the film's head is read", "document.querySelector('video').duration", 6)
     statuses("what the page is made of is sent", 200)
-    for second, colour in ((4.5, "blue"), (1.5, "red")):
-        page.expect_later(f"the film goes to second {second}", f"site.seek({second})", second)
-        page.expect(f"the film shows second {second}", "site.colour()", colour)
-    films = site.answers(page, {"/video.mp4"})["/video.mp4"]
-    page.check("the film's end was asked for without what is before it",
-               any(film["status"] == 206 and film["bytes"] < VIDEO_GAP // 2 for film in films), True)
     browser.save_screenshot(str(screenshots / "site.png"))
     page.expect_no_complaints("the browser has no complaints")
 
@@ -154,7 +132,6 @@ def main(program, screenshots=None):
         screenshots = pathlib.Path(screenshots or folder)
         shutil.copytree(HERE / "site", folder / "site")
         shutil.copy(FONT, folder / "site/icons.woff2")
-        (folder / "site/video.mp4").write_bytes(stretched((HERE / "site/video.mp4").read_bytes()))
         write_page(program, folder / "site")
         page = open_browser(ending, folder)
         # Without TLS, as a browser keeps nothing of a server whose certificate it does not know.

@@ -215,23 +215,20 @@ TEST(Host, TakesNoStandardStreamThatItsHostHasClosed) {
   EXPECT_EQ(EndOf(child), 0);
 }
 
-/// A thread that breaks off handshakes until the process ends.
-void LoadForEver(int port, std::atomic<int>& turns) {
-  std::thread([&turns, port] {
-    for (;; ++turns) RawClient(port).Send("\x16\x03\x01\x02");
-  }).detach();
-}
-
 // Whatever another thread holds at the moment of the fork stays held in the child for ever.
-TEST(HostDeathTest, AForkedChildMayExit) {
+TEST(HostDeathTest, AForkedChildMayExitAndAProcessWithoutAStop) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   const auto forkUnderLoad = [] {
     static const auto* const library = new Library;
     static void* const handle = library->Start();
     const int port = library->port(handle);
     std::atomic<int> turns = 0;
-    LoadForEver(port, turns);
-    LoadForEver(port, turns);
+    for (int thread = 0; thread < 2; ++thread) {
+      std::thread([&turns, port] {  // breaks off handshakes until the process ends
+        for (;; ++turns) RawClient(port).Send("\x16\x03\x01\x02");
+      })
+          .detach();
+    }
     const BackgroundProgram curl(
         CurlWords({"--parallel", "-o", "/dev/null",
                    "https://127.0.0.1:" + std::to_string(port) + "/[1-100000000]"}));
@@ -263,23 +260,10 @@ TEST(HostDeathTest, AForkedChildMayExit) {
       }
       failures += status == 0 ? 0 : 1;
     }
-    std::_Exit(failures == 0 && RawClient(port).Connected() ? 7 : 8);
+    // It may exit without a stop itself, under that load.
+    std::exit(failures == 0 && RawClient(port).Connected() ? 7 : 8);
   };
   EXPECT_EXIT(forkUnderLoad(), testing::ExitedWithCode(7), "");
-}
-
-TEST(HostDeathTest, MayExitWithoutAStop) {
-  testing::GTEST_FLAG(death_test_style) = "threadsafe";
-  const auto exitUnderLoad = [] {
-    static const auto* const library = new Library;  // never unloaded
-    static void* const handle = library->Start();    // never stopped
-    const int port = library->port(handle);
-    std::atomic<int> turns = 0;
-    LoadForEver(port, turns);
-    LoadForEver(port, turns);
-    std::exit(WaitFor([&turns] { return turns >= 200; }) && StatusOf(port) == "404" ? 7 : 8);
-  };
-  EXPECT_EXIT(exitUnderLoad(), testing::ExitedWithCode(7), "");
 }
 
 }  // namespace

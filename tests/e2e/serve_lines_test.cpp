@@ -68,8 +68,11 @@ class Reader {
 /// A server whose standard streams lead there.
 class Unread {
  public:
-  Unread(Reader& out, const std::string& redirections, const std::vector<std::string>& options = {})
-      : program_(Words(folder_, redirections, options)) {
+  Unread(Reader& out, const std::string& redirections, const std::string& options = {})
+      : program_({"sh", "-c",
+                  "exec " VELKORO_PROGRAM " serve '" + folder_.Path() +
+                      "' --minimal --listen http://127.0.0.1:0 " + options + redirections}) {
+    folder_.Write("a", "page");
     EXPECT_TRUE(out.ReadUntil(std::regex("on http://127\\.0\\.0\\.1:([0-9]+)/")));
     port_ = std::stoi(out.found[1]);
   }
@@ -78,18 +81,14 @@ class Unread {
     constexpr int kAtOnce = 20;
     RawClient client(port_);
     std::string some;
+    std::string answers;
     for (int i = 0; i < kAtOnce; ++i) {
       some += "GET /a HTTP/1.1\r\nUser-Agent: " + std::string(500, 'x') + "\r\n\r\n";
+      answers += Answer("page");
     }
     int answered = 0;
-    for (; answered < requests && client.Send(some); answered += kAtOnce) {
-      std::size_t left = kAtOnce * Answer("page").size();
-      while (left > 0) {
-        const std::string piece = client.ReadSome(left);
-        if (piece.empty()) return answered;
-        left -= piece.size();
-      }
-    }
+    while (answered < requests && client.Send(some) && client.ReadUntil(answers) == answers)
+      answered += kAtOnce;
     return answered;
   }
   int Port() const { return port_; }
@@ -102,24 +101,6 @@ class Unread {
   }
 
  private:
-  static std::vector<std::string> Words(const TemporaryFolder& folder,
-                                        const std::string& redirections,
-                                        const std::vector<std::string>& options) {
-    folder.Write("a", "page");
-    std::vector<std::string> words = {"sh",
-                                      "-c",
-                                      "exec \"$@\" " + redirections,
-                                      "sh",
-                                      VELKORO_PROGRAM,
-                                      "serve",
-                                      folder.Path(),
-                                      "--minimal",
-                                      "--listen",
-                                      "http://127.0.0.1:0"};
-    words.insert(words.end(), options.begin(), options.end());
-    return words;
-  }
-
   TemporaryFolder folder_;
   BackgroundProgram program_;
   int port_ = 0;
@@ -142,9 +123,7 @@ TEST(ServeLines, AStreamThatIsNotReadStopsNobody) {
     const bool log = kind == std::string("log");
     Reader out(kind == std::string("terminal"));
     Reader fifo(false);
-    Unread server(
-        out, ">" + out.Path(),
-        log ? std::vector<std::string>{"--log", fifo.Path()} : std::vector<std::string>{});
+    Unread server(out, ">" + out.Path(), log ? "--log " + fifo.Path() + " " : "");
     EXPECT_EQ(server.Ask(kRequests), kRequests);
     Reader& reader = log ? fifo : out;
     EXPECT_TRUE(WaitFor([&] {
@@ -160,7 +139,7 @@ TEST(ServeLines, AStreamThatIsNotReadStopsNobody) {
 
 TEST(ServeLines, ASecondSignalEndsTheProcessWhateverHangs) {
   Reader out(false);
-  Unread server(out, ">" + out.Path(), {"--grace", "600"});
+  Unread server(out, ">" + out.Path(), "--grace 600 ");
   EXPECT_EQ(server.Ask(kRequests), kRequests);
   RawClient slow(server.Port(), 4096);
   slow.Send("GET /a HTTP/1.1\r\n");

@@ -176,7 +176,7 @@ class Client {
       bed_.Pass(seconds(1));
     }
     // Reading a byte makes no room: what the server was still writing meanwhile was its last.
-    if (cell_.moment == Moment::kFirst) bed_.PassAllLimits();
+    if (cell_.moment == Moment::kFirst) WaitFor([this] { return bed_.PassAllLimits(); });
   }
 
   void Flood() {

@@ -13,21 +13,3 @@ const { instance } = await WebAssembly.instantiateStreaming(fetch("add.wasm"));
 site.sum = instance.exports.add(40, 2);
 
 site.fonts = (await document.fonts.load("16px Icons", "\uf015")).map((face) => face.status);
-
-// Sends the video to that second, and tells which it is at then.
-const video = document.querySelector("video");
-site.seek = async (seconds) => {
-  const sought = new Promise((done) => (video.onseeked = done));
-  video.currentTime = seconds;
-  await sought;
-  return video.currentTime;
-};
-
-// The colour of what the video shows: its frame may come a little later than the end of a seek.
-site.colour = () => {
-  const canvas = Object.assign(document.createElement("canvas"), { width: 1, height: 1 });
-  const context = canvas.getContext("2d");
-  context.drawImage(video, 0, 0, 1, 1);
-  const [red, , blue] = context.getImageData(0, 0, 1, 1).data;
-  return red > blue ? "red" : "blue";
-};
