@@ -3,9 +3,9 @@
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 build_packages=(cmake g++ libbrotli-dev libcli11-dev libssl-dev ninja-build pkg-config zlib1g-dev)
-test_packages=(apache2-utils binutils curl haproxy iso-codes libgtest-dev libsodium-dev libsqlite3-dev
+test_packages=(binutils curl iso-codes libgtest-dev libsodium-dev libsqlite3-dev
                libxml2-utils nginx-light openssl php-cgi pkg-config procps python3 shared-mime-info
-               wget xkb-data)
+               xkb-data)
 browser_packages=(chromium chromium-driver fonts-font-awesome python3-selenium)
 check_packages=(abigail-tools clang clang-format clang-tidy git)
 bench_packages=(iso-codes libbenchmark-dev libpugixml-dev libtinyxml2-dev libxml2-dev shared-mime-info xkb-data)

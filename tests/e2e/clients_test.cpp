@@ -49,17 +49,21 @@ class Clients : public testing::Test {
   }
   /// An nginx that serves the site at one socket and is a proxy before the server at another.
   void StartNginx() {
-    std::string http =
+    std::string text =
+        "daemon off; master_process off; pid pid; error_log error;\nevents {}\nhttp {\n"
         "types { text/html html; text/javascript mjs; text/css css; image/svg+xml svg; }\n"
         "gzip on; gzip_min_length 1024; gzip_types text/css;\n"
-        "default_type application/octet-stream;\n";
+        "default_type application/octet-stream;\naccess_log off;\n";
+    for (const std::string kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+      text += kind + "_temp_path t_" + kind + ";\n";
     for (const std::string name : {"files", "proxy"}) {
-      http += "server { listen unix:" + work_.Path(name) + "; server_name 127.0.0.1; root " +
+      text += "server { listen unix:" + work_.Path(name) + "; server_name 127.0.0.1; root " +
               folder_.Path() + "; location / { " +
               (name == "proxy" ? "proxy_pass " + Url() + "; " : "") + "} }\n";
     }
-    nginx_ = zrtest::StartNginx(work_, http);
-    ASSERT_TRUE(nginx_) << ReadFile(work_.Path("error"));
+    nginx_ = std::make_unique<BackgroundProgram>(std::vector<std::string>{
+        "nginx", "-p", work_.Path(), "-e", "error", "-c", work_.Write("nginx.conf", text + "}\n")});
+    ASSERT_TRUE(WaitFor([&] { return !ReadFile(work_.Path("pid")).empty(); })) << nginx_->Errors();
   }
 
   const std::string big_ = Pattern(300'000);
@@ -69,7 +73,7 @@ class Clients : public testing::Test {
   std::unique_ptr<BackgroundProgram> nginx_;
 };
 
-TEST_F(Clients, Tools) {
+TEST_F(Clients, Uploads) {
   Serve({"--log-format", "combined"});
   // curl: uploads of a known and of an unknown length, a download that goes on where it stopped.
   EXPECT_EQ(Curl("/cgi-bin/echo", {"-T", folder_.Path("data.mine")}), "PUT 4 127.0.0.1 mine|200");
@@ -79,29 +83,6 @@ TEST_F(Clients, Tools) {
     EXPECT_EQ(Curl("/big.bin", {"-C", "-", "-o", part}), status);
     EXPECT_EQ(ReadFile(part), big_);
   }
-  // wget: the same, and a whole site, twice.
-  std::filesystem::remove(part);
-  work_.Write("big.bin", big_.substr(0, 1000));
-  const auto wget = [&](std::vector<std::string> words) {
-    words.insert(words.begin(), {"wget", "-nv", "-T", "20", "-t", "1", "-P", work_.Path()});
-    return RunProgram(words);
-  };
-  EXPECT_EQ(wget({"-c", Url("/big.bin")}).status, 0);
-  EXPECT_EQ(ReadFile(work_.Path("big.bin")), big_);
-  for (int run = 0; run < 2; ++run) {
-    const RunResult mirror = wget({"-m", "-nH", Url("/")});
-    EXPECT_EQ(mirror.status, 0) << mirror.err;
-    EXPECT_EQ(mirror.err.find("URL:") == std::string::npos, run == 1) << mirror.err;
-  }
-  for (const char* file : {"index.html", "dir/index.html", "p q.svg", "app.mjs"})
-    EXPECT_EQ(ReadFile(work_.Path(file)), ReadFile(folder_.Path(file))) << file;
-  // ab speaks the old version, with and without keeping connections.
-  for (const char* keep : {"-k", "-q"}) {
-    const RunResult ab = RunProgram({"ab", "-q", keep, "-n", "200", "-c", "4", Url("/app.mjs")});
-    EXPECT_NE(ab.out.find("Complete requests:      200\nFailed requests:        0"), ab.out.npos)
-        << ab.out << ab.err;
-    EXPECT_EQ(ab.out.find("Keep-Alive requests:    200") != ab.out.npos, keep == std::string("-k"));
-  }
   Curl("/none");
   served_->Stop();
   const std::string last = served_->Log().back();
@@ -109,37 +90,21 @@ TEST_F(Clients, Tools) {
   EXPECT_NE(last.find("GET /none HTTP/1.1\" 404 199 \"-\" \"curl/"), last.npos) << last;
 }
 
-// What stands in front of servers: nginx, and HAProxy, which asks whether the server lives.
+// What stands in front of servers, and speaks the old version to them.
 TEST_F(Clients, Proxies) {
   Serve();
   StartNginx();
-  const std::string socket = work_.Path("ha");
-  const std::string address = Url().substr(std::string("http://").size());
-  const std::string configuration =
-      work_.Write("ha.cfg",
-                  "defaults\n mode http\n timeout connect 20s\n timeout client 50s\n"
-                  " timeout server 50s\n timeout check 20s\nfrontend f\n bind unix@" +
-                      socket + "\n default_backend b\nbackend b\n option httpchk\n server s " +
-                      // On a busy machine three checks in a row may be late, which says nothing.
-                      address + " check inter 20 fall 1000\n");
-  const BackgroundProgram haproxy({"haproxy", "-db", "-f", configuration});
-  EXPECT_TRUE(served_->WaitForLog(6));
-  for (const std::string& line : served_->Log())
-    EXPECT_NE(line.find("\"OPTIONS /\" --> 204"), line.npos) << line;
-  for (const std::string& through : {work_.Path("proxy"), socket}) {
-    SCOPED_TRACE(through);
-    const auto ask = [&](const std::string& path, std::vector<std::string> words,
-                         const std::string& input = {}) {
-      words.insert(words.end(), {"--unix-socket", through});
-      return Curl(path, words, {}, input);
-    };
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(ask("/app.mjs", {}), "export {};|200");
-    EXPECT_EQ(ask("/big.bin", {}), big_ + "|200");
-    EXPECT_EQ(ask("/big.bin", {"-r", "5-9"}), big_.substr(5, 5) + "|206");
-    EXPECT_EQ(ask("/big.bin", {"-I", "-o", "/dev/null"}), "|200");
-    EXPECT_EQ(ask("/cgi-bin/echo", {"-T", "-"}, "mine"), "PUT 4 127.0.0.1 mine|200");
-    EXPECT_EQ(ask("/dir/", {"-H", "If-None-Match: *"}), "|304");
-  }
+  const auto ask = [&](const std::string& path, std::vector<std::string> words,
+                       const std::string& input = {}) {
+    words.insert(words.end(), {"--unix-socket", work_.Path("proxy")});
+    return Curl(path, words, {}, input);
+  };
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(ask("/app.mjs", {}), "export {};|200");
+  EXPECT_EQ(ask("/big.bin", {}), big_ + "|200");
+  EXPECT_EQ(ask("/big.bin", {"-r", "5-9"}), big_.substr(5, 5) + "|206");
+  EXPECT_EQ(ask("/big.bin", {"-I", "-o", "/dev/null"}), "|200");
+  EXPECT_EQ(ask("/cgi-bin/echo", {"-T", "-"}, "mine"), "PUT 4 127.0.0.1 mine|200");
+  EXPECT_EQ(ask("/dir/", {"-H", "If-None-Match: *"}), "|304");
 }
 
 /// A head's fields by lower-case name, without those that say when and by whom.

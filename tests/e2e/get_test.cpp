@@ -1,4 +1,4 @@
-// velkoro get as a user runs it, against our program, a scripted peer and nginx.
+// velkoro get as a user runs it, against our program and a scripted peer.
 
 #include <gtest/gtest.h>
 
@@ -52,6 +52,7 @@ TEST(Get, AThousandRequestsThroughTenWorkersAreWrittenInOrder) {
   EXPECT_EQ(ReadFile(file), expected);
   EXPECT_EQ(Lines(run.err), 1000u);
   EXPECT_LE(peer.Count(), 10);
+  EXPECT_EQ(RunProgram({VELKORO_OUTGOING, Url("http", peer.Port(), "/a")}).out, "/a");
   // What stands in the file is not lost to a request that fails.
   EXPECT_EQ(Get({"http://no-such-host.invalid/", "--output", file}).status, 1);
   EXPECT_EQ(ReadFile(file), expected);
@@ -123,54 +124,4 @@ TEST(Get, EveryFailureIsOneLine) {
     EXPECT_EQ(Lines(run.err), 1u) << run.err;
     EXPECT_NE(run.err.find(c.said), std::string::npos) << run.err;
   }
-}
-
-// A server of another make, with and without TLS: kept connections, chunks, big bodies, old
-// versions of the protocol.
-TEST(Get, NginxAnswers) {
-  TemporaryFolder folder;
-  const auto& keys = TestCertificate();
-  const std::string big(3'000'000, 'b');
-  folder.Write("www/big", big);
-  folder.Write("www/page.html", "<!--# echo var=\"request_method\" -->!");
-  // nginx takes no port 0: one that was free a moment ago is tried, and another if it is gone.
-  std::unique_ptr<BackgroundProgram> nginx;
-  int plain = 0;
-  int secure = 0;
-  for (int attempt = 0; attempt < 5 && !nginx; ++attempt) {
-    {
-      ScriptedPeer one([](int, PeerConnection&) {});
-      ScriptedPeer two([](int, PeerConnection&) {});
-      plain = one.Port();
-      secure = two.Port();
-    }
-    const auto listen = [](int port) { return "listen 127.0.0.1:" + std::to_string(port); };
-    nginx = StartNginx(folder, "server { " + listen(plain) + "; " + listen(secure) +
-                                   " ssl; ssl_certificate " + keys.certificate +
-                                   "; ssl_certificate_key " + keys.privateKey +
-                                   "; root www; keepalive_requests 7;\n"
-                                   "location /page.html { ssi on; ssi_types *; } }");
-  }
-  ASSERT_TRUE(nginx) << ReadFile(folder.Path("error"));
-  std::string pages;
-  for (int i = 0; i < 50; ++i) pages += "GET!";
-  for (const std::string& url : {Url("http", plain, ""), Url("https", secure, "")}) {
-    SCOPED_TRACE(url);
-    const RunResult page = Get({url + "/page.html", "--ca", keys.certificate, "--repeat", "50"});
-    EXPECT_EQ(page.status, 0) << page.err;
-    EXPECT_EQ(page.out, pages);
-    const RunResult file = Get({url + "/big", "--ca", keys.certificate});
-    EXPECT_EQ(file.status, 0) << file.err;
-    EXPECT_EQ(file.out, big);
-    const RunResult none = Get({url + "/none", "--ca", keys.certificate});
-    EXPECT_EQ(none.status, 1);
-    EXPECT_NE(none.err.find("status 404"), std::string::npos) << none.err;
-  }
-  // By default the system's store decides, which does not know the certificate.
-  const RunResult unknown = Get({Url("https", secure, "/big")});
-  EXPECT_EQ(unknown.status, 1);
-  EXPECT_NE(unknown.err.find("TLS failure"), std::string::npos) << unknown.err;
-  const RunResult example =
-      RunProgram({VELKORO_OUTGOING, "http://127.0.0.1:" + std::to_string(plain) + "/page.html"});
-  EXPECT_EQ(example.out, "GET!") << example.err;
 }

@@ -91,7 +91,6 @@ class Unread {
       answered += kAtOnce;
     return answered;
   }
-  int Port() const { return port_; }
   BackgroundProgram& Program() { return program_; }
   Clock::duration TimeToEnd(int signal) {
     const auto begin = Clock::now();
@@ -135,18 +134,6 @@ TEST(ServeLines, AStreamThatIsNotReadStopsNobody) {
     EXPECT_LT(server.TimeToEnd(SIGTERM), 3s);
     EXPECT_EQ(server.Program().Status(), 0);
   }
-}
-
-TEST(ServeLines, ASecondSignalEndsTheProcessWhateverHangs) {
-  Reader out(false);
-  Unread server(out, ">" + out.Path(), "--grace 600 ");
-  EXPECT_EQ(server.Ask(kRequests), kRequests);
-  RawClient slow(server.Port(), 4096);
-  slow.Send("GET /a HTTP/1.1\r\n");
-  server.Program().Signal(SIGTERM);
-  EXPECT_TRUE(WaitFor([&] { return !RawClient(server.Port()).Connected(); }));
-  EXPECT_LT(server.TimeToEnd(SIGINT), 3s);
-  EXPECT_EQ(server.Program().Status(), 0);
 }
 
 TEST(ServeLines, HangUpWithoutALogEndsTheProgram) {

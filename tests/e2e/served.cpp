@@ -77,25 +77,6 @@ int Served::Stop() {
   return program_.Status();
 }
 
-std::unique_ptr<BackgroundProgram> StartNginx(const TemporaryFolder& folder,
-                                              const std::string& http) {
-  std::string places;
-  for (const char* kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
-    places += std::string(kind) + "_temp_path t_" + kind + "; ";
-  const std::string configuration =
-      folder.Write("nginx.conf",
-                   "daemon off; master_process off; pid pid; error_log error;\n"
-                   "events {}\nhttp { access_log off; " +
-                       places + http + "}\n");
-  auto nginx = std::make_unique<BackgroundProgram>(
-      std::vector<std::string>{"nginx", "-p", folder.Path(), "-e", "error", "-c", configuration});
-  WaitFor([&] {
-    return nginx->WaitForEnd(std::chrono::seconds(0)) || !ReadFile(folder.Path("pid")).empty();
-  });
-  if (nginx->Status() != -1) nginx = nullptr;
-  return nginx;
-}
-
 std::vector<std::string> CurlWords(const std::vector<std::string>& more) {
   std::vector<std::string> words = {
       "curl", "--silent",     "--show-error", "--max-time",

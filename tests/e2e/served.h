@@ -2,7 +2,6 @@
 // The program `velkoro serve`, run as a user runs it, on ports that the system chooses.
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,11 +38,6 @@ class Served {
   BackgroundProgram program_;
   std::map<std::string, int> ports_;
 };
-
-/// An nginx with that in its "http" block and its files in the folder; null when it does not come
-/// to serve.
-std::unique_ptr<BackgroundProgram> StartNginx(const TemporaryFolder& folder,
-                                              const std::string& http);
 
 /// Words of a curl command that checks the certificate of the tests and shows no progress.
 std::vector<std::string> CurlWords(const std::vector<std::string>& more);
