@@ -83,12 +83,6 @@ class Page:
             actual = failed.msg
         self.check(what, actual, expected)
 
-    def expect_later(self, what, promise, expected):
-        """Evaluates an expression and waits for what it promises."""
-        self.check(what, self.browser.execute_async_script(
-            "const done = arguments[0]; Promise.resolve().then(() => " + promise +
-            ").then(done, failed => done(String(failed)))"), expected)
-
     def expect_title(self, what, expected):
         self.expect(what, "document.title", expected)
 

@@ -6,7 +6,6 @@
 Needs what browser.py needs, and the Debian package fonts-font-awesome.
 """
 
-import collections
 import contextlib
 import json
 import pathlib
@@ -25,38 +24,30 @@ FONT = "/usr/share/fonts-font-awesome/fonts/fontawesome-webfont.woff2"
 ADDED = "This part was added by a script; it isn't in the page's own text."
 
 
-class Site:
-    """A served folder and the lines of its access log."""
-
-    def __init__(self, ending, program, folder, scheme, options):
-        self.log = folder.with_suffix(".log")
-        self.old = 0
-        _, self.url = start_server(
-            ending, [program, "serve", folder, "--listen", f"{scheme}://127.0.0.1:0", "--state",
-                     folder.with_suffix(".state"), "--log", self.log, "--log-format", "json",
-                     *options],
-            r" on (https?://127\.0\.0\.1:\d+/)")
-
-    def answers(self, page, wanted):
-        """Waits until there are lines with these targets; all since the last visit, by target."""
-        answers = collections.defaultdict(list)
-
-        def complete(_):
-            answers.clear()
-            lines = self.log.read_text().split("\n")[self.old:-1]
-            for line in map(json.loads, lines):
-                answers[line["target"]].append(line)
-            return answers.keys() >= wanted
-
-        with contextlib.suppress(TimeoutException):
-            WebDriverWait(page.browser, WAIT, 0.02).until(complete)
-        return answers
-
-    def begin_visit(self):
-        self.old = self.log.read_text().count("\n")
+def serve(ending, program, folder, scheme, *options):
+    """Where a folder is served; the access log is beside it."""
+    return start_server(
+        ending, [program, "serve", folder, "--listen", f"{scheme}://127.0.0.1:0", "--state",
+                 folder.with_suffix(".state"), "--log", folder.with_suffix(".log"), "--log-format",
+                 "json", *options],
+        r" on (https?://127\.0\.0\.1:\d+/)")[1]
 
 
-def visit_site(page, site, screenshots):
+def statuses(page, log, wanted, seen):
+    """Waits until there are lines for these targets behind so many; their first statuses."""
+    found = {}
+
+    def complete(_):
+        for line in map(json.loads, log.read_text().split("\n")[seen:-1]):
+            found.setdefault(line["target"], line["status"])
+        return found.keys() >= wanted
+
+    with contextlib.suppress(TimeoutException):
+        WebDriverWait(page.browser, WAIT, 0.02).until(complete)
+    return {target: found.get(target) for target in wanted}
+
+
+def visit_site(page, url, log, screenshots):
     browser = page.browser
     parts = {"/", "/style.css", "/picture.svg", "/main.mjs", "/part.mjs", "/part.mjs?late",
              "/worker.mjs", "/add.wasm", "/icons.woff2"}
@@ -69,21 +60,17 @@ def visit_site(page, site, screenshots):
         page.expect(f"a web font, {when}", "site.fonts", ["loaded"])
         page.expect(f"an SVG picture, {when}", "document.querySelector('img').naturalWidth", 40)
 
-    def statuses(what, expected):
-        answers = site.answers(page, parts)
-        page.check(what, {part: answers[part][0]["status"] for part in parts & answers.keys()},
-                   dict.fromkeys(parts, expected))
-
-    browser.get(site.url)
+    browser.get(url)
     look("first visit")
-    statuses("what the page is made of is sent", 200)
+    page.check("what the page is made of is sent", statuses(page, log, parts, 0),
+               dict.fromkeys(parts, 200))
     browser.save_screenshot(str(screenshots / "site.png"))
     page.expect_no_complaints("the browser has no complaints")
-
-    site.begin_visit()
+    seen = log.read_text().count("\n")
     browser.refresh()
     look("reloaded")
-    statuses("what the browser has is not sent again", 304)
+    page.check("what the browser has is not sent again", statuses(page, log, parts, seen),
+               dict.fromkeys(parts, 304))
     page.expect_no_complaints("nor after the reload")
 
 
@@ -104,12 +91,12 @@ def write_page(program, folder):
         "appendChild: part => window.document.body.appendChild(part)})</script></body></html>")
 
 
-def visit_written(page, site, screenshots):
-    page.browser.get(site.url + "written.html")
+def visit_written(page, url, screenshots):
+    page.browser.get(url + "written.html")
     page.expect_text("a script adds its part", "#added", ADDED)
     page.expect("the lamps are animated", "[0, 1].map(i => getComputedStyle(document.querySelector("
                 "'.lamp' + i)).animationName)", ["lamp0", "lamp1"])
-    page.browser.get(site.url + "nothing/here.html")
+    page.browser.get(url + "nothing/here.html")
     page.expect_title("a missing page shows its title", "Error 404 - not found")
     page.expect("and its message", "document.body.innerText.replace(/\\n+/g, '\\n')",
                 "Error 404 - not found\nThe requested page was not found or the project was timed "
@@ -119,11 +106,11 @@ def visit_written(page, site, screenshots):
     page.expect_title("its link leads to the start page", "Site")
 
 
-def visit_routes(page, site):
-    page.browser.get(site.url + "items/12")
+def visit_routes(page, url):
+    page.browser.get(url + "items/12")
     page.expect_title("a route of an app is opened from outside", "Site")
-    page.expect_later("a missing script is no page",
-                      "fetch('/none.js').then(answer => answer.status)", 404)
+    page.expect("a missing script is no page", "fetch('/none.js').then(answer => answer.status)",
+                404)
 
 
 def main(program, screenshots=None):
@@ -135,12 +122,11 @@ def main(program, screenshots=None):
         write_page(program, folder / "site")
         page = open_browser(ending, folder)
         # Without TLS, as a browser keeps nothing of a server whose certificate it does not know.
-        visit_site(page, Site(ending, program, folder / "site", "http", ["--cache", "0"]),
+        site = folder / "site"
+        visit_site(page, serve(ending, program, site, "http", "--cache", "0"), folder / "site.log",
                    screenshots)
-        visit_routes(page, Site(ending, program, folder / "site", "https",
-                                ["--fallback", "index.html"]))
-        visit_written(page, Site(ending, program, folder / "site", "https", ["--minimal"]),
-                      screenshots)
+        visit_routes(page, serve(ending, program, site, "https", "--fallback", "index.html"))
+        visit_written(page, serve(ending, program, site, "https", "--minimal"), screenshots)
         return 1 if page.failures else 0
 
 

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <stdexcept>
-#include <utility>
 
 namespace zrtest {
 namespace {
@@ -25,24 +24,18 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
 }  // namespace
 
 BackgroundProgram::BackgroundProgram(const std::vector<std::string>& arguments,
-                                     const std::optional<std::string>& input,
+                                     const std::string& input,
                                      const std::vector<std::string>& environment) {
   std::vector<char*> entries = Pointers(environment);
   entries.pop_back();
   for (char** entry = environ; *entry != nullptr; ++entry) entries.push_back(*entry);
   entries.push_back(nullptr);
   const std::vector<char*> words = Pointers(arguments);
-  int in[2] = {-1, -1};
-  if (input) {
-    in[0] = open(files_.Write("in", *input).c_str(), O_RDONLY | O_CLOEXEC);
-  } else if (pipe2(in, O_CLOEXEC) != 0) {
-    throw std::runtime_error("no pipe");
-  }
-  input_ = in[1];
+  const int in = open(files_.Write("in", input).c_str(), O_RDONLY | O_CLOEXEC);
   const auto create = [this](const char* name) {
     return open(files_.Path(name).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   };
-  const int streams[] = {in[0], create("out"), create("err")};
+  const int streams[] = {in, create("out"), create("err")};
   const pid_t parent = getpid();
   id_ = fork();
   if (id_ == 0) {
@@ -60,16 +53,11 @@ BackgroundProgram::BackgroundProgram(const std::vector<std::string>& arguments,
 }
 
 BackgroundProgram::~BackgroundProgram() {
-  EndInput();
   if (status_ < 0) {
     kill(id_, SIGKILL);
     WaitForEnd();
   }
   close(watch_);
-}
-
-void BackgroundProgram::EndInput() {
-  if (input_ >= 0) close(std::exchange(input_, -1));
 }
 
 void BackgroundProgram::Signal(int number) const {

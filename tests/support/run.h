@@ -3,7 +3,6 @@
 // streams are files, so no amount of output can block them.
 
 #include <chrono>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,10 +15,9 @@ namespace zrtest {
 /// cannot be run ends with status 127.
 class BackgroundProgram {
  public:
-  /// The environment entries ("NAME=value") come before those of the test program. Without input
-  /// the program's standard input stays open, with nothing in it, until EndInput().
+  /// The environment entries ("NAME=value") come before those of the test program.
   explicit BackgroundProgram(const std::vector<std::string>& arguments,
-                             const std::optional<std::string>& input = std::string(),
+                             const std::string& input = {},
                              const std::vector<std::string>& environment = {});
   ~BackgroundProgram();
   BackgroundProgram(const BackgroundProgram&) = delete;
@@ -27,7 +25,6 @@ class BackgroundProgram {
 
   std::string Output() const { return ReadFile(files_.Path("out")); }
   std::string Errors() const { return ReadFile(files_.Path("err")); }
-  void EndInput();
   void Signal(int number) const;
   /// True once the program has ended; false when it still runs after the limit.
   bool WaitForEnd(std::chrono::seconds limit = std::chrono::seconds(60));
@@ -37,7 +34,6 @@ class BackgroundProgram {
 
  private:
   TemporaryFolder files_;
-  int input_ = -1;  // our end of an open standard input
   int id_ = -1;
   int watch_ = -1;
   int status_ = -1;
