@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "tests/e2e/served.h"
+#include "tests/support/raw_client.h"
 
 namespace {
 
@@ -148,6 +149,106 @@ TEST_F(ServeStandard, TheSiteIsAsItsOptionsSay) {
   ASSERT_EQ(log.size(), std::size(cases) + 4);
   EXPECT_NE(log[10].find(R"("target":"/","protocol":"HTTP/1.1","status":400)"), html.npos)
       << log[10];
+}
+
+TEST_F(ServeStandard, AnswersInOrderAndSaysWhyItCloses) {
+  Serve({});
+  struct Exchange {
+    const char* name;
+    std::string bytes;
+    std::string statuses;
+    bool closes;
+  };
+  const std::string get = "GET /app.mjs HTTP/1.1\r\nHost: h\r\n\r\n";
+  const std::string post = "POST /cgi-bin/echo HTTP/1.1\r\nHost: h\r\n";
+  const std::string two = post + "Content-Length: 1\r\n\r\nx" + post + "Content-Length: 0\r\n\r\n";
+  const Exchange exchanges[] = {
+      {"pipelined", get + two + "HEAD /none HTTP/1.0\r\n\r\n", "200 200 200 404 ", true},
+      {"stays", get + get, "200 200 ", false},
+      {"malformed", get + "GET / HTTP/1.1\r\n\r\n" + get, "200 400 ", true},
+      {"smuggled", post + "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + get,
+       "400 ", true},
+      {"a long line", "GET /" + std::string(20'000, 'x'), "414 ", true},
+      {"a proxy's check", "OPTIONS / HTTP/1.0\r\n\r\n", "204 ", true},
+      {"half a request", get + "GET / HT", "200 ", false},
+  };
+  for (const Exchange& c : exchanges) {
+    SCOPED_TRACE(c.name);
+    RawClient client(served_->Port("http"));
+    client.Send(c.bytes);
+    if (!c.closes) client.FinishSending();
+    bool ended = false;
+    const std::string got = client.ReadToEnd(&ended);
+    EXPECT_TRUE(ended);
+    std::string statuses;
+    for (std::size_t at = 0; (at = got.find("HTTP/1.1 ", at)) != got.npos;)
+      statuses += got.substr(at += 9, 4);
+    EXPECT_EQ(statuses, c.statuses) << got;
+    EXPECT_EQ(got.find("\r\nConnection: close\r\n") != got.npos, c.closes) << got;
+  }
+  // A large body waits for the word to go on; curl would wait a second for none.
+  const std::vector<std::string> waits = {"-v",
+                                          "--stderr",
+                                          "-",
+                                          "-o",
+                                          "/dev/null",
+                                          "--data-binary",
+                                          "@-",
+                                          "-H",
+                                          "Expect: 100-continue",
+                                          "--expect100-timeout",
+                                          "30"};
+  const std::string large = Curl("/cgi-bin/echo", waits, {}, big_);
+  EXPECT_NE(large.find("HTTP/1.1 100 Continue"), large.npos) << large;
+  EXPECT_TRUE(large.ends_with("|200")) << large;
+  // ... and is not sent when there is none.
+  std::vector<std::string> more = waits;
+  more.insert(more.end(), {"-H", "Content-Length: 999999999"});
+  const std::string refused = Curl("/cgi-bin/echo", more, {}, big_);
+  EXPECT_EQ(refused.find("100 Continue"), refused.npos) << refused;
+  EXPECT_TRUE(refused.ends_with("|413")) << refused;
+}
+
+TEST_F(ServeStandard, BodiesAreCompressedForWhoAcceptsIt) {
+  std::string text;
+  for (int i = 0; i < 20'000; ++i) text += "line " + std::to_string(i * i) + "\n";
+  const std::string file = folder_.Write("text.css", text);
+  folder_.Write("pre.js", text);
+  folder_.Write("pre.js.br", "not what curl can read");
+  folder_.WriteProgram("cgi-bin/text", "printf 'Content-Type: text/x\\n\\n'; cat '" + file + "'");
+  Serve({"--page", "stored=" + file});
+  const struct {
+    const char* path;
+    const char* accepts;
+    std::string coding;
+  } cases[] = {{"/text.css", "gzip", "gzip"},
+               {"/text.css", "gzip", "gzip"},
+               {"/text.css", "gzip;q=0.5, br", "br"},
+               {"/text.css", "gzip;q=0", ""},
+               {"/app.mjs", "gzip", ""},
+               {"/big.bin", "gzip", ""},
+               {"/pre.js", "gzip", "gzip"},
+               {"/cgi-bin/text", "gzip", "gzip"},
+               {"/cgi-bin/text", "br", "br"},
+               {"/stored", "gzip", "gzip"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.path) + c.accepts);
+    const std::string accepts = std::string("Accept-Encoding: ") + c.accepts;
+    const std::string got =
+        Curl(c.path, {"--compressed", "-H", accepts}, "|%header{content-encoding}|%header{etag}");
+    const std::string tag = got.substr(got.rfind('|') + 1);
+    EXPECT_TRUE(got == Curl(c.path) + "|" + c.coding + "|" + tag);
+    // A version that the client has is not made for it again.
+    if (tag.empty()) continue;
+    EXPECT_EQ(tag.ends_with((c.coding.empty() ? "gzip" : c.coding) + "\""), !c.coding.empty());
+    EXPECT_EQ(Curl(c.path, {"-H", accepts, "-H", "If-None-Match: " + tag}), "|304");
+  }
+  EXPECT_EQ(Curl("/pre.js", {"-H", "Accept-Encoding: br"}), "not what curl can read|200");
+  EXPECT_TRUE(Curl("/pre.js", {"-I"}, "%header{vary}").ends_with("|200Accept-Encoding"));
+  EXPECT_EQ(Curl("/text.css", {"-r", "0-3", "-H", "Accept-Encoding: br"}), "line|206");
+  const std::string several = Curl("/text.css", {"-r", "0-1,5-5"});
+  EXPECT_NE(several.find("\r\n\r\nli\r\n--"), several.npos) << several;
+  EXPECT_TRUE(several.ends_with("--\r\n|206"));
 }
 
 }  // namespace
