@@ -2,13 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "tests/e2e/served.h"
-#include "tests/support/run.h"
 #include "tests/support/scripted_peer.h"
-#include "tests/support/temporary_folder.h"
 #include "tests/support/wait.h"
 
 using namespace zrtest;
@@ -106,7 +101,6 @@ TEST(Get, EveryFailureIsOneLine) {
       {Url("http", garbage.Port()), {}, "unreadable answer"},
       {Url("https", plain.Port()), {"--insecure"}, "TLS failure"},
       {Url("http", missing.Port()), {}, "status 404"},
-      {Url("http", missing.Port()), {"--output", "/nowhere/file"}, "/nowhere/file"},
       {Url("https", missing.Port()), {"--ca", "/nowhere.pem"}, "/nowhere.pem"},
       {"http:/half", {}, "http:/half", 2},
       {"ftp://127.0.0.1/", {}, "https, http or quarn", 2},

@@ -157,6 +157,10 @@ TEST(Serve, LogsToAFileThatHangUpOpensAgain) {
   EXPECT_EQ(ReadFile(logs.Path("old")).find("/two"), std::string::npos);
   EXPECT_TRUE(served.Log().empty());
   EXPECT_EQ(served.Stop(), 0);
+  Served bare(folder, {"http"});  // has none to open, and ends
+  bare.Program().Signal(SIGHUP);
+  EXPECT_TRUE(bare.Program().WaitForEnd());
+  EXPECT_EQ(bare.Program().Status(), 128 + SIGHUP);
 }
 
 TEST(Serve, MakesACertificateOnceAndKeepsIt) {

@@ -1,5 +1,4 @@
-// Programs and PHP pages in standard semantics: real curl, real php-cgi, the program `velkoro
-// serve`.
+// Programs and PHP pages in standard semantics, as users see them.
 
 #include <gtest/gtest.h>
 

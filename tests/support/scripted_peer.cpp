@@ -29,9 +29,8 @@ std::string PeerConnection::ReadBytes(std::size_t count) {
 }
 
 bool PeerConnection::ReadMore() {
-  const std::string more = ReadSome();
-  unread_ += more;
-  return !more.empty();
+  const std::size_t before = unread_.size();
+  return (unread_ += ReadSome()).size() > before;
 }
 
 ScriptedPeer::ScriptedPeer(Script script) : script_(std::move(script)) {

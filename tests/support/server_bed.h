@@ -74,7 +74,7 @@ class ServerBed {
     return std::stoi(Records(ZrServerCallback_t::kListening).back().info.Get("port"));
   }
   void Start(std::uint32_t kind, const std::map<std::string, std::string>& options) {
-    configuration = zr::MakeJob<ZrXServerHeader>(true, kind);
+    const auto configuration = zr::MakeJob<ZrXServerHeader>(true, kind);
     configuration->SetOption("tcp_port", "0");
     for (const auto& [name, value] : options) configuration->SetOption(name, value);
     opened = transceiver.OpenServer(*handler, configuration, callback);
@@ -115,7 +115,6 @@ class ServerBed {
   };
   ZrTransceiver transceiver;
   std::shared_ptr<BedHandler> handler;
-  std::shared_ptr<ZrXServerHeader> configuration;
   std::string opened;  // what OpenServer answered last
 };
 

@@ -186,7 +186,7 @@ class Peer {
 void RunAll(Wire wire, std::initializer_list<Moment> moments) {
   std::unique_ptr<TortureBed> bed;
   for (const Moment moment : moments) {
-    for (const Act act : kActs) {
+    for (Act act = Act::kFin; act <= Act::kKeyUpdates; act = Next(act)) {
       if (!IsPossible(wire, moment, act)) continue;
       for (const Framing framing : {Framing::kLength, Framing::kChunked}) {
         if (moment < Moment::kHead && framing == Framing::kChunked) continue;

@@ -94,6 +94,11 @@ class SiteServers {
 };
 
 class TortureBed {
+  class Pages;
+  const TemporaryFolder folder_;
+  const std::string gate_;
+  const std::unique_ptr<ZrRequestApplication> pages_;
+
  public:
   static constexpr std::size_t kBigSize = 8 << 20;  // more than the sockets between take
 
@@ -124,22 +129,14 @@ class TortureBed {
   const std::string& GatePath() const { return gate_; }
 
   ManualClock clock{1'000'000};
+  SiteServers servers;
 
  private:
-  class Pages;
   Counts Count();
   std::string Settle(std::string& slow);
   bool IsIdle();
   void WarmUp();
 
-  const TemporaryFolder folder_;
-  const std::string gate_;
-  const std::unique_ptr<ZrRequestApplication> pages_;
-
- public:
-  SiteServers servers;
-
- private:
   std::unique_ptr<Bystander> bystander_;
   Counts before_;
 };

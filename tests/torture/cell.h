@@ -42,13 +42,12 @@ enum class Act {
   kFlood,
   kKeyUpdates
 };
-inline constexpr Act kActs[] = {Act::kFin,   Act::kNotify,    Act::kNotifyReset, Act::kPartial,
-                                Act::kReset, Act::kSilence,   Act::kTrickle,     Act::kGarbage,
-                                Act::kFlood, Act::kKeyUpdates};
 inline constexpr const char* kActNames[] = {
     "FIN",   "close_notify", "close_notify and RST", "part of a record and FIN",
     "RST",   "silence",      "one byte a second",    "garbage",
     "flood", "key updates"};
+
+inline Act Next(Act act) { return static_cast<Act>(static_cast<int>(act) + 1); }
 
 /// Whether this peer can do that at this moment at all.
 inline bool IsPossible(Wire wire, Moment moment, Act act) {

@@ -8,10 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "handlers/cgi.h"
-#include "handlers/static_files.h"
 #include "http/protocol_kind.h"
-#include "http/server_head.h"
 #include "platform/detached.h"
 #include "platform/filesystem.h"
 #include "tests/support/captured.h"

@@ -36,8 +36,6 @@ Context MakeContext(Wire wire, bool server) {
 
 }  // namespace
 
-void Line::Free::operator()(ssl_st* tls) const { SSL_free(tls); }
-
 Line::Line(int port, Wire wire) : RawClient(port, 16 * 1024) { Begin(wire, false); }
 
 Line::Line(ZrDescriptor socket, Wire wire) : RawClient(std::move(socket)) { Begin(wire, true); }
@@ -47,7 +45,7 @@ void Line::Begin(Wire wire, bool server) {
   setsockopt(socket_.Get(), IPPROTO_TCP, TCP_NODELAY, &now, sizeof now);
   if (wire == Wire::kPlain) return;
   const auto context = MakeContext(wire, server);
-  tls_.reset(SSL_new(context.get()));
+  tls_ = {SSL_new(context.get()), &SSL_free};
   SSL_set_bio(tls_.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
   BIO_set_mem_eof_return(SSL_get_rbio(tls_.get()), -1);
   server ? SSL_set_accept_state(tls_.get()) : SSL_set_connect_state(tls_.get());

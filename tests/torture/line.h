@@ -52,10 +52,7 @@ class Line : public RawClient {
   std::string TakeOutput();
   bool Fill(std::chrono::milliseconds limit);
 
-  struct Free {
-    void operator()(ssl_st* tls) const;
-  };
-  std::unique_ptr<ssl_st, Free> tls_;
+  std::unique_ptr<ssl_st, void (*)(ssl_st*)> tls_{nullptr, nullptr};
 };
 
 }  // namespace zrtest

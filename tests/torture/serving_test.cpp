@@ -264,7 +264,7 @@ class Client {
 void RunAll(Wire wire, std::initializer_list<Moment> moments, bool raw = false) {
   std::unique_ptr<TortureBed> bed;
   for (const Moment moment : moments) {
-    for (const Act act : kActs) {
+    for (Act act = Act::kFin; act <= Act::kKeyUpdates; act = Next(act)) {
       if (!IsPossible(wire, moment, act)) continue;
       for (const Thing thing :
            {Thing::kFile, Thing::kPage, Thing::kProgram, Thing::kMissing, Thing::kRaw}) {
