@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Visits `velkoro serve` with headless Chromium: what pages are made of today, and a built app.
+"""Visits `velkoro serve` with headless Chromium: what pages are made of today, what Velkoro writes
+for pages, and a built app.
 
     site_test.py VELKORO [SCREENSHOT_FOLDER]
 
@@ -26,6 +27,7 @@ from browser import LIMIT, WAIT, open_browser, start_server
 
 HERE = pathlib.Path(__file__).parent
 FONT = "/usr/share/fonts-font-awesome/fonts/fontawesome-webfont.woff2"
+ADDED = "This part was added by a script; it isn't in the page's own text."
 VIDEO_GAP = 32 << 20  # more than a browser reads ahead
 
 
@@ -126,6 +128,38 @@ def visit_site(page, site, screenshots):
     page.expect_no_complaints("nor after the reload")
 
 
+def write_page(program, folder):
+    """A page whose animation and whose one paragraph are what the commands write."""
+    def written(*words):
+        return subprocess.run([program, *words], check=True, capture_output=True, text=True,
+                              timeout=LIMIT).stdout
+
+    animation = written("animate", "!linearanimation('.lamp', 3s, infinite, 2, 'opacity: 1;', "
+                                   "'opacity: 0.2;', 5)")
+    (folder / "part.html").write_text(f"<p id=\"added\">{ADDED}</p>")
+    script = written("markup", "script", folder / "part.html")
+    (folder / "written.html").write_text(
+        f"<!DOCTYPE html><html><head><style>{animation}</style></head><body>"
+        "<i class=\"lamp0\">0</i><i class=\"lamp1\">1</i><script>(function (document) "
+        f"{script})({{createElement: tag => window.document.createElement(tag),"
+        "appendChild: part => window.document.body.appendChild(part)})</script></body></html>")
+
+
+def visit_written(page, url, screenshots):
+    page.browser.get(url + "written.html")
+    page.expect_text("a script adds its part", "#added", ADDED)
+    page.expect("the lamps are animated", "[0, 1].map(i => getComputedStyle(document.querySelector("
+                "'.lamp' + i)).animationName)", ["lamp0", "lamp1"])
+    page.browser.get(url + "nothing/here.html")
+    page.expect_title("a missing page shows its title", "Error 404 - not found")
+    page.expect("and its message", "document.body.innerText.replace(/\\n+/g, '\\n')",
+                "Error 404 - not found\nThe requested page was not found or the project was timed "
+                "out.\nStartseite")
+    page.browser.save_screenshot(str(screenshots / "not_found.png"))
+    page.click("a")
+    page.expect_title("its link leads to the start page", "Site")
+
+
 def use_app(page, site, screenshots):
     browser = page.browser
     browser.get(site.url)
@@ -156,6 +190,7 @@ def main(program, screenshots=None):
         shutil.copy(FONT, folder / "site/icons.woff2")
         (folder / "site/video.mp4").write_bytes(stretched((HERE / "site/video.mp4").read_bytes()))
         build_app(folder / "app")
+        write_page(program, folder / "site")
         page = open_browser(ending, folder)
         # Without TLS, as a browser keeps nothing of a server whose certificate it does not know.
         visit_site(page, Site(ending, program, folder / "site", "http", ["--cache", "0"]),
@@ -164,6 +199,8 @@ def main(program, screenshots=None):
                            ["--fallback", "index.html", "--header",
                             "Content-Security-Policy: default-src 'self'; img-src 'self' data:"]),
                 screenshots)
+        visit_written(page, Site(ending, program, folder / "site", "https", ["--minimal"]).url,
+                      screenshots)
         return 1 if page.failures else 0
 
 

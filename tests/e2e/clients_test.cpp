@@ -32,14 +32,9 @@ class Clients : public testing::Test {
     folder_.Write("list/.hidden", "");
     std::filesystem::create_symlink("/etc/passwd", folder_.Path("list/out"));
     std::filesystem::create_symlink("b.txt", folder_.Path("list/in"));
-    const std::string echo =
-        folder_.Write("cgi-bin/echo",
-                      "#!/bin/sh\nprintf 'Content-Type: text/plain\\n\\n%s' "
-                      "\"$REQUEST_METHOD $CONTENT_LENGTH $REMOTE_ADDR \"\ncat\n");
-    std::filesystem::permissions(echo, std::filesystem::perms::owner_all);
-    const std::string port = folder_.Write(
-        "cgi-bin/port", "#!/bin/sh\nprintf 'Content-Type: text/plain\\n\\n%s' $REMOTE_PORT\n");
-    std::filesystem::permissions(port, std::filesystem::perms::owner_all);
+    folder_.WriteProgram("cgi-bin/echo", R"(printf 'Content-Type: text/plain\n\n%s' )"
+                                         R"("$REQUEST_METHOD $CONTENT_LENGTH $REMOTE_ADDR "; cat)");
+    folder_.WriteProgram("cgi-bin/port", R"(printf 'Content-Type: text/plain\n\n%s' $REMOTE_PORT)");
     folder_.Write("long.css", std::string(50'000, ' '));
   }
   void Serve(const std::vector<std::string>& options = {}) {

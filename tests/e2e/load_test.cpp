@@ -36,20 +36,6 @@ long PeakKilobytes(int id) {
   return std::stol(text.substr(text.find("VmHWM:") + 6));
 }
 
-TEST(Load, AnswersTwoHundredTlsConnectionsAtOnce) {
-  const TemporaryFolder folder;
-  folder.Write("a", "first!");
-  Served served(folder);
-  std::vector<std::string> words = {
-      "--parallel", "--parallel-immediate", "--parallel-max", "200", "--http1.1", "--fail"};
-  for (int i = 0; i < 200; ++i) words.push_back(served.Url("https", "/a"));
-  const auto got = RunProgram(CurlWords(words), {}, std::chrono::seconds(90));
-  EXPECT_EQ(got.status, 0) << got.err;
-  EXPECT_EQ(std::count(got.out.begin(), got.out.end(), '!'), 200);
-  EXPECT_TRUE(served.WaitForLog(200));
-  EXPECT_EQ(served.Stop(), 0);
-}
-
 TEST(Load, ServesAnotherWhileThousandsAreSilent) {
   const TemporaryFolder folder;
   folder.Write("a", "first");
@@ -64,9 +50,14 @@ TEST(Load, ServesAnotherWhileThousandsAreSilent) {
     ASSERT_TRUE(silent.back().Connected());
     silent.back().Send(i % 4 < 2 ? "" : "GET /a HT");  // a part of a head, or of a handshake
   }
-  for (const char* protocol : {"http", "https"}) {
-    EXPECT_EQ(served.Curl(protocol, "/a").out, "first");
-  }
+  EXPECT_EQ(served.Curl("http", "/a").out, "first");
+  std::vector<std::string> words = {
+      "--parallel", "--parallel-immediate", "--parallel-max", "200", "--http1.1", "--fail"};
+  for (int i = 0; i < 200; ++i) words.push_back(served.Url("https", "/a"));
+  const auto got = RunProgram(CurlWords(words), {}, std::chrono::seconds(90));
+  EXPECT_EQ(got.status, 0) << got.err;
+  EXPECT_EQ(got.out.size(), 200 * std::string("first").size());
+  EXPECT_TRUE(served.WaitForLog(201));
   // With nothing to do, nothing runs. The wait is for time that must pass: 3 s of idling.
   const long before = CpuTicks(served.Program().Id());
   RawClient quiet(served.Port("http"));

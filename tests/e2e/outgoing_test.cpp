@@ -145,27 +145,6 @@ TEST(Outgoing, AnAnswerThatNobodyAskedForEndsTheConnection) {
   EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 right 1");
 }
 
-TEST(Outgoing, AHeadMustBeCompleteInAMinute) {
-  ManualClock clock;
-  std::atomic<int> allowed{0};
-  std::atomic<int> sent{0};
-  ScriptedPeer peer([&](int, PeerConnection& connection) {
-    connection.ReadRequest();
-    while (WaitFor([&] { return allowed > sent; }) && connection.Send("H")) ++sent;
-  });
-  AskingBed bed(clock);
-  const auto asked = AskingBed::Request(peer.Port());
-  bed.client->SendMessage(asked);
-  while (allowed < 12 && bed.client->Outcomes().empty()) {
-    ++allowed;
-    ASSERT_TRUE(WaitFor([&] { return sent == allowed || bed.client->Outcomes().size() == 1; }));
-    clock.Advance(std::chrono::seconds(20));
-    bed.transceiver.WakeHousekeeper();
-  }
-  EXPECT_EQ(bed.OutcomeOf(asked->JobName()), "timed out");
-  allowed = 1000;  // the peer sees the end
-}
-
 TEST(Outgoing, SlowIsNotSilent) {
   ManualClock clock;
   const std::string wait = "HTTP/1.1 102 Wait\r\n\r\n";
@@ -260,26 +239,6 @@ TEST(Outgoing, AnAnswerMayComeBeforeTheRequestIsThrough) {
   EXPECT_TRUE(WaitFor([&bed] { return bed.transceiver.ConnectionCount() == 0; }));
   told = true;
   EXPECT_EQ(bed.Ask(AskingBed::Request(80, "/", {}, zr::kProtocolFile)), "not sent");
-}
-
-TEST(Outgoing, PoolsOfTargetsThatAreDoneAreDropped) {
-  AskingBed bed;
-  std::size_t most = 0;
-  const std::size_t before = ZrJobRegistry::Instance().Count().tasks;
-  const auto askAnother = [&bed] {
-    ScriptedPeer peer([](int, PeerConnection& connection) {
-      connection.ReadRequest();
-      connection.Send(Answer("once"));
-    });
-    EXPECT_EQ(bed.Ask(AskingBed::Request(peer.Port())), "200 once");
-    ASSERT_TRUE(WaitFor([&bed] { return bed.transceiver.ConnectionCount() == 0; }));
-  };
-  for (int i = 0; i < 30; ++i) askAnother();
-  EXPECT_TRUE(WaitFor([&] {
-    askAnother();
-    most = ZrJobRegistry::Instance().Count().tasks;
-    return most < before + 10;
-  })) << most;
 }
 
 TEST(Outgoing, StopWithRequestsInFlight) {

@@ -158,22 +158,6 @@ TEST(ServeLines, AStreamThatIsNotReadStopsNobody) {
   }
 }
 
-TEST(ServeLines, DiagnosticsThatAreNotReadStopNobody) {
-  Reader out(false);
-  Reader errors(false);
-  Unread server(out, ">" + out.Path() + " 2>" + errors.Path());
-  for (int i = 0; i < 1000; ++i) {
-    RawClient client(server.Port());
-    client.Send("GET /a HTTP/1.1\r\n");
-    client.Reset();
-  }
-  EXPECT_EQ(server.Ask(100), 100);
-  EXPECT_LT(server.TimeToEnd(SIGTERM), 3s);
-  errors.Drain();
-  const auto lines = std::count(errors.Text().begin(), errors.Text().end(), '\n');
-  EXPECT_TRUE(lines > 0 && lines < 200) << errors.Text();
-}
-
 TEST(ServeLines, ASecondSignalEndsTheProcessWhateverHangs) {
   Reader out(false);
   Unread server(out, ">" + out.Path(), {"--grace", "600"});

@@ -14,9 +14,7 @@ using namespace zrtest;
 class StandardPrograms : public testing::Test {
  protected:
   void Program(const std::string& name, const std::string& commands) {
-    folder_.Write("cgi-bin/" + name, "#!/bin/sh\n" + commands + "\n");
-    std::filesystem::permissions(folder_.Path("cgi-bin/" + name),
-                                 std::filesystem::perms::owner_all);
+    folder_.WriteProgram("cgi-bin/" + name, commands);
   }
   std::string Wait(const std::string& file) {
     return "while [ ! -e '" + folder_.Path(file) + "' ]; do sleep 0.01; done";

@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <filesystem>
-#include <set>
-
 #include "host/application.h"
 #include "http/protocol_kind.h"
 #include "http/response_head.h"
@@ -35,7 +31,6 @@ class Standard : public testing::Test {
  protected:
   Standard() {
     folder_.Write("a b", "file");
-    folder_.Write("cgi-bin/none", "");
     ZrOptionMap options;
     options.Set("_baseDirectoryHTTP", folder_.Path());
     options.Set("no_browser_popup", "1");
@@ -69,20 +64,22 @@ class Standard : public testing::Test {
   int port_ = 0;
 };
 
+/// The field of a head; "-" when it has none.
+std::string Field(const std::string& head, const std::string& name) {
+  const std::size_t at = head.find("\r\n" + name + ": ");
+  if (at == head.npos) return "-";
+  const std::size_t begin = at + name.size() + 4;
+  return head.substr(begin, head.find("\r\n", begin) - begin);
+}
+
 TEST_F(Standard, ServesRealClients) {
   EXPECT_EQ(Asked("/a%20b"), "file|200");
-  EXPECT_EQ(Asked("/x/../a%20b", {"--path-as-is"}), "file|200");
-  EXPECT_EQ(Asked("/a%20b", {"-0"}), "file|200");
   EXPECT_EQ(Asked("/%2e%2e/a%20b%2f", {"--path-as-is"}).substr(0, 15), "<!DOCTYPE html>");
   const std::string head = Curl("/a%20b", {"-I"}).out;
   EXPECT_TRUE(head.starts_with("HTTP/1.1 200 OK\r\nDate: ")) << head;
-  EXPECT_NE(head.find("\r\nContent-Length: 4\r\n"), head.npos);
-  EXPECT_TRUE(head.ends_with("\r\n\r\n"));
   EXPECT_NE(Asked("/", {"-X", "OPTIONS", "-i"}).find("\r\nAllow: GET, HEAD, POST"), head.npos);
   EXPECT_NE(Asked("", {"-X", "OPTIONS", "--request-target", "*"}).find("|204"), head.npos);
   EXPECT_NE(Asked("/a%20b", {"-T", "-", "-i"}, "x").find("|405"), head.npos);
-  EXPECT_NE(Asked("/", {"-X", "BREW"}).find("|501"), head.npos);
-  EXPECT_NE(Asked("/nothing", {}).find("|404"), head.npos);
 
   const std::string form = "quarnid=echo&quarncommand=made&x=a+b";
   const std::string answer = Asked("/p%C3%BC", {"-d", form, "-i"});
@@ -167,9 +164,8 @@ TEST_F(Standard, BodiesAreCompressedForWhoAcceptsIt) {
   folder_.Write("small.css", "a{}");
   folder_.Write("pre.js", text);
   folder_.Write("pre.js.br", "not what curl can read");
-  folder_.Write("cgi-bin/text", "#!/bin/sh\nprintf 'Content-Type: text/x\\n\\n'\ncat '" +
-                                    folder_.Path("text.css") + "'\n");
-  std::filesystem::permissions(folder_.Path("cgi-bin/text"), std::filesystem::perms::owner_all);
+  folder_.WriteProgram("cgi-bin/text", "printf 'Content-Type: text/x\\n\\n'\ncat '" +
+                                           folder_.Path("text.css") + "'");
   const std::string form = "/?quarnid=echo&x=" + std::string(4000, 'y');
   struct Case {
     std::string path;
@@ -181,83 +177,53 @@ TEST_F(Standard, BodiesAreCompressedForWhoAcceptsIt) {
                         {"/small.css", "gzip", "-"},           {"/a%20b", "gzip", "-"},
                         {"/pre.js", "gzip", "gzip"},           {"/cgi-bin/text", "gzip", "gzip"},
                         {"/cgi-bin/text", "br", "br"},         {form, "gzip", "gzip"}};
-  const auto field = [](const std::string& head, const std::string& name) {
-    const std::size_t at = head.find("\r\n" + name + ": ");
-    if (at == head.npos) return std::string("-");
-    const std::size_t begin = at + name.size() + 4;
-    return head.substr(begin, head.find("\r\n", begin) - begin);
-  };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path.substr(0, 20) + c.accepts);
     const std::string accepts = std::string("Accept-Encoding: ") + c.accepts;
     const RunResult got = Curl(c.path, {"--compressed", "-H", accepts, "-i"});
     const std::size_t end = got.out.find("\r\n\r\n") + 4;
-    EXPECT_EQ(field(got.out.substr(0, end), "Content-Encoding"), c.coding);
+    EXPECT_EQ(Field(got.out.substr(0, end), "Content-Encoding"), c.coding);
     EXPECT_TRUE(got.out.substr(end) == Curl(c.path, {}).out) << got.err;
     // A version that the client has is not made for it again.
-    const std::string tag = field(got.out, "ETag");
+    const std::string tag = Field(got.out, "ETag");
     if (tag == "-") continue;
     EXPECT_EQ(tag.ends_with(std::string(c.coding) + "\""), c.coding != "-");
     EXPECT_EQ(Asked(c.path, {"-H", accepts, "-H", "If-None-Match: " + tag}), "|304");
   }
   EXPECT_EQ(Curl("/pre.js", {"-H", "Accept-Encoding: br"}).out, "not what curl can read");
-  EXPECT_EQ(field(Curl("/pre.js", {"-I"}).out, "Vary"), "Accept-Encoding");
+  EXPECT_EQ(Field(Curl("/pre.js", {"-I"}).out, "Vary"), "Accept-Encoding");
   EXPECT_EQ(Asked("/text.css", {"-r", "0-3", "-H", "Accept-Encoding: br"}), "line|206");
 }
 
+// The rest of what is said of files is compared with another server's answers (clients_test.cpp).
 TEST_F(Standard, FilesHaveTypesVersionsAndParts) {
   folder_.Write("app.mjs", "export {};");
-  folder_.Write("sub dir/index.html", "inside");
   folder_.Write(".well-known/x.json", "{}");
   folder_.Write("large", std::string(100'000, 'a') + "z");
-  const auto fields = [&](const std::string& path, std::vector<std::string> words = {}) {
-    words.insert(words.end(), {"-D", "-", "-o", "/dev/null"});
-    return Curl(path, words).out;
+  const auto field = [&](const std::string& path, const std::string& name) {
+    return Field(Curl(path, {"-D", "-", "-o", "/dev/null"}).out, name);
   };
-  const auto field = [&](const std::string& path, const std::string& name,
-                         std::vector<std::string> words = {}) {
-    const std::string head = fields(path, std::move(words));
-    const std::size_t at = head.find("\r\n" + name + ": ");
-    if (at == head.npos) return std::string("-");
-    const std::size_t begin = at + name.size() + 4;
-    return head.substr(begin, head.find("\r\n", begin) - begin);
-  };
-  EXPECT_EQ(field("/app.mjs", "Content-Type"), "text/javascript; charset=utf-8");
   EXPECT_EQ(field("/.well-known/x.json", "Content-Type"), "application/json");
-  EXPECT_EQ(field("/a%20b", "Content-Type"), "application/octet-stream");
-  EXPECT_EQ(field("/app.mjs", "Accept-Ranges"), "bytes");
-  // A version that the client has is not sent again; one that it does not mean is refused.
+  // A version that the client has is not sent again.
   const std::string tag = field("/app.mjs", "ETag");
   const std::string date = field("/app.mjs", "Last-Modified");
   EXPECT_EQ(Asked("/app.mjs", {"-H", "If-None-Match: " + tag}), "|304");
   EXPECT_EQ(Asked("/app.mjs", {"-H", "If-Modified-Since: " + date}), "|304");
-  EXPECT_TRUE(Asked("/app.mjs", {"-H", "If-Match: \"other\""}).ends_with("|412"));
   EXPECT_NE(field("/large", "ETag"), tag);
-  // Parts, from memory and from the disk.
-  EXPECT_EQ(Asked("/app.mjs", {"-r", "0-5"}), "export|206");
-  EXPECT_EQ(Asked("/large", {"-r", "99999-"}), "az|206");
-  EXPECT_EQ(Asked("/large", {"-r", "-1"}), "z|206");
-  EXPECT_EQ(field("/large", "Content-Range", {"-r", "-1"}), "bytes 100000-100000/100001");
-  EXPECT_EQ(Asked("/large", {"-r", "1-99000"}).size(), 99'000u + 4);
-  EXPECT_TRUE(Asked("/large", {"-r", "200000-"}).ends_with("|416"));
+  // Several parts, from memory and from the disk.
   const std::string several = Asked("/app.mjs", {"-r", "0-1,7-7"});
   EXPECT_NE(several.find("bytes 0-1/10\r\n\r\nex\r\n--"), several.npos) << several;
   EXPECT_TRUE(several.ends_with("--\r\n|206"));
+  EXPECT_NE(Asked("/large", {"-r", "0-1,99999-"}).find("/100001\r\n\r\naz\r\n--"), several.npos);
   // What a program says in its head is what the answer says.
-  folder_.Write(
+  folder_.WriteProgram(
       "cgi-bin/go",
-      "#!/bin/sh\nprintf 'Status: 303 Over there\\nLocation: https://a.example/\\nSet-Cookie: "
-      "a=1\\nSet-Cookie: b=2\\n\\n%s' \"$REQUEST_URI\"\n");
-  std::filesystem::permissions(folder_.Path("cgi-bin/go"), std::filesystem::perms::owner_all);
+      "printf 'Status: 303 Over there\\nLocation: https://a.example/\\nSet-Cookie: "
+      "a=1\\nSet-Cookie: b=2\\n\\n%s' \"$REQUEST_URI\"");
   EXPECT_EQ(Asked("/cgi-bin/go?x"), "/cgi-bin/go?x|303");
   EXPECT_EQ(field("/cgi-bin/go", "Location"), "https://a.example/");
-  // A directory's page stands behind its slash.
-  EXPECT_EQ(field("/sub%20dir?q", "Location"), "/sub%20dir/?q");
-  EXPECT_EQ(Asked("/sub%20dir/"), "inside|200");
-  EXPECT_TRUE(Asked("/none").ends_with("|404"));
   EXPECT_NE(Asked("/none", {"-H", "Accept: application/json"}).find("{\"status\":404"),
             std::string::npos);
-  EXPECT_TRUE(Asked("/.git/config", {"--path-as-is"}).ends_with("|404"));
 }
 
 }  // namespace

@@ -32,6 +32,13 @@ std::string TemporaryFolder::Write(std::string_view name, std::string_view bytes
   return path.string();
 }
 
+std::string TemporaryFolder::WriteProgram(std::string_view name,
+                                          const std::string& commands) const {
+  std::string path = Write(name, "#!/bin/sh\n" + commands + "\n");
+  std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+  return path;
+}
+
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream bytes;

@@ -19,6 +19,8 @@ class TemporaryFolder {
   std::string Path(std::string_view name = {}) const;
   /// Writes a file, making the folders on the way; returns its path.
   std::string Write(std::string_view name, std::string_view bytes) const;
+  /// Likewise a program of the shell that its owner may run.
+  std::string WriteProgram(std::string_view name, const std::string& commands) const;
 
  private:
   std::filesystem::path folder_;

@@ -185,13 +185,12 @@ TortureBed::TortureBed()
   folder_.Write("www/file", std::string(1000, 'f'));
   folder_.Write("www/big", std::string(kBigSize, 'f'));
   const auto program = [this](const char* name, const std::string& commands) {
-    const std::string path = folder_.Write(std::string("www/cgi-bin/") + name,
-                                           "#!/bin/sh\nprintf 'A: b\\r\\n\\r\\n'\n" + commands);
-    chmod(path.c_str(), 0755);
+    folder_.WriteProgram(std::string("www/cgi-bin/") + name,
+                         R"(printf 'A: b\r\n\r\n'; )" + commands);
   };
-  program("gate", "read line <" + gate_ + "\nexec cat " + folder_.Path("www/file") + "\n");
-  program("run", "exec cat " + folder_.Path("www/file") + "\n");
-  program("big", "exec cat " + folder_.Path("www/big") + "\n");
+  program("gate", "read line <" + gate_ + "; exec cat " + folder_.Path("www/file"));
+  program("run", "exec cat " + folder_.Path("www/file"));
+  program("big", "exec cat " + folder_.Path("www/big"));
 
   const auto reports = [this](ZrServerCallback_t& record) {
     if (record.kind != ZrServerCallback_t::kListening) return true;

@@ -93,6 +93,11 @@ ZR_WRAP(kPoll, int, poll, (pollfd * a, nfds_t b, int c), a, b, c)
 
 ZR_WRAP(kSync, int, fsync, (int a), a)
 ZR_WRAP(kRename, int, rename, (const char* a, const char* b), a, b)
+ZR_WRAP(kOpen, int, open, (const char* a, int b, mode_t c), a, b, c)
+ZR_WRAP(kControl, int, fcntl, (int a, int b, long c), a, b, c)
+// openat2() and pidfd_open().
+ZR_WRAP(kSystem, long, syscall, (long a, long b, long c, long d, long e, long f, long g), a, b, c,
+        d, e, f, g)
 ZR_WRAP(kOpen, int, mkostemp, (char* a, int b), a, b)
 ZR_WRAP(kSpawn, pid_t, fork, ())
 
@@ -118,25 +123,6 @@ ssize_t __wrap_writev(int descriptor, const iovec* parts, int count);
 ssize_t __wrap_writev(int descriptor, const iovec* parts, int count) {
   if (descriptor == STDERR_FILENO) ++zrtest::errorLines;
   return Strikes(Call::kWrite) ? -1 : __real_writev(descriptor, parts, count);
-}
-
-int __real_open(const char* path, int flags, mode_t mode);
-int __wrap_open(const char* path, int flags, mode_t mode);
-int __wrap_open(const char* path, int flags, mode_t mode) {
-  return Strikes(Call::kOpen) ? -1 : __real_open(path, flags, mode);
-}
-
-int __real_fcntl(int descriptor, int what, long value);
-int __wrap_fcntl(int descriptor, int what, long value);
-int __wrap_fcntl(int descriptor, int what, long value) {
-  return Strikes(Call::kControl) ? -1 : __real_fcntl(descriptor, what, value);
-}
-
-// openat2() and pidfd_open().
-long __real_syscall(long number, long a, long b, long c, long d, long e, long f);
-long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f);
-long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
-  return Strikes(Call::kSystem) ? -1 : __real_syscall(number, a, b, c, d, e, f);
 }
 
 int __real_posix_spawn(pid_t* a, const char* b, const posix_spawn_file_actions_t* c,
