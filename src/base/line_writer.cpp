@@ -187,7 +187,7 @@ void ZrLineQueue::GiveMemoryBack() {
 }
 
 // Writes what there is and the sink takes; returns when to look again without being woken.
-Clock::time_point ZrLineQueue::Step(ZrPoller& poller, bool hurry) {
+Clock::time_point ZrLineQueue::Step(ZrPoller* poller, bool hurry) {
   TakeNextSink(poller);
   Clock::time_point next = Clock::time_point::max();
   while (written_ < writing_.size() || Take(hurry, next)) {
@@ -195,7 +195,8 @@ Clock::time_point ZrLineQueue::Step(ZrPoller& poller, bool hurry) {
     const ZrLineSink::Result result = sink_.Write(std::string_view(writing_).substr(written_));
     written_ += result.count;
     if (result.status == ZrLineSink::Status::kBlocked) {
-      if (!watched_) watched_ = poller.Add(sink_.WaitDescriptor(), 0, ZrInterest::kWrite);
+      if (!watched_ && poller != nullptr)
+        watched_ = poller->Add(sink_.WaitDescriptor(), 0, ZrInterest::kWrite);
       // One that cannot be watched is asked again.
       return watched_ ? Clock::time_point::max() : Clock::now() + kPause;
     }
@@ -206,8 +207,8 @@ Clock::time_point ZrLineQueue::Step(ZrPoller& poller, bool hurry) {
   return next;
 }
 
-void ZrLineQueue::Unwatch(ZrPoller& poller) {
-  if (std::exchange(watched_, false)) poller.Remove(sink_.WaitDescriptor());
+void ZrLineQueue::Unwatch(ZrPoller* poller) {
+  if (std::exchange(watched_, false)) poller->Remove(sink_.WaitDescriptor());
 }
 
 // The next batch. No: there is none, or it is not its time; `next` says when.
@@ -251,7 +252,7 @@ bool ZrLineQueue::Take(bool hurry, Clock::time_point& next) {
 }
 
 // A line that the old sink has the first part of is lost; the whole ones behind it are not.
-void ZrLineQueue::TakeNextSink(ZrPoller& poller) {
+void ZrLineQueue::TakeNextSink(ZrPoller* poller) {
   std::unique_ptr<ZrLineSink> fresh;
   {
     const ZrLock hold(lock_);
@@ -355,8 +356,7 @@ void ZrLineWriter::WriteHere() noexcept try {
     poller = poller_.get();
     queues = queues_;
   }
-  for (const auto& queue : queues)
-    if (poller != nullptr) queue->Step(*poller, true);
+  for (const auto& queue : queues) queue->Step(poller, true);
   const ZrLock hold(lock_);
   writesHere_ = false;
 } catch (const std::exception&) {
@@ -382,7 +382,7 @@ void ZrLineWriter::Loop() {
     for (const auto& queue : queues) {
       if (stopping) queue->Close();
       try {
-        next = std::min(next, queue->Step(*poller, stopping));
+        next = std::min(next, queue->Step(poller, stopping));
       } catch (const std::exception&) {
         next = std::min(next, Clock::now() + ZrLineQueue::kPause);  // no memory for the moment
       }

@@ -65,11 +65,11 @@ class ZrLineQueue {
   void AddLeftOut(Kind& kind) ZR_REQUIRES(lock_);
 
   // For the writer's thread alone.
-  Clock::time_point Step(ZrPoller& poller, bool hurry) ZR_EXCLUDES(lock_);
+  Clock::time_point Step(ZrPoller* poller, bool hurry) ZR_EXCLUDES(lock_);
   bool Take(bool hurry, Clock::time_point& next) ZR_EXCLUDES(lock_);
-  void TakeNextSink(ZrPoller& poller) ZR_EXCLUDES(lock_);
+  void TakeNextSink(ZrPoller* poller) ZR_EXCLUDES(lock_);
   void EndBatch(const ZrLineSink::Result& result) ZR_EXCLUDES(lock_);
-  void Unwatch(ZrPoller& poller);
+  void Unwatch(ZrPoller* poller);
   bool IsPending() const ZR_REQUIRES(lock_);
   bool IsIdle() ZR_EXCLUDES(lock_);
   bool IsClosed() ZR_EXCLUDES(lock_);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -151,6 +152,17 @@ TEST(LineWriter, DiagnosticsAreSafeLinesAndAFewOfAKind) {
   std::string expected;
   for (int i = 0; i < 5; ++i) expected += "a reset\n";
   EXPECT_EQ(text, expected + "other\nvelkoro: 844 more lines like \"reset\" were left out\n");
+}
+
+TEST(LineWriterDeathTest, WritesWithoutDescriptors) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process without the writer's thread
+  const auto writeAndExit = [] {
+    const rlimit none{3, 3};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    zr::WriteErrorLine("a line");
+    std::_Exit(0);
+  };
+  EXPECT_EXIT(writeAndExit(), testing::ExitedWithCode(0), "^a line\n$");
 }
 
 }  // namespace
