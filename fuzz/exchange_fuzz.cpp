@@ -125,7 +125,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view bytes(reinterpret_cast<const char*>(data) + 2, size - 2);
   std::size_t handled = 0;
   const std::string whole = server.Exchange(bytes, 0, reset, handled);
-  ZR_FUZZ_CHECK(handled <= CountOf(bytes, "get") + CountOf(bytes, "post"));
+  // These are methods of the written dialect, too.
+  const std::size_t others = CountOf(bytes, "none") + CountOf(bytes, "answer");
+  ZR_FUZZ_CHECK(handled <= CountOf(bytes, "get") + CountOf(bytes, "post") + others);
   if (!reset) ZR_FUZZ_CHECK(CountAnswers(whole) == handled);
   std::size_t handledInPieces = 0;
   const std::string pieces = server.Exchange(bytes, cut, reset, handledInPieces);
