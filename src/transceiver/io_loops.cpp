@@ -375,9 +375,11 @@ void ZrIoLoops::Flush(ZrTransceiverConnection& connection, const Ready* ready) {
   {
     ZrLock writing(connection.Lock());
     if (ZrIoRegistration* const registration = connection.Registration()) {
+      // What others add from here on is written next time.
+      const bool wanted = connection.WantsOutput();
       const Output output = connection.WriteToSocket(*registration->socket);
       alive = output != Output::kDead && EndOutputWhenDone(connection, *registration);
-      const bool idle = output == Output::kIdle && !connection.IsClosing();
+      const bool idle = wanted && output == Output::kIdle && !connection.IsClosing();
       const bool useless = ready != nullptr && (ready->hangup || idle);
       if (useless && registration->outputWatched) alive = false;
     }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "tests/jobs/recording_job.h"
 #include "tests/support/raw_client.h"
 #include "tests/transceiver/transceiver_bed.h"
@@ -23,12 +25,12 @@ class EventCatcher : public RecordingJob {
 };
 
 // One registered connection to a raw client, its events caught.
-struct Line {
-  explicit Line(TransceiverBed& bed) {
+template <class Connection = ZrTransceiverConnection>
+struct LineOf {
+  explicit LineOf(TransceiverBed& bed) {
     auto socket = Accepted([this](int port) { client = std::make_unique<RawClient>(port); });
-    connection =
-        zr::MakeJob<ZrTransceiverConnection>(bed.transceiver, receiver->JobName(), peer->JobName(),
-                                             ZrServerCallback_t{}, &TransceiverBed::Finish);
+    connection = zr::MakeJob<Connection>(bed.transceiver, receiver->JobName(), peer->JobName(),
+                                         ZrServerCallback_t{}, &TransceiverBed::Finish);
     connection->CreateJoinedTask("keeps it listed");
     name = bed.transceiver.AddConnection(std::move(socket), connection);
   }
@@ -44,6 +46,35 @@ struct Line {
   std::shared_ptr<ZrTransceiverConnection> connection;
   std::string name;
 };
+using Line = LineOf<>;
+
+/// To which somebody adds bytes when the send job has just found none.
+class Late : public ZrTransceiverConnection {
+ public:
+  using ZrTransceiverConnection::ZrTransceiverConnection;
+  Output WriteToSocket(ZrSocketIPvx& socket) override {
+    const Output output = ZrTransceiverConnection::WriteToSocket(socket);
+    if (output == Output::kIdle && !std::exchange(added_, true)) {
+      ZrStringBuf more;
+      more.Append("more");
+      SendBuffer(std::move(more));
+    }
+    return output;
+  }
+
+ private:
+  bool added_ ZR_GUARDED_BY(lock_) = false;
+};
+
+TEST(Transceiver, WhatIsAddedWhileNothingIsThereToSendIsSent) {
+  TransceiverBed bed;
+  LineOf<Late> line(bed);
+  line.Send(std::string(16 << 20, 'a'));  // more than the sockets take
+  bed.transceiver.FlushConnection(*line.connection);
+  line.connection->DropQueue();  // as if another thread had got it all out meanwhile
+  EXPECT_TRUE(line.client->ReadUntil("more").ends_with("more"));
+  EXPECT_EQ(bed.transceiver.ConnectionCount(), 1u);
+}
 
 TEST(Transceiver, ShortMemoryPausesThoseWithMuchAndGivesUpTheNewestThatStandsStill) {
   ManualClock clock;
