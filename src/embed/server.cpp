@@ -199,6 +199,11 @@ class [[gnu::visibility("hidden")]] Server::Running {
   }
 
  private:
+  /// Goes last: what tells of events reaches the server until then.
+  struct AtEnd {
+    ~AtEnd() { ZrJobRegistry::Instance().Rest(); }
+  } atEnd_;
+
   ZrQuarnApplication2& Make() ZR_EXCLUDES(lock_) {
     std::vector<ZrServerDefinition> servers;
     for (const zr::ListenAddress& address : addresses_) {
@@ -323,10 +328,7 @@ class [[gnu::visibility("hidden")]] Server::Running {
 
 Server::Server(Options options) : running_(std::make_unique<Running>(std::move(options))) {}
 
-Server::~Server() {
-  running_.reset();
-  ZrJobRegistry::Instance().Rest();
-}
+Server::~Server() = default;
 
 Server& Server::Handle(std::string_view method, std::string_view pattern, Handler handler) {
   running_->Unstarted().routes.Add(method, pattern, std::move(handler));
