@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/sync.h"
 #include "tests/support/temporary_folder.h"
 #include "velkoro/server.h"
 
@@ -38,8 +39,10 @@ class Client : public testing::Test {
     server_.Handle("GET", "/server/{n}", [this](const Request& request, Answer& answer) {
       answer.Redirect(Url("/echo", request.Path<std::size_t>("n")));
     });
-    server_.Handle("GET", "/never",
-                   [this](const Request&, Answer& answer) { kept_.push_back(answer.Defer()); });
+    server_.Handle("GET", "/never", [this](const Request&, Answer& answer) {
+      ZrLock hold(lock_);
+      kept_.push_back(answer.Defer());
+    });
     server_.Start();
   }
   std::string Url(const std::string& path, std::size_t which = 0) const {
@@ -51,7 +54,8 @@ class Client : public testing::Test {
     return std::to_string(outcome.status) + " " + outcome.body + outcome.error;
   }
 
-  std::vector<velkoro::Later> kept_;
+  ZrMutex lock_;
+  std::vector<velkoro::Later> kept_ ZR_GUARDED_BY(lock_);
   velkoro::Server server_;
   velkoro::Client client_;
 };
