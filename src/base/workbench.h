@@ -83,7 +83,7 @@ struct ZrWorkbenchAllocator {
   using value_type = Thing;
   ZrWorkbenchAllocator() = default;
   template <class Other>
-  ZrWorkbenchAllocator(const ZrWorkbenchAllocator<Other>&) noexcept {}  // NOLINT: as allocators do
+  ZrWorkbenchAllocator(const ZrWorkbenchAllocator<Other>&) noexcept {}
   Thing* allocate(std::size_t count) {
     return static_cast<Thing*>(ZrWorkbench::Take(count * sizeof(Thing)));
   }

@@ -342,14 +342,22 @@ class [[gnu::visibility("hidden")]] Client::Asking {
 
   void Tell(Ended & ended, bool last) ZR_EXCLUDES(lock_) {
     Pending& pending = ended.pending;
+    if (ended.late) Withdraw(pending);
     try {
-      // Its connection would stay with a peer that says nothing, and ten of them are all there are.
-      if (ended.late) transceiver_.OutgoingRequests().Withdraw(sender_->JobName(), pending.head);
       if (ended.answer && !last && Follow(ended)) return;
       if (ended.answer) ended.outcome = OutcomeOf(*ended.answer, pending.request.url);
       pending.done(std::move(ended.outcome));
     } catch (...) {
       // The program's own failure, or memory ran out; a future then says that its promise broke.
+    }
+  }
+
+  // Its connection would stay with a peer that says nothing, and ten of them are all there are.
+  void Withdraw(const Pending& pending) noexcept {
+    try {
+      transceiver_.OutgoingRequests().Withdraw(sender_->JobName(), pending.head);
+    } catch (...) {
+      // Without memory it stays until its own time limit.
     }
   }
 
@@ -365,10 +373,7 @@ class [[gnu::visibility("hidden")]] Client::Asking {
     return true;
   }
 
-  /// Goes last.
-  struct AtEnd {
-    ~AtEnd() { ZrJobRegistry::Instance().Rest(); }
-  } atEnd_;
+  const ZrRegistryRest rest_;
   ZrMutex lock_;                                                 // never held while calling out
   std::map<std::string, Pending> pending_ ZR_GUARDED_BY(lock_);  // by the names of their heads
   Due due_ ZR_GUARDED_BY(lock_);

@@ -144,10 +144,6 @@ class [[gnu::visibility("hidden")]] Server::Running {
   }
 
   std::string Start() ZR_EXCLUDES(lock_) {
-    {
-      ZrLock hold(lock_);
-      if (started_) throw ServerError("a server starts once: make another one");
-    }
     ZrQuarnApplication2& application = Make();
     try {
       application.startServers();
@@ -199,10 +195,7 @@ class [[gnu::visibility("hidden")]] Server::Running {
   }
 
  private:
-  /// Goes last: what tells of events reaches the server until then.
-  struct AtEnd {
-    ~AtEnd() { ZrJobRegistry::Instance().Rest(); }
-  } atEnd_;
+  const ZrRegistryRest rest_;
 
   ZrQuarnApplication2& Make() ZR_EXCLUDES(lock_) {
     std::vector<ZrServerDefinition> servers;
@@ -238,7 +231,7 @@ class [[gnu::visibility("hidden")]] Server::Running {
       if (options_.log) options_.log(line);
     });
     ZrLock hold(lock_);
-    started_ = true;
+    if (std::exchange(started_, true)) throw ServerError("a server starts once: make another one");
     application_ = std::move(application);
     return *application_;
   }

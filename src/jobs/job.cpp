@@ -44,7 +44,6 @@ const std::string& ZrJob::JobName() const {
 bool ZrJob::ReceiveEvent(const ZrJobEvent& /*event*/) { return true; }
 
 // By value for the overrides, which move the event on.
-// NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool ZrJob::PostEvent(std::string_view /*target*/, ZrJobEvent /*event*/) { return false; }
 
 std::string ZrJob::CreateJoinedTask(std::string_view text) {

@@ -180,3 +180,12 @@ class ZrJobRegistry {
   std::size_t reapedCount_ ZR_GUARDED_BY(lock_) = 0;  // jobs it has ended so far
   ZrThread reaper_ ZR_GUARDED_BY(lock_);
 };
+
+/// First member of an owner of jobs, so that it goes last: the registry's threads need not outlive
+/// the jobs.
+struct ZrRegistryRest {
+  ZrRegistryRest() = default;
+  ZrRegistryRest(const ZrRegistryRest&) = delete;
+  ZrRegistryRest& operator=(const ZrRegistryRest&) = delete;
+  ~ZrRegistryRest() { ZrJobRegistry::Instance().Rest(); }
+};

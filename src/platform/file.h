@@ -21,7 +21,7 @@
 /// Whether a file is there cannot be told now; it may be told later.
 class ZrCannotTell final : public std::exception {
  public:
-  const char* what() const noexcept override { return "no descriptor to look for the file"; }
+  const char* what() const noexcept override { return "the system could not look for the file"; }
 };
 
 /// An open regular file or directory. Immutable after opening, so any number of threads may use it;

@@ -301,9 +301,8 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
 
 ZrTransceiverServerL1HTTP::Exchange& ZrTransceiverServerL1HTTP::EnterConnection(
     const ConnectionPointer& connection, const HandlerPointer& client) {
-  const bool known = ExchangeOf(*connection) != nullptr;
-  const auto exchange = std::static_pointer_cast<Exchange>(
-      connection->KeepForServer(known ? nullptr : std::make_shared<Exchange>()));
+  const auto exchange =
+      std::static_pointer_cast<Exchange>(connection->KeepForServer(std::make_shared<Exchange>()));
   std::string target = connection->HandlerName();
   std::string task;
   if (target.empty()) {

@@ -1,5 +1,6 @@
 #include "transceiver/outgoing_pools.h"
 
+#include <memory>
 #include <utility>
 
 #include "http/message_head.h"
@@ -17,6 +18,12 @@ std::string PoolKey(const ZrXHeader& request) {
     if (name != "timeout") key.append("\n").append(name).append("=").append(value);
   return key;
 }
+
+/// Who was counted as a pool's sender until it goes.
+struct Leave {
+  void operator()(ZrOutgoingLink* left) const { --left->senders; }
+};
+using Sender = std::unique_ptr<ZrOutgoingLink, Leave>;
 
 }  // namespace
 
@@ -68,8 +75,7 @@ std::string ZrOutgoingPools::Submit(const std::string& clientName,
                                     const ZrServerCallback& callback) {
   const Pool pool = FindOrMake(clientName, PoolKey(*message), message->ProtocolKind(), callback);
   if (!pool) return ZrJob::CommonErrorName();
-  const auto leave = [](ZrOutgoingLink* left) { --left->senders; };
-  const std::unique_ptr<ZrOutgoingLink, decltype(leave)> counted(pool.get(), leave);
+  const Sender counted(pool.get());
   pool->OutgoingJob().Attach(message->target);
   const std::string name = message->JobName();
   bool startFailed = false;
@@ -80,9 +86,8 @@ std::string ZrOutgoingPools::Submit(const std::string& clientName,
 void ZrOutgoingPools::Withdraw(const std::string& clientName,
                                const std::shared_ptr<ZrXHeader>& message) {
   const Pool pool = Find(clientName, PoolKey(*message));
-  if (!pool) return;
-  pool->Withdraw(message);
-  --pool->senders;
+  const Sender counted(pool.get());
+  if (pool) pool->Withdraw(message);
 }
 
 ZrOutgoingPools::Pool ZrOutgoingPools::Find(const std::string& clientName, const std::string& key) {

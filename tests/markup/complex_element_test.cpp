@@ -10,12 +10,7 @@
 
 namespace {
 
-using zrtest::Dump;
-using zrtest::Element;
-using zrtest::MessageOf;
-using zrtest::Repeated;
-using zrtest::Tree;
-using zrtest::Written;
+using namespace zrtest;
 
 // Notes its hooks and its end, and can refuse children.
 class Noting : public ZrXMLGenericElement {

@@ -10,12 +10,7 @@
 
 namespace {
 
-using zrtest::Dump;
-using zrtest::Element;
-using zrtest::MessageOf;
-using zrtest::Repeated;
-using zrtest::Tree;
-using zrtest::Written;
+using namespace zrtest;
 
 TEST(GenericElement, SearchesFindInDocumentOrder) {
   const auto a = Tree("<a><?p?><!--c-->t<b x='1'><a/></b><c x='1' y><b x='2'/></c></a>");

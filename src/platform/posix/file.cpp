@@ -42,8 +42,8 @@ int OpenInside(int directory, const char* path, int flags, std::uint64_t resolve
       [&] { return static_cast<int>(::syscall(SYS_openat2, directory, path, &how, sizeof how)); });
 }
 
-// Nothing behind that errno says that a file is not there.
-void ThrowUnlessToldApart(const ZrDescriptor& opened) {
+// By the errno of an opening that failed.
+void ThrowWhenNobodyLooked(const ZrDescriptor& opened) {
   if (opened.IsOpen()) return;
   if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == EIO) throw ZrCannotTell();
 }
@@ -67,7 +67,7 @@ bool IsInside(const std::string& place, std::string directory) {
 ZrDescriptor OpenAndCheckPlace(int directory, const char* path, int flags) {
   ZrDescriptor place(Retried([&] { return ::openat(directory, path, kPlaceFlags); }));
   if (!place.IsOpen()) return {};
-  errno = 0;
+  errno = 0;  // leading out is no failure of the system
   if (!IsInside(PlaceOf(place.Get()), PlaceOf(directory))) return {};
   if (flags == kPlaceFlags) return place;
   // The very file that was checked, not its name, is opened for reading.
@@ -208,7 +208,7 @@ std::shared_ptr<const ZrDirectory> ZrDirectory::Open(std::string_view directory)
   std::string path = zr::SystemDirectory(directory);
   ZrDescriptor start(
       Retried([&] { return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
-  ThrowUnlessToldApart(start);
+  ThrowWhenNobodyLooked(start);
   struct stat status {};
   if (!start.IsOpen() || ::fstat(start.Get(), &status) != 0) return nullptr;
   return std::shared_ptr<const ZrDirectory>(
@@ -231,7 +231,7 @@ ZrDescriptor ZrDirectory::OpenPath(std::string_view path, int flags) const {
   // EXDEV: a link led out, or only seemed to; ENOSYS and EPERM: the call is missing or filtered.
   if (!file.IsOpen() && (errno == EXDEV || errno == ENOSYS || errno == EPERM || errno == EAGAIN))
     file = OpenAndCheckPlace(descriptor_.Get(), inside->c_str(), flags);
-  ThrowUnlessToldApart(file);
+  ThrowWhenNobodyLooked(file);
   return file;
 }
 
