@@ -17,7 +17,7 @@ namespace zr {
 
 bool RunCgi(const std::string& program, const ZrCgiVariables& variables, ZrStringBuf& input,
             ZrStringBuf& output, const ZrPipeExecSettings& settings) {
-  return ZrWinPipeExec(program, settings).Run(variables, input, output) != ZrPipeExecEnd::kNoRoom;
+  return ZrWinPipeExec(program, settings).Run(variables, input, output) != ZrPipeExecEnd::kLost;
 }
 
 }  // namespace zr
@@ -165,7 +165,7 @@ void ZrCgi::AnswerPieceByPiece(const Job& job, const ZrPipeExecSettings& setting
     own.source = &arriving.emplace(request.inlet);
     output.AwaitInput();
   }
-  auto end = ZrPipeExecEnd::kNoRoom;
+  auto end = ZrPipeExecEnd::kLost;
   try {
     end = ZrWinPipeExec(job.program, own).Run(job.variables, input, output);
   } catch (const std::exception&) {

@@ -62,9 +62,9 @@ ZrPipeExecEnd ZrWinPipeExec::Run(const ZrCgiVariables& variables, ZrStringBuf& i
   ZrRoomQueue::Place room(settings_.roomQueue);  // held until what was written is released
   ZrProgramOutput written(settings_.memory);
   const ZrPipeExecEnd end = RunTo(variables, input, written, room);
-  if (end == ZrPipeExecEnd::kNotStarted || end == ZrPipeExecEnd::kNoRoom) return end;
+  if (end == ZrPipeExecEnd::kNotStarted || end == ZrPipeExecEnd::kLost) return end;
   const std::unique_ptr<ZrStringBuf> all = written.Finish();
-  if (!all) return ZrPipeExecEnd::kNoRoom;
+  if (!all) return ZrPipeExecEnd::kLost;
   if (output.Empty())
     output = std::move(*all);
   else
@@ -152,10 +152,11 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
     zr::PollDescriptors(items, deadline);
 
     if (items[kStop].ready || items[kGone].ready) return ZrPipeExecEnd::kStopped;
-    if (items[kInput].ready) Deliver(input);
+    std::optional<ZrPipeExecEnd> over;
+    if (items[kInput].ready) over = Deliver(input);
+    if (over) return *over;
     // A limit is looked at in every round: who writes for ever always has something ready.
     const auto now = steady_clock::now();
-    std::optional<ZrPipeExecEnd> over;
     if (settings_.streams &&
         (waits || items[kInput].ready || items[kMore].ready || items[kOutput].ready))
       runEnd = now + settings_.limits.run;
@@ -170,7 +171,7 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
     if (over) return *over;
     if (due && now >= *due) output.OnTime();
     if (waits && !settings_.streams && now - waitsSince >= settings_.limits.room && room.IsNewest())
-      return ZrPipeExecEnd::kNoRoom;
+      return ZrPipeExecEnd::kLost;
     if (!drainEnd && now >= runEnd) return ZrPipeExecEnd::kRunLimit;
     if (drainEnd && now >= std::min(*drainEnd, runEnd)) break;
   }
@@ -196,13 +197,17 @@ bool ZrWinPipeExec::TakeInput(ZrStringBuf& input) {
   return true;
 }
 
-void ZrWinPipeExec::Deliver(ZrStringBuf& input) {
+// Gives the child what its pipe takes; the end of the run when that failed.
+std::optional<ZrPipeExecEnd> ZrWinPipeExec::Deliver(ZrStringBuf& input) {
   const zr::PipeTransfer moved = zr::WritePipe(stdinWrite_.Get(), input.Unread().substr(0, kChunk));
   input.Consume(moved.count);
-  // The child has stopped reading; the rest is its own loss, and no reason to end it.
-  if (moved.result != zr::PipeResult::kClosed) return;
-  stdinWrite_.Close();
-  input.Clear();
+  if (moved.result == zr::PipeResult::kFailed) return ZrPipeExecEnd::kLost;
+  if (moved.result == zr::PipeResult::kClosed) {
+    // The child has stopped reading; the rest is its own loss, and no reason to end it.
+    stdinWrite_.Close();
+    input.Clear();
+  }
+  return std::nullopt;
 }
 
 // Reads until `wanted` bytes have come or nothing more is there; the end of the run when the child
@@ -214,12 +219,13 @@ std::optional<ZrPipeExecEnd> ZrWinPipeExec::Collect(ZrProgramSink& output, std::
         settings_.streams ? kChunk : std::min(kChunk, std::max<std::size_t>(left, 1));
     const zr::PipeTransfer moved = zr::ReadPipe(stdoutRead_.Get(), output.Prepare(size));
     if (moved.result == zr::PipeResult::kBlocked) break;
+    if (moved.result == zr::PipeResult::kFailed) return ZrPipeExecEnd::kLost;
     if (moved.result == zr::PipeResult::kClosed) {
       stdoutRead_.Close();
       break;
     }
     if (left == 0 && !settings_.streams) return ZrPipeExecEnd::kOutputLimit;
-    if (!output.Commit(moved.count)) return ZrPipeExecEnd::kNoRoom;
+    if (!output.Commit(moved.count)) return ZrPipeExecEnd::kLost;
     left -= std::min(left, moved.count);
     wanted -= std::min(wanted, moved.count);
   }

@@ -77,7 +77,9 @@ enum class ZrPipeExecEnd {
   kNotStarted,   ///< No such program, not executable, ...: nothing ran, the output is unchanged.
   kRunLimit,     ///< It took too long, or nothing moved for so long, and was ended with its family.
   kOutputLimit,  ///< It wrote too much and was ended with its family.
-  kNoRoom,   ///< Nobody could hold its output: it was ended with its family, the output is lost.
+  /// Its output could not be kept, or its input or output not be moved: it was ended with its
+  /// family, and the output is lost.
+  kLost,
   kNoInput,  ///< The rest of its input will not come, and it was ended with its family.
   kStopped,  ///< One of the flags was raised and it was ended with its family.
 };
@@ -99,7 +101,7 @@ class ZrWinPipeExec {
   /// child has ended and been collected. A variable with a NUL byte is left out. At most one run
   /// per object.
   ZrPipeExecEnd Run(const ZrCgiVariables& variables, ZrStringBuf& input, ZrStringBuf& output);
-  /// The same with an output that goes elsewhere; kNoRoom when that took no more.
+  /// The same with an output that goes elsewhere; kLost when that took no more.
   ZrPipeExecEnd Run(const ZrCgiVariables& variables, ZrStringBuf& input, ZrProgramSink& output);
 
  private:
@@ -107,7 +109,7 @@ class ZrWinPipeExec {
   ZrPipeExecEnd RunTo(const ZrCgiVariables& variables, ZrStringBuf& input, ZrProgramSink& output,
                       ZrRoomQueue::Place& room);
   ZrPipeExecEnd Move(ZrStringBuf& input, ZrProgramSink& output, ZrRoomQueue::Place& room);
-  void Deliver(ZrStringBuf& input);
+  std::optional<ZrPipeExecEnd> Deliver(ZrStringBuf& input);
   bool TakeInput(ZrStringBuf& input);
   std::optional<ZrPipeExecEnd> Collect(ZrProgramSink& output, std::size_t& room,
                                        std::size_t wanted);

@@ -19,6 +19,14 @@ void Keep(std::array<char, Capacity>& target, std::string_view text) {
   target[length] = '\0';
 }
 
+// Learns the port that the system chose; a listener whose port nobody knows is of no use.
+bool FindPort(const ZrDescriptor& listener, int& port) {
+  if (port != 0) return true;
+  const int chosen = zr::LocalPort(listener.Get());
+  if (chosen > 0) port = chosen;
+  return chosen > 0;
+}
+
 }  // namespace
 
 ZrSocketIPvx::ZrSocketIPvx(int /*unused*/) {}
@@ -80,8 +88,7 @@ ZrDescriptor ZrSocketIPvx::openFirst(ZrAddressFamily family, const ZrResolution&
   for (const ZrSocketAddress& address : resolution.addresses) {
     if (address.family != family) continue;
     ZrDescriptor socket = zr::OpenListener(address, backlog);
-    if (!socket.IsOpen()) continue;
-    if (port == 0) port = zr::LocalPort(socket.Get());
+    if (!socket.IsOpen() || !FindPort(socket, port)) continue;
     port_ = port;
     ZrTrace::Instance().Line(ZrTrace::kSockets, "bound at port number " + std::to_string(port));
     return socket;
@@ -131,10 +138,8 @@ bool ZrSocketIPvx::openAll(const ZrResolution& resolution, int backlog, int& por
     if (address == resolution.addresses.end()) continue;
     int error = 0;
     place = zr::OpenListener(zr::WithPort(*address, port), backlog, &error);
-    if (place.IsOpen()) {
-      if (port == 0) port = zr::LocalPort(place.Get());
-      continue;
-    }
+    if (place.IsOpen() && FindPort(place, port)) continue;
+    place = {};
     listenErrorText_ = zr::IsAddressMissing(error) ? zr::SystemErrorText(error) : "";
     if (listenErrorText_.empty()) {
       primary_ = {};

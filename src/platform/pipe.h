@@ -48,7 +48,8 @@ struct Pipe {
 enum class PipeResult {
   kMoved,    ///< `count` bytes, at least one, were moved.
   kBlocked,  ///< Nothing can be moved now; wait with PollDescriptors and try again.
-  kClosed,   ///< The other side has closed (or failed): nothing will ever be moved again.
+  kClosed,   ///< The other side has closed: nothing will ever be moved again.
+  kFailed,   ///< The system failed: what the pipe held, or should have got, is lost.
 };
 struct PipeTransfer {
   PipeResult result = PipeResult::kBlocked;

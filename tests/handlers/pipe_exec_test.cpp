@@ -176,7 +176,7 @@ TEST_F(PipeExec, OutputWaitsForRoomUntilItIsGivenUp) {
   others.Set(200);
   settings_.limits.room = milliseconds(100);
   EXPECT_EQ(Run(Shell("echo text; sleep 1000")), "");
-  EXPECT_EQ(end_, ZrPipeExecEnd::kNoRoom);
+  EXPECT_EQ(end_, ZrPipeExecEnd::kLost);
 
   ZrRoomQueue queue;
   ZrRoomQueue::Place first(&queue);

@@ -2,13 +2,16 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <poll.h>
 #include <spawn.h>
 #include <stdarg.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,7 +29,6 @@ std::atomic<int> armed{-1};
 std::atomic<int> error{0};
 std::atomic<std::size_t> left{0};
 std::atomic<bool> fired{false};
-std::atomic<std::size_t> errorLines{0};
 thread_local int exempt = 0;
 
 bool Strikes(Call call) {
@@ -56,8 +58,6 @@ bool Disarm() {
   armed = -1;
   return fired;
 }
-std::size_t ErrorLines() { return errorLines; }
-void ForgetErrorLines() { errorLines = 0; }
 Exempt::Exempt() { ++exempt; }
 Exempt::~Exempt() { --exempt; }
 
@@ -82,8 +82,16 @@ ZR_WRAP(kAccept, int, accept4, (int a, sockaddr* b, socklen_t* c, int d), a, b, 
 ZR_WRAP(kConnect, int, connect, (int a, const sockaddr* b, socklen_t c), a, b, c)
 ZR_WRAP(kSetOption, int, setsockopt, (int a, int b, int c, const void* d, socklen_t e), a, b, c, d,
         e)
+ZR_WRAP(kGetOption, int, getsockopt, (int a, int b, int c, void* d, socklen_t* e), a, b, c, d, e)
+ZR_WRAP(kOwnName, int, getsockname, (int a, sockaddr* b, socklen_t* c), a, b, c)
+ZR_WRAP(kPeerText, int, getnameinfo,
+        (const sockaddr* a, socklen_t b, char* c, socklen_t d, char* e, socklen_t f, int g), a, b,
+        c, d, e, f, g)
 ZR_WRAP(kSend, ssize_t, sendmsg, (int a, const msghdr* b, int c), a, b, c)
 ZR_WRAP(kStatus, int, fstat, (int a, struct stat* b), a, b)
+ZR_WRAP(kLook, int, stat, (const char* a, struct stat* b), a, b)
+ZR_WRAP(kResize, int, ftruncate, (int a, off_t b), a, b)
+ZR_WRAP(kWaitChild, pid_t, waitpid, (pid_t a, int* b, int c), a, b, c)
 ZR_WRAP(kPipe, int, pipe2, (int* a, int b), a, b)
 ZR_WRAP(kEvent, int, eventfd, (unsigned a, int b), a, b)
 ZR_WRAP(kPollerMake, int, epoll_create1, (int a), a)
@@ -113,16 +121,16 @@ ZR_WRAP_MOVE(kSend, send, (int a, const void* b, std::size_t c, int d), c, a, b,
 ZR_WRAP_MOVE(kReceive, recv, (int a, void* b, std::size_t c, int d), c, a, b, most, d)
 ZR_WRAP_MOVE(kSendFile, sendfile, (int a, int b, off_t* c, std::size_t d), d, a, b, c, most)
 ZR_WRAP_MOVE(kRead, read, (int a, void* b, std::size_t c), c, a, b, most)
-ZR_WRAP_MOVE(kWrite, write, (int a, const void* b, std::size_t c), c, a, b, most)
 ZR_WRAP_MOVE(kReadAt, pread, (int a, void* b, std::size_t c, off_t d), c, a, b, most, d)
+ZR_WRAP_MOVE(kWrite, write, (int a, const void* b, std::size_t c), c, a, b, most)
+ZR_WRAP_MOVE(kWriteAt, pwrite, (int a, const void* b, std::size_t c, off_t d), c, a, b, most, d)
 
 extern "C" {
 
-ssize_t __real_writev(int descriptor, const iovec* parts, int count);
-ssize_t __wrap_writev(int descriptor, const iovec* parts, int count);
-ssize_t __wrap_writev(int descriptor, const iovec* parts, int count) {
-  if (descriptor == STDERR_FILENO) ++zrtest::errorLines;
-  return Strikes(Call::kWrite) ? -1 : __real_writev(descriptor, parts, count);
+void* __real_mmap(void* a, std::size_t b, int c, int d, int e, off_t f);
+void* __wrap_mmap(void* a, std::size_t b, int c, int d, int e, off_t f);
+void* __wrap_mmap(void* a, std::size_t b, int c, int d, int e, off_t f) {
+  return Strikes(Call::kMap) ? MAP_FAILED : __real_mmap(a, b, c, d, e, f);
 }
 
 int __real_posix_spawn(pid_t* a, const char* b, const posix_spawn_file_actions_t* c,

@@ -15,14 +15,21 @@ enum class Call {
   kAccept,
   kConnect,
   kSetOption,
+  kGetOption,
+  kOwnName,
+  kPeerText,
   kSend,
   kSendFile,
   kReceive,
   kRead,
   kWrite,
   kReadAt,
+  kWriteAt,
+  kResize,
+  kMap,
   kOpen,
   kStatus,
+  kLook,
   kPipe,
   kControl,
   kEvent,
@@ -31,6 +38,7 @@ enum class Call {
   kPollerWait,
   kPoll,
   kSpawn,
+  kWaitChild,
   kSystem,
   kThread,
   kSync,
@@ -45,9 +53,6 @@ inline constexpr int kOneByte = -1;
 void Arm(Call call, int error, std::size_t n);
 /// No further call fails. Whether one had.
 bool Disarm();
-/// How many lines were written to standard error since they were forgotten.
-std::size_t ErrorLines();
-void ForgetErrorLines();
 
 /// Calls of this thread neither count nor fail while it lives: the test's own.
 class Exempt {

@@ -52,7 +52,7 @@ using Line = LineOf<>;
 class Late : public ZrTransceiverConnection {
  public:
   using ZrTransceiverConnection::ZrTransceiverConnection;
-  Output WriteToSocket(ZrSocketIPvx& socket) override {
+  Output WriteToSocket(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_) {
     const Output output = ZrTransceiverConnection::WriteToSocket(socket);
     if (output == Output::kIdle && !std::exchange(added_, true)) {
       ZrStringBuf more;

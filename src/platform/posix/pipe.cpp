@@ -88,7 +88,7 @@ PipeTransfer ReadPipe(int descriptor, std::span<char> into) {
     if (count > 0) return {PipeResult::kMoved, static_cast<std::size_t>(count)};
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) return {PipeResult::kBlocked, 0};
-    return {PipeResult::kClosed, 0};
+    return {count == 0 ? PipeResult::kClosed : PipeResult::kFailed, 0};
   }
 }
 
@@ -111,7 +111,8 @@ PipeTransfer WritePipe(int descriptor, std::string_view bytes) {
     if (count > 0) return {PipeResult::kMoved, static_cast<std::size_t>(count)};
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN) return {PipeResult::kBlocked, 0};
-    if (count < 0 && errno == EPIPE) guard.BrokenPipe();
+    if (count == 0 || errno != EPIPE) return {PipeResult::kFailed, 0};
+    guard.BrokenPipe();
     return {PipeResult::kClosed, 0};
   }
 }
