@@ -113,19 +113,20 @@ std::shared_ptr<ZrXHeader> MakeHead(const ClientRequest& request) {
 std::optional<std::string> Destination(const std::string& from, std::string_view location) {
   const zr::RequestAddress base = AddressOf(from);
   std::string text;
-  if (location.find("://") != std::string_view::npos && location.find("://") < location.find('/')) {
-    text = location;
+  const std::size_t mark = location.find_first_of(":/?#");
+  if (mark != std::string_view::npos && location[mark] == ':') {
+    text = location;  // of whatever scheme
   } else if (location.starts_with("//")) {
     text = std::string(zr::ProtocolSchemeName(base.protocolKind)) + ":" + std::string(location);
   } else {
     std::string path = base.target.substr(0, base.target.find('?'));
-    if (location.starts_with('?'))
-      path += location;
-    else if (location.starts_with('/'))
-      path = location;
-    else
-      path = path.substr(0, path.rfind('/') + 1) + std::string(location);
-    text = OriginOf(base) + path;
+    const std::size_t end = std::min(location.find_first_of("?#"), location.size());
+    if (location.starts_with('/'))
+      path = location.substr(0, end);
+    else if (end > 0)
+      path.replace(path.rfind('/') + 1, path.npos, location.substr(0, end));
+    zr::RemoveDotSegments(path);
+    text = OriginOf(base) + path + std::string(location.substr(end));
   }
   try {
     const zr::RequestAddress to = AddressOf(text);

@@ -54,24 +54,6 @@ bool DecodePath(std::string_view text, std::string& path) {
   return true;
 }
 
-// What leads above the root stays there.
-void RemoveDotSegments(std::string& path) {
-  if (path.find("/.") == std::string::npos) return;
-  std::string result;
-  for (std::size_t at = 0; at < path.size();) {
-    const std::size_t end = std::min(path.find('/', at + 1), path.size());
-    const std::string_view piece = std::string_view(path).substr(at, end - at);
-    const bool last = end == path.size();
-    at = end;
-    if (piece == "/..") result.erase(std::min(result.rfind('/'), result.size()));
-    if (piece != "/." && piece != "/..")
-      result += piece;
-    else if (last)
-      result += '/';
-  }
-  path = std::move(result);
-}
-
 }  // namespace
 
 std::optional<zr::RequestTarget> zr::ParseRequestTarget(std::string_view text) {
@@ -100,6 +82,23 @@ std::optional<zr::RequestTarget> zr::ParseRequestTarget(std::string_view text) {
   if (!DecodePath(path, target.path)) return std::nullopt;
   RemoveDotSegments(target.path);
   return target;
+}
+
+void zr::RemoveDotSegments(std::string& path) {
+  if (path.find("/.") == std::string::npos) return;
+  std::string result;
+  for (std::size_t at = 0; at < path.size();) {
+    const std::size_t end = std::min(path.find('/', at + 1), path.size());
+    const std::string_view piece = std::string_view(path).substr(at, end - at);
+    const bool last = end == path.size();
+    at = end;
+    if (piece == "/..") result.erase(std::min(result.rfind('/'), result.size()));
+    if (piece != "/." && piece != "/..")
+      result += piece;
+    else if (last)
+      result += '/';
+  }
+  path = std::move(result);
 }
 
 bool zr::IsAuthority(std::string_view text) {

@@ -19,6 +19,10 @@ struct RequestTarget {
 /// slash, which would mean one thing here and another one elsewhere.
 std::optional<RequestTarget> ParseRequestTarget(std::string_view text);
 
+/// Takes the "." and ".." pieces out of a path that begins with "/". What leads above the root
+/// stays there.
+void RemoveDotSegments(std::string& path);
+
 /// Whether the text is a host with an optional port, as "Host" has it. Empty is one.
 bool IsAuthority(std::string_view text);
 
