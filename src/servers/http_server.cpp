@@ -303,7 +303,7 @@ ZrTransceiverServerL1HTTP::Exchange& ZrTransceiverServerL1HTTP::EnterConnection(
     const ConnectionPointer& connection, const HandlerPointer& client) {
   const auto exchange =
       std::static_pointer_cast<Exchange>(connection->KeepForServer(std::make_shared<Exchange>()));
-  std::string target = connection->HandlerName();
+  std::string target = connection->JoinedTaskName();
   std::string task;
   if (target.empty()) {
     ZrJob& job = client->HandlerJob();
@@ -359,7 +359,7 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewMessage(
 std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::NewAnswer(
     ZrTransceiverConnection& connection) {
   auto ends = std::make_shared<const ZrMessageEnds>(ZrMessageEnds{
-      .route = {connection.JobName(), JobName()}, .target = connection.HandlerName()});
+      .route = {connection.JobName(), JobName()}, .target = connection.JoinedTaskName()});
   auto head = NewMessage(connection, std::move(ends));
   head->ends = nullptr;
   head->Attach(head->target);

@@ -43,7 +43,7 @@ std::shared_ptr<ZrTransceiverConnection> ZrTransceiverServerL1HTTPS::createConne
     const std::shared_ptr<ZrSocketIPvx>& socket) {
   const auto handshakeEnd = std::chrono::steady_clock::now() + ZrTlsEngine::kHandshakeLimit;
   try {
-    return CreateConnection(transceiver, serverName, PeerName(), record, socket);
+    return CreateConnection(transceiver, serverName, OwnerName(), record, socket);
   } catch (const ZrException& problem) {
     if (!Persistent() && (IsStartCancelled() || std::chrono::steady_clock::now() >= handshakeEnd))
       throw ZrConnectionFailure(ZrSendFailureKind::kTimedOut, "no answer in the TLS handshake");

@@ -84,10 +84,8 @@ ZrURLHookService::WorkerPointer ZrURLHookService::takeIdleWorker(const Request& 
 // A worker without a connection of the transceiver's is its own affair.
 bool ZrURLHookService::IsUsable(const Worker& worker) {
   if (worker.closed || worker.server->HasExpired()) return false;
-  const std::string name = worker.server->Result();
-  ZrTransceiver* const transceiver = Transceiver();
-  if (name.empty() || transceiver == nullptr) return true;
-  const auto connection = transceiver->FindConnection(name);
+  if (worker.server->Result().empty()) return true;
+  const auto connection = worker.server->OwnConnection();
   return connection && !connection->IsClosing() && !connection->PeerFinished() &&
          !connection->HasReceived();
 }
@@ -96,7 +94,7 @@ void ZrURLHookService::deliverToWorker(const WorkerPointer& worker, const Reques
   worker->Attach(request.head->target);
   if (worker->Persistent()) return;
   if (request.head->kind == ZrMessageKind::kRequest) worker->SetHeadName(request.head->JobName());
-  if (worker->SendHead(worker->Result(), request.head)) return;
+  if (worker->SendHead(worker->OwnConnection(), request.head)) return;
   // Its time has ended before the request could be sent.
   TakeBack(worker, request, {ZrSendFailureKind::kClosed, {}, true});
 }
@@ -135,7 +133,8 @@ void ZrURLHookService::Withdraw(const std::shared_ptr<ZrXHeader>& head) {
     }
   }
   ZrTransceiver* const transceiver = Transceiver();
-  if (worker && transceiver != nullptr) transceiver->RemoveConnection(worker->Result());
+  const auto connection = worker ? worker->OwnConnection() : nullptr;
+  if (connection && transceiver != nullptr) transceiver->RemoveConnection(*connection);
 }
 
 // ---- Workers -----------------------------------------------------------------------------------
@@ -236,11 +235,8 @@ void ZrURLHookService::Remove(Workers::iterator worker) {
 // Returns when the worker's task has ended, so that it never is that task which lets go of the
 // worker last and would have to wait for itself.
 void ZrURLHookService::DropWorker(const WorkerPointer& worker) {
-  if (ZrTransceiver* const transceiver = Transceiver(); transceiver != nullptr) {
-    transceiver->RemoveServer(worker->JobName());
-    const std::string name = worker->Result();
-    if (const auto connection = transceiver->FindConnection(name)) connection->Close();
-  }
+  if (Transceiver() != nullptr) Transceiver()->RemoveServer(worker->JobName());
+  if (const auto connection = worker->OwnConnection()) connection->Close();
   worker->EndTasks();
 }
 

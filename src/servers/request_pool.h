@@ -54,7 +54,7 @@ class ZrURLHookService : public ZrTransceiverServer, public ZrOutgoingLink {
   /// Waiting requests minus idle workers plus workers, those that are being started included.
   virtual std::uint64_t load();
 
-  std::string connectionOwnerName() const { return PeerName(); }
+  std::string connectionOwnerName() const { return OwnerName(); }
   ZrJobWithTimeout& OutgoingJob() override { return *this; }
   bool IsUnused() const override { return unused_; }
   void Withdraw(const std::shared_ptr<ZrXHeader>& head) override ZR_EXCLUDES(lock_);

@@ -76,7 +76,7 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
       ZrReceivePass& pass,
       std::span<const std::shared_ptr<ZrTransceiverConnection>> connections) override;
   ZrJobWithTimeout& ServerJob() override { return *this; }
-  std::string PeerName() const override { return ownerName_; }
+  std::string OwnerName() const override { return ownerName_; }
   bool CanExpire() const override { return !persistent_; }
 
   /// Puts a pair at the end of the queue; the first one starts the queue task. Ignored once the

@@ -272,7 +272,7 @@ bool ZrTransceiverServerL0Socket::FailStart(ZrSendFailureKind kind, std::string 
 bool ZrTransceiverServerL0Socket::HasExpired() {
   ZrTransceiver* const transceiver = Transceiver();
   if (!persistent_ && transceiver != nullptr) {
-    const auto connection = transceiver->FindConnection(Result());
+    const auto connection = OwnConnection();
     if (connection && connection->NextExpiryNs() > transceiver->Clock().MonotonicNs()) Touch();
   }
   return ZrTransceiverServerL0::HasExpired();
@@ -305,8 +305,9 @@ bool ZrTransceiverServerL0Socket::StartConnecting() {
   record.kind = ZrServerCallback_t::kConnectionOpened;
   record.info = HostRecord({type_, target_->host, std::to_string(target_->port)});
   try {
-    SetResult(transceiver->AddConnection(
-        socket, createConnection(*transceiver, JobName(), std::move(record), socket)));
+    const auto connection = createConnection(*transceiver, JobName(), std::move(record), socket);
+    transceiver->AddConnection(socket, connection);
+    SetOwnConnection(connection);
     return true;
   } catch (const ZrConnectionFailure& failure) {
     // A line here would be noise for every worker.
@@ -327,14 +328,14 @@ void ZrTransceiverServerL0Socket::ReportUnanswered(const ZrSendFailure& failure)
   event.fields = {{"reason", std::string(zr::SendFailureReason(failure.kind))},
                   {"error", failure.detail}};
   if (failure.mayResend) event.fields["resend"] = "yes";
-  transceiver->PostEvent(PeerName(), std::move(event));
+  transceiver->PostEvent(OwnerName(), std::move(event));
 }
 
 std::shared_ptr<ZrTransceiverConnection> ZrTransceiverServerL0Socket::createConnection(
     ZrTransceiver& transceiver, const std::string& serverName, ZrServerCallback_t record,
     const std::shared_ptr<ZrSocketIPvx>&) {
   return zr::MakeJob<ZrTransceiverConnection>(
-      transceiver, serverName, PeerName(), std::move(record),
+      transceiver, serverName, OwnerName(), std::move(record),
       [](ZrTransceiver& owner, ZrTransceiverConnection* connection) {
         owner.FinishConnection(*connection);
       });

@@ -60,7 +60,7 @@ bool ZrTransceiverConnection::Detach(std::string_view task) {
   return ZrJobWithTimeout::Detach(task);
 }
 
-std::string ZrTransceiverConnection::HandlerName() {
+std::string ZrTransceiverConnection::JoinedTaskName() {
   ZrLock hold(lock_);
   return handlerName_;
 }

@@ -123,9 +123,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   /// Tells the requests of this connection when it has gone.
   const std::shared_ptr<ZrPeerWatch>& PeerWatch() const { return peerWatch_; }
   const std::string& ReceiverName() const { return receiverName_; }
-  const std::string& PeerName() const { return peerName_; }
+  const std::string& ServerOwnerName() const { return peerName_; }
   /// The joined task the connection is attached to; empty before the first Attach().
-  std::string HandlerName();
+  std::string JoinedTaskName();
   /// Whether it is attached to that joined task, or to none yet.
   bool IsIn(std::string_view task);
   /// What its server keeps of it for the connection's life; nothing before the server has set it.

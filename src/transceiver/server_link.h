@@ -21,7 +21,7 @@ class ZrServerLink {
   /// The job that this server is; its name identifies the server. Lives as long as the server.
   virtual ZrJobWithTimeout& ServerJob() = 0;
   /// The job that hears of the server's connections and of its time limit.
-  virtual std::string PeerName() const = 0;
+  virtual std::string OwnerName() const = 0;
 
   /// Whether its time limit can pass at all.
   virtual bool CanExpire() const = 0;

@@ -203,7 +203,7 @@ void ZrTransceiver::ReleaseServerTask(const std::string& serverName) {
   event.jobName = serverName;
   event.fields["ctask"] = server->ServerJob().AttachedTask();
   server->ServerJob().Detach({});
-  PostEvent(server->PeerName(), std::move(event));
+  PostEvent(server->OwnerName(), std::move(event));
 }
 
 void ZrTransceiver::StopAccepting() {
@@ -325,7 +325,7 @@ void ZrTransceiver::Drop(ZrTransceiverConnection& connection) {
   ZrJobEvent event;
   event.code = kZrEventClosed;
   event.jobName = name;
-  PostEvent(connection.PeerName(), event);
+  PostEvent(connection.ServerOwnerName(), event);
   PostEvent(connection.ReceiverName(), event);
   PostEvent(name, std::move(event));
   housekeeper_.Forget(connection);
@@ -384,7 +384,7 @@ std::int64_t ZrTransceiver::CheckServers() {
     ZrJobEvent event;
     event.code = kZrEventTimeLimit;
     event.jobName = job.JobName();
-    PostEvent(server->PeerName(), event);
+    PostEvent(server->OwnerName(), event);
     event.code = kZrEventEndServer;
     PostEvent(job.JobName(), event);
     RemoveServer(job.JobName());
