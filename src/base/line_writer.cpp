@@ -370,11 +370,13 @@ void ZrLineWriter::Loop() {
   for (;;) {
     Queues queues;
     bool stopping = false;
+    bool resting = false;
     {
       const ZrLock hold(lock_);
       poller = poller_.get();
       queues = queues_;
       stopping = stopping_;
+      resting = resting_;
     }
     if (stopping) stopBy = std::min(stopBy, Clock::now() + kStopLimit);
     Clock::time_point next = stopBy;
@@ -382,7 +384,7 @@ void ZrLineWriter::Loop() {
     for (const auto& queue : queues) {
       if (stopping) queue->Close();
       try {
-        next = std::min(next, queue->Step(poller, stopping));
+        next = std::min(next, queue->Step(poller, stopping || resting));
       } catch (const std::exception&) {
         next = std::min(next, Clock::now() + ZrLineQueue::kPause);  // no memory for the moment
       }
@@ -394,13 +396,43 @@ void ZrLineWriter::Loop() {
       }
     }
     const auto now = Clock::now();
-    if (stopping && (idle || now >= stopBy)) break;
+    if ((stopping && (idle || now >= stopBy)) || (resting && idle)) {
+      const ZrLock hold(lock_);
+      ended_ = stopping_ || resting_;  // nobody may wait for it any more
+      if (!ended_) continue;
+      threadEnded_.NotifyAll();
+      return;
+    }
     const bool sleeps = next == Clock::time_point::max();
     poller->Wait(sleeps ? nanoseconds(-1) : std::max(nanoseconds::zero(), nanoseconds(next - now)));
   }
-  const ZrLock hold(lock_);
-  ended_ = true;
-  threadEnded_.NotifyAll();
+}
+
+void ZrLineWriter::Rest() noexcept try {
+  if (zr::IsForkOfThreads()) return;
+  ZrThread thread;
+  Queues queues;
+  {
+    const ZrLock hold(lock_);
+    if (stopping_ || resting_ || !thread_.Joinable()) return;
+    queues = queues_;
+    resting_ = true;
+    poller_->Wake();
+    const bool ended =
+        threadEnded_.WaitFor(lock_, kStopLimit, [this]() ZR_REQUIRES(lock_) { return ended_; });
+    resting_ = false;
+    if (!ended || stopping_) return;
+    ended_ = false;
+    runs_ = false;
+    thread = std::move(thread_);
+    if (!writesHere_) poller_.reset();
+  }
+  thread.Join();
+  // A line that came when the thread had looked for the last time has woken nobody.
+  const auto idle = [](const auto& queue) { return queue->IsIdle(); };
+  if (!std::all_of(queues.begin(), queues.end(), idle)) Wake();
+} catch (const std::exception&) {
+  // No memory to look: the thread stays.
 }
 
 // A forked child has no such thread, and may have the locks from threads that it has not either.

@@ -7,8 +7,9 @@
 //
 // The first line of a quiet queue is written at once, those behind it at most 50 ms later in one
 // write, or as soon as they are many. The thread starts with the first line and is joined when the
-// library is unloaded or the process exits, after at most a second for what is still queued. Where
-// the system has no thread to give, whoever has a line writes what its sink takes at once.
+// last owner of jobs goes, the library is unloaded or the process exits, after at most a second for
+// what is still queued. Where the system has no thread to give, whoever has a line writes what its
+// sink takes at once.
 
 #include <atomic>
 #include <chrono>
@@ -120,6 +121,9 @@ class ZrLineWriter {
   std::shared_ptr<ZrLineQueue> Open(ZrLineSink sink, std::string name) ZR_EXCLUDES(lock_);
   /// Nobody adds to it any more; it goes when its lines are written.
   void Close(ZrLineQueue& queue) ZR_EXCLUDES(lock_);
+  /// Ends the thread when it has written what there is, within a second; the next line brings it
+  /// back. For the end of what has used the library, so that a host keeps no thread of ours.
+  void Rest() noexcept ZR_EXCLUDES(lock_);
 
  private:
   friend class ZrLineQueue;
@@ -143,8 +147,9 @@ class ZrLineWriter {
   std::atomic<bool> runs_{false};                 // it could be started
   bool writesHere_ ZR_GUARDED_BY(lock_) = false;  // somebody does what the thread would
   bool stopping_ ZR_GUARDED_BY(lock_) = false;
-  bool ended_ ZR_GUARDED_BY(lock_) = false;
-  ZrCondition threadEnded_;  // ended_ was set
+  bool resting_ ZR_GUARDED_BY(lock_) = false;  // the thread is to end when it is idle
+  bool ended_ ZR_GUARDED_BY(lock_) = false;    // it does nothing any more
+  ZrCondition threadEnded_;                    // ended_ was set
 };
 
 namespace zr {

@@ -17,8 +17,8 @@
 #include "http/form_writer.h"
 #include "http/message_head.h"
 #include "http/request_target.h"
-#include "jobs/job_registry.h"
 #include "jobs/scheduler.h"
+#include "jobs/threads_rest.h"
 #include "platform/sync.h"
 #include "platform/thread.h"
 #include "servers/protocol_servers.h"
@@ -374,7 +374,7 @@ class [[gnu::visibility("hidden")]] Client::Asking {
     return true;
   }
 
-  const ZrRegistryRest rest_;
+  const ZrThreadsRest rest_;
   ZrMutex lock_;                                                 // never held while calling out
   std::map<std::string, Pending> pending_ ZR_GUARDED_BY(lock_);  // by the names of their heads
   Due due_ ZR_GUARDED_BY(lock_);

@@ -17,6 +17,7 @@
 #include "host/application.h"
 #include "http/protocol_kind.h"
 #include "jobs/job_registry.h"
+#include "jobs/threads_rest.h"
 #include "net/tls_context.h"
 #include "platform/filesystem.h"
 #include "platform/io.h"
@@ -195,7 +196,7 @@ class [[gnu::visibility("hidden")]] Server::Running {
   }
 
  private:
-  const ZrRegistryRest rest_;
+  const ZrThreadsRest rest_;
 
   ZrQuarnApplication2& Make() ZR_EXCLUDES(lock_) {
     std::vector<ZrServerDefinition> servers;

@@ -100,8 +100,8 @@ class ZrJobRegistry {
   void WaitForReaper() ZR_EXCLUDES(lock_);
   /// Ends the registry's threads, and waits for them, while no job belongs to a joined task; the
   /// next one that does brings them back. For the end of what has used jobs, so that a host keeps
-  /// no thread of ours. Not called on a thread that delivers an event.
-  void Rest() noexcept ZR_EXCLUDES(lock_);
+  /// no thread of ours. No: there are such jobs. Not called on a thread that delivers an event.
+  bool Rest() noexcept ZR_EXCLUDES(lock_);
 
  private:
   friend class ZrJob;
@@ -153,7 +153,7 @@ class ZrJobRegistry {
   bool Reap(ZrJob* job) noexcept ZR_EXCLUDES(lock_);
   void ReaperLoop(unsigned shift) ZR_EXCLUDES(lock_);
   bool IsOver(unsigned shift) const ZR_REQUIRES(lock_) { return stopping_ || shift != shift_; }
-  void EndThreads() noexcept ZR_EXCLUDES(lock_);
+  bool EndThreads() noexcept ZR_EXCLUDES(lock_);
   void EndReaped(ZrJob* chain) noexcept ZR_EXCLUDES(lock_);
   void Shutdown() noexcept ZR_EXCLUDES(lock_);
 
@@ -179,13 +179,4 @@ class ZrJobRegistry {
   std::size_t handedCount_ ZR_GUARDED_BY(lock_) = 0;  // jobs handed to the reaper so far
   std::size_t reapedCount_ ZR_GUARDED_BY(lock_) = 0;  // jobs it has ended so far
   ZrThread reaper_ ZR_GUARDED_BY(lock_);
-};
-
-/// First member of an owner of jobs, so that it goes last: the registry's threads need not outlive
-/// the jobs.
-struct ZrRegistryRest {
-  ZrRegistryRest() = default;
-  ZrRegistryRest(const ZrRegistryRest&) = delete;
-  ZrRegistryRest& operator=(const ZrRegistryRest&) = delete;
-  ~ZrRegistryRest() { ZrJobRegistry::Instance().Rest(); }
 };

@@ -39,19 +39,19 @@ void ZrJobRegistry::Shutdown() noexcept {
   ReleaseTables();
 }
 
-void ZrJobRegistry::Rest() noexcept {
-  if (OnDeliveringThread() || zr::IsForkOfThreads()) return;
+bool ZrJobRegistry::Rest() noexcept {
+  if (OnDeliveringThread() || zr::IsForkOfThreads()) return false;
   WaitForReaper();
-  EndThreads();
+  return EndThreads();
 }
 
 // A job that comes behind that finds no thread here, and starts others.
-void ZrJobRegistry::EndThreads() noexcept {
+bool ZrJobRegistry::EndThreads() noexcept {
   ZrThread delivery;
   ZrThread reaper;
   {
     const ZrLock hold(lock_);
-    if (!stopping_ && jobs_.Size() != 0) return;
+    if (!stopping_ && jobs_.Size() != 0) return false;
     ++shift_;
     wake_.NotifyAll();
     reap_.NotifyAll();
@@ -60,6 +60,7 @@ void ZrJobRegistry::EndThreads() noexcept {
   }
   delivery.Join();
   reaper.Join();
+  return true;
 }
 
 bool ZrJobRegistry::Reap(ZrJob* job) noexcept {

@@ -92,6 +92,27 @@ TEST(LineWriter, ASinkThatTakesNothingLosesWholeLinesOfAnyThreadAndSaysHowMany) 
   EXPECT_EQ(fifo.ReadAll(), "again\n");
 }
 
+TEST(LineWriter, ARestOfItsThreadLosesNoLine) {
+  const zrtest::TemporaryFolder folder;
+  ZrLineSink sink;
+  ASSERT_EQ(ZrLineSink::OpenFile(folder.Path("log"), sink), 0);
+  const auto queue = ZrLineWriter::Instance().Open(std::move(sink), "the log");
+  std::string expected;
+  std::atomic<bool> over = false;
+  std::jthread writer([&] {
+    for (int i = 0; i < 3000; ++i) {
+      queue->Push(std::to_string(i));
+      expected += std::to_string(i) + "\n";
+      if (i % 10 == 0) queue->Flush(10s);
+    }
+    over = true;
+  });
+  while (!over) ZrLineWriter::Instance().Rest();
+  EXPECT_TRUE(queue->Flush(10s));
+  EXPECT_EQ(zrtest::ReadFile(folder.Path("log")), expected);
+  ZrLineWriter::Instance().Close(*queue);
+}
+
 TEST(LineWriter, AFullDiskIsSaidOnce) {
   testing::internal::CaptureStderr();
   ZrLineSink sink;

@@ -77,7 +77,9 @@ TEST(Server, AStopLetsEndWhatRunsAndLeavesNothingBehind) {
       WaitUntilGone(request);
       answer.Text("too late");
     });
+    server.Handle("GET", "/throw", [](const Request&, Answer&) { throw std::runtime_error("x"); });
     const std::string url = server.Start();
+    EXPECT_TRUE(Ask(server, "/throw").ends_with("[500]"));  // and a line
     EXPECT_EQ(RunProgram({"curl", "-sk", server.Urls().at(1) + "/secure"}).out,
               server.Urls().at(1));
     BackgroundProgram running(
@@ -88,9 +90,10 @@ TEST(Server, AStopLetsEndWhatRunsAndLeavesNothingBehind) {
     EXPECT_EQ(running.Output(), "503");
     server.Stop();
   };
-  const std::size_t threads = Counts::OfProcess().values[Counts::kThreads];
+  const auto threads = [] { return Counts::NamesIn("/proc/self/task"); };
+  const std::uint64_t own = threads();
   run();  // what stays for the life of the process is there then
-  EXPECT_TRUE(WaitFor([&] { return Counts::OfProcess().values[Counts::kThreads] <= threads; }));
+  EXPECT_TRUE(WaitFor([&] { return threads() <= own; })) << threads() << " of " << own;
   const Counts before = Counts::OfProcess();
   run();
   velkoro::Server unstarted;
