@@ -40,7 +40,7 @@ class ZrLineQueue {
   /// `name` is what a full disk is reported by. Made by ZrLineWriter::Open().
   ZrLineQueue(ZrLineSink sink, std::string name);
 
-  /// Adds the line and a line end. False when it is lost.
+  /// Adds the line and a line end. No: it is lost.
   bool Push(std::string_view line) noexcept ZR_EXCLUDES(lock_);
   /// Adds a batch of lines, each with its line end: all of them or none.
   bool PushLines(std::string_view lines) noexcept ZR_EXCLUDES(lock_);
@@ -49,7 +49,7 @@ class ZrLineQueue {
   void PushOfKind(std::string_view kind, std::string_view line) noexcept ZR_EXCLUDES(lock_);
   /// From the next batch on, lines go there. What the old sink has taken half of is not repeated.
   void Replace(ZrLineSink sink) ZR_EXCLUDES(lock_);
-  /// Waits until what is queued now was written or lost; false when the limit came first.
+  /// Waits until what is queued now was written or lost. No: the limit came first.
   bool Flush(std::chrono::milliseconds limit) ZR_EXCLUDES(lock_);
 
  private:
@@ -154,7 +154,7 @@ class ZrLineWriter {
 
 namespace zr {
 
-/// One line on standard output, as it is. False when it is lost.
+/// One line on standard output, as it is. No: it is lost.
 bool WriteOutputLine(std::string_view line) noexcept;
 /// The same for what a request or a program can cause: a few per second.
 void WriteOutputNotice(std::string_view line) noexcept;

@@ -145,7 +145,7 @@ class Serving {
     }
   }
 
-  /// False when the program is to end.
+  /// Answers no when the program is to end.
   bool OnReport(ZrQuarnApplication2& application, const ZrServerCallback_t& record) {
     const std::string address = record.info.Get("address");
     const std::string port = record.info.Get("port");

@@ -13,14 +13,14 @@ class ZrContentHandler {
  public:
   virtual ~ZrContentHandler() = default;
 
-  /// Takes an HTTP request before anything else may answer it, whatever its method. True when an
-  /// answer was sent or will be, by ZrTransceiverClient::AnswerUntaken() for instance.
+  /// Takes an HTTP request before anything else may answer it, whatever its method. Answers
+  /// whether an answer was sent or will be, by ZrTransceiverClient::AnswerUntaken() for instance.
   virtual bool TakeRequest(ZrTransceiverClient& /*client*/,
                            const std::shared_ptr<ZrXHeader>& /*request*/) {
     return false;
   }
-  /// Serves an HTTP request from pages, scripts and files. True when an answer was sent or will be
-  /// (a script that runs keeps a reference to the request); false when the request is not served.
+  /// Serves an HTTP request from pages, scripts and files. Answers yes when an answer was sent or
+  /// will be (a script that runs keeps a reference to the request), no when it is not served.
   virtual bool ServeRequest(ZrTransceiverClient& client,
                             const std::shared_ptr<ZrXHeader>& request) = 0;
   /// Whether what serves this request, whose head is there, may read its body.

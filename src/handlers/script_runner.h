@@ -21,8 +21,8 @@ class ZrScriptRunner {
   virtual ~ZrScriptRunner() = default;
 
   /// Runs the script that `path` names beneath the client's start directory (bytes as they came in
-  /// the request, without the leading "/") and has its output answered: true, also while it still
-  /// runs. False, and nothing done, when the file is not there or the method is not one for
+  /// the request, without the leading "/") and has its output answered. Answers yes, also while it
+  /// still runs; no, and nothing is done, when the file is not there or the method is not one for
   /// scripts. In standard semantics the path may go on behind the script's name.
   virtual bool RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                          const std::string& path, ZrScriptKind kind) = 0;

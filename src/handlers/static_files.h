@@ -20,8 +20,8 @@ class ZrStaticFiles : public ZrContentHandler {
   explicit ZrStaticFiles(std::shared_ptr<ZrScriptRunner> scripts);
 
   /// Answers from, in this order: the default documents for "/", a stored page, a program under
-  /// "cgi-bin/", a PHP script, a plain file. False when the start directory is empty, the path
-  /// is none that is served (zr::IsServedPath) or nothing of these is there.
+  /// "cgi-bin/", a PHP script, a plain file. No: the start directory is empty, the path is
+  /// none that is served (zr::IsServedPath) or nothing of these is there.
   bool ServeRequest(ZrTransceiverClient& client,
                     const std::shared_ptr<ZrXHeader>& request) override;
   bool ReadsBody(ZrTransceiverClient& client, const ZrXHeader& request) override;

@@ -89,11 +89,11 @@ class ZrXHeader : public ZrJob, public ZrOnWorkbench {
   ZrXHeader(ZrMessageType type, std::uint32_t protocolKind, std::int64_t createdTicks);
   ~ZrXHeader() override;
 
-  /// Writes the head of a request or an answer into the buffer, under headLock. False and nothing
-  /// written in any job state but 6 and for a message of type kNone. For an answer whose body
-  /// begins with the head of a program, that head is moved out of `body`.
+  /// Writes the head of a request or an answer into the buffer, under headLock. Answers no, and
+  /// writes nothing, in any job state but 6 and for a message of type kNone. For an answer whose
+  /// body begins with the head of a program, that head is moved out of `body`.
   virtual bool WriteHead(ZrStringBuf& out) ZR_EXCLUDES(headLock);
-  /// True when the job state is 5 or 6, no head was written and there is a status of at least 100.
+  /// Whether the job state is 5 or 6, no head was written and there is a status of at least 100.
   virtual bool IsReadyToSend() ZR_EXCLUDES(headLock);
   virtual std::uint32_t ProtocolKind() const { return protocol; }
 
@@ -165,9 +165,9 @@ class ZrXHeader : public ZrJob, public ZrOnWorkbench {
   /// Adds a form field at the end of `blocks` and enters it into `byPosition`.
   ZrHTTPMessageBlock& AddBlock();
 
-  /// True once a head was written.
+  /// Whether a head was written.
   bool HeadWritten() const ZR_EXCLUDES(headLock);
-  /// False once the head of a received message has ended.
+  /// Answers no once the head of a received message has ended.
   bool InHead() const { return reading.inHead; }
   /// The number of head lines read, the first one included and the empty one not.
   std::size_t LineCount() const { return reading.lineCount; }

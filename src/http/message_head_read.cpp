@@ -38,7 +38,7 @@ constexpr char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c
 void MakeUpper(std::string& text) { std::transform(text.begin(), text.end(), text.begin(), Upper); }
 
 // Takes a word from the front of the line: leading spaces are skipped, tabs are dropped, a space
-// ends the word and goes with it. False when the word ran to the end of the line instead.
+// ends the word and goes with it. No: the word ran to the end of the line instead.
 bool TakeWord(std::string_view& line, std::string& word) {
   while (!line.empty()) {
     const std::size_t end = line.find(' ');

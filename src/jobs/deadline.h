@@ -16,7 +16,7 @@ class ZrDeadline {
 
   /// Starts anew, now, with this limit in microseconds.
   void Restart(std::uint64_t limitUs);
-  /// True once the limit has passed since the start; a limit of 0 has passed at once.
+  /// Whether the limit has passed since the start; a limit of 0 has passed at once.
   bool Expired() const;
   /// The clock reading, in nanoseconds, from which on Expired() answers yes.
   std::int64_t ExpiryNs() const;

@@ -37,7 +37,7 @@ class ZrAttributeMap {
     bool fresh;
   };
   Place Obtain(ZrNameView name);
-  /// Removes the name and destroys its attribute; false when the name is absent.
+  /// Removes the name and destroys its attribute. No: the name is absent.
   bool Erase(std::string_view name);
   /// Makes room for so many attributes in one piece.
   void Reserve(std::size_t count);

@@ -104,14 +104,14 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   virtual ZrXMLComplexElement* ThirdContentChild(bool skipText);
   /// Appends all children in order.
   virtual void CollectChildren(ZrXMLNodeList& list);
-  /// See ZrXMLGenericElement; false here.
+  /// See ZrXMLGenericElement; answers no here.
   virtual bool ReplaceByAttribute(ZrXMLGenericElement* newElement, ZrNameView attrName,
                                   std::string_view attrValue);
-  /// Puts wrapper in the place of the child and the child below it; takes wrapper over. False, and
+  /// Puts wrapper in the place of the child and the child below it; takes wrapper over. No, and
   /// nothing happens, when child is none. When wrapper refuses the child the exception passes, the
   /// child keeps its place and wrapper stays the caller's.
   virtual bool WrapChild(ZrXMLComplexElement* child, ZrXMLComplexElement* wrapper);
-  /// Puts newChild in the place of oldChild, takes it over and destroys oldChild. False, and
+  /// Puts newChild in the place of oldChild, takes it over and destroys oldChild. No, and
   /// nothing happens, when oldChild is no child or newChild is null.
   virtual bool ReplaceChild(ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild);
   /// Destroys the children one by one, each after ChildRemoved().
@@ -141,7 +141,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   /// does. Throws ZrException "not a child" when `before` is none.
   ZrXMLComplexElement* InsertChild(ZrXMLComplexElement* before, ZrXMLComplexElement* child);
   /// Takes the child out without destroying it: the caller owns it again and its parent is null.
-  /// False when it is no child.
+  /// No: it is no child.
   bool RemoveChild(ZrXMLComplexElement* child);
 
   /// The element that holds this one, null for a root.
@@ -171,7 +171,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   void SetError(const char* text);
   /// Writes what stands behind the last child.
   void WriteEnd(std::ostream& stream, bool lineBreak) const;
-  /// Writes the end of the start tag. False when that is all of the element: it has no end tag.
+  /// Writes the end of the start tag. No: that is all of the element, it has no end tag.
   bool EndStartTag(zr::TagWriter& tag) const;
   void MarkGeneric() { SetFlag(kGeneric, true); }
   /// The stored value, as Value("") of this class answers it.
@@ -183,8 +183,8 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
       RequireFreeSlow(node);
   }
   /// Puts newChild in the place of oldChild, calls ChildAdded() for it and destroys oldChild, also
-  /// when ChildAdded() throws. ChildRemoved() was called at the stamp of the list; false, and
-  /// nothing happens, when that took oldChild away.
+  /// when ChildAdded() throws. ChildRemoved() was called at the stamp of the list; answers
+  /// no, and nothing happens, when that took oldChild away.
   bool ExchangeChild(ZrXMLComplexElement* oldChild, ZrXMLComplexElement* newChild,
                      std::uint32_t stamp);
   /// Destroys the child in the way of the Delete operations: hook, slot cleared, child destroyed.

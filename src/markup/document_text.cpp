@@ -34,7 +34,7 @@ void AppendUtf8(std::string& text, std::uint32_t code) {
   }
 }
 
-// Appends what the reference "&...;" stands for; false when it is none that is known.
+// Appends what the reference "&...;" stands for. No: it is none that is known.
 bool AppendReferred(std::string& text, std::string_view reference) {
   for (const auto& known : kReferences) {
     if (reference != known.reference) continue;

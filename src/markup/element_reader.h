@@ -99,7 +99,7 @@ class ZrDTDElementReader {
  private:
   friend class ReadTransaction;
 
-  // Asks the source for more bytes behind the unread ones; false at the end.
+  // Asks the source for more bytes behind the unread ones. No: it has no more.
   bool More() {
     if (window_.IsFull() && !attributes_.empty()) KeepValues();
     char* const room = window_.MakeRoom();

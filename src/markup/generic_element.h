@@ -44,24 +44,24 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
   /// last character. Without "=" nothing happens. Never throws: a failure is noted in ErrorFlag()
   /// and ErrorText().
   virtual void AssignAttributeText(const std::string& text);
-  /// Sets the attribute from the text; an absent or bare name gets an untyped attribute. True.
-  /// Passes on what a typed attribute throws.
+  /// Sets the attribute from the text; an absent or bare name gets an untyped attribute. Answers
+  /// yes. Passes on what a typed attribute throws.
   virtual bool SetAttribute(ZrNameView name, std::string_view value);
   /// The attribute, made empty and untyped when the name is absent; null for a bare name. Owned by
   /// the element.
   virtual ZrXMLComplexAttribute2* Attribute(ZrNameView name);
   /// The attribute's value as it is written; empty for a bare name, defaultValue for an absent one.
   virtual std::string AttributeValue(std::string_view name, std::string_view defaultValue) const;
-  /// Whether the attribute writes as that value; false for a bare or absent name.
+  /// Whether the attribute writes as that value; no for a bare or absent name.
   virtual bool AttributeEquals(std::string_view name, std::string_view value) const;
   /// Whether the name is there, bare ones included.
   virtual bool HasAttribute(std::string_view name) const;
-  /// Removes the name and destroys its attribute; false when it is absent.
+  /// Removes the name and destroys its attribute. No: it is absent.
   virtual bool RemoveAttribute(std::string_view name);
   /// Replaces the element below this one whose attribute has that value, or else appends
-  /// newElement; in both cases sets the attribute on it and takes it over. True when it replaced
-  /// one. False, and nothing happens, for null. When it throws, newElement->Parent() tells who owns
-  /// newElement.
+  /// newElement; in both cases sets the attribute on it and takes it over. Answers whether it
+  /// replaced one; for null it answers no, and nothing happens. When it throws,
+  /// newElement->Parent() tells who owns newElement.
   virtual bool PutByAttribute(ZrXMLGenericElement* newElement, ZrNameView attrName,
                               std::string_view attrValue);
   /// Appends this element and those below it that have the attribute.
@@ -89,8 +89,8 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
   /// of their own, end tag.
   void Write(std::ostream& stream) const override;
   /// Replaces the first element below this one whose attribute has that value by newElement, sets
-  /// the attribute on it and takes it over; the old element is destroyed. False when there is none,
-  /// newElement then stays the caller's.
+  /// the attribute on it and takes it over; the old element is destroyed. No: there is none, and
+  /// newElement stays the caller's.
   bool ReplaceByAttribute(ZrXMLGenericElement* newElement, ZrNameView attrName,
                           std::string_view attrValue) override;
 

@@ -115,7 +115,7 @@ class ReadTransaction {
     next_ = first_ + next;
     furthest_ = first_ + furthest;
   }
-  // Asks the source for more; false at its end.
+  // Asks the source for more. No: it has no more.
   [[gnu::noinline, gnu::cold]] bool More();
   // Over bytes that hold no line feed, or whose line feeds are counted.
   void AdvanceTo(const char* place) {

@@ -27,6 +27,6 @@ class ZrDTDElementRead_Doctype : public ZrDTDElementRead {
   ZrDTDElementRead_Doctype();
   ZrDTDElementRead* Read(ZrDTDElementReader& reader) override;
   std::unique_ptr<ZrDTDElementRead> Clone() const override;
-  /// Whether the byte continues the keyword of which Text() has been read; false past its end.
+  /// Whether the byte continues the keyword of which Text() has been read; no past its end.
   virtual bool MatchesKeywordAt(int byte) const;
 };

@@ -27,7 +27,7 @@ enum class ZrSocketResult {
 
 class ZrSocketIPvx {
  public:
-  /// Decides on a peer by its numeric address; false closes it. The record may be changed.
+  /// Decides on a peer by its numeric address; no closes it. The record may be changed.
   using PeerFilter = std::function<bool(ZrHostInfo_t&)>;
 
   /// How long the lookup and all attempts of connect may take together.

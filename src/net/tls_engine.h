@@ -86,7 +86,7 @@ class ZrTlsEngine {
   ZrTlsWriteStatus Handshake();
   /// Runs the handshake of the client side to its end on the calling thread. Throws ZrException
   /// "Error getting SSL_connect" when the limit passed or `cancelled` (may be empty; asked every
-  /// zr::kCancelSlice) answers true, "Error getting SSL read" or "Error getting SSL write" when the
+  /// zr::kCancelSlice) answers yes, "Error getting SSL read" or "Error getting SSL write" when the
   /// socket cannot be waited for, and "Error in TLS handshake: ..." with Problem() when the peer or
   /// its certificate is refused, or the line breaks.
   void ConnectWithin(std::chrono::milliseconds limit, const std::function<bool()>& cancelled = {});

@@ -75,7 +75,7 @@ struct PollItem {
 };
 
 /// Waits until an item is ready or the deadline has passed (none: no time limit) and fills every
-/// `ready`. Returns false when the deadline passed with nothing ready. An interruption is retried.
+/// `ready`. No: the deadline passed with nothing ready. An interruption is retried.
 bool PollDescriptors(std::span<PollItem> items,
                      std::optional<std::chrono::steady_clock::time_point> deadline);
 

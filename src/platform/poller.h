@@ -43,7 +43,7 @@ class ZrPoller {
   ZrPoller& operator=(const ZrPoller&) = delete;
   ~ZrPoller() = default;
 
-  /// Watches a descriptor. False when it is watched already, is no socket or pipe, or the system's
+  /// Watches a descriptor. No: it is watched already, is no socket or pipe, or the system's
   /// limits are reached. The highest token is kept for the wake-up.
   [[nodiscard]] bool Add(int descriptor, std::uint64_t token, unsigned interest);
   /// Stops watching; unknown descriptors are ignored. A wait that is returning at this moment may

@@ -24,8 +24,8 @@ class ZrEnvironment {
   /// A copy of what this process has now. The host must not change its environment meanwhile.
   static ZrEnvironment OfThisProcess();
 
-  /// Enters the variable or replaces its value. The name holds no "=", neither text a NUL byte;
-  /// a variable that breaks this is left out and false returned.
+  /// Enters the variable or replaces its value. The name holds no "=", neither text a NUL byte. No:
+  /// the variable breaks this and is left out.
   bool Set(std::string_view name, std::string_view value);
   /// The value, valid until the next Set; nothing for an unknown name.
   std::optional<std::string_view> Get(std::string_view name) const;

@@ -94,7 +94,7 @@ ZrResolution ResolveHost(const std::string& host, int port,
 inline constexpr std::size_t kMostLookups = 64;
 /// A wait that somebody may call off is made of short ones.
 inline constexpr std::chrono::milliseconds kCancelSlice{24};
-/// True for a numeric IPv4 or IPv6 address (no name lookup is made).
+/// Whether the text is a numeric IPv4 or IPv6 address (no name lookup is made).
 bool IsNumericAddress(const std::string& host);
 
 /// The same address with another port.

@@ -101,7 +101,7 @@ class ZrCondition {
     Adopted hold(mutex.mutex_);
     condition_.wait(hold.lock, ready);
   }
-  /// Returns what the predicate says at the end: false when the deadline passed before it held.
+  /// Answers what the predicate says at the end. No: the deadline passed before it held.
   template <class Predicate>
   bool WaitUntil(ZrMutex& mutex, std::chrono::steady_clock::time_point deadline, Predicate ready)
       ZR_REQUIRES(mutex) {

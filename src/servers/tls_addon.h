@@ -41,7 +41,7 @@ class ZrTransceiverServerL1_SSLAddon {
 
   /// Sets whom the connections of the client form expect from now on.
   void ExpectPeer(ZrTlsPeer peer) { peer_ = std::move(peer); }
-  /// False for a server form whose files could not be used.
+  /// Answers no for a server form whose files could not be used.
   bool HasContext() const { return context_ != nullptr; }
 
   /// How many add-ons were built in this process; failed server forms are not counted.

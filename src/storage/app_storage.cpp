@@ -33,7 +33,7 @@ bool LeadsUp(std::string_view path) {
   return false;
 }
 
-// The pieces between backslashes, put together again one by one; false when one is not there.
+// The pieces between backslashes, put together again one by one. No: one is not there.
 bool EachPrefixExists(std::string_view directory, bool create) {
   std::string prefix;
   for (std::size_t start = 0; start < directory.size();) {

@@ -43,13 +43,13 @@ class ZrPersistentAppStorage : public ZrXMLDatabase {
   /// Replaces the map by the application's options; the last of two of one name counts.
   virtual void GetOptions(std::map<std::string, std::string>& map);
   /// Makes a listed project known for AcquireProject(): its directory is there and its file can be
-  /// read. `create` makes missing directories. False when the name is not listed or holds a
+  /// read. `create` makes missing directories. Answers no when the name is not listed or holds a
   /// separator, when its path has a ".." piece, or when something is missing; with `create`, a file
   /// that cannot be read throws ZrException.
   virtual bool OpenProject(const std::string& name, bool create, const OnMissing& onMissing);
   /// Finds, and with `create` makes (mode 0750), the directory of a project path; it is stored in
-  /// `directory`, in the stored form. False when it is not there, cannot be made, is longer than
-  /// 259 characters, or the path has a ".." piece.
+  /// `directory`, in the stored form. No: it is not there, cannot be made, is longer than 259
+  /// characters, or the path has a ".." piece.
   virtual bool PrepareProjectDirectory(std::string path, std::string& directory, bool create);
   virtual void PrintProjectStorage();
   virtual std::string ProjectStorageDirectory();

@@ -22,7 +22,7 @@ inline constexpr std::size_t kMaxMarkerBytes = std::size_t{64} << 20;  // insert
 /// Answers the text that takes a marker's place.
 using MarkerLookup = std::function<std::string(std::string_view name)>;
 
-/// Expands the markers of the text in place. False when a bound was reached. Passes on what the
+/// Expands the markers of the text in place. No: a bound was reached. Passes on what the
 /// lookup throws; the text is then unchanged.
 bool ExpandMarkers(std::string& text, const MarkerLookup& lookup);
 

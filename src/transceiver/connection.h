@@ -55,7 +55,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
 
   bool Attach(std::string_view task) override;
   bool Detach(std::string_view task) override;
-  /// True when the time limit or the limit of an incomplete head has passed. A request in progress
+  /// Whether the time limit or the limit of an incomplete head has passed. A request in progress
   /// with nothing to send has kAnswerTimeLimit instead.
   bool HasExpired() override;
 

@@ -8,7 +8,7 @@
 namespace {
 
 // Any mix of operations shows the bytes that a plain text would, whatever moves inside the buffer.
-TEST(StringBuf, EveryMixOfOperationsKeepsTheBytes) {
+TEST(StringBuffer, EveryMixOfOperationsKeepsTheBytes) {
   std::mt19937 random(7);
   ZrStringBuf buffer;
   std::string model;

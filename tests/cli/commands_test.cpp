@@ -16,7 +16,7 @@ zrtest::RunResult RunIn(const std::string& folder, const std::string& command) {
       {"sh", "-c", "cd '" + folder + "' && PATH='" ZR_PROGRAM_FOLDER "':$PATH && " + command});
 }
 
-TEST(StoreCommand, PrintsWhatTheReadmeShows) {
+TEST(Commands, OfTheStorePrintWhatTheReadmeShows) {
   // A command stands behind "$ "; what follows it up to the next empty line is its output.
   const std::string readme = zrtest::ReadFile(ZR_STORE_EXAMPLE "/README.md");
   std::istringstream lines(readme);

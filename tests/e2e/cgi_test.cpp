@@ -124,7 +124,7 @@ TEST(Cgi, EndOfTheServerEndsItsPrograms) {
   EXPECT_FALSE(runs());
 }
 
-TEST(Php, FormOfTheExampleIsAnswered) {
+TEST(Cgi, FormOfThePhpExampleIsAnswered) {
   const auto site = CopyOf(ZR_PHP_EXAMPLE);
   const TemporaryFolder uploads;
   const std::string file = uploads.Write("photo.bin", Pattern(200000));
@@ -146,7 +146,7 @@ TEST(Php, FormOfTheExampleIsAnswered) {
   EXPECT_NE(multipart.find("photo.bin: 200000 bytes,\nmd5 " + md5), std::string::npos) << multipart;
 }
 
-TEST(Php, ApplicationOfOthersShowsItsFirstPage) {
+TEST(Cgi, PhpApplicationOfOthersShowsItsFirstPage) {
   const TemporaryFolder folder;
   std::filesystem::copy_file("/usr/share/adminer/adminer.php", folder.Path("index.php"));
   Served served(folder, {"https"});

@@ -59,7 +59,7 @@ class Commanding : public ZrQuarnApplication2 {
   Obedient handler_;
 };
 
-TEST(Commands, ReachTheirHandlersAndElseTheFiles) {
+TEST(FormCommands, ReachTheirHandlersAndElseTheFiles) {
   const TemporaryFolder folder;
   folder.Write("file", "file");
   folder.Write("stored", "the file of that name");

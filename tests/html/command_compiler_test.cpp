@@ -10,7 +10,7 @@ std::string Lit(const std::string& count, const std::string& ramp) {
   return "!linearanimation(.lamp,3s,infinite," + count + ",on,off," + ramp + ")";
 }
 
-TEST(EvaluateCommand, WritesRuleAndBothKeyframeBlocksOfEachElement) {
+TEST(CommandCompiler, WritesRuleAndBothKeyframeBlocksOfEachElement) {
   const std::string frames0 =
       "0% {\n  opacity: 1;\n}\n45% {\n  opacity: 1;\n}\n50% {\n  opacity: 0;\n}\n"
       "95% {\n  opacity: 0;\n}\n100% {\n  opacity: 1;\n}\n}\n\n";
@@ -33,7 +33,7 @@ TEST(EvaluateCommand, WritesRuleAndBothKeyframeBlocksOfEachElement) {
       std::string::npos);
 }
 
-TEST(EvaluateCommand, MalformedCommandsGiveTheErrorText) {
+TEST(CommandCompiler, MalformedCommandsGiveTheErrorText) {
   for (const std::string text :
        {"", "!", "linearanimation(.a,1s,1,2,a,b,5)", "!linearanimation",
         "!linearanimation (.a,1s,1,2,a,b,5)", "!linearAnimation(.a,1s,1,2,a,b,5)", "!x(",
@@ -50,7 +50,7 @@ TEST(EvaluateCommand, MalformedCommandsGiveTheErrorText) {
   }
 }
 
-TEST(EvaluateCommand, TakesNumbersAfterBlanksAndUpToTheLimit) {
+TEST(CommandCompiler, TakesNumbersAfterBlanksAndUpToTheLimit) {
   for (const char* few : {"0", "1"}) EXPECT_EQ(zr::EvaluateCommand(Lit(few, "5")), "");
   EXPECT_EQ(zr::EvaluateCommand(Lit("\r 2 lamps", "\v5%")), zr::EvaluateCommand(Lit("2", "5")));
   EXPECT_EQ(zr::EvaluateCommand("!linearanimation(.lamp,3s,infinite,2,on,off,5,more"),
@@ -60,7 +60,7 @@ TEST(EvaluateCommand, TakesNumbersAfterBlanksAndUpToTheLimit) {
   EXPECT_EQ(text.find("lamp10000"), std::string::npos);
 }
 
-TEST(EvaluateCommand, AnswersBeyondTheLimitAreRefused) {
+TEST(CommandCompiler, AnswersBeyondTheLimitAreRefused) {
   // 100 elements write the lit value about 400 times: 64 MiB are reached with 160 KiB of it.
   const auto lamps = [](std::size_t size) {
     return zr::EvaluateCommand("!linearanimation(.a,1s,1,100," + std::string(size, 'v') + ",b,5)");

@@ -15,7 +15,7 @@ struct Case {
   const char* written = nullptr;
 };
 
-TEST(HtmlReader, ReadsPagesAndStyleSheets) {
+TEST(HtmlDtd, ReadsPagesAndStyleSheets) {
   constexpr Case kCases[] = {
       {"html", "<!DOCTYPE html><html><body>a b</body></html>",
        "HTMLDoctype html(body(\"a\" {.} \"b\")) @1",
@@ -60,7 +60,7 @@ TEST(HtmlReader, ReadsPagesAndStyleSheets) {
   }
 }
 
-TEST(HtmlReader, RefusesWithTheLine) {
+TEST(HtmlDtd, RefusesWithTheLine) {
   constexpr Case kCases[] = {
       {"html", "<p>\n<br></p>",
        "p({n} br) @2 # wrong closing tag '/p' instead '/br' around line 2"},
@@ -91,7 +91,7 @@ TEST(HtmlReader, RefusesWithTheLine) {
 }
 
 // Each of these took minutes if an attempt cost what lies in the buffer and not what it consumed.
-TEST(HtmlReader, HostileSheetsAreLinear) {
+TEST(HtmlDtd, HostileSheetsAreLinear) {
   const std::string declarations = zrtest::Repeated("a: b;\n", 400'000);
   const std::string blanks = zrtest::Repeated(" ", 2'000'000) + "}";
   EXPECT_TRUE(zrtest::ReadAndWritten(declarations, "css", zr::HtmlDocumentKinds()) == declarations);

@@ -7,9 +7,7 @@
 #include <set>
 #include <typeindex>
 
-#include "html/error_page_404.h"
 #include "html/form_elements.h"
-#include "html/html_document.h"
 #include "html/html_dtd.h"
 #include "html/html_text.h"
 #include "html/plain_elements.h"
@@ -85,7 +83,7 @@ TEST(HtmlElements, MembersAreAttributesLikeOthers) {
   EXPECT_EQ(p.ToText(), "<p class=\"c\" data=\"data\" i=\"i\" id=\"untyped\" z=\"z\"></p>");
 }
 
-TEST(HtmlScript, BuildsTheElementInThePage) {
+TEST(HtmlElements, TheirScriptBuildsThemInThePage) {
   ZrHTML_div2 div;
   div.SetAttribute("title", "it's");
   div.AddAttribute("hidden", nullptr);
@@ -96,29 +94,6 @@ TEST(HtmlScript, BuildsTheElementInThePage) {
             "newelem.setAttribute('title','it's');\n"
             "newelem.innerHTML=\"<b x=\\\"1\\\"></b>a\\r\\n\\t\\f\\b\\\\\\\"\\'\x01/\";\n"
             "document.appendChild(newelem);\n }");
-}
-
-TEST(HtmlDocument, MakesTheFrameThatIsMissing) {
-  ZrHTML_Document2 other;
-  auto* const outer = other.Adopt(std::make_unique<ZrHTML_div2>());
-  auto* const html = outer->Adopt(std::make_unique<ZrHTML_html2>());
-  EXPECT_EQ(&other.HtmlRoot(), html);
-  EXPECT_EQ(zrtest::Dump(other), "HTMLDocument(HTMLDoctype div(html))");
-  auto* const body =
-      html->Adopt(std::make_unique<ZrHTML_div2>())->Adopt(std::make_unique<ZrHTML_body2>());
-  EXPECT_EQ(&html->Body(), body);
-
-  ZrHTML_Document2 page;
-  page.AddToBody(std::make_unique<ZrHTML_p2>());
-  page.AddToHead(std::make_unique<ZrHTML_title2>("T"));
-  EXPECT_EQ(zrtest::Dump(page.HtmlRoot()), "html(head(title(\"T\")) body(p))");
-}
-
-TEST(HtmlDocument, TheErrorPageShowsMessageAndLink) {
-  EXPECT_EQ(ZrHTML_ErrorMsg404().ToText(),
-            "<!DOCTYPE html>\n<html>\n<head>\n<title>\nError 404 - not found\n</title>\n</head>\n"
-            "<body>\n<h1>Error 404 - not found</h1>The requested page was not found or the project "
-            "was timed out.\n<br />\n<a href=\"/\">\nStartseite\n</a>\n</body>\n</html>");
 }
 
 }  // namespace

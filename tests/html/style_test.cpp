@@ -12,7 +12,7 @@ namespace {
 using zrtest::MessageOf;
 using zrtest::Written;
 
-TEST(StyleAttribute, ReadsDeclarationsAndWritesThemByName) {
+TEST(Style, ReadsDeclarationsAndWritesThemByName) {
   constexpr std::pair<const char*, const char*> kCases[] = {
       {"b:2;a:1", "a: 1;b: 2;"},
       {"color:red ; margin : 0", "color: red;margin: 0;"},
@@ -32,7 +32,7 @@ TEST(StyleAttribute, ReadsDeclarationsAndWritesThemByName) {
   }
 }
 
-TEST(StyleAttribute, KeepsWhatItReadBeforeAMistake) {
+TEST(Style, KeepsWhatItReadBeforeAMistake) {
   for (const std::string text : {"color", "a:b:c", "a:", "a::b", ":", "a: "}) {
     ZrHTML_b2 element;
     EXPECT_EQ(MessageOf([&] { element.style.SetFromString("x:1;" + text + ";y:2"); }),
@@ -41,7 +41,7 @@ TEST(StyleAttribute, KeepsWhatItReadBeforeAMistake) {
   }
 }
 
-TEST(StyleAttribute, AddsAndKeepsPropertiesByName) {
+TEST(Style, AddsAndKeepsPropertiesByName) {
   ZrHTML_b2 element;
   element.style.SetFromText("top:1");
   element.style.SetFromText(nullptr);
@@ -58,7 +58,7 @@ TEST(StyleAttribute, AddsAndKeepsPropertiesByName) {
   EXPECT_EQ(element.ToText(), "<b></b>");
 }
 
-TEST(CssNodes, PropertiesTrimTheirParts) {
+TEST(Style, PropertiesTrimTheirParts) {
   constexpr std::pair<const char*, const char*> kCases[] = {
       {" \tcolor ;:\n red ;; \r", "\tcolor ;|\tcolor ;: red;"},
       {"a:b:c", "a|a: b:c;"},

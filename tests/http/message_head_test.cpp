@@ -113,7 +113,7 @@ const ReadCase kReadCases[] = {
      "21 GET|/|HTTP/1.1 [a=b] uncalled body=\r -> 0"},
 };
 
-TEST(XHeader, ReadsHeadsHoweverTheyAreCut) {
+TEST(MessageHead, ReadsHeadsHoweverTheyAreCut) {
   for (const ReadCase& c : kReadCases) {
     SCOPED_TRACE(c.name);
     Reader bytes;
@@ -128,7 +128,7 @@ TEST(XHeader, ReadsHeadsHoweverTheyAreCut) {
   }
 }
 
-TEST(XHeader, HeadsHaveLimits) {
+TEST(MessageHead, HeadsHaveLimits) {
   const std::string first = "GET / HTTP/1.1\r\n";
   const auto headOfSize = [&first](std::size_t size) {
     return first + "a: " + std::string(size - first.size() - 7, 'x') + "\r\n\r\n";
@@ -164,7 +164,7 @@ std::string WrittenHead(ZrXHeader& head) {
 
 const std::string kServer = "Server: velkoro/1.28.1(96)\r\n";
 
-TEST(XHeader, WritesAnswers) {
+TEST(MessageHead, WritesAnswers) {
   const auto file = Reader().head->MakeResponse();
   ZrStringBuf out;
   EXPECT_FALSE(file->WriteHead(out));  // not complete yet
@@ -189,29 +189,6 @@ TEST(XHeader, WritesAnswers) {
   odd->status = 204;
   EXPECT_EQ(WrittenHead(*odd),
             "HTTP/1.1 500 Internal Error\r\n" + kServer + "Content-Length: 5\r\n\r\n");
-}
-
-TEST(ProgramHead, IsTakenWhenItIsOne) {
-  const auto expect = [](const std::string& output, const std::string& head,
-                         const std::string& page) {
-    SCOPED_TRACE(output);
-    const auto answer = Reader().head->MakeResponse();
-    answer->SetBodyText(output);
-    answer->cgiHeadPending = true;
-    EXPECT_EQ(WrittenHead(*answer), "HTTP/1.1 200 OK\r\n" + kServer + "Content-Length: " +
-                                        std::to_string(page.size()) + "\r\n" + head);
-    EXPECT_EQ(answer->TakeBody()->Take(), page);
-  };
-  expect("A: b\r\nC:d\r\n\r\npage\r\n\r\n", "A: b\r\nC:d\r\n\r\n", "page\r\n\r\n");
-  expect("\r\npage\r\n\r\n", "\r\n", "page\r\n\r\n");
-  // Its own length and coding are not those of the page.
-  expect("content-LENGTH: 9\r\nA: b\r\nTransfer-Encoding: chunked\r\nContent-Length: 4\r\n\r\npage",
-         "A: b\r\nContent-Length: 4\r\n\r\n", "page");
-  for (const char* page : {"", "A: b\n\npage\r\n\r\nmore", "A: b\r\n c\r\n\r\n", "A: b\r\n",
-                           "A: b\r\nC: d\nE: f\r\n\r\n", "A: b\r\n\npage\r\n\r\n",
-                           "text\r\n\r\nmore", "A: b\rC: d\r\n\r\n"}) {
-    expect(page, "\r\n", page);
-  }
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ extern "C" int getaddrinfo(const char* node, const char* service, const addrinfo
 
 namespace {
 
-TEST(Socket, AnAddressThatIsGivenIsTheOnlyOne) {
+TEST(TcpSocket, AnAddressThatIsGivenIsTheOnlyOne) {
   int port = 0;
   const auto reaches = [&port](const char* host) {
     ZrSocketIPvx client;
@@ -66,7 +66,7 @@ TEST(Socket, AnAddressThatIsGivenIsTheOnlyOne) {
   EXPECT_EQ(second.listen("", beyond, 16), ZrSocketResult::kListenFailed);
 }
 
-TEST(Socket, ReceiveTellsEndNothingAndFailureApart) {
+TEST(TcpSocket, ReceiveTellsEndNothingAndFailureApart) {
   int port = 0;
   ZrSocketIPvx listener;
   ASSERT_EQ(listener.listen("", port, 16), ZrSocketResult::kSuccess);
@@ -100,7 +100,7 @@ TEST(Socket, ReceiveTellsEndNothingAndFailureApart) {
 }
 
 // However many are given up, their threads are bounded and go when the resolver's time is over.
-TEST(Socket, ConnectDoesNotWaitForTheResolver) {
+TEST(TcpSocket, ConnectDoesNotWaitForTheResolver) {
   const auto before = zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads];
   const auto threads = [before] {
     return zrtest::Counts::OfProcess().values[zrtest::Counts::kThreads] - before;

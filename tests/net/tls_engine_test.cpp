@@ -190,27 +190,4 @@ TEST(TlsEngine, TellsWhyAHandshakeFailed) {
             "Error in TLS handshake: unexpected eof while reading");
 }
 
-TEST(TlsContext, TellsWhichKeyPairsCannotServe) {
-  const zrtest::TemporaryFolder folder;
-  const auto& good = zrtest::TestCertificate();
-  const auto other = zr::EnsureSelfSignedCertificate(folder.Path("other"));
-  const std::string locked = folder.Path("locked.pem");
-  EXPECT_EQ(zrtest::RunProgram({"openssl", "pkey", "-in", good.privateKey, "-aes128", "-passout",
-                                "pass:x", "-out", locked})
-                .status,
-            0);
-  const std::string chain = folder.Write(
-      "chain.pem", zrtest::ReadFile(good.certificate) + zrtest::ReadFile(other.certificate));
-  EXPECT_NE(zr::MakeTlsServerContext(chain, good.privateKey), nullptr);
-  const std::pair<std::string, std::string> cases[] = {{folder.Path("no"), good.privateKey},
-                                                       {good.certificate, locked},
-                                                       {good.certificate, other.privateKey}};
-  for (const auto& [certificate, key] : cases) {
-    EXPECT_EQ(
-        Failure([&, &file = certificate, &with = key] { zr::MakeTlsServerContext(file, with); }),
-        "(SSL) problem with SSL key pair")
-        << certificate << key;
-  }
-}
-
 }  // namespace

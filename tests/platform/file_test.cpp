@@ -22,9 +22,9 @@ std::string Content(const ZrFile& file) {
   return bytes;
 }
 
-class Beneath : public testing::Test {
+class File : public testing::Test {
  protected:
-  Beneath() {
+  File() {
     folder_.Write("site/page.txt", "page");
     folder_.Write("site/sub/a..b", "dots");
     folder_.Write("site/odd\\name", "backslash");
@@ -47,7 +47,7 @@ class Beneath : public testing::Test {
   zrtest::TemporaryFolder folder_;
 };
 
-TEST_F(Beneath, OpensWhatLiesInsideAndNothingElse) {
+TEST_F(File, OpensWhatLiesBeneathAndNothingElse) {
   constexpr std::pair<const char*, const char*> kCases[] = {{"page.txt", "page"},
                                                             {"sub/a..b", "dots"},
                                                             {"odd\\name", "backslash"},
@@ -85,7 +85,7 @@ TEST_F(Beneath, OpensWhatLiesInsideAndNothingElse) {
   EXPECT_EQ(ZrFile::OpenBeneath(folder_.Path("site/page.txt"), "/"), nullptr);
 }
 
-TEST_F(Beneath, WhatMayOnlyBeRunIsThere) {
+TEST_F(File, WhatMayOnlyBeRunIsThere) {
   folder_.Write("site/program", "program");
   ASSERT_EQ(::chmod(folder_.Path("site/program").c_str(), 0111), 0);
   ASSERT_EQ(::chmod(folder_.Path().c_str(), 0755), 0);
@@ -97,7 +97,7 @@ TEST_F(Beneath, WhatMayOnlyBeRunIsThere) {
   }).join();
 }
 
-TEST_F(Beneath, KeepsBytesAndLengthOfTheMomentItWasOpened) {
+TEST_F(File, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   const auto file = ZrFile::OpenBeneath(folder_.Path("site"), "page.txt");
   ASSERT_NE(file, nullptr);
   ASSERT_EQ(zr::ReplaceFile(folder_.Path("site/page.txt"), "other page", 0600), 0);
@@ -119,7 +119,7 @@ TEST_F(Beneath, KeepsBytesAndLengthOfTheMomentItWasOpened) {
   EXPECT_EQ(huge->ReadAt(~std::uint64_t{0}, end), 0U);
 }
 
-TEST_F(Beneath, AKeptDirectoryKnowsWhenItsNameLeadsElsewhere) {
+TEST_F(File, AKeptDirectoryKnowsWhenItsNameLeadsElsewhere) {
   const auto site = ZrDirectory::Open(folder_.Path("site"));
   ASSERT_NE(site, nullptr);
   EXPECT_TRUE(site->IsCurrent());

@@ -21,7 +21,7 @@ std::string Answer(const std::string& body) {
          std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-TEST(Http, EndsConnectionsAsTheRequestAsks) {
+TEST(HttpServer, EndsConnectionsAsTheRequestAsks) {
   struct EndCase {
     const char* bytes;
     bool finish = false;  // the client ends its side behind them
@@ -65,7 +65,7 @@ TEST(Http, EndsConnectionsAsTheRequestAsks) {
 }
 
 // What comes behind a request whose end nobody can know is never another one.
-TEST(Http, ReadsNothingBehindARequestWithoutALength) {
+TEST(HttpServer, ReadsNothingBehindARequestWithoutALength) {
   ServerBed bed;
   ServerBed::Message held;
   std::atomic<int> handled = 0;
@@ -91,7 +91,7 @@ TEST(Http, ReadsNothingBehindARequestWithoutALength) {
 }
 
 // Large bodies are handed out like others and lie in no buffer of ours; unwanted ones lie nowhere.
-TEST(Http, KeepsLargeBodiesOffTheHeap) {
+TEST(HttpServer, KeepsLargeBodiesOffTheHeap) {
   ServerBed bed;
   std::atomic<std::size_t> heap = 0;
   bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) {
@@ -123,7 +123,7 @@ TEST(Http, KeepsLargeBodiesOffTheHeap) {
 }
 
 // With standard semantics a peer is told why its connection ends; an idle one is not.
-TEST(Http, AMessageThatComesTooLateIsAnsweredWhereAnswersSaySo) {
+TEST(HttpServer, AMessageThatComesTooLateIsAnsweredWhereAnswersSaySo) {
   ManualClock clock;
   ServerBed bed(clock);
   std::string name;
@@ -172,7 +172,7 @@ TEST(Http, AMessageThatComesTooLateIsAnsweredWhereAnswersSaySo) {
 }
 
 // Whoever came and went while a handler blocks leaves nothing in the queue behind it.
-TEST(Http, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
+TEST(HttpServer, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
   ServerBed bed;
   std::binary_semaphore blocked{0};
   std::binary_semaphore released{0};
@@ -207,7 +207,7 @@ TEST(Http, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
 
 // Whatever an owner's callback throws, every answer goes out once and the turn ends with it; what a
 // handler throws ends its connection and no other.
-TEST(Http, FailuresOfCallbacksAndHandlersLeaveNoTurnOpen) {
+TEST(HttpServer, FailuresOfCallbacksAndHandlersLeaveNoTurnOpen) {
   ServerBed bed;
   bed.callback = [inner = bed.callback](ZrServerCallback_t& record) -> bool {
     inner(record);
@@ -239,7 +239,7 @@ TEST(Http, FailuresOfCallbacksAndHandlersLeaveNoTurnOpen) {
 
 // The next message of the connection is read on another thread while the handler goes on; nearly
 // always, so that nobody waits for it for ever.
-TEST(Http, AnAnswerEndsTheTurnWhateverItsHandlerStillDoes) {
+TEST(HttpServer, AnAnswerEndsTheTurnWhateverItsHandlerStillDoes) {
   const ManualClock clock;  // no pass takes long
   ServerBed bed(clock);
   std::counting_semaphore<> served(0);
@@ -260,7 +260,7 @@ TEST(Http, AnAnswerEndsTheTurnWhateverItsHandlerStillDoes) {
 
 // Some of them by the receive job, and when it has done enough for one connection, by the task. A
 // peer that does not read them is held up, and nobody else.
-TEST(Http, RequestsSentAtOnceAreAnsweredOnceAndInOrder) {
+TEST(HttpServer, RequestsSentAtOnceAreAnsweredOnceAndInOrder) {
   const std::string large(200'000, 'b');
   const auto body = [&](const std::string& query) {
     return query + (query.starts_with("large") ? large : "");

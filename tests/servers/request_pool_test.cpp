@@ -18,7 +18,7 @@ using namespace zrtest;
 namespace {
 
 // One whose worker drops out goes out once more, before those that wait.
-TEST(Pool, RequestsBeyondTenWaitForAWorkerAndGoOutInOrder) {
+TEST(RequestPool, RequestsBeyondTenWaitForAWorkerAndGoOutInOrder) {
   constexpr int kAll = -1;
   std::atomic<int> released{1000};  // the number of the connection that goes on, or all
   std::mutex lock;
@@ -70,7 +70,7 @@ TEST(Pool, RequestsBeyondTenWaitForAWorkerAndGoOutInOrder) {
   EXPECT_EQ(peer.Count(), 11);
 }
 
-TEST(Pool, StartsHoldNothingUpAndTheirFailureIsTold) {
+TEST(RequestPool, StartsHoldNothingUpAndTheirFailureIsTold) {
   std::atomic<bool> released{false};
   ScriptedPeer peer([&](int, PeerConnection&) {  // silent in the handshake, then gone
     EXPECT_TRUE(WaitFor([&] { return released.load(); }));

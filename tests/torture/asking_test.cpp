@@ -207,11 +207,11 @@ constexpr auto kTlsMoments = {Moment::kConnected, Moment::kHandshake, Moment::kF
                               Moment::kSecured,   Moment::kHead,      Moment::kWaiting,
                               Moment::kFirst,     Moment::kLast,      Moment::kIdle};
 
-TEST(Matrix, OutgoingHttp) {
+TEST(Asking, Http) {
   RunAll(Wire::kPlain, {Moment::kConnected, Moment::kWaiting, Moment::kHead, Moment::kFirst,
                         Moment::kLast, Moment::kIdle});
 }
-TEST(Matrix, OutgoingTls12) { RunAll(Wire::kTls12, kTlsMoments); }
-TEST(Matrix, OutgoingTls13) { RunAll(Wire::kTls13, kTlsMoments); }
+TEST(Asking, Tls12) { RunAll(Wire::kTls12, kTlsMoments); }
+TEST(Asking, Tls13) { RunAll(Wire::kTls13, kTlsMoments); }
 
 }  // namespace

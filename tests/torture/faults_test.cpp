@@ -265,7 +265,7 @@ TEST_P(Faults, LeaveNothingBehind) {
 }
 
 // A file that is replaced has all of its old bytes or all of its new ones, and nothing beside it.
-TEST(Storage, IsWholeOrUnchanged) {
+TEST(Faults, LeaveAFileWholeOrUnchanged) {
   const TemporaryFolder folder;
   const std::string path = folder.Path("kept");
   const std::string texts[] = {std::string(5000, 'a'), std::string(7000, 'b')};
@@ -289,7 +289,7 @@ TEST(Storage, IsWholeOrUnchanged) {
   }
 }
 
-TEST(DetachedPrograms, AreStartedOrRefused) {
+TEST(Faults, StartDetachedProgramsOrRefuseThem) {
   for (const auto& [call, error] :
        {std::pair{Call::kSpawn, EAGAIN}, {Call::kPipe, EMFILE}, {Call::kRead, EINTR}}) {
     const Counts before = Counts::OfProcess();

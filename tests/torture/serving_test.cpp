@@ -270,10 +270,10 @@ constexpr auto kTlsMoments = {
     Moment::kConnected, Moment::kHandshake, Moment::kFlight, Moment::kSecured, Moment::kHead,
     Moment::kBody,      Moment::kWaiting,   Moment::kFirst,  Moment::kLast,    Moment::kIdle};
 
-TEST(Matrix, Http) { RunAll(Wire::kPlain, kPlainMoments); }
-TEST(Matrix, Tls12) { RunAll(Wire::kTls12, kTlsMoments); }
-TEST(Matrix, Tls13) { RunAll(Wire::kTls13, kTlsMoments); }
-TEST(Matrix, Raw) {
+TEST(Serving, Http) { RunAll(Wire::kPlain, kPlainMoments); }
+TEST(Serving, Tls12) { RunAll(Wire::kTls12, kTlsMoments); }
+TEST(Serving, Tls13) { RunAll(Wire::kTls13, kTlsMoments); }
+TEST(Serving, Raw) {
   RunAll(Wire::kPlain,
          {Moment::kConnected, Moment::kWaiting, Moment::kFirst, Moment::kLast, Moment::kIdle},
          true);
