@@ -75,6 +75,8 @@ class Serving {
     ZrPersistentAppStorage storage;
     storage.SetVariables(StoredPages(options_.pages));
     const std::string php = PhpInterpreter(options_.php);
+    // From here on a signal is an end in order: what is made is finished or taken away.
+    ServeEvents events(options_.log.has_value());
     UseKeyPair(servers);
     std::optional<AccessLog> log;
     if (options_.log) log.emplace(*options_.log);
@@ -83,7 +85,6 @@ class Serving {
     settings.Set("no_browser_popup", "true");
     if (!php.empty()) settings.Set("_phpbinname", php);
     RaiseDescriptorLimit();
-    ServeEvents events(log.has_value());
     ZrQuarnApplication2 application(&storage, servers, settings);
     application.setObserver([&events](const ZrServerCallback_t& report) { events.Tell(report); });
     if (log) application.setLogSink([&log](std::string_view line) { log->Write(line); });

@@ -80,6 +80,15 @@ std::string OriginOf(const zr::RequestAddress& address) {
   return IsDefaultPort(address) ? text : text + ":" + std::to_string(address.port);
 }
 
+/// host:port as the peer knows itself: the zone of an address means something on this machine only.
+std::string AuthorityOf(const zr::RequestAddress& address) {
+  const std::string origin = OriginOf(address);
+  std::string text = origin.substr(origin.find("://") + 3);
+  const std::size_t zone = text.starts_with('[') ? text.find('%') : std::string::npos;
+  if (zone != std::string::npos) text.erase(zone, text.find(']') - zone);
+  return text;
+}
+
 std::shared_ptr<ZrXHeader> MakeHead(const ClientRequest& request) {
   const MethodEntry& method = MethodOf(request);
   const zr::RequestAddress address = AddressOf(request.url);
@@ -91,7 +100,7 @@ std::shared_ptr<ZrXHeader> MakeHead(const ClientRequest& request) {
   head->host = address.host;
   head->port = static_cast<std::uint64_t>(address.port);
   head->path = address.target;
-  head->authority = OriginOf(address).substr(OriginOf(address).find("://") + 3);
+  head->authority = AuthorityOf(address);
   head->connectOptions.Set("quiet", "yes");
   if (request.verify) head->connectOptions.Set("cacertificate", request.trusted);
   if (!request.fields.empty()) {

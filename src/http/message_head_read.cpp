@@ -99,9 +99,11 @@ bool ZrXHeader::FinishHead() {
     if (reading.lengthDeclared) declaredLength = zr::ParseDigits(lengths.front()).value_or(0);
     return declaredLength <= zr::kMaxBodyBytes;
   }
-  if (headers.contains("transfer-encoding")) return false;
+  if (reading.ambiguous || headers.contains("transfer-encoding")) return false;
   // The body of a request without a length is what has arrived; its rest may still be on its way.
-  endUncertain = !reading.lengthDeclared && messageType != ZrMessageType::kGet;
+  endUncertain =
+      reading.emptyLength || (!reading.lengthDeclared && messageType != ZrMessageType::kGet);
+  if (reading.emptyLength && reading.lengthDeclared) return false;
   std::optional<std::uint64_t> agreed;
   const bool agree = zr::AllListElements(lengths, [this, &agreed](std::string_view element) {
     const std::optional<std::uint64_t> digits = zr::ParseDigits(element);
@@ -116,6 +118,8 @@ bool ZrXHeader::FinishHead() {
 
 bool ZrXHeader::ParseHeadLine(std::string_view line) {
   const bool goOn = reading.lineCount == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
+  // Others end a line at a CR or LF alone and read two where there is one here.
+  reading.ambiguous = reading.ambiguous || line.find_first_of("\r\n") != std::string_view::npos;
   ++reading.lineCount;
   return goOn;
 }
@@ -178,7 +182,10 @@ void ZrXHeader::ParseFieldLine(std::string_view line) {
     }
     text = {value, static_cast<std::size_t>(out - value)};
   }
-  if (!name.empty() && !text.empty()) headers.Append(name, text);
+  if (!name.empty() && !text.empty()) return headers.Append(name, text);
+  // A field without a value counts as absent; these two may mean something to others all the same.
+  reading.ambiguous = reading.ambiguous || name == "transfer-encoding";
+  reading.emptyLength = reading.emptyLength || name == "content-length";
 }
 
 void ZrXHeader::ParseTarget(std::string_view text) {

@@ -15,6 +15,8 @@ struct ZrMessageReading {
   bool inHead = true;
   bool rejected = false;
   bool lengthDeclared = false;
+  bool emptyLength = false;  // a length without a value
+  bool ambiguous = false;    // others may read it in another way
   std::size_t lineCount = 0;
   std::size_t headBytes = 0;  // consumed by the head so far
   std::size_t scanned = 0;    // unread bytes that were searched for the end of a line in vain

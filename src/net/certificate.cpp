@@ -107,19 +107,24 @@ bool IsThere(const CertificateFiles& files) {
          std::filesystem::exists(files.privateKey, ignored);
 }
 
-/// A new folder beside the one asked for; gone with the object unless it was renamed.
+/// A new folder beside the one asked for; gone with the object unless it was renamed. One that a
+/// program has left which ended here is taken away first: the folder around them is locked.
 class FreshFolder {
  public:
-  explicit FreshFolder(const std::string& folder) : name_(MakePrivateFolder(folder)) {}
-  ~FreshFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(name_, ignored);
+  explicit FreshFolder(const std::string& folder) : name_(folder + ".new") {
+    Remove();
+    MakePrivateFolder(name_);
   }
+  ~FreshFolder() { Remove(); }
   FreshFolder(const FreshFolder&) = delete;
   FreshFolder& operator=(const FreshFolder&) = delete;
   const std::string& Name() const { return name_; }
 
  private:
+  void Remove() noexcept {
+    std::error_code ignored;
+    std::filesystem::remove_all(name_, ignored);
+  }
   const std::string name_;
 };
 
@@ -129,14 +134,16 @@ CertificateFiles EnsureSelfSignedCertificate(const std::string& folder) {
   CertificateFiles files{folder + kCertificateName, folder + kKeyName};
   if (IsThere(files)) return files;
   try {
-    if (const std::filesystem::path home(folder); home.has_parent_path())
-      std::filesystem::create_directories(home.parent_path());
+    const std::filesystem::path home = std::filesystem::absolute(folder).parent_path();
+    std::filesystem::create_directories(home);
+    const ZrDescriptor lock = LockFolder(home.string());
+    if (IsThere(files)) return files;  // another program was first
     const FreshFolder fresh(folder);
     WritePair(fresh.Name());
     std::error_code lost;
     std::filesystem::rename(fresh.Name(), folder, lost);
-    // Another program may have been first. What else holds files is somebody's, and stays.
-    if (lost && !IsThere(files)) {
+    // What else holds files is somebody's, and stays.
+    if (lost) {
       if (lost != std::errc::directory_not_empty && lost != std::errc::file_exists)
         throw std::system_error(lost);
       throw ZrException("the pair of files in it is incomplete; remove that folder");

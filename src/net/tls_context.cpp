@@ -78,9 +78,11 @@ ZrTlsContextPtr MakeTlsServerContext(const std::string& certificateFile,
   SSL_CTX_set_session_id_context(context.get(), kSessionContext, sizeof kSessionContext - 1);
   SSL_CTX_set_alpn_select_cb(context.get(), &SelectProtocol, nullptr);
   SSL_CTX_set_default_passwd_cb(context.get(), &RefusePassword);
-  // The certificate first: only then is the key compared with it.
+  // The certificate first: only then is the key compared with it, which finds no fault when the two
+  // are of different kinds.
   if (SSL_CTX_use_certificate_chain_file(context.get(), certificateFile.c_str()) != 1 ||
-      SSL_CTX_use_PrivateKey_file(context.get(), privateKeyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
+      SSL_CTX_use_PrivateKey_file(context.get(), privateKeyFile.c_str(), SSL_FILETYPE_PEM) != 1 ||
+      SSL_CTX_check_private_key(context.get()) != 1) {
     ::ERR_clear_error();
     throw ZrException_SSL("problem with SSL key pair", 963, kSource);
   }

@@ -40,6 +40,10 @@ TEST(HttpServer, EndsConnectionsAsTheRequestAsks) {
       {"POST /a HTTP/1.1\r\nContent-Length: 1\r\n\r\nxyz"},  // more than declared
       {"POST /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\nGET /b HTTP/1.1\r\n\r\n"},
       {"GET /a HTTP/1.1\r\nContent-Length: 0\r\nContent-Length: 5\r\n\r\n"},
+      {"POST /a HTTP/1.1\r\nContent-Length:\r\nContent-Length: 1\r\n\r\nx"},
+      {"POST /a HTTP/1.1\r\nTransfer-Encoding:\r\nContent-Length: 1\r\n\r\nx"},
+      {"POST /a HTTP/1.1\r\nX: y\nTransfer-Encoding: chunked\r\nContent-Length: 1\r\n\r\nx"},
+      {"GET /a HTTP/1.1\r\nContent-Length:\r\n\r\nGET /b HTTP/1.1\r\n\r\n", false, true},
   };
   ServerBed bed;
   bed.onMessage = [](ServerBed& self, const ServerBed::Message& message) -> int {

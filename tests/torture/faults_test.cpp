@@ -135,6 +135,7 @@ class Servers {
     return ports_.contains(scheme);
   }
   bool Take(ZrServerCallback_t& record) {
+    const Exempt own;
     const bool listening = record.kind == ZrServerCallback_t::kListening;
     if (!listening && record.kind != ZrServerCallback_t::kBindFailed) return true;
     ZrLock hold(lock_);

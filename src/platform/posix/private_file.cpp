@@ -1,7 +1,8 @@
 #include "platform/private_file.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,10 +34,16 @@ void WritePrivateFile(const std::string& path, std::string_view bytes) {
   if (!file.IsOpen() || !WriteAll(file.Get(), bytes)) Fail(path);
 }
 
-std::string MakePrivateFolder(const std::string& path) {
-  std::string name = path + ".XXXXXX";
-  if (mkdtemp(name.data()) == nullptr) Fail(path);
-  return name;
+void MakePrivateFolder(const std::string& path) {
+  if (mkdir(path.c_str(), 0700) != 0) Fail(path);
+}
+
+ZrDescriptor LockFolder(const std::string& path) {
+  ZrDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.IsOpen()) Fail(path);
+  while (flock(folder.Get(), LOCK_EX) != 0)
+    if (errno != EINTR) Fail(path);
+  return folder;
 }
 
 }  // namespace zr
