@@ -32,6 +32,10 @@ class Server {
       bed.Answer(*message, message->path + "|" + std::string(message->body->Unread()));
       return 1;
     };
+    // Of hours of reports only the port is kept.
+    bed_.callback = [keep = bed_.callback](ZrServerCallback_t& record) {
+      return record.kind != ZrServerCallback_t::kListening || keep(record);
+    };
     port_ = bed_.Open(zr::kProtocolHttp);
   }
 

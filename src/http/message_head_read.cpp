@@ -37,6 +37,14 @@ constexpr char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c
 
 void MakeUpper(std::string& text) { std::transform(text.begin(), text.end(), text.begin(), Upper); }
 
+// Whether the text begins with the name of a field that says where a message ends.
+bool IsFraming(std::string_view text) {
+  text = zr::Trim(text, " \t");
+  for (const std::string_view name : {"transfer-encoding", "content-length"})
+    if (zr::EqualsIgnoringCase(text.substr(0, name.size()), name)) return true;
+  return false;
+}
+
 // Takes a word from the front of the line: leading spaces are skipped, tabs are dropped, a space
 // ends the word and goes with it. No: the word ran to the end of the line instead.
 bool TakeWord(std::string_view& line, std::string& word) {
@@ -118,8 +126,10 @@ bool ZrXHeader::FinishHead() {
 
 bool ZrXHeader::ParseHeadLine(std::string_view line) {
   const bool goOn = reading.lineCount == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
-  // Others end a line at a CR or LF alone and read two where there is one here.
-  reading.ambiguous = reading.ambiguous || line.find_first_of("\r\n") != std::string_view::npos;
+  // Others end a line at a CR or LF alone: what says where a message ends counts behind one as well.
+  for (std::size_t at = line.find_first_of("\r\n"); at != std::string_view::npos;
+       at = line.find_first_of("\r\n", at + 1))
+    reading.ambiguous = reading.ambiguous || IsFraming(line.substr(at + 1));
   ++reading.lineCount;
   return goOn;
 }
