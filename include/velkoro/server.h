@@ -255,11 +255,11 @@ class Answer {
   Answer& Redirect(std::string_view location, int status = 303);
 
   /// The answer comes later, from any thread, by what this returns: the handler returns without
-  /// one. Called once.
+  /// one. Called once: std::logic_error when the answer is deferred or sent already.
   Later Defer();
   /// The head goes out as it stands, and the body by what this returns, piece by piece while it is
   /// made. A header field "Content-Length" says how much of it comes, where that is known. Called
-  /// once.
+  /// once, and by the Later of an answer that is deferred: std::logic_error otherwise.
   Stream Begin();
 
  private:
@@ -269,8 +269,9 @@ class Answer {
   Exchange& exchange_;
 };
 
-/// An answer that comes later. Copies are one; when the last one goes unsent, the answer is a 500.
-/// It may outlive the server: nothing is sent then. Threads: one at a time.
+/// An answer that comes later. Copies are one; when the last one goes unsent while somebody waits,
+/// the answer is a 500 and told like a handler that failed, on that thread. It may outlive the
+/// server: nothing is sent then. Threads: one at a time.
 class Later {
  public:
   Answer& operator*() const;

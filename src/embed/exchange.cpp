@@ -65,7 +65,8 @@ velkoro::Exchange::Exchange(std::shared_ptr<ZrHandlers> handlers, ZrTransceiverC
       request_(std::move(request)),
       match_(std::move(match)),
       asked_(*this),
-      answer_(*this) {}
+      answer_(*this),
+      later_(*this) {}
 
 // ---- The request -------------------------------------------------------------------------------
 
@@ -163,7 +164,9 @@ void velkoro::Exchange::SetFile(const std::string& path) {
 }
 
 void velkoro::Exchange::Defer() {
-  if (std::exchange(deferred_, true)) throw std::logic_error("the answer is deferred already");
+  if (deferred_) throw std::logic_error("the answer is deferred already");
+  Reply();
+  deferred_ = true;
 }
 
 bool velkoro::Exchange::Send() {
@@ -210,6 +213,14 @@ void velkoro::Exchange::Fail() {
   if (Claim()) Conclude([this] { client_.AnswerStatus(*request_, kInternalError); });
 }
 
+void velkoro::Exchange::Drop() noexcept {
+  if (!Claim()) return;
+  Conclude([this] {
+    if (!Gone()) LogFailure("the deferred answer was never sent");
+    client_.AnswerStatus(*request_, kInternalError);
+  });
+}
+
 // A stream is not late once it has begun: its writer is only told when the server stops.
 void velkoro::Exchange::GiveUp() {
   if (!Claim()) {
@@ -236,6 +247,10 @@ void velkoro::Exchange::Conclude(Act act) noexcept {
 }
 
 // ---- The stream --------------------------------------------------------------------------------
+
+void velkoro::Exchange::CheckBegin(const Answer& by) const {
+  if (deferred_ && &by == &answer_) throw std::logic_error("the answer is deferred already");
+}
 
 // Its writer hears of the end like a program that asked for OnGone().
 void velkoro::Exchange::BeginStream() {

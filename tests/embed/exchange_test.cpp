@@ -143,6 +143,14 @@ TEST(Exchange, AnswersComeLaterOrNotAtAll) {
   };
   server.Handle("GET", "/later", answerLater);
   server.Before("/refused", answerLater);
+  server.Handle("GET", "/twice", [&](const Request&, Answer& answer) {
+    velkoro::Later later = answer.Defer();
+    EXPECT_THROW(answer.Defer(), std::logic_error);
+    EXPECT_THROW(answer.Begin(), std::logic_error);
+    velkoro::Stream body = later->Begin();
+    EXPECT_THROW(later->Defer(), std::logic_error);
+    body.Write("once");
+  });
   server.Handle("GET", "/forgotten", [](const Request&, Answer& answer) { answer.Defer(); });
   server.Handle("GET", "/kept", [&](const Request&, Answer& answer) { kept = answer.Defer(); });
   server.Handle("GET", "/slow", [&](const Request& request, Answer& answer) {
@@ -153,7 +161,10 @@ TEST(Exchange, AnswersComeLaterOrNotAtAll) {
   server.Handle("GET", "/stuck", [release](const Request&, Answer&) { release.wait(); });
   server.Start();
   EXPECT_EQ(Ask(server, "/later") + Ask(server, "/refused"), "later[200]later[200]");
+  EXPECT_EQ(Ask(server, "/twice"), "once[200]");
+  testing::internal::CaptureStderr();
   EXPECT_TRUE(Ask(server, "/forgotten").ends_with("[500]"));
+  EXPECT_EQ(CapturedErrors(), "velkoro: GET /forgotten: the deferred answer was never sent\n");
   EXPECT_TRUE(Ask(server, "/slow").ends_with("[503]"));
   EXPECT_TRUE(late.get_future().get());
   EXPECT_TRUE(Ask(server, "/kept").ends_with("[503]"));
