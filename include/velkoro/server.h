@@ -205,8 +205,10 @@ class Request {
   const std::string& User() const;
   void SetUser(std::string name) const;
 
-  /// Nobody waits for the answer any more: the peer has gone, the time limit has passed or the
-  /// server stops. Threads: any.
+  /// Nobody seems to wait for the answer any more: the peer has closed or reset the connection, the
+  /// time limit has passed or the server stops. A peer that has only ended its own side ("nc -N")
+  /// cannot be told from one that has closed, and counts as gone; what it is answered is sent to it
+  /// all the same, and Stream and Later say no only when the connection is over. Threads: any.
   bool Gone() const;
   /// Has the action called once when that happens, on a thread of the server: it must not wait, and
   /// throw nothing. At once when it has happened. Takes the place of an earlier one.
@@ -277,7 +279,7 @@ class Later {
   Answer& operator*() const;
   Answer* operator->() const { return &**this; }
   const velkoro::Request& Request() const;
-  /// Sends the answer. No when it was sent before or nobody waits for it any more.
+  /// Sends the answer. No when it was sent before or cannot reach anybody any more.
   bool Send() const;
 
  private:
@@ -300,7 +302,7 @@ class Stream {
   /// Sends the piece; waits while the client does not read what was sent before. No: nobody reads
   /// any more, or no more than there was (a HEAD request, the length): End() it then.
   bool Write(std::string_view piece);
-  /// Nobody reads it any more: the peer has gone, or the server stops.
+  /// Nobody can read it any more: the connection is over, or the server stops.
   bool Gone() const;
   /// The body is complete.
   void End();

@@ -119,7 +119,7 @@ Stream::~Stream() {
 
 bool Stream::Write(std::string_view piece) { return exchange_ && exchange_->WriteStream(piece); }
 
-bool Stream::Gone() const { return !exchange_ || exchange_->Gone(); }
+bool Stream::Gone() const { return !exchange_ || exchange_->Unreachable(); }
 
 void Stream::End() {
   if (const std::shared_ptr<Exchange> ended = std::move(exchange_)) ended->EndStream(true);

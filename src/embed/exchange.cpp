@@ -87,6 +87,10 @@ std::string velkoro::Exchange::PathValue(std::string_view name) const {
 }
 
 bool velkoro::Exchange::Gone() const {
+  return givenUp_ || (request_->peerWatch && request_->peerWatch->Ended());
+}
+
+bool velkoro::Exchange::Unreachable() const {
   return givenUp_ || (request_->peerWatch && request_->peerWatch->Gone());
 }
 
@@ -99,7 +103,8 @@ void velkoro::Exchange::OnGone(std::function<void()> action) {
     ZrLock hold(goneLock_);
     onGone_ = kept;
   }
-  peer_ = ZrPeerSubscription(request_->peerWatch, [kept] { kept->Call(); });
+  peer_ = ZrPeerSubscription(
+      request_->peerWatch, [kept] { kept->Call(); }, ZrPeerWatch::State::kEnded);
   if (Gone()) kept->Call();
 }
 
@@ -184,7 +189,7 @@ bool velkoro::Exchange::Send() {
     }
     sent_ = true;
     client_.SendAnswer(*request_, reply_);
-    sent = !Gone();
+    sent = !Unreachable();
   });
   return sent;
 }
@@ -284,15 +289,15 @@ void velkoro::Exchange::BeginBody() {
   };
   OnStop([tell] { tell(true); });
   stream_ = client_.OpenAnswer(*request_, {[tell] { tell(false); }, [tell] { tell(true); }});
-  if (!stream_->Begin(reply_) || Gone()) room_->Tell(true);
+  if (!stream_->Begin(reply_) || Unreachable()) room_->Tell(true);
 }
 
 bool velkoro::Exchange::WriteStream(std::string_view piece) {
   if (!stream_) {
     if (streaming_) reply_->body->Append(piece);
-    return streaming_ && !Gone();
+    return streaming_ && !Unreachable();
   }
-  if (Gone() || room_->Over() || !stream_->Write(piece)) return false;
+  if (Unreachable() || room_->Over() || !stream_->Write(piece)) return false;
   while (!room_->Over() && stream_->MustWait()) room_->Wait();
   return !room_->Over();
 }
@@ -314,7 +319,7 @@ void velkoro::Exchange::EndStream(bool whole) noexcept {
 
 void velkoro::Exchange::Run() {
   try {
-    if (!Gone()) return RunHandler();
+    if (!Unreachable()) return RunHandler();
     if (Claim()) Conclude([] {});
     return;
   } catch (const std::exception& failure) {

@@ -40,7 +40,9 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   const std::string& User() const { return user_; }
   void SetUser(std::string name) { user_ = std::move(name); }
   std::string PathValue(std::string_view name) const;
-  /// Threads: any.
+  /// Whether nobody can be answered any more. Threads: any.
+  bool Unreachable() const;
+  /// The same, or the peer has ended its side: it may have closed, and is answered all the same.
   bool Gone() const;
   void OnGone(std::function<void()> action);
 

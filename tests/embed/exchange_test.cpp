@@ -183,8 +183,7 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
   velkoro::Server server(AnyPort());
   std::atomic<std::size_t> written{0};
   std::counting_semaphore<> over{0};
-  std::promise<void> begun;
-  std::promise<bool> heard;
+  std::counting_semaphore<> begun{0};
   std::promise<bool> ended;
   std::thread writer;
   server.Handle("GET", "/broken", [](const Request&, Answer& answer) {
@@ -198,10 +197,18 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
     while (body.Write(piece)) written += piece.size();
     over.release();
   });
-  server.Handle("GET", "/wait", [&](const Request& request, Answer&) {
-    begun.set_value();
+  server.Handle("GET", "/wait", [&](const Request& request, Answer& answer) {
+    begun.release();
     WaitUntilGone(request);
-    heard.set_value(request.Gone());
+    EXPECT_TRUE(request.Gone());
+    answer.Text("whole");
+    over.release();
+  });
+  server.Handle("GET", "/pieces", [](const Request& request, Answer& answer) {
+    velkoro::Stream body = answer.Begin();
+    body.Write("first");
+    WaitUntilGone(request);
+    EXPECT_TRUE(!body.Gone() && body.Write("whole"));
   });
   server.Handle("GET", "/events", [&](const Request& request, Answer& answer) {
     writer = std::thread([&request, &ended, body = answer.Begin()]() mutable {
@@ -227,10 +234,20 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
     over.acquire();
     EXPECT_LT(written.exchange(0), most + (64u << 20));
   }
-  RawClient leaving = ask("/wait");
-  begun.get_future().wait();
-  leaving.Reset();
-  EXPECT_TRUE(heard.get_future().get());
+  for (const bool resets : {true, false}) {
+    {
+      RawClient leaving = ask("/wait");
+      begun.acquire();
+      if (resets) leaving.Reset();
+    }
+    over.acquire();
+  }
+  // One that has only ended its side looks like one that closed, and reads its answer.
+  for (const auto& [path, end] : {std::pair("/wait", "whole"), {"/pieces", "whole\r\n0\r\n\r\n"}}) {
+    RawClient half = ask(path);
+    half.FinishSending();
+    EXPECT_TRUE(half.ReadToEnd().ends_with(end)) << path;
+  }
   RawClient events = ask("/events");
   EXPECT_NE(events.ReadUntil("first").find("first"), std::string::npos);
   server.Stop(0ms);
