@@ -319,9 +319,12 @@ class Stream {
 /// What happens to a server.
 struct Event {
   enum class Kind {
-    kListening,      ///< `text` is the URL.
-    kConnected,      ///< A peer was accepted; `text` is its address and port.
-    kHandlerFailed,  ///< A handler threw; `text` is the line in the log.
+    kListening,  ///< `text` is the URL.
+    kConnected,  ///< A peer was accepted; `text` is its address and port.
+    /// A handler threw, or let a Later go; `text` is one line that says where and why, with control
+    /// bytes escaped. Told of each one. On standard error, where it stands as well, no more than
+    /// five such lines come in a second, and behind them one that counts the others.
+    kHandlerFailed,
   };
   Kind kind;
   std::string text;

@@ -12,6 +12,7 @@
 #include "base/line_writer.h"
 #include "base/path.h"
 #include "embed/address.h"
+#include "base/printable.h"
 #include "embed/handlers.h"
 #include "embed/routed_content.h"
 #include "host/application.h"
@@ -287,9 +288,12 @@ class [[gnu::visibility("hidden")]] Server::Running {
     reported_.NotifyAll();
   }
 
-  void OnFailed(const std::string& line) {
+  // A handler's exception may say what a client sent.
+  void OnFailed(const std::string& failure) {
+    std::string line;
+    zr::AppendPrintable(line, failure);
     zr::WriteDiagnostic("a handler failed", "velkoro: " + line);
-    Tell(Event::Kind::kHandlerFailed, line);
+    Tell(Event::Kind::kHandlerFailed, std::move(line));
   }
 
   void Tell(Event::Kind kind, std::string text) {

@@ -96,7 +96,7 @@ TEST(Exchange, AHandlerThatFailsCostsItsOwnAnswerOnly) {
   server.Handle("GET", "/number", [](const Request&, Answer&) { throw 1; });
   server.Handle("GET", "/throw", [](const Request&, Answer& answer) {
     answer.Text("half");
-    throw std::runtime_error("broken");
+    throw std::runtime_error("broken\nX: 1");
   });
   server.Handle("GET", "/misuse", [](const Request& request, Answer& answer) {
     EXPECT_THROW(answer.Status(199), std::logic_error);
@@ -112,11 +112,11 @@ TEST(Exchange, AHandlerThatFailsCostsItsOwnAnswerOnly) {
   for (const char* path : {"/silent", "/number"}) EXPECT_TRUE(Ask(server, path).ends_with("[500]"));
   {
     const std::lock_guard hold(lock);
-    EXPECT_EQ(told, (std::vector<std::string>{"GET /throw: broken",
+    EXPECT_EQ(told, (std::vector<std::string>{"GET /throw: broken\\x0AX: 1",
                                               "GET /silent: an exception without text",
                                               "GET /number: an exception of unknown type"}));
   }
-  EXPECT_NE(CapturedErrors().find("velkoro: GET /throw: broken\n"), std::string::npos);
+  EXPECT_NE(CapturedErrors().find("velkoro: GET /throw: broken\\x0AX: 1\n"), std::string::npos);
   EXPECT_TRUE(connected);
   EXPECT_EQ(Ask(server, "/misuse"), "unharmed[200]");
 }
