@@ -70,7 +70,8 @@ struct ServerOptions {
   std::vector<std::string> listen = {"http://127.0.0.1:8080"};
   /// The directory whose files are served where no route is; none when empty.
   std::string directory = {};
-  /// The PEM files of https: the certificate, with intermediate ones behind it, and its key.
+  /// The PEM files of https: the certificate, with intermediate ones behind it, and its key. A
+  /// file that is named must be there, whatever is listened at.
   std::string certificate = {};
   std::string privateKey = {};
   /// Runs the .php files of the directory; a name is looked up on PATH. One other than the default
