@@ -188,8 +188,8 @@ bool velkoro::Exchange::Send() {
       AnswerWith(kInternalError, {});
     }
     sent_ = true;
+    sent = !Unreachable();  // one that ended its side has the connection closed behind the answer
     client_.SendAnswer(*request_, reply_);
-    sent = !Unreachable();
   });
   return sent;
 }

@@ -197,12 +197,17 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
     while (body.Write(piece)) written += piece.size();
     over.release();
   });
-  server.Handle("GET", "/wait", [&](const Request& request, Answer& answer) {
+  server.Handle("GET", "/wait", [&](const Request& request, Answer&) {
     begun.release();
     WaitUntilGone(request);
     EXPECT_TRUE(request.Gone());
-    answer.Text("whole");
     over.release();
+  });
+  server.Handle("GET", "/later", [](const Request& request, Answer& answer) {
+    const velkoro::Later later = answer.Defer();
+    WaitUntilGone(request);
+    later->Text("whole");
+    EXPECT_TRUE(later.Send());
   });
   server.Handle("GET", "/pieces", [](const Request& request, Answer& answer) {
     velkoro::Stream body = answer.Begin();
@@ -243,7 +248,8 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
     over.acquire();
   }
   // One that has only ended its side looks like one that closed, and reads its answer.
-  for (const auto& [path, end] : {std::pair("/wait", "whole"), {"/pieces", "whole\r\n0\r\n\r\n"}}) {
+  for (const auto& [path, end] :
+       {std::pair("/later", "whole"), {"/pieces", "whole\r\n0\r\n\r\n"}}) {
     RawClient half = ask(path);
     half.FinishSending();
     EXPECT_TRUE(half.ReadToEnd().ends_with(end)) << path;
