@@ -70,7 +70,8 @@ struct ServerOptions {
   std::vector<std::string> listen = {"http://127.0.0.1:8080"};
   /// The directory whose files are served where no route is; none when empty.
   std::string directory = {};
-  /// The PEM files of https: the certificate, with intermediate ones behind it, and its key.
+  /// The PEM files of https: the certificate, with intermediate ones behind it, and its key. A
+  /// file that is named must be there, whatever is listened at.
   std::string certificate = {};
   std::string privateKey = {};
   /// Runs the .php files of the directory; a name is looked up on PATH. One other than the default
@@ -205,8 +206,10 @@ class Request {
   const std::string& User() const;
   void SetUser(std::string name) const;
 
-  /// Nobody waits for the answer any more: the peer has gone, the time limit has passed or the
-  /// server stops. Threads: any.
+  /// Nobody seems to wait for the answer any more: the peer has closed or reset the connection, the
+  /// time limit has passed or the server stops. A peer that has only ended its own side ("nc -N")
+  /// cannot be told from one that has closed, and counts as gone; what it is answered is sent to it
+  /// all the same, and Stream and Later say no only when the connection is over. Threads: any.
   bool Gone() const;
   /// Has the action called once when that happens, on a thread of the server: it must not wait, and
   /// throw nothing. At once when it has happened. Takes the place of an earlier one.
@@ -255,11 +258,11 @@ class Answer {
   Answer& Redirect(std::string_view location, int status = 303);
 
   /// The answer comes later, from any thread, by what this returns: the handler returns without
-  /// one. Called once.
+  /// one. Called once: std::logic_error when the answer is deferred or sent already.
   Later Defer();
   /// The head goes out as it stands, and the body by what this returns, piece by piece while it is
   /// made. A header field "Content-Length" says how much of it comes, where that is known. Called
-  /// once.
+  /// once, and by the Later of an answer that is deferred: std::logic_error otherwise.
   Stream Begin();
 
  private:
@@ -269,14 +272,15 @@ class Answer {
   Exchange& exchange_;
 };
 
-/// An answer that comes later. Copies are one; when the last one goes unsent, the answer is a 500.
-/// It may outlive the server: nothing is sent then. Threads: one at a time.
+/// An answer that comes later. Copies are one; when the last one goes unsent while somebody waits,
+/// the answer is a 500 and told like a handler that failed, on that thread. It may outlive the
+/// server: nothing is sent then. Threads: one at a time.
 class Later {
  public:
   Answer& operator*() const;
   Answer* operator->() const { return &**this; }
   const velkoro::Request& Request() const;
-  /// Sends the answer. No when it was sent before or nobody waits for it any more.
+  /// Sends the answer. No when it was sent before or cannot reach anybody any more.
   bool Send() const;
 
  private:
@@ -299,7 +303,7 @@ class Stream {
   /// Sends the piece; waits while the client does not read what was sent before. No: nobody reads
   /// any more, or no more than there was (a HEAD request, the length): End() it then.
   bool Write(std::string_view piece);
-  /// Nobody reads it any more: the peer has gone, or the server stops.
+  /// Nobody can read it any more: the connection is over, or the server stops.
   bool Gone() const;
   /// The body is complete.
   void End();
@@ -316,9 +320,12 @@ class Stream {
 /// What happens to a server.
 struct Event {
   enum class Kind {
-    kListening,      ///< `text` is the URL.
-    kConnected,      ///< A peer was accepted; `text` is its address and port.
-    kHandlerFailed,  ///< A handler threw; `text` is the line in the log.
+    kListening,  ///< `text` is the URL.
+    kConnected,  ///< A peer was accepted; `text` is its address and port.
+    /// A handler threw, or let a Later go; `text` is one line that says where and why, with control
+    /// bytes escaped. Told of each one. On standard error, where it stands as well, no more than
+    /// five such lines come in a second, and behind them one that counts the others.
+    kHandlerFailed,
   };
   Kind kind;
   std::string text;

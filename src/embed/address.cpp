@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "base/number.h"
-#include "http/protocol_kind.h"
+#include "http/field_list.h"
 
 namespace zr {
 namespace {
@@ -14,10 +14,16 @@ namespace {
 constexpr int kMaxPort = 65535;
 constexpr std::string_view kSchemeEnd = "://";
 
-std::uint32_t ServedProtocol(std::string_view scheme) {
-  for (const std::uint32_t kind : {kProtocolHttp, kProtocolHttps, kProtocolQuarn, kProtocolSocket})
-    if (ProtocolSchemeName(kind) == scheme) return kind;
-  return 0;
+/// Of those kinds the one whose scheme that is, in any case.
+std::uint32_t ReadScheme(std::string_view scheme, std::span<const std::uint32_t> kinds) {
+  std::string names;
+  for (const std::uint32_t kind : kinds) {
+    const std::string_view name = ProtocolSchemeName(kind);
+    if (EqualsIgnoringCase(scheme, name)) return kind;
+    if (!names.empty()) names += kind == kinds.back() ? " or " : ", ";
+    names += name;
+  }
+  Refuse("the protocol must be " + names);
 }
 
 /// What may stand in the name of a host or in an address; brackets only around an IPv6 address.
@@ -38,11 +44,7 @@ bool IsAddress(std::string_view address) {
 constexpr int kHttpPort = 80;
 constexpr int kHttpsPort = 443;
 
-std::uint32_t RequestedProtocol(std::string_view scheme) {
-  for (const std::uint32_t kind : {kProtocolHttp, kProtocolHttps, kProtocolQuarn})
-    if (ProtocolSchemeName(kind) == scheme) return kind;
-  return 0;
-}
+constexpr std::array kAskedProtocols = {kProtocolHttps, kProtocolHttp, kProtocolQuarn};
 
 std::string EncodedTarget(std::string_view target) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
@@ -73,13 +75,12 @@ int PortOf(const std::optional<std::string_view>& given, std::uint32_t protocolK
 
 }  // namespace
 
-ListenAddress ReadListenAddress(std::string_view text) {
+ListenAddress ReadListenAddress(std::string_view text, std::span<const std::uint32_t> protocols) {
   std::string_view rest = text;
   const std::size_t schemeEnd = rest.find(kSchemeEnd);
   if (schemeEnd == std::string_view::npos) Refuse("give it as https://ADDRESS:PORT");
   ListenAddress url;
-  url.protocolKind = ServedProtocol(rest.substr(0, schemeEnd));
-  if (url.protocolKind == 0) Refuse("the protocol must be https, http, quarn or socket");
+  url.protocolKind = ReadScheme(rest.substr(0, schemeEnd), protocols);
   rest.remove_prefix(schemeEnd + kSchemeEnd.size());
   if (rest.ends_with('/')) rest.remove_suffix(1);
   const std::size_t colon = rest.rfind(':');
@@ -98,8 +99,7 @@ RequestAddress ReadRequestAddress(std::string_view text) {
   const std::size_t schemeEnd = text.find(kSchemeEnd);
   if (schemeEnd == std::string_view::npos) Refuse("give it as https://HOST/PATH");
   RequestAddress url;
-  url.protocolKind = RequestedProtocol(text.substr(0, schemeEnd));
-  if (url.protocolKind == 0) Refuse("the protocol must be https, http or quarn");
+  url.protocolKind = ReadScheme(text.substr(0, schemeEnd), kAskedProtocols);
   std::string_view rest = text.substr(schemeEnd + kSchemeEnd.size());
   rest = rest.substr(0, rest.find('#'));
   const std::size_t targetStart = rest.find_first_of("/?");

@@ -86,22 +86,24 @@ Answer& Answer::Redirect(std::string_view location, int status) {
   return Status(status);
 }
 
-/// The last one of those who may send the answer sees to it that there is one.
+/// The last one of those who may send the answer sees to it that there is one. A second Share is
+/// refused before it is there, and leaves the answer to the first one.
 struct [[gnu::visibility("hidden")]] Later::Share {
-  explicit Share(std::shared_ptr<Exchange> kept) : exchange(std::move(kept)) {}
+  explicit Share(std::shared_ptr<Exchange> kept) : exchange(std::move(kept)) { exchange->Defer(); }
   Share(const Share&) = delete;
   Share& operator=(const Share&) = delete;
-  ~Share() { exchange->Fail(); }
+  ~Share() { exchange->Drop(); }
   const std::shared_ptr<Exchange> exchange;
 };
 
 Later Answer::Defer() {
-  auto share = std::make_shared<Later::Share>(exchange_.shared_from_this());
-  exchange_.Defer();
-  return Later(std::move(share));
+  return Later(std::make_shared<Later::Share>(exchange_.shared_from_this()));
 }
 
-Stream Answer::Begin() { return Stream(exchange_.shared_from_this()); }
+Stream Answer::Begin() {
+  exchange_.CheckBegin(*this);
+  return Stream(exchange_.shared_from_this());
+}
 
 Stream::Stream(std::shared_ptr<Exchange> exchange)
     : exchange_(std::move(exchange)), exceptions_(std::uncaught_exceptions()) {
@@ -117,7 +119,7 @@ Stream::~Stream() {
 
 bool Stream::Write(std::string_view piece) { return exchange_ && exchange_->WriteStream(piece); }
 
-bool Stream::Gone() const { return !exchange_ || exchange_->Gone(); }
+bool Stream::Gone() const { return !exchange_ || exchange_->Unreachable(); }
 
 void Stream::End() {
   if (const std::shared_ptr<Exchange> ended = std::move(exchange_)) ended->EndStream(true);
@@ -127,7 +129,7 @@ void Stream::Abort() {
   if (const std::shared_ptr<Exchange> ended = std::move(exchange_)) ended->EndStream(false);
 }
 
-Answer& Later::operator*() const { return share_->exchange->AnswerPart(); }
+Answer& Later::operator*() const { return share_->exchange->LaterPart(); }
 
 const velkoro::Request& Later::Request() const { return share_->exchange->RequestPart(); }
 

@@ -65,7 +65,8 @@ velkoro::Exchange::Exchange(std::shared_ptr<ZrHandlers> handlers, ZrTransceiverC
       request_(std::move(request)),
       match_(std::move(match)),
       asked_(*this),
-      answer_(*this) {}
+      answer_(*this),
+      later_(*this) {}
 
 // ---- The request -------------------------------------------------------------------------------
 
@@ -86,6 +87,10 @@ std::string velkoro::Exchange::PathValue(std::string_view name) const {
 }
 
 bool velkoro::Exchange::Gone() const {
+  return givenUp_ || (request_->peerWatch && request_->peerWatch->Ended());
+}
+
+bool velkoro::Exchange::Unreachable() const {
   return givenUp_ || (request_->peerWatch && request_->peerWatch->Gone());
 }
 
@@ -98,7 +103,8 @@ void velkoro::Exchange::OnGone(std::function<void()> action) {
     ZrLock hold(goneLock_);
     onGone_ = kept;
   }
-  peer_ = ZrPeerSubscription(request_->peerWatch, [kept] { kept->Call(); });
+  peer_ = ZrPeerSubscription(
+      request_->peerWatch, [kept] { kept->Call(); }, ZrPeerWatch::State::kEnded);
   if (Gone()) kept->Call();
 }
 
@@ -163,7 +169,9 @@ void velkoro::Exchange::SetFile(const std::string& path) {
 }
 
 void velkoro::Exchange::Defer() {
-  if (std::exchange(deferred_, true)) throw std::logic_error("the answer is deferred already");
+  if (deferred_) throw std::logic_error("the answer is deferred already");
+  Reply();
+  deferred_ = true;
 }
 
 bool velkoro::Exchange::Send() {
@@ -180,8 +188,8 @@ bool velkoro::Exchange::Send() {
       AnswerWith(kInternalError, {});
     }
     sent_ = true;
+    sent = !Unreachable();  // one that ended its side has the connection closed behind the answer
     client_.SendAnswer(*request_, reply_);
-    sent = !Gone();
   });
   return sent;
 }
@@ -210,6 +218,14 @@ void velkoro::Exchange::Fail() {
   if (Claim()) Conclude([this] { client_.AnswerStatus(*request_, kInternalError); });
 }
 
+void velkoro::Exchange::Drop() noexcept {
+  if (!Claim()) return;
+  Conclude([this] {
+    if (!Gone()) LogFailure("the deferred answer was never sent");
+    client_.AnswerStatus(*request_, kInternalError);
+  });
+}
+
 // A stream is not late once it has begun: its writer is only told when the server stops.
 void velkoro::Exchange::GiveUp() {
   if (!Claim()) {
@@ -236,6 +252,10 @@ void velkoro::Exchange::Conclude(Act act) noexcept {
 }
 
 // ---- The stream --------------------------------------------------------------------------------
+
+void velkoro::Exchange::CheckBegin(const Answer& by) const {
+  if (deferred_ && &by == &answer_) throw std::logic_error("the answer is deferred already");
+}
 
 // Its writer hears of the end like a program that asked for OnGone().
 void velkoro::Exchange::BeginStream() {
@@ -269,15 +289,15 @@ void velkoro::Exchange::BeginBody() {
   };
   OnStop([tell] { tell(true); });
   stream_ = client_.OpenAnswer(*request_, {[tell] { tell(false); }, [tell] { tell(true); }});
-  if (!stream_->Begin(reply_) || Gone()) room_->Tell(true);
+  if (!stream_->Begin(reply_) || Unreachable()) room_->Tell(true);
 }
 
 bool velkoro::Exchange::WriteStream(std::string_view piece) {
   if (!stream_) {
     if (streaming_) reply_->body->Append(piece);
-    return streaming_ && !Gone();
+    return streaming_ && !Unreachable();
   }
-  if (Gone() || room_->Over() || !stream_->Write(piece)) return false;
+  if (Unreachable() || room_->Over() || !stream_->Write(piece)) return false;
   while (!room_->Over() && stream_->MustWait()) room_->Wait();
   return !room_->Over();
 }
@@ -299,7 +319,7 @@ void velkoro::Exchange::EndStream(bool whole) noexcept {
 
 void velkoro::Exchange::Run() {
   try {
-    if (!Gone()) return RunHandler();
+    if (!Unreachable()) return RunHandler();
     if (Claim()) Conclude([] {});
     return;
   } catch (const std::exception& failure) {

@@ -40,7 +40,9 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   const std::string& User() const { return user_; }
   void SetUser(std::string name) { user_ = std::move(name); }
   std::string PathValue(std::string_view name) const;
-  /// Threads: any.
+  /// Whether nobody can be answered any more. Threads: any.
+  bool Unreachable() const;
+  /// The same, or the peer has ended its side: it may have closed, and is answered all the same.
   bool Gone() const;
   void OnGone(std::function<void()> action);
 
@@ -50,13 +52,17 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   void SetBody(std::string bytes, std::string_view type);
   void SetFile(const std::string& path);
   void SetStatus(int status);
+  /// Throws std::logic_error when it was deferred or sent before.
   void Defer();
   /// No: it was answered before.
   bool Send();
-  /// The same with a 500.
-  void Fail();
+  /// Those who could have sent a deferred answer are gone: a 500 in its place, told as a failure
+  /// where somebody waits for it.
+  void Drop() noexcept;
 
-  /// The answer piece by piece: the head, any number of pieces, and the end, once.
+  /// The answer piece by piece: the head, any number of pieces, and the end, once. Throws
+  /// std::logic_error where that is no longer the handler's to begin but that of the Later.
+  void CheckBegin(const velkoro::Answer& by) const;
   void BeginStream();
   bool WriteStream(std::string_view piece);
   void EndStream(bool whole) noexcept;
@@ -64,7 +70,8 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   static void AnswerForMethod(ZrTransceiverClient & client, const ZrXHeader& request,
                               ZrRouteTable::Methods allowed);
   const velkoro::Request& RequestPart() const { return asked_; }
-  velkoro::Answer& AnswerPart() { return answer_; }
+  /// Of those who answer later.
+  velkoro::Answer& LaterPart() { return later_; }
 
  private:
   struct Action;
@@ -78,6 +85,7 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   void Handle();
   void BeginBody();
   void LeaveToOthers();
+  void Fail();
   template <class Act>
   void Conclude(Act act) noexcept;
   void Complete();
@@ -99,7 +107,8 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   bool sent_ = false;
   bool streaming_ = false;
   velkoro::Request asked_;
-  velkoro::Answer answer_;
+  velkoro::Answer answer_;  // the handler's
+  velkoro::Answer later_;   // the same, of those who answer later
 
   std::unique_ptr<ZrAnswerStream> stream_;
   std::shared_ptr<Room> room_;  // of the stream

@@ -4,6 +4,7 @@
 #include "velkoro/server.h"
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <thread>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "base/exception.h"
 #include "base/line_writer.h"
 #include "base/path.h"
+#include "base/printable.h"
 #include "embed/address.h"
 #include "embed/handlers.h"
 #include "embed/routed_content.h"
@@ -33,6 +35,8 @@ constexpr std::chrono::seconds kLongestStart{20};
 constexpr std::chrono::seconds kLastBytes{1};
 constexpr std::chrono::hours kLongestLimit{24 * 365};
 
+constexpr std::array kProtocols = {zr::kProtocolHttps, zr::kProtocolHttp};
+
 std::string Quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
 std::vector<zr::ListenAddress> ReadAddresses(const std::vector<std::string>& texts) {
@@ -40,13 +44,10 @@ std::vector<zr::ListenAddress> ReadAddresses(const std::vector<std::string>& tex
   std::vector<zr::ListenAddress> addresses;
   for (const std::string& text : texts) {
     try {
-      addresses.push_back(zr::ReadListenAddress(text));
+      addresses.push_back(zr::ReadListenAddress(text, kProtocols));
     } catch (const zr::AddressError& error) {
       throw ServerError("the address " + Quoted(text) + ": " + error.what());
     }
-    const std::uint32_t kind = addresses.back().protocolKind;
-    if (kind != zr::kProtocolHttp && kind != zr::kProtocolHttps)
-      throw ServerError("the address " + Quoted(text) + ": the protocol must be https or http");
   }
   return addresses;
 }
@@ -64,15 +65,17 @@ void CheckDirectory(const std::string& directory) {
     throw ServerError("the directory " + Quoted(directory) + ": " + zr::SystemErrorText(error));
 }
 
-void CheckKeyPair(const ServerOptions& options) {
-  if (options.certificate.empty() || options.privateKey.empty())
-    throw ServerError("https needs a certificate and its private key");
+// What is given is looked at although nobody asks for it: it is meant to be there.
+void CheckKeyPair(const ServerOptions& options, bool needed) {
+  const bool whole = !options.certificate.empty() && !options.privateKey.empty();
+  if (needed && !whole) throw ServerError("https needs a certificate and its private key");
   for (const std::string& file : {options.certificate, options.privateKey}) {
-    const int error = zr::CheckAccess(file, zr::ZrAccess::kRead);
+    const int error = file.empty() ? 0 : zr::CheckAccess(file, zr::ZrAccess::kRead);
     if (error != 0)
       throw ServerError("the file " + Quoted(file) +
                         " cannot be read: " + zr::SystemErrorText(error));
   }
+  if (!whole) return;
   try {
     zr::MakeTlsServerContext(options.certificate, options.privateKey);
   } catch (const ZrException_SSL& failure) {
@@ -120,10 +123,10 @@ class [[gnu::visibility("hidden")]] Server::Running {
         handlers_(std::make_shared<ZrHandlers>(options_.handlerThreads, options_.handlerLimit)),
         urls_(addresses_.size()) {
     CheckDirectory(options_.directory);
-    if (std::any_of(addresses_.begin(), addresses_.end(), [](const zr::ListenAddress& address) {
-          return address.protocolKind == zr::kProtocolHttps;
-        }))
-      CheckKeyPair(options_);
+    const bool https = std::any_of(
+        addresses_.begin(), addresses_.end(),
+        [](const zr::ListenAddress& one) { return one.protocolKind == zr::kProtocolHttps; });
+    CheckKeyPair(options_, https);
     handlers_->failed = [this](const std::string& line) { OnFailed(line); };
   }
   ~Running() {
@@ -288,9 +291,12 @@ class [[gnu::visibility("hidden")]] Server::Running {
     reported_.NotifyAll();
   }
 
-  void OnFailed(const std::string& line) {
+  // A handler's exception may say what a client sent.
+  void OnFailed(const std::string& failure) {
+    std::string line;
+    zr::AppendPrintable(line, failure);
     zr::WriteDiagnostic("a handler failed", "velkoro: " + line);
-    Tell(Event::Kind::kHandlerFailed, line);
+    Tell(Event::Kind::kHandlerFailed, std::move(line));
   }
 
   void Tell(Event::Kind kind, std::string text) {

@@ -20,6 +20,7 @@ namespace {
 
 constexpr std::size_t kMaxDocumentBytes = std::size_t{1} << 30;
 constexpr unsigned kNewFileMode = 0644;
+constexpr std::string_view kBlanks = " \t\r\n";
 constexpr char kDeclaration[] = "xml version=\"1.0\" encoding=\"UTF-8\"";
 
 // A reader on bytes in memory, which knows how far it came.
@@ -40,10 +41,9 @@ class TextReader : public ZrDTDElementReader {
     next_ += count;
     return count;
   }
-  /// The line of the first byte that no token took.
-  std::uint64_t Place() const {
-    return 1 + zr::CountLineFeeds(text_.substr(0, next_ - std::min(next_, UnreadSize())));
-  }
+  /// The first byte that no token took, and its line.
+  std::size_t Offset() const { return next_ - std::min(next_, UnreadSize()); }
+  std::uint64_t Place() const { return 1 + zr::CountLineFeeds(text_.substr(0, Offset())); }
 
  private:
   const std::string_view text_;
@@ -84,20 +84,37 @@ void EscapeQuotes(ZrXMLComplexElement& top) {
   }
 }
 
-// What the parser lets pass and XML does not.
-void CheckXml(const TopNode& top, std::string_view name) {
-  std::size_t roots = 0;
-  for (const ZrXMLComplexElement* child : top.Children()) {
-    if (NodeAccess::IsElement(*child)) ++roots;
-    if (NodeAccess::KindOf(*child) != NodeKind::kText) continue;
-    const std::string_view text = static_cast<const ZrXMLTextCarrier*>(child)->text();
-    if (text.find_first_not_of(" \t\r\n") != std::string_view::npos) {
-      Fail(name, 0,
-           "the text '" + std::string(text.substr(0, 40)) + "' stands outside of the root");
-    }
+// The line where the node of that number at the top begins. Nodes do not know where they stood: the
+// input is read again up to there.
+std::uint64_t LineOf(std::size_t number, std::string_view input) {
+  TextReader reader(input);
+  const ZrXMLContentSplitter& splitter = reader.Splitter();
+  std::size_t start = 0;
+  while (splitter.top->Children().size() <= number) {
+    start = reader.Offset();
+    zr::Parse(reader.Splitter(), reader, zr::kXmlDocument, true);
   }
-  if (roots == 0) Fail(name, 0, "the document has no root");
-  if (roots > 1) Fail(name, 0, "the document has more than one root");
+  start = std::min(input.find_first_not_of(kBlanks, start), input.size());
+  return 1 + zr::CountLineFeeds(input.substr(0, start));
+}
+
+// What the parser lets pass and XML does not.
+void CheckXml(const TopNode& top, std::string_view input, std::string_view name) {
+  std::size_t roots = 0;
+  std::size_t number = 0;
+  for (const ZrXMLComplexElement* child : top.Children()) {
+    if (NodeAccess::IsElement(*child) && ++roots > 1)
+      Fail(name, LineOf(number, input), "the document has more than one root");
+    if (NodeAccess::KindOf(*child) == NodeKind::kText) {
+      const std::string_view text = static_cast<const ZrXMLTextCarrier*>(child)->text();
+      if (text.find_first_not_of(kBlanks) != std::string_view::npos) {
+        Fail(name, LineOf(number, input),
+             "the text '" + std::string(text.substr(0, 40)) + "' stands outside of the root");
+      }
+    }
+    ++number;
+  }
+  if (roots == 0) Fail(name, 1 + zr::CountLineFeeds(input), "the document has no root");
 }
 
 }  // namespace
@@ -149,7 +166,7 @@ Document Document::ReadText(std::string_view text, DocumentKind kind, std::strin
   }
   if (splitter.current != top)
     Fail(name, reader.Place(), "the element '" + splitter.current->Name() + "' is not closed");
-  if (kind == DocumentKind::kXml) CheckXml(*top, name);
+  if (kind == DocumentKind::kXml) CheckXml(*top, text, name);
   if (text.find('\'') != std::string_view::npos) EscapeQuotes(*top);
   (void)splitter.top.release();
   tree->top.reset(top);

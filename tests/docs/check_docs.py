@@ -9,13 +9,15 @@ Above a block of code stands what becomes of it, as a comment of Markdown:
                            that name, or the one behind "as"
     output: FOLDER/NAME    it is what that program prints
     run                    the shell runs it, with the programs of the build on its path; the same for all
-                           blocks of a page, in one folder; "output" below: it is what that prints
+                           blocks of a page, in one folder; "output" below: it is what that prints. C++ is built
+                           against PREFIX and runs there: in a handler, beside a server that is then asked
     start                  the same, in the background, until it says at which URL it listens: $URL. It ends with
                            Return, with the next one that starts, or the page
-    inside                 C++ of the library's inside, not of the public headers
+    inside                 C++ of the library's inside, not of the public headers: it is compiled
+    shown: REASON          it cannot run here; commands for a shell are parsed
 
-What has no such line is compiled when it is C++ (as the body of a function unless it includes something),
-parsed when it is for a shell or nginx. Links lead somewhere; every member of an options structure stands in a
+What has no such line is for nginx or systemd, which check it (the latter where it is there), XML, which is read,
+or a drawing; anything else is an error. Links lead somewhere; every member of an options structure stands in a
 table of its guide. Ports 8080 and 8443 become free ones.
 """
 
@@ -25,6 +27,7 @@ import os
 import pathlib
 import random
 import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -34,10 +37,30 @@ import time
 
 SOURCE, BUILD, PREFIX = (pathlib.Path(argument).resolve() for argument in sys.argv[1:4])
 LIMIT = 120  # seconds for any one program
-BLOCK = re.compile(r"(?:<!-- ([a-z]+)(?:: (\S+?))?(?: as (\S+))? -->\n)?^```(\w*)\n(.*?)^```$", re.M | re.S)
+BLOCK = re.compile(r"(?:<!-- ([a-z]+)(?:: (.+?))?(?: as (\S+))? -->\n)?^```(\w*)\n(.*?)^```$", re.M | re.S)
 OPTIONS = {"docs/server.md": ("server.h", "ServerOptions"), "docs/client.md": ("client.h", "ClientRequest")}
 failures = []
-fragments = {"": [], "inside": []}  # numbered functions, for one compilation each
+# A block of C++ as a part of a program. What it throws ends that with an error; so does a server that fails.
+FRAGMENT = """#include <velkoro/client.h>
+#include <velkoro/documents.h>
+#include <velkoro/server.h>
+#include <velkoro/store.h>
+#include <iostream>
+using velkoro::Answer; using velkoro::Request;
+void Shown([[maybe_unused]] velkoro::Server& server, [[maybe_unused]] const Request& request,
+           [[maybe_unused]] Answer& answer) {
+%s
+}
+int main() {
+  velkoro::Server first({.listen = {"http://127.0.0.1:0"}}), second({.listen = {"http://127.0.0.1:0"}});
+  first.Handle("GET", "/", [&](const Request& request, Answer& answer) { Shown(second, request, answer); });
+  second.Handle("GET", "/", [](const Request&, Answer& answer) { answer.Text("asked"); });
+  for (velkoro::Server* server : {&first, &second}) {
+    const velkoro::Outcome outcome = velkoro::Ask({.url = server->Start() + "/"}).get();
+    if (outcome.status < 200 || outcome.status >= 500) return 1;
+  }
+}
+"""
 
 
 def fail(place, what):
@@ -56,20 +79,10 @@ def expect(place, words, **settings):
     return done.stdout
 
 
-def compile_text(place, text, folders):
+def compile_inside(place, text):
+    text = (SOURCE / "tests/docs/inside.h").read_text() + f"void Shown() {{\n{text}}}\n"
     expect(place, ["c++", "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra", "-Wno-unused", "-x", "c++", "-",
-                   *(f"-I{SOURCE / folder}" for folder in folders)], input=text)
-
-
-def compile_fragments(marker, folders):
-    text = "".join(f"#include <velkoro/{name}.h>\n" for name in ("client", "documents", "host", "server", "store"))
-    text += "#include <iostream>\nusing velkoro::Answer; using velkoro::Request;\n"
-    if marker:
-        text += (SOURCE / "tests/docs" / (marker + ".h")).read_text()
-    for number, fragment in enumerate(fragments[marker]):
-        text += f"void Shown{number}(velkoro::Server& server, const Request& request, Answer& answer) {{\n"
-        text += fragment + "}\n"
-    compile_text("a block of C++", text, folders)
+                   f"-I{SOURCE}/src", f"-I{SOURCE}/include"], input=text)
 
 
 def source_of(name):
@@ -123,6 +136,12 @@ class Shell:
             output = output.replace(port, shown)
         return output
 
+    def run_fragment(self, place, text):
+        self.write("fragment.cpp", FRAGMENT % text)
+        flags = f"PKG_CONFIG_PATH={PREFIX}/lib/pkgconfig pkg-config --cflags --libs velkoro-server"
+        return self.run(place, f"c++ -std=c++20 -Wall -Wextra -Wno-unused fragment.cpp -o fragment $({flags}) "
+                               f"-Wl,-rpath,{PREFIX}/lib && ./fragment")
+
     def start(self, place, text):
         self.stop()
         program = subprocess.Popen(self.words(text), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
@@ -153,10 +172,22 @@ class Shell:
         self.folder.cleanup()
 
 
+def check_unit(place, text):
+    """What systemd would leave out of it is said, and no failure for systemd."""
+    if not shutil.which("systemd-analyze"):
+        return
+    with tempfile.TemporaryDirectory() as folder:
+        unit = pathlib.Path(folder, "shown.service")
+        unit.write_text(re.sub(r"/usr/local/bin/(\w+)", lambda program: str(program_of(program[1] + "/main")), text))
+        if said := expect(place, ["systemd-analyze", "verify", unit]):
+            fail(place, said)
+
+
 def check_block(page, shell, found, last):
     """Answers what the block printed when it ran; `last` is that of the block before."""
     marker, name, saved, language, text = found.groups()
-    place = f"{page}:{found.string.count(chr(10), 0, found.start()) + 1}"
+    line = found.string.count("\n", 0, found.start(4)) + 1
+    place = f"{page}:{line}"
     if marker == "program":
         if source_of(name).read_text() != text:
             fail(place, f"it does not show {source_of(name)}")
@@ -165,18 +196,21 @@ def check_block(page, shell, found, last):
         printed = call([program_of(name)], stderr=subprocess.DEVNULL).stdout if name else last
         if printed != text:
             fail(place, f"printed is\n{printed}")
+    elif marker == "run" and language == "cpp":
+        return shell.run_fragment(place, f'#line {line + 1} "{page}"\n{text}')
     elif marker == "run":
         return shell.run(place, text)
     elif marker == "start":
         shell.start(place, text)
-    elif language == "cpp":
-        text = f'#line {place.rsplit(":", 1)[1]} "{page}"\n{text}'
-        if "#include" in text:
-            compile_text(place, text, ["include"])
-        else:
-            fragments[marker or ""].append(text)
-    elif language in ("sh", "bash"):
-        expect(place, ["bash", "-n", "-c", text])
+    elif marker == "inside":
+        compile_inside(place, f'#line {line + 1} "{page}"\n{text}')
+    elif marker == "shown":
+        if language == "sh":
+            expect(place, ["bash", "-n", "-c", text])
+    elif language == "xml":
+        expect(place, [BUILD / "src/cli/velkoro", "markup", "write", "-"], input=text)
+    elif language == "ini":
+        check_unit(place, text)
     elif language == "nginx":
         with tempfile.TemporaryDirectory() as folder:
             command = f"openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=x -keyout {folder}/key -out {folder}/cert"
@@ -187,6 +221,8 @@ def check_block(page, shell, found, last):
             conf = pathlib.Path(folder) / "conf"
             conf.write_text(f"pid pid;\nevents {{}}\nhttp {{\naccess_log off;\n{paths}{text}}}\n")
             expect(place, ["/usr/sbin/nginx", "-t", "-q", "-e", "stderr", "-p", folder, "-c", conf])
+    elif language:
+        fail(place, "nothing is done with it")
     return last
 
 
@@ -227,8 +263,6 @@ def main():
                 done.result()
             except Exception as failure:  # said with the page that it was met on
                 fail(page, repr(failure))
-        pool.submit(compile_fragments, "", ["include"])
-        pool.submit(compile_fragments, "inside", ["src", "include"])
     print("\n".join(failures) or f"{len(pages)} pages hold in {time.monotonic() - started:.1f} s")
     return 1 if failures else 0
 

@@ -96,7 +96,7 @@ TEST(Exchange, AHandlerThatFailsCostsItsOwnAnswerOnly) {
   server.Handle("GET", "/number", [](const Request&, Answer&) { throw 1; });
   server.Handle("GET", "/throw", [](const Request&, Answer& answer) {
     answer.Text("half");
-    throw std::runtime_error("broken");
+    throw std::runtime_error("broken\nX: 1");
   });
   server.Handle("GET", "/misuse", [](const Request& request, Answer& answer) {
     EXPECT_THROW(answer.Status(199), std::logic_error);
@@ -112,11 +112,11 @@ TEST(Exchange, AHandlerThatFailsCostsItsOwnAnswerOnly) {
   for (const char* path : {"/silent", "/number"}) EXPECT_TRUE(Ask(server, path).ends_with("[500]"));
   {
     const std::lock_guard hold(lock);
-    EXPECT_EQ(told, (std::vector<std::string>{"GET /throw: broken",
+    EXPECT_EQ(told, (std::vector<std::string>{"GET /throw: broken\\x0AX: 1",
                                               "GET /silent: an exception without text",
                                               "GET /number: an exception of unknown type"}));
   }
-  EXPECT_NE(CapturedErrors().find("velkoro: GET /throw: broken\n"), std::string::npos);
+  EXPECT_NE(CapturedErrors().find("velkoro: GET /throw: broken\\x0AX: 1\n"), std::string::npos);
   EXPECT_TRUE(connected);
   EXPECT_EQ(Ask(server, "/misuse"), "unharmed[200]");
 }
@@ -143,6 +143,14 @@ TEST(Exchange, AnswersComeLaterOrNotAtAll) {
   };
   server.Handle("GET", "/later", answerLater);
   server.Before("/refused", answerLater);
+  server.Handle("GET", "/twice", [&](const Request&, Answer& answer) {
+    velkoro::Later later = answer.Defer();
+    EXPECT_THROW(answer.Defer(), std::logic_error);
+    EXPECT_THROW(answer.Begin(), std::logic_error);
+    velkoro::Stream body = later->Begin();
+    EXPECT_THROW(later->Defer(), std::logic_error);
+    body.Write("once");
+  });
   server.Handle("GET", "/forgotten", [](const Request&, Answer& answer) { answer.Defer(); });
   server.Handle("GET", "/kept", [&](const Request&, Answer& answer) { kept = answer.Defer(); });
   server.Handle("GET", "/slow", [&](const Request& request, Answer& answer) {
@@ -153,7 +161,10 @@ TEST(Exchange, AnswersComeLaterOrNotAtAll) {
   server.Handle("GET", "/stuck", [release](const Request&, Answer&) { release.wait(); });
   server.Start();
   EXPECT_EQ(Ask(server, "/later") + Ask(server, "/refused"), "later[200]later[200]");
+  EXPECT_EQ(Ask(server, "/twice"), "once[200]");
+  testing::internal::CaptureStderr();
   EXPECT_TRUE(Ask(server, "/forgotten").ends_with("[500]"));
+  EXPECT_EQ(CapturedErrors(), "velkoro: GET /forgotten: the deferred answer was never sent\n");
   EXPECT_TRUE(Ask(server, "/slow").ends_with("[503]"));
   EXPECT_TRUE(late.get_future().get());
   EXPECT_TRUE(Ask(server, "/kept").ends_with("[503]"));
@@ -172,8 +183,7 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
   velkoro::Server server(AnyPort());
   std::atomic<std::size_t> written{0};
   std::counting_semaphore<> over{0};
-  std::promise<void> begun;
-  std::promise<bool> heard;
+  std::counting_semaphore<> begun{0};
   std::promise<bool> ended;
   std::thread writer;
   server.Handle("GET", "/broken", [](const Request&, Answer& answer) {
@@ -188,9 +198,22 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
     over.release();
   });
   server.Handle("GET", "/wait", [&](const Request& request, Answer&) {
-    begun.set_value();
+    begun.release();
     WaitUntilGone(request);
-    heard.set_value(request.Gone());
+    EXPECT_TRUE(request.Gone());
+    over.release();
+  });
+  server.Handle("GET", "/later", [](const Request& request, Answer& answer) {
+    const velkoro::Later later = answer.Defer();
+    WaitUntilGone(request);
+    later->Text("whole");
+    EXPECT_TRUE(later.Send());
+  });
+  server.Handle("GET", "/pieces", [](const Request& request, Answer& answer) {
+    velkoro::Stream body = answer.Begin();
+    body.Write("first");
+    WaitUntilGone(request);
+    EXPECT_TRUE(!body.Gone() && body.Write("whole"));
   });
   server.Handle("GET", "/events", [&](const Request& request, Answer& answer) {
     writer = std::thread([&request, &ended, body = answer.Begin()]() mutable {
@@ -216,10 +239,21 @@ TEST(Exchange, StreamsAndHandlersEndWithTheirPeerOrTheServer) {
     over.acquire();
     EXPECT_LT(written.exchange(0), most + (64u << 20));
   }
-  RawClient leaving = ask("/wait");
-  begun.get_future().wait();
-  leaving.Reset();
-  EXPECT_TRUE(heard.get_future().get());
+  for (const bool resets : {true, false}) {
+    {
+      RawClient leaving = ask("/wait");
+      begun.acquire();
+      if (resets) leaving.Reset();
+    }
+    over.acquire();
+  }
+  // One that has only ended its side looks like one that closed, and reads its answer.
+  for (const auto& [path, end] :
+       {std::pair("/later", "whole"), {"/pieces", "whole\r\n0\r\n\r\n"}}) {
+    RawClient half = ask(path);
+    half.FinishSending();
+    EXPECT_TRUE(half.ReadToEnd().ends_with(end)) << path;
+  }
   RawClient events = ask("/events");
   EXPECT_NE(events.ReadUntil("first").find("first"), std::string::npos);
   server.Stop(0ms);

@@ -32,6 +32,9 @@ TEST(Server, WhatIsWrongIsSaidWhenItIsSet) {
   const std::pair<const char*, velkoro::ServerOptions> wrong[] = {
       {"no address to listen at", {.listen = {}}},
       {"must be https or http", {.listen = {"quarn://127.0.0.1:0"}}},
+      {"must be https or http", {.listen = {"ftp://127.0.0.1:0"}}},
+      {"the file '/no/such' cannot be read", {.certificate = "/no/such"}},
+      {"https needs", {.listen = {"HTTPS://127.0.0.1:0"}}},
       {"'/etc/passwd' is a file", AnyPort("/etc/passwd")},
       {"no program 'no-such-php' on PATH", {.php = "no-such-php"}},
       {"'/etc/passwd' is no program", {.php = "/etc/passwd"}},
