@@ -1,11 +1,12 @@
 #include "http/peer_watch.h"
 
+#include <algorithm>
 #include <utility>
 
-ZrPeerWatch::Token ZrPeerWatch::Subscribe(std::function<void()> action) {
+ZrPeerWatch::Token ZrPeerWatch::Subscribe(std::function<void()> action, State when) {
   ZrLock hold(lock_);
-  if (gone_.load(std::memory_order_relaxed)) return 0;
-  actions_.emplace(++last_, std::move(action));
+  if (Is(when)) return 0;
+  actions_.emplace(++last_, Action{when, std::move(action)});
   return last_;
 }
 
@@ -16,15 +17,17 @@ void ZrPeerWatch::Unsubscribe(Token token) {
 }
 
 // One by one, so that an action may take another's subscription back.
-void ZrPeerWatch::MarkGone() {
+void ZrPeerWatch::Mark(State state) {
   for (;;) {
-    decltype(actions_)::node_type action;
+    decltype(actions_)::node_type next;
     {
       ZrLock hold(lock_);
-      gone_.store(true, std::memory_order_release);
-      if (actions_.empty()) return;
-      action = actions_.extract(actions_.begin());
+      if (!Is(state)) state_.store(state, std::memory_order_release);
+      const auto found = std::find_if(actions_.begin(), actions_.end(),
+                                      [&](const auto& one) { return one.second.when <= state; });
+      if (found == actions_.end()) return;
+      next = actions_.extract(found);
     }
-    action.mapped()();
+    next.mapped().call();
   }
 }

@@ -198,6 +198,7 @@ bool ZrTransceiverConnection::IsBusy() { return turn_.InItem() || turn_.HasBytes
 // What was asked before the peer ended its side is still answered.
 ZrTransceiverConnection::PeerEnd ZrTransceiverConnection::OnPeerFinished() {
   const bool busy = turn_.EndInput();
+  peerWatch_->MarkEnded();
   notices_.TellInput();
   if (IsClosing()) return limits_.Lingers() ? PeerEnd::kRemove : PeerEnd::kKeep;
   if (busy) return PeerEnd::kKeep;

@@ -23,10 +23,19 @@ TEST(PeerWatch, EachActionIsCalledOnceWhateverItDoesItself) {
   third = watch->Subscribe([&, owned] { called.push_back(3); });
   ZrPeerSubscription taken(watch, [&] { called.push_back(4); });
   taken = ZrPeerSubscription();
+  const ZrPeerSubscription ends(
+      watch, [&] { called.push_back(5); }, ZrPeerWatch::State::kEnded);
+  EXPECT_FALSE(ends.Ended());
+  watch->MarkEnded();
+  watch->MarkEnded();
+  EXPECT_TRUE(ends.Ended());
   EXPECT_FALSE(watch->Gone());
+  EXPECT_EQ(watch->Subscribe([] { FAIL(); }, ZrPeerWatch::State::kEnded), 0U);
+  EXPECT_EQ(called, (std::vector<int>{5}));
   watch->MarkGone();
+  watch->MarkEnded();
   EXPECT_TRUE(watch->Gone());
-  EXPECT_EQ(called, (std::vector<int>{1, 2}));
+  EXPECT_EQ(called, (std::vector<int>{5, 1, 2}));
   EXPECT_EQ(owned.use_count(), 1);
   EXPECT_FALSE(ZrPeerSubscription(nullptr, [] { FAIL(); }).Gone());
 }
