@@ -91,14 +91,13 @@ bool ZrProgramStream::TakeHead() {
 
 void ZrProgramStream::OnTime() {
   due_.reset();
-  if (state_ == State::kGather)
-    Begin();
-  else
-    isLong_();
+  if (state_ == State::kGather) return Begin();
+  longAt_.reset();
+  isLong_();
 }
 
 void ZrProgramStream::Begin() {
-  due_ = steady_clock::now() + longTime_;
+  due_ = longAt_;
   answer_->addedFields = client_.Site().Fields();
   stream_ = client_.OpenAnswer(request_, {.room = [room = room_] { room->Raise(); }, .gone = {}});
   answer_->lengthKnown = program_.contentLength.has_value();
