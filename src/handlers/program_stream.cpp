@@ -8,6 +8,7 @@
 #include "http/field_list.h"
 #include "http/message_head.h"
 #include "http/response_head.h"
+#include "http/semantics.h"
 
 namespace {
 
@@ -127,10 +128,12 @@ void ZrProgramStream::Pass() {
 }
 
 void ZrProgramStream::SendWhole() {
-  const bool other = program_.contentLength && *program_.contentLength != buffer_.Size();
-  if (request_.method == ZrMethod::kHead ? buffer_.Empty() : other) {
-    // Its own length counts: what is beyond it is dropped, what is missing shows. One that wrote no
-    // page for a HEAD request has told no length at all.
+  const std::uint64_t announced = program_.contentLength.value_or(buffer_.Size());
+  if (announced > buffer_.Size() && answer_->semantics->SendsBody(*answer_))
+    return client_.AnswerStatus(request_, kBadGateway);
+  if (request_.method == ZrMethod::kHead ? buffer_.Empty() : announced != buffer_.Size()) {
+    // Its own length counts: what is beyond it is dropped. One that wrote no page for a HEAD
+    // request has told no length at all.
     Begin();
     if (state_ == State::kStream) stream_->End();
     return;
