@@ -128,7 +128,7 @@ ZrXResponseHeader& velkoro::Exchange::Reply() {
 
 void velkoro::Exchange::SetStatus(int status) {
   const auto code = static_cast<std::uint64_t>(status);
-  if (status < 200 || ZrSemantics::Standard().StatusPhrase(code).empty())
+  if (status < 200 || status > 599)
     throw std::invalid_argument("no status of an answer: " + std::to_string(status));
   Reply().status = code;
   statusSet_ = true;

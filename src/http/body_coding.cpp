@@ -135,7 +135,8 @@ ZrCoding zr::ChooseBodyCoding(const ZrXHeader& request, ZrXHeader& answer,
     return kPlain;
   if (size && (*size < kLeastCompressed || *size > kMostCompressed)) return kPlain;
   const std::uint64_t status = answer.status;
-  if (status < 200 || status == 204 || status == 206 || status == 304) return kPlain;
+  if (status < 200 || status == 204 || status == 205 || status == 206 || status == 304)
+    return kPlain;
   if (answer.headers.contains("content-encoding") || SaysNoTransform(answer) ||
       !IsCompressible(answer.headers.First("content-type", "text/html")))
     return kPlain;

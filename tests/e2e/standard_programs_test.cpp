@@ -39,6 +39,8 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
   Program("short", R"(printf 'Content-Type: a/b\nContent-Length: 9\n\npage')");
   Program("late", R"(printf 'Content-Type: a/b\nContent-Length: 9\n\npage'; sleep 0.2)");
   Program("status", R"(printf 'Status: 404 Gone\r\n\r\nwhere')");
+  Program("unregistered", R"(printf 'Status: 419\r\n\r\nexpired')");
+  Program("reset", R"(printf 'Status: 205\r\n\r\nform')");
   Program("away", R"(printf 'Location: http://a.example/\n\n')");
   Program("here", R"(printf 'Location: /cgi-bin/say/there?x\n\n')");
   Program("round", R"(printf 'Location: /cgi-bin/round\n\n')");
@@ -57,6 +59,8 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
       {"say", {"-X", "PATCH", "-T", big, "-H", "Transfer-Encoding: chunked"}, "PATCH  3145728|200"},
       {"length", {}, "page|200"},
       {"status", {}, "where|404"},
+      {"unregistered", {}, "expired|419"},
+      {"reset", {"-H", "Accept-Encoding: gzip"}, "|205"},
       {"away", {}, "|302"},
       {"here", {"-d", "body"}, "GET /there 0|200"},
       {"errors", {}, "page|200"},
