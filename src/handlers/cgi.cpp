@@ -76,6 +76,7 @@ void AddStandardVariables(const ZrXHeader& request, std::string root,
                            .serverPort = serverPort,
                            .remoteAddress = remoteAddress,
                            .remotePort = remotePort,
+                           .user = request.user,
                            .fields = &request.headers};
   if (request.body && !request.body->Empty()) facts.bodyBytes = request.body->Size();
   if (BodyIsToCome(request)) facts.bodyBytes = request.declaredLength;
