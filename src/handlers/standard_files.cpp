@@ -191,9 +191,10 @@ void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std
   const std::int64_t now = request.created / kTicksPerSecond;
   const std::shared_ptr<const ZrFileHead> head = HeadOf(form, path, site, now);
   const std::string boundary = request.headers.contains("range") ? MakeBoundary() : std::string();
-  ZrFileAnswer made = AnswerForFile(request.headers, *head, now, boundary);
+  ZrFileAnswer made = AnswerForFile(request.method, request.headers, *head, now, boundary);
   // The preconditions hold: without its ranges the request is one for the whole file.
-  if (made.several.length > kMostCombined) made = AnswerForFile({}, *head, now, boundary);
+  if (made.several.length > kMostCombined)
+    made = AnswerForFile(request.method, {}, *head, now, boundary);
   std::unique_ptr<ZrStringBuf> parts;
   if (!made.several.parts.empty()) {
     parts = std::make_unique<ZrStringBuf>();

@@ -12,6 +12,7 @@
 #include "http/byte_ranges.h"
 #include "http/header_fields.h"
 #include "http/preconditions.h"
+#include "http/semantics.h"
 
 /// The file, or the precompressed one in its place, that is to be sent.
 struct ZrFileFacts {
@@ -54,9 +55,9 @@ namespace zr {
 /// views of the facts stay the caller's.
 ZrFileHead MakeFileHead(const ZrFileFacts& file, std::int64_t now);
 
-/// `boundary` as for MakeMultipartRanges(); used for several ranges only. The request's method is
-/// GET or HEAD.
-ZrFileAnswer AnswerForFile(const ZrHeaderFields& request, const ZrFileHead& file, std::int64_t now,
-                           std::string_view boundary);
+/// `boundary` as for MakeMultipartRanges(); used for several ranges only. POST gets what GET does,
+/// but no range, and 412 in the place of 304.
+ZrFileAnswer AnswerForFile(ZrMethod method, const ZrHeaderFields& request, const ZrFileHead& file,
+                           std::int64_t now, std::string_view boundary);
 
 }  // namespace zr
