@@ -107,6 +107,7 @@ bool AppendRanges(const ZrServedFiles::Found& found, const zr::MultipartRanges& 
 void zr::AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std::uint64_t status,
                         const ZrSite& site) {
   const bool json = PrefersJson(request.headers["accept"]);
+  answer.AddField("Vary", "Accept");  // what is kept for others is chosen by it (RFC 9111, 4.1)
   const auto own = site.errorPages.find(status);
   if (own != site.errorPages.end() && !json) {
     answer.SetBodyText(own->second.body);

@@ -342,6 +342,11 @@ TEST_F(Clients, AnswersAreThoseOfAnotherServer) {
     auto right = Fields(theirs);
     const auto isFile = [](const std::string& status) { return status < "3" || status == "304"; };
     const bool files = isFile(left["status"]) && isFile(right["status"]);
+    if (!isFile(left["status"])) {
+      // Which page it is depends on what the client takes.
+      EXPECT_EQ(left["vary"], "Accept");
+      left.erase("vary");
+    }
     for (auto* fields : {&left, &right}) {
       if (!files) fields->erase("content-length");
       if (!files) fields->erase("content-type");
