@@ -186,10 +186,10 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
     return HasExtraPath(client, *request, path) && scripts_ &&
            scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   }
-  if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension))
-    return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   if (found.file->IsDirectory() && request->semantics->IsStandard())
     return ServeDirectory(client, request, path);
+  if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension))
+    return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   return SendFile(client, request, path, std::move(found));
 }
 

@@ -45,6 +45,7 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
   Program("here", R"(printf 'Location: /cgi-bin/say/there?x\n\n')");
   Program("round", R"(printf 'Location: /cgi-bin/round\n\n')");
   Program("errors", text + "; echo aside >&2; printf page");
+  folder_.Write("folder.php/index.html", "");
   folder_.Write("page.php", "<?php echo $_SERVER['SCRIPT_NAME'], ' ', $_SERVER['PATH_INFO'];");
   const std::string big = outside_.Write("big", Pattern(3 << 20));
   struct Case {
@@ -71,6 +72,7 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
   for (const char* bad : {"none", "no-head", "round", "short"})
     EXPECT_TRUE(Asked(std::string("/cgi-bin/") + bad).ends_with("</html>|502")) << bad;
   EXPECT_TRUE(Asked("/cgi-bin/nothing/say").ends_with("|404"));
+  EXPECT_TRUE(Asked("/folder.php").ends_with("|301"));
   const std::string head = served_.Curl("http", "/cgi-bin/say", {"-I"}).out;
   EXPECT_TRUE(head.starts_with("HTTP/1.1 200 OK\r\n") && head.ends_with("\r\n\r\n")) << head;
   EXPECT_EQ(served_.Curl("http", "/cgi-bin/late").status, 18);
