@@ -199,6 +199,7 @@ TEST(Semantics, MalformedRequestsAreRefusedHoweverTheyAreCut) {
         "GET / http/1.1\r\n", "GET /%zz HTTP/1.1\r\n", "GET * HTTP/1.1\r\n",
         "GET / HTTP/1.1\r\n\r\n", "\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n",
         "GET / HTTP/1.1\r\nHost: h\nX-A: b\r\n\r\n", "GET / HTTP/1.1\r\nHost: a/b\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: h%zz\r\n\r\n", "GET / HTTP/1.1\r\nHost: h%4\r\n\r\n",
         "GET / HTTP/1.1\r\nHost: u@h\r\n\r\n",
         "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n"}) {
     refused(head);
