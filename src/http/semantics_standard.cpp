@@ -65,12 +65,13 @@ ZrReadStep Incomplete(ZrXHeader& message, std::uint64_t expected) {
 ZrReadStep ReadChunks(ZrXHeader& message) {
   ZrChunkedDecoder& chunks = *message.reading.chunks;
   for (;;) {
-    switch (chunks.Read(*message.reading.input)) {
+    const ZrChunkedDecoder::Next next = chunks.Read(*message.reading.input);
+    if (chunks.Remaining() > zr::kMaxBodyBytes - message.BodyBytes())
+      return Refuse(message, kContentTooLarge);
+    switch (next) {
       case ZrChunkedDecoder::Next::kIncomplete:
         return Incomplete(message, message.BodyBytes());
       case ZrChunkedDecoder::Next::kData:
-        if (chunks.Remaining() > zr::kMaxBodyBytes - message.BodyBytes())
-          return Refuse(message, kContentTooLarge);
         chunks.Took(MoveToBody(message, chunks.Remaining()));
         break;
       case ZrChunkedDecoder::Next::kEnd:
