@@ -100,6 +100,7 @@ std::string_view TypeAlone(std::string_view contentType) {
   return zr::TrimBlanks(contentType.substr(0, contentType.find(';')));
 }
 
+// (RFC 9111, 5.2.2.6)
 bool SaysNoTransform(const ZrXHeader& answer) {
   bool says = false;
   zr::AllListElements(answer.headers["cache-control"], [&says](std::string_view element) {

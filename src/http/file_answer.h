@@ -29,7 +29,8 @@ struct ZrFileHead {
   std::uint64_t size = 0;
   std::string_view contentType;
   bool ranged = false;  ///< parts of it are given
-  /// Lines of a head, each with its end. In front those that also a 304 has, then all but the type.
+  /// Lines of a head, each with its end. In front those that also a 304 has, as a cache needs them
+  /// to find and renew what it holds (RFC 9111, 4.1 and 4.3.4), then all but the type.
   std::string fields;
   std::size_t versionFields = 0;
   std::size_t untypedFields = 0;
