@@ -131,7 +131,12 @@ void ZrProgramStream::SendWhole() {
   const std::uint64_t announced = program_.contentLength.value_or(buffer_.Size());
   if (announced > buffer_.Size() && answer_->semantics->SendsBody(*answer_))
     return client_.AnswerStatus(request_, kBadGateway);
-  if (request_.method == ZrMethod::kHead ? buffer_.Empty() : announced != buffer_.Size()) {
+  // A redirect of no type has no page, by whatever method.
+  const bool pageless = buffer_.Empty() && announced == 0 &&
+                        answer_->headers.contains("location") &&
+                        !answer_->headers.contains("content-type");
+  const bool untold = request_.method == ZrMethod::kHead && buffer_.Empty();
+  if (!pageless && (untold || announced != buffer_.Size())) {
     // Its own length counts: what is beyond it is dropped. One that wrote no page for a HEAD
     // request has told no length at all.
     Begin();

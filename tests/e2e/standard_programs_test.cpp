@@ -75,6 +75,11 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
   EXPECT_TRUE(Asked("/folder.php").ends_with("|301"));
   const std::string head = served_.Curl("http", "/cgi-bin/say", {"-I"}).out;
   EXPECT_TRUE(head.starts_with("HTTP/1.1 200 OK\r\n") && head.ends_with("\r\n\r\n")) << head;
+  const auto fieldsOf = [&](const char* word) {
+    const std::string all = served_.Curl("http", "/cgi-bin/away", {word}).out;
+    return all.substr(all.find("\r\nServer"));  // behind the date
+  };
+  EXPECT_EQ(fieldsOf("-I"), fieldsOf("-i"));
   EXPECT_EQ(served_.Curl("http", "/cgi-bin/late").status, 18);
 }
 
