@@ -233,7 +233,7 @@ class Answer {
   Answer(const Answer&) = delete;
   Answer& operator=(const Answer&) = delete;
 
-  /// Throws std::invalid_argument for a status that is not registered, or below 200.
+  /// Throws std::invalid_argument for a status below 200 or above 599.
   Answer& Status(int status);
   int Status() const;
   /// Sets a header field in the place of earlier ones of that name, or beside them. Throws

@@ -134,7 +134,7 @@ ZrXResponseHeader& velkoro::Exchange::Reply() {
 
 void velkoro::Exchange::SetStatus(int status) {
   const auto code = static_cast<std::uint64_t>(status);
-  if (status < 200 || ZrSemantics::Standard().StatusPhrase(code).empty())
+  if (status < 200 || status > 599)
     throw std::invalid_argument("no status of an answer: " + std::to_string(status));
   Reply().status = code;
   statusSet_ = true;
@@ -378,6 +378,7 @@ const velkoro::Server::Handler* velkoro::Exchange::FindHandler() {
 // No handler's: a method that the routes do not know, a file, or nothing.
 void velkoro::Exchange::LeaveToOthers() {
   if (!Claim()) return;
+  request_->user = user_;
   Conclude([this] {
     if (match_.allowed == 0)
       client_.AnswerUntaken(request_);

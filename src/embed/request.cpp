@@ -17,7 +17,8 @@ namespace {
 
 constexpr unsigned kFileMode = 0644;
 
-/// The value of a parameter of a "content-disposition"; nothing when it is absent.
+/// The value of a parameter of a "content-disposition" (RFC 6266, as forms have it); nothing when
+/// it is absent.
 std::optional<std::string> DispositionParameter(std::string_view value, std::string_view name) {
   for (std::size_t at = value.find(';'); at != std::string_view::npos;) {
     ++at;

@@ -76,6 +76,7 @@ void AddStandardVariables(const ZrXHeader& request, std::string root,
                            .serverPort = serverPort,
                            .remoteAddress = remoteAddress,
                            .remotePort = remotePort,
+                           .user = request.user,
                            .fields = &request.headers};
   if (request.body && !request.body->Empty()) facts.bodyBytes = request.body->Size();
   if (BodyIsToCome(request)) facts.bodyBytes = request.declaredLength;
@@ -121,14 +122,13 @@ bool ZrCgi::RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHead
 void ZrCgi::Answer(const Job& job, const ZrWakeFlag& stop) {
   ZrXHeader& request = *job.request;
   try {
-    const auto gone = std::make_shared<ZrWakeFlag>();
-    const ZrPeerSubscription peer(request.peerWatch, [gone] { gone->Raise(); });
-    if (peer.Gone()) return;
+    const auto isGone = [&] { return request.peerWatch && request.peerWatch->Gone(); };
+    if (isGone()) return;
     const bool standard = request.semantics->IsStandard();
     const ZrPipeExecSettings settings{.limits = limits_,
                                       .environment = &environment_,
                                       .stop = &stop,
-                                      .gone = gone.get(),
+                                      .peer = request.peerWatch,
                                       .memory = job.client.Memory(),
                                       .roomQueue = &roomQueue_,
                                       .streams = standard};
@@ -139,7 +139,7 @@ void ZrCgi::Answer(const Job& job, const ZrWakeFlag& stop) {
     ZrStringBuf& input = request.body ? *request.body : nothing;
     const bool held =
         !stop.IsRaised() && zr::RunCgi(job.program, job.variables, input, *answer->body, settings);
-    if (peer.Gone()) return;
+    if (isGone()) return;
     if (held && !stop.IsRaised()) {
       // The exit code says nothing: whatever was written is the answer.
       answer->SetStatus(200);

@@ -95,6 +95,7 @@ void BuildStandardVariables(const ProgramRequest& request, ZrCgiVariables& varia
       {"SERVER_PORT", host.port.empty() ? request.serverPort : host.port},
       {"SERVER_ADDR", request.serverAddress},
       {"REMOTE_ADDR", request.remoteAddress},
+      {"REMOTE_HOST", request.remoteAddress},
       {"REMOTE_PORT", request.remotePort},
       {"REQUEST_METHOD", request.method},
       {"REQUEST_URI", request.target},
@@ -114,9 +115,13 @@ void BuildStandardVariables(const ProgramRequest& request, ZrCgiVariables& varia
   }
   if (request.bodyBytes) Add(variables, "CONTENT_LENGTH", std::to_string(*request.bodyBytes));
   if (fields.contains("content-type")) Add(variables, "CONTENT_TYPE", fields.First("content-type"));
-  const std::string_view credentials = fields.First("authorization");
-  if (const std::size_t end = credentials.find(' '); end != std::string_view::npos && end > 0)
-    Add(variables, "AUTH_TYPE", credentials.substr(0, end));
+  // Programs trust these two: they are there only for a user whom the server has asked for and
+  // knows. A program that asks by itself looks at HTTP_AUTHORIZATION.
+  if (!request.user.empty()) {
+    const std::string_view credentials = fields.First("authorization");
+    Add(variables, "AUTH_TYPE", credentials.substr(0, credentials.find(' ')));
+    Add(variables, "REMOTE_USER", request.user);
+  }
   for (const auto& [field, values] : fields) {
     std::string name = VariableName(field);
     if (!name.empty() && !values.empty())

@@ -38,6 +38,7 @@ struct ProgramRequest {
   std::string_view serverPort;
   std::string_view remoteAddress;
   std::string_view remotePort;
+  std::string_view user;  ///< whom the server knows the request to be from; empty: nobody
   /// The bytes of the body, however it came; none when there is no body.
   std::optional<std::uint64_t> bodyBytes = std::nullopt;
   const ZrHeaderFields* fields = nullptr;  ///< required

@@ -37,10 +37,35 @@ void MakeRunPipe(zr::Pipe& pipe, ZrDescriptor zr::Pipe::*kept, const char* pipeM
   }
 }
 
+/// Wakes a run when its peer goes, or ends its side.
+class PeerSignal {
+ public:
+  explicit PeerSignal(const std::shared_ptr<ZrPeerWatch>& peer) {
+    if (!peer) return;
+    flag_ = std::make_shared<ZrWakeFlag>();
+    const auto raise = [flag = flag_] { flag->Raise(); };
+    ended_ = ZrPeerSubscription(peer, raise, ZrPeerWatch::State::kEnded);
+    gone_ = ZrPeerSubscription(peer, raise);
+    if (gone_.Ended()) raise();
+  }
+
+  int Descriptor() const { return flag_ ? flag_->Descriptor() : -1; }
+  /// After a wake: yes, it has gone; else it has ended its side.
+  bool TakeGone() {
+    flag_->Lower();  // first: what comes meanwhile wakes again
+    return gone_.Gone();
+  }
+
+ private:
+  std::shared_ptr<ZrWakeFlag> flag_;  // the actions may outlast this
+  ZrPeerSubscription ended_;
+  ZrPeerSubscription gone_;
+};
+
 }  // namespace
 
 ZrWinPipeExec::ZrWinPipeExec(std::string program, ZrPipeExecSettings settings)
-    : program_(std::move(program)), settings_(settings) {
+    : program_(std::move(program)), settings_(std::move(settings)) {
   zr::Pipe output;
   MakeRunPipe(output, &zr::Pipe::read, "ERROR StdoutRd CreatePipe",
               "ERROR Stdout SetHandleInformation");
@@ -114,7 +139,9 @@ bool ZrWinPipeExec::Start(const ZrCgiVariables& variables) {
 
 ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
                                   ZrRoomQueue::Place& room) {
+  PeerSignal peer(settings_.peer);
   auto runEnd = steady_clock::now() + settings_.limits.run;
+  auto quietEnd = steady_clock::time_point::max();   // nearer once the peer has ended its side
   std::optional<steady_clock::time_point> drainEnd;  // set once the child has ended
   std::size_t left = settings_.limits.output;
   const bool reportsEnd = process_.EndDescriptor() >= 0;
@@ -128,7 +155,7 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
     const bool waited = std::exchange(waits, output.MustWait());
     if (waits && !waited) waitsSince = steady_clock::now();
     room.SetWaiting(waits);
-    enum { kOutput, kInput, kMore, kEnd, kStop, kGone, kRoom, kItems };
+    enum { kOutput, kInput, kMore, kEnd, kStop, kPeer, kRoom, kItems };
     std::array<zr::PollItem, kItems> items;
     items[kOutput].descriptor = waits ? -1 : stdoutRead_.Get();
     items[kInput] = {input.Empty() ? -1 : stdinWrite_.Get(), true};
@@ -136,11 +163,10 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
     items[kMore].descriptor = waitsForMore ? settings_.source->Descriptor() : -1;
     items[kEnd].descriptor = drainEnd ? -1 : process_.EndDescriptor();
     items[kStop].descriptor = settings_.stop != nullptr ? settings_.stop->Descriptor() : -1;
-    items[kGone].descriptor = settings_.gone != nullptr ? settings_.gone->Descriptor() : -1;
-
+    items[kPeer].descriptor = peer.Descriptor();
     items[kRoom].descriptor = waits ? output.RoomDescriptor() : -1;
 
-    auto deadline = drainEnd ? std::min(*drainEnd, runEnd) : runEnd;
+    auto deadline = drainEnd ? std::min(*drainEnd, runEnd) : std::min(quietEnd, runEnd);
     if (!drainEnd && !reportsEnd)
       deadline = std::min(deadline, steady_clock::now() + kEndPollInterval);
     if (waits && items[kRoom].descriptor < 0)
@@ -151,15 +177,17 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
       deadline = std::min(deadline, *late);
     zr::PollDescriptors(items, deadline);
 
-    if (items[kStop].ready || items[kGone].ready) return ZrPipeExecEnd::kStopped;
+    if (items[kStop].ready || (items[kPeer].ready && peer.TakeGone()))
+      return ZrPipeExecEnd::kStopped;
     std::optional<ZrPipeExecEnd> over;
     if (items[kInput].ready) over = Deliver(input);
     if (over) return *over;
     // A limit is looked at in every round: who writes for ever always has something ready.
     const auto now = steady_clock::now();
-    if (settings_.streams &&
-        (waits || items[kInput].ready || items[kMore].ready || items[kOutput].ready))
-      runEnd = now + settings_.limits.run;
+    const bool moved = waits || items[kInput].ready || items[kMore].ready || items[kOutput].ready;
+    if (settings_.streams && moved) runEnd = now + settings_.limits.run;
+    if (items[kPeer].ready || (moved && quietEnd != steady_clock::time_point::max()))
+      quietEnd = now + settings_.limits.endedPeer;
     if (items[kEnd].ready || (!drainEnd && !reportsEnd && process_.HasEnded())) {
       drainEnd = now + settings_.limits.drain;
       // All the child wrote is in the pipe now and is read without a look at the time; one byte
@@ -172,7 +200,7 @@ ZrPipeExecEnd ZrWinPipeExec::Move(ZrStringBuf& input, ZrProgramSink& output,
     if (due && now >= *due) output.OnTime();
     if (waits && !settings_.streams && now - waitsSince >= settings_.limits.room && room.IsNewest())
       return ZrPipeExecEnd::kLost;
-    if (!drainEnd && now >= runEnd) return ZrPipeExecEnd::kRunLimit;
+    if (!drainEnd && now >= std::min(quietEnd, runEnd)) return ZrPipeExecEnd::kRunLimit;
     if (drainEnd && now >= std::min(*drainEnd, runEnd)) break;
   }
   return ZrPipeExecEnd::kEnded;

@@ -17,6 +17,7 @@
 #include "base/string_buffer.h"
 #include "handlers/program_input.h"
 #include "handlers/program_output.h"
+#include "http/peer_watch.h"
 #include "platform/pipe.h"
 #include "platform/process.h"
 
@@ -32,6 +33,9 @@ inline constexpr std::chrono::milliseconds kCgiDrainLimit{1000};
 /// How long a run waits while all peers together hold more than their budget of memory; then the
 /// newest run that waits is given up.
 inline constexpr std::chrono::milliseconds kCgiRoomLimit = std::chrono::seconds(60);
+/// How long a run in which nothing moves goes on for a peer that has ended its side, as one that
+/// has gone altogether does: nothing else would tell before something is written to it.
+inline constexpr std::chrono::milliseconds kCgiEndedPeerLimit = std::chrono::seconds(10);
 /// The time between asking a child's family to end and ending it.
 inline constexpr std::chrono::milliseconds kCgiTerminationGrace{500};
 
@@ -47,6 +51,7 @@ struct ZrPipeExecLimits {
   std::chrono::milliseconds drain = zr::kCgiDrainLimit;
   std::chrono::milliseconds terminationGrace = zr::kCgiTerminationGrace;
   std::chrono::milliseconds room = zr::kCgiRoomLimit;
+  std::chrono::milliseconds endedPeer = zr::kCgiEndedPeerLimit;
 };
 
 /// What a run is given besides its program. The pointers are borrowed for the object's life.
@@ -56,8 +61,8 @@ struct ZrPipeExecSettings {
   const ZrEnvironment* environment = nullptr;
   /// Once raised, the child's family is ended and the run returns within about the grace time.
   const ZrWakeFlag* stop = nullptr;
-  /// The same for a run that nobody waits for any more.
-  const ZrWakeFlag* gone = nullptr;
+  /// Whom the run is for, if anybody: when the peer goes it ends in the same way.
+  std::shared_ptr<ZrPeerWatch> peer = nullptr;
   /// What the output counts against, and where the run waits when that is exceeded; may be none.
   std::shared_ptr<ZrMemoryBudget> memory = nullptr;
   ZrRoomQueue* roomQueue = nullptr;
@@ -72,16 +77,17 @@ struct ZrPipeExecSettings {
 
 /// How a run ended.
 enum class ZrPipeExecEnd {
-  kEnded,        ///< The child ended by itself; its exit code is not looked at.
-  kCrashed,      ///< A signal that is not from here ended the child.
-  kNotStarted,   ///< No such program, not executable, ...: nothing ran, the output is unchanged.
-  kRunLimit,     ///< It took too long, or nothing moved for so long, and was ended with its family.
+  kEnded,       ///< The child ended by itself; its exit code is not looked at.
+  kCrashed,     ///< A signal that is not from here ended the child.
+  kNotStarted,  ///< No such program, not executable, ...: nothing ran, the output is unchanged.
+  /// It took too long, or nothing moved for so long, and it was ended with its family.
+  kRunLimit,
   kOutputLimit,  ///< It wrote too much and was ended with its family.
   /// Its output could not be kept, or its input or output not be moved: it was ended with its
   /// family, and the output is lost.
   kLost,
   kNoInput,  ///< The rest of its input will not come, and it was ended with its family.
-  kStopped,  ///< One of the flags was raised and it was ended with its family.
+  kStopped,  ///< The flag was raised, or its peer has gone, and it was ended with its family.
 };
 
 /// Owns the two pipes and the child of one run.

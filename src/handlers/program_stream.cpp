@@ -8,6 +8,7 @@
 #include "http/field_list.h"
 #include "http/message_head.h"
 #include "http/response_head.h"
+#include "http/semantics.h"
 
 namespace {
 
@@ -91,14 +92,13 @@ bool ZrProgramStream::TakeHead() {
 
 void ZrProgramStream::OnTime() {
   due_.reset();
-  if (state_ == State::kGather)
-    Begin();
-  else
-    isLong_();
+  if (state_ == State::kGather) return Begin();
+  longAt_.reset();
+  isLong_();
 }
 
 void ZrProgramStream::Begin() {
-  due_ = steady_clock::now() + longTime_;
+  due_ = longAt_;
   answer_->addedFields = client_.Site().Fields();
   stream_ = client_.OpenAnswer(request_, {.room = [room = room_] { room->Raise(); }, .gone = {}});
   answer_->lengthKnown = program_.contentLength.has_value();
@@ -128,10 +128,17 @@ void ZrProgramStream::Pass() {
 }
 
 void ZrProgramStream::SendWhole() {
-  const bool other = program_.contentLength && *program_.contentLength != buffer_.Size();
-  if (request_.method == ZrMethod::kHead ? buffer_.Empty() : other) {
-    // Its own length counts: what is beyond it is dropped, what is missing shows. One that wrote no
-    // page for a HEAD request has told no length at all.
+  const std::uint64_t announced = program_.contentLength.value_or(buffer_.Size());
+  if (announced > buffer_.Size() && answer_->semantics->SendsBody(*answer_))
+    return client_.AnswerStatus(request_, kBadGateway);
+  // A redirect of no type has no page, by whatever method.
+  const bool pageless = buffer_.Empty() && announced == 0 &&
+                        answer_->headers.contains("location") &&
+                        !answer_->headers.contains("content-type");
+  const bool untold = request_.method == ZrMethod::kHead && buffer_.Empty();
+  if (!pageless && (untold || announced != buffer_.Size())) {
+    // Its own length counts: what is beyond it is dropped. One that wrote no page for a HEAD
+    // request has told no length at all.
     Begin();
     if (state_ == State::kStream) stream_->End();
     return;

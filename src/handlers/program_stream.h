@@ -25,13 +25,13 @@ class ZrProgramStream : public ZrProgramSink {
   /// its length.
   static constexpr std::chrono::milliseconds kGatherTime{20};
   static constexpr std::size_t kGatherBytes = std::size_t{64} * 1024;
-  /// An answer that takes longer is a long one.
+  /// A run that takes longer is a long one, whether it has written anything or not.
   static constexpr std::chrono::milliseconds kLongTime{1000};
   /// So is one that waits for a slow client after that time.
   static constexpr std::chrono::milliseconds kInputTime{100};
 
-  /// Client and request outlive it. `isLong` is called once when the answer turns out to be a long
-  /// one.
+  /// Made when the run starts. Client and request outlive it. `isLong` is called once when the run
+  /// turns out to be a long one.
   ZrProgramStream(ZrTransceiverClient& client, const ZrXHeader& request,
                   std::function<void()> isLong);
   ~ZrProgramStream() override;
@@ -50,10 +50,7 @@ class ZrProgramStream : public ZrProgramSink {
   /// `refusal` is the status for a request whose body did not come.
   std::string Finish(ZrPipeExecEnd end, std::uint64_t refusal);
   /// Its input is still to come: after kInputTime it is a long one, whatever it has written.
-  void AwaitInput() {
-    longTime_ = kInputTime;
-    due_ = std::chrono::steady_clock::now() + kInputTime;
-  }
+  void AwaitInput() { due_ = longAt_ = std::chrono::steady_clock::now() + kInputTime; }
 
  private:
   enum class State {
@@ -80,6 +77,8 @@ class ZrProgramStream : public ZrProgramSink {
   ZrProgramAnswer program_;
   std::shared_ptr<ZrXResponseHeader> answer_;  // once the head is known
   std::unique_ptr<ZrAnswerStream> stream_;
-  std::chrono::milliseconds longTime_ = kLongTime;  // after what it is a long one
-  std::optional<std::chrono::steady_clock::time_point> due_;
+  // When it is a long run; none once that was said.
+  std::optional<std::chrono::steady_clock::time_point> longAt_ =
+      std::chrono::steady_clock::now() + kLongTime;
+  std::optional<std::chrono::steady_clock::time_point> due_ = longAt_;
 };

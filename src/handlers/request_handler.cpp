@@ -273,8 +273,9 @@ bool ZrTransceiverClient::AnswerByRule(const std::shared_ptr<ZrXHeader>& request
 }
 
 void ZrTransceiverClient::AnswerUntaken(const std::shared_ptr<ZrXHeader>& request) {
-  if (request->method == ZrMethod::kOptions) return AnswerStatus(*request, 204, kAllMethods);
-  if (!FormCommandStep(request)) ServeContent(request);
+  const bool asks = request->method == ZrMethod::kOptions;
+  if (asks && (!content_ || request->path == "*")) return AnswerStatus(*request, 204, kAllMethods);
+  if (asks || !FormCommandStep(request)) ServeContent(request);
 }
 
 void ZrTransceiverClient::AnswerStatus(const ZrXHeader& request, std::uint64_t status,
@@ -321,7 +322,9 @@ int ZrTransceiverClient::AnswerRequest(const std::shared_ptr<ZrXHeader>& request
 void ZrTransceiverClient::ServeContent(const std::shared_ptr<ZrXHeader>& request) {
   if (!content_) return;
   try {
-    if (!content_->ServeRequest(*this, request)) content_->AnswerNotFound(*this, request);
+    if (content_->ServeRequest(*this, request)) return;
+    if (request->method == ZrMethod::kOptions) return AnswerStatus(*request, 204, kAllMethods);
+    content_->AnswerNotFound(*this, request);
   } catch (const ZrCannotTell&) {
     if (request->semantics->IsStandard()) return AnswerStatus(*request, 503);
     content_->AnswerNotFound(*this, request);

@@ -23,7 +23,7 @@ struct ZrSite {
   bool browse = false;   ///< Directories without a page of their own are listed.
   std::string fallback;  ///< The file, by its path beneath the start directory, that answers what
                          ///< is not there and was asked for as a page; empty: none.
-  std::string cacheControl;                       ///< of answers with files; empty: none
+  std::string cacheControl;  ///< of answers with files (RFC 9111, 5.2.2); empty: none
   std::map<std::uint64_t, ErrorPage> errorPages;  ///< by status
 
   /// Adds a field to every answer. No, and nothing added, for one that AddFieldFailure() refuses.

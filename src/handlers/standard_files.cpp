@@ -107,6 +107,7 @@ bool AppendRanges(const ZrServedFiles::Found& found, const zr::MultipartRanges& 
 void zr::AnswerWithPage(const ZrXHeader& request, ZrXResponseHeader& answer, std::uint64_t status,
                         const ZrSite& site) {
   const bool json = PrefersJson(request.headers["accept"]);
+  answer.AddField("Vary", "Accept");  // what is kept for others is chosen by it (RFC 9111, 4.1)
   const auto own = site.errorPages.find(status);
   if (own != site.errorPages.end() && !json) {
     answer.SetBodyText(own->second.body);
@@ -191,9 +192,10 @@ void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std
   const std::int64_t now = request.created / kTicksPerSecond;
   const std::shared_ptr<const ZrFileHead> head = HeadOf(form, path, site, now);
   const std::string boundary = request.headers.contains("range") ? MakeBoundary() : std::string();
-  ZrFileAnswer made = AnswerForFile(request.headers, *head, now, boundary);
+  ZrFileAnswer made = AnswerForFile(request.method, request.headers, *head, now, boundary);
   // The preconditions hold: without its ranges the request is one for the whole file.
-  if (made.several.length > kMostCombined) made = AnswerForFile({}, *head, now, boundary);
+  if (made.several.length > kMostCombined)
+    made = AnswerForFile(request.method, {}, *head, now, boundary);
   std::unique_ptr<ZrStringBuf> parts;
   if (!made.several.parts.empty()) {
     parts = std::make_unique<ZrStringBuf>();

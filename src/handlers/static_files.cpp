@@ -16,12 +16,17 @@
 
 namespace {
 
-/// Files and stored pages do not change by a request.
-bool RefuseMethod(ZrTransceiverClient& client, const ZrXHeader& request) {
+/// Whether the method had its answer: files and stored pages do not change by a request.
+bool AnswerMethod(ZrTransceiverClient& client, const ZrXHeader& request) {
+  constexpr std::string_view kMethods = "GET, HEAD, POST, OPTIONS";
+  if (request.method == ZrMethod::kOptions) {
+    client.AnswerStatus(request, 204, kMethods);
+    return true;
+  }
   if (request.method != ZrMethod::kPut && request.method != ZrMethod::kPatch &&
       request.method != ZrMethod::kDelete)
     return false;
-  client.AnswerStatus(request, 405, "GET, HEAD, POST, OPTIONS");
+  client.AnswerStatus(request, 405, kMethods);
   return true;
 }
 
@@ -46,7 +51,7 @@ bool HasExtraPath(const ZrTransceiverClient& client, const ZrXHeader& request,
 /// sent does not: a part of it may be on its way.
 bool SendStoredPage(ZrTransceiverClient& client, const ZrXHeader& request,
                     const std::string& name) {
-  if (RefuseMethod(client, request)) return true;
+  if (AnswerMethod(client, request)) return true;
   std::shared_ptr<ZrXResponseHeader> answer;
   try {
     answer = request.MakeResponse();
@@ -77,9 +82,17 @@ bool ZrStaticFiles::ServeRequest(ZrTransceiverClient& client,
   return ServePath(client, request, path);
 }
 
+// Its methods are its own, and it is not run to be asked for them.
+bool ZrStaticFiles::RunScript(ZrTransceiverClient& client,
+                              const std::shared_ptr<ZrXHeader>& request, const std::string& path,
+                              ZrScriptKind kind) {
+  return scripts_ && request->method != ZrMethod::kOptions &&
+         scripts_->RunScript(client, request, path, kind);
+}
+
 bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                              const std::string& path, ZrServedFiles::Found found) {
-  if (RefuseMethod(client, *request)) return true;
+  if (AnswerMethod(client, *request)) return true;
   if (request->semantics->IsStandard()) {
     SendStandardFile(client, request, path, std::move(found));
     return true;
@@ -170,7 +183,7 @@ bool ZrStaticFiles::ServeDefaultDocument(ZrTransceiverClient& client,
                                          const std::shared_ptr<ZrXHeader>& request) {
   const std::string& directory = client.fileDirectory;
   if (files_.Find(directory, "index.php").file)
-    return scripts_ && scripts_->RunScript(client, request, "index.php", ZrScriptKind::kPhp);
+    return RunScript(client, request, "index.php", ZrScriptKind::kPhp);
   ZrServedFiles::Found index = files_.Find(directory, "index.html");
   return index.file && SendFile(client, request, "index.html", std::move(index));
 }
@@ -179,17 +192,17 @@ bool ZrStaticFiles::ServePath(ZrTransceiverClient& client,
                               const std::shared_ptr<ZrXHeader>& request, const std::string& path) {
   if (path.starts_with(client.cgiUrlPrefix)) {
     const std::string program = client.cgiDirectory + path.substr(client.cgiUrlPrefix.size());
-    return scripts_ && scripts_->RunScript(client, request, program, ZrScriptKind::kProgram);
+    return RunScript(client, request, program, ZrScriptKind::kProgram);
   }
   ZrServedFiles::Found found = files_.Find(client.fileDirectory, path);
   if (!found.file) {
-    return HasExtraPath(client, *request, path) && scripts_ &&
-           scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
+    return HasExtraPath(client, *request, path) &&
+           RunScript(client, request, path, ZrScriptKind::kPhp);
   }
-  if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension))
-    return scripts_ && scripts_->RunScript(client, request, path, ZrScriptKind::kPhp);
   if (found.file->IsDirectory() && request->semantics->IsStandard())
     return ServeDirectory(client, request, path);
+  if (path.size() > client.scriptExtension.size() && path.ends_with(client.scriptExtension))
+    return RunScript(client, request, path, ZrScriptKind::kPhp);
   return SendFile(client, request, path, std::move(found));
 }
 
@@ -199,7 +212,7 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
                                    const std::shared_ptr<ZrXHeader>& request,
                                    const std::string& path) {
   if (!path.empty() && !path.ends_with('/')) {
-    if (RefuseMethod(client, *request)) return true;
+    if (AnswerMethod(client, *request)) return true;
     const auto answer = request->MakeResponse();
     zr::AnswerWithPage(*request, *answer, 301, client.Site());
     answer->SetField("Location", zr::DirectoryAddress(*request));
@@ -209,7 +222,7 @@ bool ZrStaticFiles::ServeDirectory(ZrTransceiverClient& client,
   const std::string& directory = client.fileDirectory;
   const std::string script = path + "index" + client.scriptExtension;
   if (files_.Find(directory, script).file)
-    return scripts_ && scripts_->RunScript(client, request, script, ZrScriptKind::kPhp);
+    return RunScript(client, request, script, ZrScriptKind::kPhp);
   const std::string page = path + "index.html";
   ZrServedFiles::Found index = files_.Find(directory, page);
   if (index.file && !index.file->IsDirectory())
@@ -222,7 +235,7 @@ bool ZrStaticFiles::ListDirectory(ZrTransceiverClient& client, const ZrXHeader& 
   const std::string& start = client.fileDirectory;
   const auto directory = files_.Find(start, path.empty() ? "." : path).file;
   if (!directory) return false;
-  if (RefuseMethod(client, request)) return true;
+  if (AnswerMethod(client, request)) return true;
   const auto answer = request.MakeResponse();
   zr::AnswerWithListing(*answer, *directory, path,
                         [&](const std::string& link) { return files_.Find(start, link).file; });

@@ -11,6 +11,7 @@
 #include "handlers/served_files.h"
 
 class ZrScriptRunner;
+enum class ZrScriptKind;
 
 /// The routing of one application; between requests it keeps its start directories open, and
 /// nothing else. Threads: any.
@@ -33,6 +34,8 @@ class ZrStaticFiles : public ZrContentHandler {
                       const std::shared_ptr<ZrXHeader>& request) override;
 
  private:
+  bool RunScript(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
+                 const std::string& path, ZrScriptKind kind);
   bool SendFile(ZrTransceiverClient& client, const std::shared_ptr<ZrXHeader>& request,
                 const std::string& path, ZrServedFiles::Found found);
   /// `vary`: a constant, what the answer depends on beside its form; may be empty.

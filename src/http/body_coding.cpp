@@ -100,6 +100,7 @@ std::string_view TypeAlone(std::string_view contentType) {
   return zr::TrimBlanks(contentType.substr(0, contentType.find(';')));
 }
 
+// (RFC 9111, 5.2.2.6)
 bool SaysNoTransform(const ZrXHeader& answer) {
   bool says = false;
   zr::AllListElements(answer.headers["cache-control"], [&says](std::string_view element) {
@@ -135,7 +136,8 @@ ZrCoding zr::ChooseBodyCoding(const ZrXHeader& request, ZrXHeader& answer,
     return kPlain;
   if (size && (*size < kLeastCompressed || *size > kMostCompressed)) return kPlain;
   const std::uint64_t status = answer.status;
-  if (status < 200 || status == 204 || status == 206 || status == 304) return kPlain;
+  if (status < 200 || status == 204 || status == 205 || status == 206 || status == 304)
+    return kPlain;
   if (answer.headers.contains("content-encoding") || SaysNoTransform(answer) ||
       !IsCompressible(answer.headers.First("content-type", "text/html")))
     return kPlain;

@@ -14,8 +14,17 @@ int HexDigit(char c) {
   return -1;
 }
 
-bool HasLoneLineEnd(std::string_view line) {
-  return line.find_first_of(kLineEnd) != std::string_view::npos;
+struct LineEnd {
+  std::size_t at = std::string_view::npos;  // where it is; none: still to come
+  bool lone = false;                        // half of one comes first, and the line is none
+};
+
+LineEnd FindLineEnd(std::string_view text) {
+  const std::size_t at = text.find_first_of(kLineEnd);
+  if (at == std::string_view::npos) return {};
+  const std::string_view found = text.substr(at, kLineEnd.size());
+  if (found == kLineEnd) return {.at = at};
+  return {.lone = found.size() == kLineEnd.size() || found.front() == '\n'};
 }
 
 // The size in front of a chunk's extensions. One that is beyond every limit is the largest number.
@@ -62,11 +71,12 @@ ZrChunkedDecoder::Next ZrChunkedDecoder::Read(ZrStringBuf& input) {
 
 ZrChunkedDecoder::Next ZrChunkedDecoder::ReadSize(ZrStringBuf& input) {
   const std::string_view line = input.Unread().substr(0, kMaxChunkLine);
-  const std::size_t end = line.find(kLineEnd);
+  const auto [end, lone] = FindLineEnd(line);
+  if (lone) return Next::kNoSize;
   if (end == std::string_view::npos)
     return line.size() == kMaxChunkLine ? Next::kNoSize : Next::kIncomplete;
   const auto size = SizeIn(line.substr(0, end));
-  if (!size || HasLoneLineEnd(line.substr(0, end))) return Next::kNoSize;
+  if (!size) return Next::kNoSize;
   input.Consume(end + kLineEnd.size());
   remaining_ = *size;
   step_ = *size == 0 ? Step::kTrailers : Step::kData;
@@ -85,11 +95,10 @@ ZrChunkedDecoder::Next ZrChunkedDecoder::ReadDataEnd(ZrStringBuf& input) {
 ZrChunkedDecoder::Next ZrChunkedDecoder::ReadTrailers(ZrStringBuf& input) {
   for (;;) {
     const std::string_view rest = input.Unread().substr(0, kMaxTrailers + 1 - trailerBytes_);
-    const std::size_t end = rest.find(kLineEnd);
+    const auto [end, lone] = FindLineEnd(rest);
     const std::size_t used = end == std::string_view::npos ? rest.size() : end + kLineEnd.size();
-    if (trailerBytes_ + used > kMaxTrailers) return Next::kTrailers;
+    if (lone || trailerBytes_ + used > kMaxTrailers) return Next::kTrailers;
     if (end == std::string_view::npos) return Next::kIncomplete;
-    if (HasLoneLineEnd(rest.substr(0, end))) return Next::kTrailers;
     input.Consume(used);
     trailerBytes_ += used;
     if (end != 0) continue;

@@ -51,10 +51,12 @@ ZrFileHead zr::MakeFileHead(const ZrFileFacts& file, std::int64_t now) {
   return head;
 }
 
-ZrFileAnswer zr::AnswerForFile(const ZrHeaderFields& request, const ZrFileHead& file,
-                               std::int64_t now, std::string_view boundary) {
+ZrFileAnswer zr::AnswerForFile(ZrMethod method, const ZrHeaderFields& request,
+                               const ZrFileHead& file, std::int64_t now,
+                               std::string_view boundary) {
   ZrFileAnswer answer;
-  switch (CheckPreconditions(request, true, file.current)) {
+  const bool reads = method == ZrMethod::kGet || method == ZrMethod::kHead;
+  switch (CheckPreconditions(request, reads, file.current)) {
     case ZrPrecondition::kFailed:
       answer.status = 412;
       return answer;
@@ -65,8 +67,9 @@ ZrFileAnswer zr::AnswerForFile(const ZrHeaderFields& request, const ZrFileHead& 
     case ZrPrecondition::kHolds:
       break;
   }
+  // Ranges mean something for GET (RFC 9110, 14.2), and HEAD is answered alike.
   const ZrByteRanges ranges =
-      file.ranged ? RangesOf(request, file.current, file.size, now) : ZrByteRanges{};
+      file.ranged && reads ? RangesOf(request, file.current, file.size, now) : ZrByteRanges{};
   answer.fields = file.fields.size();
   if (ranges.kind == ZrByteRanges::Kind::kUnsatisfiable) {
     answer.status = 416;

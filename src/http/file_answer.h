@@ -12,6 +12,7 @@
 #include "http/byte_ranges.h"
 #include "http/header_fields.h"
 #include "http/preconditions.h"
+#include "http/semantics.h"
 
 /// The file, or the precompressed one in its place, that is to be sent.
 struct ZrFileFacts {
@@ -28,7 +29,8 @@ struct ZrFileHead {
   std::uint64_t size = 0;
   std::string_view contentType;
   bool ranged = false;  ///< parts of it are given
-  /// Lines of a head, each with its end. In front those that also a 304 has, then all but the type.
+  /// Lines of a head, each with its end. In front those that also a 304 has, as a cache needs them
+  /// to find and renew what it holds (RFC 9111, 4.1 and 4.3.4), then all but the type.
   std::string fields;
   std::size_t versionFields = 0;
   std::size_t untypedFields = 0;
@@ -54,9 +56,9 @@ namespace zr {
 /// views of the facts stay the caller's.
 ZrFileHead MakeFileHead(const ZrFileFacts& file, std::int64_t now);
 
-/// `boundary` as for MakeMultipartRanges(); used for several ranges only. The request's method is
-/// GET or HEAD.
-ZrFileAnswer AnswerForFile(const ZrHeaderFields& request, const ZrFileHead& file, std::int64_t now,
-                           std::string_view boundary);
+/// `boundary` as for MakeMultipartRanges(); used for several ranges only. POST gets what GET does,
+/// but no range, and 412 in the place of 304.
+ZrFileAnswer AnswerForFile(ZrMethod method, const ZrHeaderFields& request, const ZrFileHead& file,
+                           std::int64_t now, std::string_view boundary);
 
 }  // namespace zr

@@ -241,6 +241,8 @@ class ZrXHeader : public ZrJob, public ZrOnWorkbench {
   // Of a received message and of the answer to it: where both ends are.
   std::shared_ptr<const ZrMessageEnds> ends;
 
+  std::string user;  // of a received request: whom this server knows it to be from
+
   // Outgoing requests.
   std::string host;
   std::string userInfo;

@@ -31,6 +31,11 @@ bool IsTargetByte(char c) {
   return byte > 0x20 && byte != 0x7F && c != '#';
 }
 
+/// Whether the text begins with a byte in its escaped form.
+bool IsEscape(std::string_view text) {
+  return text.size() >= 3 && text[0] == '%' && HexDigit(text[1]) >= 0 && HexDigit(text[2]) >= 0;
+}
+
 bool DecodePath(std::string_view text, std::string& path) {
   if (text.find('%') == std::string_view::npos) {
     path = text;
@@ -42,11 +47,8 @@ bool DecodePath(std::string_view text, std::string& path) {
       path += text[at];
       continue;
     }
-    if (text.size() - at < 3) return false;
-    const int high = HexDigit(text[at + 1]);
-    const int low = HexDigit(text[at + 2]);
-    if (high < 0 || low < 0) return false;
-    const char byte = static_cast<char>(high * 16 + low);
+    if (!IsEscape(text.substr(at))) return false;
+    const char byte = static_cast<char>(HexDigit(text[at + 1]) * 16 + HexDigit(text[at + 2]));
     if (byte == '\0' || byte == '/') return false;
     path += byte;
     at += 2;
@@ -112,7 +114,8 @@ bool zr::IsAuthority(std::string_view text) {
       return false;
     ++end;
   } else {
-    while (end < text.size() && kNameBytes[static_cast<unsigned char>(text[end])]) ++end;
+    for (; end < text.size() && kNameBytes[static_cast<unsigned char>(text[end])]; ++end)
+      if (text[end] == '%' && !IsEscape(text.substr(end))) return false;
   }
   const std::string_view rest = text.substr(end);
   return rest.empty() ||

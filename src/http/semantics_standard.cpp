@@ -17,6 +17,7 @@
 
 namespace {
 
+constexpr std::uint64_t kResetContent = 205;
 constexpr std::uint64_t kBadRequest = 400;
 constexpr std::uint64_t kRequestTimeout = 408;
 constexpr std::uint64_t kContentTooLarge = 413;
@@ -64,12 +65,13 @@ ZrReadStep Incomplete(ZrXHeader& message, std::uint64_t expected) {
 ZrReadStep ReadChunks(ZrXHeader& message) {
   ZrChunkedDecoder& chunks = *message.reading.chunks;
   for (;;) {
-    switch (chunks.Read(*message.reading.input)) {
+    const ZrChunkedDecoder::Next next = chunks.Read(*message.reading.input);
+    if (chunks.Remaining() > zr::kMaxBodyBytes - message.BodyBytes())
+      return Refuse(message, kContentTooLarge);
+    switch (next) {
       case ZrChunkedDecoder::Next::kIncomplete:
         return Incomplete(message, message.BodyBytes());
       case ZrChunkedDecoder::Next::kData:
-        if (chunks.Remaining() > zr::kMaxBodyBytes - message.BodyBytes())
-          return Refuse(message, kContentTooLarge);
         chunks.Took(MoveToBody(message, chunks.Remaining()));
         break;
       case ZrChunkedDecoder::Next::kEnd:
@@ -200,20 +202,27 @@ bool ZrStandardSemantics::RefuseLate(ZrXHeader& message) const {
 }
 
 std::string_view ZrStandardSemantics::StatusPhrase(std::uint64_t status) const {
-  return zr::StandardPhrase(status);
+  constexpr std::string_view kKinds[] = {"Success", "Redirection", "Client Error", "Server Error"};
+  const std::string_view phrase = zr::StandardPhrase(status);
+  // One that nobody has registered means what the first of its hundred does (RFC 9110, 15).
+  return phrase.empty() && status >= 200 && status <= 599 ? kKinds[status / 100 - 2] : phrase;
 }
 
 bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
-  return answer.method != ZrMethod::kHead && !HasNoBody(answer.status);
+  return answer.method != ZrMethod::kHead && !HasNoBody(answer.status) &&
+         answer.status != kResetContent;
 }
 
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
-  // One that nobody has registered means what the first of its hundred does.
   if (answer.status < 200 || answer.status > 599) answer.status = kInternalError;
   if (answer.filePath.empty() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
+  // An empty body is one, and has its length (RFC 9110, 15.3.6).
+  const bool emptied = answer.status == kResetContent;
+  if (emptied) answer.contentLength = 0;
   // A client of the old version finds the end of a streamed body at the end of the connection.
-  const bool endless = answer.streamed && !answer.lengthKnown && !HasNoBody(answer.status);
+  const bool endless =
+      answer.streamed && !answer.lengthKnown && !HasNoBody(answer.status) && !emptied;
   if (endless && answer.oldVersion) answer.closeRequested = true;
 
   HeadText head(out, kOwnLines + answer.readyBytes + answer.location.size() +

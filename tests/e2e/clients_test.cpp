@@ -313,9 +313,7 @@ TEST_F(Clients, AnswersAreThoseOfAnotherServer) {
        "accept-ranges=bytes|;content-range=|bytes */300000;" + ourFile + "status=200|416;"},
       {"/big.bin", {"-r", "0-9", "-I"}, "accept-ranges=bytes|;"},
       {"/app.mjs", {"-d", "x"}, "accept-ranges=bytes|;" + ourFile + "status=200|405;"},
-      {"/app.mjs",
-       {"-X", "OPTIONS"},
-       "allow=GET, HEAD, POST, PUT, PATCH, DELETE, OPTIONS|;status=204|405;"},
+      {"/app.mjs", {"-X", "OPTIONS"}, "allow=GET, HEAD, POST, OPTIONS|;status=204|405;"},
       {"/app.mjs", {"-X", "get"}, "status=501|400;"},
       {"/app.mjs", {"-T", "-"}, "allow=GET, HEAD, POST, OPTIONS|;"},
       {"/app.mjs", {"-H", "Transfer-Encoding: gzip"}, kNone},
@@ -342,6 +340,11 @@ TEST_F(Clients, AnswersAreThoseOfAnotherServer) {
     auto right = Fields(theirs);
     const auto isFile = [](const std::string& status) { return status < "3" || status == "304"; };
     const bool files = isFile(left["status"]) && isFile(right["status"]);
+    if (!isFile(left["status"])) {
+      // Which page it is depends on what the client takes.
+      EXPECT_EQ(left["vary"], "Accept");
+      left.erase("vary");
+    }
     for (auto* fields : {&left, &right}) {
       if (!files) fields->erase("content-length");
       if (!files) fields->erase("content-type");

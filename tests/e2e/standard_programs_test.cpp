@@ -37,11 +37,15 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
   Program("no-head", "echo page; echo more");
   Program("length", R"(printf 'Content-Type: a/b\nContent-Length: 4\n\npage and more')");
   Program("short", R"(printf 'Content-Type: a/b\nContent-Length: 9\n\npage')");
+  Program("late", R"(printf 'Content-Type: a/b\nContent-Length: 9\n\npage'; sleep 0.2)");
   Program("status", R"(printf 'Status: 404 Gone\r\n\r\nwhere')");
+  Program("unregistered", R"(printf 'Status: 419\r\n\r\nexpired')");
+  Program("reset", R"(printf 'Status: 205\r\n\r\nform')");
   Program("away", R"(printf 'Location: http://a.example/\n\n')");
   Program("here", R"(printf 'Location: /cgi-bin/say/there?x\n\n')");
   Program("round", R"(printf 'Location: /cgi-bin/round\n\n')");
   Program("errors", text + "; echo aside >&2; printf page");
+  folder_.Write("folder.php/index.html", "");
   folder_.Write("page.php", "<?php echo $_SERVER['SCRIPT_NAME'], ' ', $_SERVER['PATH_INFO'];");
   const std::string big = outside_.Write("big", Pattern(3 << 20));
   struct Case {
@@ -55,8 +59,9 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
       {"say", {"-T", big}, "PUT  3145728|200"},
       {"say", {"-X", "PATCH", "-T", big, "-H", "Transfer-Encoding: chunked"}, "PATCH  3145728|200"},
       {"length", {}, "page|200"},
-      {"short", {}, "page|200"},
       {"status", {}, "where|404"},
+      {"unregistered", {}, "expired|419"},
+      {"reset", {"-H", "Accept-Encoding: gzip"}, "|205"},
       {"away", {}, "|302"},
       {"here", {"-d", "body"}, "GET /there 0|200"},
       {"errors", {}, "page|200"},
@@ -64,12 +69,18 @@ TEST_F(StandardPrograms, AreAskedWithEveryMethodAndAnswerWhatTheySay) {
   };
   for (const Case& c : cases)
     EXPECT_EQ(Asked(std::string("/cgi-bin/") + c.path, c.words), c.answer) << c.path;
-  for (const char* bad : {"none", "no-head", "round"})
+  for (const char* bad : {"none", "no-head", "round", "short"})
     EXPECT_TRUE(Asked(std::string("/cgi-bin/") + bad).ends_with("</html>|502")) << bad;
   EXPECT_TRUE(Asked("/cgi-bin/nothing/say").ends_with("|404"));
+  EXPECT_TRUE(Asked("/folder.php").ends_with("|301"));
   const std::string head = served_.Curl("http", "/cgi-bin/say", {"-I"}).out;
   EXPECT_TRUE(head.starts_with("HTTP/1.1 200 OK\r\n") && head.ends_with("\r\n\r\n")) << head;
-  EXPECT_EQ(served_.Curl("http", "/cgi-bin/short").status, 18);
+  const auto fieldsOf = [&](const char* word) {
+    const std::string all = served_.Curl("http", "/cgi-bin/away", {word}).out;
+    return all.substr(all.find("\r\nServer"));  // behind the date
+  };
+  EXPECT_EQ(fieldsOf("-I"), fieldsOf("-i"));
+  EXPECT_EQ(served_.Curl("http", "/cgi-bin/late").status, 18);
 }
 
 TEST_F(StandardPrograms, AnswersArriveAsTheyAreWrittenAndNeverEndFalsely) {
@@ -101,29 +112,32 @@ TEST_F(StandardPrograms, EndWithTheirPeerAndLeaveOthersTheirTurn) {
       "7" + std::to_string(std::filesystem::hash_value(folder_.Path()) % 100000);
   const std::string events = R"(printf 'Content-Type: text/event-stream\n\n'; echo one; )";
   Program("endless", events + "sleep " + mark);
+  Program("silent", "sleep " + mark);
   Program("half", events + Wait("go") + "; echo two");
   Program("quick", R"(printf 'Content-Type: a/b\n\nquick')");
   const auto runs = [&] { return RunProgram({"pgrep", "-f", "--", "sleep " + mark}).status == 0; };
   const std::string ask = " HTTP/1.1\r\nHost: h\r\n\r\n";
-  // More than programs happen at once: those that last stand aside.
-  std::vector<RawClient> clients;
-  for (int i = 0; i < 40; ++i) {
-    clients.emplace_back(served_.Port("http"));
-    clients.back().Send("GET /cgi-bin/endless" + ask);
-  }
   RawClient half(served_.Port("http"));
   half.Send("GET /cgi-bin/half" + ask);
   half.FinishSending();
-  EXPECT_EQ(Asked("/cgi-bin/quick"), "quick|200");
-  for (RawClient& client : clients) EXPECT_NE(client.ReadUntil("one\n").find("one\n"), ask.npos);
-  EXPECT_TRUE(runs());
-  for (RawClient& client : clients) client.Reset();
-  EXPECT_TRUE(WaitFor([&] { return !runs(); }));
+  half.ReadUntil("one\n");
   folder_.Write("go", "");
   bool ended = false;
   const std::string answer = half.ReadToEnd(&ended);
   EXPECT_TRUE(ended);
   EXPECT_TRUE(answer.ends_with("4\r\ntwo\n\r\n0\r\n\r\n")) << answer;
+  // More than programs happen at once: those that last stand aside, silent or not.
+  std::vector<RawClient> clients;
+  for (int i = 0; i < 40; ++i) {
+    clients.emplace_back(served_.Port("http"));
+    clients.back().Send(std::string("GET /cgi-bin/") + (i % 2 == 0 ? "endless" : "silent") + ask);
+  }
+  EXPECT_EQ(Asked("/cgi-bin/quick"), "quick|200");
+  for (std::size_t i = 0; i < clients.size(); i += 2)
+    EXPECT_NE(clients[i].ReadUntil("one\n").find("one\n"), ask.npos);
+  EXPECT_TRUE(runs());
+  for (RawClient& client : clients) client.Reset();
+  EXPECT_TRUE(WaitFor([&] { return !runs(); }));
 }
 
 TEST_F(StandardPrograms, TheirInputArrivesAsItIsSent) {

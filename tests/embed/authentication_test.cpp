@@ -14,6 +14,8 @@ TEST(Authentication, GuardsStandBeforeRoutesAndFiles) {
   const TemporaryFolder folder;
   folder.Write("admin/file", "secret");
   folder.Write("administration", "open");
+  folder.WriteProgram("cgi-bin/who",
+                      R"(printf 'Content-Type: a/b\n\n'; printf "$AUTH_TYPE $REMOTE_USER")");
   velkoro::Server server(AnyPort(folder.Path()));
   for (const char* path : {"/admin/route", "/api"})
     server.Handle("GET", path,
@@ -23,8 +25,8 @@ TEST(Authentication, GuardsStandBeforeRoutesAndFiles) {
     if (request.Path() == "/stop") answer.Text("stopped");
     return request.Path() != "/stop";
   });
-  server.Before("/admin/",
-                velkoro::BasicAuthentication("the \"inside\"", {{"ada", "s:1"}, {"", ""}}));
+  for (const char* path : {"/admin/", "/cgi-bin/"})
+    server.Before(path, velkoro::BasicAuthentication("the \"inside\"", {{"ada", "s:1"}, {"", ""}}));
   server.Before("/api", velkoro::BearerAuthentication("api", {{"t0ken", "eve"}}));
   server.Start();
   const std::tuple<const char*, std::vector<std::string>, std::string> cases[] = {
@@ -38,6 +40,7 @@ TEST(Authentication, GuardsStandBeforeRoutesAndFiles) {
       {"/admin/file", {"-H", "Authorization: Basic YWRh"}, "[401]"},
       {"/admin/route", {"-u", "ada:s:1"}, "ada[200]"},
       {"/admin/route", {"-u", "ada:s:1", "-X", "POST"}, "[405]"},
+      {"/cgi-bin/who", {"-u", "ada:s:1"}, "Basic ada[200]"},
       {"/api", {"-H", "Authorization: bearer t0ken"}, "eve[200]"},
       {"/api", {"-H", "Authorization: bearer t0ke"}, "[401]"},
       {"/stop", {}, "stopped[200]"},

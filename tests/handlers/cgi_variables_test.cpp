@@ -94,11 +94,15 @@ TEST(CgiVariables, StandardSemanticsGiveWhatTheRequestHas) {
   request.fields = &none;
   ZrCgiVariables fewer;
   zr::BuildStandardVariables(request, fewer);
+  request.fields = &fields;
+  ZrCgiVariables unknown;
+  zr::BuildStandardVariables(request, unknown);
+  EXPECT_FALSE(unknown.contains("AUTH_TYPE"));
+  request.user = "u";
   request.extraPath = "/extra";
   request.documentRoot = "/srv/www";
   request.secure = true;
   request.bodyBytes = 3;
-  request.fields = &fields;
   ZrCgiVariables all;
   zr::BuildStandardVariables(request, all);
   EXPECT_FALSE(all.contains("HTTP_PROXY"));
@@ -110,7 +114,8 @@ TEST(CgiVariables, StandardSemanticsGiveWhatTheRequestHas) {
                                     {"HTTP_AUTHORIZATION", "Basic dTpw"},
                                     {"HTTP_COOKIE", "a=1; b=2"},
                                     {"PATH_INFO", "/extra"},
-                                    {"PATH_TRANSLATED", "/srv/www/extra"}};
+                                    {"PATH_TRANSLATED", "/srv/www/extra"},
+                                    {"REMOTE_USER", "u"}};
   for (const auto& [name, value] : sometimes) {
     EXPECT_EQ(all[name], value) << name;
     EXPECT_FALSE(fewer.contains(name)) << name;

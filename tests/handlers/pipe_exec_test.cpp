@@ -131,6 +131,19 @@ TEST_F(PipeExec, LimitsEndTheWholeGroup) {
   EXPECT_TRUE(zrtest::WaitFor([this] { return IsGone("child"); }));
 }
 
+TEST_F(PipeExec, APeerThatEndedItsSideIsServedWhileSomethingMoves) {
+  settings_.limits.endedPeer = milliseconds(300);
+  settings_.peer = std::make_shared<ZrPeerWatch>();
+  settings_.peer->MarkEnded();
+  for (const bool streams : {false, true}) {
+    settings_.streams = streams;
+    EXPECT_EQ(Run(Shell("for i in 1 2 3 4; do echo $i; sleep 0.1; done")), "1\n2\n3\n4\n");
+    EXPECT_EQ(end_, ZrPipeExecEnd::kEnded);
+    EXPECT_EQ(Run(Shell("echo text; sleep 1000")), "text\n");
+    EXPECT_EQ(end_, ZrPipeExecEnd::kRunLimit);
+  }
+}
+
 TEST_F(PipeExec, EndReachesThoseThatLeftTheGroup) {
   settings_.limits.terminationGrace = milliseconds(50);
   const std::string id = folder_.Path("id");
@@ -147,11 +160,10 @@ TEST_F(PipeExec, EndReachesThoseThatLeftTheGroup) {
   for (const auto& [name, commands] : cases) {
     SCOPED_TRACE(name);
     std::filesystem::remove(id);
-    ZrWakeFlag gone;
-    settings_.gone = &gone;
+    settings_.peer = std::make_shared<ZrPeerWatch>();
     std::thread peer([&] {
       EXPECT_TRUE(zrtest::WaitFor([&] { return std::filesystem::exists(id); }));
-      gone.Raise();
+      settings_.peer->MarkGone();
     });
     Run(Shell(commands));
     peer.join();

@@ -27,6 +27,7 @@ TEST(FileAnswer, PreconditionsComeBeforeRanges) {
     std::uint64_t status;
     std::uint64_t length;
     const char* range;
+    ZrMethod method = ZrMethod::kGet;
   } cases[] = {
       {"range", {{"range", "bytes=10-19"}}, 206, 10, "bytes 10-19/100"},
       {"outside", {{"range", "bytes=100-"}}, 416, 0, "bytes */100"},
@@ -34,6 +35,8 @@ TEST(FileAnswer, PreconditionsComeBeforeRanges) {
       {"fresh", {{"if-none-match", tag}, {"range", "bytes=0-0"}}, 304, 0, ""},
       {"stale", {{"if-none-match", "\"x\""}, {"range", "bytes=0-0"}}, 206, 1, "bytes 0-0/100"},
       {"failed", {{"if-match", "\"x\""}, {"range", "bytes=100-"}}, 412, 0, ""},
+      {"posted", {{"if-none-match", tag}}, 412, 0, "", ZrMethod::kPost},
+      {"posted range", {{"range", "bytes=0-0"}}, 200, 100, "", ZrMethod::kPost},
       {"same version", {{"if-range", tag}, {"range", "bytes=0-0"}}, 206, 1, "bytes 0-0/100"},
       {"other version", {{"if-range", "\"x\""}, {"range", "bytes=100-"}}, 200, 100, ""},
   };
@@ -42,7 +45,7 @@ TEST(FileAnswer, PreconditionsComeBeforeRanges) {
     ZrHeaderFields request;
     for (const auto& [name, value] : c.request) request.Append(name, value);
     const ZrFileHead head = zr::MakeFileHead(file, kModified + 60);
-    const ZrFileAnswer answer = zr::AnswerForFile(request, head, kModified + 60, "mark");
+    const ZrFileAnswer answer = zr::AnswerForFile(c.method, request, head, kModified + 60, "mark");
     EXPECT_EQ(answer.status, c.status);
     EXPECT_EQ(answer.length, c.length);
     const std::string lines = Lines(head, answer);
@@ -62,7 +65,7 @@ TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
   ZrHeaderFields request;
   request.Append("range", "bytes=0-1,-2");
   const ZrFileHead head = zr::MakeFileHead(file, kModified);
-  const ZrFileAnswer answer = zr::AnswerForFile(request, head, kModified, "mark");
+  const ZrFileAnswer answer = zr::AnswerForFile(ZrMethod::kGet, request, head, kModified, "mark");
   // A time that is still to come is told as now.
   EXPECT_EQ(Lines(head, answer), "ETag: " + zr::EntityTag(file.version) +
                                      "\nLast-Modified: " + kDate +
@@ -84,7 +87,8 @@ TEST(FileAnswer, CodedFilesAndSeveralRangesSaySo) {
   ZrFileFacts coded = file;
   coded.coding = "br";
   const ZrFileHead codedHead = zr::MakeFileHead(coded, kModified);
-  const ZrFileAnswer whole = zr::AnswerForFile(request, codedHead, kModified, "mark");
+  const ZrFileAnswer whole =
+      zr::AnswerForFile(ZrMethod::kGet, request, codedHead, kModified, "mark");
   EXPECT_EQ(whole.status, 200U);
   EXPECT_EQ(whole.length, 10U);
   EXPECT_EQ(Lines(codedHead, whole), "ETag: " + zr::EntityTag(file.version, "br") +

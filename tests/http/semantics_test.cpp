@@ -128,7 +128,7 @@ const Case kStandardCases[] = {
     {"a chunk size without end", Chunks(std::string(9000, '0')), "400 close", false},
     {"trailers without end", Chunks("0\r\nX: " + kLong + kLong + kLong + kLong + kLong),
      "400 close", false},
-    {"a body of chunks too large", Chunks("fffffffff\r\nx"), "413 close"},
+    {"a body of chunks too large", Chunks("10000001\r\n"), "413 close"},
     {"pipelined", Post("Content-Length: 1\r\n", "a") + Post("Content-Length: 1\r\n", "b") + Get(""),
      "1 / <a>; 1 / <b>; 0 /; "},
     {"form fields",
@@ -199,6 +199,7 @@ TEST(Semantics, MalformedRequestsAreRefusedHoweverTheyAreCut) {
         "GET / http/1.1\r\n", "GET /%zz HTTP/1.1\r\n", "GET * HTTP/1.1\r\n",
         "GET / HTTP/1.1\r\n\r\n", "\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n\r\n",
         "GET / HTTP/1.1\r\nHost: h\nX-A: b\r\n\r\n", "GET / HTTP/1.1\r\nHost: a/b\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: h%zz\r\n\r\n", "GET / HTTP/1.1\r\nHost: h%4\r\n\r\n",
         "GET / HTTP/1.1\r\nHost: u@h\r\n\r\n",
         "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n"}) {
     refused(head);
@@ -211,8 +212,8 @@ TEST(Semantics, MalformedRequestsAreRefusedHoweverTheyAreCut) {
         "Transfer-Encoding: chunked;q=1"}) {
     refused(Post(line + std::string("\r\n"), "ab"));
   }
-  for (const char* chunk :
-       {"\r\n", "1;a\nb\r\nx\r\n", "+1\r\nx\r\n", "1\r\nxy\r\n", "0\r\nX\rY\r\n\r\n"}) {
+  for (const char* chunk : {"\r\n", "1;a\nb\r\nx\r\n", "+1\r\nx\r\n", "1\r\nxy\r\n", "1\n", "1\rx",
+                            "0\r\n\n", "0\r\nX\rY\r\n\r\n"}) {
     refused(Chunks(chunk));
   }
   refused(Get(std::string("X-A: a\0b\r\n", 10)));
