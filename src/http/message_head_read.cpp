@@ -126,7 +126,8 @@ bool ZrXHeader::FinishHead() {
 
 bool ZrXHeader::ParseHeadLine(std::string_view line) {
   const bool goOn = reading.lineCount == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
-  // Others end a line at a CR or LF alone: what says where a message ends counts behind one as well.
+  // Others end a line at a CR or LF alone: what says where a message ends counts behind one as
+  // well.
   for (std::size_t at = line.find_first_of("\r\n"); at != std::string_view::npos;
        at = line.find_first_of("\r\n", at + 1))
     reading.ambiguous = reading.ambiguous || IsFraming(line.substr(at + 1));
