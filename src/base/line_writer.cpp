@@ -151,6 +151,7 @@ bool ZrLineQueue::Flush(milliseconds limit) {
       lock_, runs ? limit : milliseconds::zero(),
       [this, awaited]() ZR_REQUIRES(lock_) { return batches_ >= awaited || !IsPending(); });
   --flushing_;
+  stuck_ = !done;
   return done;
 }
 
@@ -163,7 +164,12 @@ bool ZrLineQueue::IsPending() const {
 
 bool ZrLineQueue::IsIdle() {
   const ZrLock hold(lock_);
-  return !IsPending();
+  return !IsPending() && kindsDue_ == Clock::time_point::max();
+}
+
+bool ZrLineQueue::IsStuck() {
+  const ZrLock hold(lock_);
+  return stuck_ && IsPending();
 }
 
 bool ZrLineQueue::IsClosed() {
@@ -280,6 +286,7 @@ void ZrLineQueue::EndBatch(const ZrLineSink::Result& result) {
     written_ = writing_.size();
     busy_ = false;
     ++batches_;
+    stuck_ = false;
     batchDone_.NotifyAll();
   }
   if (result.status == ZrLineSink::Status::kTaken) saidFull_ = false;
@@ -409,13 +416,11 @@ void ZrLineWriter::Loop() {
 }
 
 void ZrLineWriter::Rest() noexcept try {
-  if (zr::IsForkOfThreads()) return;
+  if (zr::IsForkOfThreads() || standardOutput_.IsStuck() || standardError_.IsStuck()) return;
   ZrThread thread;
-  Queues queues;
   {
     const ZrLock hold(lock_);
     if (stopping_ || resting_ || !thread_.Joinable()) return;
-    queues = queues_;
     resting_ = true;
     poller_->Wake();
     const bool ended =
@@ -429,6 +434,11 @@ void ZrLineWriter::Rest() noexcept try {
   }
   thread.Join();
   // A line that came when the thread had looked for the last time has woken nobody.
+  Queues queues;
+  {
+    const ZrLock hold(lock_);
+    queues = queues_;
+  }
   const auto idle = [](const auto& queue) { return queue->IsIdle(); };
   if (!std::all_of(queues.begin(), queues.end(), idle)) Wake();
 } catch (const std::exception&) {
@@ -451,7 +461,10 @@ void ZrLineWriter::Shutdown() noexcept {
       return;
     }
   }
-  thread.Join();
+  if (thread.Joinable())
+    thread.Join();
+  else
+    WriteHere();  // what came when the thread rested
   standardOutput_.GiveMemoryBack();
   standardError_.GiveMemoryBack();
   Queues queues;  // go without the lock

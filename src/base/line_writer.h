@@ -73,6 +73,7 @@ class ZrLineQueue {
   void Unwatch(ZrPoller* poller);
   bool IsPending() const ZR_REQUIRES(lock_);
   bool IsIdle() ZR_EXCLUDES(lock_);
+  bool IsStuck() ZR_EXCLUDES(lock_);
   bool IsClosed() ZR_EXCLUDES(lock_);
   void Close() ZR_EXCLUDES(lock_);
   void GiveMemoryBack() ZR_EXCLUDES(lock_);
@@ -86,10 +87,11 @@ class ZrLineQueue {
   std::vector<Kind> kinds_ ZR_GUARDED_BY(lock_);
   Clock::time_point kindsDue_ ZR_GUARDED_BY(lock_) = Clock::time_point::max();  // one is to be told
   std::unique_ptr<ZrLineSink> nextSink_ ZR_GUARDED_BY(lock_);
-  bool crowded_ ZR_GUARDED_BY(lock_) = false;       // the next batch does not wait for its time
-  int flushing_ ZR_GUARDED_BY(lock_) = 0;           // so many wait in Flush(): no pauses
-  bool closed_ ZR_GUARDED_BY(lock_) = false;        // nobody adds any more
-  bool busy_ ZR_GUARDED_BY(lock_) = false;          // a batch is being written
+  bool crowded_ ZR_GUARDED_BY(lock_) = false;  // the next batch does not wait for its time
+  bool stuck_ ZR_GUARDED_BY(lock_) = false;    // a Flush() was given up, and nothing went since
+  int flushing_ ZR_GUARDED_BY(lock_) = 0;      // so many wait in Flush(): no pauses
+  bool closed_ ZR_GUARDED_BY(lock_) = false;   // nobody adds any more
+  bool busy_ ZR_GUARDED_BY(lock_) = false;     // a batch is being written
   std::uint64_t batches_ ZR_GUARDED_BY(lock_) = 0;  // written or lost so far
   ZrCondition batchDone_;                           // batches_ grew, or busy_ fell
 
@@ -122,7 +124,8 @@ class ZrLineWriter {
   /// Nobody adds to it any more; it goes when its lines are written.
   void Close(ZrLineQueue& queue) ZR_EXCLUDES(lock_);
   /// Ends the thread when it has written what there is, within a second; the next line brings it
-  /// back. For the end of what has used the library, so that a host keeps no thread of ours.
+  /// back. It stays where a standard stream takes nothing, as the last Flush() has found out. For
+  /// the end of what has used the library, so that a host keeps no thread of ours.
   void Rest() noexcept ZR_EXCLUDES(lock_);
 
  private:

@@ -134,9 +134,16 @@ std::optional<std::string> Destination(const std::string& from, std::string_view
       path = location.substr(0, end);
     else if (end > 0)
       path.replace(path.rfind('/') + 1, path.npos, location.substr(0, end));
-    zr::RemoveDotSegments(path);
     text = OriginOf(base) + path + std::string(location.substr(end));
   }
+  const std::size_t host = text.find("://");
+  const std::size_t begin = host == std::string::npos
+                                ? text.size()
+                                : std::min(text.find_first_of("/?#", host + 3), text.size());
+  const std::size_t end = std::min(text.find_first_of("?#", begin), text.size());
+  std::string path = text.substr(begin, end - begin);
+  zr::RemoveDotSegments(path);
+  text.replace(begin, end - begin, path);
   try {
     const zr::RequestAddress to = AddressOf(text);
     const bool safe =

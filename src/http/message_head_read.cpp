@@ -39,7 +39,7 @@ void MakeUpper(std::string& text) { std::transform(text.begin(), text.end(), tex
 
 // Whether the text begins with the name of a field that says where a message ends.
 bool IsFraming(std::string_view text) {
-  text = zr::Trim(text, " \t");
+  while (!text.empty() && static_cast<unsigned char>(text.front()) <= ' ') text.remove_prefix(1);
   for (const std::string_view name : {"transfer-encoding", "content-length"})
     if (zr::EqualsIgnoringCase(text.substr(0, name.size()), name)) return true;
   return false;
@@ -129,8 +129,11 @@ bool ZrXHeader::ParseHeadLine(std::string_view line) {
   // Others end a line at a CR or LF alone: what says where a message ends counts behind one as
   // well.
   for (std::size_t at = line.find_first_of("\r\n"); at != std::string_view::npos;
-       at = line.find_first_of("\r\n", at + 1))
-    reading.ambiguous = reading.ambiguous || IsFraming(line.substr(at + 1));
+       at = line.find_first_of("\r\n", at + 1)) {
+    const std::string_view next = line.substr(at + 1);
+    const bool endsHead = line[at] == '\n' && (next.empty() || next.front() == '\n');
+    reading.ambiguous = reading.ambiguous || endsHead || IsFraming(next);
+  }
   ++reading.lineCount;
   return goOn;
 }

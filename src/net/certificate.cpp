@@ -35,6 +35,7 @@ using Certificate = std::unique_ptr<X509, Freed<X509_free>>;
 using Memory = std::unique_ptr<BIO, Freed<BIO_free>>;
 
 constexpr long kValidDays = 3650;
+constexpr std::chrono::milliseconds kLockLimit{5000};  // making a pair takes a few
 constexpr const char* kCertificateName = "/certificate.pem";
 constexpr const char* kKeyName = "/private-key.pem";
 
@@ -136,7 +137,7 @@ CertificateFiles EnsureSelfSignedCertificate(const std::string& folder) {
   try {
     const std::filesystem::path home = std::filesystem::absolute(folder).parent_path();
     std::filesystem::create_directories(home);
-    const ZrDescriptor lock = LockFolder(home.string());
+    const ZrDescriptor lock = LockFolder(home.string(), kLockLimit);
     if (IsThere(files)) return files;  // another program was first
     const FreshFolder fresh(folder);
     WritePair(fresh.Name());

@@ -1,6 +1,7 @@
 #pragma once
 // Files and folders that only their owner may read. Threads: any.
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -15,9 +16,9 @@ void WritePrivateFile(const std::string& path, std::string_view bytes);
 /// Makes a new folder of mode 0700. Throws std::system_error naming the path, also when it exists.
 void MakePrivateFolder(const std::string& path);
 
-/// Waits until nobody else, of this process or another one, holds the lock of that folder, which
-/// goes with the descriptor, or with the process however that ends. Throws std::system_error naming
-/// the path.
-ZrDescriptor LockFolder(const std::string& path);
+/// Waits, at most that long, until nobody else of this process or another one holds the lock of
+/// that folder, which goes with the descriptor, or with the process however that ends. Throws
+/// std::system_error naming the path, of std::errc::timed_out when somebody still holds it.
+ZrDescriptor LockFolder(const std::string& path, std::chrono::milliseconds limit);
 
 }  // namespace zr

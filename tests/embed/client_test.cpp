@@ -37,7 +37,7 @@ class Client : public testing::Test {
     server_.Handle("GET", "/loop",
                    [](const Request&, Answer& answer) { answer.Redirect("/loop"); });
     server_.Handle("GET", "/server/{n}", [this](const Request& request, Answer& answer) {
-      answer.Redirect(Url("/echo", request.Path<std::size_t>("n")));
+      answer.Redirect(Url("/x/../echo", request.Path<std::size_t>("n")));
     });
     server_.Handle("GET", "/never", [this](const Request&, Answer& answer) {
       ZrLock hold(lock_);
@@ -94,6 +94,7 @@ TEST_F(Client, EachRequestHasItsOutcome) {
   EXPECT_EQ(outcome.Header("content-type"), "text/plain; charset=utf-8");
   EXPECT_EQ(outcome.Header("x-seen"), "1|a/b");
   EXPECT_EQ(outcome.url, Url("/echo?r"));
+  EXPECT_EQ(client_.Ask({.url = Url("/server/0"), .redirects = 1}).get().url, Url("/echo"));
 }
 
 TEST_F(Client, WhatCannotBeAskedIsRefusedAtOnce) {

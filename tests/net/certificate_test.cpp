@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "platform/private_file.h"
 #include "tests/support/run.h"
 
 using zrtest::RunProgram;
@@ -16,6 +17,8 @@ TEST(Certificate, IsMadeOnceAlsoByTwoAtATimeAndItsKeyIsPrivate) {
     makers.emplace_back([&] { zr::EnsureSelfSignedCertificate(folder.Path("tls")); });
   }
   for (std::thread& maker : makers) maker.join();
+  const ZrDescriptor held = zr::LockFolder(folder.Path(), std::chrono::seconds(20));
+  EXPECT_THROW(zr::LockFolder(folder.Path(), {}), std::system_error);
   const auto pair = zr::EnsureSelfSignedCertificate(folder.Path("tls"));
   const auto checked = RunProgram({"openssl", "verify", "-purpose", "sslserver", "-CAfile",
                                    pair.certificate, "-verify_ip", "::1", pair.certificate});

@@ -43,6 +43,7 @@ TEST(HttpServer, EndsConnectionsAsTheRequestAsks) {
       {"POST /a HTTP/1.1\r\nContent-Length:\r\nContent-Length: 1\r\n\r\nx"},
       {"POST /a HTTP/1.1\r\nTransfer-Encoding:\r\nContent-Length: 1\r\n\r\nx"},
       {"POST /a HTTP/1.1\r\nX: y\nTransfer-Encoding: chunked\r\nContent-Length: 1\r\n\r\nx"},
+      {"GET /a HTTP/1.1\r\nX: y\n\nGET /b HTTP/1.1\r\n\r\n"},
       {"GET /a HTTP/1.1\r\nContent-Length:\r\n\r\nGET /b HTTP/1.1\r\n\r\n", false, true},
   };
   ServerBed bed;

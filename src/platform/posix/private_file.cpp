@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <thread>
 
 #include "platform/descriptor.h"
 
@@ -38,11 +39,17 @@ void MakePrivateFolder(const std::string& path) {
   if (mkdir(path.c_str(), 0700) != 0) Fail(path);
 }
 
-ZrDescriptor LockFolder(const std::string& path) {
+ZrDescriptor LockFolder(const std::string& path, std::chrono::milliseconds limit) {
+  constexpr std::chrono::milliseconds kInterval{10};
   ZrDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder.IsOpen()) Fail(path);
-  while (flock(folder.Get(), LOCK_EX) != 0)
-    if (errno != EINTR) Fail(path);
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (flock(folder.Get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) Fail(path);
+    if (std::chrono::steady_clock::now() >= deadline)
+      throw std::system_error(std::make_error_code(std::errc::timed_out), path);
+    std::this_thread::sleep_for(kInterval);
+  }
   return folder;
 }
 
