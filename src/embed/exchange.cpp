@@ -378,7 +378,6 @@ const velkoro::Server::Handler* velkoro::Exchange::FindHandler() {
 // No handler's: a method that the routes do not know, a file, or nothing.
 void velkoro::Exchange::LeaveToOthers() {
   if (!Claim()) return;
-  request_->user = user_;
   Conclude([this] {
     if (match_.allowed == 0)
       client_.AnswerUntaken(request_);

@@ -37,8 +37,8 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   ZrXHeader& Asked() const { return *request_; }
   /// With the fields of a form in its body.
   ZrXHeader& AskedWithForm();
-  const std::string& User() const { return user_; }
-  void SetUser(std::string name) { user_ = std::move(name); }
+  const std::string& User() const { return request_->user; }
+  void SetUser(std::string name) { request_->user = std::move(name); }
   std::string PathValue(std::string_view name) const;
   /// Whether nobody can be answered any more. Threads: any.
   bool Unreachable() const;
@@ -99,7 +99,6 @@ class [[gnu::visibility("hidden")]] velkoro::Exchange final
   const std::shared_ptr<ZrXHeader> request_;
   const ZrRouteTable::Match match_;
   bool formRead_ = false;
-  std::string user_;
 
   std::shared_ptr<ZrXResponseHeader> reply_;
   bool statusSet_ = false;

@@ -45,6 +45,20 @@ bool IsFraming(std::string_view text) {
   return false;
 }
 
+// Whether those who end a line at a CR or LF alone find something in it that says where the message
+// ends. Each is looked for by itself, as that is one fast search in a line that has none.
+bool HidesAnother(std::string_view line) {
+  for (const char end : {'\n', '\r'}) {
+    for (std::size_t at = line.find(end); at != std::string_view::npos;
+         at = line.find(end, at + 1)) {
+      const std::string_view next = line.substr(at + 1);
+      const bool endsHead = end == '\n' && (next.empty() || next.front() == '\n');
+      if (endsHead || IsFraming(next)) return true;
+    }
+  }
+  return false;
+}
+
 // Takes a word from the front of the line: leading spaces are skipped, tabs are dropped, a space
 // ends the word and goes with it. No: the word ran to the end of the line instead.
 bool TakeWord(std::string_view& line, std::string& word) {
@@ -126,14 +140,7 @@ bool ZrXHeader::FinishHead() {
 
 bool ZrXHeader::ParseHeadLine(std::string_view line) {
   const bool goOn = reading.lineCount == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
-  // Others end a line at a CR or LF alone: what says where a message ends counts behind one as
-  // well.
-  for (std::size_t at = line.find_first_of("\r\n"); at != std::string_view::npos;
-       at = line.find_first_of("\r\n", at + 1)) {
-    const std::string_view next = line.substr(at + 1);
-    const bool endsHead = line[at] == '\n' && (next.empty() || next.front() == '\n');
-    reading.ambiguous = reading.ambiguous || endsHead || IsFraming(next);
-  }
+  reading.ambiguous = reading.ambiguous || HidesAnother(line);
   ++reading.lineCount;
   return goOn;
 }
