@@ -2,6 +2,7 @@
 // Threads of the library. A host's signals are for the host's threads: a thread started here takes
 // none of them, so neither a SIGINT handler of the host nor a SIGPIPE ever runs or strikes on it.
 
+#include <cstdint>
 #include <functional>
 #include <thread>
 
@@ -30,6 +31,14 @@ class ZrThread {
 
  private:
   std::thread thread_;
+};
+
+/// What the calling thread has used since it started.
+struct ZrThreadUse {
+  std::int64_t cpuNs = 0;        ///< Processor time, nanoseconds.
+  std::int64_t waits = 0;        ///< How often it gave the processor up to wait for something.
+  std::int64_t preemptions = 0;  ///< How often the system gave the processor to another.
+  static ZrThreadUse Now() noexcept;
 };
 
 namespace zr {

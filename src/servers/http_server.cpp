@@ -17,9 +17,10 @@
 
 namespace {
 
-// How long (ns) a server may hold the receive job in one pass, and how long it stays away from it
-// after a longer one.
+// How long (ns) a server may hold the receive job in one pass, how much a pass may work for each of
+// its messages beyond that, and how long the server stays away from it after a longer one.
 constexpr std::int64_t kLongestPass = 2'000'000;
+constexpr std::int64_t kMessageWork = 50'000;
 constexpr std::int64_t kQueueTime = 1'000'000'000;
 
 // Smaller bodies are among what every connection costs, in bytes of heap.
@@ -112,8 +113,19 @@ void ZrTransceiverServerL1HTTP::processItem(const std::string& connectionName,
   RunTurn({*transceiver, client, SharedHeadName(), false}, connection, std::move(complete));
 }
 
-// On the receive job. A server of which such a pass took long leaves all to its queue task for a
-// while: the connections of every other server wait for this thread.
+// A pass may have been long because the system let others run, or because much had come: that is
+// no reason to go the longer way. Long is one that waited for something, or worked for long.
+bool ZrTransceiverServerL1HTTP::TookTooLong(const ZrThreadUse& before, std::size_t messages) const {
+  const ZrThreadUse now = ZrThreadUse::Now();
+  const bool worked =
+      now.cpuNs - before.cpuNs > kLongestPass + static_cast<std::int64_t>(messages) * kMessageWork;
+  const bool waited = now.waits != before.waits && now.preemptions == before.preemptions;
+  return worked || waited;
+}
+
+// On the receive job. A server of which such a pass took too long leaves all to its queue task for
+// a while: the connections of every other server wait for this thread. What a thread has used is
+// asked of the system only once a pass was longer than it should be: the next such one is judged.
 void ZrTransceiverServerL1HTTP::HandleArrived(ZrReceivePass& pass,
                                               std::span<const ConnectionPointer> connections) {
   ZrTransceiver* const transceiver = Transceiver();
@@ -125,14 +137,18 @@ void ZrTransceiverServerL1HTTP::HandleArrived(ZrReceivePass& pass,
       begun < queueUntil_ ? nullptr : transceiver->FindClient(ClientName());
   if (client) {
     Touch();
+    const bool suspect = begun < suspectUntil_;
+    const ZrThreadUse before = suspect ? ZrThreadUse::Now() : ZrThreadUse();
     const Entered entered(pass, *client);
     const Work work{*transceiver, client, SharedHeadName(), true};
     for (const ConnectionPointer& connection : connections) {
       pass.WorkOn(connection);
       HandleHere(work, connection);
     }
-    if (const std::int64_t ended = transceiver->Clock().MonotonicNs(); ended - begun > kLongestPass)
-      queueUntil_ = ended + kQueueTime;
+    const std::int64_t ended = transceiver->Clock().MonotonicNs();
+    if (ended - begun <= kLongestPass) return;
+    suspectUntil_ = ended + kQueueTime;
+    if (suspect && TookTooLong(before, connections.size())) queueUntil_ = ended + kQueueTime;
   } else {
     ZrTransceiverServerL0Socket::HandleArrived(pass, connections);
   }

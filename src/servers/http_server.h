@@ -17,6 +17,7 @@
 #include "http/answer_reader.h"
 #include "http/protocol_kind.h"
 #include "http/semantics.h"
+#include "platform/thread.h"
 #include "servers/tcp_server.h"
 #include "servers/worker_exchange.h"
 #include "transceiver/connection.h"
@@ -149,9 +150,13 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
 
   zr::AccessLogFormat logFormat_ = zr::AccessLogFormat::kVelkoro;  // constant after construction
 
+  bool TookTooLong(const ZrThreadUse& before, std::size_t messages) const;
+
   // While that has not come (monotonic ns), nothing is handled on the receive job: a pass there
   // took too long.
   std::atomic<std::int64_t> queueUntil_{0};
+  // Until then (monotonic ns) passes are looked at closely, as one was longer than it should be.
+  std::atomic<std::int64_t> suspectUntil_{0};
 
   ZrMutex requestLock_;
   std::unordered_map<std::string, std::shared_ptr<Exchange>> exchanges_ ZR_GUARDED_BY(requestLock_);

@@ -84,22 +84,22 @@ void ZrTransceiverServer::wake(const std::string&) {
 }
 
 ZrSharedText ZrTransceiverServer::SharedHeadName() const {
-  ZrLock hold(lock_);
+  ZrLock hold(nameLock_);
   return headName_;
 }
 
 void ZrTransceiverServer::SetHeadName(const std::string& name) {
-  ZrLock hold(lock_);
+  ZrLock hold(nameLock_);
   headName_ = name;
 }
 
 std::string ZrTransceiverServer::Result() const {
-  ZrLock hold(lock_);
+  ZrLock hold(nameLock_);
   return result_;
 }
 
 void ZrTransceiverServer::SetResult(const std::string& name) {
-  ZrLock hold(lock_);
+  ZrLock hold(nameLock_);
   result_ = name;
 }
 

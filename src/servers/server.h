@@ -132,8 +132,11 @@ class ZrTransceiverServer : public ZrJobWithTimeout,
   const std::string ownerName_;
   const ZrServerCallback callback_;
   std::atomic<ZrTransceiver*> transceiver_;
-  ZrSharedText headName_ ZR_GUARDED_BY(lock_);
-  std::string result_ ZR_GUARDED_BY(lock_);
+
+  // Not the job's lock: whoever holds that keeps events of arrived bytes from their delivery.
+  mutable ZrMutex nameLock_;
+  ZrSharedText headName_ ZR_GUARDED_BY(nameLock_);
+  std::string result_ ZR_GUARDED_BY(nameLock_);
 
   mutable ZrMutex queueLock_;
   ZrCondition queueWake_;  // the queue grew or processing ended

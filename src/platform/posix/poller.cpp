@@ -19,7 +19,8 @@ using std::chrono::steady_clock;
 
 constexpr std::uint64_t kWakeToken = std::numeric_limits<std::uint64_t>::max();
 // One pass takes at most this many; the rest stays ready for the next, in the kernel's turn order.
-constexpr std::size_t kMostEvents = 256;
+// More would spare little and keep the first of them waiting for the last.
+constexpr std::size_t kMostEvents = 64;
 
 std::uint32_t NativeInterest(unsigned interest) {
   std::uint32_t events = 0;

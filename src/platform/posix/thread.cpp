@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -84,6 +85,16 @@ void ZrThread::Join() noexcept {
     thread_.detach();
   else
     thread_.join();
+}
+
+ZrThreadUse ZrThreadUse::Now() noexcept {
+  timespec time{};
+  rusage use{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  getrusage(RUSAGE_THREAD, &use);
+  return {.cpuNs = std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec,
+          .waits = use.ru_nvcsw,
+          .preemptions = use.ru_nivcsw};
 }
 
 void zr::YieldToOthers() noexcept {
