@@ -105,6 +105,9 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   virtual bool WantsOutput() const ZR_REQUIRES(lock_);
   /// Whether bytes may be read without the socket becoming readable.
   virtual bool HasBufferedInput() const { return false; }
+  /// Whether it still agrees with its peer on how to speak: reading it may take long, and nothing
+  /// that came before waits on it.
+  virtual bool IsOpening() const { return false; }
   /// Whether a pass of receiving can change what WantsOutput() answers.
   virtual bool ReadAffectsOutput() const { return false; }
 
@@ -208,6 +211,7 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   void DropQueue() { output_.Clear(); }  ///< Forgets everything queued.
   /// What the I/O loops keep of it; nothing while it is not registered with them.
   ZrIoRegistration* Registration() const ZR_REQUIRES(lock_) { return registration_.get(); }
+  std::shared_ptr<ZrIoRegistration> Bound() const ZR_REQUIRES(lock_) { return registration_; }
   /// Sets that; returns what it was.
   std::shared_ptr<ZrIoRegistration> Bind(std::shared_ptr<ZrIoRegistration> registration)
       ZR_REQUIRES(lock_) {

@@ -1,6 +1,6 @@
 #include "transceiver/io_loops.h"
 
-#include <chrono>
+#include <algorithm>
 #include <utility>
 
 #include "base/workbench.h"
@@ -14,51 +14,55 @@
 
 namespace {
 
-constexpr std::chrono::nanoseconds kForEver{-1};
 // Out-of-band data is no part of any protocol here; it is watched for to be dropped.
 constexpr unsigned kInput = ZrInterest::kRead | ZrInterest::kUrgent;
+// Connections that agree on their keys take that long (nanoseconds) of a pass together, and one
+// step of one of them: who is served already does not wait for more of them.
+constexpr std::int64_t kOpeningTime = 300'000;
 
 }  // namespace
 
 ZrIoLoops::ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper,
                      ZrStopProgress& progress, const ZrClock& clock, std::string name,
-                     std::uint64_t memoryLimit, Remove remove)
+                     std::uint64_t memoryLimit, ZrIoTeamSize team, Remove remove)
     : scheduler_(scheduler),
       housekeeper_(housekeeper),
       progress_(progress),
       clock_(clock),
       name_(std::move(name)),
       remove_(std::move(remove)),
+      receivers_(ZrIoLane::Direction::kInput, "zr-receive", team,
+                 [this](ZrIoTeam::Member& member) { ReceiveLoop(member); }),
+      senders_(ZrIoLane::Direction::kOutput, "zr-send", team,
+               [this](ZrIoTeam::Member& member) { SendLoop(member); }),
+      bell_(std::make_shared<Bell>(receivers_.First())),
       memory_(std::make_shared<ZrMemoryBudget>(memoryLimit, [bell = bell_] { bell->Ring(); })) {}
 
 // ---- Registration ------------------------------------------------------------------------------
 
 bool ZrIoLoops::Register(std::shared_ptr<ZrSocketIPvx> socket,
                          const std::shared_ptr<ZrTransceiverConnection>& connection) {
-  const int descriptor = socket->primaryDescriptor();
-  if (descriptor < 0) return false;
+  if (socket->primaryDescriptor() < 0) return false;
   auto registration = std::make_shared<ZrIoRegistration>();
   registration->socket = std::move(socket);
   registration->connection = connection;
-  // A handshake that was made before may have read more than its own bytes.
-  const bool buffered = connection->HasBufferedInput();
   // Held until the socket is watched, so that a removal at this moment comes after it.
   ZrLock writing(connection->Lock());
   {
     ZrLock hold(lock_);
     if (!StartJobs()) return false;
     registration->token = ++lastToken_;
-    if (buffered) resumed_.push_back(registration->token);
-    byToken_.emplace(registration->token, registration);
+    receivers_.Enter(registration);
   }
   connection->Bind(registration);
-  if (receivePoller_.Add(descriptor, registration->token, kInput)) {
-    if (buffered) receivePoller_.Wake();
+  ZrIoLane& lane = *registration->input.lane;
+  if (lane.Watch(*registration, kInput)) {
+    // A handshake that was made before may have read more than its own bytes.
+    if (connection->HasBufferedInput()) lane.Report(registration->token);
     return true;
   }
   connection->Bind(nullptr);
-  ZrLock hold(lock_);
-  byToken_.erase(registration->token);
+  lane.Leave(*registration);
   return false;
 }
 
@@ -68,11 +72,9 @@ ZrIoLoops::Registration ZrIoLoops::Unregister(ZrTransceiverConnection& connectio
   ZrLock writing(connection.Lock());
   registration = connection.Bind(nullptr);
   if (!registration) return nullptr;
-  receivePoller_.Remove(registration->socket->primaryDescriptor());
-  WatchOutput(*registration, false);
+  for (const auto& side : {registration->input, registration->output})
+    if (side.lane) side.lane->Leave(*registration);
   connection.DropQueue();
-  ZrLock hold(lock_);
-  byToken_.erase(registration->token);
   return registration;
 }
 
@@ -80,29 +82,21 @@ ZrIoLoops::Registration ZrIoLoops::Unregister(ZrTransceiverConnection& connectio
 
 bool ZrIoLoops::StartJobs() {
   if (stopped_) return false;
-  if (receiveJob_ == 0) {
-    receiveJob_ =
-        Submit("ZrTransceiver_tcp_rcv", &ZrIoLoops::ReceiveLoop, receiving_, receivePoller_);
-  }
-  if (sendJob_ == 0)
-    sendJob_ = Submit("ZrTransceiver_tcp_snd", &ZrIoLoops::SendLoop, sending_, sendPoller_);
+  if (receiveJob_ == 0) receiveJob_ = Submit("ZrTransceiver_tcp_rcv", receivers_);
+  if (sendJob_ == 0) sendJob_ = Submit("ZrTransceiver_tcp_snd", senders_);
   return receiveJob_ != 0 && sendJob_ != 0;
 }
 
 // 0: there is no thread for it. That is so when the task is done already, as it runs until it is
 // told to stop.
-std::uint64_t ZrIoLoops::Submit(const std::string& name, void (ZrIoLoops::*loop)(),
-                                std::atomic<bool>& running, ZrPoller& poller) {
-  running = true;
+std::uint64_t ZrIoLoops::Submit(const std::string& name, ZrIoTeam& team) {
+  team.Begin();
   ZrRinvalTaskDescription description;
   description.name = name + name_;
-  description.stopAction = [&running, &poller] {
-    running = false;
-    poller.Wake();
-  };
+  description.stopAction = [&team] { team.Stop(); };
   const std::uint64_t task = scheduler_.Submit(
-      [this, loop](ZrRinvalJobParametersAndResult* record) {
-        (this->*loop)();
+      [&team](ZrRinvalJobParametersAndResult* record) {
+        team.Run();
         return record;
       },
       nullptr, description);
@@ -112,20 +106,16 @@ std::uint64_t ZrIoLoops::Submit(const std::string& name, void (ZrIoLoops::*loop)
 }
 
 void ZrIoLoops::Stop() {
-  receiving_ = false;
-  sending_ = false;
-  decltype(byToken_) registrations;  // go without the lock
   {
     ZrLock hold(lock_);
     stopped_ = true;
-    registrations.swap(byToken_);
   }
-  for (const auto& [token, registration] : registrations) {
+  for (const Registration& registration : receivers_.All()) {
     registration->connection->BeginClosing();
     Unregister(*registration->connection);
   }
-  receivePoller_.Wake();
-  sendPoller_.Wake();
+  receivers_.Stop();
+  senders_.Stop();
 }
 
 void ZrIoLoops::WaitForEnd() {
@@ -143,58 +133,52 @@ void ZrIoLoops::WaitForEnd() {
   }
 }
 
-void ZrIoLoops::Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready,
-                        bool resumed) {
-  ZrLock hold(lock_);
-  for (const ZrReadiness& event : events) {
-    const auto found = byToken_.find(event.token);
-    if (found != byToken_.end()) ready.push_back({found->second, event.urgent, event.hangup});
-  }
-  if (!resumed) return;
-  for (const std::uint64_t token : resumed_) {
-    const auto found = byToken_.find(token);
-    if (found != byToken_.end()) ready.push_back({found->second, false});
-  }
-  resumed_.clear();
-}
-
 // ---- Input -------------------------------------------------------------------------------------
 
-void ZrIoLoops::ReceiveLoop() {
+void ZrIoLoops::ReceiveLoop(ZrIoTeam::Member& member) {
   std::vector<Ready> ready;
-  std::vector<Ready> again;  // have input of their own, whatever their sockets say
   const ZrWorkbench workbench;
-  ZrReceivePass pass;
-  while (receiving_) {
-    const auto events = receivePoller_.Wait(again.empty() ? kForEver : std::chrono::nanoseconds(0));
-    ready.swap(again);
+  ZrReceivePass pass(telling_);
+  while (member.Next(ready)) {
     try {
       if (bell_->rung.load(std::memory_order_relaxed)) FeedStarved();
-      Resolve(events, ready, true);
     } catch (...) {
-      // Out of memory: what was not taken over is reported again by the next wait, or still listed.
+      bell_->Ring();  // out of memory
     }
-    ReceiveAll(pass, ready, again);
-    ready.clear();
+    const auto opening = std::partition(ready.begin(), ready.end(), [](const Ready& one) {
+      return !one.registration->connection->IsOpening();
+    });
+    ReceiveAll(pass, member.Lane(), {ready.begin(), opening});
     pass.HandOut(remove_);
+    if (opening != ready.end()) ReceiveOpening(pass, member.Lane(), {opening, ready.end()});
   }
 }
 
-void ZrIoLoops::ReceiveAll(ZrReceivePass& pass, std::vector<Ready>& ready,
-                           std::vector<Ready>& again) {
-  for (Ready& one : ready) {
-    const Registration registration = one.registration;
-    pass.Read(registration->connection);
+void ZrIoLoops::ReceiveAll(ZrReceivePass& pass, ZrIoLane& lane, ReadySpan ready) {
+  for (const Ready& one : ready) {
+    pass.Read(one.registration->connection);
     try {
-      Receive(one, again);
+      Receive(lane, one);
     } catch (...) {
       // Out of memory, in effect: this connection is given up, the others are served.
-      remove_(*registration->connection);
+      remove_(*one.registration->connection);
     }
   }
 }
 
-void ZrIoLoops::Receive(Ready& ready, std::vector<Ready>& again) {
+// Behind all others, and no more of them than the others can wait for. The system reports those
+// that are left again, before those that were read.
+void ZrIoLoops::ReceiveOpening(ZrReceivePass& pass, ZrIoLane& lane, ReadySpan ready) {
+  const std::int64_t begun = clock_.MonotonicNs();
+  std::size_t read = 0;
+  do ReceiveAll(pass, lane, ready.subspan(read++, 1));
+  while (read < ready.size() && clock_.MonotonicNs() - begun < kOpeningTime);
+  pass.HandOut(remove_);
+  for (const Ready& one : ready.subspan(read))
+    if (one.registration->connection->HasBufferedInput()) lane.ReportNext(one.registration->token);
+}
+
+void ZrIoLoops::Receive(ZrIoLane& lane, const Ready& ready) {
   ZrIoRegistration& registration = *ready.registration;
   ZrTransceiverConnection& connection = *registration.connection;
   // Nobody reads it, so its end is told by the system alone, and over and over.
@@ -207,7 +191,7 @@ void ZrIoLoops::Receive(Ready& ready, std::vector<Ready>& again) {
   if (connection.ReadAffectsOutput()) AfterOutput(registration);
   if (connection.IsReadingPaused() && PauseReading(registration)) return;
   if (memory_->Exceeded() && Starve(registration)) return;
-  if (connection.HasBufferedInput()) again.push_back(std::move(ready));
+  if (connection.HasBufferedInput()) lane.ReportNext(registration.token);
 }
 
 // Whoever takes the bytes resumes the reading. The mark is looked at again under the lock, so that
@@ -217,16 +201,14 @@ bool ZrIoLoops::PauseReading(ZrIoRegistration& registration) {
   ZrLock hold(connection.Lock());
   if (connection.Registration() == nullptr || registration.paused) return true;
   if (!connection.IsReadingPaused() && !connection.PeerFinished()) return false;
-  Unwatch(registration);
+  Pause(registration);
   return true;
 }
 
-void ZrIoLoops::Unwatch(ZrIoRegistration& registration) {
+void ZrIoLoops::Pause(ZrIoRegistration& registration) {
   registration.paused = true;
-  const int descriptor = registration.socket->primaryDescriptor();
-  receivePoller_.Remove(descriptor);
   // Whoever works for a peer is told when that has reset the connection.
-  static_cast<void>(receivePoller_.Add(descriptor, registration.token, ZrInterest::kNone));
+  static_cast<void>(registration.input.lane->Watch(registration, ZrInterest::kNone));
 }
 
 // Small requests of others are still read, so what is over the limit stays within the fair share of
@@ -239,10 +221,10 @@ bool ZrIoLoops::Starve(ZrIoRegistration& registration) {
   if (connection.IsClosing() || connection.HeldInput() <= kFairShare) return false;
   connection.PauseReading();
   registration.starved = true;
-  Unwatch(registration);
+  Pause(registration);
   {
     ZrLock list(lock_);
-    starved_.push_back(registration.token);
+    starved_.push_back(connection.Bound());
   }
   if (!memory_->Exceeded()) bell_->Ring();  // there was room meanwhile, and this one not listed
   return true;
@@ -253,9 +235,8 @@ void ZrIoLoops::FeedStarved() {
   {
     ZrLock hold(lock_);
     bell_->rung = false;
-    for (const std::uint64_t token : starved_)
-      if (const auto found = byToken_.find(token); found != byToken_.end())
-        starved.push_back(found->second);
+    for (const auto& one : starved_)
+      if (Registration registration = one.lock()) starved.push_back(std::move(registration));
     starved_.clear();
   }
   for (const Registration& registration : starved) {
@@ -279,20 +260,17 @@ void ZrIoLoops::ResumeReading(ZrTransceiverConnection& connection) {
       connection.HeldInput() > kFairShare)
     return connection.PauseReading();  // asked again when more of its bytes were taken
   registration->starved = false;
-  const int descriptor = registration->socket->primaryDescriptor();
-  receivePoller_.Remove(descriptor);
   registration->paused = false;
-  registration->lost = !receivePoller_.Add(descriptor, registration->token, kInput);
-  if (registration->lost || connection.HasBufferedInput()) ReadAgain(registration->token);
+  ZrIoLane& lane = *registration->input.lane;
+  registration->lost = !lane.Watch(*registration, kInput);
+  if (registration->lost || connection.HasBufferedInput()) lane.Report(registration->token);
 }
 
 // Its socket may never announce what TLS has taken from it already.
-void ZrIoLoops::ReadAgain(std::uint64_t token) {
-  {
-    ZrLock hold(lock_);
-    resumed_.push_back(token);
-  }
-  receivePoller_.Wake();
+void ZrIoLoops::ReadAgain(ZrTransceiverConnection& connection) {
+  ZrLock hold(connection.Lock());
+  if (const ZrIoRegistration* const registration = connection.Registration())
+    registration->input.lane->Report(registration->token);
 }
 
 void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
@@ -307,43 +285,37 @@ void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
 
 // ---- Output ------------------------------------------------------------------------------------
 
-void ZrIoLoops::SendLoop() {
+void ZrIoLoops::SendLoop(ZrIoTeam::Member& member) {
   std::vector<Ready> ready;
-  while (sending_) {
-    try {
-      Resolve(sendPoller_.Wait(kForEver), ready);
-      if (flushAll_.exchange(false)) FlushAll();
-    } catch (...) {
-      flushAll_ = true;  // as in the receive loop
+  while (member.Next(ready)) {
+    if (flushAll_.exchange(false)) {
+      try {
+        FlushAll();
+      } catch (...) {
+        FlushAllLater();  // out of memory
+      }
     }
     for (const Ready& one : ready) {
       ZrTransceiverConnection& connection = *one.registration->connection;
       try {
         Flush(connection, &one);
         // Room on the socket may be what reading had waited for.
-        if (connection.HasBufferedInput() && !connection.IsReadingPaused())
-          ReadAgain(one.registration->token);
+        if (connection.HasBufferedInput() && !connection.IsReadingPaused()) ReadAgain(connection);
       } catch (...) {
         remove_(connection);  // as in the receive loop
       }
     }
-    ready.clear();
   }
 }
 
 void ZrIoLoops::FlushAllLater() {
   flushAll_ = true;
-  sendPoller_.Wake();
+  senders_.First()->Wake();
 }
 
 void ZrIoLoops::FlushAll() {
-  std::vector<Registration> pending;
-  {
-    ZrLock hold(lock_);
-    for (const auto& [token, registration] : byToken_)
-      if (registration->connection->SendPending()) pending.push_back(registration);
-  }
-  for (const Registration& registration : pending) Flush(*registration->connection);
+  for (const Registration& registration : receivers_.All())
+    if (registration->connection->SendPending()) Flush(*registration->connection);
 }
 
 void ZrIoLoops::Flush(ZrTransceiverConnection& connection) { Flush(connection, nullptr); }
@@ -381,7 +353,7 @@ void ZrIoLoops::Flush(ZrTransceiverConnection& connection, const Ready* ready) {
       alive = output != Output::kDead && EndOutputWhenDone(connection, *registration);
       const bool idle = wanted && output == Output::kIdle && !connection.IsClosing();
       const bool useless = ready != nullptr && (ready->hangup || idle);
-      if (useless && registration->outputWatched) alive = false;
+      if (useless && registration->output.watched) alive = false;
     }
   }
   if (!alive) return remove_(connection);
@@ -427,14 +399,11 @@ bool ZrIoLoops::EndOutputWhenDone(ZrTransceiverConnection& connection,
 }
 
 bool ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
-  if (wanted == registration.outputWatched) return true;
-  const int descriptor = registration.socket->primaryDescriptor();
-  if (wanted) {
-    registration.outputWatched =
-        sendPoller_.Add(descriptor, registration.token, ZrInterest::kWrite);
-  } else {
-    registration.outputWatched = false;
-    sendPoller_.Remove(descriptor);
+  if (wanted == registration.output.watched) return true;
+  if (!wanted) {
+    registration.output.lane->Leave(registration);
+    return true;
   }
-  return registration.outputWatched == wanted;
+  senders_.Enter(registration.connection->Bound());
+  return registration.output.lane->Watch(registration, ZrInterest::kWrite);
 }

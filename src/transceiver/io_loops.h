@@ -1,10 +1,10 @@
 #pragma once
-// The two jobs that move the bytes of all connections. The receive job waits for input of every
-// connection; the kernel reports what is ready, so a pass costs nothing for silent ones. Output is
-// written by the thread that has it; only a connection whose socket refused some stands in the send
-// job's set, until all is written. A connection is taken out of the receive job's set while its
-// server leaves too much unread, and for good when the peer has ended its side, as the kernel would
-// report that over and over.
+// The two jobs that move the bytes of all connections, each by a team of threads. The receive job
+// waits for input of every connection; the kernel reports what is ready, so a pass costs nothing
+// for silent ones. Output is written by the thread that has it; only a connection whose socket
+// refused some stands in the send job's set, until all is written. A connection is taken out of the
+// receive job's set while its server leaves too much unread, and for good when the peer has ended
+// its side, as the kernel would report that over and over.
 
 #include <atomic>
 #include <cstdint>
@@ -12,16 +12,16 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "base/memory_budget.h"
 #include "platform/clock.h"
-#include "platform/poller.h"
 #include "platform/sync.h"
 #include "transceiver/connection.h"
 #include "transceiver/fwd.h"
+#include "transceiver/io_lane.h"
 #include "transceiver/io_registration.h"
+#include "transceiver/io_team.h"
 
 class ZrHousekeeper;
 class ZrRinvalScheduler2;
@@ -39,9 +39,10 @@ class ZrIoLoops {
   static constexpr std::int64_t kStandstill = 60'000'000'000;
 
   /// All outlive the loops. The name, the owner's, ends the names of the two tasks. All connections
-  /// together are to hold at most `memoryLimit` bytes.
+  /// together are to hold at most `memoryLimit` bytes; each job has a team of that size.
   ZrIoLoops(ZrRinvalScheduler2& scheduler, ZrHousekeeper& housekeeper, ZrStopProgress& progress,
-            const ZrClock& clock, std::string name, std::uint64_t memoryLimit, Remove remove);
+            const ZrClock& clock, std::string name, std::uint64_t memoryLimit, ZrIoTeamSize team,
+            Remove remove);
   ZrIoLoops(const ZrIoLoops&) = delete;
   ZrIoLoops& operator=(const ZrIoLoops&) = delete;
 
@@ -71,43 +72,37 @@ class ZrIoLoops {
   const std::shared_ptr<ZrMemoryBudget>& Memory() const { return memory_; }
 
  private:
-  using Registration = std::shared_ptr<ZrIoRegistration>;
+  using Registration = ZrIoLane::Registration;
+  using Ready = ZrIoLane::Ready;
+  using ReadySpan = std::span<const Ready>;
   // Where the budget tells of room; shares of it may outlive the loops.
   struct Bell {
-    ZrPoller poller;  // of the receive job
+    const std::shared_ptr<ZrIoLane> lane;  // of the receive job's own thread
     std::atomic<bool> rung{false};
     void Ring() noexcept {
       rung = true;
-      poller.Wake();
+      lane->Wake();
     }
-  };
-  // One that a pass of receiving is for.
-  struct Ready {
-    Registration registration;
-    bool urgent = false;
-    bool hangup = false;
   };
 
   /// No: there is no thread for one of them, or they have been stopped.
   bool StartJobs() ZR_REQUIRES(lock_);
-  std::uint64_t Submit(const std::string& name, void (ZrIoLoops::*loop)(),
-                       std::atomic<bool>& running, ZrPoller& poller);
+  std::uint64_t Submit(const std::string& name, ZrIoTeam& team);
   static bool IsPaused(ZrIoRegistration& registration);
-  void ReceiveLoop();
-  void SendLoop();
-  void FlushAll() ZR_EXCLUDES(lock_);
-  /// The registrations behind ready descriptors, and those whose reading was resumed.
-  void Resolve(std::span<const ZrReadiness> events, std::vector<Ready>& ready, bool resumed = false)
-      ZR_EXCLUDES(lock_);
-  void Receive(Ready& ready, std::vector<Ready>& again);
-  void ReadAgain(std::uint64_t token) ZR_EXCLUDES(lock_);
+  void ReceiveLoop(ZrIoTeam::Member& member);
+  void SendLoop(ZrIoTeam::Member& member);
+  void FlushAll();
+  void ReceiveAll(ZrReceivePass& pass, ZrIoLane& lane, ReadySpan ready);
+  void ReceiveOpening(ZrReceivePass& pass, ZrIoLane& lane, ReadySpan ready);
+  void Receive(ZrIoLane& lane, const Ready& ready);
+  static void ReadAgain(ZrTransceiverConnection& connection);
   /// No: the bytes were taken meanwhile, reading goes on.
   bool PauseReading(ZrIoRegistration& registration);
   /// Memory is short: the connection is not read on when it holds more than its share.
   bool Starve(ZrIoRegistration& registration);
   /// There is memory again.
   void FeedStarved() ZR_EXCLUDES(lock_);
-  void Unwatch(ZrIoRegistration& registration);
+  static void Pause(ZrIoRegistration& registration);
   void OnPeerFinished(ZrIoRegistration& registration);
   /// Writes what is queued. Since a poller said that the socket is ready (`ready`, else none), a
   /// pass that does nothing and would be repeated at once ends the connection.
@@ -115,7 +110,6 @@ class ZrIoLoops {
   /// A pass of receiving may have written, or wait for room to go on.
   void AfterOutput(ZrIoRegistration& registration);
   void AfterProgress(ZrTransceiverConnection& connection);
-  void ReceiveAll(ZrReceivePass& pass, std::vector<Ready>& ready, std::vector<Ready>& again);
   bool EndOutputWhenDone(ZrTransceiverConnection& connection, ZrIoRegistration& registration)
       ZR_REQUIRES(connection.Lock());
   /// No: it is wanted, and the system does not watch it.
@@ -128,20 +122,17 @@ class ZrIoLoops {
   const ZrClock& clock_;
   const std::string name_;
   const Remove remove_;
-  const std::shared_ptr<Bell> bell_ = std::make_shared<Bell>();
+  ZrIoTeam receivers_;
+  ZrIoTeam senders_;
+  const std::shared_ptr<Bell> bell_;
   const std::shared_ptr<ZrMemoryBudget> memory_;
 
-  ZrPoller& receivePoller_ = bell_->poller;
-  ZrPoller sendPoller_;
-  std::atomic<bool> receiving_{false};
-  std::atomic<bool> sending_{false};
+  ZrMutex telling_;                    // see ZrReceivePass
   std::atomic<bool> flushAll_{false};  // FlushAllLater() was called
 
-  ZrMutex lock_;  // held for look-ups and changes of the tables only
-  std::unordered_map<std::uint64_t, Registration> byToken_ ZR_GUARDED_BY(lock_);
+  ZrMutex lock_;  // before those of the teams and lanes
   std::uint64_t lastToken_ ZR_GUARDED_BY(lock_) = 0;
-  std::vector<std::uint64_t> resumed_ ZR_GUARDED_BY(lock_);  // have input of their own to read
-  std::vector<std::uint64_t> starved_ ZR_GUARDED_BY(lock_);  // paused until there is memory
+  std::vector<std::weak_ptr<ZrIoRegistration>> starved_ ZR_GUARDED_BY(lock_);
   bool stopped_ ZR_GUARDED_BY(lock_) = false;
   std::uint64_t receiveJob_ ZR_GUARDED_BY(lock_) = 0;  // task IDs; 0: does not run yet
   std::uint64_t sendJob_ ZR_GUARDED_BY(lock_) = 0;

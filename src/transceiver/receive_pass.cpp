@@ -16,7 +16,7 @@ constexpr std::size_t kKeptServers = 16;
 
 }  // namespace
 
-ZrReceivePass::ZrReceivePass() noexcept { current = this; }
+ZrReceivePass::ZrReceivePass(ZrMutex& telling) noexcept : telling_(telling) { current = this; }
 
 ZrReceivePass::~ZrReceivePass() { current = nullptr; }
 
@@ -68,6 +68,7 @@ void ZrReceivePass::Tell(News& news, const std::function<void(ZrTransceiverConne
   told_ = &news;
   next_ = 0;
   try {
+    const ZrLock turn(telling_);
     ZrJobRegistry::Instance().Deliver(news.receiver, std::span(news.events).first(news.count));
   } catch (...) {
     // Out of memory: nobody would ever come for these bytes.

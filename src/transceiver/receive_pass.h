@@ -14,6 +14,7 @@
 
 #include "base/batch.h"
 #include "jobs/job_event.h"
+#include "platform/sync.h"
 #include "transceiver/fwd.h"
 
 /// Stands on the receive job's stack. Threads: that one.
@@ -22,7 +23,9 @@ class ZrReceivePass {
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
   using ServerPointer = std::shared_ptr<ZrServerLink>;
 
-  ZrReceivePass() noexcept;
+  /// The passes of all threads take turns in telling their servers, as a server hears of one thing
+  /// at a time: what it cannot be told at once would go the longer way. The lock outlives the pass.
+  explicit ZrReceivePass(ZrMutex& telling) noexcept;
   ~ZrReceivePass();
   ZrReceivePass(const ZrReceivePass&) = delete;
   ZrReceivePass& operator=(const ZrReceivePass&) = delete;
@@ -78,6 +81,7 @@ class ZrReceivePass {
   void Tell(News& news, const std::function<void(ZrTransceiverConnection&)>& giveUp);
   ConnectionPointer Awaited(const std::string& connectionName);
 
+  ZrMutex& telling_;
   ZrBatch batch_;
   ConnectionPointer current_;
   bool reading_ = false;

@@ -48,6 +48,7 @@ class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
   bool FinishOutput(ZrSocketIPvx& socket) override ZR_REQUIRES(lock_);
   bool WantsOutput() const override ZR_REQUIRES(lock_);
   bool HasBufferedInput() const override { return bufferedInput_.load(std::memory_order_acquire); }
+  bool IsOpening() const override { return !established_.load(std::memory_order_relaxed); }
   /// What was agreed on with the peer.
   ZrTlsEngine::Facts Agreed() ZR_EXCLUDES(lock_);
   bool ReadAffectsOutput() const override { return readAffectsOutput_; }
@@ -63,7 +64,7 @@ class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
 
   const std::shared_ptr<ZrSocketIPvx> socket_;  // stays open as long as TLS writes through it
   std::optional<ZrTlsEngine> engine_ ZR_GUARDED_BY(lock_);
-  bool established_ ZR_GUARDED_BY(lock_) = false;
+  std::atomic<bool> established_{false};              // changes under the lock
   bool writeWantsRead_ ZR_GUARDED_BY(lock_) = false;  // the last write waits for input
   std::atomic<bool> bufferedInput_{false};      // a read finds something without the socket's help
   std::atomic<bool> readAffectsOutput_{false};  // the last read wrote, or left bytes to be sent

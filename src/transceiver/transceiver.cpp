@@ -28,13 +28,13 @@ bool CarriesMessages(std::uint32_t protocolKind) {
 }  // namespace
 
 ZrTransceiver::ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories factories,
-                             const ZrClock& clock, std::uint64_t memoryLimit)
+                             const ZrClock& clock, std::uint64_t memoryLimit, ZrIoTeamSize team)
     : scheduler_(scheduler),
       factories_(std::move(factories)),
       clock_(clock),
       housekeepingTask_(CreateJoinedTask("housekeeping")),
       housekeeper_(clock),
-      loops_(scheduler, housekeeper_, progress_, clock, JobName(), memoryLimit,
+      loops_(scheduler, housekeeper_, progress_, clock, JobName(), memoryLimit, team,
              [this](ZrTransceiverConnection& connection) { RemoveConnection(connection); }),
       pools_(scheduler, *this, factories_) {
   housekeeper_.Start(

@@ -34,10 +34,11 @@ class ZrTransceiver final : public ZrJob {
  public:
   using ConnectionPointer = std::shared_ptr<ZrTransceiverConnection>;
   /// Scheduler and clock outlive the transceiver. Without factories no server can be opened. The
-  /// limit, in bytes, is what all peers together may occupy.
+  /// limit, in bytes, is what all peers together may occupy; the team is that of each I/O job.
   explicit ZrTransceiver(ZrRinvalScheduler2& scheduler, ZrServerFactories factories = {},
                          const ZrClock& clock = ZrClock::System(),
-                         std::uint64_t memoryLimit = ZrMemoryBudget::DefaultLimit());
+                         std::uint64_t memoryLimit = ZrMemoryBudget::DefaultLimit(),
+                         ZrIoTeamSize team = ZrIoTeamSize::OfMachine());
   ~ZrTransceiver() override;
 
   bool PostEvent(std::string_view target, ZrJobEvent event) override;
