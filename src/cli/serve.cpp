@@ -49,6 +49,7 @@ struct ServeOptions {
   KeyPairOptions keys;
   std::optional<std::string> php;
   std::optional<std::string> log;
+  unsigned ioThreads = 0;
   double grace = kDefaultGrace;
   bool open = false;
   bool waitForPort = false;
@@ -84,6 +85,7 @@ class Serving {
     settings.Set("_baseDirectoryHTTP", directory_);
     settings.Set("no_browser_popup", "true");
     if (!php.empty()) settings.Set("_phpbinname", php);
+    settings.Set("io_threads", std::to_string(options_.ioThreads));
     RaiseDescriptorLimit();
     ZrQuarnApplication2 application(&storage, servers, settings);
     application.setObserver([&events](const ZrServerCallback_t& report) { events.Tell(report); });
@@ -234,6 +236,12 @@ void AddServe(CLI::App& program, Run& chosen) {
                   "The form of its lines: velkoro, combined (as log analysers read it) or json")
       ->check(CLI::IsMember({"velkoro", "combined", "json"}))
       ->capture_default_str();
+  serve
+      .add_option("--io-threads", options->ioThreads,
+                  "The most threads that receive, and that send; they come and go with the load "
+                  "[one per core, at most 16]")
+      ->type_name("N")
+      ->check(CLI::Range(1U, ZrIoTeamSize::kMost));
   serve
       .add_option("--grace", options->grace,
                   "How long answers in progress may take after the first SIGINT or SIGTERM")

@@ -1,11 +1,13 @@
 #include "host/application.h"
 
+#include <algorithm>
 #include <exception>
 #include <typeinfo>
 #include <utility>
 
 #include "base/batch.h"
 #include "base/line_writer.h"
+#include "base/number.h"
 #include "handlers/cgi.h"
 #include "handlers/compression.h"
 #include "handlers/request_handler.h"
@@ -42,6 +44,20 @@ class ZrQuarnApplication2::Questions : public ZrRequestApplication {
   ZrQuarnApplication2& application_;
 };
 
+namespace {
+
+/// As the options say; else as many threads as the machine has cores.
+ZrIoTeamSize TeamOf(const ZrOptionMap& options) {
+  ZrIoTeamSize team = ZrIoTeamSize::OfMachine();
+  const auto threads = zr::ParseDigits(options.Get("io_threads"));
+  if (threads && *threads > 0)
+    team.most = static_cast<unsigned>(std::min<std::uint64_t>(*threads, ZrIoTeamSize::kMost));
+  team.atOnce = options.Get("io_threads_fixed") == "true";
+  return team;
+}
+
+}  // namespace
+
 ZrQuarnApplication2::ZrQuarnApplication2(ZrPersistentAppStorage* storage,
                                          std::vector<ZrServerDefinition> servers,
                                          ZrOptionMap options)
@@ -50,7 +66,8 @@ ZrQuarnApplication2::ZrQuarnApplication2(ZrPersistentAppStorage* storage,
       scripts_(std::make_shared<ZrCgi>(scheduler_)),
       compression_(std::make_shared<ZrCompression>(scheduler_)),
       content_(std::make_shared<ZrStaticFiles>(scripts_)),
-      transceiver_(scheduler_, zr::ProtocolServers(zr::OutgoingPools())),
+      transceiver_(scheduler_, zr::ProtocolServers(zr::OutgoingPools()), ZrClock::System(),
+                   ZrMemoryBudget::DefaultLimit(), TeamOf(options)),
       storage_(storage),
       servers_(std::move(servers)),
       options_(std::move(options)),

@@ -42,7 +42,9 @@ class ZrQuarnApplication2 {
   using LogSink = std::function<void(std::string_view)>;
 
   /// The storage is not owned and outlives the application; it may be null (no stored pages). From
-  /// startServers() on its named-value table is the application's, which guards it.
+  /// startServers() on its named-value table is the application's, which guards it. The option
+  /// "io_threads" is the most threads that receive, and that send what sockets did not take at once
+  /// (1 to 16, one per core without it); with "io_threads_fixed" true they are there all the time.
   ZrQuarnApplication2(ZrPersistentAppStorage* storage, std::vector<ZrServerDefinition> servers,
                       ZrOptionMap options);
   ZrQuarnApplication2(const ZrQuarnApplication2&) = delete;

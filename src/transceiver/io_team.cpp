@@ -35,20 +35,24 @@ constexpr std::int64_t kLongPause = 8'000 * kMs;
 // A helper without work goes after that time.
 constexpr nanoseconds kIdle{1'000 * kMs};
 
-std::int64_t Now() { return ZrClock::System().MonotonicNs(); }
-
 }  // namespace
 
 ZrIoTeamSize ZrIoTeamSize::OfMachine() {
   return {.most = std::clamp(std::thread::hardware_concurrency(), 1U, kMost)};
 }
 
+ZrIoTeamMeter ZrIoTeamMeter::OfSystem() {
+  return {.now = [] { return ZrClock::System().MonotonicNs(); },
+          .cpuNs = [] { return ZrThreadUse::Now().cpuNs; }};
+}
+
 ZrIoTeam::ZrIoTeam(ZrIoLane::Direction direction, const char* threadName, ZrIoTeamSize size,
-                   Loop loop)
+                   Loop loop, ZrIoTeamMeter meter)
     : direction_(direction),
       threadName_(threadName),
       size_(size),
       loop_(std::move(loop)),
+      meter_(std::move(meter)),
       first_(std::make_shared<ZrIoLane>(direction)) {
   ZrLock hold(lock_);
   members_.push_back(std::unique_ptr<Member>(new Member(*this, first_)));
@@ -61,7 +65,7 @@ void ZrIoTeam::Run() {
   {
     ZrLock hold(lock_);
     first = members_.front().get();
-    while (size_.atOnce && running_ && members_.size() < size_.most && AddHelper(Now())) {
+    while (size_.atOnce && running_ && members_.size() < size_.most && AddHelper(meter_.now())) {
     }
   }
   loop_(*first);
@@ -83,7 +87,7 @@ void ZrIoTeam::Stop() {
 }
 
 void ZrIoTeam::Enter(const ZrIoLane::Registration& registration) {
-  const std::int64_t now = Now();
+  const std::int64_t now = meter_.now();
   ZrLock hold(lock_);
   auto chosen =
       std::min_element(members_.begin(), members_.end(), [now](const auto& one, const auto& other) {
@@ -109,7 +113,7 @@ bool ZrIoTeam::Member::Next(std::vector<Ready>& ready) {
   const bool mayGo = IsHelper() && !team.size_.atOnce;
   bool ofUse = true;
   if (++passes >= kWindowPasses && !team.size_.atOnce)
-    if (const std::int64_t now = Now(); now - windowBegan >= kWindow)
+    if (const std::int64_t now = team.meter_.now(); now - windowBegan >= kWindow)
       ofUse = team.Review(*this, now, ready);
   ready.clear();
   if (team.someGone_ && !IsHelper()) team.JoinGone();
@@ -135,7 +139,7 @@ int ZrIoTeam::TeamLoad(std::int64_t now) const {
 }
 
 bool ZrIoTeam::Review(Member& member, std::int64_t now, std::vector<Ready>& ready) {
-  const std::int64_t cpu = ZrThreadUse::Now().cpuNs;
+  const std::int64_t cpu = meter_.cpuNs();
   const bool first = member.windowBegan == 0;
   const int load = static_cast<int>((cpu - member.windowCpu) * 1000 /
                                     std::max<std::int64_t>(now - member.windowBegan, 1));

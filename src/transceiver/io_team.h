@@ -26,6 +26,13 @@ struct ZrIoTeamSize {
   bool atOnce = false;  ///< All of them from the start and to the end, whatever there is to do.
 };
 
+/// What tells a team how its threads are used; tests say so themselves.
+struct ZrIoTeamMeter {
+  std::function<std::int64_t()> now;    ///< monotonic time, nanoseconds
+  std::function<std::int64_t()> cpuNs;  ///< processor time of the calling thread, nanoseconds
+  static ZrIoTeamMeter OfSystem();
+};
+
 /// Owned by the I/O loops. Threads: any, where nothing else is said.
 class ZrIoTeam {
  public:
@@ -35,7 +42,8 @@ class ZrIoTeam {
   using Loop = std::function<void(Member&)>;
 
   /// The name, for debuggers, is that of the helpers' threads.
-  ZrIoTeam(ZrIoLane::Direction direction, const char* threadName, ZrIoTeamSize size, Loop loop);
+  ZrIoTeam(ZrIoLane::Direction direction, const char* threadName, ZrIoTeamSize size, Loop loop,
+           ZrIoTeamMeter meter = ZrIoTeamMeter::OfSystem());
   ZrIoTeam(const ZrIoTeam&) = delete;
   ZrIoTeam& operator=(const ZrIoTeam&) = delete;
   ~ZrIoTeam();
@@ -104,6 +112,7 @@ class ZrIoTeam {
   const char* const threadName_;
   const ZrIoTeamSize size_;
   const Loop loop_;
+  const ZrIoTeamMeter meter_;
   const std::shared_ptr<ZrIoLane> first_;
   std::atomic<bool> running_{false};
   std::atomic<bool> someGone_{false};
