@@ -69,15 +69,15 @@ void ZrIoTeam::Run() {
     }
   }
   loop_(*first);
-  // None comes any more.
-  std::vector<std::unique_ptr<Member>> helpers;
+  // No helper comes any more. Their lanes stay, as what stands there has not been served to its
+  // end.
+  std::vector<Member*> helpers;
   {
     ZrLock hold(lock_);
-    helpers.swap(gone_);
-    std::move(members_.begin() + 1, members_.end(), std::back_inserter(helpers));
-    members_.resize(1);
+    for (const auto& member : members_) helpers.push_back(member.get());
   }
-  for (const auto& helper : helpers) helper->thread.Join();
+  for (Member* const helper : helpers) helper->thread.Join();
+  JoinGone();
 }
 
 void ZrIoTeam::Stop() {
