@@ -14,27 +14,30 @@
 #include "jobs/job_registry.h"
 #include "jobs/named_id_source.h"
 #include "jobs/scheduler.h"
+#include "jobs/task_guest.h"
 #include "platform/sync.h"
 
 namespace {
 std::atomic<std::uint64_t> allocated{0};
 }
 
-void* operator new(std::size_t size) {
+// Not inlined: one of them alone would seem to be the partner of another one.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   allocated.fetch_add(1, std::memory_order_relaxed);
   if (void* const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
-/// Reports the heap allocations of a turn.
+/// Reports the heap allocations of a turn, of all threads together.
 class Allocations {
  public:
   explicit Allocations(benchmark::State& state) : state_(state), before_(allocated) {}
   ~Allocations() {
+    if (state_.thread_index() != 0) return;
     state_.counters["allocations"] = benchmark::Counter(static_cast<double>(allocated - before_),
                                                         benchmark::Counter::kAvgIterations);
   }
@@ -110,6 +113,21 @@ void JoinAndLeave(benchmark::State& state) {
 }
 BENCHMARK(JoinAndLeave)->ThreadRange(1, 4)->UseRealTime();
 
+// The same without a name in it, as heads and answering servers do, by the handle that their
+// connection keeps: in tasks of their own, as connections have them, and all in one task.
+void GuestComesAndGoes(benchmark::State& state) {
+  ZrJob handler;
+  ZrJob connection;
+  static ZrTaskHandle shared;
+  const std::string task = handler.CreateJoinedTask("receive_");
+  connection.Attach(task);
+  const bool all = state.range(0) != 0;
+  const ZrTaskHandle own = ZrJobRegistry::Instance().Find(task);
+  if (all && state.thread_index() == 0) shared = own;
+  for (auto _ : state) ZrTaskGuest(all ? shared : own).Leave();
+}
+BENCHMARK(GuestComesAndGoes)->ArgName("shared")->Arg(0)->Arg(1)->ThreadRange(1, 4)->UseRealTime();
+
 // The whole of a joined task: made, joined by another job, closed by its owner.
 void JoinedTask(benchmark::State& state) {
   ZrJob owner;
@@ -132,7 +150,8 @@ void DeliverInline(benchmark::State& state) {
 }
 BENCHMARK(DeliverInline);
 
-// The events of so many connections of one server, as one wait of the receive job brings them.
+// The events of so many connections of one server, as one wait of a thread that receives brings
+// them; several threads, each with the events of another server.
 void DeliverBatch(benchmark::State& state) {
   const auto job = zr::MakeJob<CountingJob>();
   job->CreateJoinedTask("");
@@ -144,7 +163,7 @@ void DeliverBatch(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(DeliverBatch)->Arg(1)->Arg(8)->Arg(64);
+BENCHMARK(DeliverBatch)->Arg(1)->Arg(8)->Arg(64)->ThreadRange(1, 4)->UseRealTime();
 
 // One event over the delivery thread and the wait for it: two wake-ups.
 void PostRoundTrip(benchmark::State& state) {

@@ -91,6 +91,51 @@ TEST(Serve, RoutesPathsToFilesOrTheErrorPage) {
   EXPECT_TRUE(ended);
 }
 
+// On kept connections, whose requests arrive together: nothing outlives the requests it was looked
+// up for.
+TEST(Serve, AFileIsAsItIsWhenItIsAskedFor) {
+  for (const Semantics semantics : {Semantics::kMinimal, Semantics::kStandard}) {
+    const TemporaryFolder aside;
+    const TemporaryFolder folder;
+    const std::string page = folder.Write("page", "begin");
+    const Served served(folder, {"http"}, {}, semantics);
+    std::vector<RawClient> clients;
+    for (int i = 0; i < 4; ++i) clients.emplace_back(served.Port("http"));
+    for (int turn = 0; turn < 50; ++turn) {
+      SCOPED_TRACE(turn);
+      std::string body = "turn " + std::to_string(turn) + ";";
+      switch (turn % 5) {
+        case 0:
+          std::filesystem::rename(folder.Write("new", body), page);
+          break;
+        case 1:
+          folder.Write("page", body);
+          break;
+        case 2:
+          body = "turn ";
+          std::filesystem::resize_file(page, body.size());
+          break;
+        case 3:
+          body = "</html>";
+          std::filesystem::remove(page);
+          break;
+        default:  // the whole directory is another one
+          std::filesystem::rename(folder.Path(), aside.Path(std::to_string(turn)));
+          folder.Write("page", body);
+      }
+      for (RawClient& client : clients) client.Send("GET /page HTTP/1.1\r\nHost: h\r\n\r\n");
+      for (RawClient& client : clients) {
+        const std::string got = client.ReadUntil(body);
+        const std::string head = got.substr(0, got.find("\r\n\r\n") + 4);
+        ASSERT_EQ(head.substr(9, 3), turn % 5 == 3 ? "404" : "200");
+        if (turn % 5 != 3) {
+          ASSERT_EQ(got, head + body);
+        }
+      }
+    }
+  }
+}
+
 TEST(Serve, RestartsOnItsPortAndRefusesATakenOne) {
   const TemporaryFolder folder;
   folder.Write("a", "first");

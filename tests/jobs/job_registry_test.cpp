@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "jobs/task_guest.h"
@@ -226,7 +227,8 @@ TEST_F(JobRegistry, JobsEndUnderFire) {
   senders.clear();
 }
 
-// Each sender's events arrive in the order in which it sent them, whichever way they take.
+// Each sender's events arrive in the order in which it sent them, whichever way they take, one by
+// one or several at once.
 TEST_F(JobRegistry, OrderHoldsForManySenders) {
   constexpr int kSenders = 3;
   constexpr std::uint32_t kEach = 400;
@@ -238,8 +240,14 @@ TEST_F(JobRegistry, OrderHoldsForManySenders) {
     for (int s = 0; s < kSenders; ++s) {
       threads.push_back(ZrThread::Start("sender", [&, s] {
         ZrJobEvent event = Event(std::to_string(s));
-        for (event.code = 0; event.code < kEach; ++event.code)
-          Send(job->JobName(), event, event.code % 2 == 0);
+        std::vector<ZrJobEvent> batch;
+        for (event.code = 0; event.code < kEach; ++event.code) {
+          if (event.code % 4 < 2) {
+            Send(job->JobName(), event, event.code % 4 == 0);
+          } else if (batch.push_back(event); event.code % 4 == 3) {
+            registry_.Deliver(job->JobName(), std::exchange(batch, {}));
+          }
+        }
       }));
     }
     for (int i = 0; i < 200; ++i) {

@@ -6,6 +6,7 @@
 #include <semaphore>
 #include <thread>
 
+#include "tests/jobs/recording_job.h"
 #include "tests/support/raw_client.h"
 #include "tests/support/server_bed.h"
 
@@ -176,9 +177,11 @@ TEST(HttpServer, AMessageThatComesTooLateIsAnsweredWhereAnswersSaySo) {
   }
 }
 
-// Whoever came and went while a handler blocks leaves nothing in the queue behind it.
-TEST(HttpServer, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
-  ServerBed bed;
+// A handler that blocks holds up the messages of its server that may wait, and nothing else.
+// Whoever came and went meanwhile leaves nothing in the queue behind it.
+TEST(HttpServer, ABlockedHandlerHoldsUpItsQueueAndKeepsNothingOfThoseWhoWent) {
+  const ManualClock clock;  // no pass takes long
+  ServerBed bed(clock);
   std::binary_semaphore blocked{0};
   std::binary_semaphore released{0};
   bed.onMessage = [&](ServerBed& self, const ServerBed::Message& m) {
@@ -189,25 +192,67 @@ TEST(HttpServer, ABlockedHandlerKeepsNothingOfThoseWhoWent) {
     self.Answer(*m, "ok");
     return 1;
   };
+  const int beside = bed.Open(zr::kProtocolHttp);
   const int port = bed.Open(zr::kProtocolHttp);
   const auto server = std::dynamic_pointer_cast<ZrTransceiverServer>(bed.transceiver.FindServer(
       bed.Records(ZrServerCallback_t::kServerCreated).back().info.Get("ID")));
   RawClient slow(port);
-  slow.Send("GET /block HTTP/1.1\r\n\r\n");
-  ASSERT_TRUE(blocked.try_acquire_for(20s));
+  RawClient quick(port);
+  RawClient another(beside);
+  for (int i = 0; i < 3; ++i) {
+    if (i == 1) {
+      slow.Send("GET /block HTTP/1.1\r\n\r\n");
+      ASSERT_TRUE(blocked.try_acquire_for(20s));
+    }
+    quick.Send("GET /quick HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(quick.ReadUntil("ok"), Answer("ok"));
+    another.Send(kGetA);
+    EXPECT_EQ(another.ReadUntil("ok"), Answer("ok"));
+  }
   std::deque<RawClient> others;
   for (int i = 0; i < 300; ++i) others.emplace_back(port).Send(i % 2 == 0 ? kGetA : "GET / HT");
-  ASSERT_TRUE(bed.WaitForConnections(1 + others.size()));
+  ASSERT_TRUE(bed.WaitForConnections(3 + others.size()));
   EXPECT_TRUE(WaitFor([&] { return server->waitingItems() >= 150; }));
   for (RawClient& gone : others) gone.Reset();
-  ASSERT_TRUE(bed.WaitForConnections(1));
+  ASSERT_TRUE(bed.WaitForConnections(3));
   RawClient patient(port);
   patient.Send(kGetA);
   EXPECT_TRUE(WaitFor([&] { return server->waitingItems() < 20; })) << server->waitingItems();
   released.release();
   EXPECT_EQ(slow.ReadUntil("ok"), Answer("ok"));
   EXPECT_EQ(patient.ReadUntil("ok"), Answer("ok"));
-  EXPECT_TRUE(bed.WaitForConnections(2));
+  EXPECT_TRUE(bed.WaitForConnections(4));
+}
+
+// A message keeps its connection's joined task from being left alone; its end is told like that of
+// a job.
+TEST(HttpServer, TheLastOfAConnectionsTaskIsToldWhenItsMessageEnds) {
+  ServerBed bed;
+  ServerBed::Message held;
+  std::binary_semaphore handled{0};
+  bed.onMessage = [&](ServerBed&, const ServerBed::Message& m) {
+    held = m;
+    handled.release();
+    return 1;
+  };
+  const auto owner = zr::MakeJob<RecordingJob>();
+  RawClient client(bed.Open(zr::kProtocolHttp));
+  client.Send(kGetA);
+  ASSERT_TRUE(handled.try_acquire_for(20s));
+  const std::string name(held->route[0]);
+  bed.Answer(*std::exchange(held, nullptr), "ok");
+  EXPECT_EQ(client.ReadUntil("ok"), Answer("ok"));
+  const std::string task = owner->CreateJoinedTask("of a connection");
+  bed.transceiver.FindConnection(name)->Attach(task);
+  client.Send(kGetA);
+  ASSERT_TRUE(handled.try_acquire_for(20s));
+  EXPECT_EQ(std::string(held->target), task);
+  client.Reset();
+  ASSERT_TRUE(bed.WaitForConnections(0));
+  bed.transceiver.StopServers();  // whatever their end sends has been sent
+  EXPECT_EQ(owner->Received(0).size(), 0u) << "the message lives";
+  held = nullptr;
+  EXPECT_EQ(owner->Received(1).front().code, 6u);
 }
 
 // Whatever an owner's callback throws, every answer goes out once and the turn ends with it; what a
