@@ -229,6 +229,7 @@ void FillXmlDocument(ZrDTD& dtd) {
         return MakeFacadeElement(own.SharedName(text), false);
       },
       true);
+  dtd.SetPlainNodes(true);
 }
 
 void FillPageDocument(ZrDTD& dtd) {

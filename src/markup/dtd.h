@@ -42,6 +42,10 @@ class ZrDTD {
   /// Registers a state; states are tried in the byte-wise order of their names. Throws ZrException
   /// "name can't be twice" for a name that is there already. At most 64 states.
   void AddState(std::unique_ptr<ZrDTDElementRead> prototype, Factory factory, bool container);
+  /// That all nodes of this kind, so far, are of classes that keep nothing outside of node memory
+  /// but names, and watch nothing. A state that is registered later takes that back.
+  void SetPlainNodes(bool plain) { plainNodes_ = plain; }
+  bool HasPlainNodes() const { return plainNodes_; }
   /// Registers a state whose token only closes elements.
   void AddCloser(std::unique_ptr<ZrDTDElementRead> prototype) {
     AddState(std::move(prototype), nullptr, false);
@@ -66,6 +70,7 @@ class ZrDTD {
   std::array<std::uint64_t, 256> byFirst_{};
   std::array<std::uint64_t, 256> bySecond_{};
   bool indexed_ = false;
+  bool plainNodes_ = false;
   std::set<std::string, std::less<>> voidNames_;
   std::map<std::string, TagFactory, std::less<>> tagFactories_;
 };

@@ -2,7 +2,7 @@
 // Names of elements and attributes. A document repeats a few names thousands of times, so a name is
 // a counted reference to one immutable text: nodes made from the same ZrName share it, and whoever
 // passes a plain string gets a text of its own. The count is atomic: two trees that share names may
-// live on two threads.
+// live on two threads. Names that a parse found are not counted: they stay as long as its nodes.
 
 #include <atomic>
 #include <cstdint>
@@ -11,15 +11,20 @@
 #include <utility>
 #include <vector>
 
+#include "markup/node_memory.h"
+
 namespace zr {
 
 /// The shared text behind a ZrName. Only ZrName and its helpers touch the count.
 struct NameText {
-  /// Marks a text that is never freed and therefore not counted.
+  /// Marks a text that is not counted, as it outlives all that bear it: one that is never freed,
+  /// or one that a parse keeps with the memory of its nodes.
   static constexpr std::uint32_t kPermanent = 0x80000000u;
+  static constexpr std::uint32_t kOfParse = 0x40000000u;  // beside kPermanent
 
   std::atomic<std::uint32_t> references;
   const std::string text;
+  NameText* next = nullptr;  // of those kept with one parse
 };
 
 }  // namespace zr
@@ -45,6 +50,7 @@ class ZrNameView {
  private:
   friend class ZrName;
   friend class ZrPermanentName;
+  friend class ZrNameTable;
   static constexpr std::size_t kShared = static_cast<std::size_t>(-1);
   explicit ZrNameView(zr::NameText* shared)
       : shared_(shared), size_(shared != nullptr ? kShared : 0) {}
@@ -87,6 +93,10 @@ class ZrName {
   static const std::string& Empty() noexcept;
   static zr::NameText* Share(ZrNameView name) {
     if (name.size_ != ZrNameView::kShared) return Copy(name.text());
+    const std::uint32_t references = name.shared_->references.load(std::memory_order_relaxed);
+    // Only what is made in the course of the parse lies in its memory.
+    if ((references & zr::NameText::kOfParse) != 0 && !zr::NodePool::IsOpen())
+      return Copy(name.text());
     Hold(name.shared_);
     return name.shared_;
   }
@@ -126,24 +136,29 @@ class ZrPermanentName {
   };
 };
 
-/// Hands out one shared ZrName for each distinct text. Not locked; belongs to one reader.
+/// Hands out one shared name for each distinct text, which lives as long as the nodes of the parse
+/// and is not counted. Not locked; belongs to one reader.
 class ZrNameTable {
  public:
-  /// The name for the text, entered when it is new; good as long as the table. Texts chosen to
-  /// collide cannot slow it down: a text that finds no free place near its own gets a name of its
-  /// own each time.
+  /// The pool of the nodes that bear the names outlives the table.
+  explicit ZrNameTable(zr::NodePool& pool) : pool_(pool) {}
+
+  /// The name for the text, entered when it is new; good as long as the pool, and beyond it for
+  /// what is made in the course of its parse. Texts chosen to collide cannot slow it down: a text
+  /// that finds no free place near its own gets a name of its own each time.
   ZrNameView Intern(std::string_view text);
 
  private:
   struct Slot {
     std::size_t hash = 0;
-    ZrName name;
+    zr::NameText* name = nullptr;
   };
   static constexpr std::size_t kLongestProbe = 16;
 
+  zr::NameText* Make(std::string_view text);
   void Grow();
 
+  zr::NodePool& pool_;
   std::vector<Slot> slots_;  // power-of-two size, linear probing
   std::size_t used_ = 0;
-  std::vector<ZrName> unshared_;
 };

@@ -42,6 +42,7 @@ void Builder::LookUp() {
   if (dtd_ == nullptr)
     throw ZrException("DTD '" + splitter_.dtdName.str() + "' not defined", 986, "src");
   splitter_.dtdName = dtd_->Name();  // the same text, shared by all who keep it
+  if (!dtd_->HasPlainNodes()) zr::NodePool::PartOpen();
   judged_ = nullptr;
 }
 
@@ -111,6 +112,7 @@ void Builder::Build(ZrDTD::State& state) {
         element->SetAttribute(record.name, record.bare ? std::string_view("true") : record.value);
     }
   }
+  if (dtd_->HasPlainNodes()) node->MarkAsRead();
   ZrXMLComplexElement* const added = splitter_.current->Adopt(std::move(node));
   if (token.SelfClosed() || !state.container)
     added->Completed();
@@ -164,6 +166,11 @@ std::unique_ptr<ZrXMLComplexElement> zr::ParseStream(
     for (ZrXMLComplexElement* node : top->Children()) {
       if (!node->OwnLine()) continue;
       top->RemoveChild(node);
+      // What stands beside it goes with the reader, before the pool.
+      if (reader.Pool().CanKeepWhole()) {
+        node->MarkTopOfStore();
+        reader.Pool().KeepWhole();
+      }
       return std::unique_ptr<ZrXMLComplexElement>(node);
     }
   } catch (const ZrException& error) {
