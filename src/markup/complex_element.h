@@ -35,8 +35,9 @@
 class ZrXMLComplexElement;
 class ZrXMLGenericElement;
 namespace zr {
+class PlainReader;
 class TagWriter;
-}
+}  // namespace zr
 
 /// Results of a search, in document order. The pointers do not own: each is good until its node is
 /// destroyed or its tree goes away.
@@ -175,6 +176,16 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     BeginChange();
     name_ = ZrName(name);
   }
+  /// What the parser makes by itself: a node in the store of the parse, of a class that keeps
+  /// nothing outside of it.
+  struct AsRead {
+    zr::NameText& name;  // not counted
+    bool ownLine = false;
+  };
+  explicit ZrXMLComplexElement(const AsRead& read) noexcept
+      : name_(read.name, ZrName::Uncounted()),
+        flags_(kSelfCloses | kGeneric | kAsRead | (read.ownLine ? kOwnLine : 0u)) {}
+
   void SetOwnLine(bool ownLine) { SetFlag(kOwnLine, ownLine); }
   void SetError(const char* text);
   /// Writes what stands behind the last child.
@@ -212,6 +223,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
  private:
   friend class ZrChildList;
   friend class ZrChildList::Iterator;
+  friend class zr::PlainReader;
 
   enum : unsigned {
     kClosed = 1,

@@ -28,7 +28,7 @@ std::unique_ptr<ZrDTD> MakeXml(ZrNameTable& names) {
   xml->AddState(std::make_unique<ZrDTDElementRead_Text>(), MakeTextNode<ZrXMLGenericText>, false);
   xml->AddState(std::make_unique<ZrDTDElementRead_WhitespaceText>(),
                 MakeTextNode<ZrXMLGenericWhitespace>, false);
-  xml->SetPlainNodes(true);
+  xml->SetNodes(ZrDTD::Nodes::kPlain);
   return xml;
 }
 

@@ -98,6 +98,7 @@ class ZrDTDElementReader {
 
  private:
   friend class ReadTransaction;
+  friend class zr::PlainReader;
 
   // Asks the source for more bytes behind the unread ones. No: it has no more.
   bool More() {

@@ -55,8 +55,7 @@ zr::NameText* ZrNameTable::Make(std::string_view text) {
   return name;
 }
 
-ZrNameView ZrNameTable::Intern(std::string_view text) {
-  if (text.empty()) return text;
+zr::NameText& ZrNameTable::InternText(std::string_view text) {
   if (used_ * 2 >= slots_.size()) Grow();
   const std::size_t hash = HashOf(text);
   const std::size_t mask = slots_.size() - 1;
@@ -66,11 +65,11 @@ ZrNameView ZrNameTable::Intern(std::string_view text) {
       slot.name = Make(text);
       slot.hash = hash;
       ++used_;
-      return ZrNameView(slot.name);
+      return *slot.name;
     }
-    if (slot.hash == hash && slot.name->text == text) return ZrNameView(slot.name);
+    if (slot.hash == hash && slot.name->text == text) return *slot.name;
   }
-  return ZrNameView(Make(text));
+  return *Make(text);
 }
 
 void ZrNameTable::Grow() {

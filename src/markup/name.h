@@ -4,6 +4,7 @@
 // passes a plain string gets a text of its own. The count is atomic: two trees that share names may
 // live on two threads. Names that a parse found are not counted: they stay as long as its nodes.
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -26,6 +27,8 @@ struct NameText {
   const std::string text;
   NameText* next = nullptr;  // of those kept with one parse
 };
+
+class PlainReader;
 
 }  // namespace zr
 
@@ -89,6 +92,9 @@ class ZrName {
  private:
   friend class ZrNameView;
   friend class ZrElementExtras;
+  friend class ZrXMLComplexElement;
+  friend class ZrAttributeMap;
+  friend class zr::PlainReader;
 
   static const std::string& Empty() noexcept;
   static zr::NameText* Share(ZrNameView name) {
@@ -113,6 +119,10 @@ class ZrName {
       delete shared;
   }
 
+  // A name that is not counted.
+  struct Uncounted {};
+  ZrName(zr::NameText& name, Uncounted) noexcept : shared_(&name) {}
+
   zr::NameText* shared_ = nullptr;
 };
 
@@ -129,6 +139,7 @@ class ZrPermanentName {
   ~ZrPermanentName() {}  // leaves the text in place on purpose
 
   operator ZrNameView() const { return ZrNameView(&text_); }  // implicit on purpose
+  zr::NameText& text() const { return text_; }
 
  private:
   union {
@@ -146,9 +157,28 @@ class ZrNameTable {
   /// The name for the text, entered when it is new; good as long as the pool, and beyond it for
   /// what is made in the course of its parse. Texts chosen to collide cannot slow it down: a text
   /// that finds no free place near its own gets a name of its own each time.
-  ZrNameView Intern(std::string_view text);
+  ZrNameView Intern(std::string_view text) {
+    return text.empty() ? ZrNameView(text) : ZrNameView(&InternText(text));
+  }
+  /// The same for a text that is not empty.
+  zr::NameText& InternText(std::string_view text);
+  /// The same for one of up to 16 bytes that are no zeros, given as two words with zeros behind
+  /// them.
+  zr::NameText& InternShort(std::uint64_t first, std::uint64_t second, std::string_view text) {
+    const std::uint64_t hash = (first ^ second * 0xff51afd7ed558ccdu) * 0x9e3779b97f4a7c15u;
+    Short& place = shorts_[hash >> 58];
+    if (place.first != first || place.second != second) [[unlikely]]
+      place = {first, second, &InternText(text)};
+    return *place.name;
+  }
 
  private:
+  // The short name seen last of those with one hash.
+  struct Short {
+    std::uint64_t first = 0;
+    std::uint64_t second = 0;
+    zr::NameText* name = nullptr;
+  };
   struct Slot {
     std::size_t hash = 0;
     zr::NameText* name = nullptr;
@@ -159,6 +189,7 @@ class ZrNameTable {
   void Grow();
 
   zr::NodePool& pool_;
+  std::array<Short, 64> shorts_;
   std::vector<Slot> slots_;  // power-of-two size, linear probing
   std::size_t used_ = 0;
 };

@@ -33,10 +33,6 @@ constexpr std::size_t kAlign = alignof(std::max_align_t);
 constexpr std::size_t kLead = sizeof(void*);
 constexpr std::size_t kHead = 3 * kAlign;  // of a chunk, with the first piece's lead
 
-constexpr std::size_t Rounded(std::size_t size) {
-  return (size + kLead + kAlign - 1) & ~(kAlign - 1);
-}
-
 void*& LeadOf(void* piece) { return static_cast<void**>(piece)[-1]; }
 
 // Tells the address sanitizer which bytes of a chunk are in use, so that it watches pieces as it
@@ -79,6 +75,10 @@ inline void NodePool::Return(Chunk* chunk) noexcept {
     ++thread.count;
 }
 
+void NodePool::MarkCut(void* piece, std::size_t size) noexcept {
+  MarkUsed(static_cast<char*>(piece) - kLead, size + kLead);
+}
+
 namespace {
 
 [[gnu::noinline]] void* AllocateFromHeap(std::size_t size) {
@@ -94,7 +94,7 @@ void* AllocateNodeMemory(std::size_t size) {
   NodePool* const pool = NodePool::thread.pool;
   if (pool == nullptr) return AllocateFromHeap(size);
   if (size > NodePool::kLargestPiece) return pool->CutAlone(size);
-  const std::size_t step = Rounded(size);
+  const std::size_t step = NodePool::PieceSize(size);
   void*& freed = pool->freed_[step / NodePool::kGrain];
   if (freed != nullptr) {
     void* const piece = freed;
@@ -102,13 +102,8 @@ void* AllocateNodeMemory(std::size_t size) {
     MarkUsed(piece, size);
     return piece;
   }
-  if (static_cast<std::size_t>(pool->end_ - pool->next_) < step) pool->Renew(step);
-  void* const piece = pool->next_;
-  MarkUsed(static_cast<char*>(piece) - kLead, size + kLead);
-  LeadOf(piece) = pool->chunk_;
-  pool->next_ += step;
-  ++pool->cut_;
-  return piece;
+  pool->Reserve(step);
+  return pool->Cut(size);
 }
 
 void FreeNodeMemory(void* piece, std::size_t size) noexcept {
@@ -129,7 +124,7 @@ void FreeNodeMemory(void* piece, std::size_t size) noexcept {
     NodePool::Return(chunk);
     return;
   }
-  void*& freed = pool->freed_[Rounded(size) / NodePool::kGrain];
+  void*& freed = pool->freed_[NodePool::PieceSize(size) / NodePool::kGrain];
   LinkOf(piece) = freed;
   freed = piece;
 }

@@ -87,6 +87,9 @@ class NodeStore {
 
 /// Cuts the pieces of one parse, which is on one thread. The pool may go before the pieces.
 class NodePool {
+  using Chunk = NodeStore::Chunk;
+  static constexpr std::size_t kGrain = alignof(std::max_align_t);
+
  public:
   NodePool() = default;
   NodePool(const NodePool&) = delete;
@@ -117,6 +120,26 @@ class NodePool {
   /// What is in the store when the pool goes belongs to one tree, whose top says so to FreeAllBut()
   /// when it goes. Only where CanKeepWhole().
   void KeepWhole() noexcept { keepWhole_ = true; }
+  /// For the parser: makes room for pieces of so many bytes, each counted with PieceSize(). Throws
+  /// std::bad_alloc.
+  void Reserve(std::size_t size) {
+    if (static_cast<std::size_t>(end_ - next_) < size) Renew(size);
+  }
+  /// A piece where room was made for it.
+  void* Cut(std::size_t size) noexcept {
+    void* const piece = next_;
+    MarkCut(piece, size);
+    static_cast<Chunk**>(piece)[-1] = chunk_;
+    next_ += PieceSize(size);
+    ++cut_;
+    return piece;
+  }
+  /// What a piece takes.
+  static constexpr std::size_t PieceSize(std::size_t size) {
+    return (size + sizeof(void*) + kGrain - 1) & ~(kGrain - 1);
+  }
+  static constexpr std::size_t kLargestPiece = 1024;  // larger ones have chunks of their own
+
   /// Takes over the name, for as long as there are pieces.
   void Keep(NameText* name) noexcept;
 
@@ -125,11 +148,8 @@ class NodePool {
   friend void* AllocateNodeMemory(std::size_t size);
   friend void FreeNodeMemory(void* piece, std::size_t size) noexcept;
 
-  using Chunk = NodeStore::Chunk;
   static constexpr std::size_t kFirstChunk = std::size_t{4} * 1024;
   static constexpr std::size_t kLargestChunk = kLargePage;
-  static constexpr std::size_t kLargestPiece = 1024;  // larger ones have chunks of their own
-  static constexpr std::size_t kGrain = alignof(std::max_align_t);
 
   friend class NodeFreeing;
   struct ThreadMemory {
@@ -149,6 +169,7 @@ class NodePool {
   // Trivial through and through: nothing to destroy when a thread ends or the library is unloaded.
   static thread_local constinit ThreadMemory thread;
 
+  static void MarkCut(void* piece, std::size_t size) noexcept;
   static void Return(Chunk* chunk) noexcept;
   [[gnu::noinline]] static void ReturnFirst(Chunk* chunk) noexcept;
   void* CutAlone(std::size_t size);

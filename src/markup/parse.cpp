@@ -5,6 +5,7 @@
 
 #include "base/exception.h"
 #include "markup/element_reader_stream.h"
+#include "markup/plain_reader.h"
 
 namespace {
 
@@ -51,6 +52,7 @@ void Builder::Run(bool stopAfterOne) {
   for (bool used = false; !(used && stopAfterOne);) {
     if (!reader_.HasUnread() && reader_.AtEnd()) break;
     if (dtd_ == nullptr) LookUp();
+    if (!stopAfterOne && zr::PlainReader(splitter_, reader_, *dtd_).Run()) judged_ = nullptr;
     ZrDTD::State* const state = dtd_->Recognise(reader_);
     if (state == nullptr) {
       if (!reader_.HasUnread() && reader_.AtEnd()) continue;
