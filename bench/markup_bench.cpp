@@ -44,7 +44,7 @@ const std::map<std::string, std::string>& Documents() {
     for (const auto& [name, path] : files) {
       std::ifstream file(path, std::ios::binary);
       const std::string text{std::istreambuf_iterator<char>(file), {}};
-      if (!text.empty()) all[name] = zr_test::PlainXml(text);
+      if (!text.empty()) all[name] = zrtest::PlainXml(text);
     }
     all["1MB"] = Generated(1'000'000);
     all["10MB"] = Generated(10'000'000);

@@ -55,6 +55,7 @@ ZrAttributeMap::Place ZrAttributeMap::Obtain(ZrNameView name) {
 }
 
 void ZrAttributeMap::MoveToTree() {
+  zr::NodePool::PartOpen();  // the tree lies on the heap
   auto tree = std::make_unique<Tree>();
   for (std::uint32_t i = 0; i < block_->size; ++i) {
     Entry& e = block_->entries()[i];

@@ -42,6 +42,20 @@ class ZrAttributeMap {
   /// Makes room for so many attributes in one piece.
   void Reserve(std::size_t count);
 
+  /// For the parser, while the map is empty: takes over a piece of SizeFor(count) bytes for so many
+  /// attributes, up to kFew, and enters them one by one, in the order of their names.
+  static constexpr std::size_t SizeFor(std::size_t count) {
+    return sizeof(Block) + sizeof(Entry) * count;
+  }
+  void Begin(void* piece, std::size_t count) noexcept {
+    block_ = new (piece) Block;
+    block_->capacity = static_cast<std::uint32_t>(count);
+  }
+  void EnterLast(zr::NameText& name, ZrXMLComplexAttribute2* attribute) noexcept {
+    new (block_->entries() + block_->size++)
+        Entry{ZrName(name, ZrName::Uncounted()), Owner(attribute)};
+  }
+
   /// Calls visit(const std::string& name, const ZrXMLComplexAttribute2* attribute) in name order.
   template <class Visitor>
   void ForEach(Visitor&& visit) const {

@@ -80,6 +80,11 @@ class ZrChildList {
   /// Destroys every element below this list in document order, an element always before its
   /// children, without recursion whatever the depth. Allocates nothing.
   void DestroyAll() noexcept;
+  /// Is empty then, without a look at what it held: for nodes that are gone already.
+  void Forget() noexcept {
+    first_ = last_ = nullptr;
+    size_ = 0;
+  }
   /// Hands the elements over to a destruction that is under way further up.
   void MoveTo(Graveyard& graveyard) noexcept;
 

@@ -33,6 +33,7 @@ class ZrXMLGenericAttribute : public ZrXMLComplexAttribute2 {
  public:
   ZrXMLGenericAttribute() = default;
   explicit ZrXMLGenericAttribute(std::string_view text) : text_(text) {}
+  explicit ZrXMLGenericAttribute(const ZrShortText::Source& text) noexcept : text_(text) {}
 
   void WriteValue(std::ostream& stream) const override;
   void SetFromText(const char* text) override { text_.Assign(text != nullptr ? text : ""); }

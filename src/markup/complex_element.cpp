@@ -1,5 +1,7 @@
 #include "markup/complex_element.h"
 
+#include <utility>
+
 #include "base/exception.h"
 #include "markup/write.h"
 
@@ -8,6 +10,7 @@ constinit const ZrElementBody::NeverDestroyed ZrElementBody::kNone;
 ZrXMLComplexElement::~ZrXMLComplexElement() {
   // Deleted by someone else than its parent, which forgets it.
   if (ZrXMLComplexElement* const parent = Parent()) parent->Unlink(this);
+  if ((flags_ & kTopOfStore) != 0 && FreeStore()) return;
   if (body_ == nullptr) return;
   if (ZrElementObserver* const observer = Observer()) observer->ElementGoesAway(*this);
   if ((flags_ & kOrphan) != 0)
@@ -15,6 +18,30 @@ ZrXMLComplexElement::~ZrXMLComplexElement() {
   else
     body_->children.DestroyAll();
   delete body_;
+}
+
+// A top that lies outside of the store, as it was there before the parse, has a child in it: its
+// first change comes here before anything changed.
+zr::NodeStore& ZrXMLComplexElement::Store() const {
+  return zr::NodeStore::Of((flags_ & kAsRead) != 0 ? this : Children().front());
+}
+
+void ZrXMLComplexElement::PartFromStore() noexcept {
+  Store().Part();
+  // The parse may come back to the node.
+  if (!zr::NodePool::IsOpen()) flags_ &= ~(kAsRead | kTopOfStore);
+}
+
+// Nobody watches nodes that are as they were read: they go without being visited.
+bool ZrXMLComplexElement::FreeStore() noexcept {
+  zr::NodeStore& store = Store();
+  if (!store.IsWhole()) return false;
+  if (body_ != nullptr) {
+    body_->children.Forget();
+    delete std::exchange(body_, nullptr);
+  }
+  store.FreeAllBut((flags_ & kAsRead) != 0 ? this : nullptr);
+  return true;
 }
 
 void ZrXMLComplexElement::WritePrologue(std::ostream&) const {}
@@ -98,7 +125,10 @@ void ZrXMLComplexElement::SetOnlyChild(ZrXMLComplexElement* child) {
     node = Children().Stamp() == stamp ? node->next_ : Children().front();
     while (node != nullptr && (node->flags_ & kTold) != 0) node = node->next_;
   }
-  if (body_ != nullptr) body_->children.DestroyAll();
+  if (body_ != nullptr) {
+    BeginChange();
+    body_->children.DestroyAll();
+  }
   AddChild(child);
 }
 
@@ -152,7 +182,7 @@ bool ZrXMLComplexElement::WrapChild(ZrXMLComplexElement* child, ZrXMLComplexElem
   if (!StillHolds(child, stamp)) return false;
   RequireFree(*wrapper);
   // The wrapper keeps the place, but is no child before it has the child.
-  ZrChildList& children = body_->children;
+  ZrChildList& children = MakeBody().children;
   children.Exchange(child, wrapper);
   child->link_.parent = nullptr;
   stamp = children.Stamp();
@@ -186,7 +216,7 @@ bool ZrXMLComplexElement::ExchangeChild(ZrXMLComplexElement* oldChild,
                                         ZrXMLComplexElement* newChild, std::uint32_t stamp) {
   if (!StillHolds(oldChild, stamp)) return false;
   RequireFree(*newChild);
-  body_->children.Exchange(oldChild, newChild);
+  MakeBody().children.Exchange(oldChild, newChild);
   oldChild->link_.parent = nullptr;
   newChild->SetFlag(kTold, false);
   newChild->link_.parent = this;

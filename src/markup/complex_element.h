@@ -35,8 +35,9 @@
 class ZrXMLComplexElement;
 class ZrXMLGenericElement;
 namespace zr {
+class PlainReader;
 class TagWriter;
-}
+}  // namespace zr
 
 /// Results of a search, in document order. The pointers do not own: each is good until its node is
 /// destroyed or its tree goes away.
@@ -149,6 +150,11 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   /// The nodes beside this one; null at the ends and for a root.
   ZrXMLComplexElement* NextSibling() const { return Parent() != nullptr ? next_ : nullptr; }
   ZrXMLComplexElement* PreviousSibling() const { return Parent() != nullptr ? previous_ : nullptr; }
+  /// For the parser: the node was made in the course of its parse, by a class that keeps nothing
+  /// outside of node memory but names; and the node is the top of a tree that is all there is in
+  /// the store of the parse.
+  void MarkAsRead() { SetFlag(kAsRead, true); }
+  void MarkTopOfStore() { SetFlag(kTopOfStore, true); }
   /// This node as an element with attributes, null when it is of another class; costs nothing.
   inline ZrXMLGenericElement* AsGeneric();
   inline const ZrXMLGenericElement* AsGeneric() const;
@@ -166,7 +172,20 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
   }
 
  protected:
-  void SetName(ZrNameView name) { name_ = ZrName(name); }
+  void SetName(ZrNameView name) {
+    BeginChange();
+    name_ = ZrName(name);
+  }
+  /// What the parser makes by itself: a node in the store of the parse, of a class that keeps
+  /// nothing outside of it.
+  struct AsRead {
+    zr::NameText& name;  // not counted
+    bool ownLine = false;
+  };
+  explicit ZrXMLComplexElement(const AsRead& read) noexcept
+      : name_(read.name, ZrName::Uncounted()),
+        flags_(kSelfCloses | kGeneric | kAsRead | (read.ownLine ? kOwnLine : 0u)) {}
+
   void SetOwnLine(bool ownLine) { SetFlag(kOwnLine, ownLine); }
   void SetError(const char* text);
   /// Writes what stands behind the last child.
@@ -189,6 +208,11 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
                      std::uint32_t stamp);
   /// Destroys the child in the way of the Delete operations: hook, slot cleared, child destroyed.
   void DestroyChild(ZrXMLComplexElement* child);
+  /// Whatever makes, frees or hands on what belongs to this node calls this first.
+  void BeginChange() {
+    if ((flags_ & (kAsRead | kTopOfStore)) != 0) [[unlikely]]
+      PartFromStore();
+  }
   /// For ZrXMLGenericElement; null while no attribute was ever entered.
   ZrAttributeMap* Attributes() const { return body_ != nullptr ? &body_->attributes : nullptr; }
   ZrAttributeMap& MakeAttributes() { return MakeBody().attributes; }
@@ -199,6 +223,7 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
  private:
   friend class ZrChildList;
   friend class ZrChildList::Iterator;
+  friend class zr::PlainReader;
 
   enum : unsigned {
     kClosed = 1,
@@ -208,12 +233,15 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     kGeneric = 16,
     kOrphan = 32,  // is being destroyed by an element further up, link_ names its graveyard
     kMembersApart = 64,
-    kTold = 128,  // SetOnlyChild() called ChildRemoved()
+    kTold = 128,        // SetOnlyChild() called ChildRemoved()
+    kAsRead = 256,      // lies in the store of a parse, and keeps nothing outside of it
+    kTopOfStore = 512,  // a store holds what is below this node, and perhaps the node, only
   };
   const ZrElementExtras& Extras() const {
     return body_ != nullptr ? body_->extras : ZrElementBody::None().extras;
   }
   ZrElementBody& MakeBody() {
+    BeginChange();
     if (body_ == nullptr) body_ = new ZrElementBody;
     return *body_;
   }
@@ -227,10 +255,14 @@ class ZrXMLComplexElement : public ZrInNodeMemory {
     child->link_.parent = this;
   }
   void Unlink(ZrXMLComplexElement* child) {
+    BeginChange();
     body_->children.Erase(child);
     child->link_.parent = nullptr;
   }
   bool WriteStart(std::ostream& stream) const;
+  zr::NodeStore& Store() const;
+  [[gnu::cold]] void PartFromStore() noexcept;
+  bool FreeStore() noexcept;
   [[gnu::cold]] void RequireFreeSlow(const ZrXMLComplexElement& node) const;
   void SetFlag(unsigned flag, bool on) { flags_ = on ? flags_ | flag : flags_ & ~flag; }
   ZrXMLComplexElement* ContentChild(bool skipText, int index);

@@ -170,6 +170,10 @@ Document Document::ReadText(std::string_view text, DocumentKind kind, std::strin
   if (text.find('\'') != std::string_view::npos) EscapeQuotes(*top);
   (void)splitter.top.release();
   tree->top.reset(top);
+  if (!top->Children().empty() && reader.Pool().CanKeepWhole()) {
+    top->MarkTopOfStore();
+    reader.Pool().KeepWhole();
+  }
   return Document(std::move(tree));
 }
 

@@ -229,6 +229,7 @@ void FillXmlDocument(ZrDTD& dtd) {
         return MakeFacadeElement(own.SharedName(text), false);
       },
       true);
+  dtd.SetNodes(ZrDTD::Nodes::kPlainDocument);
 }
 
 void FillPageDocument(ZrDTD& dtd) {

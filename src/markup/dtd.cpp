@@ -16,6 +16,7 @@ void ZrDTD::AddState(std::unique_ptr<ZrDTDElementRead> prototype, Factory factor
   if (states_.size() == 64) throw std::length_error("a DTD has at most 64 states");
   states_.insert(place, State{std::move(prototype), factory, container});
   indexed_ = false;
+  nodes_ = Nodes::kAny;
 }
 
 void ZrDTD::Index() {

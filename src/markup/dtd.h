@@ -42,6 +42,19 @@ class ZrDTD {
   /// Registers a state; states are tried in the byte-wise order of their names. Throws ZrException
   /// "name can't be twice" for a name that is there already. At most 64 states.
   void AddState(std::unique_ptr<ZrDTDElementRead> prototype, Factory factory, bool container);
+  /// What the nodes of this kind are.
+  enum class Nodes {
+    kAny,
+    // Of classes that keep nothing outside of node memory but names, and have no hooks. A tag, a
+    // text and a run of whitespace are those of "xml".
+    kPlain,
+    // The same, where names are those of XML and elements have no lines of their own.
+    kPlainDocument,
+  };
+  /// Once all states are registered: one that is registered later may be anything.
+  void SetNodes(Nodes nodes) { nodes_ = nodes; }
+  Nodes KindOfNodes() const { return nodes_; }
+  bool HasPlainNodes() const { return nodes_ != Nodes::kAny; }
   /// Registers a state whose token only closes elements.
   void AddCloser(std::unique_ptr<ZrDTDElementRead> prototype) {
     AddState(std::move(prototype), nullptr, false);
@@ -66,6 +79,7 @@ class ZrDTD {
   std::array<std::uint64_t, 256> byFirst_{};
   std::array<std::uint64_t, 256> bySecond_{};
   bool indexed_ = false;
+  Nodes nodes_ = Nodes::kAny;
   std::set<std::string, std::less<>> voidNames_;
   std::map<std::string, TagFactory, std::less<>> tagFactories_;
 };

@@ -22,6 +22,12 @@ class ZrElementExtras {
   /// The element's value; empty when none was set.
   const std::string& value() const;
   void SetValue(ZrNameView value);
+  /// For the parser, in an element without value: a text that is not counted.
+  void SetUncounted(zr::NameText& value) noexcept { place_ = reinterpret_cast<char*>(&value); }
+  /// Whether the value is that text.
+  bool HasUncounted(const zr::NameText& value) const noexcept {
+    return place_ == reinterpret_cast<const char*>(&value);
+  }
   /// Empty when no error was noted.
   const std::string& errorText() const;
   void SetErrorText(const char* text);

@@ -28,6 +28,7 @@ std::unique_ptr<ZrDTD> MakeXml(ZrNameTable& names) {
   xml->AddState(std::make_unique<ZrDTDElementRead_Text>(), MakeTextNode<ZrXMLGenericText>, false);
   xml->AddState(std::make_unique<ZrDTDElementRead_WhitespaceText>(),
                 MakeTextNode<ZrXMLGenericWhitespace>, false);
+  xml->SetNodes(ZrDTD::Nodes::kPlain);
   return xml;
 }
 
@@ -69,7 +70,7 @@ ZrDTD* ZrDTDElementReader::FindDTD(std::string_view name) {
   if (const auto found = dtds_.find(name); found != dtds_.end()) return found->second.get();
   for (const ZrDTDDefinition& definition : definitions_) {
     if (definition.name != name) continue;
-    auto dtd = std::make_unique<ZrDTD>(definition.name, names_);
+    auto dtd = std::make_unique<ZrDTD>(names_.Intern(definition.name), names_);
     definition.fill(*dtd);
     ZrDTD* const built = dtd.get();
     AddDTD(std::move(dtd));

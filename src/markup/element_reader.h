@@ -98,6 +98,7 @@ class ZrDTDElementReader {
 
  private:
   friend class ReadTransaction;
+  friend class zr::PlainReader;
 
   // Asks the source for more bytes behind the unread ones. No: it has no more.
   bool More() {
@@ -116,7 +117,7 @@ class ZrDTDElementReader {
   std::vector<AttributeRecord> attributes_;
   std::unique_ptr<char[]> keptValues_;  // of the attributes, once the window moved
   zr::NodePool pool_;
-  ZrNameTable names_;
+  ZrNameTable names_{pool_};
   ZrXMLContentSplitter splitter_;
   const std::span<const ZrDTDDefinition> definitions_;
   std::map<std::string, std::unique_ptr<ZrDTD>, std::less<>> dtds_;

@@ -113,6 +113,7 @@ bool ZrXMLGenericElement::RemoveAttribute(std::string_view name) {
           std::make_unique<ZrXMLComplexAttributeProxy2>(member.attribute);
     }
   }
+  BeginChange();
   return Attributes() != nullptr && Attributes()->Erase(name);
 }
 

@@ -135,6 +135,8 @@ class ZrXMLGenericElement : public ZrXMLComplexElement {
   }
 
  protected:
+  friend class zr::PlainReader;
+  explicit ZrXMLGenericElement(const AsRead& read) noexcept : ZrXMLComplexElement(read) {}
   /// For classes that set closed and selfClosesWhenEmpty themselves.
   ZrXMLGenericElement(ZrNameView name, bool closed, bool selfClosesWhenEmpty, bool ownLine)
       : ZrXMLComplexElement(name, closed, selfClosesWhenEmpty) {

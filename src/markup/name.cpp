@@ -48,22 +48,28 @@ std::size_t HashOf(std::string_view text) {
 
 }  // namespace
 
-ZrNameView ZrNameTable::Intern(std::string_view text) {
-  if (text.empty()) return text;
+zr::NameText* ZrNameTable::Make(std::string_view text) {
+  auto* const name =
+      new zr::NameText{{zr::NameText::kPermanent | zr::NameText::kOfParse}, std::string(text)};
+  pool_.Keep(name);
+  return name;
+}
+
+zr::NameText& ZrNameTable::InternText(std::string_view text) {
   if (used_ * 2 >= slots_.size()) Grow();
   const std::size_t hash = HashOf(text);
   const std::size_t mask = slots_.size() - 1;
   for (std::size_t probe = 0; probe < kLongestProbe; ++probe) {
     Slot& slot = slots_[(hash + probe) & mask];
-    if (slot.name.empty()) {
+    if (slot.name == nullptr) {
+      slot.name = Make(text);
       slot.hash = hash;
-      slot.name = ZrName(text);
       ++used_;
-      return slot.name;
+      return *slot.name;
     }
-    if (slot.hash == hash && slot.name == text) return slot.name;
+    if (slot.hash == hash && slot.name->text == text) return *slot.name;
   }
-  return unshared_.emplace_back(text);
+  return *Make(text);
 }
 
 void ZrNameTable::Grow() {
@@ -71,15 +77,12 @@ void ZrNameTable::Grow() {
   old.swap(slots_);
   const std::size_t mask = slots_.size() - 1;
   used_ = 0;
-  for (Slot& entry : old) {
-    if (entry.name.empty()) continue;
+  for (const Slot& entry : old) {
+    if (entry.name == nullptr) continue;
     std::size_t probe = 0;
-    while (probe < kLongestProbe && !slots_[(entry.hash + probe) & mask].name.empty()) ++probe;
-    if (probe == kLongestProbe) {
-      unshared_.push_back(std::move(entry.name));  // views of it are about, so it stays
-    } else {
-      slots_[(entry.hash + probe) & mask] = std::move(entry);
-      ++used_;
-    }
+    while (probe < kLongestProbe && slots_[(entry.hash + probe) & mask].name != nullptr) ++probe;
+    if (probe == kLongestProbe) continue;  // its text gets another name from here on
+    slots_[(entry.hash + probe) & mask] = entry;
+    ++used_;
   }
 }

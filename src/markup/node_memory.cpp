@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "markup/name.h"
 #include "markup/spare_chunks.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -20,22 +21,6 @@
 
 namespace zr {
 
-// Trivial through and through: nothing to destroy when a thread ends or the library is unloaded.
-struct NodePool::ThreadMemory {
-  NodePool* pool;  // whose Scope is open
-  unsigned freeings;
-  // Inside a NodeFreeing: the chunk of the pieces freed last, and how many are still to be counted
-  // off.
-  Chunk* chunk;
-  std::uint64_t count;
-
-  void CountOff() {
-    if (chunk != nullptr) Drop(chunk, count);
-    chunk = nullptr;
-    count = 0;
-  }
-};
-
 constinit thread_local NodePool::ThreadMemory NodePool::thread{nullptr, 0, nullptr, 0};
 
 namespace {
@@ -46,10 +31,7 @@ constinit SpareChunks spareChunks;
 // is aligned.
 constexpr std::size_t kAlign = alignof(std::max_align_t);
 constexpr std::size_t kLead = sizeof(void*);
-
-constexpr std::size_t Rounded(std::size_t size) {
-  return (size + kLead + kAlign - 1) & ~(kAlign - 1);
-}
+constexpr std::size_t kHead = 3 * kAlign;  // of a chunk, with the first piece's lead
 
 void*& LeadOf(void* piece) { return static_cast<void**>(piece)[-1]; }
 
@@ -78,7 +60,7 @@ void*& LinkOf(void* piece) {
 // A piece of another chunk than the one before, or one that is freed on its own.
 void NodePool::ReturnFirst(Chunk* chunk) noexcept {
   if (thread.freeings == 0) {
-    Drop(chunk, 1);
+    NodeStore::Drop(chunk, 1);
     return;
   }
   thread.CountOff();
@@ -91,6 +73,10 @@ inline void NodePool::Return(Chunk* chunk) noexcept {
     ReturnFirst(chunk);
   else
     ++thread.count;
+}
+
+void NodePool::MarkCut(void* piece, std::size_t size) noexcept {
+  MarkUsed(static_cast<char*>(piece) - kLead, size + kLead);
 }
 
 namespace {
@@ -106,8 +92,9 @@ namespace {
 
 void* AllocateNodeMemory(std::size_t size) {
   NodePool* const pool = NodePool::thread.pool;
-  if (pool == nullptr || size > NodePool::kLargestPiece) return AllocateFromHeap(size);
-  const std::size_t step = Rounded(size);
+  if (pool == nullptr) return AllocateFromHeap(size);
+  if (size > NodePool::kLargestPiece) return pool->CutAlone(size);
+  const std::size_t step = NodePool::PieceSize(size);
   void*& freed = pool->freed_[step / NodePool::kGrain];
   if (freed != nullptr) {
     void* const piece = freed;
@@ -115,13 +102,8 @@ void* AllocateNodeMemory(std::size_t size) {
     MarkUsed(piece, size);
     return piece;
   }
-  if (static_cast<std::size_t>(pool->end_ - pool->next_) < step) pool->Renew(step);
-  void* const piece = pool->next_;
-  MarkUsed(static_cast<char*>(piece) - kLead, size + kLead);
-  LeadOf(piece) = pool->chunk_;
-  pool->next_ += step;
-  ++pool->cut_;
-  return piece;
+  pool->Reserve(step);
+  return pool->Cut(size);
 }
 
 void FreeNodeMemory(void* piece, std::size_t size) noexcept {
@@ -132,12 +114,17 @@ void FreeNodeMemory(void* piece, std::size_t size) noexcept {
     return;
   }
   MarkUnused(piece, size);
-  NodePool::ThreadMemory& thread = NodePool::thread;
-  if (thread.pool == nullptr) {
+  NodePool* const pool = NodePool::thread.pool;
+  if (pool == nullptr || pool->store_ != chunk->store) {
     NodePool::Return(chunk);
     return;
   }
-  void*& freed = thread.pool->freed_[Rounded(size) / NodePool::kGrain];
+  if (size > NodePool::kLargestPiece) {
+    pool->store_->LetGo(chunk);
+    NodePool::Return(chunk);
+    return;
+  }
+  void*& freed = pool->freed_[NodePool::PieceSize(size) / NodePool::kGrain];
   LinkOf(piece) = freed;
   freed = piece;
 }
@@ -148,14 +135,37 @@ NodePool::Scope::~Scope() { thread.pool = outer_; }
 
 NodePool::~NodePool() {
   Retire();
-  const NodeFreeing freeing;
-  for (void* piece : freed_) {
-    while (piece != nullptr) {
-      void* const next = LinkOf(piece);
-      Return(static_cast<Chunk*>(LeadOf(piece)));
-      piece = next;
+  {
+    const NodeFreeing freeing;
+    for (void* piece : freed_) {
+      while (piece != nullptr) {
+        void* const next = LinkOf(piece);
+        Return(static_cast<Chunk*>(LeadOf(piece)));
+        piece = next;
+      }
     }
   }
+  if (keepWhole_ && CanKeepWhole()) {
+    store_->state_.store(NodeStore::State::kWhole, std::memory_order_relaxed);
+    store_->LetGoEmpty();
+  } else {
+    store_->LetGoAll();
+  }
+  store_->Release(1);
+}
+
+bool NodePool::CanKeepWhole() const noexcept {
+  return store_->state_.load(std::memory_order_relaxed) == NodeStore::State::kOpen;
+}
+
+void NodePool::PartOpen() noexcept {
+  if (thread.pool != nullptr)
+    thread.pool->store_->state_.store(NodeStore::State::kParted, std::memory_order_relaxed);
+}
+
+void NodePool::Keep(NameText* name) noexcept {
+  name->next = store_->names_;
+  store_->names_ = name;
 }
 
 NodeFreeing::NodeFreeing() noexcept { ++NodePool::thread.freeings; }
@@ -165,16 +175,94 @@ NodeFreeing::~NodeFreeing() {
   if (--thread.freeings == 0) thread.CountOff();
 }
 
-void NodePool::Drop(Chunk* chunk, std::uint64_t count) noexcept {
-  const std::uint64_t left = chunk->pieces.fetch_sub(count, std::memory_order_acq_rel) - count;
-  if (left == kLarge)
+NodeStore& NodeStore::Of(const void* piece) noexcept {
+  return *static_cast<Chunk*>(LeadOf(const_cast<void*>(piece)))->store;
+}
+
+NodeStore::~NodeStore() {
+  while (names_ != nullptr) delete std::exchange(names_, names_->next);
+}
+
+void NodeStore::Release(std::uint64_t count) noexcept {
+  if (users_.fetch_sub(count, std::memory_order_acq_rel) == count) delete this;
+}
+
+void NodeStore::Free(Chunk* chunk, bool large) noexcept {
+  if (large)
     spareChunks.Keep(chunk);
-  else if (left == 0)
+  else
     std::free(chunk);
 }
 
+void NodeStore::Drop(Chunk* chunk, std::uint64_t count) noexcept {
+  const std::uint64_t left = chunk->pieces.fetch_sub(count, std::memory_order_acq_rel) - count;
+  if (left != 0 && left != kLarge) return;
+  NodeStore* const store = chunk->store;
+  Free(chunk, left == kLarge);
+  store->Release(1);
+}
+
+void NodeStore::Hold(Chunk* chunk) noexcept {
+  chunk->next = held_;
+  chunk->previous = nullptr;
+  if (held_ != nullptr) held_->previous = chunk;
+  held_ = chunk;
+  users_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void NodeStore::LetGo(Chunk* chunk) noexcept {
+  (chunk->previous != nullptr ? chunk->previous->next : held_) = chunk->next;
+  if (chunk->next != nullptr) chunk->next->previous = chunk->previous;
+  Drop(chunk, kHeld);
+}
+
+void NodeStore::LetGoAll() noexcept {
+  // The last piece may have gone: then this goes with its last chunk.
+  for (Chunk* chunk = std::exchange(held_, nullptr); chunk != nullptr;)
+    Drop(std::exchange(chunk, chunk->next), kHeld);
+}
+
+void NodeStore::LetGoEmpty() noexcept {
+  for (Chunk* chunk = held_; chunk != nullptr;) {
+    Chunk* const next = chunk->next;
+    if ((chunk->pieces.load(std::memory_order_relaxed) & ~kLarge) == kHeld) LetGo(chunk);
+    chunk = next;
+  }
+}
+
+void NodeStore::Part() noexcept {
+  const State state = state_.load(std::memory_order_relaxed);
+  if (state == State::kParted) return;
+  // What the parse itself does to its nodes goes through its pool.
+  NodePool* const pool = NodePool::thread.pool;
+  if (state == State::kOpen && pool != nullptr && pool->store_ == this) return;
+  state_.store(State::kParted, std::memory_order_relaxed);
+  if (state == State::kWhole) LetGoAll();
+}
+
+void NodeStore::FreeAllBut(const void* piece) noexcept {
+  NodePool::thread.CountOff();
+  Chunk* const kept =
+      piece != nullptr ? static_cast<Chunk*>(LeadOf(const_cast<void*>(piece))) : nullptr;
+  std::uint64_t freed = 0;
+  for (Chunk* chunk = std::exchange(held_, nullptr); chunk != nullptr;) {
+    Chunk* const next = chunk->next;
+    const std::uint64_t large = chunk->pieces.load(std::memory_order_acquire) & kLarge;
+    if (chunk == kept) {
+      chunk->pieces.store(large | 1, std::memory_order_relaxed);
+    } else {
+      Free(chunk, large != 0);
+      ++freed;
+    }
+    chunk = next;
+  }
+  state_.store(State::kParted, std::memory_order_relaxed);
+  if (freed != 0) Release(freed);
+}
+
 void NodePool::Retire() noexcept {
-  if (chunk_ != nullptr) Drop(std::exchange(chunk_, nullptr), kInUse - std::exchange(cut_, 0));
+  if (chunk_ != nullptr)
+    NodeStore::Drop(std::exchange(chunk_, nullptr), NodeStore::kInUse - std::exchange(cut_, 0));
 }
 
 namespace {
@@ -194,17 +282,28 @@ void* AllocateChunk(std::size_t size, bool large) {
 }  // namespace
 
 void NodePool::Renew(std::size_t size) {
-  static_assert(sizeof(Chunk) + kLead <= kAlign);
-  const std::size_t room = std::max(chunkSize_, size + kAlign);
+  const std::size_t room = std::max(chunkSize_, size + kHead);
   chunkSize_ = std::min(chunkSize_ * 2, kLargestChunk);
   const bool large = room == kLargePage;
   char* const memory = static_cast<char*>(AllocateChunk(room, large));
   Retire();
-  chunk_ = new (memory) Chunk{{kInUse + (large ? kLarge : 0)}};
-  // The first piece's lead lies in the first aligned block, behind the chunk's count.
-  next_ = memory + kAlign;
+  chunk_ = new (memory) Chunk{
+      {NodeStore::kInUse + NodeStore::kHeld + (large ? NodeStore::kLarge : 0)}, store_, {}, {}};
+  store_->Hold(chunk_);
+  // The first piece's lead lies in the block before it, behind the head of the chunk.
+  static_assert(sizeof(Chunk) + kLead <= kHead);
+  next_ = memory + kHead;
   end_ = memory + room;
   MarkUnused(memory + sizeof(Chunk), room - sizeof(Chunk));
+}
+
+void* NodePool::CutAlone(std::size_t size) {
+  char* const memory = static_cast<char*>(AllocateChunk(kHead + size, false));
+  Chunk* const chunk = new (memory) Chunk{{NodeStore::kHeld + 1}, store_, {}, {}};
+  store_->Hold(chunk);
+  void* const piece = memory + kHead;
+  LeadOf(piece) = chunk;
+  return piece;
 }
 
 }  // namespace zr

@@ -5,6 +5,7 @@
 
 #include "base/exception.h"
 #include "markup/element_reader_stream.h"
+#include "markup/plain_reader.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ void Builder::LookUp() {
   if (dtd_ == nullptr)
     throw ZrException("DTD '" + splitter_.dtdName.str() + "' not defined", 986, "src");
   splitter_.dtdName = dtd_->Name();  // the same text, shared by all who keep it
+  if (!dtd_->HasPlainNodes()) zr::NodePool::PartOpen();
   judged_ = nullptr;
 }
 
@@ -50,6 +52,7 @@ void Builder::Run(bool stopAfterOne) {
   for (bool used = false; !(used && stopAfterOne);) {
     if (!reader_.HasUnread() && reader_.AtEnd()) break;
     if (dtd_ == nullptr) LookUp();
+    if (!stopAfterOne && zr::PlainReader(splitter_, reader_, *dtd_).Run()) judged_ = nullptr;
     ZrDTD::State* const state = dtd_->Recognise(reader_);
     if (state == nullptr) {
       if (!reader_.HasUnread() && reader_.AtEnd()) continue;
@@ -111,6 +114,7 @@ void Builder::Build(ZrDTD::State& state) {
         element->SetAttribute(record.name, record.bare ? std::string_view("true") : record.value);
     }
   }
+  if (dtd_->HasPlainNodes()) node->MarkAsRead();
   ZrXMLComplexElement* const added = splitter_.current->Adopt(std::move(node));
   if (token.SelfClosed() || !state.container)
     added->Completed();
@@ -164,6 +168,11 @@ std::unique_ptr<ZrXMLComplexElement> zr::ParseStream(
     for (ZrXMLComplexElement* node : top->Children()) {
       if (!node->OwnLine()) continue;
       top->RemoveChild(node);
+      // What stands beside it goes with the reader, before the pool.
+      if (reader.Pool().CanKeepWhole()) {
+        node->MarkTopOfStore();
+        reader.Pool().KeepWhole();
+      }
       return std::unique_ptr<ZrXMLComplexElement>(node);
     }
   } catch (const ZrException& error) {

@@ -17,6 +17,24 @@ class ZrShortText {
   ZrShortText& operator=(const ZrShortText&) = delete;
   ~ZrShortText() { Free(); }
 
+  /// A text of which sixteen bytes may be read, however short it is, and the piece of its size
+  /// where it goes when it is longer than kInside.
+  struct Source {
+    const char* text;
+    std::size_t size;
+    void* piece;
+  };
+  static constexpr std::size_t kInside = 15;
+  explicit ZrShortText(const Source& source) noexcept {
+    if (source.size > kInside) {
+      std::memcpy(source.piece, source.text, source.size);
+      KeepPiece(static_cast<char*>(source.piece), source.size);
+    } else {
+      std::memcpy(bytes_, source.text, sizeof bytes_);
+      bytes_[kInside] = static_cast<char>(source.size);
+    }
+  }
+
   std::string_view view() const {
     const auto tag = static_cast<unsigned char>(bytes_[kInside]);
     return tag != kOutside ? std::string_view(bytes_, tag) : std::string_view(data(), size());
@@ -29,7 +47,6 @@ class ZrShortText {
 
  private:
   struct Take {};
-  static constexpr std::size_t kInside = 15;
   static constexpr unsigned char kOutside = 0xff;  // the tag of a text in node memory
 
   // Takes the bytes over and leaves nothing to free.
@@ -46,6 +63,13 @@ class ZrShortText {
     StoreLong(text);
   }
   void StoreLong(std::string_view text);
+  void KeepPiece(char* piece, std::size_t length) {
+    std::memcpy(bytes_, &piece, sizeof piece);
+    // Seven bytes of the size fit; the eighth is the tag.
+    for (std::size_t i = sizeof piece; i < kInside; ++i, length >>= 8)
+      bytes_[i] = static_cast<char>(length & 0xff);
+    bytes_[kInside] = static_cast<char>(kOutside);
+  }
   // Two loads, which may overlap, before any store: the source may be these very bytes.
   template <class Word>
   void CopyEnds(const char* from, std::size_t count) {

@@ -40,6 +40,9 @@ void ZrXML_Comment2::Write(std::ostream& stream) const {
 
 ZrXMLGenericText::ZrXMLGenericText(std::string_view text) : ZrXMLTextCarrier(kText, text) {}
 
+ZrXMLGenericText::ZrXMLGenericText(const ZrShortText::Source& text) noexcept
+    : ZrXMLTextCarrier({kText.text()}, text) {}
+
 void ZrXMLGenericText::Write(std::ostream& stream) const {
   WritePrologue(stream);
   zr::Put(stream, text());
@@ -47,6 +50,9 @@ void ZrXMLGenericText::Write(std::ostream& stream) const {
 
 ZrXMLGenericWhitespace::ZrXMLGenericWhitespace(std::string_view text)
     : ZrXMLTextCarrier(kWhitespace, text) {}
+
+ZrXMLGenericWhitespace::ZrXMLGenericWhitespace(const ZrShortText::Source& text) noexcept
+    : ZrXMLTextCarrier({kWhitespace.text()}, text) {}
 
 void ZrXMLGenericWhitespace::Write(std::ostream& stream) const {
   WritePrologue(stream);

@@ -23,6 +23,8 @@ class ZrXMLTextCarrier : public ZrXMLGenericElement {
  protected:
   ZrXMLTextCarrier(ZrNameView name, std::string_view text)
       : ZrXMLGenericElement(name, false), text_(text) {}
+  ZrXMLTextCarrier(const AsRead& read, const ZrShortText::Source& text) noexcept
+      : ZrXMLGenericElement(read), text_(text) {}
 
  private:
   const ZrShortText text_;
@@ -53,6 +55,10 @@ class ZrXMLGenericText : public ZrXMLTextCarrier {
  public:
   explicit ZrXMLGenericText(std::string_view text);
   void Write(std::ostream& stream) const override;
+
+ private:
+  friend class zr::PlainReader;
+  explicit ZrXMLGenericText(const ZrShortText::Source& text) noexcept;
 };
 
 /// Whitespace run, named "xmlwhitespace": written as it is.
@@ -60,4 +66,8 @@ class ZrXMLGenericWhitespace : public ZrXMLTextCarrier {
  public:
   explicit ZrXMLGenericWhitespace(std::string_view text);
   void Write(std::ostream& stream) const override;
+
+ private:
+  friend class zr::PlainReader;
+  explicit ZrXMLGenericWhitespace(const ZrShortText::Source& text) noexcept;
 };
