@@ -10,8 +10,9 @@
 
 // A queue is two texts: lines are appended to the one while the other is being written, and the
 // writer's thread swaps them. It sleeps in one poll for all sinks: until a line comes to a queue
-// that had none, until a sink that was full takes some again, or until the pause behind a batch is
-// over. So a line costs its maker a short lock, and a batch one wake-up.
+// that was quiet, until a sink that was full takes some again, or until the pause behind a batch is
+// over; a queue that has nothing at the end of its pause is quiet. So a line costs its maker a
+// short lock, and only the first one behind a silence a wake-up.
 
 namespace {
 
@@ -57,29 +58,20 @@ bool ZrLineQueue::Add(std::string_view text, std::string_view end) {
   return true;
 }
 
-bool ZrLineQueue::Push(std::string_view line) noexcept {
-  bool first = false;
-  bool added = false;
-  {
-    const ZrLock hold(lock_);
-    first = filling_.empty() && lost_ == 0;
-    added = Add(line, "\n");
-    first = NotesCrowd() || first;
-  }
-  if (first || !ZrLineWriter::Instance().Runs()) ZrLineWriter::Instance().Wake();
-  return added;
-}
+bool ZrLineQueue::Push(std::string_view line) noexcept { return PushText(line, "\n"); }
 
-bool ZrLineQueue::PushLines(std::string_view lines) noexcept {
-  bool first = false;
+bool ZrLineQueue::PushLines(std::string_view lines) noexcept { return PushText(lines, {}); }
+
+bool ZrLineQueue::PushText(std::string_view text, std::string_view end) noexcept {
+  bool wakes = false;
   bool added = false;
   {
     const ZrLock hold(lock_);
-    first = filling_.empty() && lost_ == 0;
-    added = Add(lines, {});
-    first = NotesCrowd() || first;
+    const bool first = filling_.empty() && lost_ == 0;
+    added = Add(text, end);
+    wakes = NotesCrowd() || (first && !attended_);
   }
-  if (first || !ZrLineWriter::Instance().Runs()) ZrLineWriter::Instance().Wake();
+  if (wakes || !ZrLineWriter::Instance().Runs()) ZrLineWriter::Instance().Wake();
   return added;
 }
 
@@ -229,9 +221,10 @@ bool ZrLineQueue::Take(bool hurry, Clock::time_point& next) {
     }
   }
   next = kindsDue_;
-  if (!IsPending()) return false;
-  if (now < nextBatch_ && !hurry && flushing_ == 0 && !crowded_) {
-    next = std::min(next, nextBatch_);
+  attended_ = now < nextBatch_ || IsPending();
+  const bool early = now < nextBatch_ && !hurry && flushing_ == 0 && !crowded_;
+  if (early || !IsPending()) {
+    if (now < nextBatch_) next = std::min(next, nextBatch_);
     return false;
   }
   written_ = 0;

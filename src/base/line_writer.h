@@ -6,10 +6,11 @@
 // place once it takes some again. A full disk is said once on standard error.
 //
 // The first line of a quiet queue is written at once, those behind it at most 50 ms later in one
-// write, or as soon as they are many. The thread starts with the first line and is joined when the
-// last owner of jobs goes, the library is unloaded or the process exits, after at most a second for
-// what is still queued. Where the system has no thread to give, whoever has a line writes what its
-// sink takes at once.
+// write, or as soon as they are many; until a queue is quiet again the thread comes by itself, so
+// lines that follow each other wake nobody. The thread starts with the first line and is joined
+// when the last owner of jobs goes, the library is unloaded or the process exits, after at most a
+// second for what is still queued. Where the system has no thread to give, whoever has a line
+// writes what its sink takes at once.
 
 #include <atomic>
 #include <chrono>
@@ -61,6 +62,7 @@ class ZrLineQueue {
     std::uint64_t leftOut = 0;
   };
 
+  bool PushText(std::string_view text, std::string_view end) noexcept ZR_EXCLUDES(lock_);
   bool Add(std::string_view text, std::string_view end) ZR_REQUIRES(lock_);
   bool NotesCrowd() ZR_REQUIRES(lock_);
   void AddLeftOut(Kind& kind) ZR_REQUIRES(lock_);
@@ -92,6 +94,8 @@ class ZrLineQueue {
   int flushing_ ZR_GUARDED_BY(lock_) = 0;      // so many wait in Flush(): no pauses
   bool closed_ ZR_GUARDED_BY(lock_) = false;   // nobody adds any more
   bool busy_ ZR_GUARDED_BY(lock_) = false;     // a batch is being written
+  // The thread comes by itself: at the end of a pause, or when the sink takes some again.
+  bool attended_ ZR_GUARDED_BY(lock_) = false;
   std::uint64_t batches_ ZR_GUARDED_BY(lock_) = 0;  // written or lost so far
   ZrCondition batchDone_;                           // batches_ grew, or busy_ fell
 

@@ -113,6 +113,22 @@ TEST(LineWriter, ARestOfItsThreadLosesNoLine) {
   ZrLineWriter::Instance().Close(*queue);
 }
 
+// At any distance from the one before: in the pause behind its batch, at its end, and in silence.
+TEST(LineWriter, ALineComesWithoutAnybodyWhoAsksForIt) {
+  const zrtest::TemporaryFolder folder;
+  ZrLineSink sink;
+  ASSERT_EQ(ZrLineSink::OpenFile(folder.Path("log"), sink), 0);
+  const auto queue = ZrLineWriter::Instance().Open(std::move(sink), "the log");
+  std::string expected;
+  for (int i = 0; i < 24; ++i) {
+    std::this_thread::sleep_for(ZrLineQueue::kPause * (i % 8) / 5);
+    queue->Push(std::to_string(i));
+    expected += std::to_string(i) + "\n";
+    ASSERT_TRUE(zrtest::WaitFor([&] { return zrtest::ReadFile(folder.Path("log")) == expected; }));
+  }
+  ZrLineWriter::Instance().Close(*queue);
+}
+
 TEST(LineWriter, AFullDiskIsSaidOnce) {
   testing::internal::CaptureStderr();
   ZrLineSink sink;
