@@ -110,12 +110,13 @@ bool IsFramingField(std::string_view name) {
 bool ReadField(ZrXHeader& message, std::string_view line) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos || colon == 0) return false;
-  std::string& name = message.reading.scratch;
-  name.resize(colon);
+  char* const name = message.headers.Space(line.size());
   for (std::size_t at = 0; at < colon; ++at)
     if ((name[at] = zr::LowerTokenByte(line[at])) == '\0') return false;
-  message.headers.Append(name, zr::TrimBlanks(line.substr(colon + 1)));
-  message.reading.framed = message.reading.framed || IsFramingField(name);
+  const std::string_view value = zr::TrimBlanks(line.substr(colon + 1));
+  std::copy(value.begin(), value.end(), name + colon);
+  message.reading.framed = message.reading.framed || IsFramingField({name, colon});
+  message.headers.Enter(colon, value.size());
   return true;
 }
 
