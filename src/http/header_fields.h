@@ -32,7 +32,9 @@ class ZrHeaderFields {
              (text.size() <= sizeof start || text == other.text);
     }
     bool operator<(const Name& other) const {
-      return start != other.start ? start < other.start : text < other.text;
+      if (start != other.start) return start < other.start;
+      const bool whole = text.size() <= sizeof start && other.text.size() <= sizeof start;
+      return whole ? text.size() < other.text.size() : text < other.text;
     }
     std::string_view text;
     std::uint64_t start;

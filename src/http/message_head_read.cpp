@@ -205,7 +205,9 @@ bool ZrXHeader::ParseHeadLine(std::string_view line) {
 
 // Answers whether the line was recognised; any other ends the head.
 bool ZrXHeader::ParseFirstLine(std::string_view line) {
-  headers.Reserve(std::min(body->Size(), zr::kMaxHeadBytes) + kWordBytes, kUsualLines);
+  headers.Reserve(
+      std::min(body->Size(), zr::kMaxHeadBytes) + 3 * zr::kFirstLine.size() + kWordBytes,
+      kUsualLines);
   const FirstWords parts(line);
   const std::string_view first = parts.words[0];
 

@@ -75,7 +75,7 @@ void ZrMinimalSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) co
   // The head of a program goes only with a body that has one; every answer gets its empty line, or
   // the client would take the body for more of the head.
   std::string programHead;
-  if (answer.filePath.empty()) {
+  if (!answer.HasFileBody()) {
     if (answer.cgiHeadPending && answer.body) {
       const std::string_view output = answer.body->Unread();
       programHead = output.substr(0, zr::ProgramHeadSize(output));

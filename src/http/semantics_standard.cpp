@@ -143,8 +143,8 @@ void AddBodyFields(const ZrXHeader& answer, bool endless, zr::HeadText& head) {
   const bool typed = answer.readyFields && answer.readyBytes == answer.readyFields->size();
   if ((answer.contentLength != 0 || endless) && !typed &&
       !answer.headers.contains("content-type")) {
-    head.Add(answer.filePath.empty() ? "\r\nContent-Type: text/html; charset=utf-8"
-                                     : "\r\nContent-Type: application/octet-stream");
+    head.Add(answer.HasFileBody() ? "\r\nContent-Type: application/octet-stream"
+                                  : "\r\nContent-Type: text/html; charset=utf-8");
   }
   head.Add("\r\nX-Content-Type-Options: nosniff");
 }
@@ -186,7 +186,7 @@ bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
 
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
   if (answer.status < 200 || answer.status > 599) answer.status = kInternalError;
-  if (answer.filePath.empty() && !answer.streamed)
+  if (!answer.HasFileBody() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
   // An empty body is one, and has its length (RFC 9110, 15.3.6).
   const bool emptied = answer.status == kResetContent;
