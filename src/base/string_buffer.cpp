@@ -1,6 +1,8 @@
 #include "base/string_buffer.h"
 
 #include <algorithm>
+#include <limits>
+#include <stdexcept>
 #include <utility>
 
 namespace {
@@ -8,6 +10,9 @@ namespace {
 // An emptied buffer gives back more memory than this, so that one large message does not stay
 // with its connection for good.
 constexpr std::size_t kKeptCapacity = std::size_t{64} * 1024;
+// The least memory, and what sizes are rounded up to.
+constexpr std::size_t kGrain = 64;
+constexpr std::size_t kMostBytes = std::numeric_limits<std::size_t>::max() / 4;
 
 }  // namespace
 
@@ -21,71 +26,27 @@ ZrStringBuf::ZrStringBuf(std::string_view bytes, std::shared_ptr<const void> own
     : owner_(std::move(owner)) {
   // Nothing writes through a get area.
   char* const start = const_cast<char*>(bytes.data());
-  setg(start, start, start + bytes.size());
+  limit_ = start + bytes.size();
+  setg(start, start, limit_);
 }
 
 ZrStringBuf::ZrStringBuf(ZrStringBuf&& other) noexcept { *this = std::move(other); }
 
 ZrStringBuf& ZrStringBuf::operator=(ZrStringBuf&& other) noexcept {
   if (this == &other) return *this;
-  const std::size_t readOffset = other.ReadOffset();
+  ReleaseMemory();
+  setg(other.eback(), other.gptr(), other.egptr());
+  limit_ = std::exchange(other.limit_, nullptr);
   owner_ = std::move(other.owner_);
-  if (owner_) {
-    setg(other.eback(), other.gptr(), other.egptr());
-    storage_ = Bytes();
-    end_ = 0;
-    other.Clear();
-    return *this;
-  }
-  storage_ = std::move(other.storage_);
-  end_ = std::exchange(other.end_, 0);
-  // A short text lies inside the string object, so the pointers cannot travel.
-  SetArea(readOffset);
-  other.storage_.clear();
-  other.SetArea(0);
+  other.setg(nullptr, nullptr, nullptr);
   return *this;
-}
-
-void ZrStringBuf::Append(std::string_view bytes) {
-  if (!owner_ && storage_.size() == end_ && storage_.capacity() - end_ >= bytes.size()) {
-    const std::size_t readOffset = ReadOffset();
-    storage_.append(bytes);
-    end_ += bytes.size();
-    return SetArea(readOffset);
-  }
-  MakeRoom(bytes.size());
-  const std::size_t readOffset = ReadOffset();
-  storage_.resize(end_);
-  storage_.append(bytes);
-  end_ = storage_.size();
-  SetArea(readOffset);
-}
-
-void ZrStringBuf::Reserve(std::size_t bytes) {
-  if (bytes > Size()) MakeRoom(bytes - Size());
-}
-
-std::span<char> ZrStringBuf::Prepare(std::size_t bytes) {
-  MakeRoom(bytes);
-  const std::size_t readOffset = ReadOffset();
-  storage_.resize(end_ + bytes);
-  SetArea(readOffset);
-  return {storage_.data() + end_, bytes};
-}
-
-void ZrStringBuf::Commit(std::size_t bytes) noexcept {
-  const std::size_t readOffset = ReadOffset();
-  end_ += std::min(bytes, storage_.size() - end_);
-  SetArea(readOffset);
 }
 
 void ZrStringBuf::Consume(std::size_t bytes) noexcept {
   if (bytes >= Size())
     Clear();
-  else if (owner_)
-    setg(eback(), gptr() + bytes, egptr());
   else
-    SetArea(ReadOffset() + bytes);
+    setg(eback(), gptr() + bytes, egptr());
 }
 
 std::string ZrStringBuf::Take() {
@@ -95,13 +56,11 @@ std::string ZrStringBuf::Take() {
 }
 
 void ZrStringBuf::Clear() noexcept {
+  if (!owner_ && Capacity() <= kKeptCapacity) return setg(eback(), eback(), eback());
+  ReleaseMemory();
   owner_ = nullptr;
-  if (storage_.capacity() > kKeptCapacity)
-    storage_ = Bytes();
-  else
-    storage_.clear();
-  end_ = 0;
-  SetArea(0);
+  limit_ = nullptr;
+  setg(nullptr, nullptr, nullptr);
 }
 
 ZrStringBuf::int_type ZrStringBuf::underflow() {
@@ -118,35 +77,32 @@ std::streamsize ZrStringBuf::xsputn(const char* bytes, std::streamsize count) {
   return count;
 }
 
-void ZrStringBuf::SetArea(std::size_t readOffset) noexcept {
-  char* const start = storage_.data();
-  setg(start, start + readOffset, start + end_);
-}
-
-// Makes bytes of another owner this buffer's own.
-void ZrStringBuf::TakeOver() {
-  storage_ = Unread();
-  end_ = storage_.size();
-  owner_ = nullptr;
-  SetArea(0);
-}
-
 // Room for more bytes behind the end. The unread bytes move to the front only when at least as many
 // were consumed before them, and otherwise the memory at least doubles: either way each byte moves
 // a bounded number of times however the appends are cut.
 void ZrStringBuf::MakeRoom(std::size_t bytes) {
-  if (owner_) TakeOver();
   const std::size_t unread = Size();
-  std::size_t readOffset = ReadOffset();
-  if (storage_.capacity() - end_ < bytes && readOffset != 0 && readOffset >= unread) {
-    storage_.resize(end_);
-    storage_.erase(0, readOffset);
-    end_ = unread;
-    readOffset = 0;
+  if (!owner_) {
+    const auto consumed = static_cast<std::size_t>(gptr() - eback());
+    if (bytes <= Room()) return;
+    if (consumed >= unread && bytes <= Capacity() - unread) return MoveTo(eback(), Capacity());
   }
-  if (storage_.capacity() - end_ < bytes) {
-    storage_.resize(end_);
-    storage_.reserve(std::max(end_ + bytes, 2 * storage_.capacity()));
-  }
-  SetArea(readOffset);
+  if (bytes > kMostBytes - unread) throw std::length_error("ZrStringBuf");
+  const std::size_t wanted = std::max(unread + bytes, owner_ ? 0 : 2 * Capacity());
+  const std::size_t capacity = (wanted + kGrain - 1) / kGrain * kGrain;
+  MoveTo(static_cast<char*>(ZrWorkbench::Take(capacity)), capacity);
+}
+
+// The unread bytes go to the front of that memory, which may be this buffer's own.
+void ZrStringBuf::MoveTo(char* memory, std::size_t capacity) noexcept {
+  const std::size_t unread = Size();
+  if (unread > 0) std::memmove(memory, gptr(), unread);
+  if (owner_ || memory != eback()) ReleaseMemory();
+  owner_ = nullptr;
+  limit_ = memory + capacity;
+  setg(memory, memory, memory + unread);
+}
+
+void ZrStringBuf::ReleaseMemory() noexcept {
+  if (!owner_ && eback() != nullptr) ZrWorkbench::Release(eback(), Capacity());
 }

@@ -6,6 +6,7 @@
 // Threads: one at a time; whoever shares a buffer guards it.
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <streambuf>
@@ -29,17 +30,27 @@ class ZrStringBuf : public std::streambuf, public ZrOnWorkbench {
   ZrStringBuf& operator=(ZrStringBuf&& other) noexcept;
   ZrStringBuf(const ZrStringBuf&) = delete;
   ZrStringBuf& operator=(const ZrStringBuf&) = delete;
-  ~ZrStringBuf() override = default;
+  ~ZrStringBuf() override { ReleaseMemory(); }
 
   /// Adds bytes at the end. They must not lie in this buffer. Invalidates views.
-  void Append(std::string_view bytes);
+  void Append(std::string_view bytes) {
+    if (bytes.empty()) return;
+    if (bytes.size() > Room()) MakeRoom(bytes.size());
+    std::memcpy(egptr(), bytes.data(), bytes.size());
+    setg(eback(), gptr(), egptr() + bytes.size());
+  }
   void Append(char byte) { Append(std::string_view(&byte, 1)); }
   /// Makes room for that many bytes in all without growing again. Invalidates views.
-  void Reserve(std::size_t bytes);
+  void Reserve(std::size_t bytes) {
+    if (bytes > Size() && bytes - Size() > Room()) MakeRoom(bytes - Size());
+  }
   /// Gives `bytes` bytes of writable space behind the end, for a read into the buffer; Commit()
   /// then says how many of them were filled (at most as many), and only those count.
-  std::span<char> Prepare(std::size_t bytes);
-  void Commit(std::size_t bytes) noexcept;
+  std::span<char> Prepare(std::size_t bytes) {
+    if (bytes > Room()) MakeRoom(bytes);
+    return {egptr(), bytes};
+  }
+  void Commit(std::size_t bytes) noexcept { setg(eback(), gptr(), egptr() + bytes); }
 
   /// The bytes not yet consumed. Valid until the next operation that changes the buffer.
   std::string_view Unread() const noexcept {
@@ -49,7 +60,7 @@ class ZrStringBuf : public std::streambuf, public ZrOnWorkbench {
   std::size_t Size() const noexcept { return static_cast<std::size_t>(egptr() - gptr()); }
   bool Empty() const noexcept { return gptr() == egptr(); }
   /// The heap that this buffer occupies, in bytes; none for bytes of another owner.
-  std::size_t HeapBytes() const noexcept { return owner_ ? 0 : storage_.capacity(); }
+  std::size_t HeapBytes() const noexcept { return owner_ ? 0 : Capacity(); }
   /// Drops that many bytes at the front, at most all of them.
   void Consume(std::size_t bytes) noexcept;
   /// Takes a copy of the unread bytes; the buffer is empty afterwards.
@@ -63,17 +74,16 @@ class ZrStringBuf : public std::streambuf, public ZrOnWorkbench {
   std::streamsize xsputn(const char* bytes, std::streamsize count) override;
 
  private:
-  using Bytes = std::basic_string<char, std::char_traits<char>, ZrWorkbenchAllocator<char>>;
-
-  std::size_t ReadOffset() const noexcept { return static_cast<std::size_t>(gptr() - eback()); }
-  void SetArea(std::size_t readOffset) noexcept;
+  std::size_t Capacity() const noexcept { return static_cast<std::size_t>(limit_ - eback()); }
+  std::size_t Room() const noexcept { return static_cast<std::size_t>(limit_ - egptr()); }
   void MakeRoom(std::size_t bytes);
-  void TakeOver();
+  void MoveTo(char* memory, std::size_t capacity) noexcept;
+  void ReleaseMemory() noexcept;
 
-  // The get area of the base class is the bytes from the start of storage_ to end_; its next
-  // pointer is the read position. There is no put area: writing always comes through Append().
-  Bytes storage_;
-  std::size_t end_ = 0;  // beyond it lies only space that Prepare() gave out
-  // Of bytes that lie elsewhere; the get area is then theirs, and storage_ is not used.
+  // The get area of the base class is the bytes from the start of the memory to the last one that
+  // counts; its next pointer is the read position. There is no put area: writing always comes
+  // through Append(). The memory comes from the thread's workbench and ends at limit_.
+  char* limit_ = nullptr;
+  // Of bytes that lie elsewhere; the get area is then theirs, with no room behind it.
   std::shared_ptr<const void> owner_;
 };

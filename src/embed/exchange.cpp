@@ -162,8 +162,7 @@ void velkoro::Exchange::SetFile(const std::string& path) {
     reply.UnfoldReadyFields();  // the handler may give it others
   } else {
     reply.status = 200;
-    reply.SetFileBody(path, file->Size());
-    reply.SetBodyFile(file);
+    reply.SetFileBody(file, file->Size());
   }
   statusSet_ = true;
 }
@@ -197,7 +196,7 @@ bool velkoro::Exchange::Send() {
 // What the handler left open.
 void velkoro::Exchange::Complete() {
   const bool standard = request_->semantics->IsStandard();
-  const bool hasBody = reply_->body || !reply_->filePath.empty();
+  const bool hasBody = reply_->body || reply_->HasFileBody();
   if (!statusSet_) reply_->status = standard && !hasBody ? 204 : 200;
   if (standard && !hasBody && reply_->status >= 400) {
     const std::uint64_t status = reply_->status;

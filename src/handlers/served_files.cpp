@@ -26,11 +26,29 @@ struct ZrServedFiles::BatchFiles {
   Map<std::string, Directory, std::less<>> directories;
   Map<Key, Entry, Before> files;
   std::uint64_t bytes = 0;
+  // What was asked for last, which is asked for again at once; empty or in the maps.
+  decltype(directories)::value_type* lastDirectory = nullptr;
+  decltype(files)::value_type* lastFile = nullptr;
 
   void Clear() {
+    lastDirectory = nullptr;
+    lastFile = nullptr;
     directories.clear();
     files.clear();
     bytes = 0;
+  }
+  /// Nothing when nobody has asked for it.
+  Entry* EntryOf(const ZrDirectory* start, const std::string& path) {
+    if (lastFile == nullptr || lastFile->first.first != start || lastFile->first.second != path) {
+      const auto place = files.find(Asked(start, path));
+      if (place == files.end()) return nullptr;
+      lastFile = &*place;
+    }
+    return &lastFile->second;
+  }
+  Entry& Enter(const ZrDirectory* start, const std::string& path, Entry entry) {
+    lastFile = &*files.emplace(std::pair(start, path), std::move(entry)).first;
+    return lastFile->second;
   }
   /// Whether the bytes of this file are shared; they are counted then.
   bool Shares(const ZrFile& file) {
@@ -85,38 +103,40 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
     return {.file = start ? start->OpenFile(path) : nullptr};
   }
   auto& known = batch->Of<BatchFiles>(this);
-  const Directory start = InBatch(known, directory);
+  const Directory& start = InBatch(known, directory);
   if (!start) return {};
-  const auto place = known.files.find(BatchFiles::Asked(start.get(), path));
-  if (place == known.files.end()) {
+  BatchFiles::Entry* const place = known.EntryOf(start.get(), path);
+  if (place == nullptr) {
     BatchFiles::Entry entry;
     entry.found.file = start->OpenFile(path);
-    return known.files.emplace(std::pair(start.get(), path), std::move(entry)).first->second.found;
+    return known.Enter(start.get(), path, std::move(entry)).found;
   }
-  BatchFiles::Entry& entry = place->second;
-  if (!std::exchange(entry.askedAgain, true) && entry.found.file && !entry.found.bytes &&
-      known.Shares(*entry.found.file))
+  if (!std::exchange(place->askedAgain, true) && place->found.file && !place->found.bytes &&
+      known.Shares(*place->found.file))
     // The first request reads the file into its answer; whoever asks again shares one copy.
-    Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAt(0, to); });
-  return entry.found;
+    Keep(place->found, [](const ZrFile& file, std::string& to) { return file.ReadAt(0, to); });
+  return place->found;
 }
 
-ZrServedFiles::Directory ZrServedFiles::InBatch(BatchFiles& known, const std::string& directory) {
-  auto start = known.directories.find(directory);
-  if (start == known.directories.end())
-    start = known.directories.emplace(directory, Current(directory)).first;
-  return start->second;
+const ZrServedFiles::Directory& ZrServedFiles::InBatch(BatchFiles& known,
+                                                       const std::string& directory) {
+  if (known.lastDirectory == nullptr || known.lastDirectory->first != directory) {
+    auto start = known.directories.find(directory);
+    if (start == known.directories.end())
+      start = known.directories.emplace(directory, Current(directory)).first;
+    known.lastDirectory = &*start;
+  }
+  return known.lastDirectory->second;
 }
 
 bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& path) try {
   ZrBatch* const batch = ZrBatch::Current();
   if (batch == nullptr) return false;
   auto& known = batch->Of<BatchFiles>(this);
-  const Directory start = InBatch(known, directory);
+  const Directory& start = InBatch(known, directory);
   if (!start) return true;
-  if (const auto found = known.files.find(BatchFiles::Asked(start.get(), path));
-      found != known.files.end())
-    return !found->second.found.file || found->second.found.bytes;
+  if (const auto* const entry = known.EntryOf(start.get(), path))
+    return !entry->found.file || entry->found.bytes;
   ZrFileAtHand now = start->OpenFileAtHand(path);
   if (now.answer == ZrFileAtHand::Answer::kMustWait) return false;
   BatchFiles::Entry entry;
@@ -124,7 +144,7 @@ bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& pa
   if (entry.found.file && known.Shares(*entry.found.file))
     Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAtHand(0, to); });
   const bool atHand = !entry.found.file || entry.found.bytes;
-  known.files.emplace(std::pair(start.get(), path), std::move(entry));
+  known.Enter(start.get(), path, std::move(entry));
   return atHand;
 } catch (const ZrCannotTell&) {
   return false;

@@ -49,7 +49,7 @@ class ZrServedFiles {
   using Directory = std::shared_ptr<const ZrDirectory>;
 
   /// The directory as it stands in this batch.
-  Directory InBatch(BatchFiles& known, const std::string& directory) ZR_EXCLUDES(lock_);
+  const Directory& InBatch(BatchFiles& known, const std::string& directory) ZR_EXCLUDES(lock_);
   Directory Current(const std::string& directory) ZR_EXCLUDES(lock_);
 
   ZrMutex lock_;

@@ -3,6 +3,7 @@
 // files, programs and PHP pages. A path is a list of pieces between slashes; the kernel reads some
 // lists in more than one way, and what a list could reach must not depend on who reads it.
 
+#include <cstddef>
 #include <string_view>
 
 namespace zr {
@@ -14,10 +15,10 @@ namespace zr {
 /// A slash at the end makes no piece: it says that a directory is meant. Threads: any.
 constexpr bool IsServedPath(std::string_view path) noexcept {
   if (path.empty()) return false;
-  bool begins = true;  // a piece
-  for (const char c : path) {
-    if (begins && (c == '.' || c == '/')) return false;
-    begins = c == '/';
+  for (std::size_t piece = 0; piece < path.size(); ++piece) {
+    if (path[piece] == '.' || path[piece] == '/') return false;
+    piece = path.find('/', piece);
+    if (piece == std::string_view::npos) break;
   }
   return true;
 }

@@ -185,8 +185,8 @@ bool zr::IsFormAtHand(const ZrXHeader& request, ZrServedFiles& files, const std:
          (!wanted.gzip || files.IsAtHand(directory, path + kGzipEnding));
 }
 
-void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std::string path,
-                        FileForm form, const ZrSite& site) {
+void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer,
+                        const std::string& path, FileForm form, const ZrSite& site) {
   ZrServedFiles::Found& found = form.found;
   const ZrFile& file = *found.file;
   const std::int64_t now = request.created / kTicksPerSecond;
@@ -220,8 +220,7 @@ void zr::AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std
                                                       static_cast<std::size_t>(made.range.first),
                                                       static_cast<std::size_t>(made.length));
   }
-  answer.SetFileBody(std::move(path), made.length);
-  answer.SetBodyFile(std::move(found.file));
+  answer.SetFileBody(std::move(found.file), made.length);
   answer.fileBytes = std::move(found.bytes);
 }
 

@@ -36,9 +36,9 @@ FileForm ChooseFileForm(const ZrXHeader& request, ZrServedFiles& files,
 bool IsFormAtHand(const ZrXHeader& request, ZrServedFiles& files, const std::string& directory,
                   const std::string& path);
 
-/// Makes the answer that of a GET or HEAD for that file: status, fields and body. `path` is its
-/// path for the system. A body that is to be compressed is the plain one. Throws std::bad_alloc.
-void AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, std::string path,
+/// Makes the answer that of a GET or HEAD for that file: status, fields and body. Its name is the
+/// end of `path`. A body that is to be compressed is the plain one. Throws std::bad_alloc.
+void AnswerWithFile(const ZrXHeader& request, ZrXResponseHeader& answer, const std::string& path,
                     FileForm form, const ZrSite& site);
 
 /// Makes it a page that says the status: as a JSON problem for who prefers that, else the site's

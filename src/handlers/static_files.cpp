@@ -99,8 +99,8 @@ bool ZrStaticFiles::SendFile(ZrTransceiverClient& client, const std::shared_ptr<
   }
   const auto answer = request->MakeResponse();
   answer->SetStatus(200);
-  answer->SetFileBody(client.fileDirectory + path, found.file->Size());
-  answer->SetBodyFile(std::move(found.file));
+  const std::uint64_t length = found.file->Size();
+  answer->SetFileBody(std::move(found.file), length);
   answer->fileBytes = std::move(found.bytes);
   client.SendAnswer(*request, answer);
   return true;
@@ -118,17 +118,17 @@ void ZrStaticFiles::SendStandardFile(ZrTransceiverClient& client,
   const auto answer = request->MakeResponse();
   if (!vary.empty()) answer->AddField("Vary", vary);
   if (!form.compresses) {
-    zr::AnswerWithFile(*request, *answer, directory + path, std::move(form), site);
+    zr::AnswerWithFile(*request, *answer, path, std::move(form), site);
     return client.SendAnswer(*request, answer);
   }
   // The notes are this batch's, the plain form may be sent later.
   const zr::FileForm plain{.found = {.file = form.found.file, .bytes = form.found.bytes},
                            .varies = true};
   const ZrCoding coding = form.coding;
-  zr::AnswerWithFile(*request, *answer, directory + path, std::move(form), site);
+  zr::AnswerWithFile(*request, *answer, path, std::move(form), site);
   // Who has that version already is not made to wait for it.
   if (answer->status != 200) return client.SendAnswer(*request, answer);
-  const auto send = [&client, request, answer, name = directory + path, plain,
+  const auto send = [&client, request, answer, name = path, plain,
                      vary](const ZrCompression::Bytes& made) {
     if (made) {
       answer->SetBytesBody(made);

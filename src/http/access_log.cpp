@@ -6,6 +6,7 @@
 
 #include "base/exception.h"
 #include "base/printable.h"
+#include "base/text_cursor.h"
 #include "http/http_date.h"
 #include "platform/clock.h"
 #include "platform/time_text.h"
@@ -23,25 +24,51 @@ void AppendNumber(std::string& line, std::uint64_t number) {
   line.append(digits.data(), end);
 }
 
+/// A text of others as it stands in a line: itself, or printable.
+class Shown {
+ public:
+  explicit Shown(std::string_view text) : text_(text) {
+    if (zr::IsPrintable(text)) return;
+    AppendPrintable(made_, text);
+    text_ = made_;
+  }
+  Shown(const Shown&) = delete;
+  Shown& operator=(const Shown&) = delete;
+  std::string_view Text() const { return text_; }
+
+ private:
+  std::string_view text_;
+  std::string made_;
+};
+
 void AppendVelkoroLine(std::string& line, const zr::AccessLogEntry& entry) {
-  line.reserve(line.size() + 96 + entry.remote.size() + entry.requestText.size() +
-               entry.referer.size() + entry.userAgent.size());
-  AppendPrintable(line, entry.remote);
-  line += " - ";
-  line += entry.scheme;
-  line += " - [";
-  zr::AppendLocalTime(line, entry.created / kTicksPerSecond);
-  line += "] \"";
-  AppendPrintable(line, entry.requestText);
-  line += "\" --> ";
-  AppendNumber(line, entry.status);
-  line += ' ';
-  AppendNumber(line, entry.bytes);
-  line += " \"";
-  AppendPrintable(line, entry.referer);
-  line += "\" \"";
-  AppendPrintable(line, entry.userAgent);
-  line += '"';
+  const Shown remote(entry.remote);
+  const Shown request(entry.requestText);
+  const Shown referer(entry.referer);
+  const Shown userAgent(entry.userAgent);
+  const std::string_view time = zr::LocalTime(entry.created / kTicksPerSecond);
+  constexpr std::size_t kFrame = 96;  // more than all that is the same in every line
+  const std::size_t before = line.size();
+  line.resize(before + kFrame + entry.scheme.size() + time.size() + remote.Text().size() +
+              request.Text().size() + referer.Text().size() + userAgent.Text().size());
+  zr::TextCursor text(line.data() + before);
+  text.Add(remote.Text());
+  text.Add(" - ");
+  text.Add(entry.scheme);
+  text.Add(" - [");
+  text.Add(time);
+  text.Add("] \"");
+  text.Add(request.Text());
+  text.Add("\" --> ");
+  text.AddNumber(entry.status);
+  text.Add(' ');
+  text.AddNumber(entry.bytes);
+  text.Add(" \"");
+  text.Add(referer.Text());
+  text.Add("\" \"");
+  text.Add(userAgent.Text());
+  text.Add('"');
+  line.resize(static_cast<std::size_t>(text.End() - line.data()));
 }
 
 // ---- Combined ----------------------------------------------------------------------------------

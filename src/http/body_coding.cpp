@@ -132,8 +132,7 @@ ZrCoding zr::ChooseBodyCoding(const ZrXHeader& request, ZrXHeader& answer,
                               std::optional<std::uint64_t> size) {
   constexpr auto kPlain = ZrCoding::kIdentity;
   // What is made of a file has its coding already.
-  if (!answer.semantics->IsStandard() || !answer.filePath.empty() || answer.readyFields)
-    return kPlain;
+  if (!answer.semantics->IsStandard() || answer.HasFileBody() || answer.readyFields) return kPlain;
   if (size && (*size < kLeastCompressed || *size > kMostCompressed)) return kPlain;
   const std::uint64_t status = answer.status;
   if (status < 200 || status == 204 || status == 205 || status == 206 || status == 304)

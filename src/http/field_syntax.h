@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <string_view>
+
+#include "base/byte_words.h"
 
 namespace zr {
 
@@ -27,7 +30,9 @@ constexpr bool IsToken(std::string_view text) {
 }
 
 /// Whether the text can be the value of a field: without NUL, CR and LF.
-constexpr bool IsFieldValue(std::string_view text) {
+inline bool IsFieldValue(std::string_view text) {
+  // Nearly always it has no control byte at all.
+  if (AllWords(text, [](std::uint64_t word) { return !AnyBelow(word, ' '); })) return true;
   return text.find('\0') == std::string_view::npos && text.find('\r') == std::string_view::npos &&
          text.find('\n') == std::string_view::npos;
 }

@@ -2,6 +2,22 @@
 
 #include <charconv>
 
+void zr::HeadText::AddField(std::string_view name, std::string_view value) {
+  bool begins = true;
+  for (const char c : name) {
+    Add(begins && c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c);
+    begins = c == '-';
+  }
+  Add(": ");
+  Add(value);
+  Add("\r\n");
+}
+
+void zr::HeadText::AddWithoutLineEnds(std::string_view text) {
+  for (const char c : text)
+    if (c != '\r' && c != '\n') Add(c);
+}
+
 void zr::AppendText(ZrStringBuf& out, std::string_view text) {
   while (!text.empty()) {
     const std::size_t bad = text.find_first_of("\r\n");

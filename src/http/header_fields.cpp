@@ -1,6 +1,7 @@
 #include "http/header_fields.h"
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 #include <stdexcept>
 #include <utility>
@@ -33,86 +34,106 @@ ZrHeaderFields& ZrHeaderFields::operator=(ZrHeaderFields&& other) noexcept {
 }
 
 ZrHeaderFields::Store& ZrHeaderFields::Writable() {
-  if (!store_)
+  if (!store_) {
     store_ = std::allocate_shared<Store>(ZrWorkbenchAllocator<Store>());
-  else if (shared_.load(std::memory_order_relaxed))
-    store_ = std::allocate_shared<Store>(ZrWorkbenchAllocator<Store>(), *store_);
+  } else if (shared_.load(std::memory_order_relaxed)) {
+    const auto copy = std::allocate_shared<Store>(ZrWorkbenchAllocator<Store>());
+    copy->text.Append(store_->text.Unread());
+    copy->lines = store_->lines;
+    copy->names = store_->names;
+    store_ = copy;
+  }
   shared_.store(false, std::memory_order_relaxed);
   return *store_;
 }
 
+// The value may be one of this object's own.
 void ZrHeaderFields::Append(std::string_view name, std::string_view value) {
+  const std::string_view own = store_ ? store_->text.Unread() : std::string_view();
+  if (std::less_equal<>()(own.data(), value.data()) &&
+      std::less<>()(value.data(), own.data() + own.size()))
+    return Append(name, std::string(value));
+  char* const space = Space(name.size() + value.size());
+  std::copy(value.begin(), value.end(), std::copy(name.begin(), name.end(), space));
+  Enter(name.size(), value.size());
+}
+
+char* ZrHeaderFields::Space(std::size_t bytes) {
   Store& store = Writable();
   constexpr std::size_t kMaxText = std::numeric_limits<std::uint32_t>::max();
-  if (name.size() + value.size() > kMaxText - store.text.size())
+  if (bytes > kMaxText - store.text.Size())
     throw std::length_error("more than 4 GiB of header fields");
-  Line line;
-  line.nameStart = static_cast<std::uint32_t>(store.text.size());
-  line.nameSize = static_cast<std::uint32_t>(name.size());
-  line.valueStart = line.nameStart + line.nameSize;
-  line.valueSize = static_cast<std::uint32_t>(value.size());
-  const auto place = std::upper_bound(
-      store.lines.begin(), store.lines.end(), name,
-      [&store](std::string_view wanted, const Line& other) { return wanted < store.Name(other); });
-  store.lines.insert(place, line);
-  store.text.append(name).append(value);
+  return store.text.Prepare(bytes).data();
+}
+
+void ZrHeaderFields::Enter(std::size_t nameSize, std::size_t valueSize) {
+  Store& store = *store_;
+  store.Enter(Name(std::string_view(store.Text() + store.text.Size(), nameSize)), valueSize);
+}
+
+// What was written stands behind the text that counts.
+void ZrHeaderFields::Store::Enter(const Name& name, std::size_t valueSize) {
+  auto place = lines.end();
+  if (lines.size() > kFewLines) {
+    place = std::upper_bound(
+        lines.begin(), lines.end(), name,
+        [this](const Name& wanted, const Line& other) { return wanted < NameOf(other); });
+  } else {
+    while (place != lines.begin() && name < NameOf(place[-1])) --place;
+  }
+  lines.insert(
+      place, {name.start, static_cast<std::uint32_t>(text.Size()),
+              static_cast<std::uint32_t>(name.text.size()), static_cast<std::uint32_t>(valueSize)});
+  text.Commit(name.text.size() + valueSize);
+  names |= BitOf(name);
 }
 
 void ZrHeaderFields::Reserve(std::size_t bytes, std::size_t lines) {
   Store& store = Writable();
-  store.text.reserve(bytes);
+  store.text.Reserve(bytes);
   store.lines.reserve(lines);
 }
 
 // The first line whose name is not before that one.
-std::size_t ZrHeaderFields::Store::LowerBound(std::string_view name) const {
+std::size_t ZrHeaderFields::Store::LowerBound(const Name& name) const {
   const auto place = std::lower_bound(
       lines.begin(), lines.end(), name,
-      [this](const Line& line, std::string_view wanted) { return Name(line) < wanted; });
+      [this](const Line& line, const Name& wanted) { return NameOf(line) < wanted; });
   return static_cast<std::size_t>(place - lines.begin());
 }
 
-ZrHeaderFields::const_iterator ZrHeaderFields::find(std::string_view name) const {
-  if (!store_) return end();
-  // Of the few lines that heads have, hardly one has a name as long as that.
-  if (store_->lines.size() <= kFewLines) {
-    for (std::size_t index = 0; index < store_->lines.size(); ++index) {
-      const Line& line = store_->lines[index];
-      if (line.nameSize == name.size() && store_->Name(line) == name) return {store_.get(), index};
-    }
-    return end();
+std::size_t ZrHeaderFields::FindLine(const Name& name) const {
+  const auto& lines = store_->lines;
+  if (lines.size() <= kFewLines) {
+    for (std::size_t index = 0; index < lines.size(); ++index)
+      if (store_->NameOf(lines[index]) == name) return index;
+    return kNowhere;
   }
   const std::size_t place = store_->LowerBound(name);
-  if (place == store_->lines.size() || store_->Name(store_->lines[place]) != name) return end();
-  return {store_.get(), place};
+  return place != lines.size() && store_->NameOf(lines[place]) == name ? place : kNowhere;
 }
 
 bool ZrHeaderFields::ContainsPrefix(std::string_view prefix) const {
   if (!store_) return false;
-  const std::size_t place = store_->LowerBound(prefix);
-  return place != store_->lines.size() && store_->Name(store_->lines[place]).starts_with(prefix);
+  const std::size_t place = store_->LowerBound(Name(prefix));
+  return place != store_->lines.size() &&
+         store_->NameOf(store_->lines[place]).text.starts_with(prefix);
 }
 
-ZrHeaderFields::Values ZrHeaderFields::operator[](std::string_view name) const {
-  const const_iterator found = find(name);
-  return found == end() ? Values() : (*found).second;
-}
-
-std::string_view ZrHeaderFields::First(std::string_view name, std::string_view defaultValue) const {
-  const Values values = (*this)[name];
-  return values.empty() ? defaultValue : values.front();
+ZrHeaderFields::Values ZrHeaderFields::ValuesAt(std::size_t place) const {
+  return (*const_iterator(store_.get(), place)).second;
 }
 
 std::size_t ZrHeaderFields::const_iterator::GroupEnd() const {
-  const std::string_view name = store_->Name(store_->lines[index_]);
+  const Name name = store_->NameOf(store_->lines[index_]);
   std::size_t end = index_ + 1;
-  while (end < store_->lines.size() && store_->Name(store_->lines[end]) == name) ++end;
+  while (end < store_->lines.size() && store_->NameOf(store_->lines[end]) == name) ++end;
   return end;
 }
 
 ZrHeaderFields::Entry ZrHeaderFields::const_iterator::operator*() const {
   const Line* const lines = store_->lines.data() + index_;
-  return {store_->Name(*lines), Values(store_->text.data(), lines, GroupEnd() - index_)};
+  return {store_->NameOf(*lines).text, Values(store_->Text(), lines, GroupEnd() - index_)};
 }
 
 ZrHeaderFields::const_iterator& ZrHeaderFields::const_iterator::operator++() {

@@ -13,24 +13,53 @@
 #include <string_view>
 #include <vector>
 
+#include "base/byte_words.h"
+#include "base/string_buffer.h"
 #include "base/workbench.h"
 
 /// Field name -> values in arrival order, names ordered byte-wise. Names are stored as given; the
 /// head reader gives lower case. All views stay valid until this object changes or goes, also
 /// while copies of it change. Threads: any number of readers and copiers, or one writer.
 class ZrHeaderFields {
+  /// A field's name with its first bytes as a number, which sorts and differs as they do: names are
+  /// seldom compared byte by byte.
+  struct Name {
+    explicit Name(std::string_view name)
+        : text(name), start(__builtin_bswap64(zr::FirstWord(name))) {}
+    Name(std::string_view name, std::uint64_t startOfName) : text(name), start(startOfName) {}
+    bool operator==(const Name& other) const {
+      return start == other.start && text.size() == other.text.size() &&
+             (text.size() <= sizeof start || text == other.text);
+    }
+    bool operator<(const Name& other) const {
+      if (start != other.start) return start < other.start;
+      const bool whole = text.size() <= sizeof start && other.text.size() <= sizeof start;
+      return whole ? text.size() < other.text.size() : text < other.text;
+    }
+    std::string_view text;
+    std::uint64_t start;
+  };
   struct Line {
-    std::uint32_t nameStart, nameSize, valueStart, valueSize;
+    std::uint64_t start;  // of the name
+    std::uint32_t nameAt, nameSize, valueSize;
+    std::uint32_t ValueAt() const { return nameAt + nameSize; }
   };
   struct Store {
-    std::basic_string<char, std::char_traits<char>, ZrWorkbenchAllocator<char>> text;
+    ZrStringBuf text;
     std::vector<Line, ZrWorkbenchAllocator<Line>>
-        lines;  // by name, values of one name in arrival order
-    std::string_view Name(const Line& line) const {
-      return {text.data() + line.nameStart, line.nameSize};
+        lines;                // by name, values of one name in arrival order
+    std::uint64_t names = 0;  // a bit for each that may be there
+    const char* Text() const { return text.Unread().data(); }
+    Name NameOf(const Line& line) const {
+      return {{Text() + line.nameAt, line.nameSize}, line.start};
     }
-    std::size_t LowerBound(std::string_view name) const;
+    void Enter(const Name& name, std::size_t valueSize);
+    std::size_t LowerBound(const Name& name) const;
   };
+  static std::uint64_t BitOf(const Name& name) {
+    const std::uint64_t mixed = (name.start ^ name.text.size()) * 0x9E3779B97F4A7C15u;
+    return std::uint64_t{1} << (mixed >> 58);
+  }
 
  public:
   /// The values of one name; a view like any other of this class.
@@ -65,7 +94,7 @@ class ZrHeaderFields {
     /// The value at that place, which must exist.
     std::string_view operator[](std::size_t index) const {
       const Line& line = lines_[index];
-      return {text_ + line.valueStart, line.valueSize};
+      return {text_ + line.ValueAt(), line.valueSize};
     }
     std::string_view front() const { return (*this)[0]; }
     const_iterator begin() const { return {this, 0}; }
@@ -119,25 +148,46 @@ class ZrHeaderFields {
 
   /// Adds a value at the end of the name's list. Throws std::length_error beyond 4 GiB of text.
   void Append(std::string_view name, std::string_view value);
+  /// The same in place: gives space for so many bytes, into which the name is written and its value
+  /// behind it; Enter() then adds them. Nothing else happens to the fields between the two.
+  char* Space(std::size_t bytes);
+  void Enter(std::size_t nameSize, std::size_t valueSize);
   /// Makes room for that many bytes of names and values in that many lines.
   void Reserve(std::size_t bytes, std::size_t lines);
 
   /// The entry of the name, end() when there is none.
-  const_iterator find(std::string_view name) const;
-  bool contains(std::string_view name) const { return find(name) != end(); }
+  const_iterator find(std::string_view name) const {
+    const std::size_t place = Find(name);
+    return place == kNowhere ? end() : const_iterator(store_.get(), place);
+  }
+  bool contains(std::string_view name) const { return Find(name) != kNowhere; }
   /// Whether there is a name that begins so.
   bool ContainsPrefix(std::string_view prefix) const;
   /// The values of the name; an empty list when there are none.
-  Values operator[](std::string_view name) const;
+  Values operator[](std::string_view name) const {
+    const std::size_t place = Find(name);
+    return place == kNowhere ? Values() : ValuesAt(place);
+  }
   /// The first value of the name, or the default when there is none.
-  std::string_view First(std::string_view name, std::string_view defaultValue = {}) const;
+  std::string_view First(std::string_view name, std::string_view defaultValue = {}) const {
+    const Values values = (*this)[name];
+    return values.empty() ? defaultValue : values.front();
+  }
 
   const_iterator begin() const { return {store_.get(), 0}; }
   const_iterator end() const { return {store_.get(), store_ ? store_->lines.size() : 0}; }
   bool empty() const { return begin() == end(); }
 
  private:
+  static constexpr std::size_t kNowhere = std::string_view::npos;
   Store& Writable();
+  // Most names that are asked for are not there, which their bit tells.
+  std::size_t Find(std::string_view name) const {
+    const Name wanted(name);
+    return store_ && (store_->names & BitOf(wanted)) != 0 ? FindLine(wanted) : kNowhere;
+  }
+  std::size_t FindLine(const Name& name) const;
+  Values ValuesAt(std::size_t place) const;
 
   std::shared_ptr<Store> store_;  // empty before the first field
   // Set for good once a copy exists: the next change takes a store of its own. The use count alone

@@ -55,7 +55,10 @@ std::shared_ptr<ZrXResponseHeader> ZrXHeader::MakeResponse() const {
   answer->path = path;
   answer->requestHeaders = headers;
   const ZrHeaderFields::Values words = headers[zr::kFirstLine];
-  if (words.size() >= 2) answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
+  if (words.size() >= 2) {
+    answer->requestSummary.reserve(words[0].size() + 1 + words[1].size());
+    answer->requestSummary.assign(words[0]).append(1, ' ').append(words[1]);
+  }
   answer->route = route.Reversed();
   answer->ends = ends;
   answer->inlet = inlet;
@@ -117,7 +120,10 @@ void ZrXHeader::SetBytesBody(std::shared_ptr<const std::string> bytes) {
   body = std::make_unique<ZrStringBuf>(all, std::move(bytes));
 }
 
-void ZrXHeader::SetBodyFile(std::shared_ptr<const ZrFile> file) { bodyFile = std::move(file); }
+void ZrXHeader::SetFileBody(std::shared_ptr<const ZrFile> file, std::uint64_t length) {
+  bodyFile = std::move(file);
+  contentLength = length;
+}
 
 std::unique_ptr<ZrStringBuf> ZrXHeader::TakeBody() {
   return body ? std::move(body) : std::make_unique<ZrStringBuf>();

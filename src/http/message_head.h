@@ -131,8 +131,9 @@ class ZrXHeader : public ZrJob, public ZrOnWorkbench {
   void SetBodyText(std::string_view text);
   /// The body is that file of `length` bytes, to be read when it is sent.
   void SetFileBody(std::string path, std::uint64_t length);
-  /// The open file of SetFileBody(): status and bytes then come from this one descriptor.
-  void SetBodyFile(std::shared_ptr<const ZrFile> file);
+  /// The same of a file that is open: status and bytes come from this one descriptor.
+  void SetFileBody(std::shared_ptr<const ZrFile> file, std::uint64_t length);
+  bool HasFileBody() const { return bodyFile || !filePath.empty(); }
   /// The body is these bytes and no file any more.
   void SetBytesBody(std::shared_ptr<const std::string> bytes);
   /// Hands over the body, an empty buffer when there is none.
@@ -193,7 +194,7 @@ class ZrXHeader : public ZrJob, public ZrOnWorkbench {
   const std::int64_t created;  // system time in 100-ns ticks since 1970
 
   // The body. Received: the input buffer, the body once the head is read. To send: the bytes, or
-  // `filePath` with `contentLength` and, when it is open already, the file.
+  // `contentLength` with `filePath` or with the file, when it is open already.
   std::unique_ptr<ZrStringBuf> body;
   std::uint64_t contentLength = 0;   // to send: the length last written
   std::uint64_t headBytes = 0;       // ... and that of the head

@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <iterator>
 #include <optional>
 #include <utility>
 
+#include "base/byte_words.h"
 #include "base/number.h"
 #include "base/trim.h"
 #include "http/field_list.h"
@@ -35,6 +37,14 @@ constexpr bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 constexpr char Lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
 constexpr char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c; }
 
+constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
+
+bool HasLower(std::string_view text) {
+  return std::any_of(
+      text.begin(), text.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+}
+bool HasNoBlank(std::uint64_t word) { return !zr::AnyBelow(word, ' ' + 1); }
+
 void MakeUpper(std::string& text) { std::transform(text.begin(), text.end(), text.begin(), Upper); }
 
 // Whether the text begins with the name of a field that says where a message ends.
@@ -43,6 +53,11 @@ bool IsFraming(std::string_view text) {
   for (const std::string_view name : {"transfer-encoding", "content-length"})
     if (zr::EqualsIgnoringCase(text.substr(0, name.size()), name)) return true;
   return false;
+}
+
+bool HasControls(std::string_view text) {
+  return !zr::AllWords(
+      text, [](std::uint64_t word) { return !zr::AnyBelow(word, ' '); });
 }
 
 // Whether those who end a line at a CR or LF alone find something in it that says where the message
@@ -65,17 +80,60 @@ bool TakeWord(std::string_view& line, std::string& word) {
   while (!line.empty()) {
     const std::size_t end = line.find(' ');
     const std::string_view piece = line.substr(0, end);
-    if (piece.find('\t') == std::string_view::npos)
-      word = piece;
-    else
-      std::copy_if(piece.begin(), piece.end(), std::back_inserter(word),
-                   [](char c) { return c != '\t'; });
+    std::copy_if(piece.begin(), piece.end(), std::back_inserter(word),
+                 [](char c) { return c != '\t'; });
     if (end == std::string_view::npos) break;
     line.remove_prefix(end + 1);
     if (!word.empty()) return true;
   }
   line = {};
   return false;
+}
+
+/// The words of a first line. They lie in the line as nearly every client writes it, and otherwise,
+/// cleaned, in `made`.
+struct FirstWords {
+  explicit FirstWords(std::string_view line) {
+    const std::size_t first = line.find(' ');
+    const std::size_t second = line.find(' ', first + 1);
+    const bool plain = first != 0 && second != std::string_view::npos && second != first + 1;
+    if (plain) {
+      words = {line.substr(0, first), line.substr(first + 1, second - first - 1),
+               line.substr(second + 1)};
+      if (!HasControls(line) && !HasLower(words[0]) && !HasLower(words[2])) return;
+    }
+    Clean(line);
+  }
+  void Clean(std::string_view line) {
+    firstEnded = TakeWord(line, made[0]);
+    const bool secondEnded = firstEnded && TakeWord(line, made[1]);
+    if (secondEnded) made[2] = line;
+    MakeUpper(made[0]);
+    MakeUpper(made[2]);
+    words = {made[0], made[1], made[2]};
+  }
+
+  bool firstEnded = true;  // by a space
+  std::array<std::string_view, 3> words;
+  std::array<std::string, 3> made;
+};
+
+// A value without its blanks; there is room for a whole word more.
+char* CopyWithoutBlanks(std::string_view text, char* out) {
+  while (!text.empty()) {
+    const std::string_view piece = text.substr(0, kWordBytes);
+    if (const std::uint64_t word = zr::FirstWord(piece); zr::AllWords(piece, HasNoBlank)) {
+      std::memcpy(out, &word, kWordBytes);
+      out += piece.size();
+    } else {
+      for (const char c : piece) {
+        *out = c;
+        out += IsBlank(c) ? 0 : 1;
+      }
+    }
+    text.remove_prefix(piece.size());
+  }
+  return out;
 }
 
 }  // namespace
@@ -140,27 +198,23 @@ bool ZrXHeader::FinishHead() {
 
 bool ZrXHeader::ParseHeadLine(std::string_view line) {
   const bool goOn = reading.lineCount == 0 ? ParseFirstLine(line) : (ParseFieldLine(line), true);
-  reading.ambiguous = reading.ambiguous || HidesAnother(line);
+  if (HasControls(line) && HidesAnother(line)) reading.ambiguous = true;
   ++reading.lineCount;
   return goOn;
 }
 
 // Answers whether the line was recognised; any other ends the head.
 bool ZrXHeader::ParseFirstLine(std::string_view line) {
-  headers.Reserve(std::min(body->Size(), zr::kMaxHeadBytes), kUsualLines);
-  std::string first;
-  std::string second;
-  const bool firstEnded = TakeWord(line, first);
-  const bool secondEnded = firstEnded && TakeWord(line, second);
-  std::string third(secondEnded ? line : std::string_view());
-  MakeUpper(first);
-  MakeUpper(third);
+  headers.Reserve(
+      std::min(body->Size(), zr::kMaxHeadBytes) + 3 * zr::kFirstLine.size() + kWordBytes,
+      kUsualLines);
+  const FirstWords parts(line);
+  const std::string_view first = parts.words[0];
 
   ZrMessageKind lineKind = ZrMessageKind::kUnrecognised;
-  if (firstEnded) {
-    const auto known =
-        std::find_if(kTypeNames.begin(), kTypeNames.end(),
-                     [&first](const TypeName& entry) { return entry.name == first; });
+  if (parts.firstEnded) {
+    const auto known = std::find_if(kTypeNames.begin(), kTypeNames.end(),
+                                    [first](const TypeName& entry) { return entry.name == first; });
     if (known != kTypeNames.end()) {
       messageType = known->type;
       method = known->type == ZrMessageType::kPost ? ZrMethod::kPost : ZrMethod::kGet;
@@ -170,40 +224,40 @@ bool ZrXHeader::ParseFirstLine(std::string_view line) {
     }
   }
   kind = lineKind;
-  for (const std::string* word : {&first, &second, &third})
-    if (!word->empty()) headers.Append(zr::kFirstLine, *word);
-  if (!second.empty()) ParseTarget(second);
+  for (const std::string_view word : parts.words)
+    if (!word.empty()) headers.Append(zr::kFirstLine, word);
+  if (!parts.words[1].empty()) ParseTarget(parts.words[1]);
   return lineKind != ZrMessageKind::kUnrecognised;
 }
 
 // "Name: value" with the name in lower case, and all blanks dropped; in standard semantics those of
 // a value are its own, but for the ones around it. A colon in front of a name or of a value is
-// skipped; the first one behind the name ends it, later ones belong to the value.
+// skipped; the first one behind the name ends it, later ones belong to the value. Both are written
+// where they stay.
 void ZrXHeader::ParseFieldLine(std::string_view line) {
-  reading.scratch.resize(line.size());
-  char* out = reading.scratch.data();
+  char* const start = headers.Space(line.size() + kWordBytes);
+  char* out = start;
   std::size_t at = 0;
   for (; at < line.size(); ++at) {
     const char c = line[at];
     if (c == ':') {
-      if (out != reading.scratch.data()) break;
+      if (out != start) break;
     } else if (!IsBlank(c)) {
       *out++ = Lower(c);
     }
   }
-  const std::string_view name(reading.scratch.data(),
-                              static_cast<std::size_t>(out - reading.scratch.data()));
+  const std::string_view name(start, static_cast<std::size_t>(out - start));
   const char* const value = out;
   while (at < line.size() && (line[at] == ':' || IsBlank(line[at]))) ++at;
-  std::string_view text = zr::Trim(line.substr(at), " \t\r");
-  if (!semantics->IsStandard()) {
-    for (; at < line.size(); ++at) {
-      *out = line[at];
-      out += IsBlank(line[at]) ? 0 : 1;
-    }
-    text = {value, static_cast<std::size_t>(out - value)};
+  line.remove_prefix(at);
+  if (semantics->IsStandard()) {
+    line = zr::Trim(line, " \t\r");
+    out = std::copy(line.begin(), line.end(), out);
+  } else {
+    out = CopyWithoutBlanks(line, out);
   }
-  if (!name.empty() && !text.empty()) return headers.Append(name, text);
+  if (!name.empty() && out != value)
+    return headers.Enter(name.size(), static_cast<std::size_t>(out - value));
   // A field without a value counts as absent; these two may mean something to others all the same.
   reading.ambiguous = reading.ambiguous || name == "transfer-encoding";
   reading.emptyLength = reading.emptyLength || name == "content-length";

@@ -26,16 +26,12 @@ std::string_view MethodText(const ZrXHeader& request) {
   }
 }
 
-// More than the usual head, so that it is written into one piece of memory.
-constexpr std::size_t kUsualHeadBytes = 160;
-
 }  // namespace
 
 bool ZrXHeader::WriteHead(ZrStringBuf& out) {
   ZrLock hold(headLock);
   if (State() != zr::kHeadStateComplete || messageType == ZrMessageType::kNone) return false;
   const std::uint64_t before = out.Size();
-  if (!semantics->IsStandard()) out.Reserve(before + kUsualHeadBytes);
   if (messageType == ZrMessageType::kAnswer)
     semantics->WriteAnswerHead(*this, out);
   else

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "base/string_buffer.h"
 #include "http/body_store.h"
@@ -20,7 +19,6 @@ struct ZrMessageReading {
   std::size_t lineCount = 0;
   std::size_t headBytes = 0;  // consumed by the head so far
   std::size_t scanned = 0;    // unread bytes that were searched for the end of a line in vain
-  std::string scratch;        // one field line without its blanks
 
   std::unique_ptr<ZrBodyStore> store;  // of a body that does not stay on the heap
   std::uint64_t elsewhere = 0;         // bytes of the body that `body` does not hold

@@ -24,7 +24,10 @@ constexpr std::array<Reason, 8> kReasons = {{{200, "OK"},
                                              {502, "Server Error"}}};
 
 constexpr std::string_view kLineEnd = "\r\n";
+constexpr std::uint64_t kRedirect = 303;
 constexpr std::uint64_t kInternalError = 500;
+// More than the texts that are the server's own, and the numbers.
+constexpr std::size_t kOwnLines = 192;
 
 // Such bytes begin no message whatever follows, and the end of their line may never come: a peer
 // that speaks TLS to a plain port waits for an answer to them.
@@ -67,11 +70,12 @@ std::string_view ZrMinimalSemantics::StatusPhrase(std::uint64_t status) const {
 
 void ZrMinimalSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
   // A status without a phrase may mean to a client that no body follows.
-  if (StatusPhrase(answer.status).empty()) answer.status = kInternalError;
+  std::string_view phrase = StatusPhrase(answer.status);
+  if (phrase.empty()) phrase = StatusPhrase(answer.status = kInternalError);
   // The head of a program goes only with a body that has one; every answer gets its empty line, or
   // the client would take the body for more of the head.
   std::string programHead;
-  if (answer.filePath.empty()) {
+  if (!answer.HasFileBody()) {
     if (answer.cgiHeadPending && answer.body) {
       const std::string_view output = answer.body->Unread();
       programHead = output.substr(0, zr::ProgramHeadSize(output));
@@ -81,24 +85,25 @@ void ZrMinimalSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) co
   }
   answer.cgiHeadPending = !programHead.empty();
 
-  out.Append("HTTP/");
-  zr::AppendText(out, answer.version);
-  out.Append(' ');
-  zr::AppendNumber(out, answer.status);
-  out.Append(' ');
-  out.Append(StatusPhrase(answer.status));
-  out.Append("\r\nServer: ");
-  out.Append(zr::kServerProduct);
-  out.Append("\r\nContent-Length: ");
-  zr::AppendNumber(out, answer.contentLength);
-  out.Append(kLineEnd);
-  if (answer.status == 303) {
-    out.Append("Location: ");
-    zr::AppendText(out, answer.location);
-    out.Append(kLineEnd);
+  {
+    zr::HeadText head(out, kOwnLines + answer.version.size() + answer.location.size());
+    head.Add("HTTP/");
+    head.AddWithoutLineEnds(answer.version);
+    head.Add(' ');
+    head.AddNumber(answer.status);
+    head.Add(' ');
+    head.Add(phrase);
+    head.Add("\r\nServer: ");
+    head.Add(zr::kServerProduct);
+    head.Add("\r\nContent-Length: ");
+    head.AddNumber(answer.contentLength);
+    head.Add(kLineEnd);
+    if (answer.status == kRedirect) {
+      head.Add("Location: ");
+      head.AddWithoutLineEnds(answer.location);
+      head.Add(kLineEnd);
+    }
+    if (!answer.cgiHeadPending) head.Add(kLineEnd);
   }
-  if (answer.cgiHeadPending)
-    zr::AppendProgramHead(out, programHead, answer.contentLength);
-  else
-    out.Append(kLineEnd);
+  if (answer.cgiHeadPending) zr::AppendProgramHead(out, programHead, answer.contentLength);
 }

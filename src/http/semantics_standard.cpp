@@ -1,7 +1,6 @@
 #include "http/semantics_standard.h"
 
 #include <algorithm>
-#include <charconv>
 #include <string>
 #include <utility>
 
@@ -110,34 +109,6 @@ ZrReadStep BeginBody(ZrXHeader& message) {
 
 bool HasNoBody(std::uint64_t status) { return status < 200 || status == 204 || status == 304; }
 
-/// Writes a head into space that was made for all of it.
-class HeadText {
- public:
-  HeadText(ZrStringBuf& out, std::size_t most)
-      : out_(out), start_(out.Prepare(most).data()), end_(start_) {}
-  HeadText(const HeadText&) = delete;
-  HeadText& operator=(const HeadText&) = delete;
-  ~HeadText() { out_.Commit(static_cast<std::size_t>(end_ - start_)); }
-
-  void Add(std::string_view text) { end_ = std::copy(text.begin(), text.end(), end_); }
-  void AddNumber(std::uint64_t number) { end_ = std::to_chars(end_, end_ + 20, number).ptr; }
-  void AddField(std::string_view name, std::string_view value) {
-    bool begins = true;
-    for (const char c : name) {
-      *end_++ = begins && c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
-      begins = c == '-';
-    }
-    Add(": ");
-    Add(value);
-    Add("\r\n");
-  }
-
- private:
-  ZrStringBuf& out_;
-  char* const start_;
-  char* end_;
-};
-
 // More than the lines that are the server's own.
 constexpr std::size_t kOwnLines = 384;
 // Of a field beside its name and value.
@@ -151,7 +122,7 @@ std::size_t BytesOf(const ZrHeaderFields& fields) {
 }
 
 // The site's fields. What an answer says of itself is not said twice, but for lists.
-void AddSitesFields(const ZrXHeader& answer, HeadText& head) {
+void AddSitesFields(const ZrXHeader& answer, zr::HeadText& head) {
   for (const auto& [name, values] : *answer.addedFields) {
     const bool list = name == "vary" || name == "link" || name == "set-cookie";
     if (!list && answer.headers.contains(name)) continue;
@@ -160,7 +131,7 @@ void AddSitesFields(const ZrXHeader& answer, HeadText& head) {
 }
 
 // What the answer says of its body.
-void AddBodyFields(const ZrXHeader& answer, bool endless, HeadText& head) {
+void AddBodyFields(const ZrXHeader& answer, bool endless, zr::HeadText& head) {
   if (!endless) {
     head.Add("\r\nContent-Length: ");
     head.AddNumber(answer.contentLength);
@@ -172,8 +143,8 @@ void AddBodyFields(const ZrXHeader& answer, bool endless, HeadText& head) {
   const bool typed = answer.readyFields && answer.readyBytes == answer.readyFields->size();
   if ((answer.contentLength != 0 || endless) && !typed &&
       !answer.headers.contains("content-type")) {
-    head.Add(answer.filePath.empty() ? "\r\nContent-Type: text/html; charset=utf-8"
-                                     : "\r\nContent-Type: application/octet-stream");
+    head.Add(answer.HasFileBody() ? "\r\nContent-Type: application/octet-stream"
+                                  : "\r\nContent-Type: text/html; charset=utf-8");
   }
   head.Add("\r\nX-Content-Type-Options: nosniff");
 }
@@ -215,7 +186,7 @@ bool ZrStandardSemantics::SendsBody(const ZrXHeader& answer) const {
 
 void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) const {
   if (answer.status < 200 || answer.status > 599) answer.status = kInternalError;
-  if (answer.filePath.empty() && !answer.streamed)
+  if (!answer.HasFileBody() && !answer.streamed)
     answer.contentLength = answer.body ? answer.body->Size() : 0;
   // An empty body is one, and has its length (RFC 9110, 15.3.6).
   const bool emptied = answer.status == kResetContent;
@@ -225,9 +196,9 @@ void ZrStandardSemantics::WriteAnswerHead(ZrXHeader& answer, ZrStringBuf& out) c
       answer.streamed && !answer.lengthKnown && !HasNoBody(answer.status) && !emptied;
   if (endless && answer.oldVersion) answer.closeRequested = true;
 
-  HeadText head(out, kOwnLines + answer.readyBytes + answer.location.size() +
-                         BytesOf(answer.headers) +
-                         (answer.addedFields ? BytesOf(*answer.addedFields) : 0));
+  zr::HeadText head(out, kOwnLines + answer.readyBytes + answer.location.size() +
+                             BytesOf(answer.headers) +
+                             (answer.addedFields ? BytesOf(*answer.addedFields) : 0));
   head.Add("HTTP/1.1 ");
   head.AddNumber(answer.status);
   head.Add(" ");

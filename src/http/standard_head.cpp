@@ -78,7 +78,8 @@ std::uint64_t ReadRequestLine(ZrXHeader& message, std::string_view line) {
   const std::string_view name = line.substr(0, first);
   if (!zr::IsToken(name) || first == last) return kBadRequest;
   const std::string_view target = line.substr(first + 1, last - first - 1);
-  message.headers.Reserve(std::min(message.body->Size(), zr::kMaxHeadBytes), kUsualLines);
+  message.headers.Reserve(
+      std::min(message.body->Size(), zr::kMaxHeadBytes) + 3 * zr::kFirstLine.size(), kUsualLines);
   for (const std::string_view word : {name, target, line.substr(last + 1)})
     message.headers.Append(zr::kFirstLine, word);
   if (const std::uint64_t refusal = ReadVersion(message, line.substr(last + 1)); refusal != kFine)
@@ -110,12 +111,13 @@ bool IsFramingField(std::string_view name) {
 bool ReadField(ZrXHeader& message, std::string_view line) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos || colon == 0) return false;
-  std::string& name = message.reading.scratch;
-  name.resize(colon);
+  char* const name = message.headers.Space(line.size());
   for (std::size_t at = 0; at < colon; ++at)
     if ((name[at] = zr::LowerTokenByte(line[at])) == '\0') return false;
-  message.headers.Append(name, zr::TrimBlanks(line.substr(colon + 1)));
-  message.reading.framed = message.reading.framed || IsFramingField(name);
+  const std::string_view value = zr::TrimBlanks(line.substr(colon + 1));
+  std::copy(value.begin(), value.end(), name + colon);
+  message.reading.framed = message.reading.framed || IsFramingField({name, colon});
+  message.headers.Enter(colon, value.size());
   return true;
 }
 

@@ -24,11 +24,17 @@ struct CommonError {
 
 }  // namespace
 
-ZrJob::ZrJob() : jobNumber_(JobNames().MakeNumber()) {}
-
 ZrJob::~ZrJob() {
   Retire();
   delete jobName_.load();
+}
+
+std::int64_t ZrJob::Number() const {
+  std::int64_t number = jobNumber_.load();
+  if (number != kNoNumber) return number;
+  // Of two that take one at once, the first one's stays.
+  const std::int64_t taken = JobNames().MakeNumber();
+  return jobNumber_.compare_exchange_strong(number, taken) ? taken : number;
 }
 
 const std::string& ZrJob::JobName() const {
@@ -36,7 +42,7 @@ const std::string& ZrJob::JobName() const {
   if (name) return *name;
   // Of two that write it at once, the first one's stays.
   auto written = std::make_unique<const std::string>(
-      ZrNamedIdSource::NameOf(ZrJobRegistry::kJobPrefix, jobNumber_));
+      ZrNamedIdSource::NameOf(ZrJobRegistry::kJobPrefix, Number()));
   if (!jobName_.compare_exchange_strong(name, written.get())) return *name;
   return *written.release();
 }

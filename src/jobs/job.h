@@ -29,9 +29,8 @@
 /// Base of all jobs. Threads: any; the virtual operations may be called from any thread.
 class ZrJob {
  public:
-  /// Takes a name from the job source. The job is not in the registry until it creates or joins
-  /// a joined task.
-  ZrJob();
+  /// The job is not in the registry until it creates or joins a joined task.
+  ZrJob() = default;
   ZrJob(const ZrJob&) = delete;
   ZrJob& operator=(const ZrJob&) = delete;
 
@@ -62,8 +61,8 @@ class ZrJob {
   /// The name remembered by Attach(), empty when there is none.
   virtual std::string AttachedTask() const ZR_EXCLUDES(stateLock_);
 
-  /// The job's name; constant for its life. It is written when it is first asked for: most message
-  /// heads live and die without.
+  /// The job's name; constant for its life. It is taken from the job source and written when it is
+  /// first asked for: most message heads live and die without.
   const std::string& JobName() const;
   /// The name that stands for "no name" where an operation created or sent nothing. One per
   /// process, in the format of job names.
@@ -95,9 +94,12 @@ class ZrJob {
  private:
   friend class ZrJobRegistry;
   static constexpr std::int64_t kNoTask = -1;
+  static constexpr std::int64_t kNoNumber = -1;
 
-  // Constant after construction.
-  const std::int64_t jobNumber_;
+  /// Taken from the job source when it is first asked for, as the name is.
+  std::int64_t Number() const;
+
+  mutable std::atomic<std::int64_t> jobNumber_{kNoNumber};
   mutable std::atomic<const std::string*> jobName_{nullptr};  // the number's name once it was asked
   std::function<bool()> stateGuard_;                          // empty approves everything
 

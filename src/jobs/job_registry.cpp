@@ -67,7 +67,7 @@ std::string ZrJobRegistry::TaskName(std::int64_t number) {
 }
 
 void ZrJobRegistry::AddMember(Task& task, ZrJob& job) {
-  if (!job.link_) job.link_ = std::make_shared<ZrJobLink>(&job, job.jobNumber_);
+  if (!job.link_) job.link_ = std::make_shared<ZrJobLink>(&job, job.Number());
   ZrJobLink& link = *job.link_;
   if (::Find(task.members, task, link.memberships, link)) return;
   Membership* const member = link.first.job ? new Membership : &link.first;
@@ -138,7 +138,7 @@ void ZrJobRegistry::TellLastMember(const Task& task, const char* text) {
 }
 
 std::string ZrJobRegistry::Create(ZrJob& owner, std::string_view text) {
-  auto task = std::make_shared<Task>(TaskNames().MakeNumber(), owner.jobNumber_, std::string(text));
+  auto task = std::make_shared<Task>(TaskNames().MakeNumber(), owner.Number(), std::string(text));
   std::string name = TaskName(task->number);
   const ZrLock hold(lock_);
   if (owner.link_ && !owner.link_->job) return {};
@@ -178,7 +178,7 @@ bool ZrJobRegistry::Leave(std::string_view task, std::string_view jobName) {
 }
 
 bool ZrJobRegistry::Leave(std::string_view task, const ZrJob& job) {
-  return LeaveBy(task, job.jobNumber_);
+  return LeaveBy(task, job.Number());
 }
 
 bool ZrJobRegistry::LeaveBy(std::string_view task, std::int64_t job) {

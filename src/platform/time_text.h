@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace zr {
 
@@ -11,7 +12,7 @@ namespace zr {
 /// calendar gives the text of the epoch. Threads: any; a thread that asks for the same second again
 /// pays for a copy only.
 std::string LocalTimeText(std::int64_t secondsSince1970);
-/// Appends the same to a line.
-void AppendLocalTime(std::string& line, std::int64_t secondsSince1970);
+/// The same where the thread keeps it: until the thread asks again.
+std::string_view LocalTime(std::int64_t secondsSince1970);
 
 }  // namespace zr

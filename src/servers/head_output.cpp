@@ -33,6 +33,8 @@ std::unique_ptr<ZrStringBuf> CopyOf(const std::unique_ptr<ZrStringBuf>& body) {
   return copy;
 }
 
+constexpr std::size_t kUsualHead = 768;
+
 // What stood behind a head that announces no body would be read as the next message.
 bool SendsBody(const ZrXHeader& head) {
   if (head.kind == ZrMessageKind::kRequest) return head.messageType == ZrMessageType::kPost;
@@ -43,10 +45,15 @@ bool SendsBody(const ZrXHeader& head) {
 
 std::uint64_t zr::WriteMessage(ZrTransceiverConnection& connection, ZrXHeader& head,
                                ZrStringBuf& out) {
+  // One piece of memory for both, where they go out together.
+  const std::uint64_t length = head.HasFileBody() ? head.contentLength
+                               : head.body        ? head.body->Size()
+                                                  : 0;
+  if (length <= kInlineFileSize) out.Reserve(kUsualHead + static_cast<std::size_t>(length));
   if (!head.WriteHead(out)) return out.Size();
   const std::uint64_t headSize = out.Size();
   if (!SendsBody(head)) return headSize;
-  if (head.filePath.empty()) {
+  if (!head.HasFileBody()) {
     // A request may have to be sent again.
     std::unique_ptr<ZrStringBuf> body =
         head.kind == ZrMessageKind::kRequest ? CopyOf(head.body) : head.TakeBody();

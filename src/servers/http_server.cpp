@@ -317,8 +317,8 @@ std::shared_ptr<ZrXHeader> ZrTransceiverServerL1HTTP::MessageOf(const Connection
 
 ZrTransceiverServerL1HTTP::Exchange& ZrTransceiverServerL1HTTP::EnterConnection(
     const ConnectionPointer& connection, const HandlerPointer& client) {
-  const auto exchange =
-      std::static_pointer_cast<Exchange>(connection->KeepForServer(std::make_shared<Exchange>()));
+  const auto exchange = std::static_pointer_cast<Exchange>(
+      connection->KeepForServer(std::make_shared<Exchange>(RemoteOf(*connection))));
   std::string target = connection->JoinedTaskName();
   std::string task;
   if (target.empty()) {
@@ -440,7 +440,7 @@ bool ZrTransceiverServerL1HTTP::SendHead(const ConnectionPointer& connection,
                                          const std::shared_ptr<ZrXHeader>& head) {
   const bool isRequest = head->kind == ZrMessageKind::kRequest;
   if (isRequest && connection) DropMessage(*connection);
-  Touch();
+  if (!Persistent()) Touch();  // one that listens has no time limit
   if (!Timing()) {
     LeaveTask(*head);
     return false;
@@ -509,16 +509,24 @@ void ZrTransceiverServerL1HTTP::Write(ZrTransceiver& transceiver,
   }
 }
 
+std::string_view ZrTransceiverServerL1HTTP::RemoteOf(const ZrTransceiverConnection& connection) {
+  const auto& peer = connection.PeerRecord()->info.entries();
+  const auto remote = peer.find("remoteaddress");
+  return remote == peer.end() ? "none" : std::string_view(remote->second);
+}
+
 void ZrTransceiverServerL1HTTP::Log(const ZrTransceiverConnection& connection,
                                     const ZrXHeader& head, std::uint64_t bytes) {
   if (!Callback()) return;
-  const auto& peer = connection.PeerRecord()->info.entries();
-  const auto remote = peer.find("remoteaddress");
+  const Exchange* const exchange = ExchangeOf(connection);
   const auto referer = head.RequestField("referer");
   const auto userAgent = head.RequestField("user-agent");
-  const auto words = head.RequestField(zr::kFirstLine);
+  // The own form does not tell it.
+  const auto words = logFormat_ == zr::AccessLogFormat::kVelkoro
+                         ? ZrHeaderFields::Values()
+                         : head.RequestField(zr::kFirstLine);
   const zr::AccessLogEntry entry{
-      .remote = remote == peer.end() ? "none" : std::string_view(remote->second),
+      .remote = exchange == nullptr ? RemoteOf(connection) : exchange->remote,
       .scheme = zr::ProtocolSchemeName(head.ProtocolKind()),
       .created = head.created,
       .requestText = head.requestSummary,

@@ -63,12 +63,14 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
 
   // What belongs to one connection; the connection has it at hand.
   struct Exchange : ZrTransceiverConnection::ServerPart {
+    explicit Exchange(std::string_view remoteAddress) : remote(remoteAddress) {}
     ZrMutex lock;                                         // behind requestLock_
     std::shared_ptr<ZrXHeader> head ZR_GUARDED_BY(lock);  // being assembled; else none
     bool atWork ZR_GUARDED_BY(lock) = false;              // a thread reads it or hands it out
     bool complete ZR_GUARDED_BY(lock) = false;            // it has arrived, and its turn has begun
     std::atomic<bool> bodyUnderWay{false};                // its head is there, its body is not
     std::atomic<bool> entered{false};  // in exchanges_; changes under requestLock_
+    std::string_view remote;           // the peer's address, in the connection's record; constant
     // What its messages carry; whose turn it is may look and change it.
     std::shared_ptr<const ZrMessageEnds> ends;
     std::string task ZR_GUARDED_BY(lock);  // the joined task made for it; empty: none was made
@@ -145,6 +147,7 @@ class ZrTransceiverServerL1HTTP : public ZrTransceiverServerL0Socket {
   /// Whatever fails, the caller goes on to end the turn.
   void Write(ZrTransceiver& transceiver, ZrTransceiverConnection& connection,
              ZrXHeader& head) noexcept;
+  static std::string_view RemoteOf(const ZrTransceiverConnection& connection);
   void Log(const ZrTransceiverConnection& connection, const ZrXHeader& head, std::uint64_t bytes);
   void Report(ZrServerCallback_t& record, const zr::AccessLogEntry& entry) const;
 
