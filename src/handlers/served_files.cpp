@@ -1,5 +1,6 @@
 #include "handlers/served_files.h"
 
+#include <array>
 #include <utility>
 
 #include "base/batch.h"
@@ -11,6 +12,7 @@ struct ZrServedFiles::BatchFiles {
   struct Entry {
     Found found;
     bool askedAgain = false;
+    bool atHand = false;
   };
   using Key = std::pair<const ZrDirectory*, std::string>;
   using Asked = std::pair<const ZrDirectory*, std::string_view>;
@@ -77,6 +79,14 @@ void Keep(ZrServedFiles::Found& found, Read read) {
   found.notes = {kept, &kept->notes};
 }
 
+// Who sends a large file takes what is in memory and leaves the rest to another thread: one that is
+// not there at all need not come that way.
+bool BeginsAtHand(const ZrFile& file) {
+  std::array<char, 1> first;
+  return file.IsRegular() && file.Size() > ZrServedFiles::kSharedFileSize &&
+         file.ReadAtHand(0, first).has_value();
+}
+
 }  // namespace
 
 ZrServedFiles::Directory ZrServedFiles::Current(const std::string& directory) {
@@ -136,14 +146,15 @@ bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& pa
   const Directory& start = InBatch(known, directory);
   if (!start) return true;
   if (const auto* const entry = known.EntryOf(start.get(), path))
-    return !entry->found.file || entry->found.bytes;
+    return !entry->found.file || entry->found.bytes || entry->atHand;
   ZrFileAtHand now = start->OpenFileAtHand(path);
   if (now.answer == ZrFileAtHand::Answer::kMustWait) return false;
   BatchFiles::Entry entry;
   entry.found.file = std::move(now.file);
   if (entry.found.file && known.Shares(*entry.found.file))
     Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAtHand(0, to); });
-  const bool atHand = !entry.found.file || entry.found.bytes;
+  entry.atHand = !entry.found.file || entry.found.bytes || BeginsAtHand(*entry.found.file);
+  const bool atHand = entry.atHand;
   known.Enter(start.get(), path, std::move(entry));
   return atHand;
 } catch (const ZrCannotTell&) {

@@ -40,8 +40,9 @@ class ZrServedFiles {
   /// The file of that path beneath the directory, whose text is in the stored form; see
   /// ZrFile::OpenBeneath(). Throws ZrCannotTell.
   Found Find(const std::string& directory, const std::string& path) ZR_EXCLUDES(lock_);
-  /// Whether Find() answers for the rest of this batch without waiting for the disk, with the bytes
-  /// of the file or the word that there is none. No outside of a batch.
+  /// Whether Find() answers for the rest of this batch without waiting for the disk: with the bytes
+  /// of the file, with a large file that begins in memory, or the word that there is none. No
+  /// outside of a batch.
   bool IsAtHand(const std::string& directory, const std::string& path) ZR_EXCLUDES(lock_);
 
  private:

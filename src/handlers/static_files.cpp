@@ -151,14 +151,21 @@ bool ZrStaticFiles::ReadsBody(ZrTransceiverClient& client, const ZrXHeader& requ
          HasExtraPath(client, request, path);
 }
 
-// Small files that the system has in memory, and what is not there. Stored pages may be long,
-// programs are waited for.
+// Files that the system has in memory, large ones but for parts of them, and what is not there.
+// Stored pages may be long, programs are waited for.
 bool ZrStaticFiles::CannotWait(ZrTransceiverClient& client, const ZrXHeader& request) {
   if (client.startDirectory.empty()) return true;
   const std::string& directory = client.fileDirectory;
   const ZrSite& site = client.Site();
+  const bool parts = request.semantics->IsStandard() && request.headers.contains("range");
+  const auto readAtHand = [&](const std::string& path) {
+    if (!files_.IsAtHand(directory, path)) return false;
+    if (!parts) return true;
+    const ZrServedFiles::Found found = files_.Find(directory, path);
+    return !found.file || found.bytes;
+  };
   const auto formAtHand = [&](const std::string& path) {
-    return files_.IsAtHand(directory, path) &&
+    return readAtHand(path) &&
            (client.Compression() == nullptr || zr::IsFormAtHand(request, files_, directory, path));
   };
   // Of what is not there, the page that answers for it is asked as well.

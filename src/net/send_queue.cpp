@@ -1,6 +1,8 @@
 #include "net/send_queue.h"
 
 #include <algorithm>
+#include <array>
+#include <optional>
 #include <utility>
 
 namespace {
@@ -35,7 +37,7 @@ void ZrSendQueue::AddFile(std::shared_ptr<const ZrFile> file, std::uint64_t offs
 }
 
 void ZrSendQueue::Clear() {
-  std::deque<Piece> dropped;  // files and buffers are released without the lock
+  decltype(pieces_) dropped;  // files and buffers are released without the lock
   ZrLock hold(lock_);
   dropped.swap(pieces_);
   bytes_ = 0;
@@ -47,28 +49,29 @@ std::string ZrSendQueue::FrontText() {
   return pieces_.empty() ? std::string() : std::string(pieces_.front().bytes.Unread());
 }
 
-ZrSendQueue::Piece* ZrSendQueue::FrontPiece() {
+const ZrSendQueue::Piece* ZrSendQueue::FrontPiece() {
   ZrLock hold(lock_);
   return pieces_.empty() ? nullptr : &pieces_.front();
 }
 
-std::optional<std::string_view> ZrSendQueue::Front() {
-  Piece* const front = FrontPiece();
-  if (front == nullptr) return std::string_view();
-  if (front->bytes.Empty()) {
-    const auto want =
-        static_cast<std::size_t>(std::min<std::uint64_t>(front->remaining, kFilePiece));
-    const std::size_t got =
-        front->file->ReadAt(front->offset, front->bytes.Prepare(want)).value_or(0);
-    if (got == 0) {
-      Clear();
-      return std::nullopt;
-    }
-    front->bytes.Commit(got);
-    front->offset += got;
-    front->remaining -= got;
-  }
-  return front->bytes.Unread();
+ZrSendQueue::Oldest ZrSendQueue::Front(std::span<char> space, Files files) {
+  const Piece* const front = FrontPiece();
+  if (front == nullptr) return {};
+  if (front->bytes.Empty()) return FrontOfFile(*front, space, files);
+  return {Oldest::Kind::kBytes, front->bytes.Unread()};
+}
+
+ZrSendQueue::Oldest ZrSendQueue::FrontOfFile(const Piece& front, std::span<char> space,
+                                             Files files) {
+  space =
+      space.first(static_cast<std::size_t>(std::min<std::uint64_t>(front.remaining, space.size())));
+  const std::optional<std::size_t> got = files == Files::kAtHand
+                                             ? front.file->ReadAtHand(front.offset, space)
+                                             : front.file->ReadAt(front.offset, space);
+  if (!got && files == Files::kAtHand) return {Oldest::Kind::kNotAtHand};
+  if (got.value_or(0) > 0) return {Oldest::Kind::kBytes, {space.data(), *got}};
+  Clear();
+  return {Oldest::Kind::kCut};
 }
 
 void ZrSendQueue::Consume(std::size_t count) {
@@ -76,58 +79,69 @@ void ZrSendQueue::Consume(std::size_t count) {
   ZrLock hold(lock_);
   if (pieces_.empty()) return;
   Piece& front = pieces_.front();
-  count = std::min(count, front.bytes.Size());
-  front.bytes.Consume(count);
+  if (front.bytes.Empty()) {
+    count = static_cast<std::size_t>(std::min<std::uint64_t>(count, front.remaining));
+    front.offset += count;
+    front.remaining -= count;
+  } else {
+    count = std::min(count, front.bytes.Size());
+    front.bytes.Consume(count);
+  }
   bytes_ -= count;
   if (!front.Done()) return;
-  done = TakeFront();
-}
-
-ZrSendQueue::Piece ZrSendQueue::TakeFront() {
-  Piece front = std::move(pieces_.front());
+  done = std::move(front);
   pieces_.pop_front();
-  held_ -= front.share.Bytes();
-  return front;
+  held_ -= done.share.Bytes();
 }
 
-void ZrSendQueue::ConsumeOfFile(std::uint64_t count) {
-  Piece done;
-  ZrLock hold(lock_);
-  Piece& front = pieces_.front();
-  front.offset += count;
-  front.remaining -= count;
-  bytes_ -= count;
-  if (!front.Done()) return;
-  done = TakeFront();
-}
-
-ZrSendQueue::Sent ZrSendQueue::SendFront(ZrByteLine& line, std::size_t& count) {
+ZrSendQueue::Sent ZrSendQueue::SendFront(ZrByteLine& line, std::size_t& count, Files files) {
   count = 0;
   const Piece* const front = FrontPiece();
   if (front == nullptr) return Sent::kAll;
-  const std::string_view bytes = front->bytes.Unread();
-  const auto ofFile =
-      static_cast<std::size_t>(std::min<std::uint64_t>(front->remaining, kFilePiece));
-  const ZrIoResult result =
-      bytes.empty() ? line.SendFile(*front->file, front->offset, ofFile) : line.Send(bytes);
+  if (!front->bytes.Empty()) return SendBytes(line, front->bytes.Unread(), count);
+  if (files == Files::kMayWait) return SendOfFile(line, *front, count);
+  // No call of the system sends only those bytes of a file that it need not wait for.
+  std::array<char, kCopied> space;
+  const Oldest oldest = FrontOfFile(*front, space, files);
+  switch (oldest.kind) {
+    case Oldest::Kind::kBytes:
+      return SendBytes(line, oldest.bytes, count);
+    case Oldest::Kind::kNotAtHand:
+      return Sent::kNotAtHand;
+    case Oldest::Kind::kNone:
+    case Oldest::Kind::kCut:
+      break;
+  }
+  return Sent::kCut;
+}
+
+ZrSendQueue::Sent ZrSendQueue::SendBytes(ZrByteLine& line, std::string_view bytes,
+                                         std::size_t& count) {
+  return Result(line.Send(bytes, Bytes() > bytes.size()), bytes.size(), count);
+}
+
+// The line may have taken less than was asked for because the file is shorter: the next call tells.
+ZrSendQueue::Sent ZrSendQueue::SendOfFile(ZrByteLine& line, const Piece& front,
+                                          std::size_t& count) {
+  const auto length = static_cast<std::size_t>(std::min(front.remaining, kFilePiece));
+  const ZrIoResult result = line.SendFile(*front.file, front.offset, length);
+  if (result.status != ZrIoStatus::kDone || result.count > 0) return Result(result, length, count);
+  Clear();
+  return Sent::kCut;
+}
+
+ZrSendQueue::Sent ZrSendQueue::Result(const ZrIoResult& result, std::size_t asked,
+                                      std::size_t& count) {
   switch (result.status) {
     case ZrIoStatus::kDone:
-      break;
+      count = result.count;
+      Consume(count);
+      return count < asked ? Sent::kRefused : Sent::kSome;
     case ZrIoStatus::kWouldBlock:
       return Sent::kRefused;
     case ZrIoStatus::kClosed:
     case ZrIoStatus::kFailed:
-      return Sent::kDead;
+      break;
   }
-  count = result.count;
-  if (!bytes.empty()) {
-    Consume(count);
-    return count == bytes.size() ? Sent::kSome : Sent::kRefused;
-  }
-  if (count == 0) {
-    Clear();
-    return Sent::kCut;
-  }
-  ConsumeOfFile(count);
-  return Sent::kSome;
+  return Sent::kDead;
 }

@@ -13,9 +13,6 @@
 
 namespace {
 
-// What one pass writes at most: other connections have their turn, and what the peer reads next is
-// still in the cache.
-constexpr std::size_t kWriteBudget = 128 * 1024;
 constexpr std::int64_t kAnswerExtraTime =
     ZrTransceiverConnection::kAnswerTimeLimit - ZrTransceiverConnection::kTimeLimit * 1000;
 
@@ -247,32 +244,34 @@ void ZrTransceiverConnection::PeekFront(std::string& text) { text = output_.Fron
 void ZrTransceiverConnection::Consume(std::size_t count) { output_.Consume(count); }
 
 // A file that turns out shorter than announced ends the connection behind its last byte.
-std::string_view ZrTransceiverConnection::FrontView() {
-  const std::optional<std::string_view> front = output_.Front();
-  if (!front) BeginClosing();
-  return front.value_or(std::string_view());
+std::string_view ZrTransceiverConnection::FrontView(const ZrWritePass& pass,
+                                                    std::span<char> space) {
+  const ZrSendQueue::Oldest front = output_.Front(space, pass.Files());
+  if (front.kind == ZrSendQueue::Oldest::Kind::kCut) BeginClosing();
+  return front.bytes;
 }
 
 ZrTransceiverConnection::Output ZrTransceiverConnection::WriteToSocket(ZrSocketIPvx& socket) {
   using Sent = ZrSendQueue::Sent;
-  for (std::size_t total = 0;;) {
+  for (ZrWritePass pass(owner_.Clock());;) {
     std::size_t count = 0;
-    const Sent sent = output_.SendFront(socket.Line(), count);
+    const Sent sent = output_.SendFront(socket.Line(), count, pass.Files());
     if (count > 0) Touch();
-    total += count;
+    pass.Spend(count);
     switch (sent) {
       case Sent::kSome:
-        if (total < kWriteBudget) continue;
+        if (!pass.IsOver()) continue;
         return Output::kMoved;
       case Sent::kRefused:
-        return total > 0 ? Output::kMoved : Output::kRefused;
+        return pass.Spent() > 0 ? Output::kMoved : Output::kRefused;
       case Sent::kDead:
         return Output::kDead;
       case Sent::kCut:
         BeginClosing();
         [[fallthrough]];
       case Sent::kAll:
-        return total > 0 ? Output::kMoved : Output::kIdle;
+      case Sent::kNotAtHand:
+        return pass.Spent() > 0 ? Output::kMoved : Output::kIdle;
     }
   }
 }
@@ -295,6 +294,8 @@ ZrTransceiverConnection::Output ZrTransceiverConnection::WriteThrough(ZrSocketIP
   QueueRest(bytes);
   return result.status == ZrIoStatus::kDone ? Output::kMoved : Output::kRefused;
 }
+
+const ZrClock& ZrTransceiverConnection::Clock() const { return owner_.Clock(); }
 
 bool ZrTransceiverConnection::FinishOutput(ZrSocketIPvx&) { return true; }
 

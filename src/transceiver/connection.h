@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -27,6 +28,7 @@
 #include "transceiver/flow_notices.h"
 #include "transceiver/fwd.h"
 #include "transceiver/turn.h"
+#include "transceiver/write_pass.h"
 
 class ZrSocketIPvx;
 struct ZrIoRegistration;
@@ -219,9 +221,10 @@ class ZrTransceiverConnection : public ZrJobWithTimeout {
   }
 
  protected:
-  /// The oldest queued bytes as a view, a piece of a file read in when that is what comes next.
-  /// Empty when nothing is queued. Valid until Consume(); later additions do not move the bytes.
-  std::string_view FrontView() ZR_REQUIRES(lock_);
+  /// The oldest queued bytes as a view, those of a file read into `space`. Empty when nothing is
+  /// queued that the pass may take. Valid until Consume(); later additions do not move them.
+  std::string_view FrontView(const ZrWritePass& pass, std::span<char> space) ZR_REQUIRES(lock_);
+  const ZrClock& Clock() const;
   /// Queues what a pass of WriteThrough() has left.
   void QueueRest(ZrStringBuf& bytes) ZR_REQUIRES(lock_);
 

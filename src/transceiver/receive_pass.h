@@ -33,6 +33,11 @@ class ZrReceivePass {
   /// The calling thread's pass, nothing on any other thread.
   static ZrReceivePass* Current() noexcept;
 
+  /// Whether the calling thread is in the middle of a pass: others wait for it.
+  static bool IsUnderWay() noexcept {
+    const ZrReceivePass* const pass = Current();
+    return pass != nullptr && pass->current_ != nullptr;
+  }
   /// The connection that is read now.
   void Read(const ConnectionPointer& connection) {
     current_ = connection;

@@ -130,12 +130,14 @@ ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteStep() {
   using Status = ZrTlsWriteStatus;
   const std::uint64_t before = engine_->Sent();
   Status status = Status::kDone;
-  for (int round = 0; round < kRounds && status == Status::kDone; ++round) {
-    const std::string_view bytes = FrontView().substr(0, ZrTlsEngine::kRecord);
+  std::array<char, ZrTlsEngine::kRecord> space;
+  for (ZrWritePass pass(Clock()); !pass.IsOver() && status == Status::kDone;) {
+    const std::string_view bytes = FrontView(pass, space).substr(0, ZrTlsEngine::kRecord);
     if (bytes.empty()) break;
     const ZrTlsWriteResult result = engine_->Write(bytes, QueuedBytes() > bytes.size());
     status = result.status;
     if (status == Status::kDone) Consume(result.count);
+    pass.Spend(result.count);
   }
   return EndWriting(status, before);
 }

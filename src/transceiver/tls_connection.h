@@ -23,7 +23,7 @@ struct ZrTlsPeer {
 /// Threads: any, as for its base. The TLS state is used under the job's own lock.
 class ZrTransceiverConnection_SSLAddon final : public ZrTransceiverConnection {
  public:
-  /// How many records one pass reads or writes at most, so that no connection holds an I/O job.
+  /// How many records one pass reads at most, so that no connection holds an I/O job.
   static constexpr int kRounds = 100;
 
   /// The server side of a connection: returns at once, the handshake happens in the first reads and

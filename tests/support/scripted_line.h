@@ -35,7 +35,8 @@ class ScriptedLine : public ZrByteLine {
   }
   ScriptedLine* Peer() const { return peer_; }
 
-  ZrIoResult Send(std::string_view bytes) override {
+  using ZrByteLine::Send;
+  ZrIoResult Send(std::string_view bytes, bool /*more*/) override {
     if (++sends == failSendAt) return Break();
     if (broken) return {ZrIoStatus::kClosed, 0, EPIPE};
     const std::size_t count = std::min({bytes.size(), room, piece});
@@ -50,7 +51,7 @@ class ScriptedLine : public ZrByteLine {
     return Send(bytes);
   }
   ZrIoResult SendFile(const ZrFile& file, std::uint64_t offset, std::size_t length) override {
-    std::string bytes(std::min(length, std::size_t{65536}), '\0');
+    std::string bytes(length, '\0');
     bytes.resize(file.ReadAt(offset, bytes).value_or(0));
     return bytes.empty() ? ZrIoResult{} : Send(bytes);
   }

@@ -12,9 +12,16 @@ sigset_t PipeSet() noexcept {
   return set;
 }
 
+// Initial-exec: no loader lock at first use, which a thread could wait for while the library is
+// unloaded.
+[[gnu::tls_model("initial-exec")]] thread_local bool blockedForLife = false;
+
 }  // namespace
 
-ZrSigPipeGuard::ZrSigPipeGuard() noexcept {
+void NoteSigPipeBlocked() noexcept { blockedForLife = true; }
+
+ZrSigPipeGuard::ZrSigPipeGuard() noexcept : forLife_(blockedForLife) {
+  if (forLife_) return;
   const sigset_t pipeSet = PipeSet();
   ::pthread_sigmask(SIG_BLOCK, &pipeSet, &before_);
   blockedBefore_ = ::sigismember(&before_, SIGPIPE) == 1;
@@ -33,7 +40,7 @@ ZrSigPipeGuard::~ZrSigPipeGuard() {
     const timespec none{0, 0};
     ::sigtimedwait(&pipeSet, nullptr, &none);
   }
-  if (!blockedBefore_) ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  if (!forLife_ && !blockedBefore_) ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 
 }  // namespace zr

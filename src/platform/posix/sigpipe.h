@@ -6,6 +6,10 @@
 
 namespace zr {
 
+/// Says that the calling thread blocks SIGPIPE for its whole life: what guards it has nothing to do
+/// then but to take back a signal that was raised.
+void NoteSigPipeBlocked() noexcept;
+
 /// Blocks SIGPIPE for the calling thread as long as it lives.
 class ZrSigPipeGuard {
  public:
@@ -18,6 +22,7 @@ class ZrSigPipeGuard {
   void BrokenPipe() noexcept { raised_ = true; }
 
  private:
+  const bool forLife_;  // it was blocked before, and nobody else's can be pending on the thread
   sigset_t before_;
   bool blockedBefore_ = false;
   bool pendingBefore_ = false;

@@ -59,10 +59,11 @@ ZrWaitStatus WaitOne(int descriptor, short events, milliseconds limit) {
 
 namespace zr {
 
-ZrIoResult SendBytes(int socket, std::string_view bytes) {
+ZrIoResult SendBytes(int socket, std::string_view bytes, bool more) {
+  const int flags = MSG_NOSIGNAL | (more ? MSG_MORE : 0);
   ssize_t count = 0;
   do {
-    count = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    count = ::send(socket, bytes.data(), bytes.size(), flags);
   } while (count < 0 && errno == EINTR);
   return count < 0 ? Failure(errno) : Done(count);
 }
@@ -83,7 +84,8 @@ ZrIoResult SendPieces(int socket, std::span<const std::string_view> pieces) {
 }
 
 ZrIoResult SendFile(int socket, const ZrFile& file, std::uint64_t offset, std::size_t length) {
-  // sendfile() has no flag like MSG_NOSIGNAL; the guard costs two short calls for a large piece.
+  // sendfile() has no flag like MSG_NOSIGNAL. On the host's threads the guard costs two short calls
+  // for a large piece, on our own nothing.
   ZrSigPipeGuard guard;
   auto position = static_cast<off_t>(offset);
   ssize_t count = 0;

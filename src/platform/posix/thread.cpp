@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/posix/sigpipe.h"
+
 namespace {
 
 // The process in which the first thread was started; none at first.
@@ -48,6 +50,7 @@ class SignalsBlocked {
 
 void RunBody(const std::string& name, const std::function<void()>& body) noexcept {
   char cut[16] = {};
+  zr::NoteSigPipeBlocked();
   std::strncpy(cut, name.c_str(), sizeof cut - 1);
   pthread_setname_np(pthread_self(), cut);
   try {

@@ -1,0 +1,10 @@
+#include "transceiver/write_pass.h"
+
+#include "transceiver/receive_pass.h"
+
+ZrWritePass::ZrWritePass(const ZrClock& clock)
+    : clock_(clock),
+      files_(ZrReceivePass::IsUnderWay() ? ZrSendQueue::Files::kAtHand
+                                         : ZrSendQueue::Files::kMayWait),
+      budget_(files_ == ZrSendQueue::Files::kAtHand ? kReceiveBudget : kSendBudget),
+      end_(clock.MonotonicNs() + kLongest) {}
