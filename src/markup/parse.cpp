@@ -164,15 +164,13 @@ std::unique_ptr<ZrXMLComplexElement> zr::ParseStream(
     std::span<const ZrDTDDefinition> furtherKinds) {
   try {
     ZrDTDElementReaderStream reader(stream, furtherKinds);
+    reader.Pool().KeepWhole();
     ZrXMLGenericElement* const top = Parse(reader.Splitter(), reader, dtdName, false);
     for (ZrXMLComplexElement* node : top->Children()) {
       if (!node->OwnLine()) continue;
       top->RemoveChild(node);
       // What stands beside it goes with the reader, before the pool.
-      if (reader.Pool().CanKeepWhole()) {
-        node->MarkTopOfStore();
-        reader.Pool().KeepWhole();
-      }
+      if (reader.Pool().TakeWhole()) node->MarkTopOfStore();
       return std::unique_ptr<ZrXMLComplexElement>(node);
     }
   } catch (const ZrException& error) {

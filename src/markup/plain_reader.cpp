@@ -8,6 +8,9 @@
 #include "markup/byte_scan.h"
 #include "markup/xml_nodes.h"
 
+// What every token goes through.
+#define ZR_INLINE [[gnu::always_inline]] inline
+
 namespace zr {
 
 namespace {
@@ -100,6 +103,28 @@ void PlainReader::ReadTokens() {
   } while (next != nullptr);
 }
 
+ZR_INLINE ZrShortText::Source PlainReader::CutText(const char* text, std::size_t size) {
+  return {text, size, size > ZrShortText::kInside ? pool_.Cut(size) : nullptr};
+}
+
+template <class Node>
+ZR_INLINE void PlainReader::MakeText(const char* end) {
+  const auto size = static_cast<std::size_t>(end - at_);
+  if (size <= ZrShortText::kInside) [[likely]] {
+    pool_.Reserve(NodePool::PieceSize(sizeof(Node)));
+    Link(new (pool_.Cut(sizeof(Node))) Node(ZrShortText::Source{at_, size, nullptr}));
+    return;
+  }
+  pool_.Reserve(NodePool::PieceSize(sizeof(Node)) + SizeOfText(size));
+  void* const place = pool_.Cut(sizeof(Node));
+  Link(new (place) Node(CutText(at_, size)));
+}
+
+ZR_INLINE void PlainReader::Link(ZrXMLComplexElement* node) {
+  current_->body_->children.Insert(nullptr, node);
+  node->link_.parent = current_;
+}
+
 const char* PlainReader::ReadText() {
   for (const char* from = at_; from <= last_; from += kLoad) {
     const unsigned ends = BitsOf(EndText(Load16(from)));
@@ -113,6 +138,11 @@ const char* PlainReader::ReadText() {
 }
 
 const char* PlainReader::ReadWhitespace() {
+  if (!kWhitespace.Has(at_[1])) {  // between two words
+    reader_.line_ += *at_ == '\n';
+    MakeText<ZrXMLGenericWhitespace>(at_ + 1);
+    return at_ + 1;
+  }
   std::uint64_t lineFeeds = 0;
   for (const char* from = at_; from <= last_; from += kLoad) {
     const Bytes16 bytes = Load16(from);
@@ -126,23 +156,6 @@ const char* PlainReader::ReadWhitespace() {
     return end;
   }
   return nullptr;
-}
-
-ZrShortText::Source PlainReader::CutText(const char* text, std::size_t size) {
-  return {text, size, size > ZrShortText::kInside ? pool_.Cut(size) : nullptr};
-}
-
-template <class Node>
-void PlainReader::MakeText(const char* end) {
-  const auto size = static_cast<std::size_t>(end - at_);
-  pool_.Reserve(NodePool::PieceSize(sizeof(Node)) + SizeOfText(size));
-  void* const place = pool_.Cut(sizeof(Node));
-  Link(new (place) Node(CutText(at_, size)));
-}
-
-void PlainReader::Link(ZrXMLComplexElement* node) {
-  current_->body_->children.Insert(nullptr, node);
-  node->link_.parent = current_;
 }
 
 const char* PlainReader::ReadEndTag() {
@@ -159,7 +172,7 @@ const char* PlainReader::ReadEndTag() {
 
 // Names of up to sixteen bytes are found by these; longer ones are looked up as texts.
 template <bool plain>
-const char* PlainReader::ReadName(const char* at, Name& name) {
+ZR_INLINE const char* PlainReader::ReadName(const char* at, Name& name) {
   if (at > last_ || !(plain ? kNameStart : kXmlNameStart).Has(*at)) return nullptr;
   const unsigned others = ~BitsOf(AreOfName<plain>(Load16(at))) & 0xffff;
   const std::uint64_t first = LoadWord(at);
@@ -268,3 +281,5 @@ void PlainReader::MakeElement(NameText& name, bool ownLine, bool selfClosed) {
 }
 
 }  // namespace zr
+
+#undef ZR_INLINE
