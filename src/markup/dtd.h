@@ -3,6 +3,7 @@
 // each kind that its input switches between ("html" to "css" inside a style element, say).
 
 #include <array>
+#include <bitset>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -70,15 +71,24 @@ class ZrDTD {
   std::map<std::string, TagFactory, std::less<>>& TagFactories() { return tagFactories_; }
 
  private:
-  void Index();
+  // The states, by their position, whose tokens can begin with a byte or have it second.
+  struct Begun {
+    std::uint64_t first;
+    std::uint64_t second;
+  };
+  const Begun& ByByte(int byte) {
+    const auto index = static_cast<std::size_t>(byte);
+    if (!found_[index]) [[unlikely]]
+      Find(index);
+    return byByte_[index];
+  }
+  void Find(std::size_t byte);
 
   const ZrName name_;
   ZrNameTable& names_;
-  std::vector<State> states_;  // ordered by name
-  // For each byte the states, by their position, whose tokens can begin with it or have it second.
-  std::array<std::uint64_t, 256> byFirst_{};
-  std::array<std::uint64_t, 256> bySecond_{};
-  bool indexed_ = false;
+  std::vector<State> states_;      // ordered by name
+  std::array<Begun, 256> byByte_;  // of those bytes that were found_
+  std::bitset<256> found_;
   Nodes nodes_ = Nodes::kAny;
   std::set<std::string, std::less<>> voidNames_;
   std::map<std::string, TagFactory, std::less<>> tagFactories_;

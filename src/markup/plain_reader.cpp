@@ -43,11 +43,10 @@ std::uint64_t Ordered(std::uint64_t word) {
   return __builtin_bswap64(word);
 }
 
-// The first so many bytes of a word, zeros behind them.
+// The first so many bytes of a word, at least one, with zeros behind them.
 std::uint64_t FirstBytes(std::uint64_t word, std::size_t count) {
   if (count >= 8) return word;
   const auto cut = static_cast<unsigned>(64 - 8 * count);
-  if (count == 0) return 0;
   if constexpr (std::endian::native == std::endian::big) return word >> cut << cut;
   return word << cut >> cut;
 }
@@ -201,7 +200,7 @@ const char* PlainReader::ReadAttribute(const char* at) {
   if (count_ == kMostAttributes) return nullptr;
   Attribute& attribute = attributes_[count_++];
   const char* const equals = ReadName<plain>(at, attribute.name);
-  if (equals == nullptr || *equals != '=') return nullptr;
+  if (equals == nullptr || equals > last_ || *equals != '=') return nullptr;
   const char quote = equals[1];
   if (quote != '"' && quote != '\'') return nullptr;
   attribute.value = equals + 2;
