@@ -43,14 +43,17 @@ class ZrDTD {
   /// Registers a state; states are tried in the byte-wise order of their names. Throws ZrException
   /// "name can't be twice" for a name that is there already. At most 64 states.
   void AddState(std::unique_ptr<ZrDTDElementRead> prototype, Factory factory, bool container);
-  /// What the nodes of this kind are.
+  /// What the nodes of this kind are, from the least known to the most.
   enum class Nodes {
     kAny,
-    // Of classes that keep nothing outside of node memory but names, and have no hooks. A tag, a
-    // text and a run of whitespace are those of "xml".
+    // Of classes that keep nothing outside of node memory but names, and have no hooks.
     kPlain,
-    // The same, where names are those of XML and elements have no lines of their own.
+    // Texts, runs of whitespace and end tags that give the name as it is are those of "xml".
+    kPlainTexts,
+    // Start tags as well, with names as documents have them; elements have no lines of their own.
     kPlainDocument,
+    // Start tags as well, as in "xml".
+    kPlainXml,
   };
   /// Once all states are registered: one that is registered later may be anything.
   void SetNodes(Nodes nodes) { nodes_ = nodes; }

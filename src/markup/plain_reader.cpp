@@ -63,16 +63,14 @@ PlainReader::PlainReader(ZrXMLContentSplitter& splitter, ZrDTDElementReader& rea
 
 bool PlainReader::Run() {
   // Below a node that this parse made there are no hooks; a body is there since it was opened.
-  if (!dtd_.HasPlainNodes() || !dtd_.VoidNames().empty() || !IsOpen() ||
-      current_->body_ == nullptr || reader_.UnreadSize() < kLoad)
-    return false;
+  if (!IsOpen() || current_->body_ == nullptr || reader_.UnreadSize() < kLoad) return false;
   kind_ = dtd_.Name().shared_;
   if ((kind_->references.load(std::memory_order_relaxed) & NameText::kPermanent) == 0) return false;
   const char* const first = reader_.window_.data();
   at_ = first;
   last_ = first + reader_.UnreadSize() - kLoad;
   try {
-    if (dtd_.KindOfNodes() == ZrDTD::Nodes::kPlain)
+    if (dtd_.KindOfNodes() == ZrDTD::Nodes::kPlainXml)
       ReadTokens<true>();
     else
       ReadTokens<false>();
@@ -91,14 +89,17 @@ bool PlainReader::IsOpen() const {
 
 template <bool plain>
 void PlainReader::ReadTokens() {
+  const bool startTags = dtd_.KindOfNodes() >= ZrDTD::Nodes::kPlainDocument;
   const char* next = at_;
   do {
     at_ = next;
     if (at_ > last_ || !IsOpen()) return;
-    if (*at_ == '<')
-      next = at_[1] == '/' ? ReadEndTag() : ReadStartTag<plain>();
-    else
+    if (*at_ != '<')
       next = kWhitespace.Has(*at_) ? ReadWhitespace() : ReadText();
+    else if (at_[1] == '/')
+      next = ReadEndTag();
+    else
+      next = startTags ? ReadStartTag<plain>() : nullptr;
   } while (next != nullptr);
 }
 
