@@ -152,6 +152,7 @@ Document Document::ReadText(std::string_view text, DocumentKind kind, std::strin
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   auto tree = std::make_unique<Tree>(Tree{std::make_unique<TopNode>(kind)});
   TextReader reader(text);
+  reader.Pool().KeepWhole();
   ZrXMLContentSplitter& splitter = reader.Splitter();
   TopNode* const top = tree->top.get();
   splitter.top = std::move(tree->top);
@@ -170,10 +171,7 @@ Document Document::ReadText(std::string_view text, DocumentKind kind, std::strin
   if (text.find('\'') != std::string_view::npos) EscapeQuotes(*top);
   (void)splitter.top.release();
   tree->top.reset(top);
-  if (!top->Children().empty() && reader.Pool().CanKeepWhole()) {
-    top->MarkTopOfStore();
-    reader.Pool().KeepWhole();
-  }
+  if (!top->Children().empty() && reader.Pool().TakeWhole()) top->MarkTopOfStore();
   return Document(std::move(tree));
 }
 

@@ -237,6 +237,7 @@ void FillPageDocument(ZrDTD& dtd) {
   dtd.AddState(std::make_unique<LoneLessState>(), EscapedLess, false);
   dtd.AddState(std::make_unique<VoidElementState>(), PageElement, false);
   dtd.AddState(std::make_unique<PageElementState>(), PageElement, true);
+  dtd.SetNodes(ZrDTD::Nodes::kPlainTexts);
 }
 
 void FillRawContent(ZrDTD& dtd) {
@@ -244,6 +245,7 @@ void FillRawContent(ZrDTD& dtd) {
     if (dtd.Name() == raw.kind)
       dtd.AddState(std::make_unique<RawTextState>(raw.tag), FacadeText<ZrXMLGenericText>, false);
   dtd.AddState(std::make_unique<PageElementState>(), PageElement, true);
+  dtd.SetNodes(ZrDTD::Nodes::kPlain);
 }
 
 constexpr ZrDTDDefinition kFacadeKinds[] = {

@@ -3,6 +3,7 @@
 // each kind that its input switches between ("html" to "css" inside a style element, say).
 
 #include <array>
+#include <bitset>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -42,14 +43,17 @@ class ZrDTD {
   /// Registers a state; states are tried in the byte-wise order of their names. Throws ZrException
   /// "name can't be twice" for a name that is there already. At most 64 states.
   void AddState(std::unique_ptr<ZrDTDElementRead> prototype, Factory factory, bool container);
-  /// What the nodes of this kind are.
+  /// What the nodes of this kind are, from the least known to the most.
   enum class Nodes {
     kAny,
-    // Of classes that keep nothing outside of node memory but names, and have no hooks. A tag, a
-    // text and a run of whitespace are those of "xml".
+    // Of classes that keep nothing outside of node memory but names, and have no hooks.
     kPlain,
-    // The same, where names are those of XML and elements have no lines of their own.
+    // Texts, runs of whitespace and end tags that give the name as it is are those of "xml".
+    kPlainTexts,
+    // Start tags as well, with names as documents have them; elements have no lines of their own.
     kPlainDocument,
+    // Start tags as well, as in "xml".
+    kPlainXml,
   };
   /// Once all states are registered: one that is registered later may be anything.
   void SetNodes(Nodes nodes) { nodes_ = nodes; }
@@ -70,15 +74,24 @@ class ZrDTD {
   std::map<std::string, TagFactory, std::less<>>& TagFactories() { return tagFactories_; }
 
  private:
-  void Index();
+  // The states, by their position, whose tokens can begin with a byte or have it second.
+  struct Begun {
+    std::uint64_t first;
+    std::uint64_t second;
+  };
+  const Begun& ByByte(int byte) {
+    const auto index = static_cast<std::size_t>(byte);
+    if (!found_[index]) [[unlikely]]
+      Find(index);
+    return byByte_[index];
+  }
+  void Find(std::size_t byte);
 
   const ZrName name_;
   ZrNameTable& names_;
-  std::vector<State> states_;  // ordered by name
-  // For each byte the states, by their position, whose tokens can begin with it or have it second.
-  std::array<std::uint64_t, 256> byFirst_{};
-  std::array<std::uint64_t, 256> bySecond_{};
-  bool indexed_ = false;
+  std::vector<State> states_;      // ordered by name
+  std::array<Begun, 256> byByte_;  // of those bytes that were found_
+  std::bitset<256> found_;
   Nodes nodes_ = Nodes::kAny;
   std::set<std::string, std::less<>> voidNames_;
   std::map<std::string, TagFactory, std::less<>> tagFactories_;

@@ -28,7 +28,7 @@ std::unique_ptr<ZrDTD> MakeXml(ZrNameTable& names) {
   xml->AddState(std::make_unique<ZrDTDElementRead_Text>(), MakeTextNode<ZrXMLGenericText>, false);
   xml->AddState(std::make_unique<ZrDTDElementRead_WhitespaceText>(),
                 MakeTextNode<ZrXMLGenericWhitespace>, false);
-  xml->SetNodes(ZrDTD::Nodes::kPlain);
+  xml->SetNodes(ZrDTD::Nodes::kPlainXml);
   return xml;
 }
 

@@ -120,7 +120,7 @@ void FreeNodeMemory(void* piece, std::size_t size) noexcept {
     return;
   }
   if (size > NodePool::kLargestPiece) {
-    pool->store_->LetGo(chunk);
+    if (pool->store_->IsOpen()) pool->store_->LetGo(chunk);
     NodePool::Return(chunk);
     return;
   }
@@ -145,7 +145,7 @@ NodePool::~NodePool() {
       }
     }
   }
-  if (keepWhole_ && CanKeepWhole()) {
+  if (taken_ && store_->IsOpen()) {
     store_->state_.store(NodeStore::State::kWhole, std::memory_order_relaxed);
     store_->LetGoEmpty();
   } else {
@@ -154,13 +154,17 @@ NodePool::~NodePool() {
   store_->Release(1);
 }
 
-bool NodePool::CanKeepWhole() const noexcept {
-  return store_->state_.load(std::memory_order_relaxed) == NodeStore::State::kOpen;
+void NodePool::KeepWhole() noexcept {
+  if (chunk_ == nullptr) store_->state_.store(NodeStore::State::kOpen, std::memory_order_relaxed);
+}
+
+bool NodePool::TakeWhole() noexcept {
+  taken_ = store_->IsOpen();
+  return taken_;
 }
 
 void NodePool::PartOpen() noexcept {
-  if (thread.pool != nullptr)
-    thread.pool->store_->state_.store(NodeStore::State::kParted, std::memory_order_relaxed);
+  if (thread.pool != nullptr && thread.pool->store_->IsOpen()) thread.pool->store_->LetGoAll();
 }
 
 void NodePool::Keep(NameText* name) noexcept {
@@ -202,12 +206,13 @@ void NodeStore::Drop(Chunk* chunk, std::uint64_t count) noexcept {
   store->Release(1);
 }
 
-void NodeStore::Hold(Chunk* chunk) noexcept {
-  chunk->next = held_;
-  chunk->previous = nullptr;
+NodeStore::Chunk* NodeStore::MakeChunk(void* memory, std::uint64_t pieces) noexcept {
+  users_.fetch_add(1, std::memory_order_relaxed);
+  if (!IsOpen()) return new (memory) Chunk{{pieces}, this, nullptr, nullptr};
+  auto* const chunk = new (memory) Chunk{{pieces + kHeld}, this, held_, nullptr};
   if (held_ != nullptr) held_->previous = chunk;
   held_ = chunk;
-  users_.fetch_add(1, std::memory_order_relaxed);
+  return chunk;
 }
 
 void NodeStore::LetGo(Chunk* chunk) noexcept {
@@ -217,7 +222,7 @@ void NodeStore::LetGo(Chunk* chunk) noexcept {
 }
 
 void NodeStore::LetGoAll() noexcept {
-  // The last piece may have gone: then this goes with its last chunk.
+  state_.store(State::kParted, std::memory_order_relaxed);
   for (Chunk* chunk = std::exchange(held_, nullptr); chunk != nullptr;)
     Drop(std::exchange(chunk, chunk->next), kHeld);
 }
@@ -236,8 +241,7 @@ void NodeStore::Part() noexcept {
   // What the parse itself does to its nodes goes through its pool.
   NodePool* const pool = NodePool::thread.pool;
   if (state == State::kOpen && pool != nullptr && pool->store_ == this) return;
-  state_.store(State::kParted, std::memory_order_relaxed);
-  if (state == State::kWhole) LetGoAll();
+  LetGoAll();
 }
 
 void NodeStore::FreeAllBut(const void* piece) noexcept {
@@ -287,9 +291,7 @@ void NodePool::Renew(std::size_t size) {
   const bool large = room == kLargePage;
   char* const memory = static_cast<char*>(AllocateChunk(room, large));
   Retire();
-  chunk_ = new (memory) Chunk{
-      {NodeStore::kInUse + NodeStore::kHeld + (large ? NodeStore::kLarge : 0)}, store_, {}, {}};
-  store_->Hold(chunk_);
+  chunk_ = store_->MakeChunk(memory, NodeStore::kInUse + (large ? NodeStore::kLarge : 0));
   // The first piece's lead lies in the block before it, behind the head of the chunk.
   static_assert(sizeof(Chunk) + kLead <= kHead);
   next_ = memory + kHead;
@@ -299,10 +301,8 @@ void NodePool::Renew(std::size_t size) {
 
 void* NodePool::CutAlone(std::size_t size) {
   char* const memory = static_cast<char*>(AllocateChunk(kHead + size, false));
-  Chunk* const chunk = new (memory) Chunk{{NodeStore::kHeld + 1}, store_, {}, {}};
-  store_->Hold(chunk);
   void* const piece = memory + kHead;
-  LeadOf(piece) = chunk;
+  LeadOf(piece) = store_->MakeChunk(memory, 1);
   return piece;
 }
 

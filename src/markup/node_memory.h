@@ -47,13 +47,15 @@ class NodeStore {
   void FreeAllBut(const void* piece) noexcept;
 
  private:
+  bool IsOpen() const noexcept { return state_.load(std::memory_order_relaxed) == State::kOpen; }
+
   friend class NodePool;
   friend void* AllocateNodeMemory(std::size_t size);
   friend void FreeNodeMemory(void* piece, std::size_t size) noexcept;
 
   struct Chunk {
-    // Those not yet freed, with kInUse while the pool cuts from it and kHeld as long as the pool
-    // or the undivided store holds it; above them kLarge or nothing.
+    // Those not yet freed, with kInUse while the pool cuts from it and kHeld as long as the store
+    // is not parted; above them kLarge or nothing.
     std::atomic<std::uint64_t> pieces;
     NodeStore* store;
     Chunk* next;  // of those held
@@ -64,25 +66,26 @@ class NodeStore {
   static constexpr std::uint64_t kLarge = std::uint64_t{1} << 48;  // of kLargePage bytes
 
   enum class State {
-    kOpen,   // the parse goes on, and may yet be kept as one
-    kWhole,  // everything in it belongs to one tree
     kParted,
+    kOpen,   // the parse goes on, and will perhaps be kept as one
+    kWhole,  // everything in it belongs to one tree
   };
 
   NodeStore() = default;
   ~NodeStore();
   static void Drop(Chunk* chunk, std::uint64_t count) noexcept;
   static void Free(Chunk* chunk, bool large) noexcept;
-  void Hold(Chunk* chunk) noexcept;
+  Chunk* MakeChunk(void* memory, std::uint64_t pieces) noexcept;
   void LetGo(Chunk* chunk) noexcept;
   void LetGoAll() noexcept;
   void LetGoEmpty() noexcept;
   void Release(std::uint64_t count) noexcept;
 
-  std::atomic<State> state_{State::kOpen};
+  std::atomic<State> state_{State::kParted};
   std::atomic<std::uint64_t> users_{1};  // its chunks, and the pool
-  Chunk* held_ = nullptr;                // of the pool's thread, then of the tree's while kWhole
-  NameText* names_ = nullptr;            // of the pool's thread
+  // All chunks until it is parted: of the thread of the pool, then of the tree.
+  Chunk* held_ = nullptr;
+  NameText* names_ = nullptr;  // of the pool's thread
 };
 
 /// Cuts the pieces of one parse, which is on one thread. The pool may go before the pieces.
@@ -115,11 +118,12 @@ class NodePool {
   /// the open pool's store is parted. Nothing without one.
   static void PartOpen() noexcept;
 
-  /// Whether the store may still be kept as one with its tree.
-  bool CanKeepWhole() const noexcept;
-  /// What is in the store when the pool goes belongs to one tree, whose top says so to FreeAllBut()
-  /// when it goes. Only where CanKeepWhole().
-  void KeepWhole() noexcept { keepWhole_ = true; }
+  /// Before the parse, of a caller that will own all that it makes: the store is to be one with the
+  /// tree.
+  void KeepWhole() noexcept;
+  /// After it: whether the store is one with the tree, whose top then says so to FreeAllBut() when
+  /// it goes. What else was made goes before the pool.
+  bool TakeWhole() noexcept;
   /// For the parser: makes room for pieces of so many bytes, each counted with PieceSize(). Throws
   /// std::bad_alloc.
   void Reserve(std::size_t size) {
@@ -182,7 +186,7 @@ class NodePool {
   char* end_ = nullptr;
   std::uint64_t cut_ = 0;  // pieces cut from chunk_
   std::size_t chunkSize_ = kFirstChunk;
-  bool keepWhole_ = false;
+  bool taken_ = false;  // by TakeWhole()
   // Freed pieces by their size in grains, linked through their first bytes. They still count in
   // their chunks.
   std::array<void*, kLargestPiece / kGrain + 2> freed_{};

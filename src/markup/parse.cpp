@@ -34,6 +34,7 @@ class Builder {
   ZrXMLContentSplitter& splitter_;
   ZrDTDElementReader& reader_;
   ZrDTD* dtd_ = nullptr;  // of splitter_.dtdName, null before it was looked up
+  bool plain_ = false;    // whether zr::PlainReader knows it
   const ZrXMLComplexElement* judged_ = nullptr;  // the element that currentIsVoid_ is about
   bool currentIsVoid_ = false;
 };
@@ -44,6 +45,7 @@ void Builder::LookUp() {
     throw ZrException("DTD '" + splitter_.dtdName.str() + "' not defined", 986, "src");
   splitter_.dtdName = dtd_->Name();  // the same text, shared by all who keep it
   if (!dtd_->HasPlainNodes()) zr::NodePool::PartOpen();
+  plain_ = zr::PlainReader::Knows(*dtd_);
   judged_ = nullptr;
 }
 
@@ -52,7 +54,8 @@ void Builder::Run(bool stopAfterOne) {
   for (bool used = false; !(used && stopAfterOne);) {
     if (!reader_.HasUnread() && reader_.AtEnd()) break;
     if (dtd_ == nullptr) LookUp();
-    if (!stopAfterOne && zr::PlainReader(splitter_, reader_, *dtd_).Run()) judged_ = nullptr;
+    if (plain_ && !stopAfterOne && zr::PlainReader(splitter_, reader_, *dtd_).Run())
+      judged_ = nullptr;
     ZrDTD::State* const state = dtd_->Recognise(reader_);
     if (state == nullptr) {
       if (!reader_.HasUnread() && reader_.AtEnd()) continue;
@@ -164,15 +167,13 @@ std::unique_ptr<ZrXMLComplexElement> zr::ParseStream(
     std::span<const ZrDTDDefinition> furtherKinds) {
   try {
     ZrDTDElementReaderStream reader(stream, furtherKinds);
+    reader.Pool().KeepWhole();
     ZrXMLGenericElement* const top = Parse(reader.Splitter(), reader, dtdName, false);
     for (ZrXMLComplexElement* node : top->Children()) {
       if (!node->OwnLine()) continue;
       top->RemoveChild(node);
       // What stands beside it goes with the reader, before the pool.
-      if (reader.Pool().CanKeepWhole()) {
-        node->MarkTopOfStore();
-        reader.Pool().KeepWhole();
-      }
+      if (reader.Pool().TakeWhole()) node->MarkTopOfStore();
       return std::unique_ptr<ZrXMLComplexElement>(node);
     }
   } catch (const ZrException& error) {

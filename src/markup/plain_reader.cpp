@@ -8,6 +8,9 @@
 #include "markup/byte_scan.h"
 #include "markup/xml_nodes.h"
 
+// What every token goes through.
+#define ZR_INLINE [[gnu::always_inline]] inline
+
 namespace zr {
 
 namespace {
@@ -40,11 +43,10 @@ std::uint64_t Ordered(std::uint64_t word) {
   return __builtin_bswap64(word);
 }
 
-// The first so many bytes of a word, zeros behind them.
+// The first so many bytes of a word, at least one, with zeros behind them.
 std::uint64_t FirstBytes(std::uint64_t word, std::size_t count) {
   if (count >= 8) return word;
   const auto cut = static_cast<unsigned>(64 - 8 * count);
-  if (count == 0) return 0;
   if constexpr (std::endian::native == std::endian::big) return word >> cut << cut;
   return word << cut >> cut;
 }
@@ -61,16 +63,14 @@ PlainReader::PlainReader(ZrXMLContentSplitter& splitter, ZrDTDElementReader& rea
 
 bool PlainReader::Run() {
   // Below a node that this parse made there are no hooks; a body is there since it was opened.
-  if (!dtd_.HasPlainNodes() || !dtd_.VoidNames().empty() || !IsOpen() ||
-      current_->body_ == nullptr || reader_.UnreadSize() < kLoad)
-    return false;
+  if (!IsOpen() || current_->body_ == nullptr || reader_.UnreadSize() < kLoad) return false;
   kind_ = dtd_.Name().shared_;
   if ((kind_->references.load(std::memory_order_relaxed) & NameText::kPermanent) == 0) return false;
   const char* const first = reader_.window_.data();
   at_ = first;
   last_ = first + reader_.UnreadSize() - kLoad;
   try {
-    if (dtd_.KindOfNodes() == ZrDTD::Nodes::kPlain)
+    if (dtd_.KindOfNodes() == ZrDTD::Nodes::kPlainXml)
       ReadTokens<true>();
     else
       ReadTokens<false>();
@@ -89,15 +89,40 @@ bool PlainReader::IsOpen() const {
 
 template <bool plain>
 void PlainReader::ReadTokens() {
+  const bool startTags = dtd_.KindOfNodes() >= ZrDTD::Nodes::kPlainDocument;
   const char* next = at_;
   do {
     at_ = next;
     if (at_ > last_ || !IsOpen()) return;
-    if (*at_ == '<')
-      next = at_[1] == '/' ? ReadEndTag() : ReadStartTag<plain>();
-    else
+    if (*at_ != '<')
       next = kWhitespace.Has(*at_) ? ReadWhitespace() : ReadText();
+    else if (at_[1] == '/')
+      next = ReadEndTag();
+    else
+      next = startTags ? ReadStartTag<plain>() : nullptr;
   } while (next != nullptr);
+}
+
+ZR_INLINE ZrShortText::Source PlainReader::CutText(const char* text, std::size_t size) {
+  return {text, size, size > ZrShortText::kInside ? pool_.Cut(size) : nullptr};
+}
+
+template <class Node>
+ZR_INLINE void PlainReader::MakeText(const char* end) {
+  const auto size = static_cast<std::size_t>(end - at_);
+  if (size <= ZrShortText::kInside) [[likely]] {
+    pool_.Reserve(NodePool::PieceSize(sizeof(Node)));
+    Link(new (pool_.Cut(sizeof(Node))) Node(ZrShortText::Source{at_, size, nullptr}));
+    return;
+  }
+  pool_.Reserve(NodePool::PieceSize(sizeof(Node)) + SizeOfText(size));
+  void* const place = pool_.Cut(sizeof(Node));
+  Link(new (place) Node(CutText(at_, size)));
+}
+
+ZR_INLINE void PlainReader::Link(ZrXMLComplexElement* node) {
+  current_->body_->children.Insert(nullptr, node);
+  node->link_.parent = current_;
 }
 
 const char* PlainReader::ReadText() {
@@ -113,6 +138,11 @@ const char* PlainReader::ReadText() {
 }
 
 const char* PlainReader::ReadWhitespace() {
+  if (!kWhitespace.Has(at_[1])) {  // between two words
+    reader_.line_ += *at_ == '\n';
+    MakeText<ZrXMLGenericWhitespace>(at_ + 1);
+    return at_ + 1;
+  }
   std::uint64_t lineFeeds = 0;
   for (const char* from = at_; from <= last_; from += kLoad) {
     const Bytes16 bytes = Load16(from);
@@ -126,23 +156,6 @@ const char* PlainReader::ReadWhitespace() {
     return end;
   }
   return nullptr;
-}
-
-ZrShortText::Source PlainReader::CutText(const char* text, std::size_t size) {
-  return {text, size, size > ZrShortText::kInside ? pool_.Cut(size) : nullptr};
-}
-
-template <class Node>
-void PlainReader::MakeText(const char* end) {
-  const auto size = static_cast<std::size_t>(end - at_);
-  pool_.Reserve(NodePool::PieceSize(sizeof(Node)) + SizeOfText(size));
-  void* const place = pool_.Cut(sizeof(Node));
-  Link(new (place) Node(CutText(at_, size)));
-}
-
-void PlainReader::Link(ZrXMLComplexElement* node) {
-  current_->body_->children.Insert(nullptr, node);
-  node->link_.parent = current_;
 }
 
 const char* PlainReader::ReadEndTag() {
@@ -159,7 +172,7 @@ const char* PlainReader::ReadEndTag() {
 
 // Names of up to sixteen bytes are found by these; longer ones are looked up as texts.
 template <bool plain>
-const char* PlainReader::ReadName(const char* at, Name& name) {
+ZR_INLINE const char* PlainReader::ReadName(const char* at, Name& name) {
   if (at > last_ || !(plain ? kNameStart : kXmlNameStart).Has(*at)) return nullptr;
   const unsigned others = ~BitsOf(AreOfName<plain>(Load16(at))) & 0xffff;
   const std::uint64_t first = LoadWord(at);
@@ -188,7 +201,7 @@ const char* PlainReader::ReadAttribute(const char* at) {
   if (count_ == kMostAttributes) return nullptr;
   Attribute& attribute = attributes_[count_++];
   const char* const equals = ReadName<plain>(at, attribute.name);
-  if (equals == nullptr || *equals != '=') return nullptr;
+  if (equals == nullptr || equals > last_ || *equals != '=') return nullptr;
   const char quote = equals[1];
   if (quote != '"' && quote != '\'') return nullptr;
   attribute.value = equals + 2;
@@ -268,3 +281,5 @@ void PlainReader::MakeElement(NameText& name, bool ownLine, bool selfClosed) {
 }
 
 }  // namespace zr
+
+#undef ZR_INLINE

@@ -22,8 +22,12 @@ class PlainReader {
  public:
   PlainReader(ZrXMLContentSplitter& splitter, ZrDTDElementReader& reader, ZrDTD& dtd);
 
-  /// Reads tokens as far as they are plain; whether it read any. Throws std::bad_alloc, with all
-  /// read that is in the tree.
+  /// Whether there can be anything to do for it in documents of that kind.
+  static bool Knows(ZrDTD& dtd) {
+    return dtd.KindOfNodes() >= ZrDTD::Nodes::kPlainTexts && dtd.VoidNames().empty();
+  }
+
+  /// Reads tokens as far as they are plain; whether it read any. Only of a kind that it knows.
   bool Run();
 
  private:

@@ -4,14 +4,14 @@
 
 namespace {
 
-// Every text of a document bears one of these, so they are not counted.
 const ZrPermanentName kDocument("xmldocument");
 const ZrPermanentName kProcInst("procinst");
 const ZrPermanentName kComment("comment");
-const ZrPermanentName kText("xmltext");
-const ZrPermanentName kWhitespace("xmlwhitespace");
 
 }  // namespace
+
+const ZrPermanentName ZrXMLGenericText::kName("xmltext");
+const ZrPermanentName ZrXMLGenericWhitespace::kName("xmlwhitespace");
 
 ZrXML_Document2::ZrXML_Document2() : ZrXMLGenericElement(kDocument, false) {}
 
@@ -38,10 +38,7 @@ void ZrXML_Comment2::Write(std::ostream& stream) const {
   tag.Flush();
 }
 
-ZrXMLGenericText::ZrXMLGenericText(std::string_view text) : ZrXMLTextCarrier(kText, text) {}
-
-ZrXMLGenericText::ZrXMLGenericText(const ZrShortText::Source& text) noexcept
-    : ZrXMLTextCarrier({kText.text()}, text) {}
+ZrXMLGenericText::ZrXMLGenericText(std::string_view text) : ZrXMLTextCarrier(kName, text) {}
 
 void ZrXMLGenericText::Write(std::ostream& stream) const {
   WritePrologue(stream);
@@ -49,10 +46,7 @@ void ZrXMLGenericText::Write(std::ostream& stream) const {
 }
 
 ZrXMLGenericWhitespace::ZrXMLGenericWhitespace(std::string_view text)
-    : ZrXMLTextCarrier(kWhitespace, text) {}
-
-ZrXMLGenericWhitespace::ZrXMLGenericWhitespace(const ZrShortText::Source& text) noexcept
-    : ZrXMLTextCarrier({kWhitespace.text()}, text) {}
+    : ZrXMLTextCarrier(kName, text) {}
 
 void ZrXMLGenericWhitespace::Write(std::ostream& stream) const {
   WritePrologue(stream);

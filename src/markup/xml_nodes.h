@@ -58,7 +58,9 @@ class ZrXMLGenericText : public ZrXMLTextCarrier {
 
  private:
   friend class zr::PlainReader;
-  explicit ZrXMLGenericText(const ZrShortText::Source& text) noexcept;
+  static const ZrPermanentName kName;  // every one of a document bears it, so it is not counted
+  explicit ZrXMLGenericText(const ZrShortText::Source& text) noexcept
+      : ZrXMLTextCarrier({kName.text()}, text) {}
 };
 
 /// Whitespace run, named "xmlwhitespace": written as it is.
@@ -69,5 +71,7 @@ class ZrXMLGenericWhitespace : public ZrXMLTextCarrier {
 
  private:
   friend class zr::PlainReader;
-  explicit ZrXMLGenericWhitespace(const ZrShortText::Source& text) noexcept;
+  static const ZrPermanentName kName;  // every one of a document bears it, so it is not counted
+  explicit ZrXMLGenericWhitespace(const ZrShortText::Source& text) noexcept
+      : ZrXMLTextCarrier({kName.text()}, text) {}
 };

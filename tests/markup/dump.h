@@ -136,13 +136,20 @@ inline std::string ReadWith(ZrDTDElementReader& reader, std::string_view kind) {
 }
 
 /// Reads the input whole and byte by byte; a difference is a test failure.
-inline std::string Read(std::string_view input, std::string_view kind = "xml", Kinds kinds = {}) {
-  std::istringstream stream{std::string(input)};
+inline std::string ReadBothWays(const std::string& input, std::string_view kind, Kinds kinds) {
+  std::istringstream stream(input);
   ZrDTDElementReaderStream whole(stream, kinds);
   const std::string result = ReadWith(whole, kind);
   CharacterReader bytes(input, kinds);
   EXPECT_EQ(ReadWith(bytes, kind), result);
   return result;
+}
+
+/// The same, and also where the input stands amidst a document, as most of one does.
+inline std::string Read(std::string_view input, std::string_view kind = "xml", Kinds kinds = {}) {
+  const std::string text(input);
+  ReadBothWays("<amidst>" + text + "</amidst>" + Repeated(" ", 40), kind, kinds);
+  return ReadBothWays(text, kind, kinds);
 }
 
 }  // namespace zrtest

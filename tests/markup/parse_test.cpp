@@ -44,6 +44,29 @@ TEST(Parse, XmlTokensBecomeNodes) {
   for (const Case& c : kCases) EXPECT_EQ(Read(c.input), c.result) << c.name;
 }
 
+// Words, names and values of every length around those where they are read or kept in another way.
+TEST(Parse, TokensOfAnyLengthAreKept) {
+  for (const std::size_t size : {1, 7, 8, 9, 14, 15, 16, 17, 31, 32, 33, 1024, 1025, 40'000}) {
+    const std::string word = Repeated("n", size);
+    const std::string other = Repeated("n", size - 1) + "o";  // differs in the last byte only
+    const std::string tag = word + " " + other + "='" + word + "' " + word + "='" + other + "'";
+    const std::string dump = word + "[" + word + "=" + other + " " + other + "=" + word + "]({" +
+                             Repeated(".", size) + "} '" + word + "' " + other + ") ";
+    EXPECT_EQ(
+        Read("<" + tag + ">" + Repeated(" ", size) + word + "<" + other + "/></" + word + ">"),
+        dump + "@1");
+  }
+  for (const int count : {16, 17, 47, 48}) {
+    std::string tag;
+    std::string dump;
+    for (int i = 10; i < 10 + count; ++i) {
+      tag.insert(0, " a" + std::to_string(i) + "='\n'");  // in falling order
+      dump += (i == 10 ? "[a" : " a") + std::to_string(i) + "=\n";
+    }
+    EXPECT_EQ(Read("<t" + tag + "/>"), "t" + dump + "] @" + std::to_string(count + 1));
+  }
+}
+
 TEST(Parse, FailuresNameTheLine) {
   constexpr Case kCases[] = {
       {"mismatch", "<a><b></a>", "a(b) @1 # wrong closing tag '/a' instead '/b' around line 1"},
