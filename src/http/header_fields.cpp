@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/text_cursor.h"
+
 namespace {
 
 // Up to that many are gone through.
@@ -48,14 +50,29 @@ ZrHeaderFields::Store& ZrHeaderFields::Writable() {
 }
 
 // The value may be one of this object's own.
+// The value may be one of this object's own.
 void ZrHeaderFields::Append(std::string_view name, std::string_view value) {
   const std::string_view own = store_ ? store_->text.Unread() : std::string_view();
   if (std::less_equal<>()(own.data(), value.data()) &&
       std::less<>()(value.data(), own.data() + own.size()))
     return Append(name, std::string(value));
-  char* const space = Space(name.size() + value.size());
-  std::copy(value.begin(), value.end(), std::copy(name.begin(), name.end(), space));
-  Enter(name.size(), value.size());
+  Append(name, {&value, 1});
+}
+
+void ZrHeaderFields::Append(std::string_view name, std::span<const std::string_view> values) {
+  std::size_t bytes = name.size();
+  for (const std::string_view value : values) bytes += value.size();
+  zr::TextCursor space(Space(bytes));
+  Store& store = *store_;
+  const Name entered({space.End(), name.size()}, Name(name).start);
+  space.Add(name);
+  std::size_t at = store.text.Size() + name.size();
+  for (const std::string_view value : values) {
+    space.Add(value);
+    store.Enter(entered, at, value.size());
+    at += value.size();
+  }
+  store.text.Commit(bytes);
 }
 
 char* ZrHeaderFields::Space(std::size_t bytes) {
@@ -68,24 +85,23 @@ char* ZrHeaderFields::Space(std::size_t bytes) {
 
 void ZrHeaderFields::Enter(std::size_t nameSize, std::size_t valueSize) {
   Store& store = *store_;
-  store.Enter(Name(std::string_view(store.Text() + store.text.Size(), nameSize)), valueSize);
+  const std::size_t at = store.text.Size();
+  store.Enter(Name(std::string_view(store.Text() + at, nameSize)), at + nameSize, valueSize);
+  store.text.Commit(nameSize + valueSize);
 }
 
-// What was written stands behind the text that counts.
-void ZrHeaderFields::Store::Enter(const Name& name, std::size_t valueSize) {
-  auto place = lines.end();
-  if (lines.size() > kFewLines) {
-    place = std::upper_bound(
-        lines.begin(), lines.end(), name,
-        [this](const Name& wanted, const Line& other) { return wanted < NameOf(other); });
-  } else {
-    while (place != lines.begin() && name < NameOf(place[-1])) --place;
-  }
-  lines.insert(
-      place, {name.start, static_cast<std::uint32_t>(text.Size()),
-              static_cast<std::uint32_t>(name.text.size()), static_cast<std::uint32_t>(valueSize)});
-  text.Commit(name.text.size() + valueSize);
+// The name lies in the text's memory.
+void ZrHeaderFields::Store::Enter(const Name& name, std::size_t valueAt, std::size_t valueSize) {
   names |= BitOf(name);
+  const auto nameAt = static_cast<std::uint32_t>(name.text.data() - Text());
+  const Line entered{name.start, nameAt, static_cast<std::uint32_t>(name.text.size()),
+                     static_cast<std::uint32_t>(valueAt), static_cast<std::uint32_t>(valueSize)};
+  if (lines.empty() || !(name < NameOf(lines.back()))) return lines.push_back(entered);
+  lines.insert(std::upper_bound(lines.begin(), lines.end(), name,
+                                [this](const Name& wanted, const Line& other) {
+                                  return wanted < NameOf(other);
+                                }),
+               entered);
 }
 
 void ZrHeaderFields::Reserve(std::size_t bytes, std::size_t lines) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,8 +42,7 @@ class ZrHeaderFields {
   };
   struct Line {
     std::uint64_t start;  // of the name
-    std::uint32_t nameAt, nameSize, valueSize;
-    std::uint32_t ValueAt() const { return nameAt + nameSize; }
+    std::uint32_t nameAt, nameSize, valueAt, valueSize;
   };
   struct Store {
     ZrStringBuf text;
@@ -53,7 +53,7 @@ class ZrHeaderFields {
     Name NameOf(const Line& line) const {
       return {{Text() + line.nameAt, line.nameSize}, line.start};
     }
-    void Enter(const Name& name, std::size_t valueSize);
+    void Enter(const Name& name, std::size_t valueAt, std::size_t valueSize);
     std::size_t LowerBound(const Name& name) const;
   };
   static std::uint64_t BitOf(const Name& name) {
@@ -94,7 +94,7 @@ class ZrHeaderFields {
     /// The value at that place, which must exist.
     std::string_view operator[](std::size_t index) const {
       const Line& line = lines_[index];
-      return {text_ + line.ValueAt(), line.valueSize};
+      return {text_ + line.valueAt, line.valueSize};
     }
     std::string_view front() const { return (*this)[0]; }
     const_iterator begin() const { return {this, 0}; }
@@ -148,6 +148,8 @@ class ZrHeaderFields {
 
   /// Adds a value at the end of the name's list. Throws std::length_error beyond 4 GiB of text.
   void Append(std::string_view name, std::string_view value);
+  /// Several values of one name, which are none of this object's own.
+  void Append(std::string_view name, std::span<const std::string_view> values);
   /// The same in place: gives space for so many bytes, into which the name is written and its value
   /// behind it; Enter() then adds them. Nothing else happens to the fields between the two.
   char* Space(std::size_t bytes);

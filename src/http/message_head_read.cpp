@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "base/byte_words.h"
@@ -205,9 +206,8 @@ bool ZrXHeader::ParseHeadLine(std::string_view line) {
 
 // Answers whether the line was recognised; any other ends the head.
 bool ZrXHeader::ParseFirstLine(std::string_view line) {
-  headers.Reserve(
-      std::min(body->Size(), zr::kMaxHeadBytes) + 3 * zr::kFirstLine.size() + kWordBytes,
-      kUsualLines);
+  headers.Reserve(std::min(body->Size(), zr::kMaxHeadBytes) + zr::kFirstLine.size() + kWordBytes,
+                  kUsualLines);
   const FirstWords parts(line);
   const std::string_view first = parts.words[0];
 
@@ -224,8 +224,10 @@ bool ZrXHeader::ParseFirstLine(std::string_view line) {
     }
   }
   kind = lineKind;
-  for (const std::string_view word : parts.words)
-    if (!word.empty()) headers.Append(zr::kFirstLine, word);
+  // Only the last ones may be missing.
+  std::size_t count = 0;
+  while (count < parts.words.size() && !parts.words[count].empty()) ++count;
+  headers.Append(zr::kFirstLine, std::span(parts.words).first(count));
   if (!parts.words[1].empty()) ParseTarget(parts.words[1]);
   return lineKind != ZrMessageKind::kUnrecognised;
 }

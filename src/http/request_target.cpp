@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "base/byte_words.h"
 #include "http/field_list.h"
 
 namespace {
@@ -26,9 +27,12 @@ constexpr std::array<bool, 256> kNameBytes = [] {
 }();
 
 // Bytes beyond ASCII should be encoded, and are not by every tool.
-bool IsTargetByte(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte > 0x20 && byte != 0x7F && c != '#';
+bool HasTargetBytesOnly(std::string_view text) {
+  return zr::AllWords(
+      text,
+      [](std::uint64_t word) {
+        return !zr::AnyBelow(word, ' ' + 1) && !zr::AnyIs(word, 0x7F) && !zr::AnyIs(word, '#');
+      });
 }
 
 /// Whether the text begins with a byte in its escaped form.
@@ -64,7 +68,7 @@ std::optional<zr::RequestTarget> zr::ParseRequestTarget(std::string_view text) {
     target.path = text;
     return target;
   }
-  if (!std::all_of(text.begin(), text.end(), IsTargetByte)) return std::nullopt;
+  if (!HasTargetBytesOnly(text)) return std::nullopt;
   const std::size_t mark = std::min(text.find('?'), text.size());
   std::string_view path = text.substr(0, mark);
   target.query = text.substr(std::min(mark + 1, text.size()));

@@ -78,10 +78,9 @@ std::uint64_t ReadRequestLine(ZrXHeader& message, std::string_view line) {
   const std::string_view name = line.substr(0, first);
   if (!zr::IsToken(name) || first == last) return kBadRequest;
   const std::string_view target = line.substr(first + 1, last - first - 1);
-  message.headers.Reserve(
-      std::min(message.body->Size(), zr::kMaxHeadBytes) + 3 * zr::kFirstLine.size(), kUsualLines);
-  for (const std::string_view word : {name, target, line.substr(last + 1)})
-    message.headers.Append(zr::kFirstLine, word);
+  message.headers.Reserve(std::min(message.body->Size(), zr::kMaxHeadBytes) + zr::kFirstLine.size(),
+                          kUsualLines);
+  message.headers.Append(zr::kFirstLine, std::to_array({name, target, line.substr(last + 1)}));
   if (const std::uint64_t refusal = ReadVersion(message, line.substr(last + 1)); refusal != kFine)
     return refusal;
   const auto known = std::find_if(kMethods.begin(), kMethods.end(),

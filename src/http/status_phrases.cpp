@@ -1,6 +1,5 @@
 #include "http/status_phrases.h"
 
-#include <algorithm>
 #include <array>
 
 namespace {
@@ -10,7 +9,6 @@ struct Entry {
   std::string_view phrase;
 };
 
-// In order.
 constexpr auto kPhrases = std::to_array<Entry>({
     {100, "Continue"},
     {101, "Switching Protocols"},
@@ -75,11 +73,17 @@ constexpr auto kPhrases = std::to_array<Entry>({
     {511, "Network Authentication Required"},
 });
 
+// For each status the place of its entry behind 1, or 0. Every answer asks twice.
+constexpr std::array<std::uint8_t, 512> kPlaces = [] {
+  std::array<std::uint8_t, 512> places{};
+  for (std::size_t at = 0; at < kPhrases.size(); ++at)
+    places[kPhrases[at].status] = static_cast<std::uint8_t>(at + 1);
+  return places;
+}();
+
 }  // namespace
 
 std::string_view zr::StandardPhrase(std::uint64_t status) {
-  const auto found = std::lower_bound(
-      kPhrases.begin(), kPhrases.end(), status,
-      [](const Entry& entry, std::uint64_t wanted) { return entry.status < wanted; });
-  return found != kPhrases.end() && found->status == status ? found->phrase : std::string_view();
+  const std::size_t place = status < kPlaces.size() ? kPlaces[status] : 0;
+  return place == 0 ? std::string_view() : kPhrases[place - 1].phrase;
 }

@@ -5,6 +5,7 @@
 
 #include "base/number.h"
 #include "base/path.h"
+#include "base/printable.h"
 #include "base/workbench.h"
 
 namespace {
@@ -29,6 +30,25 @@ TEST(Base, UnsignedNumbersStopAtTheFirstOtherCharacter) {
       said = e.what();
     }
     EXPECT_EQ(said, *text == '4' ? "stoul argument out of range" : "invalid stoul argument");
+  }
+}
+
+// Of eight bytes that are taken at once, each counts, and none beyond the text.
+TEST(Base, EveryByteOfATextIsLookedAt) {
+  for (std::size_t size = 0; size <= 20; ++size) {
+    std::string text;
+    for (int byte = 0; byte < 256; ++byte) {
+      for (std::size_t at = 0; at < size; ++at) {
+        text.assign(size, '\xff').append(1, '\n');
+        text[at] = static_cast<char>(byte);
+        const std::string_view seen(text.data(), size);
+        const bool plain = byte >= 0x20 && byte != 0x7f;
+        ASSERT_EQ(zr::IsPrintable(seen), plain) << size << " " << at << " " << byte;
+        std::string line;
+        zr::AppendPrintable(line, seen);
+        ASSERT_EQ(line.size(), plain ? size : size + 3);
+      }
+    }
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "base/exception.h"
+#include "platform/time_text.h"
 
 namespace {
 
@@ -21,6 +22,10 @@ TEST(AccessLog, FormatsOfOthersAreReadAsTheyReadThem) {
                                  .headBytes = 50,
                                  .referer = "-",
                                  .userAgent = "x\x7f\xE2\x82\xAC\xED\xA0\x80\xC0\xAF"};
+  EXPECT_EQ(zr::AccessLogLine(entry), "10.0.0.1 - http - [" +
+                                          zr::LocalTimeText(kTime / 10'000'000) +
+                                          "] \"GET /a\"\\\\x0A\xC3\xBC\xFF\" --> 200 150 \"-\" "
+                                          "\"x\\x7F\xE2\x82\xAC\xED\xA0\x80\xC0\xAF\"");
   EXPECT_EQ(zr::AccessLogLine(entry, AccessLogFormat::kCombined),
             "10.0.0.1 - - [06/Nov/1994:08:49:37 +0000] \"GET /a\\\"\\\\\\x0A\xC3\xBC\xFF "
             "HTTP/1.1\" 200 100 \"-\" \"x\\x7F\xE2\x82\xAC\xED\xA0\x80\xC0\xAF\"");

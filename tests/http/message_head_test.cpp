@@ -82,6 +82,9 @@ const ReadCase kReadCases[] = {
      "GET / HTTP/1.1\r\nContent-Type : multipart/form-data; boundary=X\r\n::N::a: b:\tc:\r\nNo "
      "colon\r\nEmpty: : \r\n: :\r\n\r\n",
      "21 GET|/|HTTP/1.1 [content-type=multipart/form-data;boundary=X] [n=a:b:c:] -> 2"},
+    {"blanks wherever eight bytes are taken at once",
+     "GET / x\r\nA: 1234567 12345678\t9\r\nB:12345678 \r\nC:1\t234567812345678\x7F\xFF\r\n\r\n",
+     "21 GET|/|X [a=1234567123456789] [b=12345678] [c=1234567812345678\x7F\xFF] -> 2"},
     {"repeated fields keep their order",
      "GET / HTTP/1.1\r\nAccept: b\r\nHost: h\r\nACCEPT: a\r\n\r\n",
      "21 GET|/|HTTP/1.1 [accept=b] [accept=a] [host=h] -> 2"},
