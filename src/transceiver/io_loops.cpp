@@ -166,7 +166,8 @@ void ZrIoLoops::ReceiveLoop() {
   const ZrWorkbench workbench;
   ZrReceivePass pass;
   while (receiving_) {
-    const auto events = receivePoller_.Wait(again.empty() ? kForEver : std::chrono::nanoseconds(0));
+    const auto events =
+        receivePoller_.Wait(again.empty() ? pass.Patience() : std::chrono::nanoseconds(0));
     ready.swap(again);
     try {
       if (bell_->rung.load(std::memory_order_relaxed)) FeedStarved();
