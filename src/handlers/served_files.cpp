@@ -1,56 +1,126 @@
 #include "handlers/served_files.h"
 
+#include <algorithm>
 #include <array>
+#include <functional>
+#include <optional>
 #include <utility>
 
 #include "base/batch.h"
 #include "base/workbench.h"
 #include "http/file_answer.h"
 
-/// What one batch has found.
-struct ZrServedFiles::BatchFiles {
+namespace {
+
+// A thread keeps so many small files open, and each as long as it is asked for once in so many
+// batches: what they occupy on the disk is not free when they are removed.
+constexpr std::size_t kMostOpen = 16;
+constexpr int kMostUnasked = 1000;
+
+template <class Value>
+using ByName = std::map<std::string, Value, std::less<>,
+                        ZrWorkbenchAllocator<std::pair<const std::string, Value>>>;
+
+}  // namespace
+
+/// What is known of the files beneath a start directory: in this batch, and of files that are open
+/// since an earlier one.
+struct ZrServedFiles::Start {
   struct Entry {
     Found found;
     bool askedAgain = false;
     bool atHand = false;
+    // Of one that stays open:
+    std::string place = {};  // its path for the system; empty: it does not
+    bool known = true;       // to be what the name leads to, in this batch
+    int unasked = 0;         // batches that nobody asked for it
   };
-  using Key = std::pair<const ZrDirectory*, std::string>;
-  using Asked = std::pair<const ZrDirectory*, std::string_view>;
-  struct Before {
-    using is_transparent = void;
-    template <class One, class Other>
-    bool operator()(const One& one, const Other& other) const {
-      return Asked(one) < Asked(other);
+  /// One that was asked for lately.
+  struct Asked {
+    std::size_t name = 0;
+    bool unfit = false;  // does not stay open
+  };
+
+  std::optional<Directory> directory;  // once it was looked at in this batch
+  ByName<Entry> files;
+  std::size_t open = 0;  // of those, so many stay
+  std::array<Asked, kMostOpen> asked;
+  std::size_t nextAsked = 0;
+
+  /// What is known in this batch; nothing when it has to be looked up.
+  Entry* Find(const std::string& path) {
+    const auto found = files.find(path);
+    if (found == files.end()) return nullptr;
+    Entry& entry = found->second;
+    if (!entry.known) {
+      const std::size_t start = entry.place.size() - path.size();
+      if (!entry.found.file->IsStillAt(entry.place, start)) {
+        files.erase(found);
+        --open;
+        return nullptr;
+      }
+      entry.known = true;
+      entry.unasked = 0;
     }
-  };
-  template <class Name, class Value, class Order>
-  using Map = std::map<Name, Value, Order, ZrWorkbenchAllocator<std::pair<const Name, Value>>>;
-  Map<std::string, Directory, std::less<>> directories;
-  Map<Key, Entry, Before> files;
+    return &entry;
+  }
+  /// The file was found and read without waiting: it stays open when it is not the first time, and
+  /// no link leads to it.
+  void Opened(const std::string& path, Entry& entry) {
+    const std::size_t name = std::hash<std::string>()(path);
+    const auto before = std::find_if(asked.begin(), asked.end(),
+                                     [name](const Asked& one) { return one.name == name; });
+    if (before == asked.end()) {
+      asked[nextAsked] = {.name = name};
+      nextAsked = (nextAsked + 1) % asked.size();
+      return;
+    }
+    if (before->unfit || open == kMostOpen) return;
+    const std::string& start = (*directory)->Path();
+    std::string place = start + path;
+    before->unfit = path.starts_with('/') || !entry.found.file->IsStillAt(place, start.size());
+    if (before->unfit) return;
+    entry.place = std::move(place);
+    ++open;
+  }
+  void Clear() {
+    directory.reset();
+    for (auto file = files.begin(); file != files.end();) {
+      Entry& entry = file->second;
+      if (!entry.place.empty() && ++entry.unasked < kMostUnasked) {
+        entry.found.bytes = nullptr;
+        entry.askedAgain = entry.known = false;
+        ++file;
+      } else {
+        open -= entry.place.empty() ? 0 : 1;
+        file = files.erase(file);
+      }
+    }
+  }
+  void Rest() {
+    files.clear();
+    open = 0;
+  }
+};
+
+/// What one batch has found.
+struct ZrServedFiles::BatchFiles {
+  static constexpr std::size_t kMostStarts = 16;  // they come and go
+
+  ByName<Start> starts;
   std::uint64_t bytes = 0;
-  // What was asked for last, which is asked for again at once; empty or in the maps.
-  decltype(directories)::value_type* lastDirectory = nullptr;
-  decltype(files)::value_type* lastFile = nullptr;
 
   void Clear() {
-    lastDirectory = nullptr;
-    lastFile = nullptr;
-    directories.clear();
-    files.clear();
     bytes = 0;
+    if (starts.size() > kMostStarts) return starts.clear();
+    for (auto& [name, start] : starts) start.Clear();
   }
-  /// Nothing when nobody has asked for it.
-  Entry* EntryOf(const ZrDirectory* start, const std::string& path) {
-    if (lastFile == nullptr || lastFile->first.first != start || lastFile->first.second != path) {
-      const auto place = files.find(Asked(start, path));
-      if (place == files.end()) return nullptr;
-      lastFile = &*place;
-    }
-    return &lastFile->second;
+  bool IsLeft() const {
+    return std::any_of(
+        starts.begin(), starts.end(), [](const auto& start) { return start.second.open > 0; });
   }
-  Entry& Enter(const ZrDirectory* start, const std::string& path, Entry entry) {
-    lastFile = &*files.emplace(std::pair(start, path), std::move(entry)).first;
-    return lastFile->second;
+  void Rest() {
+    for (auto& [name, start] : starts) start.Rest();
   }
   /// Whether the bytes of this file are shared; they are counted then.
   bool Shares(const ZrFile& file) {
@@ -63,20 +133,15 @@ struct ZrServedFiles::BatchFiles {
 
 namespace {
 
-/// The bytes and notes of a file in one piece of memory.
-struct InMemory {
-  std::string bytes;
-  ZrServedFiles::Notes notes;
-};
-
 // Bytes that turn out fewer, or cannot be read, are left to who sends the file.
 template <class Read>
 void Keep(ZrServedFiles::Found& found, Read read) {
-  const auto kept = std::make_shared<InMemory>();
-  kept->bytes.resize(static_cast<std::size_t>(found.file->Size()));
-  if (read(*found.file, kept->bytes) != kept->bytes.size()) return;
-  found.bytes = {kept, &kept->bytes};
-  found.notes = {kept, &kept->notes};
+  const auto bytes = std::allocate_shared<std::string>(ZrWorkbenchAllocator<std::string>());
+  bytes->resize(static_cast<std::size_t>(found.file->Size()));
+  if (read(*found.file, *bytes) != bytes->size()) return;
+  using Notes = ZrServedFiles::Notes;
+  if (!found.notes) found.notes = std::allocate_shared<Notes>(ZrWorkbenchAllocator<Notes>());
+  found.bytes = bytes;
 }
 
 // Who sends a large file takes what is in memory and leaves the rest to another thread: one that is
@@ -106,6 +171,11 @@ ZrServedFiles::Directory ZrServedFiles::Current(const std::string& directory) {
   return opened;
 }
 
+const ZrServedFiles::Directory& ZrServedFiles::InBatch(Start& start, const std::string& directory) {
+  if (!start.directory) start.directory = Current(directory);
+  return *start.directory;
+}
+
 ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std::string& path) {
   ZrBatch* const batch = ZrBatch::Current();
   if (batch == nullptr) {
@@ -113,49 +183,47 @@ ZrServedFiles::Found ZrServedFiles::Find(const std::string& directory, const std
     return {.file = start ? start->OpenFile(path) : nullptr};
   }
   auto& known = batch->Of<BatchFiles>(this);
-  const Directory& start = InBatch(known, directory);
-  if (!start) return {};
-  BatchFiles::Entry* const place = known.EntryOf(start.get(), path);
-  if (place == nullptr) {
-    BatchFiles::Entry entry;
-    entry.found.file = start->OpenFile(path);
-    return known.Enter(start.get(), path, std::move(entry)).found;
+  Start& start = known.starts[directory];
+  Start::Entry* const entry = start.Find(path);
+  if (entry == nullptr) {
+    const Directory& opened = InBatch(start, directory);
+    if (!opened) return {};
+    Start::Entry fresh;
+    fresh.found.file = opened->OpenFile(path);
+    return start.files.emplace(path, std::move(fresh)).first->second.found;
   }
-  if (!std::exchange(place->askedAgain, true) && place->found.file && !place->found.bytes &&
-      known.Shares(*place->found.file))
+  if (!std::exchange(entry->askedAgain, true) && entry->found.file && !entry->found.bytes &&
+      known.Shares(*entry->found.file))
     // The first request reads the file into its answer; whoever asks again shares one copy.
-    Keep(place->found, [](const ZrFile& file, std::string& to) { return file.ReadAt(0, to); });
-  return place->found;
-}
-
-const ZrServedFiles::Directory& ZrServedFiles::InBatch(BatchFiles& known,
-                                                       const std::string& directory) {
-  if (known.lastDirectory == nullptr || known.lastDirectory->first != directory) {
-    auto start = known.directories.find(directory);
-    if (start == known.directories.end())
-      start = known.directories.emplace(directory, Current(directory)).first;
-    known.lastDirectory = &*start;
-  }
-  return known.lastDirectory->second;
+    Keep(entry->found, [](const ZrFile& file, std::string& to) { return file.ReadAt(0, to); });
+  return entry->found;
 }
 
 bool ZrServedFiles::IsAtHand(const std::string& directory, const std::string& path) try {
   ZrBatch* const batch = ZrBatch::Current();
   if (batch == nullptr) return false;
   auto& known = batch->Of<BatchFiles>(this);
-  const Directory& start = InBatch(known, directory);
-  if (!start) return true;
-  if (const auto* const entry = known.EntryOf(start.get(), path))
+  Start& start = known.starts[directory];
+  const auto readAtHand = [&known](Found& found) {
+    if (found.file && !found.bytes && known.Shares(*found.file))
+      Keep(found, [](const ZrFile& file, std::string& to) { return file.ReadAtHand(0, to); });
+    return !found.file || found.bytes;
+  };
+  if (Start::Entry* const entry = start.Find(path); entry != nullptr) {
+    // One that stayed open has its bytes read anew.
+    if (!entry->place.empty()) return readAtHand(entry->found);
     return !entry->found.file || entry->found.bytes || entry->atHand;
-  ZrFileAtHand now = start->OpenFileAtHand(path);
+  }
+  const Directory& opened = InBatch(start, directory);
+  if (!opened) return true;
+  ZrFileAtHand now = opened->OpenFileAtHand(path);
   if (now.answer == ZrFileAtHand::Answer::kMustWait) return false;
-  BatchFiles::Entry entry;
+  Start::Entry entry;
   entry.found.file = std::move(now.file);
-  if (entry.found.file && known.Shares(*entry.found.file))
-    Keep(entry.found, [](const ZrFile& file, std::string& to) { return file.ReadAtHand(0, to); });
-  entry.atHand = !entry.found.file || entry.found.bytes || BeginsAtHand(*entry.found.file);
-  const bool atHand = entry.atHand;
-  known.Enter(start.get(), path, std::move(entry));
+  const bool atHand = readAtHand(entry.found) || BeginsAtHand(*entry.found.file);
+  entry.atHand = atHand;
+  if (entry.found.bytes) start.Opened(path, entry);
+  start.files.emplace(path, std::move(entry));
   return atHand;
 } catch (const ZrCannotTell&) {
   return false;

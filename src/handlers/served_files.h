@@ -1,8 +1,10 @@
 #pragma once
 // Finds the files that are served. Start directories stay open between requests, and are looked at
 // once for each batch of requests, as another directory may have taken their names; a file is
-// looked up once in a batch, also one that is not there. Nothing is kept beyond its batch but the
-// open directory, so a file that was replaced, cut or removed is seen by the next request.
+// looked up once in a batch, also one that is not there. A few small files that are asked for again
+// and again stay open with the thread, until it has had nothing to do for a moment: the first
+// request of each batch looks whether the name still leads there, and reads the bytes anew. So a
+// file that was replaced, cut or removed is seen by the next request, and so is a start directory.
 
 #include <array>
 #include <map>
@@ -24,10 +26,11 @@ class ZrServedFiles {
   /// ... as long as all those of a batch are not larger than that together.
   static constexpr std::uint64_t kSharedBytes = std::uint64_t{1} << 20;
 
-  /// What was made for one request and serves the others of the batch, of a file in memory. Theirs
-  /// alone who handle the batch, and of no use to another site than that.
+  /// What was made for one request and serves others, of a file in memory, for as long as that does
+  /// not change. Of this thread alone, and of no use to another site than that, whose address is
+  /// no other's meanwhile.
   struct Notes {
-    const ZrSite* site = nullptr;
+    std::shared_ptr<const ZrSite> site = nullptr;
     bool compressible = false;
     std::array<std::shared_ptr<const ZrFileHead>, 2> heads = {};  // the second one varies
   };
@@ -47,11 +50,12 @@ class ZrServedFiles {
 
  private:
   struct BatchFiles;
+  struct Start;
   using Directory = std::shared_ptr<const ZrDirectory>;
 
-  /// The directory as it stands in this batch.
-  const Directory& InBatch(BatchFiles& known, const std::string& directory) ZR_EXCLUDES(lock_);
   Directory Current(const std::string& directory) ZR_EXCLUDES(lock_);
+  /// The directory as it stands in this batch.
+  const Directory& InBatch(Start& start, const std::string& directory) ZR_EXCLUDES(lock_);
 
   ZrMutex lock_;
   // One or a few: a client has one start directory for its life.

@@ -12,7 +12,7 @@
 #include "http/header_fields.h"
 
 /// Constant once a server uses it; threads: any then.
-struct ZrSite {
+struct ZrSite : std::enable_shared_from_this<ZrSite> {
   /// A page in the place of the one that says a status.
   struct ErrorPage {
     std::string body;

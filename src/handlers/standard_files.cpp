@@ -46,9 +46,10 @@ ZrCodingOffer WantedForms(const ZrXHeader& request, std::string_view path) {
 /// The notes of a file in memory, good for that site; none of another file.
 ZrServedFiles::Notes* NotesFor(const ZrServedFiles::Found& found, std::string_view path,
                                const ZrSite& site) {
-  if (found.notes && found.notes->site != &site) {
-    *found.notes = {
-        .site = &site, .compressible = zr::IsCompressible(site.types.TypeOf(path)), .heads = {}};
+  if (found.notes && found.notes->site.get() != &site) {
+    *found.notes = {.site = site.weak_from_this().lock(),
+                    .compressible = zr::IsCompressible(site.types.TypeOf(path)),
+                    .heads = {}};
   }
   return found.notes.get();
 }
@@ -66,8 +67,11 @@ std::shared_ptr<const ZrFileHead> HeadOf(const zr::FileForm& form, std::string_v
   const ZrFile& file = *form.found.file;
   ZrServedFiles::Notes* const notes =
       form.coding == ZrCoding::kIdentity ? NotesFor(form.found, path, site) : nullptr;
-  if (notes != nullptr && notes->heads[form.varies ? 1 : 0])
-    return notes->heads[form.varies ? 1 : 0];
+  // That of a file from the future says when it was made.
+  if (notes != nullptr)
+    if (const auto& made = notes->heads[form.varies ? 1 : 0];
+        made && made->current.lastModified == file.ModifiedSeconds())
+      return made;
   auto head = std::make_shared<const ZrFileHead>(
       zr::MakeFileHead({.version = {file.Size(), file.ModifiedNs(), file.Device(), file.Node()},
                         .contentType = site.types.TypeOf(path),

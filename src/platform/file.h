@@ -72,6 +72,13 @@ class ZrFile {
   /// The files, directories and links in a directory, in no order, at most that many of them; empty
   /// when it cannot be read, and for a file.
   std::vector<Entry> Entries(std::size_t most) const;
+  /// Whether that path (in the system's form) leads to this very file, and nothing of it has
+  /// changed since it was opened: its size, times, rights and owner. Behind the first `start`
+  /// bytes, those of a directory with the separator at its end, only real directories count, and at
+  /// most kMostLooks of them: behind a link the answer is no. One look at the disk for each, which
+  /// on a file system of another machine asks that one. No as well when the system cannot tell.
+  bool IsStillAt(const std::string& path, std::size_t start) const;
+  static constexpr int kMostLooks = 2;  // with more of them opening is cheaper
   /// For zr::SendFile(). Stays owned by this object.
   int Descriptor() const noexcept { return descriptor_.Get(); }
 
@@ -83,6 +90,11 @@ class ZrFile {
     std::int64_t modified = 0;  // nanoseconds since 1970
     std::uint64_t device = 0;
     std::uint64_t node = 0;
+    std::int64_t changed = 0;  // the same, of the facts as well
+    std::uint32_t rights = 0;
+    std::uint32_t owner = 0;
+    std::uint32_t group = 0;
+    bool operator==(const Facts&) const = default;
   };
 
   ZrFile(ZrDescriptor descriptor, const Facts& facts) noexcept
@@ -115,6 +127,8 @@ class ZrDirectory {
   /// Whether the name it was opened under still leads to it. One look at the disk; a directory that
   /// is kept open keeps its identity, so no other one can be taken for it.
   bool IsCurrent() const noexcept;
+  /// The name it was opened under, in the system's form, with a separator at its end.
+  const std::string& Path() const noexcept { return path_; }
   /// As ZrFile::OpenBeneath().
   std::shared_ptr<const ZrFile> OpenFile(std::string_view path) const;
   /// The same without waiting: from what the system has at hand.
@@ -131,7 +145,7 @@ class ZrDirectory {
         inode_(inode) {}
 
   ZrDescriptor descriptor_;
-  std::string path_;  // in the system's form
+  std::string path_;  // in the system's form, with a separator at its end
   std::uint64_t device_;
   std::uint64_t inode_;
 };

@@ -139,7 +139,7 @@ void ZrIoLoops::ReceiveLoop(ZrIoTeam::Member& member) {
   std::vector<Ready> ready;
   const ZrWorkbench workbench;
   ZrReceivePass pass(telling_);
-  while (member.Next(ready)) {
+  while (member.Next(ready, pass.Patience())) {
     try {
       if (bell_->rung.load(std::memory_order_relaxed)) FeedStarved();
     } catch (...) {
@@ -287,7 +287,7 @@ void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
 
 void ZrIoLoops::SendLoop(ZrIoTeam::Member& member) {
   std::vector<Ready> ready;
-  while (member.Next(ready)) {
+  while (member.Next(ready, ZrIoTeam::kForEver)) {
     if (flushAll_.exchange(false)) {
       try {
         FlushAll();

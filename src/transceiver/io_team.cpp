@@ -10,7 +10,6 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr nanoseconds kForEver{-1};
 constexpr std::int64_t kMs = 1'000'000;
 
 // A window is looked at when it has that many passes and is that long.
@@ -108,9 +107,10 @@ std::vector<ZrIoLane::Registration> ZrIoTeam::All() {
 
 // ---- Who helps ---------------------------------------------------------------------------------
 
-bool ZrIoTeam::Member::Next(std::vector<Ready>& ready) {
+bool ZrIoTeam::Member::Next(std::vector<Ready>& ready, nanoseconds limit) {
   served += static_cast<unsigned>(ready.size());
-  const bool mayGo = IsHelper() && !team.size_.atOnce;
+  // A helper that has nothing else to wait for goes when nothing comes.
+  const bool idle = IsHelper() && !team.size_.atOnce && limit == kForEver;
   bool ofUse = true;
   if (++passes >= kWindowPasses && !team.size_.atOnce)
     if (const std::int64_t now = team.meter_.now(); now - windowBegan >= kWindow)
@@ -119,11 +119,11 @@ bool ZrIoTeam::Member::Next(std::vector<Ready>& ready) {
   if (team.someGone_ && !IsHelper()) team.JoinGone();
   if (ofUse && team.running_) {
     try {
-      lane->Wait(mayGo ? kIdle : kForEver, ready);
+      lane->Wait(idle ? kIdle : limit, ready);
     } catch (const std::bad_alloc&) {
       return team.running_;  // it is reported again
     }
-    ofUse = !mayGo || !ready.empty();
+    ofUse = !idle || !ready.empty();
   }
   return team.running_ && (ofUse || !team.Dismiss(*this));
 }

@@ -37,6 +37,7 @@ struct ZrIoTeamMeter {
 class ZrIoTeam {
  public:
   using Ready = ZrIoLane::Ready;
+  static constexpr std::chrono::nanoseconds kForEver{-1};
   class Member;
   /// What each thread does: Next() and the pass for what that gave it, until it answers no.
   using Loop = std::function<void(Member&)>;
@@ -64,9 +65,10 @@ class ZrIoTeam {
   /// One thread of the team, for its loop.
   class Member {
    public:
-    /// Waits for the next pass. `ready` comes with the connections of the pass before, some of
-    /// which may go to other threads, and gets the new ones. No: the thread's work is over.
-    bool Next(std::vector<Ready>& ready);
+    /// Waits for the next pass, at most that long, which then has nobody. `ready` comes with the
+    /// connections of the pass before, some of which may go to other threads, and gets the new
+    /// ones. No: the thread's work is over.
+    bool Next(std::vector<Ready>& ready, std::chrono::nanoseconds limit);
     ZrIoLane& Lane() const { return *lane; }
 
    private:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <span>
+#include <utility>
 
 #include "jobs/job_registry.h"
 #include "transceiver/connection.h"
@@ -80,7 +81,7 @@ void ZrReceivePass::Tell(News& news, const std::function<void(ZrTransceiverConne
 }
 
 void ZrReceivePass::HandOut(const std::function<void(ZrTransceiverConnection&)>& giveUp) {
-  reading_ = false;
+  const bool idle = !std::exchange(reading_, false);
   round_ = 0;
   for (News& news : news_)
     if (news.count > 0) Tell(news, giveUp);
@@ -103,4 +104,5 @@ void ZrReceivePass::HandOut(const std::function<void(ZrTransceiverConnection&)>&
   if (news_.size() > kKeptServers) news_.clear();
   if (arrivals_.size() > kKeptServers) arrivals_.clear();
   batch_.Forget();
+  if (idle) batch_.Rest();
 }

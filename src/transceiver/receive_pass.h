@@ -5,6 +5,7 @@
 // the rest goes over its queue as ever. The object lasts for all passes of the job, and keeps its
 // memory between them.
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -55,6 +56,11 @@ class ZrReceivePass {
   /// Ends the reading: tells the servers, has them handle what they deferred, and what that gave
   /// rise to. `giveUp` is called with each connection of a server that could not.
   void HandOut(const std::function<void(ZrTransceiverConnection&)>& giveUp);
+  /// How long to wait for the next pass, below zero for ever: a pass in which nothing is read then
+  /// lets go of what the batches before it left.
+  std::chrono::nanoseconds Patience() const {
+    return batch_.IsLeft() ? ZrBatch::kRestAfter : std::chrono::nanoseconds(-1);
+  }
 
   /// For the time of a server's work in the pass: the handler is between EnterTransceiver(), which
   /// answered that, and LeaveTransceiver(), so that it need not be for each message.

@@ -1,4 +1,4 @@
-// What is looked up once for a batch, and that nothing is kept beyond it.
+// What is looked up once for a batch, and that what stays open behind it is never stale.
 
 #include "handlers/served_files.h"
 
@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <vector>
 
 #include "base/batch.h"
 #include "tests/support/left_behind.h"
@@ -27,49 +28,114 @@ class ServedFiles : public testing::Test {
     return bytes;
   }
 
+  /// The same as the thread asks that received the request.
+  std::string AskAtHand(const std::string& path = "page") {
+    files_.IsAtHand(folder_.Path("site"), path);
+    return Ask(path);
+  }
+  static std::uint64_t Descriptors() { return zrtest::Counts::NamesIn("/proc/self/fd"); }
+
+  struct Change {
+    const char* name;
+    std::function<void()> change;
+    const char* page;  // from then on
+  };
+  /// In their order; the page is "one" before.
+  std::vector<Change> Changes() {
+    using namespace std::filesystem;
+    const auto at = [this](const char* path) { return folder_.Path(path); };
+    const auto put = [this](const char* path, const char* text) { folder_.Write(path, text); };
+    return {
+        {"replaced", [=] { put("new", "two"), rename(at("new"), at("site/page")); }, "two"},
+        {"written over", [=] { put("site/page", "three"); }, "three"},
+        {"written over with as many bytes", [=] { put("site/page", "other"); }, "other"},
+        {"cut", [=] { resize_file(at("site/page"), 2); }, "ot"},
+        {"its place taken by a link",
+         [=] {
+           put("site/far", "six");
+           remove(at("site/page"));
+           create_symlink("far", at("site/page"));
+         },
+         "six"},
+        {"the link led elsewhere",
+         [=] {
+           put("site/near", "seven");
+           remove(at("site/page"));
+           create_symlink("near", at("site/page"));
+         },
+         "seven"},
+        {"removed", [=] { remove(at("site/page")); }, "-"},
+        {"and back", [=] { put("site/page", "five"); }, "five"},
+        {"start directory swapped",
+         [=] {
+           rename(at("site"), at("old"));
+           put("site/page", "four");
+         },
+         "four"},
+        {"start directory gone", [=] { remove_all(at("site")); }, "-"},
+        {"start directory back", [=] { put("site/page", "eight"); }, "eight"},
+    };
+  }
+
   zrtest::TemporaryFolder folder_;
   ZrServedFiles files_;
 };
 
 TEST_F(ServedFiles, EachBatchSeesTheDiskAsItIs) {
-  const struct {
-    const char* name;
-    std::function<void()> change;
-    const char* page;
-  } cases[] = {
-      {"replaced",
-       [&] {
-         folder_.Write("new", "two");
-         std::filesystem::rename(folder_.Path("new"), folder_.Path("site/page"));
-       },
-       "two"},
-      {"written over", [&] { folder_.Write("site/page", "three"); }, "three"},
-      {"cut", [&] { std::filesystem::resize_file(folder_.Path("site/page"), 2); }, "th"},
-      {"removed", [&] { std::filesystem::remove(folder_.Path("site/page")); }, "-"},
-      {"start directory swapped",
-       [&] {
-         std::filesystem::rename(folder_.Path("site"), folder_.Path("old"));
-         folder_.Write("site/page", "four");
-       },
-       "four"},
-      {"start directory gone", [&] { std::filesystem::remove_all(folder_.Path("site")); }, "-"},
-      {"and back", [&] { folder_.Write("site/page", "five"); }, "five"},
-  };
   std::string before = "one";
-  for (const auto& c : cases) {
+  for (const Change& c : Changes()) {
     SCOPED_TRACE(c.name);
-    const std::uint64_t descriptors = zrtest::Counts::NamesIn("/proc/self/fd");
+    const std::uint64_t descriptors = Descriptors();
     {
       const ZrBatch batch;
       EXPECT_EQ(Ask(), before);
       EXPECT_EQ(Ask("absent"), "-");
       EXPECT_EQ(Ask(), before);  // shared by now
     }
-    EXPECT_LE(zrtest::Counts::NamesIn("/proc/self/fd"), descriptors + 1);
+    EXPECT_LE(Descriptors(), descriptors + 1);
     c.change();
     EXPECT_EQ(Ask(), c.page);  // alone, outside of any batch
     before = c.page;
   }
+}
+
+TEST_F(ServedFiles, WhatStaysOpenIsLookedAtInEachBatch) {
+  ZrBatch batch;
+  std::string before = "one";
+  for (const Change& c : Changes()) {
+    SCOPED_TRACE(c.name);
+    for (int i = 0; i < 3; ++i, batch.Forget()) EXPECT_EQ(AskAtHand(), before);
+    c.change();
+    EXPECT_EQ(AskAtHand(), c.page);
+    before = c.page;
+  }
+}
+
+TEST_F(ServedFiles, SmallFilesAskedForAgainStayOpenForAMoment) {
+  ZrBatch batch;
+  const std::uint64_t before = Descriptors() + 1;  // with the start directory
+  const auto askedIn = [&](int batches, const std::string& path) {
+    for (int i = 0; i < batches; ++i, batch.Forget()) EXPECT_NE(AskAtHand(path), "-");
+    return Descriptors() - before;
+  };
+  EXPECT_EQ(askedIn(1, "page"), 0u);
+  EXPECT_EQ(askedIn(2, "page"), 1u);
+  EXPECT_EQ(askedIn(2000, "page"), 1u);
+  for (int i = 0; i < 40; ++i) {
+    folder_.Write("site/sub/" + std::to_string(i), "x");
+    EXPECT_LE(askedIn(3, "sub/" + std::to_string(i)), 16u);
+  }
+  EXPECT_EQ(askedIn(1000, "sub/39"), 1u);  // nobody asks for the others
+  EXPECT_TRUE(batch.IsLeft());
+  batch.Rest();
+  EXPECT_FALSE(batch.IsLeft());
+  EXPECT_EQ(Descriptors(), before);
+
+  // Its folder goes out of the start directory, and a link is put in its place.
+  askedIn(3, "sub/1");
+  std::filesystem::rename(folder_.Path("site/sub"), folder_.Path("away"));
+  std::filesystem::create_directory_symlink(folder_.Path("away"), folder_.Path("site/sub"));
+  EXPECT_EQ(Ask("sub/1"), "-");
 }
 
 TEST_F(ServedFiles, CodeOfTheHostEndsWhatABatchKnows) {

@@ -66,7 +66,7 @@ class IoTeam : public testing::TestWithParam<ZrIoLane::Direction> {
     used_ = 0;
     ++threads_;
     std::vector<ZrIoTeam::Ready> ready;
-    while (member.Next(ready)) {
+    while (member.Next(ready, ZrIoTeam::kForEver)) {
       for (const auto& one : ready) {
         // One connection, one thread at a time.
         const auto place = one.registration->token - 1;

@@ -11,6 +11,7 @@
 #include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -95,17 +96,34 @@ std::optional<std::string> Inside(std::string_view path) {
 
 }  // namespace
 
+namespace {
+
+std::int64_t Nanoseconds(const timespec& time) {
+  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+// What stands there itself, be it a link. A file system of another machine is asked anew.
+bool LookAt(const char* path, struct statx& status) {
+  constexpr int kFlags = AT_SYMLINK_NOFOLLOW | AT_STATX_FORCE_SYNC;
+  return Retried([&] { return ::statx(AT_FDCWD, path, kFlags, STATX_BASIC_STATS, &status); }) == 0;
+}
+
+}  // namespace
+
 std::shared_ptr<const ZrFile> ZrFile::FromDescriptor(ZrDescriptor descriptor) {
   struct stat status {};
   if (!descriptor.IsOpen() || ::fstat(descriptor.Get(), &status) != 0) return nullptr;
   const bool directory = S_ISDIR(status.st_mode);
   if (!directory && !S_ISREG(status.st_mode)) return nullptr;
-  const ZrFile::Facts facts{
-      .directory = directory,
-      .size = directory ? 0 : static_cast<std::uint64_t>(status.st_size),
-      .modified = std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec,
-      .device = status.st_dev,
-      .node = status.st_ino};
+  const ZrFile::Facts facts{.directory = directory,
+                            .size = directory ? 0 : static_cast<std::uint64_t>(status.st_size),
+                            .modified = Nanoseconds(status.st_mtim),
+                            .device = status.st_dev,
+                            .node = status.st_ino,
+                            .changed = Nanoseconds(status.st_ctim),
+                            .rights = status.st_mode,
+                            .owner = status.st_uid,
+                            .group = status.st_gid};
   return std::shared_ptr<const ZrFile>(new ZrFile(std::move(descriptor), facts));
 }
 
@@ -156,11 +174,29 @@ std::optional<std::size_t> ZrFile::ReadAtHand(std::uint64_t offset, std::span<ch
   return static_cast<std::size_t>(count);
 }
 
-namespace {
-
-std::int64_t Nanoseconds(const timespec& time) {
-  return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+bool ZrFile::IsStillAt(const std::string& path, std::size_t start) const {
+  struct statx status {};
+  int looks = 0;
+  for (std::size_t end = path.find('/', start); end != path.npos; end = path.find('/', end + 1))
+    if (++looks > kMostLooks || !LookAt(path.substr(0, end).c_str(), status) ||
+        !S_ISDIR(status.stx_mode))
+      return false;
+  if (!LookAt(path.c_str(), status)) return false;
+  const auto time = [](const statx_timestamp& from) {
+    return Nanoseconds(timespec{.tv_sec = from.tv_sec, .tv_nsec = from.tv_nsec});
+  };
+  return facts_ == Facts{.directory = S_ISDIR(status.stx_mode),
+                         .size = status.stx_size,
+                         .modified = time(status.stx_mtime),
+                         .device = makedev(status.stx_dev_major, status.stx_dev_minor),
+                         .node = status.stx_ino,
+                         .changed = time(status.stx_ctime),
+                         .rights = status.stx_mode,
+                         .owner = status.stx_uid,
+                         .group = status.stx_gid};
 }
+
+namespace {
 
 std::optional<ZrFile::Entry> EntryOf(int directory, const char* name) {
   using Kind = ZrFile::Entry::Kind;
@@ -211,6 +247,7 @@ std::shared_ptr<const ZrDirectory> ZrDirectory::Open(std::string_view directory)
   ThrowWhenNobodyLooked(start);
   struct stat status {};
   if (!start.IsOpen() || ::fstat(start.Get(), &status) != 0) return nullptr;
+  if (!path.ends_with('/')) path += '/';
   return std::shared_ptr<const ZrDirectory>(
       new ZrDirectory(std::move(start), std::move(path), status.st_dev, status.st_ino));
 }
