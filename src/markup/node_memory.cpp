@@ -191,18 +191,18 @@ void NodeStore::Release(std::uint64_t count) noexcept {
   if (users_.fetch_sub(count, std::memory_order_acq_rel) == count) delete this;
 }
 
-void NodeStore::Free(Chunk* chunk, bool large) noexcept {
-  if (large)
-    spareChunks.Keep(chunk);
+void NodeStore::Free(Chunk* chunk, std::uint64_t pieces) noexcept {
+  if ((pieces & kClass) != 0)
+    spareChunks.Keep(chunk, static_cast<unsigned>(pieces >> kClassShift) - 1);
   else
     std::free(chunk);
 }
 
 void NodeStore::Drop(Chunk* chunk, std::uint64_t count) noexcept {
   const std::uint64_t left = chunk->pieces.fetch_sub(count, std::memory_order_acq_rel) - count;
-  if (left != 0 && left != kLarge) return;
+  if ((left & ~kClass) != 0) return;
   NodeStore* const store = chunk->store;
-  Free(chunk, left == kLarge);
+  Free(chunk, left);
   store->Release(1);
 }
 
@@ -230,7 +230,7 @@ void NodeStore::LetGoAll() noexcept {
 void NodeStore::LetGoEmpty() noexcept {
   for (Chunk* chunk = held_; chunk != nullptr;) {
     Chunk* const next = chunk->next;
-    if ((chunk->pieces.load(std::memory_order_relaxed) & ~kLarge) == kHeld) LetGo(chunk);
+    if ((chunk->pieces.load(std::memory_order_relaxed) & ~kClass) == kHeld) LetGo(chunk);
     chunk = next;
   }
 }
@@ -251,11 +251,11 @@ void NodeStore::FreeAllBut(const void* piece) noexcept {
   std::uint64_t freed = 0;
   for (Chunk* chunk = std::exchange(held_, nullptr); chunk != nullptr;) {
     Chunk* const next = chunk->next;
-    const std::uint64_t large = chunk->pieces.load(std::memory_order_acquire) & kLarge;
+    const std::uint64_t pieces = chunk->pieces.load(std::memory_order_acquire);
     if (chunk == kept) {
-      chunk->pieces.store(large | 1, std::memory_order_relaxed);
+      chunk->pieces.store((pieces & kClass) | 1, std::memory_order_relaxed);
     } else {
-      Free(chunk, large != 0);
+      Free(chunk, pieces);
       ++freed;
     }
     chunk = next;
@@ -273,11 +273,13 @@ namespace {
 
 // The chunks of a large document lie in large pages: fetching small ones one by one took a third of
 // the time to read ten megabytes.
-void* AllocateChunk(std::size_t size, bool large) {
-  void* memory = large ? spareChunks.Take() : std::malloc(size);
-  if (large && memory == nullptr) {
+void* AllocateChunk(std::size_t size, unsigned chunkClass) {
+  void* memory = chunkClass != SpareChunks::kClasses ? spareChunks.Take(chunkClass) : nullptr;
+  if (memory == nullptr && size == kLargePage) {
     memory = std::aligned_alloc(kLargePage, size);
     if (memory != nullptr) PreferLargePages(memory, size);
+  } else if (memory == nullptr) {
+    memory = std::malloc(size);
   }
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
@@ -288,10 +290,13 @@ void* AllocateChunk(std::size_t size, bool large) {
 void NodePool::Renew(std::size_t size) {
   const std::size_t room = std::max(chunkSize_, size + kHead);
   chunkSize_ = std::min(chunkSize_ * 2, kLargestChunk);
-  const bool large = room == kLargePage;
-  char* const memory = static_cast<char*>(AllocateChunk(room, large));
+  const unsigned chunkClass = SpareChunks::ClassOf(room);
+  char* const memory = static_cast<char*>(AllocateChunk(room, chunkClass));
   Retire();
-  chunk_ = store_->MakeChunk(memory, NodeStore::kInUse + (large ? NodeStore::kLarge : 0));
+  std::uint64_t pieces = NodeStore::kInUse;
+  if (chunkClass != SpareChunks::kClasses)
+    pieces |= (std::uint64_t{chunkClass} + 1) << NodeStore::kClassShift;
+  chunk_ = store_->MakeChunk(memory, pieces);
   // The first piece's lead lies in the block before it, behind the head of the chunk.
   static_assert(sizeof(Chunk) + kLead <= kHead);
   next_ = memory + kHead;
@@ -300,7 +305,7 @@ void NodePool::Renew(std::size_t size) {
 }
 
 void* NodePool::CutAlone(std::size_t size) {
-  char* const memory = static_cast<char*>(AllocateChunk(kHead + size, false));
+  char* const memory = static_cast<char*>(AllocateChunk(kHead + size, SpareChunks::kClasses));
   void* const piece = memory + kHead;
   LeadOf(piece) = store_->MakeChunk(memory, 1);
   return piece;

@@ -55,7 +55,8 @@ class NodeStore {
 
   struct Chunk {
     // Those not yet freed, with kInUse while the pool cuts from it and kHeld as long as the store
-    // is not parted; above them kLarge or nothing.
+    // is not parted; above them, in kClass, one more
+    // than its class among the spare chunks, nothing for one of another size.
     std::atomic<std::uint64_t> pieces;
     NodeStore* store;
     Chunk* next;  // of those held
@@ -63,7 +64,8 @@ class NodeStore {
   };
   static constexpr std::uint64_t kInUse = std::uint64_t{1} << 32;
   static constexpr std::uint64_t kHeld = std::uint64_t{1} << 40;
-  static constexpr std::uint64_t kLarge = std::uint64_t{1} << 48;  // of kLargePage bytes
+  static constexpr unsigned kClassShift = 48;
+  static constexpr std::uint64_t kClass = ~std::uint64_t{0} << kClassShift;
 
   enum class State {
     kParted,
@@ -74,7 +76,7 @@ class NodeStore {
   NodeStore() = default;
   ~NodeStore();
   static void Drop(Chunk* chunk, std::uint64_t count) noexcept;
-  static void Free(Chunk* chunk, bool large) noexcept;
+  static void Free(Chunk* chunk, std::uint64_t pieces) noexcept;
   Chunk* MakeChunk(void* memory, std::uint64_t pieces) noexcept;
   void LetGo(Chunk* chunk) noexcept;
   void LetGoAll() noexcept;

@@ -8,20 +8,23 @@ zr::SpareChunks::~SpareChunks() {
   if (IsForkOfThreads()) return;  // the lock may be held for ever
   ZrLock hold(lock_);
   closed_ = true;
-  while (count_ > 0) std::free(chunks_[--count_]);
+  for (Kept& kept : kept_)
+    while (kept.count > 0) std::free(kept.chunks[--kept.count]);
 }
 
-void* zr::SpareChunks::Take() noexcept {
+void* zr::SpareChunks::Take(unsigned chunkClass) noexcept {
   ZrLock hold(lock_);
-  return count_ == 0 ? nullptr : chunks_[--count_];
+  Kept& kept = kept_[chunkClass];
+  return kept.count == 0 ? nullptr : kept.chunks[--kept.count];
 }
 
-void zr::SpareChunks::Keep(void* chunk) noexcept {
+void zr::SpareChunks::Keep(void* chunk, unsigned chunkClass) noexcept {
   {
     ZrLock hold(lock_);
-    if (!closed_ && count_ < kMost) {
-      LendPages(chunk, kLargePage);
-      chunks_[count_++] = chunk;
+    Kept& kept = kept_[chunkClass];
+    if (!closed_ && kept.count < Most(chunkClass)) {
+      if (chunkClass == kClasses - 1) LendPages(chunk, kLargePage);
+      kept.chunks[kept.count++] = chunk;
       return;
     }
   }
