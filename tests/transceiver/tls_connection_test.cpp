@@ -79,7 +79,8 @@ struct Stepped {
     return connection->WantsOutput();
   }
 
-  TransceiverBed bed;
+  zrtest::ManualClock clock;  // a pass of writing may be over by its time, too
+  TransceiverBed bed{clock};
   zrtest::ScriptedLine line;
   zrtest::TlsPeer peer{line};
   std::shared_ptr<ZrSocketIPvx> socket = std::make_shared<ZrSocketIPvx>(line);
