@@ -249,7 +249,7 @@ bool ZrTlsEngine::HasBufferedInput() const {
 
 ZrTlsWriteResult ZrTlsEngine::Write(std::string_view bytes, bool more) {
   if (IsBroken()) return {ZrTlsWriteStatus::kFailed, 0};
-  transport_.Gather(more);
+  Gather(more);
   // Nothing is encrypted that could not be kept: so a write never stops half-way for want of room.
   if (transport_.Unsent() >= ZrTlsTransport::kGather) {
     const ZrTlsWriteStatus flushed = FlushTransport();
@@ -264,6 +264,18 @@ ZrTlsWriteResult ZrTlsEngine::Write(std::string_view bytes, bool more) {
   if (status != ZrTlsWriteStatus::kDone) return {status, 0};
   idleRecords_ = 0;
   return {status, static_cast<std::size_t>(count)};
+}
+
+// OpenSSL has a buffer for records, too, and keeps it between those of one answer.
+void ZrTlsEngine::Gather(bool more) {
+  if (keepsBuffer_ != more) {
+    if (more)
+      SSL_clear_mode(ssl_.get(), SSL_MODE_RELEASE_BUFFERS);
+    else
+      SSL_set_mode(ssl_.get(), SSL_MODE_RELEASE_BUFFERS);
+    keepsBuffer_ = more;
+  }
+  transport_.Gather(more);
 }
 
 ZrTlsWriteStatus ZrTlsEngine::Flush() {

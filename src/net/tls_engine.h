@@ -149,12 +149,14 @@ class ZrTlsEngine {
   static void OnRecord(int isWritten, int version, int type, const void* bytes, std::size_t length,
                        ssl_st* ssl, void* engine);
   void CountIdleRecord();
+  void Gather(bool more);
 
   ZrTlsTransport transport_;                              // outlives ssl_, which writes through it
   std::unique_ptr<bio_method_st, MethodDeleter> method_;  // likewise
   std::unique_ptr<ssl_st, SslDeleter> ssl_;
   int idleRecords_ = 0;       // since data moved, either way
   int idleInTurn_ = 0;        // in this turn, whatever lay between them
+  bool keepsBuffer_ = false;  // of OpenSSL, for the next record
   bool established_ = false;  // as the counting has seen it
   bool tooManyIdle_ = false;
   bool broken_ = false;

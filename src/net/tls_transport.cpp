@@ -3,11 +3,40 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <new>
 #include <utility>
+
+#include "base/workbench.h"
+
+namespace {
+
+// The memory of one lot, which a thread that writes one answer after the other has at hand.
+struct Spare {
+  std::unique_ptr<char[]> memory;
+};
+
+}  // namespace
+
+void ZrTlsTransport::TakeMemory() {
+  if (kept_ != nullptr) return;
+  if (ZrWorkbench* const workbench = ZrWorkbench::Current())
+    kept_ = std::move(workbench->Of<Spare>().memory);
+  if (kept_ == nullptr) kept_ = std::make_unique_for_overwrite<char[]>(kMostUnsent);
+}
+
+// An idle connection holds no memory here.
+void ZrTlsTransport::ReleaseMemory() noexcept try {
+  if (kept_ == nullptr) return;
+  if (ZrWorkbench* const workbench = ZrWorkbench::Current())
+    workbench->Of<Spare>().memory = std::move(kept_);
+  kept_.reset();
+} catch (const std::bad_alloc&) {
+  kept_.reset();  // there is none for a place to keep it
+}
 
 void ZrTlsTransport::Keep(std::string_view bytes) {
   if (bytes.empty()) return;
-  if (kept_ == nullptr) kept_ = std::make_unique_for_overwrite<char[]>(kMostUnsent);
+  TakeMemory();
   if (end_ + bytes.size() > kMostUnsent) {
     std::memmove(kept_.get(), kept_.get() + begin_, Unsent());
     end_ -= std::exchange(begin_, 0);
@@ -20,8 +49,8 @@ void ZrTlsTransport::Forget(std::size_t bytes) noexcept {
   begin_ += bytes;
   if (begin_ != end_) return;
   begin_ = end_ = 0;
-  // An idle connection holds no memory here; one in the middle of a download keeps its own.
-  if (!gathering_) kept_.reset();
+  // In the middle of a download it is needed again at once.
+  if (!gathering_) ReleaseMemory();
 }
 
 ZrIoResult ZrTlsTransport::Die(int error) noexcept {
@@ -60,7 +89,7 @@ ZrIoResult ZrTlsTransport::Flush() {
     sent_ += result.count;
     Forget(result.count);
   }
-  if (!gathering_) kept_.reset();
+  if (!gathering_) ReleaseMemory();
   return {};
 }
 

@@ -72,6 +72,8 @@ class ZrTlsTransport {
  private:
   std::string_view Kept() const noexcept { return {kept_.get() + begin_, Unsent()}; }
   void Keep(std::string_view bytes);
+  void TakeMemory();
+  void ReleaseMemory() noexcept;
   void Forget(std::size_t bytes) noexcept;
   ZrIoResult Failed() const noexcept { return {ZrIoStatus::kFailed, 0, error_}; }
   ZrIoResult Die(int error) noexcept;

@@ -287,6 +287,7 @@ void ZrIoLoops::OnPeerFinished(ZrIoRegistration& registration) {
 
 void ZrIoLoops::SendLoop(ZrIoTeam::Member& member) {
   std::vector<Ready> ready;
+  const ZrWorkbench workbench;
   while (member.Next(ready, ZrIoTeam::kForEver)) {
     if (flushAll_.exchange(false)) {
       try {
