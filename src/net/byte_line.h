@@ -19,9 +19,7 @@
 class ZrByteLine {
  public:
   virtual ~ZrByteLine() = default;
-  /// With `more` set the bytes of another call follow at once: the line may send both together.
-  virtual ZrIoResult Send(std::string_view bytes, bool more) = 0;
-  ZrIoResult Send(std::string_view bytes) { return Send(bytes, false); }
+  virtual ZrIoResult Send(std::string_view bytes) = 0;
   virtual ZrIoResult SendPieces(std::span<const std::string_view> pieces) = 0;
   /// kDone with count 0 is the end of the file.
   virtual ZrIoResult SendFile(const ZrFile& file, std::uint64_t offset, std::size_t length) = 0;
@@ -34,10 +32,7 @@ class ZrByteLine {
 class ZrSocketLine final : public ZrByteLine {
  public:
   explicit ZrSocketLine(const ZrDescriptor& socket) noexcept : socket_(socket) {}
-  using ZrByteLine::Send;
-  ZrIoResult Send(std::string_view bytes, bool more) override {
-    return zr::SendBytes(socket_.Get(), bytes, more);
-  }
+  ZrIoResult Send(std::string_view bytes) override { return zr::SendBytes(socket_.Get(), bytes); }
   ZrIoResult SendPieces(std::span<const std::string_view> pieces) override {
     return zr::SendPieces(socket_.Get(), pieces);
   }

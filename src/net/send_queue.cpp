@@ -117,7 +117,7 @@ ZrSendQueue::Sent ZrSendQueue::SendFront(ZrByteLine& line, std::size_t& count, F
 
 ZrSendQueue::Sent ZrSendQueue::SendBytes(ZrByteLine& line, std::string_view bytes,
                                          std::size_t& count) {
-  return Result(line.Send(bytes, Bytes() > bytes.size()), bytes.size(), count);
+  return Result(line.Send(bytes), bytes.size(), count);
 }
 
 // The line may have taken less than was asked for because the file is shorter: the next call tells.

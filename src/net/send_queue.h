@@ -29,7 +29,7 @@ class ZrSendQueue {
       : budget_(std::move(budget)) {}
 
   /// What one call sends of a file that may be waited for, at most, in bytes.
-  static constexpr std::uint64_t kFilePiece = std::uint64_t{256} * 1024;
+  static constexpr std::uint64_t kFilePiece = std::uint64_t{128} * 1024;
   /// Which bytes of a file a writer takes.
   enum class Files {
     kMayWait,  ///< Those that come next; it waits for the disk where they are not in memory.

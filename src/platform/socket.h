@@ -122,9 +122,8 @@ ZrDescriptor ConnectTo(const ZrSocketAddress& address, std::chrono::milliseconds
 /// The kind of an error number of ConnectTo(); never kNone.
 ZrConnectFailure ConnectFailureOf(int error);
 
-/// Sends what the socket takes of the bytes now. A peer that is gone is kClosed. With `more` set
-/// the system may keep them for a moment, to send them with those of the next call.
-ZrIoResult SendBytes(int socket, std::string_view bytes, bool more = false);
+/// Sends what the socket takes of the bytes now. A peer that is gone is kClosed.
+ZrIoResult SendBytes(int socket, std::string_view bytes);
 /// The same for several pieces in one call; at most kMostPieces of them are looked at.
 inline constexpr std::size_t kMostPieces = 16;
 ZrIoResult SendPieces(int socket, std::span<const std::string_view> pieces);

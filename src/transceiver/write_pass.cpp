@@ -6,5 +6,4 @@ ZrWritePass::ZrWritePass(const ZrClock& clock)
     : clock_(clock),
       files_(ZrReceivePass::IsUnderWay() ? ZrSendQueue::Files::kAtHand
                                          : ZrSendQueue::Files::kMayWait),
-      budget_(files_ == ZrSendQueue::Files::kAtHand ? kReceiveBudget : kSendBudget),
       end_(clock.MonotonicNs() + kLongest) {}

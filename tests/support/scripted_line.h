@@ -35,8 +35,7 @@ class ScriptedLine : public ZrByteLine {
   }
   ScriptedLine* Peer() const { return peer_; }
 
-  using ZrByteLine::Send;
-  ZrIoResult Send(std::string_view bytes, bool /*more*/) override {
+  ZrIoResult Send(std::string_view bytes) override {
     if (++sends == failSendAt) return Break();
     if (broken) return {ZrIoStatus::kClosed, 0, EPIPE};
     const std::size_t count = std::min({bytes.size(), room, piece});

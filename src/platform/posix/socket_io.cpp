@@ -59,11 +59,10 @@ ZrWaitStatus WaitOne(int descriptor, short events, milliseconds limit) {
 
 namespace zr {
 
-ZrIoResult SendBytes(int socket, std::string_view bytes, bool more) {
-  const int flags = MSG_NOSIGNAL | (more ? MSG_MORE : 0);
+ZrIoResult SendBytes(int socket, std::string_view bytes) {
   ssize_t count = 0;
   do {
-    count = ::send(socket, bytes.data(), bytes.size(), flags);
+    count = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   } while (count < 0 && errno == EINTR);
   return count < 0 ? Failure(errno) : Done(count);
 }
