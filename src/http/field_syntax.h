@@ -26,7 +26,8 @@ constexpr bool IsTokenByte(char c) { return LowerTokenByte(c) != '\0'; }
 
 /// Whether the text is a token: a method, a name of a field.
 constexpr bool IsToken(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), IsTokenByte);
+  return !text.empty() && std::all_of(
+                              text.begin(), text.end(), [](char c) { return IsTokenByte(c); });
 }
 
 /// Whether the text can be the value of a field: without NUL, CR and LF.

@@ -1,5 +1,6 @@
 #include "http/message_head.h"
 
+#include <array>
 #include <cstdlib>
 #include <utility>
 
@@ -15,6 +16,29 @@ namespace {
 constexpr std::uint32_t kStateAlmostComplete = 5;
 
 constexpr std::int64_t kTicksPerMicrosecond = 10;
+
+/// A name of a field in lower case, in place where it has a usual length; empty for what is no
+/// token.
+class LowerToken {
+ public:
+  explicit LowerToken(std::string_view name) {
+    char* to = few_.data();
+    if (name.size() > few_.size()) to = (many_ = name).data();
+    text_ = {to, name.size()};
+    for (const char c : name) {
+      *to = zr::LowerTokenByte(c);
+      if (*to++ == '\0') text_ = {};
+    }
+  }
+  LowerToken(const LowerToken&) = delete;
+  LowerToken& operator=(const LowerToken&) = delete;
+  std::string_view Text() const { return text_; }
+
+ private:
+  std::array<char, 40> few_;
+  std::string many_;
+  std::string_view text_;
+};
 
 }  // namespace
 
@@ -70,21 +94,26 @@ void ZrXHeader::SetStatus(std::uint64_t code) {
 }
 
 bool ZrXHeader::SetField(std::string_view name, std::string_view value) {
-  if (!zr::IsToken(name) || !zr::IsFieldValue(value)) return false;
-  if (headers.contains(zr::LowerCase(name))) {
+  const LowerToken lower(name);
+  if (lower.Text().empty() || !zr::IsFieldValue(value)) return false;
+  if (headers.contains(lower.Text())) {
     ZrHeaderFields others;
     for (const auto& [other, values] : headers) {
-      if (zr::EqualsIgnoringCase(name, other)) continue;
+      if (zr::EqualsIgnoringCase(lower.Text(), other)) continue;
       for (const std::string_view kept : values) others.Append(other, kept);
     }
+    others.Append(lower.Text(), value);  // which may be one of those that go
     headers = std::move(others);
+  } else {
+    headers.Append(lower.Text(), value);
   }
-  return AddField(name, value);
+  return true;
 }
 
 bool ZrXHeader::AddField(std::string_view name, std::string_view value) {
-  if (!zr::IsToken(name) || !zr::IsFieldValue(value)) return false;
-  headers.Append(zr::LowerCase(name), value);
+  const LowerToken lower(name);
+  if (lower.Text().empty() || !zr::IsFieldValue(value)) return false;
+  headers.Append(lower.Text(), value);
   return true;
 }
 
