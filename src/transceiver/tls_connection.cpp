@@ -131,7 +131,8 @@ ZrTransceiverConnection::Output ZrTransceiverConnection_SSLAddon::WriteStep() {
   const std::uint64_t before = engine_->Sent();
   Status status = Status::kDone;
   std::array<char, ZrTlsEngine::kRecord> space;
-  for (ZrWritePass pass(Clock()); !pass.IsOver() && status == Status::kDone;) {
+  for (ZrWritePass pass(Clock(), ZrWritePass::kEncryptedBudget);
+       !pass.IsOver() && status == Status::kDone;) {
     const std::string_view bytes = FrontView(pass, space).substr(0, ZrTlsEngine::kRecord);
     if (bytes.empty()) break;
     const ZrTlsWriteResult result = engine_->Write(bytes, QueuedBytes() > bytes.size());
