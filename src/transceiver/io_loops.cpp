@@ -396,15 +396,16 @@ bool ZrIoLoops::EndOutputWhenDone(ZrTransceiverConnection& connection,
       wanted = true;
     }
   }
-  return WatchOutput(registration, wanted);
+  return WatchOutput(connection, registration, wanted);
 }
 
-bool ZrIoLoops::WatchOutput(ZrIoRegistration& registration, bool wanted) {
+bool ZrIoLoops::WatchOutput(ZrTransceiverConnection& connection, ZrIoRegistration& registration,
+                            bool wanted) {
   if (wanted == registration.output.watched) return true;
   if (!wanted) {
     registration.output.lane->Leave(registration);
     return true;
   }
-  senders_.Enter(registration.connection->Bound());
+  senders_.Enter(connection.Bound());
   return registration.output.lane->Watch(registration, ZrInterest::kWrite);
 }

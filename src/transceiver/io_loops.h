@@ -12,6 +12,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/memory_budget.h"
@@ -77,6 +78,7 @@ class ZrIoLoops {
   using ReadySpan = std::span<const Ready>;
   // Where the budget tells of room; shares of it may outlive the loops.
   struct Bell {
+    explicit Bell(std::shared_ptr<ZrIoLane> of) : lane(std::move(of)) {}
     const std::shared_ptr<ZrIoLane> lane;  // of the receive job's own thread
     std::atomic<bool> rung{false};
     void Ring() noexcept {
@@ -113,7 +115,8 @@ class ZrIoLoops {
   bool EndOutputWhenDone(ZrTransceiverConnection& connection, ZrIoRegistration& registration)
       ZR_REQUIRES(connection.Lock());
   /// No: it is wanted, and the system does not watch it.
-  bool WatchOutput(ZrIoRegistration& registration, bool wanted);
+  bool WatchOutput(ZrTransceiverConnection& connection, ZrIoRegistration& registration, bool wanted)
+      ZR_REQUIRES(connection.Lock());
 
   // Constant after construction.
   ZrRinvalScheduler2& scheduler_;
