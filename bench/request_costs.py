@@ -23,15 +23,17 @@ CONNECTIONS = 8
 FEW, MANY = 400, 2400
 TIME_LIMIT = 120
 
+ATTEMPTS = 3
+
 # user instructions, allocations, mutexes, system calls; see docs/performance.md. What a pass of receiving costs is
-# divided by its requests, so on a busy machine, where a pass has only one, the figures are these, and else lower.
+# divided by its requests: on a busy machine a pass has only one or two.
 BUDGETS = {
-    "plain": (14_000, 10, 20, 6),
-    "tls": (34_000, 15, 20, 8),
-    "404": (14_000, 6, 18, 4),
-    "standard": (18_500, 12, 20, 6),  # "plain" in standard semantics
-    "standard 404": (19_500, 8, 18, 4),
-    "standard 304": (19_500, 16, 24, 6),
+    "plain": (14_000, 4, 16, 4.5),
+    "tls": (34_000, 14, 16, 4.5),
+    "404": (14_000, 4, 16, 4),
+    "standard": (18_500, 4, 16, 4.5),  # "plain" in standard semantics
+    "standard 404": (19_500, 4, 16, 4),
+    "standard 304": (19_500, 4, 16, 4.5),
 }
 
 
@@ -132,6 +134,19 @@ def system_calls(velkoro, folder, workload, requests):
     return [int(re.findall(r"^\s*(\d+)\s+total", out.read_text(), re.M)[0])]
 
 
+def least(measure, budget):
+    """What a request costs by that measure. Others on the machine only add to it, as a pass has fewer requests then:
+    figures over their budget are taken again."""
+    figures = []
+    for _ in range(ATTEMPTS):
+        few, many = measure(FEW), measure(MANY)
+        now = [(b - a) / (MANY - FEW) for a, b in zip(few, many)]
+        figures = [min(pair) for pair in zip(figures, now)] if figures else now
+        if all(figure <= most for figure, most in zip(figures, budget)):
+            break
+    return figures
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("velkoro", type=pathlib.Path)
@@ -152,10 +167,9 @@ def main():
             for measure in (lambda n: instructions(options.velkoro, folder, workload, n, options.openat2_calls),
                             lambda n: counted_calls(options.velkoro, folder, workload, n, options.count_calls),
                             lambda n: system_calls(options.velkoro, folder, workload, n)):
-                few, many = measure(FEW), measure(MANY)
-                figures += [(b - a) / (MANY - FEW) for a, b in zip(few, many)]
+                figures += least(measure, budget[len(figures):])
             cells = []
-            for figure, most in zip(figures, budget or figures):
+            for figure, most in zip(figures, budget):
                 over = over or figure > most
                 cells.append(f"{figure:,.{0 if figure > 1000 else 1}f}{' over ' + str(most) if figure > most else ''}")
             print(f"| {workload} | {' | '.join(cells)} |", flush=True)

@@ -46,7 +46,8 @@ TEST(Parse, XmlTokensBecomeNodes) {
 
 // Words, names and values of every length around those where they are read or kept in another way.
 TEST(Parse, TokensOfAnyLengthAreKept) {
-  for (const std::size_t size : {1, 7, 8, 9, 14, 15, 16, 17, 31, 32, 33, 1024, 1025, 40'000}) {
+  for (const std::size_t size : std::initializer_list<std::size_t>{1, 7, 8, 9, 14, 15, 16, 17, 31,
+                                                                   32, 33, 1024, 1025, 40'000}) {
     const std::string word = Repeated("n", size);
     const std::string other = Repeated("n", size - 1) + "o";  // differs in the last byte only
     const std::string tag = word + " " + other + "='" + word + "' " + word + "='" + other + "'";
