@@ -85,10 +85,14 @@ struct ZrWorkbenchAllocator {
   template <class Other>
   ZrWorkbenchAllocator(const ZrWorkbenchAllocator<Other>&) noexcept {}
   Thing* allocate(std::size_t count) {
-    return static_cast<Thing*>(ZrWorkbench::Take(count * sizeof(Thing)));
+    return static_cast<Thing*>(ZrWorkbench::Take(Bytes(count)));
   }
   void deallocate(Thing* things, std::size_t count) noexcept {
-    ZrWorkbench::Release(things, count * sizeof(Thing));
+    ZrWorkbench::Release(things, Bytes(count));
+  }
+  /// Of so many things in a row, which may be pointers.
+  static constexpr std::size_t Bytes(std::size_t count) {
+    return count * sizeof(std::array<Thing, 1>);
   }
   template <class Other>
   bool operator==(const ZrWorkbenchAllocator<Other>&) const noexcept {
