@@ -165,6 +165,26 @@ void DeliverBatch(benchmark::State& state) {
 }
 BENCHMARK(DeliverBatch)->Arg(1)->Arg(8)->Arg(64)->ThreadRange(1, 4)->UseRealTime();
 
+// Batches of eight to one server from several threads. They take turns at it: one that finds the
+// server occupied would leave its events to the delivery thread.
+void DeliverInTurn(benchmark::State& state) {
+  static ZrMutex turn;
+  static std::shared_ptr<CountingJob> server;
+  static std::vector<ZrJobEvent> events;
+  if (state.thread_index() == 0) {
+    server = zr::MakeJob<CountingJob>();
+    server->CreateJoinedTask("");
+    events.assign(8, DataArrived(server->JobName()));
+  }
+  for (auto _ : state) {
+    const ZrLock hold(turn);
+    ZrJobRegistry::Instance().Deliver(server->JobName(), events);
+  }
+  state.SetItemsProcessed(state.iterations() * 8);
+  if (state.thread_index() == 0) server = nullptr;
+}
+BENCHMARK(DeliverInTurn)->ThreadRange(1, 4)->UseRealTime();
+
 // One event over the delivery thread and the wait for it: two wake-ups.
 void PostRoundTrip(benchmark::State& state) {
   const auto job = zr::MakeJob<CountingJob>();
