@@ -83,9 +83,6 @@ struct ServerOptions {
   bool openBrowser = false;
   /// The threads that handlers run on; 0: one for each core. They are started as they are needed.
   std::size_t handlerThreads = 0;
-  /// The most threads that move the bytes of connections, for each direction; at most 16, and 0:
-  /// one for each core. One is there always, the others come with the load and go with it.
-  std::size_t connectionThreads = 0;
   /// A request that no handler has answered after this time, waiting for a thread included, is
   /// answered with 503, and what the handler says later is dropped. 0: never.
   std::chrono::milliseconds handlerLimit = std::chrono::seconds(60);

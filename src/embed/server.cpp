@@ -218,7 +218,6 @@ class [[gnu::visibility("hidden")]] Server::Running {
     }
     ZrOptionMap settings;
     settings.Set("no_browser_popup", "true");
-    settings.Set("io_threads", std::to_string(options_.connectionThreads));
     if (!options_.directory.empty()) {
       settings.Set("_baseDirectoryHTTP",
                    zr::NormalizeDirectoryPath(zr::AbsolutePath(options_.directory)));
