@@ -23,7 +23,7 @@ CONNECTIONS = 8
 FEW, MANY = 400, 2400
 TIME_LIMIT = 120
 
-ATTEMPTS = 3
+ATTEMPTS = 5
 
 # user instructions, allocations, mutexes, system calls; see docs/performance.md. What a pass of receiving costs is
 # divided by its requests: on a busy machine a pass has only one or two.
