@@ -148,8 +148,11 @@ void ZrIoLoops::ReceiveLoop(ZrIoTeam::Member& member) {
     const auto opening = std::partition(ready.begin(), ready.end(), [](const Ready& one) {
       return !one.registration->connection->IsOpening();
     });
-    ReceiveAll(pass, member.Lane(), {ready.begin(), opening});
-    pass.HandOut(remove_);
+    // A pass with nobody in it lets go of what is kept: one with new connections alone is none.
+    if (opening != ready.begin() || ready.empty()) {
+      ReceiveAll(pass, member.Lane(), {ready.begin(), opening});
+      pass.HandOut(remove_);
+    }
     if (opening != ready.end()) ReceiveOpening(pass, member.Lane(), {opening, ready.end()});
   }
 }

@@ -92,41 +92,59 @@ TEST(LineWriter, ASinkThatTakesNothingLosesWholeLinesOfAnyThreadAndSaysHowMany) 
   EXPECT_EQ(fifo.ReadAll(), "again\n");
 }
 
+/// A queue to a file of its own.
+class LogFile {
+ public:
+  LogFile() {
+    ZrLineSink sink;
+    EXPECT_EQ(ZrLineSink::OpenFile(path_, sink), 0);
+    queue_ = ZrLineWriter::Instance().Open(std::move(sink), "the log");
+  }
+  ~LogFile() { ZrLineWriter::Instance().Close(*queue_); }
+  ZrLineQueue& Lines() { return *queue_; }
+  void Push(const std::string& line) {
+    queue_->Push(line);
+    pushed_ += line + "\n";
+  }
+  /// Whether the file has what was pushed, and nothing else.
+  bool HasAll() const { return zrtest::ReadFile(path_) == pushed_; }
+
+ private:
+  zrtest::TemporaryFolder folder_;
+  const std::string path_ = folder_.Path("log");
+  std::shared_ptr<ZrLineQueue> queue_;
+  std::string pushed_;
+};
+
 TEST(LineWriter, ARestOfItsThreadLosesNoLine) {
-  const zrtest::TemporaryFolder folder;
-  ZrLineSink sink;
-  ASSERT_EQ(ZrLineSink::OpenFile(folder.Path("log"), sink), 0);
-  const auto queue = ZrLineWriter::Instance().Open(std::move(sink), "the log");
-  std::string expected;
+  LogFile log;
   std::atomic<bool> over = false;
   std::jthread writer([&] {
     for (int i = 0; i < 3000; ++i) {
-      queue->Push(std::to_string(i));
-      expected += std::to_string(i) + "\n";
-      if (i % 10 == 0) queue->Flush(10s);
+      log.Push(std::to_string(i));
+      if (i % 10 == 0) log.Lines().Flush(10s);
     }
     over = true;
   });
   while (!over) ZrLineWriter::Instance().Rest();
-  EXPECT_TRUE(queue->Flush(10s));
-  EXPECT_EQ(zrtest::ReadFile(folder.Path("log")), expected);
-  ZrLineWriter::Instance().Close(*queue);
+  writer.join();
+  EXPECT_TRUE(log.Lines().Flush(10s));
+  EXPECT_TRUE(log.HasAll());
 }
 
-// At any distance from the one before: in the pause behind its batch, at its end, and in silence.
+// However many pauses behind the one before: in that of its batch, at its end, and in silence. The
+// lines of another log, each written behind the pause of the one before, tell how time passes.
 TEST(LineWriter, ALineComesWithoutAnybodyWhoAsksForIt) {
-  const zrtest::TemporaryFolder folder;
-  ZrLineSink sink;
-  ASSERT_EQ(ZrLineSink::OpenFile(folder.Path("log"), sink), 0);
-  const auto queue = ZrLineWriter::Instance().Open(std::move(sink), "the log");
-  std::string expected;
-  for (int i = 0; i < 24; ++i) {
-    std::this_thread::sleep_for(ZrLineQueue::kPause * (i % 8) / 5);
-    queue->Push(std::to_string(i));
-    expected += std::to_string(i) + "\n";
-    ASSERT_TRUE(zrtest::WaitFor([&] { return zrtest::ReadFile(folder.Path("log")) == expected; }));
+  LogFile log;
+  LogFile other;
+  const auto push = [](LogFile& to) {
+    to.Push("line");
+    return zrtest::WaitFor([&] { return to.HasAll(); });
+  };
+  for (int pauses = 0; pauses < 12; ++pauses) {
+    ASSERT_TRUE(push(log));
+    for (int passed = 0; passed < pauses % 4; ++passed) ASSERT_TRUE(push(other));
   }
-  ZrLineWriter::Instance().Close(*queue);
 }
 
 TEST(LineWriter, AFullDiskIsSaidOnce) {

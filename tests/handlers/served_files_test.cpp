@@ -45,25 +45,18 @@ class ServedFiles : public testing::Test {
     using namespace std::filesystem;
     const auto at = [this](const char* path) { return folder_.Path(path); };
     const auto put = [this](const char* path, const char* text) { folder_.Write(path, text); };
+    const auto link = [=](const char* to, const char* text) {
+      put((std::string("site/") + to).c_str(), text);
+      remove(at("site/page"));
+      create_symlink(to, at("site/page"));
+    };
     return {
         {"replaced", [=] { put("new", "two"), rename(at("new"), at("site/page")); }, "two"},
         {"written over", [=] { put("site/page", "three"); }, "three"},
         {"written over with as many bytes", [=] { put("site/page", "other"); }, "other"},
         {"cut", [=] { resize_file(at("site/page"), 2); }, "ot"},
-        {"its place taken by a link",
-         [=] {
-           put("site/far", "six");
-           remove(at("site/page"));
-           create_symlink("far", at("site/page"));
-         },
-         "six"},
-        {"the link led elsewhere",
-         [=] {
-           put("site/near", "seven");
-           remove(at("site/page"));
-           create_symlink("near", at("site/page"));
-         },
-         "seven"},
+        {"its place taken by a link", [=] { link("far", "six"); }, "six"},
+        {"the link led elsewhere", [=] { link("near", "seven"); }, "seven"},
         {"removed", [=] { remove(at("site/page")); }, "-"},
         {"and back", [=] { put("site/page", "five"); }, "five"},
         {"start directory swapped",

@@ -68,10 +68,11 @@ std::span<const ZrReadiness> ZrPoller::Wait(nanoseconds limit) {
   std::array<epoll_event, kMostEvents> events;
   ready_.clear();
   const bool bounded = limit >= nanoseconds::zero();
-  const auto deadline = steady_clock::now() + (bounded ? limit : nanoseconds::zero());
+  const auto deadline = bounded ? steady_clock::now() + limit : steady_clock::time_point();
   int count = 0;
   for (;;) {
-    count = WaitOnce(poll_.Get(), events, deadline - steady_clock::now(), bounded);
+    count = WaitOnce(poll_.Get(), events,
+                     bounded ? deadline - steady_clock::now() : nanoseconds::zero(), bounded);
     if (count > 0) break;
     if (count < 0 && errno != EINTR) {
       // The host closed what is not its own: nothing will ever be ready, and no core burns for it.
