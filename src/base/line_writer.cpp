@@ -164,6 +164,11 @@ bool ZrLineQueue::IsStuck() {
   return stuck_ && IsPending();
 }
 
+bool ZrLineQueue::IsQuiet() {
+  const ZrLock hold(lock_);
+  return !attended_ && !IsPending();
+}
+
 bool ZrLineQueue::IsClosed() {
   const ZrLock hold(lock_);
   return closed_;

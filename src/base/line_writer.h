@@ -53,6 +53,9 @@ class ZrLineQueue {
   /// Waits until what is queued now was written or lost. No: the limit came first.
   bool Flush(std::chrono::milliseconds limit) ZR_EXCLUDES(lock_);
 
+  /// No pause lies ahead of it: its next line wakes the writer, which writes it at once.
+  bool IsQuiet() ZR_EXCLUDES(lock_);
+
  private:
   friend class ZrLineWriter;
   struct Kind {
